@@ -1,0 +1,62 @@
+#include "app/commands.h"
+
+#include "platform/nt_exception.h"
+
+#include <stdexcept>
+
+namespace qvx::app {
+
+namespace {
+
+void ReportIssues(std::FILE* AErr, const std::string& APath, const TChunkResult& AResult, uint64_t& AIssueCount) {
+  if (AResult.Truncated)
+    std::fprintf(AErr, "%s: chunk at offset %s is cut short by the end of the file; reading what is there\n",
+                 APath.c_str(), Hex(AResult.Position).c_str());
+  for (const TChunkIssue& issue : AResult.Issues) {
+    ++AIssueCount;
+    std::string record = issue.RecordId ? "record " + std::to_string(issue.RecordId) + " " : std::string("record ");
+    std::fprintf(AErr, "%s: chunk at offset %s: %sat chunk offset %s (file offset %s): %s\n", APath.c_str(),
+                 Hex(AResult.Position).c_str(), record.c_str(), Hex(issue.Offset).c_str(),
+                 Hex(AResult.Position + issue.Offset).c_str(), issue.Message.c_str());
+  }
+}
+
+} // namespace
+
+int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    TEvtxSource source(AOptions.Path, AOptions.Carve, AOptions.Order);
+    for (const std::string& notice : source.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
+    if (AOptions.Wrap) std::fputs("<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<Events>", AOut);
+    uint64_t records = 0, chunks = 0, issues = 0;
+    TChunkReader::Run(
+        source.Producer(),
+        [&](TChunkResult& AResult) {
+          ++chunks;
+          records += AResult.Records;
+          if (!AResult.Xml.empty()) std::fwrite(AResult.Xml.data(), 1, AResult.Xml.size(), AOut);
+          ReportIssues(AErr, AOptions.Path, AResult, issues);
+        },
+        AOptions.Threads);
+    if (AOptions.Wrap) std::fputs("\r\n</Events>\r\n", AOut);
+    std::fflush(AOut);
+    if (!AOptions.Quiet && (issues || source.Carving()))
+      std::fprintf(AErr, "%s: %llu records from %llu chunks%s; %llu records could not be read\n",
+                   AOptions.Path.c_str(), static_cast<unsigned long long>(records),
+                   static_cast<unsigned long long>(chunks), source.Carving() ? " found by scanning" : "",
+                   static_cast<unsigned long long>(issues));
+    if (std::ferror(AOut)) {
+      std::fprintf(AErr, "quorvex: error writing the output\n");
+      return 1;
+    }
+    return 0;
+  } catch (const ENTException& e) {
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return 1;
+  } catch (const std::exception& e) {
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return 1;
+  }
+}
+
+} // namespace qvx::app

@@ -1,0 +1,91 @@
+#include "app/evtx_source.h"
+
+#include "engine/evtx/evtx_layout.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+namespace qvx::app {
+
+std::string Hex(uint64_t AValue) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "0x%llX", static_cast<unsigned long long>(AValue));
+  return buf;
+}
+
+namespace {
+
+// Why a header that begins with the right signature was still refused.
+std::string HeaderFault(TEvtxFile& AFile) {
+  using namespace evtx;
+  if (AFile.VersionMajor() != 3 || AFile.VersionMinor() < 1)
+    return "unsupported format version " + std::to_string(AFile.VersionMajor()) + "." +
+           std::to_string(AFile.VersionMinor()) + " at offset " + Hex(kFileOfsMinorVersion);
+  if (AFile.HeaderPart1Len() != kFileHeaderReadSize)
+    return "header size " + std::to_string(AFile.HeaderPart1Len()) + " (expected 128) at offset " +
+           Hex(kFileOfsHeaderSize);
+  return "header block size " + std::to_string(AFile.HeaderLen()) + " (expected 4096) at offset " +
+         Hex(kFileOfsHeaderBlockSize);
+}
+
+} // namespace
+
+TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {
+  FRaw = TRawFile::Open(APath);
+  FFile = std::make_unique<TEvtxFile>(&FRaw);
+  if (!ACarve) {
+    if (!FFile->HeaderValid()) {
+      const auto& header = FFile->HeaderBytes();
+      if (header.size() < evtx::kFileHeaderReadSize)
+        throw std::runtime_error(APath + ": not an .evtx file: the file is " + std::to_string(FRaw.Size()) +
+                                 " bytes, shorter than the 128-byte file header (use --carve to search it for chunks)");
+      if (std::memcmp(header.data(), evtx::kFileMagic, evtx::kMagicCompareLength) != 0)
+        throw std::runtime_error(APath + ": not an .evtx file: no \"ElfFile\" signature at offset 0x0 "
+                                         "(use --carve to search it for chunks)");
+      FNotices.push_back(APath + ": file header not valid: " + HeaderFault(*FFile) +
+                         "; reading the chunks found by scanning the file");
+      FCarving = true;
+    } else if (FFile->Count() < 0) {
+      FNotices.push_back(APath + ": the header names " + std::to_string(FFile->ChunkCount()) + " chunks but " +
+                         std::to_string(FFile->ChunksFound()) +
+                         " follow it; reading the chunks found by scanning the file");
+      FCarving = true;
+    }
+  } else {
+    FCarving = true;
+  }
+  if (FCarving) {
+    FCarver.OpenFile(APath);
+    return;
+  }
+  for (int i = 0; i < FFile->Count(); ++i) FStarts.push_back(FFile->GetChunk(i)->Start);
+  if (AOrder == TChunkOrder::coFile) std::sort(FStarts.begin(), FStarts.end());
+}
+
+TChunkReader::TProducer TEvtxSource::Producer() {
+  return [this](TChunkJob& AJob) -> bool {
+    AJob.Bytes.resize(evtx::kChunkSize);
+    if (FCarving) {
+      for (;;) {
+        TCarvedChunk c = FCarver.GetNextChunk();
+        if (c.Result == TCarveResult::crEnd) return false;
+        if (c.Result == TCarveResult::crNoneInBlock) continue;
+        std::memcpy(AJob.Bytes.data(), c.Data, evtx::kChunkSize);
+        AJob.Position = c.Position;
+        return true;
+      }
+    }
+    if (FNext >= FStarts.size()) return false;
+    AJob.Position = FStarts[FNext++];
+    size_t got = FRaw.ReadAt(AJob.Position, AJob.Bytes.data(), evtx::kChunkSize);
+    if (got < evtx::kChunkSize) {
+      // A file cut short inside its last chunk: the records before the cut still read.
+      std::fill(AJob.Bytes.begin() + static_cast<ptrdiff_t>(got), AJob.Bytes.end(), 0);
+      AJob.Truncated = true;
+    }
+    return true;
+  };
+}
+
+} // namespace qvx::app

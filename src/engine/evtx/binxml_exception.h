@@ -1,0 +1,34 @@
+// EBinXMLLogReadingException: a fault inside one record's binary XML.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace qvx {
+
+class EBinXMLLogReadingException : public std::runtime_error {
+public:
+  // An empty message becomes "BinXML read error".
+  explicit EBinXMLLogReadingException(const std::string& AMessage)
+      : std::runtime_error(AMessage.empty() ? "BinXML read error" : AMessage) {}
+  EBinXMLLogReadingException(const std::string& AMessage, const std::string& ADetail)
+      : std::runtime_error(AMessage.empty() ? "BinXML read error" : AMessage), FDetail(ADetail) {}
+
+  // The inner fault when this one wraps another ("Root exception" wraps the fault
+  // met while rendering); empty otherwise.
+  const std::string& Detail() const { return FDetail; }
+
+private:
+  std::string FDetail;
+};
+
+// Every binary XML fault is raised here: one place to break on.
+[[noreturn]] void RaiseBinXml(const std::string& AMessage);
+
+// Raises EBinXMLLogReadingException with AMessage when ACondition is false.
+inline void Check(bool ACondition, const char* AMessage) {
+  if (!ACondition) [[unlikely]]
+    RaiseBinXml(AMessage);
+}
+
+} // namespace qvx

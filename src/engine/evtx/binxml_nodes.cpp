@@ -1,0 +1,626 @@
+#include "engine/evtx/binxml_nodes.h"
+
+#include "engine/evtx/binxml_exception.h"
+#include "engine/evtx/evtx_chunk.h"
+#include "engine/evtx/evtx_layout.h"
+#include "engine/evtx/variant_types.h"
+#include "platform/byte_reader.h"
+#include "platform/utf16.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qvx {
+
+// ---------------------------------------------------------------------------------
+// Arena
+
+void* TBXmlArena::Allocate(size_t ASize, size_t AAlign) {
+  size_t pad = (AAlign - reinterpret_cast<uintptr_t>(FCursor) % AAlign) % AAlign;
+  if (!FCursor || pad + ASize > FLeft) {
+    size_t blockSize = std::max<size_t>(32 * 1024, ASize + AAlign);
+    FBlocks.push_back(std::make_unique<std::byte[]>(blockSize));
+    FCursor = FBlocks.back().get();
+    FLeft = blockSize;
+    pad = (AAlign - reinterpret_cast<uintptr_t>(FCursor) % AAlign) % AAlign;
+  }
+  std::byte* p = FCursor + pad;
+  FCursor = p + ASize;
+  FLeft -= pad + ASize;
+  FTotal += ASize;
+  return p;
+}
+
+std::string_view TBXmlArena::CopyString(std::string_view AText) {
+  if (AText.empty()) return {};
+  char* p = static_cast<char*>(Allocate(AText.size(), 1));
+  std::memcpy(p, AText.data(), AText.size());
+  return {p, AText.size()};
+}
+
+TBXmlNodeCommon* TBXmlNodeCommon::GetNode(size_t AIndex) const {
+  TBXmlNodeCommon* n = FirstChild;
+  for (size_t i = 0; n && i < AIndex; ++i) n = n->Next;
+  return n;
+}
+
+size_t TBXmlNodeCommon::ChildCount() const {
+  size_t count = 0;
+  for (TBXmlNodeCommon* n = FirstChild; n; n = n->Next) ++count;
+  return count;
+}
+
+namespace {
+
+using namespace evtx;
+
+// ---------------------------------------------------------------------------------
+// Parsing: one TParser per token stream (a record's root, a template body, an
+// embedded fragment). It carries the open-element stack of that stream.
+
+struct TParser {
+  TEvtxChunk& Chunk;
+  const uint8_t* D; // the chunk's 65536 bytes
+  TBXmlArena& A;
+  int Depth;
+  bool InTemplate; // elements of a template definition carry a dependency identifier
+  bool TagState = false;
+  int Top = 0;
+  TBXmlChild01Node* Stack[kMaxBXmlDepth];
+
+  TParser(TEvtxChunk& AChunk, int ADepth, bool AInTemplate)
+      : Chunk(AChunk), D(AChunk.Data()), A(AChunk.Arena()), Depth(ADepth), InTemplate(AInTemplate) {
+    if (ADepth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
+  }
+};
+
+void Append(TBXmlNodeCommon* AParent, TBXmlNodeCommon* AChild) {
+  AChild->Parent = AParent;
+  if (AParent->LastChild) AParent->LastChild->Next = AChild;
+  else AParent->FirstChild = AChild;
+  AParent->LastChild = AChild;
+}
+
+// The name string at AOffset, decoded once and shared through the chunk's names.
+TBXmlNameStringNode* MakeNameString(TParser& P, uint32_t AOffset) {
+  if (TBXmlNameStringNode* known = P.Chunk.GetStringByPoint(AOffset)) return known;
+  TByteReader r(P.D, kChunkSize);
+  Check(r.Fits(AOffset, 8), "String: too short");
+  uint32_t count = r.ReadU16(AOffset + 6);
+  uint32_t size = 8 + 2 * count + 2;
+  Check(r.Fits(AOffset, size), "String: too short");
+  auto* node = P.A.New<TBXmlNameStringNode>();
+  node->Kind = TBXmlKind::bkNameString;
+  node->Offset = AOffset;
+  node->Size = node->Header = size;
+  node->Hash = r.ReadU16(AOffset + 4);
+  std::string text;
+  AppendUtf16(text, P.D + AOffset + 8, count);
+  node->Text = P.A.CopyString(text);
+  node->Valid = node->Prepared = true;
+  return P.Chunk.AddString(node);
+}
+
+uint32_t ParseStream(TParser& P, TBXmlNodeCommon* AParent, uint32_t AStart, uint32_t AEnd);
+TBXmlTemplateNode* MakeTemplate(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth);
+TBXmlRootNode* MakeRoot(TEvtxChunk& AChunk, uint32_t AStart, uint32_t ALength);
+void PrepareRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, int ADepth);
+
+template <typename T> T* NewNode(TParser& P, TBXmlKind AKind, uint8_t AToken, uint32_t AOffset) {
+  T* n = P.A.template New<T>();
+  n->Kind = AKind;
+  n->Token = AToken;
+  n->Offset = AOffset;
+  n->Valid = true;
+  n->Prepared = true;
+  return n;
+}
+
+// Reads a name offset at +1 and, when the name lies at or after the node, the inline
+// name string that follows; gives the bytes the name adds to the header.
+uint32_t ResolveName(TParser& P, TBXmlChild06Node* ANode, const char* ACannotMake) {
+  ANode->NameOffset = LoadU32(P.D + ANode->Offset + 1);
+  if (ANode->NameOffset >= ANode->Offset) {
+    Check(ANode->NameOffset < kChunkSize, ACannotMake);
+    ANode->Name = MakeNameString(P, ANode->NameOffset);
+    return ANode->Name->Size;
+  }
+  ANode->Name = P.Chunk.GetStringByPoint(ANode->NameOffset);
+  return 0;
+}
+
+// Creates, checks and prepares the node whose token is at AOffset; the stream it lies
+// in ends at AEnd (never past the chunk).
+TBXmlNodeCommon* ParseNode(TParser& P, TBXmlNodeCommon* AParent, uint32_t AOffset, uint32_t AEnd) {
+  const uint8_t* d = P.D;
+  const uint32_t avail = AEnd - AOffset;
+  const uint8_t tok = d[AOffset];
+  const uint8_t flags = tok >> 4;
+  switch (tok & 0x0F) {
+  case kTokEndOfStream: {
+    Check(tok < 0x10, "Node0: bad flags");
+    auto* n = NewNode<TBXmlChild00Node>(P, TBXmlKind::bkChild00, tok, AOffset);
+    n->Size = n->Header = 1;
+    // The values of the enclosing template instance begin right after it.
+    n->SubstStart = AOffset + 1;
+    return n;
+  }
+  case kTokOpenStartElement: {
+    // Only elements inside a template definition carry the u16 dependency identifier;
+    // raw fragments (embedded values, forwarded events) go straight to the data size.
+    const uint32_t fields = P.InTemplate ? 2 : 0;
+    Check(avail >= 9 + fields, "Node1: too short");
+    Check((flags & 0xB) == 0, "Node1: bad flags ");
+    auto* n = NewNode<TBXmlChild01Node>(P, TBXmlKind::bkChild01, tok, AOffset);
+    n->Dependency = P.InTemplate ? LoadU16(d + AOffset + 1) : 0xFFFF;
+    // The data size counts from after its own field through the closing 0x03/0x04 token.
+    // That last byte lies outside the node's size and is read by the enclosing stream;
+    // it still closes this element through the open-element stack.
+    uint64_t size = static_cast<uint64_t>(LoadU32(d + AOffset + 1 + fields)) + 4 + fields;
+    n->NameOffset = LoadU32(d + AOffset + 5 + fields);
+    n->Size = static_cast<uint32_t>(std::min<uint64_t>(size, avail));
+    n->Header = 9 + fields;
+    if (P.Top >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
+    P.Stack[P.Top++] = n;
+    P.TagState = true;
+    if (n->NameOffset >= AOffset) {
+      Check(n->NameOffset < kChunkSize, "String: too short");
+      n->Name = MakeNameString(P, n->NameOffset);
+      n->Header += n->Name->Size;
+    } else {
+      n->Name = P.Chunk.GetStringByPoint(n->NameOffset);
+    }
+    if (tok & kTokFlagMoreData) n->Header += 4; // attribute list size
+    Check(n->Header <= n->Size, "Node1: too short");
+    n->Data = n->Size - n->Header;
+    ++P.Depth;
+    if (P.Depth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
+    n->SubstStart = ParseStream(P, n, AOffset + n->Header, AOffset + n->Size);
+    --P.Depth;
+    return n;
+  }
+  case kTokCloseStartElement: {
+    Check(tok < 0x10, "Node2: bad flags");
+    auto* n = NewNode<TBXmlChild02Node>(P, TBXmlKind::bkChild02, tok, AOffset);
+    n->Size = n->Header = 1;
+    P.TagState = false;
+    if (AParent && AParent->Kind == TBXmlKind::bkChild01) static_cast<TBXmlChild01Node*>(AParent)->SawCloseStart = true;
+    return n;
+  }
+  case kTokCloseEmptyElement:
+  case kTokEndElement: {
+    bool empty = (tok & 0x0F) == kTokCloseEmptyElement;
+    Check(tok < 0x10, empty ? "Node3: bad flags" : "Node4: bad flags");
+    auto* n = empty ? static_cast<TBXmlNodeCommon*>(NewNode<TBXmlChild03Node>(P, TBXmlKind::bkChild03, tok, AOffset))
+                    : NewNode<TBXmlChild04Node>(P, TBXmlKind::bkChild04, tok, AOffset);
+    n->Size = n->Header = 1;
+    // An empty element ends its start tag too, so text after it is content.
+    P.TagState = false;
+    if (P.Top > 0) P.Stack[--P.Top]->Close = empty ? 1 : 2;
+    return n;
+  }
+  case kTokValue: {
+    Check(avail >= 2, "Node5: too short");
+    Check((flags & 0xB) == 0, "Node5: bad flags");
+    auto* n = NewNode<TBXmlChild05Node>(P, TBXmlKind::bkChild05, tok, AOffset);
+    n->ValueType = d[AOffset + 1];
+    n->InStartTag = P.TagState;
+    n->Header = 2;
+    Check(IsVariantCode(n->ValueType), "Node5: Exception");
+    const uint8_t* v = d + AOffset + 2;
+    n->Data = MeasureVariant(n->ValueType, v, avail - 2, kVarModeStream);
+    n->Size = n->Header + n->Data;
+    if (n->ValueType == 0x21) {
+      n->Nested = MakeRoot(P.Chunk, AOffset + 2, n->Data);
+      PrepareRoot(P.Chunk, n->Nested, P.Depth + 1);
+    } else {
+      std::string text;
+      AppendVariantXml(text, n->ValueType, v, n->Data, kVarModeStream);
+      n->Text = P.A.CopyString(text);
+    }
+    return n;
+  }
+  case kTokAttribute:
+  case kTokEntityRef:
+  case kTokPITarget: {
+    const uint8_t kind = tok & 0x0F;
+    const char* tooShort = kind == kTokAttribute ? "Node6: too short" : kind == kTokEntityRef ? "Node9: too short" : "NodeA: too short";
+    Check(avail >= 5, tooShort);
+    if (kind == kTokAttribute) Check((flags & 0xB) == 0, "Node6: bad flags ");
+    if (kind == kTokEntityRef) Check((flags & 0xB) == 0, "Node9: bad flags");
+    TBXmlChild06Node* n =
+        kind == kTokAttribute ? NewNode<TBXmlChild06Node>(P, TBXmlKind::bkChild06, tok, AOffset)
+        : kind == kTokEntityRef
+            ? static_cast<TBXmlChild06Node*>(NewNode<TBXmlChild09Node>(P, TBXmlKind::bkChild09, tok, AOffset))
+            : static_cast<TBXmlChild06Node*>(NewNode<TBXmlChild0ANode>(P, TBXmlKind::bkChild0A, tok, AOffset));
+    n->InStartTag = P.TagState;
+    n->Header = 5 + ResolveName(P, n, kind == kTokAttribute ? "Node6: exception"
+                                      : kind == kTokEntityRef ? "Node9: Exception" : "NodeA: Exception");
+    n->Size = n->Header;
+    return n;
+  }
+  case kTokCData:
+  case kTokPIData: {
+    const bool cdata = (tok & 0x0F) == kTokCData;
+    Check(avail >= 3, cdata ? "Node7: too short" : "NodeB: too short");
+    uint32_t count = LoadU16(d + AOffset + 1);
+    Check(avail >= 3 + 2 * count, cdata ? "Node7: too short" : "NodeB: too short");
+    auto* n = cdata ? NewNode<TBXmlChild07Node>(P, TBXmlKind::bkChild07, tok, AOffset)
+                    : static_cast<TBXmlChild07Node*>(NewNode<TBXmlChild0BNode>(P, TBXmlKind::bkChild0B, tok, AOffset));
+    n->Header = 3;
+    n->Data = 2 * count;
+    n->Size = n->Header + n->Data;
+    std::string text;
+    AppendUtf16(text, d + AOffset + 3, count);
+    n->Text = P.A.CopyString(text);
+    return n;
+  }
+  case kTokTemplateInstance: {
+    Check(avail >= 10, "NodeC: too short");
+    Check(tok < 0x10, "NodeC: bad flag");
+    Check(d[AOffset + 1] == 1, "NodeC: bad ExCode ");
+    auto* n = NewNode<TBXmlChild0CNode>(P, TBXmlKind::bkChild0C, tok, AOffset);
+    n->TemplateId = LoadU32(d + AOffset + 2);
+    n->TemplateOffset = LoadU32(d + AOffset + 6);
+    n->Header = 10;
+    if (n->TemplateOffset >= AOffset) {
+      // The definition lies inline; the values follow it.
+      n->Template = MakeTemplate(P.Chunk, n->TemplateOffset, P.Depth + 1);
+      n->Data = n->Template->Size;
+      n->SubstStart = n->Template->SubstStart;
+    } else {
+      n->Template = P.Chunk.GetTemplateByPoint(n->TemplateOffset);
+      Check(n->Template != nullptr, "NodeC: no template");
+      Check(n->Template->TemplateId == n->TemplateId, "NodeC: wrong template");
+      n->Data = 0;
+      n->SubstStart = AOffset + n->Header;
+    }
+    n->Size = n->Header + n->Data;
+    return n;
+  }
+  case kTokNormalSubstitution:
+  case kTokOptionalSubstitution: {
+    const bool normal = (tok & 0x0F) == kTokNormalSubstitution;
+    Check(avail >= 4, normal ? "NodeD: too short" : "NodeE: too short");
+    if (normal) Check(tok < 0x10, "NodeD: bad flags");
+    auto* n = normal ? NewNode<TBXmlChild0DNode>(P, TBXmlKind::bkChild0D, tok, AOffset)
+                     : static_cast<TBXmlChild0DNode*>(NewNode<TBXmlChild0ENode>(P, TBXmlKind::bkChild0E, tok, AOffset));
+    n->Index = LoadU16(d + AOffset + 1);
+    n->ValueType = d[AOffset + 3];
+    n->InStartTag = P.TagState;
+    n->Size = n->Header = 4;
+    return n;
+  }
+  case kTokFragmentHeader: {
+    Check(avail >= 4, "NodeF: too short");
+    Check(tok < 0x10, "NodeF: bad flags");
+    Check(d[AOffset + 1] == 1, "NodeF: bad ExCode1 ");
+    Check(LoadU16(d + AOffset + 2) == 1, "NodeF: bad ExCode2 ");
+    auto* n = NewNode<TBXmlChild0FNode>(P, TBXmlKind::bkChild0F, tok, AOffset);
+    n->Size = n->Header = 4;
+    return n;
+  }
+  default:
+    // Token 0x08 (character reference) has no node: such a stream cannot be decoded.
+    RaiseBinXml(std::string());
+  }
+}
+
+// Builds the children of AParent from [AStart, AEnd); stops after the child that
+// reports where substitution values begin, and gives that offset (0 when none did).
+uint32_t ParseStream(TParser& P, TBXmlNodeCommon* AParent, uint32_t AStart, uint32_t AEnd) {
+  uint32_t pos = AStart;
+  while (pos < AEnd) {
+    TBXmlNodeCommon* child = ParseNode(P, AParent, pos, AEnd);
+    Append(AParent, child);
+    if (child->SubstStart) return child->SubstStart;
+    pos += child->Size;
+  }
+  return 0;
+}
+
+TBXmlTemplateNode* MakeTemplate(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth) {
+  if (TBXmlTemplateNode* known = AChunk.GetTemplateByPoint(AOffset)) return known;
+  TByteReader r(AChunk.Data(), kChunkSize);
+  Check(r.Fits(AOffset, 24), "NodeC: too short");
+  TParser P(AChunk, ADepth, true);
+  auto* t = P.A.New<TBXmlTemplateNode>();
+  t->Kind = TBXmlKind::bkTemplate;
+  t->Offset = AOffset;
+  t->NextOffset = r.ReadU32(AOffset);
+  std::memcpy(t->Guid, P.D + AOffset + 4, 16);
+  t->TemplateId = r.ReadU32(AOffset + 4);
+  t->Header = 24;
+  uint64_t dataSize = r.ReadU32(AOffset + 20);
+  uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(AOffset + 24 + dataSize, kChunkSize));
+  t->Data = end - (AOffset + 24);
+  t->Size = t->Header + t->Data;
+  t->SubstStart = ParseStream(P, t, AOffset + 24, end);
+  t->Valid = t->Prepared = true;
+  // Added once its body is built: a template cannot refer to itself.
+  return AChunk.AddTemplate(t);
+}
+
+TBXmlRootNode* MakeRoot(TEvtxChunk& AChunk, uint32_t AStart, uint32_t ALength) {
+  auto* root = AChunk.Arena().New<TBXmlRootNode>();
+  root->Kind = TBXmlKind::bkRoot;
+  root->Offset = AStart;
+  root->Length = ALength;
+  root->Size = ALength;
+  root->Valid = true;
+  return root;
+}
+
+void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart, uint32_t AEnd) {
+  TByteReader r(AChunk.Data(), AEnd);
+  Check(r.Fits(AStart, 4), "SubArray: too short");
+  uint32_t count = r.ReadU32(AStart);
+  uint64_t descriptors = 4 + 4 * static_cast<uint64_t>(count);
+  Check(r.Fits(AStart, descriptors), "SubArray: too short");
+  auto* a = AChunk.Arena().New<TBXmlSubstArrayNode>();
+  a->Kind = TBXmlKind::bkSubstArray;
+  a->Offset = AStart;
+  a->Count = count;
+  a->Header = static_cast<uint32_t>(descriptors);
+  a->Values = count ? static_cast<TBXmlSubstValue*>(
+                          AChunk.Arena().Allocate(sizeof(TBXmlSubstValue) * count, alignof(TBXmlSubstValue)))
+                    : nullptr;
+  uint32_t pos = AStart + a->Header;
+  for (uint32_t i = 0; i < count; ++i) {
+    const uint8_t* desc = AChunk.Data() + AStart + 4 + 4 * i;
+    TBXmlSubstValue& v = a->Values[i];
+    v.Size = LoadU16(desc);
+    v.Type = desc[2];
+    v.Offset = pos;
+    v.Nested = nullptr;
+    if (!IsVariantCode(v.Type)) RaiseBinXml(std::string());
+    Check(r.Fits(pos, v.Size), "SubArray: too short");
+    uint32_t used = MeasureVariant(v.Type, AChunk.Data() + pos, v.Size, kVarModeSubstitution);
+    Check(used == v.Size, "SubArray: bad size for a child");
+    pos += v.Size;
+  }
+  a->Data = pos - AStart - a->Header;
+  a->Size = pos - AStart;
+  a->Valid = a->Prepared = true;
+  ARoot->Array = a;
+}
+
+void PrepareRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, int ADepth) {
+  if (ARoot->Prepared) return;
+  ARoot->Prepared = true;
+  ARoot->Valid = false;
+  Check(AChunk.Data() != nullptr, "Common: undefined root");
+  uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{ARoot->Offset} + ARoot->Length, kChunkSize));
+  TParser P(AChunk, ADepth, false);
+  ARoot->SubstStart = ParseStream(P, ARoot, ARoot->Offset, end);
+  Check(ARoot->SubstStart != 0 && ARoot->SubstStart <= end, "Root: no subsarray");
+  // A fragment without a template instance (an embedded value, a forwarded event) ends
+  // with its stream: no values follow.
+  if (ARoot->SubstStart < end) PrepareSubstArray(AChunk, ARoot, ARoot->SubstStart, end);
+  ARoot->Valid = true;
+}
+
+// ---------------------------------------------------------------------------------
+// Rendering
+
+// Upper bound on the nodes one record may render: templates may refer to earlier
+// templates, and a chain of them that doubles at each step must not run away.
+constexpr uint64_t kRenderBudget = 4'000'000;
+
+struct TRenderer {
+  TEvtxChunk& Chunk;
+  std::string& Out;
+  const TBXmlNameStringNode* Pending = nullptr; // attribute name waiting for its value
+  size_t AttrValueEnd = std::string::npos;      // where the last quoted attribute value ended
+  uint64_t Budget = kRenderBudget;
+  int Depth = 0;
+};
+
+void RenderList(TRenderer& R, const TBXmlNodeCommon* AFirst, const TBXmlSubstArrayNode* AArray);
+void RenderRootBody(TRenderer& R, const TBXmlRootNode* ARoot);
+
+inline void PutName(std::string& AOut, const TBXmlNameStringNode* AName) { AOut.append(AName->Text); }
+
+// Starts a value: the pending attribute name, then the opening quote inside a start tag.
+// A second value of the same attribute continues inside its quotes.
+inline void BeginValue(TRenderer& R, bool AInStartTag) {
+  if (R.Pending) {
+    R.Out.push_back(' ');
+    PutName(R.Out, R.Pending);
+    R.Pending = nullptr;
+  } else if (AInStartTag && R.AttrValueEnd == R.Out.size() && !R.Out.empty() && R.Out.back() == '"') {
+    R.Out.pop_back();
+    return;
+  }
+  if (AInStartTag) R.Out.append("=\"");
+}
+
+inline void EndValue(TRenderer& R, bool AInStartTag) {
+  if (AInStartTag) {
+    R.Out.push_back('"');
+    R.AttrValueEnd = R.Out.size();
+  }
+}
+
+void PutPlaceholder(std::string& AOut, uint16_t AIndex, uint8_t AType, bool AOptional) {
+  static const char kHex[] = "0123456789abcdef";
+  AOut.push_back('#');
+  AOut.append(std::to_string(AIndex));
+  AOut.append(" (type 0x");
+  AOut.push_back(kHex[AType >> 4]);
+  AOut.push_back(kHex[AType & 15]);
+  AOut.append(AOptional ? ", optional)#" : ")#");
+}
+
+void RenderSubstitution(TRenderer& R, const TBXmlChild0DNode* N, const TBXmlSubstArrayNode* AArray) {
+  const bool optional = N->Kind == TBXmlKind::bkChild0E;
+  const TBXmlNameStringNode* pending = R.Pending;
+  const size_t mark = R.Out.size();
+  BeginValue(R, N->InStartTag);
+  const size_t valueStart = R.Out.size();
+  if (!AArray) {
+    PutPlaceholder(R.Out, N->Index, N->ValueType, optional);
+  } else {
+    Check(N->Index < AArray->Count, "SubArray: index out of bounds");
+    TBXmlSubstValue& v = AArray->Values[N->Index];
+    const uint8_t* p = R.Chunk.Data() + v.Offset;
+    if (v.Type == 0x21) {
+      if (v.Size) {
+        if (!v.Nested) {
+          v.Nested = MakeRoot(R.Chunk, v.Offset, v.Size);
+          PrepareRoot(R.Chunk, v.Nested, R.Depth + 1);
+        }
+        const TBXmlNameStringNode* savedPending = R.Pending;
+        R.Pending = nullptr;
+        ++R.Depth;
+        RenderRootBody(R, v.Nested);
+        --R.Depth;
+        R.Pending = savedPending;
+      }
+    } else {
+      AppendVariantXml(R.Out, v.Type, p, v.Size, kVarModeSubstitution);
+    }
+  }
+  if (optional && R.Out.size() == valueStart) {
+    // An empty optional value writes nothing, its attribute name included.
+    R.Out.resize(mark);
+    R.Pending = nullptr;
+    (void)pending;
+    return;
+  }
+  EndValue(R, N->InStartTag);
+}
+
+void RenderNode(TRenderer& R, const TBXmlNodeCommon* N, const TBXmlSubstArrayNode* AArray) {
+  Check(R.Budget-- > 0, "BinXML output too large");
+  switch (N->Kind) {
+  case TBXmlKind::bkChild01: {
+    auto* e = static_cast<const TBXmlChild01Node*>(N);
+    Check(e->Name != nullptr, "Node01: Unable to make XML");
+    R.Out.append("\r\n<");
+    PutName(R.Out, e->Name);
+    if (++R.Depth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
+    RenderList(R, e->FirstChild, AArray);
+    --R.Depth;
+    R.Pending = nullptr;
+    // An element never closed by its stream still closes: empty if its start tag is open.
+    if (e->Close == 1 || (e->Close == 0 && !e->SawCloseStart)) {
+      R.Out.append(" />");
+    } else {
+      R.Out.append("</");
+      PutName(R.Out, e->Name);
+      R.Out.push_back('>');
+    }
+    return;
+  }
+  case TBXmlKind::bkChild02:
+    R.Pending = nullptr;
+    R.Out.push_back('>');
+    return;
+  case TBXmlKind::bkChild05: {
+    auto* v = static_cast<const TBXmlChild05Node*>(N);
+    BeginValue(R, v->InStartTag);
+    if (v->Nested) {
+      ++R.Depth;
+      RenderRootBody(R, v->Nested);
+      --R.Depth;
+    } else {
+      R.Out.append(v->Text);
+    }
+    EndValue(R, v->InStartTag);
+    return;
+  }
+  case TBXmlKind::bkChild06: {
+    auto* a = static_cast<const TBXmlChild06Node*>(N);
+    Check(a->Name != nullptr, "Node6: Unable to make XML");
+    R.Pending = a->Name;
+    return;
+  }
+  case TBXmlKind::bkChild07:
+    R.Out.append("<![CDATA[");
+    R.Out.append(static_cast<const TBXmlChild07Node*>(N)->Text);
+    R.Out.append("]]>");
+    return;
+  case TBXmlKind::bkChild09: {
+    auto* a = static_cast<const TBXmlChild09Node*>(N);
+    Check(a->Name != nullptr, "BinXML read error");
+    // Inside a start tag an entity reference is part of the attribute's value.
+    const bool inTag = a->InStartTag;
+    BeginValue(R, inTag);
+    R.Out.push_back('&');
+    PutName(R.Out, a->Name);
+    R.Out.push_back(';');
+    EndValue(R, inTag);
+    return;
+  }
+  case TBXmlKind::bkChild0A: {
+    auto* a = static_cast<const TBXmlChild0ANode*>(N);
+    Check(a->Name != nullptr, "NodeA: Unable to make XML");
+    R.Out.append("<?");
+    PutName(R.Out, a->Name);
+    return;
+  }
+  case TBXmlKind::bkChild0B: {
+    auto* t = static_cast<const TBXmlChild0BNode*>(N);
+    if (!t->Text.empty()) {
+      R.Out.push_back(' ');
+      R.Out.append(t->Text);
+    }
+    R.Out.append("?>");
+    return;
+  }
+  case TBXmlKind::bkChild0C: {
+    auto* c = static_cast<const TBXmlChild0CNode*>(N);
+    Check(c->Template != nullptr, "NodeC: Unable to make XML");
+    if (++R.Depth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
+    RenderList(R, c->Template->FirstChild, AArray);
+    --R.Depth;
+    return;
+  }
+  case TBXmlKind::bkChild0D:
+  case TBXmlKind::bkChild0E:
+    RenderSubstitution(R, static_cast<const TBXmlChild0DNode*>(N), AArray);
+    return;
+  default: // 0x00, 0x03, 0x04, 0x0F write nothing
+    return;
+  }
+}
+
+void RenderList(TRenderer& R, const TBXmlNodeCommon* AFirst, const TBXmlSubstArrayNode* AArray) {
+  for (const TBXmlNodeCommon* n = AFirst; n; n = n->Next) RenderNode(R, n, AArray);
+}
+
+void RenderRootBody(TRenderer& R, const TBXmlRootNode* ARoot) { RenderList(R, ARoot->FirstChild, ARoot->Array); }
+
+} // namespace
+
+TBXmlRootNode* CreateRootNode(TEvtxChunk& AChunk, uint32_t AStart, uint32_t ALength) {
+  return MakeRoot(AChunk, AStart, ALength);
+}
+
+TBXmlTemplateNode* PrepareTemplateAt(TEvtxChunk& AChunk, uint32_t AOffset) {
+  Check(AChunk.Data() != nullptr, "Common: undefined root");
+  return MakeTemplate(AChunk, AOffset, 0);
+}
+
+void RenderRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, std::string& AOut) {
+  Check(ARoot != nullptr, "Common: undefined root");
+  PrepareRoot(AChunk, ARoot, 0);
+  Check(ARoot->Valid, "Common: undefined root");
+  TRenderer R{AChunk, AOut};
+  try {
+    RenderRootBody(R, ARoot);
+  } catch (const EBinXMLLogReadingException& e) {
+    throw EBinXMLLogReadingException("Root exception", e.Detail().empty() ? e.what() : e.Detail());
+  }
+}
+
+std::string RenderTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
+  std::string out;
+  if (!ATemplate) return out;
+  TRenderer R{AChunk, out};
+  RenderList(R, ATemplate->FirstChild, nullptr);
+  return out;
+}
+
+} // namespace qvx

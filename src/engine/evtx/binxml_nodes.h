@@ -1,0 +1,196 @@
+// Binary XML token decoder: one node class per token, built lazily over a chunk's bytes.
+//
+// A record's binary XML is a token stream that refers to name strings and template
+// definitions stored elsewhere in the same chunk, followed by the values that fill
+// the template. Nodes are parsed once, kept in their chunk's arena, and rendered as
+// XML text into a caller's buffer. Name strings and template definitions are shared
+// through the chunk's caches, so a template is decoded once per chunk and reused by
+// every record that refers to it.
+//
+// Token layouts (offsets from the token byte, little-endian; the token's high bits are
+// flags, 0x40 = more data):
+//   0x00 end of stream          token
+//   0x01 open start element     token, u16 dependency @1, u32 data size @3, u32 name offset @7,
+//                               [inline name], [u32 attribute list size when flag 0x40]
+//   0x02 close start element    token           0x03 close empty element   token
+//   0x04 end element            token
+//   0x05 value text             token, u8 value type @1, value
+//   0x06 attribute              token, u32 name offset @1, [inline name]
+//   0x07 CDATA section          token, u16 character count @1, UTF-16 text
+//   0x09 entity reference       token, u32 name offset @1
+//   0x0A PI target              token, u32 name offset @1
+//   0x0B PI data                token, u16 character count @1, UTF-16 text
+//   0x0C template instance      token, u8 1 @1, u32 template id @2, u32 definition offset @6
+//   0x0D/0x0E substitution      token, u16 index @1, u8 value type @3 (0x0E: optional)
+//   0x0F fragment header        token, u8 major 1 @1, u16 1 @2
+// Name string: u32 next offset, u16 hash, u16 character count, UTF-16 text, u16 NUL.
+// Template definition: u32 next offset, 16-byte GUID (its first 4 bytes are the
+// template id), u32 data size, token stream.
+// Substitution array: u32 count, count x (u16 size, u8 type, u8 unused), the values.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qvx {
+
+class TEvtxChunk;
+
+// Bump allocator for the nodes of one chunk; everything is freed with the chunk.
+class TBXmlArena {
+public:
+  TBXmlArena() = default;
+  TBXmlArena(const TBXmlArena&) = delete;
+  TBXmlArena& operator=(const TBXmlArena&) = delete;
+
+  void* Allocate(size_t ASize, size_t AAlign);
+  template <typename T> T* New() {
+    static_assert(std::is_trivially_destructible_v<T>);
+    return new (Allocate(sizeof(T), alignof(T))) T();
+  }
+  std::string_view CopyString(std::string_view AText);
+  size_t BytesUsed() const { return FTotal; }
+
+private:
+  std::vector<std::unique_ptr<std::byte[]>> FBlocks;
+  std::byte* FCursor = nullptr;
+  size_t FLeft = 0;
+  size_t FTotal = 0;
+};
+
+enum class TBXmlKind : uint8_t {
+  bkRoot, bkTemplate, bkNameString, bkSubstArray,
+  bkChild00, bkChild01, bkChild02, bkChild03, bkChild04, bkChild05, bkChild06, bkChild07,
+  bkChild09, bkChild0A, bkChild0B, bkChild0C, bkChild0D, bkChild0E, bkChild0F
+};
+
+class TBXmlNodeCommon {
+public:
+  TBXmlKind Kind = TBXmlKind::bkRoot;
+  uint8_t Token = 0;
+  bool Valid = false;
+  bool Prepared = false;
+  uint32_t Offset = 0;      // chunk offset of the node's first byte
+  uint32_t Size = 0;        // header + data
+  uint32_t Header = 0;
+  uint32_t Data = 0;
+  uint32_t SubstStart = 0;  // chunk offset where substitution values begin, or 0
+  TBXmlNodeCommon* Parent = nullptr;
+  TBXmlNodeCommon* FirstChild = nullptr;
+  TBXmlNodeCommon* LastChild = nullptr;
+  TBXmlNodeCommon* Next = nullptr;
+
+  // Child i, or none when i is outside 0 .. count-1.
+  TBXmlNodeCommon* GetNode(size_t AIndex) const;
+  size_t ChildCount() const;
+};
+
+class TBXmlPreparelessNode : public TBXmlNodeCommon {};
+
+class TBXmlNameStringNode : public TBXmlPreparelessNode {
+public:
+  uint16_t Hash = 0;
+  std::string_view Text; // UTF-8
+};
+
+class TBXmlRootNode;
+
+// One entry of a substitution array.
+struct TBXmlSubstValue {
+  uint32_t Offset;
+  uint16_t Size;
+  uint8_t Type;
+  TBXmlRootNode* Nested; // type 0x21: the embedded fragment, parsed on first use
+};
+
+class TBXmlSubstArrayNode : public TBXmlNodeCommon {
+public:
+  uint32_t Count = 0;
+  TBXmlSubstValue* Values = nullptr;
+};
+
+class TBXmlTemplateNode : public TBXmlNodeCommon {
+public:
+  uint32_t NextOffset = 0;
+  uint32_t TemplateId = 0;
+  uint8_t Guid[16] = {};
+};
+
+class TBXmlRootNode : public TBXmlNodeCommon {
+public:
+  uint32_t Length = 0; // bytes of the stream and its values
+  TBXmlSubstArrayNode* Array = nullptr;
+};
+
+class TBXmlChild00Node : public TBXmlPreparelessNode {};
+class TBXmlChild01Node : public TBXmlNodeCommon {
+public:
+  uint16_t Dependency = 0;
+  uint32_t NameOffset = 0;
+  const TBXmlNameStringNode* Name = nullptr;
+  uint8_t Close = 0;        // 0 not closed, 1 empty (0x03), 2 end tag (0x04)
+  bool SawCloseStart = false;
+};
+class TBXmlChild02Node : public TBXmlPreparelessNode {};
+class TBXmlChild03Node : public TBXmlPreparelessNode {};
+class TBXmlChild04Node : public TBXmlPreparelessNode {};
+class TBXmlChild05Node : public TBXmlNodeCommon {
+public:
+  uint8_t ValueType = 0;
+  bool InStartTag = false;
+  std::string_view Text;            // escaped value text
+  TBXmlRootNode* Nested = nullptr;  // value type 0x21
+};
+class TBXmlChild06Node : public TBXmlNodeCommon {
+public:
+  bool InStartTag = false;
+  uint32_t NameOffset = 0;
+  const TBXmlNameStringNode* Name = nullptr;
+};
+class TBXmlChild07Node : public TBXmlNodeCommon {
+public:
+  std::string_view Text;
+};
+class TBXmlChild09Node : public TBXmlChild06Node {};
+class TBXmlChild0ANode : public TBXmlChild06Node {};
+class TBXmlChild0BNode : public TBXmlChild07Node {};
+class TBXmlChild0CNode : public TBXmlNodeCommon {
+public:
+  uint32_t TemplateId = 0;
+  uint32_t TemplateOffset = 0;
+  TBXmlTemplateNode* Template = nullptr;
+};
+class TBXmlChild0DNode : public TBXmlNodeCommon {
+public:
+  uint16_t Index = 0;
+  uint8_t ValueType = 0;
+  bool InStartTag = false;
+};
+class TBXmlChild0ENode : public TBXmlChild0DNode {};
+class TBXmlChild0FNode : public TBXmlPreparelessNode {};
+
+// Creates the root node of one record's binary XML: ALength bytes from AStart in the
+// chunk. Nothing is parsed until the first render.
+TBXmlRootNode* CreateRootNode(TEvtxChunk& AChunk, uint32_t AStart, uint32_t ALength);
+
+// Appends the record's XML text. Raises EBinXMLLogReadingException on a structural
+// fault: faults met while building the nodes keep their own texts ("NodeC: no
+// template"), faults met while writing the text raise "Root exception" with the
+// inner fault as Detail(). On a raise, AOut may hold part of the record.
+void RenderRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, std::string& AOut);
+
+// Renders a template definition alone, with "#i (type 0xNN)#" in place of its values.
+std::string RenderTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate);
+
+// Builds (once) and returns the template definition at AOffset, adding it to the chunk's
+// templates. Raises on a fault.
+TBXmlTemplateNode* PrepareTemplateAt(TEvtxChunk& AChunk, uint32_t AOffset);
+
+// Deepest nesting of elements and fragments a record may have.
+inline constexpr int kMaxBXmlDepth = 128;
+
+} // namespace qvx

@@ -1,0 +1,64 @@
+// TChunkReader: renders the chunks of an .evtx file, or of raw data, in order, on
+// one or more threads.
+//
+// The source hands out chunk bytes one at a time (from the file's chunk list, newest
+// first, or from the carver); workers render them to XML in parallel and the caller
+// receives every chunk's result in the source's order, so output does not depend on
+// the number of threads. Memory stays bounded: at most a small window of chunks is in
+// flight at any time.
+#pragma once
+
+#include "engine/evtx/evtx_chunk.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qvx {
+
+// One chunk's bytes and where they came from.
+struct TChunkJob {
+  uint64_t Sequence = 0;       // position in the source's order
+  uint64_t Position = 0;       // byte offset in the file or device
+  bool Truncated = false;      // fewer than 65536 bytes were there; the rest is zeros
+  bool CheckCrc = false;       // also compare the chunk's two checksums (diagnostics)
+  std::vector<uint8_t> Bytes;  // 65536 bytes
+};
+
+// The rendered result of one chunk.
+struct TChunkResult {
+  uint64_t Sequence = 0;
+  uint64_t Position = 0;
+  bool Truncated = false;
+  uint64_t NumFirstFile = 0;
+  uint64_t NumLastFile = 0;
+  uint32_t OfsNextRec = 0;
+  uint32_t Records = 0;         // records rendered
+  int HeaderCrcOk = -1;         // 1 matches, 0 does not, -1 not checked
+  int DataCrcOk = -1;
+  std::string Xml;              // their XML, in file order
+  std::vector<TChunkIssue> Issues; // records that could not be rendered, and where the walk stopped
+};
+
+// Replaces every character that XML 1.0 does not allow (codes 0x00-0x08, 0x0B, 0x0C,
+// 0x0E-0x1F) by a space; tab, line feed and carriage return stay. Event text is handed
+// out this way, so values that hold raw binary still make well-formed XML.
+void ReplaceControlCharacters(std::string& AText);
+
+class TChunkReader {
+public:
+  // Fills AJob with the next chunk; false at the end. Called by one thread at a time.
+  using TProducer = std::function<bool(TChunkJob& AJob)>;
+  // Receives each result in sequence order, on the calling thread.
+  using TConsumer = std::function<void(TChunkResult& AResult)>;
+
+  // Runs until the producer is exhausted. AThreads <= 1 renders on the calling thread.
+  // An exception from the producer or consumer stops the run and is raised again here.
+  static void Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads);
+
+  // Renders one chunk's bytes (65536) into AResult.
+  static void RenderChunk(const TChunkJob& AJob, TChunkResult& AResult);
+};
+
+} // namespace qvx

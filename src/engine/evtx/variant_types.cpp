@@ -1,0 +1,313 @@
+#include "engine/evtx/variant_types.h"
+
+#include "engine/evtx/binxml_exception.h"
+#include "engine/evtx/evtx_layout.h"
+#include "engine/evtx/evtx_time.h"
+#include "platform/byte_reader.h"
+#include "platform/utf16.h"
+
+#include <charconv>
+#include <cstring>
+
+namespace qvx {
+namespace {
+
+// Bytes taken by one element of the fixed-size scalar types; 0 for the variable ones.
+constexpr uint32_t ScalarSize(uint8_t ACode) {
+  switch (ACode) {
+  case 0x03: case 0x04: return 1;
+  case 0x05: case 0x06: return 2;
+  case 0x07: case 0x08: case 0x0B: case 0x0D: case 0x14: return 4;
+  case 0x09: case 0x0A: case 0x0C: case 0x11: case 0x15: return 8;
+  case 0x0F: case 0x12: return 16;
+  default: return 0;
+  }
+}
+
+// "VarXX: <what>" with the code in two upper-case hexadecimal digits.
+[[noreturn]] void RaiseVar(uint8_t ACode, const char* AWhat, bool ADash = false) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string m = ADash ? "Var-" : "Var";
+  m.push_back(kHex[ACode >> 4]);
+  m.push_back(kHex[ACode & 15]);
+  m += ": ";
+  m += AWhat;
+  RaiseBinXml(m);
+}
+
+const char kHexUpper[] = "0123456789ABCDEF";
+
+inline void PutHexByte(std::string& AOut, uint8_t b) {
+  char s[2] = {kHexUpper[b >> 4], kHexUpper[b & 15]};
+  AOut.append(s, 2);
+}
+
+template <typename T> inline void PutInt(std::string& AOut, T v) {
+  char buf[32];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
+  AOut.append(buf, end);
+}
+
+template <typename T> inline T Load(const uint8_t* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+void PutGuid(std::string& AOut, const uint8_t* p) {
+  uint32_t d1 = LoadU32(p);
+  uint16_t d2 = LoadU16(p + 4), d3 = LoadU16(p + 6);
+  char s[38];
+  s[0] = '{';
+  for (int i = 0; i < 8; ++i) s[1 + i] = kHexUpper[(d1 >> (28 - 4 * i)) & 15];
+  s[9] = '-';
+  for (int i = 0; i < 4; ++i) s[10 + i] = kHexUpper[(d2 >> (12 - 4 * i)) & 15];
+  s[14] = '-';
+  for (int i = 0; i < 4; ++i) s[15 + i] = kHexUpper[(d3 >> (12 - 4 * i)) & 15];
+  s[19] = '-';
+  int k = 20;
+  for (int i = 8; i < 16; ++i) {
+    if (i == 10) s[k++] = '-';
+    s[k++] = kHexUpper[p[i] >> 4];
+    s[k++] = kHexUpper[p[i] & 15];
+  }
+  s[37] = '}';
+  AOut.append(s, 38);
+}
+
+void PutSid(std::string& AOut, const uint8_t* p) {
+  uint8_t count = p[1];
+  // The authority is the sum of its bytes 2..5 shifted by 16, xor the sum of bytes 6..7:
+  // equal to the big-endian value for every authority in use (only the last byte set).
+  uint64_t authority = (static_cast<uint64_t>(p[2] + p[3] + p[4] + p[5]) << 16) ^ static_cast<uint64_t>(p[6] + p[7]);
+  AOut += "S-";
+  PutInt(AOut, p[0]);
+  AOut.push_back('-');
+  PutInt(AOut, authority);
+  for (uint32_t i = 0; i < count; ++i) {
+    AOut.push_back('-');
+    PutInt(AOut, LoadU32(p + 8 + 4 * i));
+  }
+}
+
+void PutAnsiEscaped(std::string& AOut, const uint8_t* p, uint32_t n) {
+  for (uint32_t i = 0; i < n; ++i) {
+    uint8_t b = p[i];
+    switch (b) {
+    case 0: break;
+    case '&': AOut += "&amp;"; break;
+    case '\'': AOut += "&apos;"; break;
+    case '"': AOut += "&quot;"; break;
+    case '<': AOut += "&lt;"; break;
+    case '>': AOut += "&gt;"; break;
+    default:
+      if (b < 0x80) AOut.push_back(static_cast<char>(b));
+      else AppendCp1252(AOut, p + i, 1);
+    }
+  }
+}
+
+// Text of one fixed-size scalar at p (ScalarSize(ACode) bytes are there).
+void PutScalar(std::string& AOut, uint8_t ACode, const uint8_t* p) {
+  switch (ACode) {
+  case 0x03: PutInt(AOut, static_cast<int>(static_cast<int8_t>(p[0]))); break;
+  case 0x04: PutInt(AOut, static_cast<unsigned>(p[0])); break;
+  case 0x05: PutInt(AOut, Load<int16_t>(p)); break;
+  case 0x06: PutInt(AOut, Load<uint16_t>(p)); break;
+  case 0x07: PutInt(AOut, Load<int32_t>(p)); break;
+  case 0x08: PutInt(AOut, Load<uint32_t>(p)); break;
+  case 0x09: PutInt(AOut, Load<int64_t>(p)); break;
+  case 0x0A: PutInt(AOut, Load<uint64_t>(p)); break;
+  case 0x0B: PutInt(AOut, Load<float>(p)); break;
+  case 0x0C: PutInt(AOut, Load<double>(p)); break;
+  case 0x0D: AOut += LoadU32(p) != 0 ? "true" : "false"; break;
+  case 0x0F: PutGuid(AOut, p); break;
+  case 0x11: AppendFiletimeText(AOut, LoadU64(p)); break;
+  case 0x12:
+    // wYear, wMonth, wDayOfWeek, wDay, wHour, wMinute, wSecond, wMilliseconds
+    AppendSystemtimeText(AOut, LoadU16(p), LoadU16(p + 2), LoadU16(p + 6), LoadU16(p + 8), LoadU16(p + 10),
+                         LoadU16(p + 12), LoadU16(p + 14));
+    break;
+  case 0x14: {
+    // "0x" + digits, then the whole text upper-cased: the prefix comes out as "0X".
+    AOut += "0X";
+    for (int i = 3; i >= 0; --i) PutHexByte(AOut, p[i]);
+    break;
+  }
+  case 0x15: {
+    // Digits upper-cased first, then "0x" put in front: the prefix stays "0x".
+    AOut += "0x";
+    for (int i = 7; i >= 0; --i) PutHexByte(AOut, p[i]);
+    break;
+  }
+  default: break;
+  }
+}
+
+} // namespace
+
+void RaiseBinXml(const std::string& AMessage) { throw EBinXMLLogReadingException(AMessage); }
+
+bool IsVariantCode(uint8_t ACode) {
+  return ACode <= 0x15 || ACode == 0x21 || ACode == 0x81 || (ACode >= 0x83 && ACode <= 0x8C) || ACode == 0x8F ||
+         ACode == 0x91 || ACode == 0x92 || ACode == 0x94 || ACode == 0x95;
+}
+
+uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uint32_t AMode) {
+  const bool subst = AMode == kVarModeSubstitution;
+  switch (ACode) {
+  case 0x00:
+    // A null substitution takes its declared size (Windows writes 2-byte nulls);
+    // in the token stream a null has no bytes.
+    if (subst) return ASize;
+    if (ASize != 0) RaiseVar(ACode, "Null object too large!");
+    return 0;
+  case 0x01:
+  case 0x02: {
+    if (subst) return ASize;
+    if (ASize < 2) RaiseVar(ACode, "bad size");
+    uint32_t n = LoadU16(AData);
+    uint32_t need = 2 + (ACode == 0x01 ? 2 * n : n);
+    if (ASize < need) RaiseVar(ACode, "read behind end of data");
+    return need;
+  }
+  case 0x0E: {
+    if (subst) return ASize;
+    if (ASize < 4) RaiseVar(ACode, "bad size");
+    uint64_t need = 4 + static_cast<uint64_t>(LoadU32(AData));
+    if (ASize < need) RaiseVar(ACode, "bad size", true);
+    return static_cast<uint32_t>(need);
+  }
+  case 0x10:
+    if (ASize != 4 && ASize != 8) RaiseVar(ACode, "bad size");
+    return ASize;
+  case 0x13: {
+    if (ASize < 8) RaiseVar(ACode, "bad size");
+    if (AData[0] != 1) RaiseVar(ACode, "unknown version?");
+    uint32_t need = 8 + 4u * AData[1];
+    if (ASize < need) RaiseVar(ACode, "bad size", true);
+    return need;
+  }
+  case 0x21:
+    return ASize;
+  case 0x81:
+    if (!subst) RaiseVar(ACode, "Unknown value");
+    if (ASize == 0) RaiseVar(ACode, "bad size");
+    if (ASize % 2) RaiseVar(ACode, "bad size", true);
+    return ASize;
+  default:
+    break;
+  }
+  if (uint32_t n = ScalarSize(ACode)) {
+    if (ASize < n) RaiseVar(ACode, "bad size");
+    return n;
+  }
+  if (ACode >= 0x83 && IsVariantCode(ACode)) {
+    uint32_t n = ScalarSize(static_cast<uint8_t>(ACode - 0x80));
+    if (!subst) RaiseVar(ACode, "Unknown value");
+    if (ASize == 0 && ACode != 0x89) RaiseVar(ACode, "bad size");
+    if (n > 1 && ASize % n) RaiseVar(ACode, "Odd length");
+    return ASize;
+  }
+  RaiseBinXml(std::string());
+}
+
+void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed, uint32_t AMode) {
+  const bool subst = AMode == kVarModeSubstitution;
+  switch (ACode) {
+  case 0x00:
+  case 0x21:
+    return;
+  case 0x01:
+    if (subst) {
+      AppendUtf16Escaped(AOut, AData, AUsed / 2);
+    } else {
+      // In the token stream the text ends at its first NUL.
+      uint32_t n = LoadU16(AData), len = 0;
+      while (len < n && LoadU16(AData + 2 + 2 * len) != 0) ++len;
+      AppendUtf16Escaped(AOut, AData + 2, len);
+    }
+    return;
+  case 0x02:
+    if (subst) PutAnsiEscaped(AOut, AData, AUsed);
+    else PutAnsiEscaped(AOut, AData + 2, AUsed - 2);
+    return;
+  case 0x0E: {
+    const uint8_t* p = subst ? AData : AData + 4;
+    uint32_t n = subst ? AUsed : AUsed - 4;
+    size_t at = AOut.size();
+    AOut.resize(at + 2 * static_cast<size_t>(n));
+    char* d = AOut.data() + at;
+    for (uint32_t i = 0; i < n; ++i) {
+      d[2 * i] = kHexUpper[p[i] >> 4];
+      d[2 * i + 1] = kHexUpper[p[i] & 15];
+    }
+    return;
+  }
+  case 0x10:
+    PutInt(AOut, AUsed == 4 ? static_cast<int64_t>(LoadU32(AData)) : static_cast<int64_t>(LoadU64(AData)));
+    return;
+  case 0x13:
+    PutSid(AOut, AData);
+    return;
+  case 0x81: {
+    uint32_t units = AUsed / 2, start = 0, index = 0;
+    for (uint32_t i = 0; i <= units; ++i) {
+      if (i < units && LoadU16(AData + 2 * i) != 0) continue;
+      if (i == units && start == units) break; // nothing after the last separator
+      if (index) AOut += "\r\n";
+      AOut.push_back('[');
+      PutInt(AOut, index++);
+      AOut += "] ";
+      AppendUtf16Escaped(AOut, AData + 2 * start, i - start);
+      start = i + 1;
+    }
+    return;
+  }
+  default:
+    break;
+  }
+  if (ScalarSize(ACode)) {
+    PutScalar(AOut, ACode, AData);
+    return;
+  }
+  if (ACode >= 0x83) {
+    uint8_t code = static_cast<uint8_t>(ACode - 0x80);
+    uint32_t n = ScalarSize(code);
+    for (uint32_t i = 0; n && (i + 1) * n <= AUsed; ++i) {
+      if (i) AOut += "\r\n";
+      AOut.push_back('[');
+      PutInt(AOut, i);
+      AOut += "] ";
+      PutScalar(AOut, code, AData + static_cast<size_t>(i) * n);
+    }
+  }
+}
+
+TVariantTypeCommon::TVariantTypeCommon(uint8_t ACode, const uint8_t* AChunkData, uint32_t AOffset, uint32_t ASize,
+                                       uint32_t AMode)
+    : FChunkData(AChunkData), FOffset(AOffset), FSize(ASize), FMode(AMode), FCode(ACode) {
+  if (ASize > 0xFDFF || AOffset > 0xFFFF) RaiseBinXml(std::string());
+  if (!IsVariantCode(ACode)) RaiseBinXml(std::string());
+}
+
+bool TVariantTypeCommon::Valid() {
+  if (!FLoaded) {
+    FLoaded = true;
+    FValid = FChunkData != nullptr;
+    if (FValid) {
+      // Only the chunk's bytes are there to take.
+      uint32_t avail = evtx::kChunkSize - FOffset;
+      FSize = MeasureVariant(FCode, FChunkData + FOffset, FSize < avail ? FSize : avail, FMode);
+    }
+  }
+  return FValid;
+}
+
+std::string TVariantTypeCommon::asXML() {
+  std::string text;
+  if (Valid()) AppendVariantXml(text, FCode, FChunkData + FOffset, FSize, FMode);
+  return text;
+}
+
+} // namespace qvx

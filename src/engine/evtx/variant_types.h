@@ -1,0 +1,104 @@
+// Typed values of binary XML: size rules and text forms.
+//
+// A value lies either in the token stream (mode 0: strings and binary carry their
+// own length) or in a template's substitution array (mode 1: the array gives the
+// size). Each type code has one value class, TVariantType<code>; the family works on
+// raw bytes and writes text straight into the caller's buffer, so rendering a value
+// allocates nothing.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qvx {
+
+inline constexpr uint32_t kVarModeStream = 0;
+inline constexpr uint32_t kVarModeSubstitution = 1;
+
+// Size of a value of ACode at AData with ASize bytes available, as its class parses it.
+// Raises EBinXMLLogReadingException with the class's message when the bytes do not
+// make a value of that type, and "BinXML read error" for a code without a class.
+uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uint32_t AMode);
+
+// Appends the XML text of a value that MeasureVariant accepted (AUsed = its result):
+// the five XML entities escaped and NULs removed. Type 0x21 (an embedded fragment) is
+// rendered by the binary XML decoder, not here; this appends nothing for it.
+void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed, uint32_t AMode);
+
+// True when a class exists for ACode.
+bool IsVariantCode(uint8_t ACode);
+
+// The value classes. TVariantTypeCommon keeps what every value has; TVariantType<code>
+// binds a code to the family's parse and text rules.
+class TVariantTypeCommon {
+public:
+  // Records where the value lies. Raises when ASize exceeds 0xFDFF or AOffset 0xFFFF.
+  TVariantTypeCommon(uint8_t ACode, const uint8_t* AChunkData, uint32_t AOffset, uint32_t ASize, uint32_t AMode);
+
+  uint8_t Code() const { return FCode; }
+  // Parses on first use; after it, Size() is the number of bytes the value used.
+  bool Valid();
+  uint32_t Size() const { return FSize; }
+  // The value's XML text (escaped); empty when not valid.
+  std::string asXML();
+
+private:
+  const uint8_t* FChunkData;
+  uint32_t FOffset;
+  uint32_t FSize;
+  uint32_t FMode;
+  uint8_t FCode;
+  bool FLoaded = false;
+  bool FValid = false;
+};
+
+template <uint8_t Code> class TVariantType : public TVariantTypeCommon {
+public:
+  static_assert(Code <= 0x15 || Code == 0x21 || Code == 0x81 || (Code >= 0x83 && Code <= 0x8C) || Code == 0x8F ||
+                    Code == 0x91 || Code == 0x92 || Code == 0x94 || Code == 0x95,
+                "no value class for this type code");
+  TVariantType(const uint8_t* AChunkData, uint32_t AOffset, uint32_t ASize, uint32_t AMode)
+      : TVariantTypeCommon(Code, AChunkData, AOffset, ASize, AMode) {}
+};
+
+using TVariantType00 = TVariantType<0x00>;
+using TVariantType01 = TVariantType<0x01>;
+using TVariantType02 = TVariantType<0x02>;
+using TVariantType03 = TVariantType<0x03>;
+using TVariantType04 = TVariantType<0x04>;
+using TVariantType05 = TVariantType<0x05>;
+using TVariantType06 = TVariantType<0x06>;
+using TVariantType07 = TVariantType<0x07>;
+using TVariantType08 = TVariantType<0x08>;
+using TVariantType09 = TVariantType<0x09>;
+using TVariantType0A = TVariantType<0x0A>;
+using TVariantType0B = TVariantType<0x0B>;
+using TVariantType0C = TVariantType<0x0C>;
+using TVariantType0D = TVariantType<0x0D>;
+using TVariantType0E = TVariantType<0x0E>;
+using TVariantType0F = TVariantType<0x0F>;
+using TVariantType10 = TVariantType<0x10>;
+using TVariantType11 = TVariantType<0x11>;
+using TVariantType12 = TVariantType<0x12>;
+using TVariantType13 = TVariantType<0x13>;
+using TVariantType14 = TVariantType<0x14>;
+using TVariantType15 = TVariantType<0x15>;
+using TVariantType21 = TVariantType<0x21>;
+using TVariantType81 = TVariantType<0x81>;
+using TVariantType83 = TVariantType<0x83>;
+using TVariantType84 = TVariantType<0x84>;
+using TVariantType85 = TVariantType<0x85>;
+using TVariantType86 = TVariantType<0x86>;
+using TVariantType87 = TVariantType<0x87>;
+using TVariantType88 = TVariantType<0x88>;
+using TVariantType89 = TVariantType<0x89>;
+using TVariantType8A = TVariantType<0x8A>;
+using TVariantType8B = TVariantType<0x8B>;
+using TVariantType8C = TVariantType<0x8C>;
+using TVariantType8F = TVariantType<0x8F>;
+using TVariantType91 = TVariantType<0x91>;
+using TVariantType92 = TVariantType<0x92>;
+using TVariantType94 = TVariantType<0x94>;
+using TVariantType95 = TVariantType<0x95>;
+
+} // namespace qvx

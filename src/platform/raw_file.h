@@ -1,0 +1,52 @@
+// Read-only access to files, volumes and disks by positioned reads.
+//
+// Linux: any path, including block devices such as /dev/sdb (size from BLKGETSIZE64).
+// Windows: CreateFileW with GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING; "\\.\" names
+// open volumes and physical disks (size from IOCTL_DISK_GET_LENGTH_INFO, or for
+// "\\.\PhysicalDisk…" from GetDiskFreeSpaceExW).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace qvx {
+
+class TRawFile {
+public:
+  TRawFile() = default;
+  ~TRawFile();
+  TRawFile(TRawFile&& AOther) noexcept;
+  TRawFile& operator=(TRawFile&& AOther) noexcept;
+  TRawFile(const TRawFile&) = delete;
+  TRawFile& operator=(const TRawFile&) = delete;
+
+  // Opens APath for reading. Raises ENTException ("<path>: <code>: <text>") when it
+  // cannot be opened or is a directory.
+  static TRawFile Open(const std::string& APath);
+
+  bool IsOpen() const;
+  void Close();
+  const std::string& Path() const { return FPath; }
+  bool IsDevice() const { return FIsDevice; }
+
+  // Size in bytes, measured once at open: the file size, or the device length.
+  // 0 when the system cannot tell.
+  uint64_t Size() const { return FSize; }
+
+  // Reads up to ALength bytes at AOffset; returns the bytes read (short only at the end
+  // of the data). Raises ENTException on a read error.
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const;
+
+private:
+#ifdef _WIN32
+  void* FHandle = nullptr;
+#else
+  int FFd = -1;
+#endif
+  std::string FPath;
+  uint64_t FSize = 0;
+  bool FIsDevice = false;
+};
+
+} // namespace qvx

@@ -1,0 +1,154 @@
+#include "platform/utf16.h"
+
+#include "platform/byte_reader.h"
+
+namespace qvx {
+namespace {
+
+inline void PutCodePoint(std::string& AOut, uint32_t c) {
+  if (c < 0x80) {
+    AOut.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    char b[2] = {static_cast<char>(0xC0 | (c >> 6)), static_cast<char>(0x80 | (c & 0x3F))};
+    AOut.append(b, 2);
+  } else if (c < 0x10000) {
+    char b[3] = {static_cast<char>(0xE0 | (c >> 12)), static_cast<char>(0x80 | ((c >> 6) & 0x3F)),
+                 static_cast<char>(0x80 | (c & 0x3F))};
+    AOut.append(b, 3);
+  } else {
+    char b[4] = {static_cast<char>(0xF0 | (c >> 18)), static_cast<char>(0x80 | ((c >> 12) & 0x3F)),
+                 static_cast<char>(0x80 | ((c >> 6) & 0x3F)), static_cast<char>(0x80 | (c & 0x3F))};
+    AOut.append(b, 4);
+  }
+}
+
+// Decodes one code point starting at unit i; advances i past what it used.
+inline uint32_t NextCodePoint(const uint8_t* p, size_t count, size_t& i) {
+  uint32_t u = LoadU16(p + 2 * i++);
+  if (u < 0xD800 || u > 0xDFFF) return u;
+  if (u <= 0xDBFF && i < count) {
+    uint32_t lo = LoadU16(p + 2 * i);
+    if (lo >= 0xDC00 && lo <= 0xDFFF) {
+      ++i;
+      return 0x10000 + ((u - 0xD800) << 10) + (lo - 0xDC00);
+    }
+  }
+  return 0xFFFD;
+}
+
+template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
+  AOut.reserve(AOut.size() + count + count / 2);
+  size_t i = 0;
+  while (i < count) {
+    // Fast path: a run of plain ASCII.
+    uint16_t u = LoadU16(p + 2 * i);
+    if (u < 0x80) {
+      if constexpr (Escape) {
+        switch (u) {
+        case 0: ++i; continue;
+        case '&': AOut.append("&amp;"); ++i; continue;
+        case '\'': AOut.append("&apos;"); ++i; continue;
+        case '"': AOut.append("&quot;"); ++i; continue;
+        case '<': AOut.append("&lt;"); ++i; continue;
+        case '>': AOut.append("&gt;"); ++i; continue;
+        default: break;
+        }
+      }
+      AOut.push_back(static_cast<char>(u));
+      ++i;
+      continue;
+    }
+    PutCodePoint(AOut, NextCodePoint(p, count, i));
+  }
+}
+
+constexpr uint16_t kCp1252High[32] = {
+    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
+
+} // namespace
+
+void AppendUtf16(std::string& AOut, const uint8_t* ABytes, size_t ACount) { Convert<false>(AOut, ABytes, ACount); }
+
+void AppendUtf16Escaped(std::string& AOut, const uint8_t* ABytes, size_t ACount) {
+  Convert<true>(AOut, ABytes, ACount);
+}
+
+void AppendEscaped(std::string& AOut, std::string_view AText) {
+  for (char c : AText) {
+    switch (c) {
+    case '\0': break;
+    case '&': AOut.append("&amp;"); break;
+    case '\'': AOut.append("&apos;"); break;
+    case '"': AOut.append("&quot;"); break;
+    case '<': AOut.append("&lt;"); break;
+    case '>': AOut.append("&gt;"); break;
+    default: AOut.push_back(c);
+    }
+  }
+}
+
+void AppendCp1252(std::string& AOut, const uint8_t* ABytes, size_t ACount) {
+  for (size_t i = 0; i < ACount; ++i) {
+    uint8_t b = ABytes[i];
+    if (b < 0x80) AOut.push_back(static_cast<char>(b));
+    else if (b < 0xA0) PutCodePoint(AOut, kCp1252High[b - 0x80]);
+    else PutCodePoint(AOut, b);
+  }
+}
+
+std::string Utf16ToUtf8(const uint8_t* ABytes, size_t ACount) {
+  std::string out;
+  AppendUtf16(out, ABytes, ACount);
+  return out;
+}
+
+std::string Utf16ToUtf8(std::u16string_view AText) {
+  std::string out;
+  out.reserve(AText.size());
+  for (size_t i = 0; i < AText.size();) {
+    uint32_t u = AText[i++];
+    if (u >= 0xD800 && u <= 0xDFFF) {
+      if (u <= 0xDBFF && i < AText.size() && AText[i] >= 0xDC00 && AText[i] <= 0xDFFF) {
+        u = 0x10000 + ((u - 0xD800) << 10) + (AText[i++] - 0xDC00);
+      } else {
+        u = 0xFFFD;
+      }
+    }
+    PutCodePoint(out, u);
+  }
+  return out;
+}
+
+std::u16string Utf8ToUtf16(std::string_view AText) {
+  std::u16string out;
+  out.reserve(AText.size());
+  size_t i = 0;
+  auto cont = [&](size_t k) { return i + k < AText.size() && (static_cast<uint8_t>(AText[i + k]) & 0xC0) == 0x80; };
+  while (i < AText.size()) {
+    uint8_t b = static_cast<uint8_t>(AText[i]);
+    uint32_t c;
+    if (b < 0x80) { c = b; i += 1; }
+    else if ((b & 0xE0) == 0xC0 && cont(1)) { c = ((b & 0x1F) << 6) | (AText[i + 1] & 0x3F); i += 2; }
+    else if ((b & 0xF0) == 0xE0 && cont(1) && cont(2)) {
+      c = ((b & 0x0F) << 12) | ((AText[i + 1] & 0x3F) << 6) | (AText[i + 2] & 0x3F);
+      i += 3;
+    } else if ((b & 0xF8) == 0xF0 && cont(1) && cont(2) && cont(3)) {
+      c = ((b & 0x07) << 18) | ((AText[i + 1] & 0x3F) << 12) | ((AText[i + 2] & 0x3F) << 6) | (AText[i + 3] & 0x3F);
+      i += 4;
+    } else { c = 0xFFFD; i += 1; }
+    if (c >= 0x10000 && c <= 0x10FFFF) {
+      c -= 0x10000;
+      out.push_back(static_cast<char16_t>(0xD800 + (c >> 10)));
+      out.push_back(static_cast<char16_t>(0xDC00 + (c & 0x3FF)));
+    } else {
+      out.push_back(static_cast<char16_t>(c > 0x10FFFF ? 0xFFFD : c));
+    }
+  }
+  return out;
+}
+
+size_t Utf16Length(std::string_view AText) { return Utf8ToUtf16(AText).size(); }
+
+} // namespace qvx
