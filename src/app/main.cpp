@@ -3,11 +3,21 @@
 
 #include <CLI/CLI.hpp>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include <cstdio>
 #include <thread>
 
 int main(int argc, char** argv) {
   using namespace qvx::app;
+#if defined(__GLIBC__)
+  // Chunk buffers and rendered text are a few hundred KB each and freed per chunk; keep
+  // them in the heap instead of mapping and unmapping (and faulting in) pages each time.
+  mallopt(M_MMAP_THRESHOLD, 64 * 1024 * 1024);
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024 * 1024);
+#endif
 
   CLI::App app{"Quorvex - a fast, portable viewer and analyser of Windows event logs.\n"
                "Reads .evtx files directly, with no help from Windows, and reports damage\n"

@@ -15,11 +15,38 @@ namespace qvx {
 // ---------------------------------------------------------------------------------
 // Arena
 
+namespace {
+
+constexpr size_t kArenaBlockSize = 32 * 1024;
+
+// Standard-size blocks freed by one chunk's arena are kept for the next chunk of the
+// same thread, so walking a large file does not return to the allocator per chunk.
+struct TArenaBlockCache {
+  std::vector<std::unique_ptr<std::byte[]>> Blocks;
+};
+thread_local TArenaBlockCache GBlockCache;
+constexpr size_t kMaxCachedBlocks = 16;
+
+} // namespace
+
+TBXmlArena::~TBXmlArena() {
+  for (size_t i = 0; i < FBlocks.size(); ++i) {
+    if (FBlockSizes[i] != kArenaBlockSize || GBlockCache.Blocks.size() >= kMaxCachedBlocks) continue;
+    GBlockCache.Blocks.push_back(std::move(FBlocks[i]));
+  }
+}
+
 void* TBXmlArena::Allocate(size_t ASize, size_t AAlign) {
   size_t pad = (AAlign - reinterpret_cast<uintptr_t>(FCursor) % AAlign) % AAlign;
   if (!FCursor || pad + ASize > FLeft) {
-    size_t blockSize = std::max<size_t>(32 * 1024, ASize + AAlign);
-    FBlocks.push_back(std::make_unique<std::byte[]>(blockSize));
+    size_t blockSize = std::max<size_t>(kArenaBlockSize, ASize + AAlign);
+    if (blockSize == kArenaBlockSize && !GBlockCache.Blocks.empty()) {
+      FBlocks.push_back(std::move(GBlockCache.Blocks.back()));
+      GBlockCache.Blocks.pop_back();
+    } else {
+      FBlocks.push_back(std::make_unique_for_overwrite<std::byte[]>(blockSize));
+    }
+    FBlockSizes.push_back(blockSize);
     FCursor = FBlocks.back().get();
     FLeft = blockSize;
     pad = (AAlign - reinterpret_cast<uintptr_t>(FCursor) % AAlign) % AAlign;

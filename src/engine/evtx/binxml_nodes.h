@@ -44,6 +44,7 @@ class TEvtxChunk;
 class TBXmlArena {
 public:
   TBXmlArena() = default;
+  ~TBXmlArena();
   TBXmlArena(const TBXmlArena&) = delete;
   TBXmlArena& operator=(const TBXmlArena&) = delete;
 
@@ -57,6 +58,7 @@ public:
 
 private:
   std::vector<std::unique_ptr<std::byte[]>> FBlocks;
+  std::vector<size_t> FBlockSizes;
   std::byte* FCursor = nullptr;
   size_t FLeft = 0;
   size_t FTotal = 0;
