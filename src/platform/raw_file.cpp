@@ -2,6 +2,7 @@
 
 #include "platform/nt_exception.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 

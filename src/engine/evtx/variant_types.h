@@ -52,13 +52,13 @@ private:
   bool FValid = false;
 };
 
-template <uint8_t Code> class TVariantType : public TVariantTypeCommon {
+template <uint8_t ACode> class TVariantType : public TVariantTypeCommon {
 public:
-  static_assert(Code <= 0x15 || Code == 0x21 || Code == 0x81 || (Code >= 0x83 && Code <= 0x8C) || Code == 0x8F ||
-                    Code == 0x91 || Code == 0x92 || Code == 0x94 || Code == 0x95,
+  static_assert(ACode <= 0x15 || ACode == 0x21 || ACode == 0x81 || (ACode >= 0x83 && ACode <= 0x8C) ||
+                    ACode == 0x8F || ACode == 0x91 || ACode == 0x92 || ACode == 0x94 || ACode == 0x95,
                 "no value class for this type code");
   TVariantType(const uint8_t* AChunkData, uint32_t AOffset, uint32_t ASize, uint32_t AMode)
-      : TVariantTypeCommon(Code, AChunkData, AOffset, ASize, AMode) {}
+      : TVariantTypeCommon(ACode, AChunkData, AOffset, ASize, AMode) {}
 };
 
 using TVariantType00 = TVariantType<0x00>;
