@@ -1,0 +1,359 @@
+#include "engine/evtx/binxml_exception.h"
+#include "engine/evtx/binxml_nodes.h"
+#include "engine/evtx/evtx_chunk.h"
+#include "engine/evtx/evtx_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace qvx {
+namespace {
+
+// Builds a chunk in memory and gives access to its records' XML and errors.
+class TChunkUnderTest {
+public:
+  explicit TChunkUnderTest(const TEvtxChunkWriter& AWriter) : FBytes(AWriter.Finish()), FChunk(FBytes) {}
+
+  std::string Xml(int AIndex) { return FChunk.GetEvent(AIndex)->asXML(); }
+
+  // The exception text (with its detail in parentheses) of rendering record AIndex.
+  std::string Error(int AIndex) {
+    try {
+      FChunk.GetEvent(AIndex)->asXML();
+    } catch (const EBinXMLLogReadingException& e) {
+      return e.Detail().empty() ? std::string(e.what()) : std::string(e.what()) + " (" + e.Detail() + ")";
+    }
+    return "no error";
+  }
+
+  TEvtxChunk& Chunk() { return FChunk; }
+
+private:
+  std::vector<uint8_t> FBytes;
+  TEvtxChunk FChunk;
+};
+
+const uint64_t kTime = 133545888000000000ULL; // 2024-03-11T00:00:00Z
+
+// <Root Attr="%0"><Item>%1</Item><Opt>%2?</Opt></Root> with optional substitutions where named.
+TEvtxTemplate SmallTemplate(uint8_t AType1 = EvtxType::UInt32) {
+  return TEvtxTemplate("small", [AType1](TBinXmlWriter& w) {
+    w.OpenElement("Root");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 1, AType1);
+    w.SubstitutionElement("Opt", 2, EvtxType::String, true);
+    w.EndElement();
+  });
+}
+
+TEST(BinXmlTemplates, InlineThenReferencedTemplateRendersEachRecordsOwnValues) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v1 = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
+  std::vector<TEvtxValue> v2 = {TEvtxValue::String("b<"), TEvtxValue::UInt32(8), TEvtxValue::String("y")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v1));
+  ASSERT_TRUE(w.AddRecord(2, kTime, t, v2));
+  TChunkUnderTest c(w);
+  ASSERT_EQ(c.Chunk().Count(), 2);
+  EXPECT_EQ(c.Xml(0), "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>");
+  EXPECT_EQ(c.Xml(1), "\r\n<Root Attr=\"b&lt;\">\r\n<Item>8</Item>\r\n<Opt>y</Opt></Root>");
+  // The second record refers to the first one's definition instead of carrying its own.
+  EXPECT_LT(c.Chunk().GetEvent(1)->Length(), c.Chunk().GetEvent(0)->Length());
+}
+
+TEST(BinXmlTemplates, RecordsRenderInAnyOrderOnceTheDefinitionIsKnown) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  for (uint32_t i = 0; i < 3; ++i) {
+    std::vector<TEvtxValue> v = {TEvtxValue::String("r"), TEvtxValue::UInt32(i), TEvtxValue::Null()};
+    ASSERT_TRUE(w.AddRecord(i + 1, kTime, t, v));
+  }
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<Root Attr=\"r\">\r\n<Item>0</Item>\r\n<Opt></Opt></Root>");
+  EXPECT_EQ(c.Xml(2), "\r\n<Root Attr=\"r\">\r\n<Item>2</Item>\r\n<Opt></Opt></Root>");
+  EXPECT_EQ(c.Xml(1), "\r\n<Root Attr=\"r\">\r\n<Item>1</Item>\r\n<Opt></Opt></Root>");
+}
+
+// A record whose template instance refers back to the definition at ADefinition with AId.
+TBinXmlBody ReferenceBody(uint32_t AId, uint32_t ADefinition, std::vector<TEvtxValue> AValues) {
+  return [=](TBinXmlWriter& w) {
+    w.FragmentHeader();
+    w.RawU8(0x0C);
+    w.RawU8(0x01);
+    w.RawU32(AId);
+    w.RawU32(ADefinition);
+    w.SubstitutionArray(AValues);
+  };
+}
+
+TEST(BinXmlTemplates, ReferenceToAnotherIdRaisesWrongTemplate) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  uint32_t definition = w.Tables().FindTemplate(t.Guid());
+  ASSERT_NE(definition, 0u);
+  ASSERT_TRUE(w.AddRecord(2, kTime, ReferenceBody(t.Id() ^ 1, definition, v)));
+  ASSERT_TRUE(w.AddRecord(3, kTime, ReferenceBody(t.Id(), definition, v)));
+  TChunkUnderTest c(w);
+  c.Xml(0);
+  EXPECT_EQ(c.Error(1), "NodeC: wrong template");
+  EXPECT_EQ(c.Error(2), "no error");
+}
+
+TEST(BinXmlTemplates, ReferenceToUnknownOffsetRaisesNoTemplate) {
+  TEvtxChunkWriter w;
+  std::vector<TEvtxValue> v = {TEvtxValue::UInt32(1)};
+  ASSERT_TRUE(w.AddRecord(1, kTime, ReferenceBody(0x1234, 100, v)));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "NodeC: no template");
+}
+
+TEST(BinXmlTemplates, PlaceholdersStandInForValuesWhenNoneAreAvailable) {
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate("placeholders", [](TBinXmlWriter& w2) {
+    w2.OpenElement("E");
+    w2.Attribute("A");
+    w2.Substitution(2, 0x06);
+    w2.CloseStartElement();
+    w2.Substitution(3, 0x08);
+    w2.Substitution(4, 0x01, true);
+    w2.EndElement();
+  });
+  std::vector<TEvtxValue> v(5, TEvtxValue::UInt16(1));
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  TBXmlTemplateNode* node = c.Chunk().GetTemplateByPoint(0);
+  (void)node;
+  uint32_t definition = w.Tables().FindTemplate(t.Guid());
+  TBXmlTemplateNode* tn = PrepareTemplateAt(c.Chunk(), definition);
+  EXPECT_EQ(RenderTemplate(c.Chunk(), tn),
+            "\r\n<E A=\"#2 (type 0x06)#\">#3 (type 0x08)##4 (type 0x01, optional)#</E>");
+}
+
+TEST(BinXmlSubstitutions, EmptyOptionalValueWritesNothingNotEvenItsAttributeName) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::Null(), TEvtxValue::UInt32(5), TEvtxValue::String("")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<Root>\r\n<Item>5</Item>\r\n<Opt></Opt></Root>");
+}
+
+TEST(BinXmlSubstitutions, IndexBeyondTheArrayRaisesThroughRoot) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(5)}; // index 2 missing
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "Root exception (SubArray: index out of bounds)");
+}
+
+TEST(BinXmlSubstitutions, ValueLargerThanItsTypeRaisesBadSizeForAChild) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(EvtxType::UInt32, {1, 0, 0, 0, 0, 0, 0, 0}),
+                               TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "SubArray: bad size for a child");
+}
+
+TEST(BinXmlSubstitutions, ValueTypeWithoutAClassRaisesDefaultMessage) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(0x93, {1, 2, 3, 4}), TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "BinXML read error");
+}
+
+TEST(BinXmlSubstitutions, NullSubstitutionsMayDeclareASize) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue(EvtxType::Null, {0, 0}), TEvtxValue::UInt32(5),
+                               TEvtxValue(EvtxType::Null, {0, 0})};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<Root>\r\n<Item>5</Item>\r\n<Opt></Opt></Root>");
+}
+
+TEST(BinXmlSubstitutions, EveryValueTypeRendersInsideATemplate) {
+  std::vector<std::pair<TEvtxValue, std::string>> cases = {
+      {TEvtxValue::Int8(-5), "-5"},
+      {TEvtxValue::UInt64(1ULL << 40), "1099511627776"},
+      {TEvtxValue::Bool(true), "true"},
+      {TEvtxValue::Guid("{54849625-5478-4994-A5BA-3E3B0328C30D}"), "{54849625-5478-4994-A5BA-3E3B0328C30D}"},
+      {TEvtxValue::Sid("S-1-5-21-1-2-3-500"), "S-1-5-21-1-2-3-500"},
+      {TEvtxValue::Hex32(500), "0X000001F4"},
+      {TEvtxValue::Hex64(500), "0x00000000000001F4"},
+      {TEvtxValue::FileTime(kTime + 1230000), "2024-03-11T00:00:00.1230Z"},
+      {TEvtxValue::SystemTime(2020, 1, 4, 2, 3, 4, 5, 6), "2020-01-02T03:04:05:006Z"},
+      {TEvtxValue::SizeT(4294967295ULL, false), "4294967295"},
+      {TEvtxValue::StringArray({"a", "b&"}), "[0] a\r\n[1] b&amp;"},
+      {TEvtxValue::AnsiString("ansi"), "ansi"},
+  };
+  for (auto& [value, text] : cases) {
+    TEvtxChunkWriter w;
+    auto t = TEvtxTemplate("one", [type = value.Type()](TBinXmlWriter& w2) { w2.SubstitutionElement("V", 0, type); });
+    std::vector<TEvtxValue> v = {value};
+    ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+    TChunkUnderTest c(w);
+    EXPECT_EQ(c.Xml(0), "\r\n<V>" + text + "</V>") << "type 0x" << std::hex << int(value.Type());
+  }
+}
+
+TEST(BinXmlTokens, CDataEntityAndProcessingInstruction) {
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate("tokens", [](TBinXmlWriter& w2) {
+    w2.OpenElement("T");
+    w2.CloseStartElement();
+    w2.CData("a<b");
+    w2.EntityReference("amp");
+    w2.PITarget("pi");
+    w2.PIData("data");
+    w2.Text("x\"y");
+    w2.EndElement();
+  });
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, {}));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<T><![CDATA[a<b]]>&amp;<?pi data?>x&quot;y</T>");
+}
+
+TEST(BinXmlTokens, EntityReferencesInsideAnAttributeJoinItsValue) {
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate("entity-attr", [](TBinXmlWriter& w2) {
+    w2.OpenElement("T");
+    w2.Attribute("eTag");
+    w2.EntityReference("quot");
+    w2.Text("abc");
+    w2.EntityReference("quot");
+    w2.CloseEmptyElement();
+  });
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, {}));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<T eTag=\"&quot;abc&quot;\" />");
+}
+
+TEST(BinXmlTokens, CharacterReferenceTokenCannotBeDecoded) {
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate("charref", [](TBinXmlWriter& w2) {
+    w2.OpenElement("T");
+    w2.CloseStartElement();
+    w2.RawU8(0x08);
+    w2.RawU16('<');
+    w2.EndElement();
+  });
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, {}));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "BinXML read error");
+}
+
+TEST(BinXmlTokens, FragmentHeaderVersionIsChecked) {
+  TEvtxChunkWriter w;
+  ASSERT_TRUE(w.AddRecord(1, kTime, [](TBinXmlWriter& w2) {
+    w2.Raw(std::vector<uint8_t>{0x0F, 0x02, 0x01, 0x00});
+  }));
+  ASSERT_TRUE(w.AddRecord(2, kTime, [](TBinXmlWriter& w2) {
+    w2.Raw(std::vector<uint8_t>{0x0F, 0x01, 0x02, 0x00});
+  }));
+  ASSERT_TRUE(w.AddRecord(3, kTime, [](TBinXmlWriter& w2) { w2.Raw(std::vector<uint8_t>{0x0F, 0x01}); }));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "NodeF: bad ExCode1 ");
+  EXPECT_EQ(c.Error(1), "NodeF: bad ExCode2 ");
+  EXPECT_EQ(c.Error(2), "NodeF: too short");
+}
+
+TEST(BinXmlTokens, TemplateInstanceNeedsExCodeOne) {
+  TEvtxChunkWriter w;
+  ASSERT_TRUE(w.AddRecord(1, kTime, [](TBinXmlWriter& w2) {
+    w2.FragmentHeader();
+    w2.Raw(std::vector<uint8_t>{0x0C, 0x02, 1, 0, 0, 0, 0, 2, 0, 0});
+  }));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "NodeC: bad ExCode ");
+}
+
+TEST(BinXmlNesting, EmbeddedFragmentRendersInPlace) {
+  auto inner = std::make_shared<TEvtxTemplate>("inner", [](TBinXmlWriter& w2) {
+    w2.OpenElement("Inner");
+    w2.Attribute("Id");
+    w2.Substitution(0, EvtxType::UInt16);
+    w2.CloseEmptyElement();
+  });
+  auto outer = TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
+    w2.OpenElement("UserData");
+    w2.CloseStartElement();
+    w2.Substitution(0, EvtxType::BinXml);
+    w2.EndElement();
+  });
+  TEvtxChunkWriter w;
+  std::vector<TEvtxValue> v = {TEvtxValue::BinXml(inner, {TEvtxValue::UInt16(42)})};
+  ASSERT_TRUE(w.AddRecord(1, kTime, outer, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<UserData>\r\n<Inner Id=\"42\" /></UserData>");
+}
+
+TEST(BinXmlNesting, RunawayNestingIsRefusedNotFollowed) {
+  TEvtxChunkWriter w;
+  auto deep = TEvtxTemplate("deep", [](TBinXmlWriter& w2) {
+    for (int i = 0; i < 300; ++i) {
+      w2.OpenElement("D");
+      w2.CloseStartElement();
+    }
+    for (int i = 0; i < 300; ++i) w2.EndElement();
+  });
+  ASSERT_TRUE(w.AddRecord(1, kTime, deep, {}));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "BinXML nesting too deep");
+}
+
+TEST(BinXmlRecord, StandardEventRendersAsWindowsLaysItOut) {
+  TEvtxEventDraft e;
+  e.FProviderName = "Service Control Manager";
+  e.FProviderGuid = "{555908D1-A6D7-4695-8E1E-26931D2012F4}";
+  e.FEventSourceName = "Service Control Manager";
+  e.FEventId = 7036;
+  e.FQualifiers = 16384;
+  e.FLevel = 4;
+  e.FKeywords = 0x8080000000000000ULL;
+  e.FTimeCreated = kTime;
+  e.FProcessId = 600;
+  e.FThreadId = 700;
+  e.FChannel = "System";
+  e.FComputer = "PC";
+  e.FData = {{"param1", TEvtxValue::String("Print Spooler")}, {"param2", TEvtxValue::String("running")}};
+  TEvtxChunkWriter w;
+  TEvtxEventTemplates templates;
+  ASSERT_TRUE(w.AddEvent(17, e, templates));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0),
+            "\r\n<Event xmlns=\"http://schemas.microsoft.com/win/2004/08/events/event\">"
+            "\r\n<System>"
+            "\r\n<Provider Name=\"Service Control Manager\" Guid=\"{555908D1-A6D7-4695-8E1E-26931D2012F4}\" "
+            "EventSourceName=\"Service Control Manager\" />"
+            "\r\n<EventID Qualifiers=\"16384\">7036</EventID>"
+            "\r\n<Version>0</Version>"
+            "\r\n<Level>4</Level>"
+            "\r\n<Task>0</Task>"
+            "\r\n<Opcode>0</Opcode>"
+            "\r\n<Keywords>0x8080000000000000</Keywords>"
+            "\r\n<TimeCreated SystemTime=\"2024-03-11T00:00:00.0Z\" />"
+            "\r\n<EventRecordID>17</EventRecordID>"
+            "\r\n<Correlation />"
+            "\r\n<Execution ProcessID=\"600\" ThreadID=\"700\" />"
+            "\r\n<Channel>System</Channel>"
+            "\r\n<Computer>PC</Computer>"
+            "\r\n<Security /></System>"
+            "\r\n<EventData>"
+            "\r\n<Data Name=\"param1\">Print Spooler</Data>"
+            "\r\n<Data Name=\"param2\">running</Data></EventData></Event>");
+}
+
+} // namespace
+} // namespace qvx

@@ -1,0 +1,105 @@
+#include "engine/evtx/evtx_file.h"
+#include "support/evtx_fixtures.h"
+
+#include "platform/raw_file.h"
+
+#include <gtest/gtest.h>
+
+namespace qvx {
+namespace {
+
+using namespace qvx::test;
+
+struct TOpenFile {
+  explicit TOpenFile(const std::vector<uint8_t>& ABytes, const char* AName = "log.evtx")
+      : Raw(TRawFile::Open(WriteTempFile(AName, ABytes))), File(&Raw) {}
+  TRawFile Raw;
+  TEvtxFile File;
+};
+
+TEST(EvtxFileHeader, VersionThreeOneAndThreeTwoAreValidThreeZeroIsNot) {
+  for (uint16_t minor : {0, 1, 2}) {
+    auto bytes = MakeEvtxFile(2, 3);
+    SetHeaderVersion(bytes, 3, minor);
+    TOpenFile f(bytes);
+    EXPECT_EQ(f.File.Valid(), minor >= 1) << minor;
+    EXPECT_EQ(f.File.Count(), minor >= 1 ? 2 : -1) << minor;
+  }
+  auto bytes = MakeEvtxFile(1, 1);
+  SetHeaderVersion(bytes, 2, 1);
+  TOpenFile f(bytes);
+  EXPECT_FALSE(f.File.HeaderValid());
+}
+
+TEST(EvtxFileHeader, FieldsAreReadAsStored) {
+  auto bytes = MakeEvtxFile(3, 4);
+  SetHeaderFlags(bytes, 1);
+  TOpenFile f(bytes);
+  ASSERT_TRUE(f.File.Valid());
+  EXPECT_EQ(f.File.OldestChunk(), 0u);
+  EXPECT_EQ(f.File.CurrentChunk(), 2u);
+  EXPECT_EQ(f.File.NextRecord(), 13u);
+  EXPECT_EQ(f.File.ChunkCount(), 3u);
+  EXPECT_EQ(f.File.Flags(), 1u);
+  EXPECT_EQ(f.File.HeaderLen(), 4096u);
+}
+
+TEST(EvtxFileHeader, NotAnEvtxFileIsNotValid) {
+  std::vector<uint8_t> text(5000, 'x');
+  TOpenFile f(text);
+  EXPECT_FALSE(f.File.Valid());
+  EXPECT_EQ(f.File.Count(), -1);
+  EXPECT_EQ(f.File.GetChunk(0), nullptr);
+  std::vector<uint8_t> tiny = {'E', 'l', 'f'};
+  TOpenFile g(tiny, "tiny.evtx");
+  EXPECT_FALSE(g.File.Valid());
+}
+
+TEST(EvtxFileChunks, HeaderNamingFewerChunksThanFollowMakesTheFileNotValid) {
+  auto bytes = MakeEvtxFile(10, 2);
+  SetHeaderChunkCount(bytes, 9);
+  TOpenFile f(bytes);
+  EXPECT_EQ(f.File.Count(), -1);
+  EXPECT_EQ(f.File.ChunksFound(), 10);
+  EXPECT_TRUE(f.File.HeaderValid());
+  EXPECT_EQ(f.File.GetChunk(0), nullptr);
+  EXPECT_NE(f.File.GetFoundChunk(0), nullptr);
+}
+
+TEST(EvtxFileChunks, ListedNewestFirstWhateverTheirOrderInTheFile) {
+  TOpenFile f(MakeFileInChunkOrder({2, 3, 0, 1}, 5));
+  ASSERT_EQ(f.File.Count(), 4);
+  uint64_t previous = UINT64_MAX;
+  for (int i = 0; i < 4; ++i) {
+    uint64_t first = f.File.GetChunk(i)->NumFirstFile();
+    EXPECT_LT(first, previous);
+    previous = first;
+  }
+  EXPECT_EQ(f.File.GetChunk(0)->NumFirstFile(), 16u);
+  EXPECT_EQ(f.File.GetChunk(4), nullptr);
+}
+
+TEST(EvtxFileChunks, FileCutInsideItsLastChunkStillListsIt) {
+  auto bytes = MakeEvtxFile(3, 4);
+  TruncateAt(bytes, ChunkFileOffset(2) + 1000);
+  TOpenFile cut(bytes);
+  EXPECT_EQ(cut.File.Count(), 3);
+  auto shorter = MakeEvtxFile(3, 4);
+  TruncateAt(shorter, ChunkFileOffset(2) + 100); // not even the chunk header
+  SetHeaderChunkCount(shorter, 2);
+  TOpenFile gone(shorter, "gone.evtx");
+  EXPECT_EQ(gone.File.Count(), 2);
+}
+
+TEST(EvtxFileChunks, ExportHandsOutEveryChunkThenReadsAgain) {
+  TOpenFile f(MakeEvtxFile(3, 2));
+  ASSERT_EQ(f.File.Count(), 3);
+  std::vector<std::string> list;
+  f.File.Export(list);
+  EXPECT_EQ(list.size(), 3u);
+  // Header-only chunks carry no records; after the reset the file reads again.
+  EXPECT_EQ(f.File.Count(), 3);
+}
+
+} // namespace
+} // namespace qvx
