@@ -1,0 +1,73 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages Quorvex needs to build, test, fuzz and cross-build.
+#
+# Idempotent: each package is checked with dpkg first; apt-get runs only when
+# something is missing (one `apt-get update`, then one install of the missing
+# names). Runs unattended (CI, no stdin). Uses sudo only when not root.
+#
+#   scripts/setup.sh            install what is missing
+#   scripts/setup.sh --check    list what is missing, exit 1 if anything is
+set -euo pipefail
+
+PACKAGES=(
+  # compilers and build tools
+  build-essential cmake ninja-build clang
+  libclang-rt-14-dev # libFuzzer, ASan and UBSan runtimes for clang 14
+  llvm               # llvm-symbolizer: function names in the clang build's crash reports
+  mingw-w64          # Windows cross-build of the libraries
+  # libraries
+  libgtest-dev libgmock-dev libsqlite3-dev libpugixml-dev libpcre2-dev libhivex-dev
+  libcli11-dev libfmt-dev nlohmann-json3-dev libicu-dev
+  # scripts, and the peer readers used by the differential test and the benchmark
+  python3 libevtx-utils python3-evtx
+)
+
+is_installed() {
+  [[ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" == "install ok installed" ]]
+}
+
+missing=()
+for pkg in "${PACKAGES[@]}"; do
+  is_installed "$pkg" || missing+=("$pkg")
+done
+
+if [[ "${1:-}" == "--check" ]]; then
+  if ((${#missing[@]})); then
+    echo "setup: missing: ${missing[*]}"
+    exit 1
+  fi
+  echo "setup: all ${#PACKAGES[@]} packages installed"
+  exit 0
+fi
+
+if ((${#missing[@]} == 0)); then
+  echo "setup: all ${#PACKAGES[@]} packages already installed"
+  exit 0
+fi
+
+SUDO=()
+if [[ "$(id -u)" != 0 ]]; then
+  if ! command -v sudo >/dev/null; then
+    echo "setup: not root and sudo is not available; install as root: ${missing[*]}" >&2
+    exit 1
+  fi
+  SUDO=(sudo -n) # never prompt: CI has no stdin
+fi
+
+export DEBIAN_FRONTEND=noninteractive
+APT_OPTS=(-o DPkg::Lock::Timeout=600 -o Dpkg::Use-Pty=0)
+
+echo "setup: installing ${missing[*]}"
+"${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${APT_OPTS[@]}" -q update
+"${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive apt-get "${APT_OPTS[@]}" -q install -y \
+  --no-install-recommends "${missing[@]}" </dev/null
+
+still=()
+for pkg in "${missing[@]}"; do
+  is_installed "$pkg" || still+=("$pkg")
+done
+if ((${#still[@]})); then
+  echo "setup: failed to install: ${still[*]}" >&2
+  exit 1
+fi
+echo "setup: installed ${#missing[@]} package(s)"
