@@ -281,6 +281,7 @@ def keep_cr(data: bytes) -> bytes:
 class Side:
     records: list = field(default_factory=list)  # (record id, element)
     unparsed: list = field(default_factory=list)  # (record id or None, message)
+    control: int = 0  # records N5 changed
     escaped: int = 0  # records N6 changed
     status: int = 0
     stderr: str = ""
@@ -307,9 +308,12 @@ def read_quorvex(data: bytes, side: Side) -> None:
 
 def read_evtxexport(data: bytes, side: Side) -> None:
     # The output is a version line, then records separated by blank lines.
-    text = _XML_BAD.sub(" ", data.decode("utf-8", "replace"))  # N5
+    text = data.decode("utf-8", "replace")
     for m in _EVENT_BLOCK.finditer(text):
         block = m.group(0)
+        if _XML_BAD.search(block):
+            side.control += 1
+            block = _XML_BAD.sub(" ", block)  # N5
         fixed = escape_leaf_text(block)  # N6
         side.escaped += fixed != block
         try:
@@ -574,6 +578,8 @@ def check_file(path: str, quorvex: str, evtxexport: str, timeout: float) -> File
     if e.unparsed:
         rid, msg = e.unparsed[0]
         res.notes.append(f"evtxexport: {len(e.unparsed)} record(s) that do not parse, e.g. record {rid}: {msg} (E2)")
+    if e.control:
+        count(res.hits, "N5 control characters", e.control)
     if e.escaped:
         count(res.hits, "N6 markup in evtxexport values", e.escaped)
 

@@ -1,0 +1,313 @@
+#!/usr/bin/env python3
+"""Times 'quorvex dump' against evtxexport and evtx_dump.py on two files.
+
+Files: the largest .evtx sample under the samples folder, and a generated log of
+about --size-mb MB written by 'quorvex demo' (made once, kept in a cache folder).
+
+Commands, each run --runs times with its output going to /dev/null:
+    quorvex dump -q FILE                 one thread
+    quorvex dump -q --threads 2 FILE
+    evtxexport -f xml FILE               Debian libevtx-utils
+    evtx_dump.py FILE                    Debian python3-evtx
+
+Reported per command: median wall time, MB/s (input bytes / wall time, MB = 10^6
+bytes), peak resident memory (the child's ru_maxrss, what /usr/bin/time calls %M),
+and the ratios of interest with the project's targets.  See bench/README.md.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parent.parent
+
+TARGET_VS_EVTXEXPORT = 40.0  # quorvex, 1 thread, at least this many times as fast as evtxexport
+TARGET_TWO_THREADS = 1.8  # 2 threads at least this many times as fast as 1
+TARGET_RSS_MIB = 64.0  # peak RSS on the generated file below this
+
+
+def default_samples() -> Path:
+    env = os.environ.get("QVX_SAMPLES_DIR")
+    return Path(env) if env else REPO.parent / "shared" / "samples"
+
+
+def default_cache() -> Path:
+    base = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
+    return Path(base) / "quorvex-bench"
+
+
+TIME = "/usr/bin/time" if os.access("/usr/bin/time", os.X_OK) else None
+
+
+def run_once(cmd: list[str]) -> dict:
+    """Runs cmd with stdout to /dev/null; wall seconds, peak RSS (KiB), exit status, stderr tail.
+
+    Peak RSS comes from /usr/bin/time's %M. Without it the child's own ru_maxrss is taken,
+    which on Linux also counts this Python process's pages at the fork (about 20 MiB)."""
+    with tempfile.TemporaryFile() as err, tempfile.NamedTemporaryFile("r") as rss:
+        argv = [TIME, "-q", "-f", "%M", "-o", rss.name, *cmd] if TIME else cmd
+        start = time.perf_counter()
+        p = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
+        _, status, usage = os.wait4(p.pid, 0)
+        wall = time.perf_counter() - start
+        p.returncode = code = os.waitstatus_to_exitcode(status)
+        peak = usage.ru_maxrss
+        if TIME:
+            lines = [ln for ln in rss.read().splitlines() if ln.strip()]
+            if lines and lines[-1].strip().isdigit():
+                peak = int(lines[-1])
+        err.seek(0)
+        tail = err.read()[-400:].decode("utf-8", "replace").strip()
+    return {"wall": wall, "rss_kib": peak, "status": code, "stderr": tail}
+
+
+def warm(path: Path) -> None:
+    """Reads the file once so every timed run finds it in the page cache."""
+    with open(path, "rb") as f:
+        while f.read(1 << 22):
+            pass
+
+
+def measure(cmd: list[str], runs: int, budget: float) -> dict:
+    """Runs cmd up to `runs` times; stops repeating once the runs so far took more than `budget` s."""
+    results = []
+    for _ in range(runs):
+        r = run_once(cmd)
+        results.append(r)
+        if r["status"] != 0 or sum(x["wall"] for x in results) > budget:
+            break
+    walls = [r["wall"] for r in results]
+    return {
+        "command": " ".join(cmd),
+        "runs": len(results),
+        "walls": walls,
+        "median_s": statistics.median(walls),
+        "peak_rss_mib": max(r["rss_kib"] for r in results) / 1024.0,
+        "status": results[-1]["status"],
+        "stderr": results[-1]["stderr"] if results[-1]["status"] != 0 else "",
+    }
+
+
+def largest_sample(samples: Path) -> Path | None:
+    files = [p for p in samples.rglob("*.evtx") if p.is_file()] if samples.is_dir() else []
+    return max(files, key=lambda p: (p.stat().st_size, str(p))) if files else None
+
+
+def generated_file(quorvex: str, size_mb: float, cache: Path, regenerate: bool) -> Path:
+    """A demo log of about size_mb MB, made once: a small probe gives the bytes per record."""
+    cache.mkdir(parents=True, exist_ok=True)
+    probe = cache / "probe.evtx"
+    probe_records = 20000
+    subprocess.run([quorvex, "demo", "--no-dump", "--records", str(probe_records), "--output", str(probe)],
+                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    per_record = probe.stat().st_size / probe_records
+    probe.unlink()
+    records = max(1000, int(round(size_mb * 1e6 / per_record / 1000.0)) * 1000)
+    target = cache / f"demo-{records}.evtx"
+    if regenerate or not target.exists() or target.stat().st_size == 0:
+        tmp = target.with_suffix(".tmp")
+        print(f"generating {target} ({records} records, about {records * per_record / 1e6:.0f} MB) ...", flush=True)
+        subprocess.run([quorvex, "demo", "--no-dump", "--records", str(records), "--output", str(tmp)],
+                       check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        tmp.replace(target)
+    return target
+
+
+def tools(quorvex: str, skip_peers: bool) -> list[dict]:
+    out = [
+        {"key": "quorvex-1t", "label": "quorvex dump -q (1 thread)", "argv": [quorvex, "dump", "-q"]},
+        {"key": "quorvex-2t", "label": "quorvex dump -q --threads 2", "argv": [quorvex, "dump", "-q", "--threads", "2"]},
+    ]
+    if skip_peers:
+        return out
+    for key, label, prog, args, package in (
+        ("evtxexport", "evtxexport -f xml", "evtxexport", ["-f", "xml"], "libevtx-utils"),
+        ("evtx_dump.py", "evtx_dump.py", "evtx_dump.py", [], "python3-evtx"),
+    ):
+        path = shutil.which(prog)
+        out.append({"key": key, "label": label, "argv": [path, *args] if path else None, "package": package,
+                    "peer": True})
+    return out
+
+
+def fmt_ratio(x) -> str:
+    return "n/a" if x is None else f"{x:.1f}x"
+
+
+def verdict(ok) -> str:
+    return "n/a" if ok is None else ("PASS" if ok else "FAIL")
+
+
+def bench_file(label: str, path: Path, tool_list: list[dict], args, rates: dict) -> dict:
+    size = path.stat().st_size
+    warm(path)
+    entry = {"file": str(path), "kind": label, "bytes": size, "results": {}}
+    print(f"\n{label}: {path} ({size / 1e6:.1f} MB)", flush=True)
+    for t in tool_list:
+        key = t["key"]
+        if t["argv"] is None:
+            entry["results"][key] = {"skipped": f"not installed (Debian package {t['package']})"}
+            continue
+        if t.get("peer") and key in rates:
+            estimate = size / rates[key]
+            if estimate > args.peer_limit:
+                entry["results"][key] = {"skipped": f"estimated {estimate:.0f} s", "estimated_s": estimate}
+                continue
+        r = measure(t["argv"] + [str(path)], args.runs, args.budget)
+        r["mb_per_s"] = size / 1e6 / r["median_s"] if r["median_s"] > 0 else None
+        entry["results"][key] = r
+        if r["status"] == 0:
+            rates[key] = size / r["median_s"]
+        print(f"  {t['label']:<30} {r['median_s']:9.3f} s", flush=True)
+
+    res = entry["results"]
+
+    def median(key):
+        r = res.get(key, {})
+        return r.get("median_s") if r.get("status") == 0 else None
+
+    q1, q2, ee, pe = median("quorvex-1t"), median("quorvex-2t"), median("evtxexport"), median("evtx_dump.py")
+    entry["ratios"] = {
+        "quorvex-1t_vs_evtxexport": ee / q1 if ee and q1 else None,
+        "quorvex-2t_vs_quorvex-1t": q1 / q2 if q1 and q2 else None,
+        "quorvex-1t_vs_evtx_dump.py": pe / q1 if pe and q1 else None,
+    }
+    rss = [res[k]["peak_rss_mib"] for k in ("quorvex-1t", "quorvex-2t") if "peak_rss_mib" in res.get(k, {})]
+    entry["quorvex_peak_rss_mib"] = max(rss) if rss else None
+    return entry
+
+
+def print_table(entries: list[dict], tool_list: list[dict]) -> None:
+    labels = {t["key"]: t["label"] for t in tool_list}
+    for e in entries:
+        print(f"\n== {e['kind']}: {os.path.basename(e['file'])}, {e['bytes'] / 1e6:.1f} MB")
+        print(f"  {'command':<30} {'runs':>4} {'median s':>10} {'MB/s':>9} {'peak RSS MiB':>13}")
+        for key, r in e["results"].items():
+            if "skipped" in r:
+                print(f"  {labels[key]:<30} skipped ({r['skipped']})")
+            elif r["status"] != 0:
+                print(f"  {labels[key]:<30} {r['runs']:>4}  FAILED (exit {r['status']}): {r['stderr'][-160:]}")
+            else:
+                print(f"  {labels[key]:<30} {r['runs']:>4} {r['median_s']:>10.3f} {r['mb_per_s']:>9.1f} "
+                      f"{r['peak_rss_mib']:>13.1f}")
+        ra = e["ratios"]
+        x = ra["quorvex-1t_vs_evtxexport"]
+        print(f"  quorvex 1 thread vs evtxexport:   {fmt_ratio(x):>8}   target >= {TARGET_VS_EVTXEXPORT:g}x: "
+              f"{verdict(None if x is None else x >= TARGET_VS_EVTXEXPORT)}")
+        x = ra["quorvex-2t_vs_quorvex-1t"]
+        print(f"  quorvex 2 threads vs 1 thread:    {fmt_ratio(x):>8}   target >= {TARGET_TWO_THREADS:g}x: "
+              f"{verdict(None if x is None else x >= TARGET_TWO_THREADS)}")
+        x = ra["quorvex-1t_vs_evtx_dump.py"]
+        est = e["results"].get("evtx_dump.py", {}).get("estimated_s")
+        q1 = e["results"].get("quorvex-1t", {}).get("median_s")
+        if x is None and est and q1:
+            print(f"  quorvex 1 thread vs evtx_dump.py: {'~' + fmt_ratio(est / q1):>8}   (from evtx_dump.py's estimated time)")
+        else:
+            print(f"  quorvex 1 thread vs evtx_dump.py: {fmt_ratio(x):>8}")
+        if e["kind"] == "generated":
+            x = e["quorvex_peak_rss_mib"]
+            print(f"  quorvex peak RSS:             {'n/a' if x is None else f'{x:.1f} MiB':>12}   target < "
+                  f"{TARGET_RSS_MIB:g} MiB: {verdict(None if x is None else x < TARGET_RSS_MIB)}")
+
+
+def targets(entries: list[dict]) -> dict:
+    """PASS/FAIL of each target, judged on the generated file (the sample when there is none)."""
+    main_entry = next((e for e in entries if e["kind"] == "generated"), entries[-1] if entries else None)
+    if not main_entry:
+        return {}
+    ra = main_entry["ratios"]
+    out = {}
+    x = ra["quorvex-1t_vs_evtxexport"]
+    out[f"quorvex 1 thread >= {TARGET_VS_EVTXEXPORT:g}x evtxexport"] = None if x is None else x >= TARGET_VS_EVTXEXPORT
+    x = ra["quorvex-2t_vs_quorvex-1t"]
+    out[f"2 threads >= {TARGET_TWO_THREADS:g}x 1 thread"] = None if x is None else x >= TARGET_TWO_THREADS
+    if main_entry["kind"] == "generated":
+        x = main_entry["quorvex_peak_rss_mib"]
+        out[f"peak RSS < {TARGET_RSS_MIB:g} MiB"] = None if x is None else x < TARGET_RSS_MIB
+    return out
+
+
+def main(argv=None) -> int:
+    ap = argparse.ArgumentParser(description="Time 'quorvex dump' against evtxexport and evtx_dump.py.")
+    ap.add_argument("--quorvex", default=str(REPO / "build" / "src" / "app" / "quorvex"),
+                    help="the quorvex program (default: %(default)s)")
+    ap.add_argument("--samples", type=Path, default=default_samples(),
+                    help="samples folder; its largest .evtx is timed (default: $QVX_SAMPLES_DIR, "
+                         "else <repo>/../shared/samples)")
+    ap.add_argument("--size-mb", type=float, default=200.0, help="size of the generated log in MB (default 200; 0: none)")
+    ap.add_argument("--cache-dir", type=Path, default=default_cache(),
+                    help="where the generated log is kept (default: %(default)s)")
+    ap.add_argument("--regenerate", action="store_true", help="write the generated log again")
+    ap.add_argument("--runs", type=int, default=3, help="runs of each command (default 3); the median is reported")
+    ap.add_argument("--budget", type=float, default=120.0,
+                    help="stop repeating a command once its runs on a file took this many seconds (default 120)")
+    ap.add_argument("--peer-limit", type=float, default=180.0,
+                    help="skip a peer tool on a file when its rate on an earlier file predicts more seconds "
+                         "than this (default 180)")
+    ap.add_argument("--skip-peers", action="store_true", help="time only quorvex")
+    ap.add_argument("--json", metavar="FILE", help="also write the figures as JSON to FILE ('-': standard output)")
+    ap.add_argument("--check", action="store_true", help="exit with 1 when a target is missed")
+    args = ap.parse_args(argv)
+
+    if not (os.path.isfile(args.quorvex) and os.access(args.quorvex, os.X_OK)):
+        print(f"error: no quorvex program at {args.quorvex} (build it, or use --quorvex)", file=sys.stderr)
+        return 2
+    if args.runs < 1:
+        print("error: --runs must be at least 1", file=sys.stderr)
+        return 2
+
+    tool_list = tools(args.quorvex, args.skip_peers)
+    for t in tool_list:
+        if t["argv"] is None:
+            print(f"note: {t['label'].split()[0]} is not installed (Debian package {t['package']}); skipped")
+
+    load_before = os.getloadavg()
+    files = []
+    sample = largest_sample(args.samples)
+    if sample:
+        files.append(("sample", sample))
+    else:
+        print(f"note: no .evtx sample under {args.samples}; only the generated log is timed")
+    if args.size_mb > 0:
+        files.append(("generated", generated_file(args.quorvex, args.size_mb, args.cache_dir, args.regenerate)))
+    if not files:
+        print("error: nothing to time", file=sys.stderr)
+        return 2
+
+    rates: dict = {}  # bytes per second of each tool, from the files timed so far
+    entries = [bench_file(kind, path, tool_list, args, rates) for kind, path in files]
+    load_after = os.getloadavg()
+
+    print_table(entries, tool_list)
+    verdicts = targets(entries)
+    cores = os.cpu_count() or 1
+    print(f"\nload average before/after: {load_before[0]:.2f} / {load_after[0]:.2f} on {cores} core(s)"
+          + ("  -- the machine was busy; figures are noisy" if max(load_before[0], load_after[0]) > 0.75 * cores else ""))
+    if verdicts:
+        print("targets: " + "; ".join(f"{k}: {verdict(v)}" for k, v in verdicts.items()))
+
+    if args.json:
+        doc = {"quorvex": args.quorvex, "runs": args.runs, "cores": cores,
+               "load_average": {"before": load_before, "after": load_after},
+               "files": entries, "targets": {k: verdict(v) for k, v in verdicts.items()}}
+        text = json.dumps(doc, indent=2)
+        if args.json == "-":
+            print(text)
+        else:
+            Path(args.json).write_text(text + "\n")
+    if any(r.get("status", 0) != 0 for e in entries for r in e["results"].values()):
+        return 1
+    return 1 if args.check and any(v is False for v in verdicts.values()) else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
