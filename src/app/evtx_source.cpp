@@ -65,8 +65,8 @@ TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrd
 
 TChunkReader::TProducer TEvtxSource::Producer() {
   return [this](TChunkJob& AJob) -> bool {
-    AJob.Bytes.resize(evtx::kChunkSize);
     if (FCarving) {
+      AJob.Bytes.resize(evtx::kChunkSize);
       for (;;) {
         TCarvedChunk c = FCarver.GetNextChunk();
         if (c.Result == TCarveResult::crEnd) return false;
@@ -77,13 +77,10 @@ TChunkReader::TProducer TEvtxSource::Producer() {
       }
     }
     if (FNext >= FStarts.size()) return false;
+    // The rendering thread reads the chunk; a file cut short inside its last chunk
+    // still gives the records before the cut.
     AJob.Position = FStarts[FNext++];
-    size_t got = FRaw.ReadAt(AJob.Position, AJob.Bytes.data(), evtx::kChunkSize);
-    if (got < evtx::kChunkSize) {
-      // A file cut short inside its last chunk: the records before the cut still read.
-      std::fill(AJob.Bytes.begin() + static_cast<ptrdiff_t>(got), AJob.Bytes.end(), 0);
-      AJob.Truncated = true;
-    }
+    AJob.ReadFrom = &FRaw;
     return true;
   };
 }

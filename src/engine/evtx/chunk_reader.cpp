@@ -3,10 +3,12 @@
 #include "engine/evtx/evtx_layout.h"
 #include "platform/crc32.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <exception>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -23,7 +25,16 @@ void ReplaceControlCharacters(std::string& AText) {
   }
 }
 
-void TChunkReader::RenderChunk(const TChunkJob& AJob, TChunkResult& AResult) {
+void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
+  if (AJob.ReadFrom) {
+    AJob.Bytes.resize(evtx::kChunkSize);
+    size_t got = AJob.ReadFrom->ReadAt(AJob.Position, AJob.Bytes.data(), evtx::kChunkSize);
+    if (got < evtx::kChunkSize) {
+      // Cut short by the end of the data: the records before the cut still read.
+      std::fill(AJob.Bytes.begin() + static_cast<ptrdiff_t>(got), AJob.Bytes.end(), 0);
+      AJob.Truncated = true;
+    }
+  }
   AResult.Sequence = AJob.Sequence;
   AResult.Position = AJob.Position;
   AResult.Truncated = AJob.Truncated;
@@ -71,90 +82,148 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       job.Sequence = seq;
       job.Truncated = false;
       job.CheckCrc = false;
+      job.ReadFrom = nullptr;
       if (!AProducer(job)) return;
       RenderChunk(job, result);
       AConsumer(result);
     }
   }
 
-  // Workers take jobs in order under one lock, render outside it, and park results in
-  // a window that the calling thread drains in sequence order.
-  const uint64_t window = uint64_t{AThreads} * 4;
+  // Every thread, the calling one included, takes batches of jobs in order under one
+  // lock and renders them outside it. A finished batch is parked; whichever thread finds
+  // the next batch in sequence waiting hands it (and any that follow it) to the consumer,
+  // one thread at a time. Batches are recycled by the thread that filled them, so their
+  // buffers keep their capacity and stay in that core's cache, and at most
+  // kBatchesPerWorker batches per thread are in flight.
+  constexpr size_t kBatchSize = 2;
+  constexpr size_t kBatchesPerWorker = 4;
+  struct TBatch {
+    unsigned Owner = 0;
+    uint64_t Sequence = 0;
+    size_t Count = 0;
+    std::vector<TChunkJob> Jobs{kBatchSize};
+    std::vector<TChunkResult> Results{kBatchSize};
+  };
+  std::vector<std::unique_ptr<TBatch>> storage;
+  std::vector<std::vector<TBatch*>> idle(AThreads);
+  for (unsigned w = 0; w < AThreads; ++w) {
+    for (size_t i = 0; i < kBatchesPerWorker; ++i) {
+      storage.push_back(std::make_unique<TBatch>());
+      storage.back()->Owner = w;
+      idle[w].push_back(storage.back().get());
+    }
+  }
   std::mutex lock;
-  std::condition_variable changed;
-  std::map<uint64_t, TChunkResult> done;
-  uint64_t nextSeq = 0;      // next job to hand out
-  uint64_t nextWrite = 0;    // next result the consumer takes
+  std::condition_variable batchFree; // a thread waits for one of its batches to come back
+  std::map<uint64_t, TBatch*> done;
+  uint64_t nextBatch = 0; // sequence number of the next batch handed out
+  uint64_t nextWrite = 0; // next batch the consumer takes
+  uint64_t nextJob = 0;   // sequence number of the next chunk
   bool exhausted = false;
   bool failed = false;
+  bool writing = false;   // a thread is handing results to the consumer
   std::exception_ptr error;
 
-  auto worker = [&] {
-    TChunkJob job;
-    TChunkResult result;
+  auto fail = [&](std::exception_ptr AError) {
+    failed = true;
+    if (!error) error = AError;
+    batchFree.notify_all();
+  };
+
+  // Called with the lock held: hands every parked batch that is next in order to the
+  // consumer, unless another thread is already doing so.
+  auto drain = [&](std::unique_lock<std::mutex>& AGuard) {
+    if (writing) return;
+    writing = true;
     for (;;) {
-      {
-        std::unique_lock<std::mutex> guard(lock);
-        changed.wait(guard, [&] { return exhausted || failed || nextSeq < nextWrite + window; });
-        if (exhausted || failed) return;
-        job.Sequence = nextSeq;
-        job.Truncated = false;
-        job.CheckCrc = false;
-        bool more = false;
-        try {
-          more = AProducer(job);
-        } catch (...) {
-          failed = true;
-          error = std::current_exception();
-          changed.notify_all();
-          return;
-        }
-        if (!more) {
-          exhausted = true;
-          changed.notify_all();
-          return;
-        }
-        ++nextSeq;
+      if (failed) break;
+      auto it = done.find(nextWrite);
+      if (it == done.end()) break;
+      TBatch* batch = it->second;
+      done.erase(it);
+      AGuard.unlock();
+      std::exception_ptr consumerError;
+      try {
+        for (size_t i = 0; i < batch->Count; ++i) AConsumer(batch->Results[i]);
+      } catch (...) {
+        consumerError = std::current_exception();
       }
-      RenderChunk(job, result);
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        done.emplace(result.Sequence, std::move(result));
-        result = TChunkResult();
+      AGuard.lock();
+      if (consumerError) fail(consumerError);
+      ++nextWrite;
+      idle[batch->Owner].push_back(batch);
+      batchFree.notify_all();
+    }
+    writing = false;
+  };
+
+  auto worker = [&](unsigned AWorker) {
+    std::vector<TBatch*>& mine = idle[AWorker];
+    std::unique_lock<std::mutex> guard(lock);
+    for (;;) {
+      if (failed || exhausted) return; // batches still parked are written by whoever parks the one they wait for
+      if (mine.empty()) {
+        // All our batches are parked behind a slower thread's; it hands them back.
+        batchFree.wait(guard, [&] { return failed || exhausted || !mine.empty(); });
+        continue;
       }
-      changed.notify_all();
+      TBatch* batch = mine.back();
+      mine.pop_back();
+      batch->Count = 0;
+      try {
+        while (batch->Count < kBatchSize) {
+          TChunkJob& job = batch->Jobs[batch->Count];
+          job.Sequence = nextJob;
+          job.Truncated = false;
+          job.CheckCrc = false;
+          job.ReadFrom = nullptr;
+          if (!AProducer(job)) {
+            exhausted = true;
+            batchFree.notify_all();
+            break;
+          }
+          ++nextJob;
+          ++batch->Count;
+        }
+      } catch (...) {
+        mine.push_back(batch);
+        fail(std::current_exception());
+        return;
+      }
+      if (batch->Count == 0) {
+        mine.push_back(batch);
+        continue;
+      }
+      batch->Sequence = nextBatch++;
+      guard.unlock();
+      std::exception_ptr renderError;
+      try {
+        for (size_t i = 0; i < batch->Count; ++i) RenderChunk(batch->Jobs[i], batch->Results[i]);
+      } catch (...) {
+        renderError = std::current_exception();
+      }
+      guard.lock();
+      if (renderError) {
+        mine.push_back(batch);
+        fail(renderError);
+        return;
+      }
+      done.emplace(batch->Sequence, batch);
+      drain(guard);
     }
   };
 
   std::vector<std::thread> threads;
-  for (unsigned i = 0; i < AThreads; ++i) threads.emplace_back(worker);
-
-  try {
-    for (;;) {
-      TChunkResult result;
-      {
-        std::unique_lock<std::mutex> guard(lock);
-        changed.wait(guard, [&] { return failed || done.count(nextWrite) || (exhausted && nextWrite == nextSeq); });
-        if (failed) break;
-        auto it = done.find(nextWrite);
-        if (it == done.end()) break; // exhausted and drained
-        result = std::move(it->second);
-        done.erase(it);
-      }
-      AConsumer(result);
-      {
-        std::lock_guard<std::mutex> guard(lock);
-        ++nextWrite;
-      }
-      changed.notify_all();
-    }
-  } catch (...) {
-    std::lock_guard<std::mutex> guard(lock);
-    failed = true;
-    error = std::current_exception();
-  }
-  changed.notify_all();
+  for (unsigned i = 1; i < AThreads; ++i) threads.emplace_back(worker, i);
+  worker(0);
   for (auto& t : threads) t.join();
+  if (error) std::rethrow_exception(error);
+  // Each batch was handed out by the thread that parked the one it waited for; this is
+  // only a safety net.
+  {
+    std::unique_lock<std::mutex> guard(lock);
+    drain(guard);
+  }
   if (error) std::rethrow_exception(error);
 }
 

@@ -4,11 +4,12 @@
 // The source hands out chunk bytes one at a time (from the file's chunk list, newest
 // first, or from the carver); workers render them to XML in parallel and the caller
 // receives every chunk's result in the source's order, so output does not depend on
-// the number of threads. Memory stays bounded: at most a small window of chunks is in
+// the number of threads. The calling thread is one of the workers. Memory stays bounded: at most a small window of chunks is in
 // flight at any time.
 #pragma once
 
 #include "engine/evtx/evtx_chunk.h"
+#include "platform/raw_file.h"
 
 #include <cstdint>
 #include <functional>
@@ -23,6 +24,10 @@ struct TChunkJob {
   uint64_t Position = 0;       // byte offset in the file or device
   bool Truncated = false;      // fewer than 65536 bytes were there; the rest is zeros
   bool CheckCrc = false;       // also compare the chunk's two checksums (diagnostics)
+  // When set, Bytes are read from this file at Position by the rendering thread, outside
+  // the reader's lock (a producer only names the chunk); a short read pads with zeros and
+  // sets Truncated.
+  const TRawFile* ReadFrom = nullptr;
   std::vector<uint8_t> Bytes;  // 65536 bytes
 };
 
@@ -50,15 +55,17 @@ class TChunkReader {
 public:
   // Fills AJob with the next chunk; false at the end. Called by one thread at a time.
   using TProducer = std::function<bool(TChunkJob& AJob)>;
-  // Receives each result in sequence order, on the calling thread.
+  // Receives each result in sequence order, one call at a time (from any of the
+  // reading threads).
   using TConsumer = std::function<void(TChunkResult& AResult)>;
 
   // Runs until the producer is exhausted. AThreads <= 1 renders on the calling thread.
   // An exception from the producer or consumer stops the run and is raised again here.
   static void Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads);
 
-  // Renders one chunk's bytes (65536) into AResult.
-  static void RenderChunk(const TChunkJob& AJob, TChunkResult& AResult);
+  // Renders one chunk's bytes (65536) into AResult, reading them first when the job
+  // names a file. Raises ENTException when that read fails.
+  static void RenderChunk(TChunkJob& AJob, TChunkResult& AResult);
 };
 
 } // namespace qvx
