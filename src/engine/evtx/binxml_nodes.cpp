@@ -479,43 +479,225 @@ void PutPlaceholder(std::string& AOut, uint16_t AIndex, uint8_t AType, bool AOpt
   AOut.append(AOptional ? ", optional)#" : ")#");
 }
 
+// Appends the text of substitution AIndex of AArray (an embedded fragment renders in place).
+void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, uint16_t AIndex) {
+  Check(AIndex < AArray->Count, "SubArray: index out of bounds");
+  TBXmlSubstValue& v = AArray->Values[AIndex];
+  if (v.Type != 0x21) {
+    AppendVariantXml(R.Out, v.Type, R.Chunk.Data() + v.Offset, v.Size, kVarModeSubstitution);
+    return;
+  }
+  if (!v.Size) return;
+  if (!v.Nested) {
+    v.Nested = MakeRoot(R.Chunk, v.Offset, v.Size);
+    PrepareRoot(R.Chunk, v.Nested, R.Depth + 1);
+  }
+  const TBXmlNameStringNode* savedPending = R.Pending;
+  R.Pending = nullptr;
+  ++R.Depth;
+  RenderRootBody(R, v.Nested);
+  --R.Depth;
+  R.Pending = savedPending;
+}
+
 void RenderSubstitution(TRenderer& R, const TBXmlChild0DNode* N, const TBXmlSubstArrayNode* AArray) {
   const bool optional = N->Kind == TBXmlKind::bkChild0E;
-  const TBXmlNameStringNode* pending = R.Pending;
   const size_t mark = R.Out.size();
   BeginValue(R, N->InStartTag);
   const size_t valueStart = R.Out.size();
-  if (!AArray) {
-    PutPlaceholder(R.Out, N->Index, N->ValueType, optional);
-  } else {
-    Check(N->Index < AArray->Count, "SubArray: index out of bounds");
-    TBXmlSubstValue& v = AArray->Values[N->Index];
-    const uint8_t* p = R.Chunk.Data() + v.Offset;
-    if (v.Type == 0x21) {
-      if (v.Size) {
-        if (!v.Nested) {
-          v.Nested = MakeRoot(R.Chunk, v.Offset, v.Size);
-          PrepareRoot(R.Chunk, v.Nested, R.Depth + 1);
-        }
-        const TBXmlNameStringNode* savedPending = R.Pending;
-        R.Pending = nullptr;
-        ++R.Depth;
-        RenderRootBody(R, v.Nested);
-        --R.Depth;
-        R.Pending = savedPending;
-      }
-    } else {
-      AppendVariantXml(R.Out, v.Type, p, v.Size, kVarModeSubstitution);
-    }
-  }
+  if (!AArray) PutPlaceholder(R.Out, N->Index, N->ValueType, optional);
+  else AppendSubstValue(R, AArray, N->Index);
   if (optional && R.Out.size() == valueStart) {
     // An empty optional value writes nothing, its attribute name included.
     R.Out.resize(mark);
     R.Pending = nullptr;
-    (void)pending;
     return;
   }
   EndValue(R, N->InStartTag);
+}
+
+// ---------------------------------------------------------------------------------
+// Compiled templates. Most of a template's text is fixed: element names, attribute
+// names and values written in the template. Compiling it once per chunk into runs of
+// that text and the substitutions between them lets each record render with one copy
+// per run instead of a walk over every node. A template holding anything whose output
+// depends on more than its own value (nested template instances, fragments in the
+// stream, attribute values made of several parts) keeps the node renderer.
+
+struct TCompiler {
+  std::string Text;
+  std::vector<TBXmlOp> Ops;
+  const TBXmlNameStringNode* Pending = nullptr;
+  bool Ok = true;
+  size_t Steps = 0;
+
+  void Literal(std::string_view AText) {
+    if (AText.empty()) return;
+    if (!Ops.empty() && Ops.back().TextLength && Ops.back().TextOffset + Ops.back().TextLength == Text.size()) {
+      Ops.back().TextLength += static_cast<uint32_t>(AText.size());
+    } else {
+      Ops.push_back({static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr});
+    }
+    Text.append(AText);
+  }
+
+  void List(const TBXmlNodeCommon* AFirst, int ADepth) {
+    for (const TBXmlNodeCommon* n = AFirst; n && Ok; n = n->Next) Node(n, ADepth);
+  }
+
+  void Node(const TBXmlNodeCommon* N, int ADepth) {
+    if (++Steps > kRenderBudget || ADepth >= kMaxBXmlDepth) {
+      Ok = false;
+      return;
+    }
+    switch (N->Kind) {
+    case TBXmlKind::bkChild01: {
+      auto* e = static_cast<const TBXmlChild01Node*>(N);
+      if (!e->Name || Pending) {
+        Ok = false;
+        return;
+      }
+      Literal("\r\n<");
+      Literal(e->Name->Text);
+      List(e->FirstChild, ADepth + 1);
+      Pending = nullptr;
+      if (e->Close == 1 || (e->Close == 0 && !e->SawCloseStart)) {
+        Literal(" />");
+      } else {
+        Literal("</");
+        Literal(e->Name->Text);
+        Literal(">");
+      }
+      return;
+    }
+    case TBXmlKind::bkChild02:
+      Pending = nullptr;
+      Literal(">");
+      return;
+    case TBXmlKind::bkChild05: {
+      auto* v = static_cast<const TBXmlChild05Node*>(N);
+      if (v->Nested || (v->InStartTag && !Pending) || (!v->InStartTag && Pending)) {
+        Ok = false;
+        return;
+      }
+      if (v->InStartTag) {
+        Literal(" ");
+        Literal(Pending->Text);
+        Literal("=\"");
+        Literal(v->Text);
+        Literal("\"");
+        Pending = nullptr;
+      } else {
+        Literal(v->Text);
+      }
+      return;
+    }
+    case TBXmlKind::bkChild06: {
+      auto* a = static_cast<const TBXmlChild06Node*>(N);
+      if (!a->Name || Pending) {
+        Ok = false;
+        return;
+      }
+      Pending = a->Name;
+      return;
+    }
+    case TBXmlKind::bkChild07:
+      Literal("<![CDATA[");
+      Literal(static_cast<const TBXmlChild07Node*>(N)->Text);
+      Literal("]]>");
+      return;
+    case TBXmlKind::bkChild09: {
+      auto* a = static_cast<const TBXmlChild09Node*>(N);
+      if (!a->Name || a->InStartTag || Pending) {
+        Ok = false;
+        return;
+      }
+      Literal("&");
+      Literal(a->Name->Text);
+      Literal(";");
+      return;
+    }
+    case TBXmlKind::bkChild0A: {
+      auto* a = static_cast<const TBXmlChild0ANode*>(N);
+      if (!a->Name) {
+        Ok = false;
+        return;
+      }
+      Literal("<?");
+      Literal(a->Name->Text);
+      return;
+    }
+    case TBXmlKind::bkChild0B: {
+      auto* t = static_cast<const TBXmlChild0BNode*>(N);
+      if (!t->Text.empty()) {
+        Literal(" ");
+        Literal(t->Text);
+      }
+      Literal("?>");
+      return;
+    }
+    case TBXmlKind::bkChild0D:
+    case TBXmlKind::bkChild0E: {
+      auto* d = static_cast<const TBXmlChild0DNode*>(N);
+      if (d->InStartTag != (Pending != nullptr)) {
+        Ok = false;
+        return;
+      }
+      Ops.push_back({0, 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E, Pending});
+      Pending = nullptr;
+      return;
+    }
+    case TBXmlKind::bkChild0C: // a template inside a template
+      Ok = false;
+      return;
+    default: // 0x00, 0x03, 0x04, 0x0F write nothing
+      return;
+    }
+  }
+};
+
+void CompileTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
+  TCompiler c;
+  c.List(ATemplate->FirstChild, 0);
+  if (!c.Ok || c.Pending) {
+    ATemplate->ProgramState = 2;
+    return;
+  }
+  ATemplate->ProgramText = AChunk.Arena().CopyString(c.Text);
+  auto* ops = static_cast<TBXmlOp*>(AChunk.Arena().Allocate(sizeof(TBXmlOp) * (c.Ops.size() + 1), alignof(TBXmlOp)));
+  std::copy(c.Ops.begin(), c.Ops.end(), ops);
+  ATemplate->Ops = ops;
+  ATemplate->OpCount = static_cast<uint32_t>(c.Ops.size());
+  ATemplate->ProgramState = 1;
+}
+
+void RunProgram(TRenderer& R, const TBXmlTemplateNode* T, const TBXmlSubstArrayNode* AArray) {
+  const char* text = T->ProgramText.data();
+  for (uint32_t i = 0; i < T->OpCount; ++i) {
+    const TBXmlOp& op = T->Ops[i];
+    if (op.TextLength) {
+      R.Out.append(text + op.TextOffset, op.TextLength);
+      continue;
+    }
+    Check(R.Budget-- > 0, "BinXML output too large");
+    const size_t mark = R.Out.size();
+    if (op.Attribute) {
+      R.Out.push_back(' ');
+      R.Out.append(op.Attribute->Text);
+      R.Out.append("=\"");
+    }
+    const size_t valueStart = R.Out.size();
+    if (AArray) AppendSubstValue(R, AArray, op.Index);
+    else PutPlaceholder(R.Out, op.Index, op.Type, op.Optional);
+    if (op.Optional && R.Out.size() == valueStart) {
+      R.Out.resize(mark); // an empty optional value writes nothing, its attribute name included
+      continue;
+    }
+    if (op.Attribute) {
+      R.Out.push_back('"');
+      R.AttrValueEnd = R.Out.size();
+    }
+  }
 }
 
 void RenderNode(TRenderer& R, const TBXmlNodeCommon* N, const TBXmlSubstArrayNode* AArray) {
@@ -600,7 +782,9 @@ void RenderNode(TRenderer& R, const TBXmlNodeCommon* N, const TBXmlSubstArrayNod
     auto* c = static_cast<const TBXmlChild0CNode*>(N);
     Check(c->Template != nullptr, "NodeC: Unable to make XML");
     if (++R.Depth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
-    RenderList(R, c->Template->FirstChild, AArray);
+    if (c->Template->ProgramState == 0) CompileTemplate(R.Chunk, c->Template);
+    if (c->Template->ProgramState == 1 && !R.Pending) RunProgram(R, c->Template, AArray);
+    else RenderList(R, c->Template->FirstChild, AArray);
     --R.Depth;
     return;
   }

@@ -115,11 +115,29 @@ public:
   TBXmlSubstValue* Values = nullptr;
 };
 
+// One step of a template compiled for rendering: a run of fixed text, or a
+// substitution (with the attribute it fills, if any).
+struct TBXmlOp {
+  uint32_t TextOffset; // literal: where its text starts in the program's text
+  uint32_t TextLength; // literal: its length; 0 for a substitution
+  uint16_t Index;      // substitution index
+  uint8_t Type;        // substitution value type (for placeholders)
+  bool Optional;       // 0x0E: an empty value writes nothing, attribute name included
+  const TBXmlNameStringNode* Attribute; // the attribute the value fills, or null in content
+};
+
 class TBXmlTemplateNode : public TBXmlNodeCommon {
 public:
   uint32_t NextOffset = 0;
   uint32_t TemplateId = 0;
   uint8_t Guid[16] = {};
+  // The template's text compiled once per chunk: fixed text runs and substitutions.
+  // State 0: not compiled yet; 1: compiled; 2: holds constructs that only the node
+  // renderer handles (it is used instead).
+  uint8_t ProgramState = 0;
+  uint32_t OpCount = 0;
+  const TBXmlOp* Ops = nullptr;
+  std::string_view ProgramText;
 };
 
 class TBXmlRootNode : public TBXmlNodeCommon {
