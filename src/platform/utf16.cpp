@@ -2,6 +2,8 @@
 
 #include "platform/byte_reader.h"
 
+#include <cstring>
+
 namespace qvx {
 namespace {
 
@@ -36,30 +38,63 @@ inline uint32_t NextCodePoint(const uint8_t* p, size_t count, size_t& i) {
   return 0xFFFD;
 }
 
+// Bytes a code unit may take at most once written: an entity ("&quot;") or a 3-byte
+// sequence (a surrogate pair takes 4 bytes for 2 units).
+constexpr size_t kMaxBytesPerUnit = 6;
+
+inline char* PutCodePointRaw(char* d, uint32_t c) {
+  if (c < 0x800) {
+    d[0] = static_cast<char>(0xC0 | (c >> 6));
+    d[1] = static_cast<char>(0x80 | (c & 0x3F));
+    return d + 2;
+  }
+  if (c < 0x10000) {
+    d[0] = static_cast<char>(0xE0 | (c >> 12));
+    d[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    d[2] = static_cast<char>(0x80 | (c & 0x3F));
+    return d + 3;
+  }
+  d[0] = static_cast<char>(0xF0 | (c >> 18));
+  d[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+  d[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+  d[3] = static_cast<char>(0x80 | (c & 0x3F));
+  return d + 4;
+}
+
+inline char* PutEntity(char* d, const char* AText, size_t ALength) {
+  std::memcpy(d, AText, ALength);
+  return d + ALength;
+}
+
+// Writes straight into the string's storage: it is grown once for the worst case and
+// cut back to what was written.
 template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
-  AOut.reserve(AOut.size() + count + count / 2);
+  const size_t start = AOut.size();
+  AOut.resize(start + kMaxBytesPerUnit * count);
+  char* const base = AOut.data();
+  char* d = base + start;
   size_t i = 0;
   while (i < count) {
-    // Fast path: a run of plain ASCII.
     uint16_t u = LoadU16(p + 2 * i);
     if (u < 0x80) {
+      ++i;
       if constexpr (Escape) {
         switch (u) {
-        case 0: ++i; continue;
-        case '&': AOut.append("&amp;"); ++i; continue;
-        case '\'': AOut.append("&apos;"); ++i; continue;
-        case '"': AOut.append("&quot;"); ++i; continue;
-        case '<': AOut.append("&lt;"); ++i; continue;
-        case '>': AOut.append("&gt;"); ++i; continue;
+        case 0: continue;
+        case '&': d = PutEntity(d, "&amp;", 5); continue;
+        case '\'': d = PutEntity(d, "&apos;", 6); continue;
+        case '"': d = PutEntity(d, "&quot;", 6); continue;
+        case '<': d = PutEntity(d, "&lt;", 4); continue;
+        case '>': d = PutEntity(d, "&gt;", 4); continue;
         default: break;
         }
       }
-      AOut.push_back(static_cast<char>(u));
-      ++i;
+      *d++ = static_cast<char>(u);
       continue;
     }
-    PutCodePoint(AOut, NextCodePoint(p, count, i));
+    d = PutCodePointRaw(d, NextCodePoint(p, count, i));
   }
+  AOut.resize(static_cast<size_t>(d - base));
 }
 
 constexpr uint16_t kCp1252High[32] = {

@@ -36,9 +36,9 @@ TBXmlArena::~TBXmlArena() {
   }
 }
 
-void* TBXmlArena::Allocate(size_t ASize, size_t AAlign) {
-  size_t pad = (AAlign - reinterpret_cast<uintptr_t>(FCursor) % AAlign) % AAlign;
-  if (!FCursor || pad + ASize > FLeft) {
+void* TBXmlArena::AllocateBlock(size_t ASize, size_t AAlign) {
+  size_t pad = 0;
+  {
     size_t blockSize = std::max<size_t>(kArenaBlockSize, ASize + AAlign);
     if (blockSize == kArenaBlockSize && !GBlockCache.Blocks.empty()) {
       FBlocks.push_back(std::move(GBlockCache.Blocks.back()));

@@ -48,7 +48,17 @@ public:
   TBXmlArena(const TBXmlArena&) = delete;
   TBXmlArena& operator=(const TBXmlArena&) = delete;
 
-  void* Allocate(size_t ASize, size_t AAlign);
+  void* Allocate(size_t ASize, size_t AAlign) {
+    size_t pad = (AAlign - reinterpret_cast<uintptr_t>(FCursor) % AAlign) % AAlign;
+    if (FCursor && pad + ASize <= FLeft) [[likely]] {
+      std::byte* p = FCursor + pad;
+      FCursor = p + ASize;
+      FLeft -= pad + ASize;
+      FTotal += ASize;
+      return p;
+    }
+    return AllocateBlock(ASize, AAlign);
+  }
   template <typename T> T* New() {
     static_assert(std::is_trivially_destructible_v<T>);
     return new (Allocate(sizeof(T), alignof(T))) T();
@@ -57,6 +67,8 @@ public:
   size_t BytesUsed() const { return FTotal; }
 
 private:
+  void* AllocateBlock(size_t ASize, size_t AAlign);
+
   std::vector<std::unique_ptr<std::byte[]>> FBlocks;
   std::vector<size_t> FBlockSizes;
   std::byte* FCursor = nullptr;
