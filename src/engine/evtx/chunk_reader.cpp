@@ -41,7 +41,14 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
   AResult.Xml.clear();
   AResult.Issues.clear();
   AResult.Records = 0;
-  TEvtxChunk chunk(AJob.Bytes.size() == evtx::kChunkSize ? AJob.Bytes.data() : nullptr);
+  // The chunk borrows the job's buffer and gives it back at the end, so nothing is copied.
+  struct TReturnBytes {
+    TEvtxChunk& Chunk;
+    std::vector<uint8_t>& Bytes;
+    ~TReturnBytes() { Bytes = Chunk.TakeBytes(); }
+  };
+  TEvtxChunk chunk(std::move(AJob.Bytes));
+  TReturnBytes giveBack{chunk, AJob.Bytes};
   AResult.NumFirstFile = chunk.NumFirstFile();
   AResult.NumLastFile = chunk.NumLastFile();
   AResult.OfsNextRec = chunk.OfsNextRec();

@@ -27,7 +27,7 @@ const uint8_t* FindSignature(const uint8_t* AData, size_t ALength) {
 
 } // namespace
 
-TElfChnunks::TElfChnunks() : FBlock(new uint8_t[kBlockSize]) {}
+TElfChnunks::TElfChnunks() = default;
 
 TElfChnunks::~TElfChnunks() { Close(); }
 
@@ -73,7 +73,7 @@ void TElfChnunks::Close() {
 bool TElfChnunks::ReadBlock() {
   size_t got = 0;
   try {
-    got = FHandle.ReadAt(FPosition, FBlock.get(), FBlockSize);
+    got = FHandle.ReadAt(FPosition, FBlock.Data(), FBlockSize);
   } catch (const std::exception&) {
     FReadBlockSize = FExploreSize = 0;
     FNextBlockAvailable = false;
@@ -109,7 +109,7 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
       FHaveBlock = false; // an empty range: on to the next buffer, if any
       continue;
     }
-    const uint8_t* base = FBlock.get();
+    const uint8_t* base = FBlock.Data();
     uint64_t from = FChunkOffset;
     while (from <= lastStart) {
       size_t span = static_cast<size_t>(lastStart - from + sizeof kChunkSignature);

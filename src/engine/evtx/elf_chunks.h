@@ -6,6 +6,7 @@
 // 128, and handed out as pointers into the buffer, not copied.
 #pragma once
 
+#include "platform/page_buffer.h"
 #include "platform/raw_file.h"
 
 #include <cstdint>
@@ -65,7 +66,7 @@ private:
   uint32_t FBlockSize = kBlockSize;
   uint32_t FReadBlockSize = 0;
   uint32_t FExploreSize = 0;
-  std::unique_ptr<uint8_t[]> FBlock;
+  TPageBuffer FBlock{kBlockSize};
   bool FHaveBlock = false;
   bool FNextBlockAvailable = false;
   bool FLastBlock = false;

@@ -125,6 +125,15 @@ TEvtxChunk::TEvtxChunk(const std::vector<uint8_t>& AData) : TEvtxClass(nullptr) 
   }
 }
 
+TEvtxChunk::TEvtxChunk(std::vector<uint8_t>&& AData) : TEvtxClass(nullptr) {
+  Length = kChunkSize;
+  FLoaded = FValid = true;
+  if (AData.size() == kChunkSize) {
+    FData = std::move(AData);
+    ParseHeader(FData.data());
+  }
+}
+
 TEvtxChunk::TEvtxChunk(const uint8_t* AData) : TEvtxClass(nullptr) {
   Length = kChunkSize;
   FLoaded = FValid = true;

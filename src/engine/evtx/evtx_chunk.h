@@ -81,8 +81,13 @@ public:
   // A chunk built from memory, valid at once without a magic check; the header is
   // parsed and the bytes kept only when AData holds exactly 65536 bytes.
   explicit TEvtxChunk(const std::vector<uint8_t>& AData);
+  // As above, taking over the buffer instead of copying it.
+  explicit TEvtxChunk(std::vector<uint8_t>&& AData);
   // As above, copying 65536 bytes from AData; nothing is copied when AData is null.
   explicit TEvtxChunk(const uint8_t* AData);
+
+  // Gives the chunk's bytes back (for reuse of the buffer); the chunk must not be used after.
+  std::vector<uint8_t> TakeBytes() { return std::move(FData); }
 
   // Number of records found by the walk (builds the list on first use).
   int Count();
