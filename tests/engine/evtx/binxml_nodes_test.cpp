@@ -299,6 +299,50 @@ TEST(BinXmlNesting, EmbeddedFragmentRendersInPlace) {
   EXPECT_EQ(c.Xml(0), "\r\n<UserData>\r\n<Inner Id=\"42\" /></UserData>");
 }
 
+TEST(BinXmlNesting, TemplateReferringToItselfIsRefusedNotFollowed) {
+  // A template body holding an instance of the template that is being defined: the
+  // definition is not known until its body is read, so the reference finds nothing.
+  TEvtxChunkWriter w;
+  ASSERT_TRUE(w.AddRecord(1, kTime, [](TBinXmlWriter& w2) {
+    w2.FragmentHeader();
+    const uint32_t instance = w2.Position();
+    const uint32_t definition = instance + 10;
+    w2.Raw(std::vector<uint8_t>{0x0C, 0x01, 0xAA, 0xBB, 0xCC, 0xDD});
+    w2.RawU32(definition);
+    w2.RawU32(0); // next definition
+    w2.Raw(std::vector<uint8_t>{0xAA, 0xBB, 0xCC, 0xDD, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}); // GUID
+    w2.RawU32(15); // body: fragment header, an instance of this same definition, end of stream
+    w2.Raw(std::vector<uint8_t>{0x0F, 0x01, 0x01, 0x00, 0x0C, 0x01, 0xAA, 0xBB, 0xCC, 0xDD});
+    w2.RawU32(definition);
+    w2.RawU8(0x00);
+    w2.RawU32(0); // no values
+  }));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "NodeC: no template");
+}
+
+TEST(BinXmlNesting, FragmentsNestedInValuesAreBoundedByTheirBytes) {
+  // Each level is an embedded fragment holding the next one as its only value.
+  auto leaf = std::make_shared<TEvtxTemplate>("leaf", [](TBinXmlWriter& w2) { w2.TextElement("Leaf", "x"); });
+  auto wrap = std::make_shared<TEvtxTemplate>("wrap", [](TBinXmlWriter& w2) {
+    w2.OpenElement("W");
+    w2.CloseStartElement();
+    w2.Substitution(0, EvtxType::BinXml);
+    w2.EndElement();
+  });
+  TEvtxValue value = TEvtxValue::BinXml(leaf, {});
+  for (int i = 0; i < 40; ++i) value = TEvtxValue::BinXml(wrap, {value});
+  TEvtxChunkWriter w;
+  std::vector<TEvtxValue> v = {value};
+  ASSERT_TRUE(w.AddRecord(1, kTime, *wrap, v));
+  TChunkUnderTest c(w);
+  std::string xml = c.Xml(0);
+  EXPECT_NE(xml.find("<Leaf>x</Leaf>"), std::string::npos);
+  size_t levels = 0;
+  for (size_t at = xml.find("<W>"); at != std::string::npos; at = xml.find("<W>", at + 1)) ++levels;
+  EXPECT_EQ(levels, 41u);
+}
+
 TEST(BinXmlNesting, RunawayNestingIsRefusedNotFollowed) {
   TEvtxChunkWriter w;
   auto deep = TEvtxTemplate("deep", [](TBinXmlWriter& w2) {
