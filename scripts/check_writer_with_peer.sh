@@ -3,7 +3,7 @@
 # sample files and has Debian's evtxexport (libevtx-utils) and evtx_dump.py / evtx_info.py
 # (python3-evtx) read them back as black boxes.
 #
-#   bash tests/support/check_writer_with_peer.sh [--keep]
+#   bash scripts/check_writer_with_peer.sh [--keep]
 #
 # Checks: exit status and an empty error stream of every run, every CRC "pass", the exact
 # evtxexport XML of a file holding every value type and most tokens, record counts,
@@ -24,7 +24,7 @@ set -euo pipefail
 
 keep=0
 [[ "${1:-}" == "--keep" ]] && keep=1
-root="$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)"
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 work="$(mktemp -d /tmp/qvx_writer_check.XXXXXX)"
 if [[ $keep == 0 ]]; then trap 'rm -rf "$work"' EXIT; else echo "files kept in $work"; fi
 
