@@ -102,8 +102,8 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   // one thread at a time. Batches are recycled by the thread that filled them, so their
   // buffers keep their capacity and stay in that core's cache, and at most
   // kBatchesPerWorker batches per thread are in flight.
-  constexpr size_t kBatchSize = 2;
-  constexpr size_t kBatchesPerWorker = 4;
+  constexpr size_t kBatchSize = 1;
+  constexpr size_t kBatchesPerWorker = 3;
   struct TBatch {
     unsigned Owner = 0;
     uint64_t Sequence = 0;

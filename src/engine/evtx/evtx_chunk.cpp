@@ -145,6 +145,9 @@ TEvtxChunk::TEvtxChunk(const uint8_t* AData) : TEvtxClass(nullptr) {
 
 bool TEvtxChunk::Parse() {
   ParseHeader(FData.data());
+  // A header-only chunk keeps the fields, not the bytes: a file's chunk list holds
+  // thousands of them.
+  if (Length == kChunkHeaderSize) std::vector<uint8_t>().swap(FData);
   return true;
 }
 
