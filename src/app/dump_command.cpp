@@ -2,11 +2,37 @@
 
 #include "platform/nt_exception.h"
 
+#include <cerrno>
 #include <stdexcept>
+
+#ifndef _WIN32
+#include <unistd.h>
+#endif
 
 namespace qvx::app {
 
 namespace {
+
+// Writes a rendered chunk in one system call where the platform allows, bypassing the
+// stream's small buffer (which would split each chunk into two writes).
+bool WriteBlock(std::FILE* AOut, const std::string& AText) {
+#ifndef _WIN32
+  if (std::fflush(AOut) != 0) return false;
+  const int fd = fileno(AOut);
+  size_t done = 0;
+  while (done < AText.size()) {
+    ssize_t n = ::write(fd, AText.data() + done, AText.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+#else
+  return std::fwrite(AText.data(), 1, AText.size(), AOut) == AText.size();
+#endif
+}
 
 void ReportIssues(std::FILE* AErr, const std::string& APath, const TChunkResult& AResult, uint64_t& AIssueCount) {
   if (AResult.Truncated)
@@ -29,12 +55,13 @@ int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     for (const std::string& notice : source.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
     if (AOptions.Wrap) std::fputs("<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<Events>", AOut);
     uint64_t records = 0, chunks = 0, issues = 0;
+    bool writeFailed = false;
     TChunkReader::Run(
         source.Producer(),
         [&](TChunkResult& AResult) {
           ++chunks;
           records += AResult.Records;
-          if (!AResult.Xml.empty()) std::fwrite(AResult.Xml.data(), 1, AResult.Xml.size(), AOut);
+          if (!AResult.Xml.empty() && !WriteBlock(AOut, AResult.Xml)) writeFailed = true;
           ReportIssues(AErr, AOptions.Path, AResult, issues);
         },
         AOptions.Threads);
@@ -45,7 +72,7 @@ int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
                    AOptions.Path.c_str(), static_cast<unsigned long long>(records),
                    static_cast<unsigned long long>(chunks), source.Carving() ? " found by scanning" : "",
                    static_cast<unsigned long long>(issues));
-    if (std::ferror(AOut)) {
+    if (writeFailed || std::ferror(AOut)) {
       std::fprintf(AErr, "quorvex: error writing the output\n");
       return 1;
     }
