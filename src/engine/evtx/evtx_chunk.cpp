@@ -190,23 +190,25 @@ TEvtxEvent* TEvtxChunk::GetEvent(int AIndex) {
 }
 
 TBXmlNameStringNode* TEvtxChunk::AddString(TBXmlNameStringNode* AStringNode) {
-  FStringsList.emplace(AStringNode->Offset, AStringNode);
+  Decoder().StringsList.emplace(AStringNode->Offset, AStringNode);
   return AStringNode;
 }
 
 TBXmlNameStringNode* TEvtxChunk::GetStringByPoint(uint32_t APoint) const {
-  auto it = FStringsList.find(APoint);
-  return it == FStringsList.end() ? nullptr : it->second;
+  if (!FDecoder) return nullptr;
+  auto it = FDecoder->StringsList.find(APoint);
+  return it == FDecoder->StringsList.end() ? nullptr : it->second;
 }
 
 TBXmlTemplateNode* TEvtxChunk::AddTemplate(TBXmlTemplateNode* ATemplateNode) {
-  FTemplatesList.emplace(ATemplateNode->Offset, ATemplateNode);
+  Decoder().TemplatesList.emplace(ATemplateNode->Offset, ATemplateNode);
   return ATemplateNode;
 }
 
 TBXmlTemplateNode* TEvtxChunk::GetTemplateByPoint(uint32_t APoint) const {
-  auto it = FTemplatesList.find(APoint);
-  return it == FTemplatesList.end() ? nullptr : it->second;
+  if (!FDecoder) return nullptr;
+  auto it = FDecoder->TemplatesList.find(APoint);
+  return it == FDecoder->TemplatesList.end() ? nullptr : it->second;
 }
 
 void TEvtxChunk::AppendXML(std::string& AOut) {

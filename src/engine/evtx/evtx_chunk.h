@@ -14,6 +14,7 @@
 #include "engine/evtx/evtx_layout.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -113,7 +114,7 @@ public:
   // The chunk's 65536 bytes, or null when only the header was read or the read failed.
   const uint8_t* Data() const { return FData.size() == evtx::kChunkSize ? FData.data() : nullptr; }
   const std::vector<uint8_t>& Bytes() const { return FData; }
-  TBXmlArena& Arena() { return FArena; }
+  TBXmlArena& Arena() { return Decoder().Arena; }
 
   uint64_t NumFirst() const { return FNumFirst; }
   uint64_t NumLast() const { return FNumLast; }
@@ -138,10 +139,20 @@ private:
   void ParseHeader(const uint8_t* AHeader);
   void BuildEvents();
 
-  TBXmlArena FArena;
+  // The decoder's per-chunk state, made on first use: a file's chunk list holds
+  // thousands of header-only chunks that never decode a record.
+  struct TDecoderState {
+    TBXmlArena Arena;
+    std::unordered_map<uint32_t, TBXmlNameStringNode*> StringsList;
+    std::unordered_map<uint32_t, TBXmlTemplateNode*> TemplatesList;
+  };
+  TDecoderState& Decoder() {
+    if (!FDecoder) FDecoder = std::make_unique<TDecoderState>();
+    return *FDecoder;
+  }
+
+  std::unique_ptr<TDecoderState> FDecoder;
   std::vector<TEvtxEvent> FEventsList;
-  std::unordered_map<uint32_t, TBXmlNameStringNode*> FStringsList;
-  std::unordered_map<uint32_t, TBXmlTemplateNode*> FTemplatesList;
   std::vector<TChunkIssue> FRenderIssues;
   std::vector<uint8_t>& FData = FBuffer;
   bool FActive = false;
