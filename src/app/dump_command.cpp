@@ -13,6 +13,8 @@ namespace qvx::app {
 
 namespace {
 
+constexpr uint64_t kParallelThreshold = 16 * 1024 * 1024;
+
 // Writes a rendered chunk in one system call where the platform allows, bypassing the
 // stream's small buffer (which would split each chunk into two writes).
 bool WriteBlock(std::FILE* AOut, const std::string& AText) {
@@ -64,7 +66,8 @@ int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
           if (!AResult.Xml.empty() && !WriteBlock(AOut, AResult.Xml)) writeFailed = true;
           ReportIssues(AErr, AOptions.Path, AResult, issues);
         },
-        AOptions.Threads);
+        // Below a few hundred chunks starting threads costs more than they save.
+        source.Raw().Size() < kParallelThreshold ? 1u : AOptions.Threads);
     if (AOptions.Wrap) std::fputs("\r\n</Events>\r\n", AOut);
     std::fflush(AOut);
     if (!AOptions.Quiet && (issues || source.Carving()))

@@ -38,7 +38,8 @@ int main(int argc, char** argv) {
   auto* cmdDump = app.add_subcommand("dump", "Print the XML of every record of an .evtx file");
   cmdDump->add_option("file", dump.Path, "The .evtx file (or, with --carve, any file or device)")->required();
   cmdDump->add_option("-t,--threads", dump.Threads,
-                      "Chunks rendered in parallel (output order is unchanged; 0 = one per core)")
+                      "Chunks rendered in parallel (output order is unchanged; 0 = one per core; "
+                      "files under 16 MB use one)")
       ->default_val(1);
   cmdDump->add_flag("-w,--wrap", dump.Wrap, "Wrap the records in one <Events> root element (well-formed XML)");
   cmdDump->add_flag("-c,--carve", dump.Carve,
