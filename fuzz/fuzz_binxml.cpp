@@ -37,6 +37,7 @@
 #include "engine/evtx/binxml_exception.h"
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
+#include "render_chunk.h"
 #include "platform/crc32.h"
 
 namespace {
@@ -86,17 +87,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
          qvx::Crc32(bytes.data() + kChunkHeaderSize, kChunkFirstRecord - kChunkHeaderSize,
                     qvx::Crc32(bytes.data(), kChunkOfsFlags)));
 
-  qvx::TEvtxChunk chunk(bytes.data());
-  std::string xml = chunk.asXML();
-  const int count = chunk.Count();
-  for (int i = 0; i < count; ++i) {
-    qvx::TEvtxEvent* event = chunk.GetEvent(i);
-    if (event == nullptr || !event->Valid()) continue;
-    try {
-      xml = event->asXML();
-    } catch (const qvx::EBinXMLLogReadingException&) {
-      // expected for damaged binary XML
-    }
-  }
+  FuzzRenderChunk(bytes.data());
   return 0;
 }

@@ -15,6 +15,7 @@
 #include "engine/evtx/binxml_exception.h"
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
+#include "render_chunk.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   using qvx::evtx::kChunkSize;
@@ -22,18 +23,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   std::vector<uint8_t> bytes(kChunkSize, 0);
   if (ASize > 0) std::memcpy(bytes.data(), AData, std::min<size_t>(ASize, kChunkSize));
 
-  qvx::TEvtxChunk chunk(bytes.data());
-  std::string xml = chunk.asXML();
-
-  const int count = chunk.Count();
-  for (int i = 0; i < count; ++i) {
-    qvx::TEvtxEvent* event = chunk.GetEvent(i);
-    if (event == nullptr || !event->Valid()) continue;
-    try {
-      xml = event->asXML();
-    } catch (const qvx::EBinXMLLogReadingException&) {
-      // expected for damaged records
-    }
-  }
+  FuzzRenderChunk(bytes.data());
   return 0;
 }
