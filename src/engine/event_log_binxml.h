@@ -1,0 +1,95 @@
+// The direct sources: .evtx files and raw data read without the system's event log
+// service.
+//
+// TEventLogBinXML walks a saved .evtx file's chunks newest first and, within a chunk,
+// hands out its events from the last back to the first, so a whole log reads newest
+// event first. TEventLogScan carves chunks out of raw data (a damaged file, a disk
+// image, a block device) and yields whatever events they hold, in the order the chunks
+// lie in the data, duplicates included. Only one chunk and its remaining XML are held
+// at a time.
+#pragma once
+
+#include "engine/event_log_x.h"
+#include "engine/evtx/chunk_reader.h"
+#include "engine/evtx/elf_chunks.h"
+#include "engine/evtx/evtx_file.h"
+#include "platform/raw_file.h"
+
+#include <memory>
+#include <string>
+
+namespace qvx {
+
+class TEventLogBinXML : public TEventLogX {
+public:
+  TEventLogBinXML();
+  ~TEventLogBinXML() override;
+
+  // A live log cannot be opened by this source: does nothing.
+  void OpenEventLog() override {}
+  // Opens BackupFileName. Raises ENTException with the last OS error when the file
+  // cannot be opened or its header is not valid; the source then stays closed.
+  void OpenBackupEventLog() override;
+  void CloseEventLog() override;
+  // Record identifiers between the oldest chunk's first and the newest chunk's last
+  // (gaps counted): a bound for progress, 0 when the chunk count is not valid.
+  int64_t GetCount() override;
+  int64_t GetLastCount() override;
+  void EventNextXML(std::string& AXml, TEventXmlFields& AFields) override;
+  void GetItemsFromData(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
+                        uint16_t AEventIdQual, uint8_t AVersion, uint8_t AOpCode, const TStringList& AStrings) override;
+  void SetDescriptionServer(const std::string& AName) override { TEventLogX::SetDescriptionServer(AName); }
+  void GetEventLogs(TEventLogList& ALogs) override { ALogs.Clear(); }
+  void GetEventSources(TStringList& ASources) override { ASources.clear(); }
+  void GetEventSourcesByLog(const std::string&, TStringList& ASources) override { ASources.clear(); }
+  void SetMachineName(const std::string&) override {}
+  void Clear(const std::string&) override {}
+  void BackupEventlog(const std::string&) override {}
+
+  // The file structure while open (null when closed).
+  TEvtxFile* EvtxFile() const { return FEvtxFile.get(); }
+  // Index of the chunk being read in the sorted list (chunks carved so far for a scan).
+  uint32_t ChunkIndex() const { return FChunkIndex; }
+
+protected:
+  // Takes the last event out of FChunkXML into AXml and fills AFields; when the chunk
+  // holds no event, AXml is "*" and AEmptyIssue is recorded.
+  void TakeEvent(std::string& AXml, TEventXmlFields& AFields, const std::string& AEmptyIssue);
+  // Renders FJob's chunk into FChunkXML and records the records it could not render.
+  void LoadChunk(const std::string& AWhere);
+  // Fills the fields of one event's text (task name, user, data values, description).
+  void FillFields(std::string_view AEvent, TEventXmlFields& AFields);
+
+  TRawFile FFileHandle;
+  std::unique_ptr<TEvtxFile> FEvtxFile;
+  TChunkJob FJob;       // the chunk being read: its bytes and where they came from
+  TChunkResult FChunk;  // its rendered records
+  uint32_t FChunkIndex = 0;
+  std::string FChunkXML;
+  uint32_t FEventIndex = 0;
+};
+
+class TEventLogScan : public TEventLogBinXML {
+public:
+  TEventLogScan();
+  ~TEventLogScan() override;
+
+  // Opens BackupFileName (a file, or a device such as /dev/sdb or "\\.\PhysicalDrive1").
+  // Raises ENTException when it cannot be opened.
+  void OpenBackupEventLog() override;
+  void CloseEventLog() override;
+  // Not known in advance: all bits of a 32-bit count set.
+  int64_t GetCount() override { return kUnknownCount; }
+  int64_t GetLastCount() override { return kUnknownCount; }
+  // As the file source, with chunks from the carver; "+" when a 4 MB buffer held no
+  // further chunk (a tick for progress).
+  void EventNextXML(std::string& AXml, TEventXmlFields& AFields) override;
+
+  TElfChnunks& ElfChunks() { return *FElfChunks; }
+  static constexpr int64_t kUnknownCount = 0xFFFFFFFF;
+
+private:
+  std::unique_ptr<TElfChnunks> FElfChunks;
+};
+
+} // namespace qvx

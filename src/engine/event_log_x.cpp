@@ -1,0 +1,93 @@
+#include "engine/event_log_x.h"
+
+#include "descriptions/sid_store.h"
+
+namespace qvx {
+
+void TEventItemX::Assign(const TEventItemBase& ASource) {
+  TEventItemBase::Assign(ASource);
+  FCategoryName = ASource.FCategoryName;
+  FUserName = ASource.FUserName;
+  FChannel = ASource.FChannel;
+  FEvtMessage = ASource.FEvtMessage;
+  FEvtXML = ASource.FEvtXML;
+  if (const auto* x = dynamic_cast<const TEventItemX*>(&ASource)) {
+    FUserSid = x->FUserSid;
+    FSystemTime = x->FSystemTime;
+    FKeywords = x->FKeywords;
+    FEventIDQual = x->FEventIDQual;
+    FVersion = x->FVersion;
+    FLevel = x->FLevel;
+    FOpCode = x->FOpCode;
+    FTask = x->FTask;
+    FEventRecordID = x->FEventRecordID;
+    FDescriptionFound = x->FDescriptionFound;
+  }
+}
+
+bool TEventLogInfoFilterX::MatchMask(const std::string& AName) const {
+  return FRegEx.empty() || std::regex_search(AName, FCompiled);
+}
+
+void TEventLogInfoFilterX::SetRegEx(const std::string& AExpression) {
+  FCompiled = AExpression.empty() ? std::regex() : std::regex(AExpression, std::regex::icase);
+  FRegEx = AExpression;
+}
+
+TEventItemBase* TEventLogX::UndeliverableMarker() {
+  // A fixed object stands for the all-ones value: callers compare, never read it.
+  static TEventItemX marker{nullptr};
+  return &marker;
+}
+
+int64_t TEventLogX::GetLastCount() {
+  if (FLastCount < 0) FLastCount = GetCount();
+  return FLastCount;
+}
+
+TEventItemBase* TEventLogX::EventNext() {
+  do {
+    EventNextXML(FXml, FFields);
+  } while (FXml.size() == 1 && FXml[0] == '*');
+  if (FXml.empty()) return nullptr;
+  if (FXml.size() == 1 && FXml[0] == '+') return UndeliverableMarker();
+  BuildItem(FXml, FFields);
+  return &FItem;
+}
+
+void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
+  TEventItemX& item = FItem;
+  item.FRecordIndex = FRecordCounter++;
+  item.FEventType = EventTypeFromXml(AFields.Channel, AFields.Keywords, AFields.Level);
+  item.FTimeGenerated = SystemTimeTextToDays(AFields.TimeCreated);
+  item.FTimeWritten = item.FTimeGenerated;
+  item.FSourceName = AFields.ProviderName;
+  item.FEventID = static_cast<uint32_t>(TextToInt(AFields.EventID));
+  item.FCategoryName = AFields.Task;
+  item.FUserName = AFields.UserName;
+  item.FComputername = AFields.Computer;
+  item.FChannel = AFields.Channel;
+  item.FEvtMessage = AFields.EvtMessage;
+  item.FEvtXML.swap(AXml); // the next event reuses the old buffer
+  const int64_t recordId = TextToInt(AFields.EventRecordID);
+  item.FRecordNumber = static_cast<int32_t>(recordId);
+  item.FEventRecordID = static_cast<uint64_t>(recordId);
+  item.FTask = static_cast<uint16_t>(AFields.TaskNumber);
+  item.FEventCategory = static_cast<uint16_t>(AFields.TaskNumber);
+  item.FStrings.swap(AFields.Strings);
+  item.SetData(AFields.BinaryData.data(), static_cast<uint32_t>(AFields.BinaryData.size()));
+  item.FUserSid = AFields.UserID;
+  if (!AFields.UserID.empty() && TextToSid(AFields.UserID, FSidBuffer))
+    item.SetSID(FSidBuffer.data(), static_cast<uint32_t>(FSidBuffer.size()));
+  else
+    item.SetSID(nullptr, 0);
+  item.FSystemTime = AFields.TimeCreated;
+  item.FKeywords = AFields.Keywords;
+  item.FEventIDQual = static_cast<uint16_t>(TextToInt(AFields.EventIDQual));
+  item.FVersion = static_cast<uint8_t>(TextToInt(AFields.Version));
+  item.FLevel = static_cast<uint8_t>(TextToInt(AFields.Level));
+  item.FOpCode = static_cast<uint8_t>(TextToInt(AFields.OpCode));
+  item.FDescriptionFound = AFields.EvtMessage.empty() || AFields.EvtMessage[0] != kNoDescriptionMark;
+}
+
+} // namespace qvx

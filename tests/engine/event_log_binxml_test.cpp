@@ -1,0 +1,258 @@
+// The direct .evtx source and the deep scan: reading order, markers, issues, counts and
+// the fields of each record, over logs and images built by the fixture writer.
+#include "engine/event_log_binxml.h"
+
+#include "engine/evtx/evtx_writer.h"
+#include "platform/nt_exception.h"
+#include "support/evtx_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace qvx {
+namespace {
+
+using namespace qvx::test;
+
+std::unique_ptr<TEventLogBinXML> OpenFile(const std::string& APath) {
+  auto log = std::make_unique<TEventLogBinXML>();
+  log->SetBackupFileName(APath);
+  log->SetActive(true);
+  return log;
+}
+
+std::vector<int32_t> RecordNumbers(TEventLogBase& ALog) {
+  std::vector<int32_t> numbers;
+  while (TEventItemBase* item = ALog.EventNext())
+    if (item != TEventLogX::UndeliverableMarker()) numbers.push_back(item->FRecordNumber);
+  return numbers;
+}
+
+std::vector<int32_t> Descending(int32_t AFrom, int32_t ATo) {
+  std::vector<int32_t> v;
+  for (int32_t i = ATo; i >= AFrom; --i) v.push_back(i);
+  return v;
+}
+
+// A chunk holding the given events as records AFirstId, AFirstId + 1, ...
+std::vector<uint8_t> ChunkOf(uint64_t AFirstId, const std::vector<TEvtxEventDraft>& AEvents) {
+  TEvtxChunkWriter chunk;
+  TEvtxEventTemplates templates;
+  uint64_t id = AFirstId;
+  for (const auto& e : AEvents) EXPECT_TRUE(chunk.AddEvent(id++, e, templates));
+  return chunk.Finish();
+}
+
+TEST(BinXmlSourceOrder, NewestChunkFirstAndLastRecordFirst) {
+  auto log = OpenFile(WriteTempFile("three.evtx", MakeEvtxFile(3, 10)));
+  ASSERT_TRUE(log->Active());
+  EXPECT_EQ(RecordNumbers(*log), Descending(1, 30));
+  EXPECT_EQ(log->IssueList().IssueCount(), 0);
+}
+
+TEST(BinXmlSourceOrder, ChunksLaidOutOfOrderStillReadNewestFirst) {
+  auto log = OpenFile(WriteTempFile("wrapped.evtx", MakeFileInChunkOrder({2, 3, 0, 1}, 5)));
+  EXPECT_EQ(RecordNumbers(*log), Descending(1, 20));
+}
+
+TEST(BinXmlSourceOrder, RecordIndexCountsTheReadingOrder) {
+  auto log = OpenFile(WriteTempFile("index.evtx", MakeEvtxFile(2, 3)));
+  std::vector<int32_t> indexes;
+  while (TEventItemBase* item = log->EventNext()) indexes.push_back(item->FRecordIndex);
+  EXPECT_EQ(indexes, (std::vector<int32_t>{0, 1, 2, 3, 4, 5}));
+}
+
+TEST(BinXmlSourceChunks, EmptyChunkGivesOneSkipAndOneIssue) {
+  auto file = MakeFileFromChunks({MakeChunk(1, 4), MakeEmptyChunk(5, 5), MakeChunk(6, 4)});
+  auto log = OpenFile(WriteTempFile("hole.evtx", file));
+  std::string xml;
+  TEventXmlFields fields;
+  std::vector<std::string> results;
+  for (;;) {
+    log->EventNextXML(xml, fields);
+    if (xml.empty()) break;
+    results.push_back(xml.size() == 1 ? xml : fields.EventRecordID);
+  }
+  EXPECT_EQ(results, (std::vector<std::string>{"9", "8", "7", "6", "*", "4", "3", "2", "1"}));
+  ASSERT_EQ(log->IssueList().Lines().size(), 1u);
+  EXPECT_EQ(log->IssueList().Lines()[0], "Inconsistent data in chunk #1 ignored");
+}
+
+TEST(BinXmlSourceChunks, DamagedRecordIsReportedAndTheOthersStillRead) {
+  auto file = MakeEvtxFile(2, 5);
+  CorruptRecordMagic(file, 1, 3); // chunk 1 holds records 6..10; record 9 is damaged
+  auto log = OpenFile(WriteTempFile("damaged.evtx", file));
+  EXPECT_EQ(RecordNumbers(*log), (std::vector<int32_t>{8, 7, 6, 5, 4, 3, 2, 1}));
+  ASSERT_EQ(log->IssueList().Lines().size(), 1u);
+  const std::string& issue = log->IssueList().Lines()[0];
+  EXPECT_EQ(issue.rfind("Chunk #0 at offset 0x11000: record at chunk offset 0x", 0), 0u) << issue;
+  EXPECT_NE(issue.find("record walk stopped"), std::string::npos) << issue;
+}
+
+TEST(BinXmlSourceCount, CountsIdentifiersNotRecords) {
+  auto file = MakeFileFromChunks({MakeChunk(1, 4), MakeChunk(11, 4)}); // 1..4 and 11..14
+  auto log = OpenFile(WriteTempFile("gaps.evtx", file));
+  EXPECT_EQ(log->GetCount(), 14);
+  EXPECT_EQ(log->GetLastCount(), 14);
+  EXPECT_EQ(RecordNumbers(*log).size(), 8u);
+}
+
+TEST(BinXmlSourceCount, WrongChunkCountOpensWithNothingToRead) {
+  auto file = MakeEvtxFile(3, 4);
+  SetHeaderChunkCount(file, 5);
+  auto log = OpenFile(WriteTempFile("count.evtx", file));
+  ASSERT_TRUE(log->Active());
+  EXPECT_EQ(log->GetCount(), 0);
+  EXPECT_EQ(log->EventNext(), nullptr);
+}
+
+TEST(BinXmlSourceOpen, BadHeaderOrMissingFileRaisesAndStaysClosed) {
+  auto file = MakeEvtxFile(1, 2);
+  SetHeaderVersion(file, 2, 0);
+  TEventLogBinXML log;
+  log.SetBackupFileName(WriteTempFile("old.evtx", file));
+  EXPECT_THROW(log.SetActive(true), ENTException);
+  EXPECT_FALSE(log.Active());
+  log.SetBackupFileName("/nonexistent/x.evtx");
+  EXPECT_THROW(log.SetActive(true), ENTException);
+  EXPECT_FALSE(log.Active());
+}
+
+TEST(BinXmlSourceFields, RecordFieldsComeFromTheXml) {
+  auto log = OpenFile(WriteTempFile("fields.evtx", MakeEvtxFile(1, 3)));
+  log->SetTimeShift(2, 0, "UTC");
+  auto* item = static_cast<TEventItemX*>(log->EventNext());
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->FRecordNumber, 3);
+  EXPECT_EQ(item->FEventID, 4624u);
+  EXPECT_EQ(item->FSourceName, "Microsoft-Windows-Security-Auditing");
+  EXPECT_EQ(item->FChannel, "Security");
+  EXPECT_EQ(item->FComputername, "WS-FIN-042.corp.contoso.com");
+  EXPECT_EQ(item->FEventType, EVT_AUDIT_SUCCESS); // Security keywords 0x8020…
+  EXPECT_EQ(item->GetCategoryName(), "(12544)");  // no metadata here: the number in parentheses
+  EXPECT_EQ(item->FVersion, 2);
+  const TSystemTime t = DaysToSystemTime(item->GetTimeGenerated());
+  EXPECT_EQ(t.wHour, 9); // sample event 3: 2024-03-11 09:00:03 UTC
+  EXPECT_EQ(t.wSecond, 3);
+  ASSERT_EQ(item->FStrings.size(), 10u);
+  EXPECT_EQ(item->FStrings[0], "S-1-5-18");
+  EXPECT_EQ(item->FStrings[1], "WS-FIN-042$");
+  EXPECT_EQ(item->FEvtXML.rfind("<Event xmlns", 0), 0u);
+}
+
+TEST(BinXmlSourceFields, TaskZeroIsNoneAndNeverCached) {
+  TEvtxEventDraft e = SampleEvent(1);
+  e.FTask = 0;
+  auto log = OpenFile(WriteTempFile("task0.evtx", MakeFileFromChunks({ChunkOf(1, {e})})));
+  TEventItemBase* item = log->EventNext();
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->GetCategoryName(), "None");
+  EXPECT_FALSE(log->CategoryCache().CategoryInCache(e.FProviderName, 0));
+}
+
+TEST(BinXmlSourceFields, TaskNameIsCachedByProviderAndNumber) {
+  TEvtxEventDraft e = SampleEvent(1);
+  e.FTask = 12;
+  auto log = OpenFile(WriteTempFile("task12.evtx", MakeFileFromChunks({ChunkOf(1, {e, e})})));
+  EXPECT_EQ(log->EventNext()->GetCategoryName(), "(12)");
+  EXPECT_TRUE(log->CategoryCache().CategoryInCache(e.FProviderName, 12));
+  EXPECT_EQ(log->EventNext()->GetCategoryName(), "(12)");
+}
+
+TEST(BinXmlSourceFields, NoDescriptionGivesTheMarkThenTheValues) {
+  TEvtxEventDraft e = SampleEvent(1);
+  e.FData = {{"A", TEvtxValue::String("first")}, {"B", TEvtxValue::UInt32(2)}};
+  auto log = OpenFile(WriteTempFile("nodesc.evtx", MakeFileFromChunks({ChunkOf(1, {e})})));
+  auto* item = static_cast<TEventItemX*>(log->EventNext());
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(item->FEvtMessage, "\x01\r\nfirst\r\n2");
+  EXPECT_FALSE(item->FDescriptionFound);
+}
+
+TEST(BinXmlSourceFields, ControlCharactersInValuesBecomeSpaces) {
+  TEvtxEventDraft e = SampleEvent(1);
+  e.FData = {{"A", TEvtxValue::String("a\x0b" "b\x01" "c")}};
+  auto log = OpenFile(WriteTempFile("ctrl.evtx", MakeFileFromChunks({ChunkOf(1, {e})})));
+  auto* item = static_cast<TEventItemX*>(log->EventNext());
+  ASSERT_NE(item, nullptr);
+  ASSERT_EQ(item->FStrings.size(), 1u);
+  EXPECT_EQ(item->FStrings[0], "a b c");
+  EXPECT_EQ(item->FEvtXML.find('\x0b'), std::string::npos);
+}
+
+TEST(BinXmlSourceFields, UserNameResolvesWellKnownAndUnmappedSids) {
+  TEvtxEventDraft system = SampleEvent(1), user = SampleEvent(2), none = SampleEvent(3);
+  system.FUserId = "S-1-5-18";
+  user.FUserId = "S-1-5-21-1-2-3-1001";
+  none.FUserId.clear();
+  auto log = OpenFile(WriteTempFile("users.evtx", MakeFileFromChunks({ChunkOf(1, {system, user, none})})));
+  EXPECT_EQ(log->EventNext()->GetUserName(), "N/A");
+  EXPECT_EQ(log->EventNext()->GetUserName(), "\\S-1-5-21-1-2-3-1001");
+  EXPECT_EQ(log->EventNext()->GetUserName(), "\\SYSTEM");
+}
+
+// --- deep scan --------------------------------------------------------------------
+
+std::unique_ptr<TEventLogScan> OpenScan(const std::string& APath) {
+  auto log = std::make_unique<TEventLogScan>();
+  log->SetBackupFileName(APath);
+  log->SetActive(true);
+  return log;
+}
+
+TEST(DeepScan, CountsAreUnknown) {
+  auto log = OpenScan(WriteTempFile("count.bin", MakeEvtxFile(1, 2)));
+  EXPECT_EQ(log->GetCount(), 0xFFFFFFFFll);
+  EXPECT_EQ(log->GetLastCount(), 0xFFFFFFFFll);
+}
+
+TEST(DeepScan, ImageRecoversEveryChunkInImageOrder) {
+  TSampleDiskImage image = MakeSampleDiskImage();
+  auto log = OpenScan(WriteTempFile("image.bin", image.FBytes));
+  std::vector<int32_t> expected;
+  for (uint64_t first : image.FChunkFirstIds)
+    for (auto n : Descending(static_cast<int32_t>(first), static_cast<int32_t>(first + image.FRecordsPerChunk - 1)))
+      expected.push_back(n);
+  EXPECT_EQ(RecordNumbers(*log), expected);
+}
+
+TEST(DeepScan, BufferWithoutChunksGivesATickFirst) {
+  TDiskImage image(6 * kMiB, 7);
+  image.Place(5 * kMiB + 3, MakeChunk(1, 3));
+  auto log = OpenScan(WriteTempFile("late.bin", image.Take()));
+  std::string xml;
+  TEventXmlFields fields;
+  log->EventNextXML(xml, fields);
+  EXPECT_EQ(xml, "+");
+  EXPECT_EQ(RecordNumbers(*log), Descending(1, 3));
+}
+
+TEST(DeepScan, EmptyChunkIsReportedWithoutNumber) {
+  TDiskImage image(1 * kMiB);
+  image.Place(4097, MakeEmptyChunk());
+  image.Place(300001, MakeChunk(1, 2));
+  auto log = OpenScan(WriteTempFile("empty.bin", image.Take()));
+  EXPECT_EQ(RecordNumbers(*log), Descending(1, 2));
+  ASSERT_EQ(log->IssueList().Lines().size(), 1u);
+  EXPECT_EQ(log->IssueList().Lines()[0], "Inconsistent data in a chunk ignored");
+}
+
+TEST(DeepScan, DuplicateChunksYieldTheirEventsTwice) {
+  TDiskImage image(1 * kMiB);
+  const auto chunk = MakeChunk(1, 2);
+  image.Place(1001, chunk);
+  image.Place(500001, chunk);
+  auto log = OpenScan(WriteTempFile("twice.bin", image.Take()));
+  EXPECT_EQ(RecordNumbers(*log), (std::vector<int32_t>{2, 1, 2, 1}));
+}
+
+TEST(DeepScan, MissingSourceRaises) {
+  TEventLogScan log;
+  log.SetBackupFileName("/nonexistent/disk.img");
+  EXPECT_THROW(log.SetActive(true), ENTException);
+  EXPECT_FALSE(log.Active());
+}
+
+} // namespace
+} // namespace qvx

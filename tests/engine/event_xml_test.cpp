@@ -1,0 +1,123 @@
+// Reading event fields out of event XML: system fields, data values, times, types.
+#include "engine/event_xml.h"
+
+#include <gtest/gtest.h>
+
+namespace qvx {
+namespace {
+
+const char* const kEvent =
+    "<Event xmlns=\"http://schemas.microsoft.com/win/2004/08/events/event\">\r\n<System>\r\n"
+    "<Provider Name=\"Microsoft-Windows-Security-Auditing\" Guid=\"{54849625-5478-4994-a5ba-3e3b0328c30d}\" />\r\n"
+    "<EventID Qualifiers=\"16384\">4625</EventID>\r\n<Version>1</Version>\r\n<Level>0</Level>\r\n"
+    "<Task>12544</Task>\r\n<Opcode>3</Opcode>\r\n<Keywords>0x8010000000000000</Keywords>\r\n"
+    "<TimeCreated SystemTime=\"2024-03-11T09:00:01.1234567Z\" />\r\n<EventRecordID>42</EventRecordID>\r\n"
+    "<Correlation />\r\n<Execution ProcessID=\"812\" ThreadID=\"1000\" />\r\n<Channel>Security</Channel>\r\n"
+    "<Computer>WS&amp;1</Computer>\r\n<Security UserID=\"S-1-5-18\" />\r\n</System>\r\n<EventData>\r\n"
+    "<Data Name=\"SubjectUserName\">a &lt;b&gt; &#x41;&#66;</Data>\r\n<Data Name=\"Empty\"></Data>\r\n"
+    "<Data Name=\"Null\" />\r\n<Data>plain</Data>\r\n<Binary>0A0bFF</Binary>\r\n</EventData>\r\n</Event>";
+
+TEST(EventXmlSystemFields, ReadsEveryFieldAsText) {
+  TEventXmlFields f;
+  ReadSystemFields(kEvent, f);
+  EXPECT_EQ(f.ProviderName, "Microsoft-Windows-Security-Auditing");
+  EXPECT_EQ(f.EventID, "4625");
+  EXPECT_EQ(f.EventIDQual, "16384");
+  EXPECT_EQ(f.Version, "1");
+  EXPECT_EQ(f.Level, "0");
+  EXPECT_EQ(f.Task, "12544");
+  EXPECT_EQ(f.TaskNumber, 12544u);
+  EXPECT_EQ(f.Keywords, "0x8010000000000000");
+  EXPECT_EQ(f.TimeCreated, "2024-03-11T09:00:01.1234567Z");
+  EXPECT_EQ(f.EventRecordID, "42");
+  EXPECT_EQ(f.Channel, "Security");
+  EXPECT_EQ(f.Computer, "WS&1");
+  EXPECT_EQ(f.UserID, "S-1-5-18");
+  // The opcode is looked up as "OpCode"; the event's own element is spelt "Opcode".
+  EXPECT_EQ(f.OpCode, "");
+}
+
+TEST(EventXmlSystemFields, MissingSectionOrFieldsLeaveThemEmpty) {
+  TEventXmlFields f;
+  f.ProviderName = "stale";
+  ReadSystemFields("<Event><EventData/></Event>", f);
+  EXPECT_EQ(f.ProviderName, "");
+  ReadSystemFields("<Event><System><EventID>7</EventID><Channel/></System></Event>", f);
+  EXPECT_EQ(f.EventID, "7");
+  EXPECT_EQ(f.Channel, "");
+  EXPECT_EQ(f.EventIDQual, "");
+  // A truncated text never reads past its end.
+  ReadSystemFields("<Event><System><EventID>7</Even", f);
+  ReadSystemFields("<Event><System><Provider Name=\"x", f);
+  EXPECT_EQ(f.ProviderName, "");
+}
+
+TEST(EventXmlData, EventDataValuesAndBinary) {
+  TStringList values;
+  std::vector<uint8_t> binary;
+  ReadEventDataValues(kEvent, values, &binary);
+  EXPECT_EQ(values, (TStringList{"a <b> AB", "", "", "plain"}));
+  EXPECT_EQ(binary, (std::vector<uint8_t>{0x0A, 0x0B, 0xFF}));
+}
+
+TEST(EventXmlData, UserDataGivesAttributeValuesAndTextsInOrder) {
+  const char* xml = "<Event><System><EventID>1</EventID></System><UserData>\r\n"
+                    "<Op xmlns=\"urn:x\"><File name=\"a.cer\" size=\"10\" />\r\n<Result>0</Result>\r\n"
+                    "<Note>x &amp; y</Note></Op></UserData></Event>";
+  TStringList values;
+  ReadEventDataValues(xml, values);
+  EXPECT_EQ(values, (TStringList{"a.cer", "10", "0", "x & y"}));
+}
+
+TEST(EventXmlData, NoDataSectionGivesNoValues) {
+  TStringList values{"stale"};
+  ReadEventDataValues("<Event><System></System></Event>", values);
+  EXPECT_TRUE(values.empty());
+}
+
+TEST(EventXmlUnescape, BadEntitiesStayAsWritten) {
+  std::string out;
+  AppendXmlUnescaped(out, "&bogus; & &#xZZ; &#55296; &#x1F600;");
+  EXPECT_EQ(out, "&bogus; & &#xZZ; \xEF\xBF\xBD \xF0\x9F\x98\x80");
+}
+
+TEST(EventXmlTime, MillisecondsByPosition) {
+  const TSystemTime t = DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01.123456789Z"));
+  EXPECT_EQ(t.wYear, 2024);
+  EXPECT_EQ(t.wMonth, 3);
+  EXPECT_EQ(t.wDay, 11);
+  EXPECT_EQ(t.wHour, 9);
+  EXPECT_EQ(t.wSecond, 1);
+  EXPECT_EQ(t.wMilliseconds, 123); // the rest of the fraction is dropped
+  // The decoder writes the fraction in 100 µs units without padding; read by position,
+  // ".50Z" gives 50.
+  EXPECT_EQ(DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01.50Z")).wMilliseconds, 50);
+  EXPECT_EQ(DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01Z")).wMilliseconds, 0);
+  EXPECT_EQ(SystemTimeTextToDays("garbage"), 0);
+  EXPECT_EQ(SystemTimeTextToDays("2024-13-11T09:00:01.000Z"), 0);
+}
+
+TEST(EventXmlType, LevelKeywordsAndChannel) {
+  EXPECT_EQ(EventTypeFromXml("Security", "0x8030000000000000", "0"), EVT_AUDIT_FAILURE); // both bits
+  EXPECT_EQ(EventTypeFromXml("security", "0x8020000000000000", "0"), EVT_AUDIT_SUCCESS);
+  EXPECT_EQ(EventTypeFromXml("Security", "0x8010000000000000", "4"), EVT_AUDIT_FAILURE);
+  EXPECT_EQ(EventTypeFromXml("System", "0x8010000000000000", "2"), EVT_ERROR); // audit bits ignored
+  EXPECT_EQ(EventTypeFromXml("System", "", "1"), EVT_CRITICAL);
+  EXPECT_EQ(EventTypeFromXml("System", "", "3"), EVT_WARNING);
+  EXPECT_EQ(EventTypeFromXml("System", "", "0"), EVT_INFORMATION);
+  EXPECT_EQ(EventTypeFromXml("System", "", "4"), EVT_INFORMATION);
+  EXPECT_EQ(EventTypeFromXml("System", "", "5"), EVT_VERBOSE);
+  EXPECT_EQ(EventTypeFromXml("System", "", "16"), EVT_SUCCESS);
+  EXPECT_EQ(EventTypeFromXml("System", "", "x"), EVT_INFORMATION); // not a number reads as 0
+}
+
+TEST(EventXmlNumbers, NotANumberIsZero) {
+  EXPECT_EQ(TextToInt("4624"), 4624);
+  EXPECT_EQ(TextToInt("-5"), -5);
+  EXPECT_EQ(TextToInt("12a"), 0);
+  EXPECT_EQ(TextToInt(""), 0);
+  EXPECT_EQ(TextToInt("99999999999999999999999"), 0);
+}
+
+} // namespace
+} // namespace qvx
