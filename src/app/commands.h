@@ -1,6 +1,7 @@
 // The quorvex subcommands.
 #pragma once
 
+#include "app/event_output.h"
 #include "app/evtx_source.h"
 
 #include <cstdint>
@@ -32,6 +33,25 @@ int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 } // namespace qvx::app
 
 namespace qvx::app {
+
+struct TEventsOptions {
+  std::string Path;
+  TOutputFormat Format = TOutputFormat::ofTable;
+  std::string TimeZone = "local";
+  uint64_t Limit = 0;    // 0 = every event
+  unsigned Width = 0;    // table width; 0 = the terminal's (no limit when not a terminal)
+  int Progress = -1;     // -1 auto (stderr is a terminal and stdout is not), 0 never, 1 always
+  bool Quiet = false;
+  bool AllIssues = false;
+};
+
+// Lists the events of an .evtx file newest first. Returns the exit status.
+int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+// Deep-scans a file, image or device for event chunks and lists their events.
+int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+// Lists the known time zones.
+int RunZones(std::FILE* AOut);
+
 // Writes the demo log to APath and, when ADump, prints its records. Returns the exit status.
 int RunDemo(const std::string& APath, uint64_t ARecords, bool ADump, std::FILE* AOut, std::FILE* AErr);
 } // namespace qvx::app

@@ -26,6 +26,10 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "quorvex 0.1.0");
   app.footer("Examples:\n"
+             "  quorvex events Security.evtx                     the events, newest first, as a table\n"
+             "  quorvex events --format jsonl --tz UTC System.evtx > system.jsonl\n"
+             "  quorvex scan disk.img --format csv > found.csv   events of chunks found anywhere in an image\n"
+             "  sudo quorvex scan /dev/sdb --format jsonl > sdb.jsonl\n"
              "  quorvex dump Security.evtx > security.xml       every record as XML\n"
              "  quorvex dump --threads 2 --wrap big.evtx         parallel, as one XML document\n"
              "  quorvex info System.evtx                         header, chunks and damage\n"
@@ -53,6 +57,46 @@ int main(int argc, char** argv) {
                   "Damaged records are skipped and reported on stderr with their chunk and offset.\n"
                   "A file whose header does not match its chunks is read by scanning it; stderr says so.");
 
+  // events and scan share their output options.
+  TEventsOptions events;
+  std::string eventsFormat = "table";
+  auto addOutputOptions = [&](CLI::App* ACommand) {
+    ACommand->add_option("-f,--format", eventsFormat,
+                         "Output: 'table' (fits the terminal), 'csv', 'jsonl' (one JSON object per line) or 'xml'")
+        ->check(CLI::IsMember({"table", "csv", "jsonl", "xml"}))
+        ->default_val("table");
+    ACommand->add_option("--tz", events.TimeZone,
+                         "Time shift of the shown times: 'UTC', 'local' (default), minutes east of UTC such as "
+                         "+60 or -300, or a Windows zone name such as \"Pacific Standard Time\" "
+                         "(see 'quorvex zones')")
+        ->default_val("local");
+    ACommand->add_option("-n,--limit", events.Limit, "Stop after this many events (0 = all)")->default_val(0);
+    ACommand->add_option("--width", events.Width, "Table width in columns (default: the terminal's)");
+    ACommand->add_flag("--progress,!--no-progress", events.Progress,
+                       "Show a progress bar on stderr (default: when stderr is a terminal and stdout is not)");
+    ACommand->add_flag("--all-issues", events.AllIssues, "List every problem met while reading, not the first 20");
+    ACommand->add_flag("-q,--quiet", events.Quiet, "No progress bar and no closing summary on stderr");
+  };
+  auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx file, newest first");
+  cmdEvents->add_option("file", events.Path, "The .evtx file")->required();
+  addOutputOptions(cmdEvents);
+  cmdEvents->footer("Columns of the table: time, type, event ID, source, task, user, computer, record number and\n"
+                    "channel. CSV and JSON Lines add level, qualifiers, version, opcode, keywords, the user's SID,\n"
+                    "the description and the event data values; XML gives each event's XML.\n"
+                    "Damaged records are skipped and listed at the end on stderr. A file whose header does not\n"
+                    "match its chunks is read by scanning it for chunks; stderr says so.");
+
+  auto* cmdScan = app.add_subcommand("scan", "Deep-scan a damaged file, a disk image or a device for event chunks");
+  cmdScan->add_option("path", events.Path,
+                      "A file, a disk image or a block device such as /dev/sdb (reading a device needs permission)")
+      ->required();
+  addOutputOptions(cmdScan);
+  cmdScan->footer("Chunks are listed in the order they lie in the data, each from its last event back to its\n"
+                  "first; a chunk present twice (an old copy in free space) gives its events twice. The count\n"
+                  "of events is not known in advance; the progress bar shows MB read, MB/s and events found.");
+
+  app.add_subcommand("zones", "List the time zones that --tz accepts (* marks this computer's)");
+
   TInfoOptions info;
   auto* cmdInfo = app.add_subcommand("info", "Show the file header, every chunk and the damage found");
   cmdInfo->add_option("file", info.Path, "The .evtx file")->required();
@@ -73,6 +117,14 @@ int main(int argc, char** argv) {
     dump.Order = order == "file" ? TChunkOrder::coFile : TChunkOrder::coNewestFirst;
     return RunDump(dump, stdout, stderr);
   }
+  if (*cmdEvents || *cmdScan) {
+    events.Format = eventsFormat == "csv"     ? TOutputFormat::ofCsv
+                    : eventsFormat == "jsonl" ? TOutputFormat::ofJsonl
+                    : eventsFormat == "xml"   ? TOutputFormat::ofXml
+                                              : TOutputFormat::ofTable;
+    return *cmdEvents ? RunEvents(events, stdout, stderr) : RunScan(events, stdout, stderr);
+  }
+  if (app.got_subcommand("zones")) return RunZones(stdout);
   if (*cmdInfo) return RunInfo(info, stdout, stderr);
   if (*cmdDemo) return RunDemo(demoOutput, demoRecords, !demoNoDump, stdout, stderr);
   return 0;

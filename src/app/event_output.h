@@ -1,0 +1,55 @@
+// Writing event records as a table, CSV, JSON Lines or XML.
+//
+// Every writer streams: one record in, its text appended to a buffer that is flushed
+// to the file whenever it passes 256 KB. Nothing of the log is kept.
+#pragma once
+
+#include "engine/event_log_x.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+namespace qvx::app {
+
+enum class TOutputFormat { ofTable, ofCsv, ofJsonl, ofXml };
+
+class TEventWriter {
+public:
+  virtual ~TEventWriter();
+  virtual void Begin() {}
+  virtual void Write(TEventItemX& AItem) = 0;
+  // Writes what is left; false when writing to the file failed at any point.
+  bool Finish();
+
+protected:
+  explicit TEventWriter(std::FILE* AOut) : FOut(AOut) {}
+  virtual void End() {}
+  void FlushIfFull() {
+    if (FBuffer.size() >= kFlushSize) Flush();
+  }
+  void Flush();
+
+  std::FILE* FOut;
+  std::string FBuffer;
+  bool FFailed = false;
+  static constexpr size_t kFlushSize = 256 * 1024;
+};
+
+// ATableWidth: the width the table must fit (0 = no limit, columns are padded but never cut).
+std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth);
+
+// "2024-03-11 10:20:30.123" for a day count.
+void AppendDayCountText(std::string& AOut, double ADays, char ASeparator = ' ');
+// "+01:00", "-05:30" or "Z" for an offset in minutes.
+void AppendOffsetText(std::string& AOut, int AMinutes);
+// AText as a JSON string literal (quotes included).
+void AppendJsonString(std::string& AOut, std::string_view AText);
+// AText as a CSV field, quoted when it holds a comma, quote, CR or LF.
+void AppendCsvField(std::string& AOut, std::string_view AText);
+// The description of an event for output: empty when no description was found (the
+// data values stand in the data column instead).
+std::string_view DescriptionText(const TEventItemX& AItem);
+
+} // namespace qvx::app

@@ -1,0 +1,167 @@
+// quorvex events / scan / zones.
+#include "app/commands.h"
+#include "app/event_output.h"
+#include "app/progress.h"
+
+#include "engine/event_log_binxml.h"
+#include "platform/nt_exception.h"
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace qvx::app {
+
+namespace {
+
+// Applies a --tz value to the source: "UTC", "local", minutes ("+60", "-300") or a zone's
+// key or display name. Raises std::invalid_argument for an unknown zone.
+void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone) {
+  if (AZone.empty() || detail::EqualsNoCase(AZone, "local")) {
+    ASource.SetTimeShift(1, 0, {});
+    return;
+  }
+  if (detail::EqualsNoCase(AZone, "UTC") || detail::EqualsNoCase(AZone, "Z")) {
+    ASource.SetTimeShift(2, 0, "UTC");
+    return;
+  }
+  char* end = nullptr;
+  const long minutes = std::strtol(AZone.c_str(), &end, 10);
+  if (end && *end == '\0' && end != AZone.c_str()) {
+    if (minutes < -24 * 60 || minutes > 24 * 60)
+      throw std::invalid_argument("--tz " + AZone + ": a fixed shift must lie between -1440 and 1440 minutes");
+    ASource.SetTimeShift(0, static_cast<int>(minutes), {});
+    return;
+  }
+  TTimeZone zone;
+  std::string key;
+  if (ASource.TimeZones().FindTimeZone(AZone, zone) || ASource.TimeZones().FindTimeZoneByDisplayName(AZone, zone))
+    key = zone.KeyName;
+  if (key.empty())
+    throw std::invalid_argument("--tz " + AZone +
+                                ": unknown time zone (use UTC, local, minutes such as +60, or a name listed by "
+                                "'quorvex zones')");
+  ASource.SetTimeShift(3, 0, key);
+}
+
+void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, TIssueList& AIssues,
+                  bool AAllIssues) {
+  const int count = AIssues.IssueCount();
+  std::fprintf(AErr, "%s: %llu events", APath.c_str(), static_cast<unsigned long long>(AEvents));
+  if (count == 0) {
+    std::fputs(", no problems found\n", AErr);
+    return;
+  }
+  std::fprintf(AErr, ", %d problem%s met while reading:\n", count, count == 1 ? "" : "s");
+  const auto& lines = AIssues.Lines();
+  const size_t shown = AAllIssues ? lines.size() : std::min<size_t>(lines.size(), 20);
+  for (size_t i = 0; i < shown; ++i) std::fprintf(AErr, "  %s\n", lines[i].c_str());
+  if (shown < static_cast<size_t>(count))
+    std::fprintf(AErr, "  ... %zu more (%s)\n", static_cast<size_t>(count) - shown,
+                 AAllIssues ? "not kept: the list holds 2000" : "--all-issues lists them");
+}
+
+// Reads every event of ASource into the writer. Returns the exit status.
+int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, std::FILE* AOut,
+               std::FILE* AErr) {
+  const unsigned width = AOptions.Width ? AOptions.Width : TerminalWidth(AOut);
+  auto writer = MakeEventWriter(AOptions.Format, AOut, width);
+  const bool showProgress =
+      !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
+  TProgress progress(AErr, showProgress);
+  auto* scan = AScan ? static_cast<TEventLogScan*>(&ASource) : nullptr;
+  const uint64_t fileSize = !AScan && ASource.EvtxFile() ? ASource.EvtxFile()->Count() * 65536ull + 4096 : 0;
+
+  uint64_t events = 0;
+  int status = 0;
+  writer->Begin();
+  auto tick = [&] {
+    if (scan)
+      progress.Update(scan->ElfChunks().BytesRead(), scan->ElfChunks().SourceSize(), events);
+    else
+      progress.Update(ASource.ChunkIndex() * 65536ull + 4096, fileSize, events);
+  };
+  try {
+    for (;;) {
+      TEventItemBase* item = ASource.EventNext();
+      if (!item) break;
+      if (item == TEventLogX::UndeliverableMarker()) {
+        tick();
+        continue;
+      }
+      writer->Write(static_cast<TEventItemX&>(*item));
+      ++events;
+      if ((events & 255) == 0) tick();
+      if (AOptions.Limit && events >= AOptions.Limit) break;
+    }
+  } catch (const std::exception& e) {
+    progress.Finish();
+    std::fprintf(AErr, "%s: reading stopped: %s\n", AOptions.Path.c_str(), e.what());
+    status = 1;
+  }
+  progress.Finish();
+  if (!writer->Finish()) {
+    std::fprintf(AErr, "quorvex: writing the output failed: %s\n", SystemErrorText(LastErrorCode()).c_str());
+    status = 1;
+  }
+  if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, events, ASource.IssueList(), AOptions.AllIssues);
+  return status;
+}
+
+} // namespace
+
+int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    // The checks of the file header name the fault; a header whose chunk count does not
+    // match the chunks that follow it is read with the deep scan.
+    TEvtxSource check(AOptions.Path, false, TChunkOrder::coNewestFirst);
+    for (const std::string& notice : check.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
+    const bool scan = check.Carving();
+    std::unique_ptr<TEventLogBinXML> source;
+    if (scan)
+      source = std::make_unique<TEventLogScan>();
+    else
+      source = std::make_unique<TEventLogBinXML>();
+    ApplyTimeZone(*source, AOptions.TimeZone);
+    source->SetBackupFileName(AOptions.Path);
+    source->SetActive(true);
+    return ReadEvents(*source, scan, AOptions, AOut, AErr);
+  } catch (const std::exception& e) {
+    // The header checks are shared with dump, whose hint names its own option.
+    std::string message = e.what();
+    const std::string hint = "(use --carve to search it for chunks)";
+    if (const size_t at = message.find(hint); at != std::string::npos)
+      message.replace(at, hint.size(), "(use 'quorvex scan' to search it for chunks)");
+    std::fprintf(AErr, "quorvex: %s\n", message.c_str());
+    return 1;
+  }
+}
+
+int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    TEventLogScan source;
+    ApplyTimeZone(source, AOptions.TimeZone);
+    source.SetBackupFileName(AOptions.Path);
+    source.SetActive(true);
+    if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");
+    return ReadEvents(source, true, AOptions, AOut, AErr);
+  } catch (const std::exception& e) {
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return 1;
+  }
+}
+
+int RunZones(std::FILE* AOut) {
+  TTimeZones zones;
+  zones.EnumTimeZones();
+  const std::string current = CurrentTimeZoneKeyName();
+  for (const TTimeZone& zone : zones.Items()) {
+    const int offset = TimeZoneOffset(&zone);
+    std::string now;
+    AppendOffsetText(now, offset);
+    std::fprintf(AOut, "%c %-34s %-7s %s\n", detail::EqualsNoCase(zone.KeyName, current) ? '*' : ' ',
+                 zone.KeyName.c_str(), now.c_str(), zone.DisplayName.c_str());
+  }
+  return 0;
+}
+
+} // namespace qvx::app
