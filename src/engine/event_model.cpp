@@ -178,8 +178,15 @@ TEventLogBase::TEventLogBase()
       FEventDescriptionCache(std::make_unique<TEventDescriptionCache>()),
       FSourcePropertiesCache(std::make_unique<TSourcePropertiesCache>()),
       FUserNameCache(std::make_unique<TUserNameCache>(std::string())) {
-  FTimeZones->EnumTimeZones();
   UseLocalZone();
+}
+
+TTimeZones& TEventLogBase::TimeZones() {
+  if (!FTimeZonesRead) {
+    FTimeZones->EnumTimeZones();
+    FTimeZonesRead = true;
+  }
+  return *FTimeZones;
 }
 
 TEventLogBase::~TEventLogBase() = default;
@@ -236,7 +243,7 @@ void TEventLogBase::SetTimeShift(int AMode, int AShift, const std::string& AZone
     break;
   case 3: {
     TTimeZone zone;
-    if (FTimeZones->FindTimeZone(AZoneName, zone)) {
+    if (TimeZones().FindTimeZone(AZoneName, zone)) {
       FLocalTimeZone = 3;
       FSpecificTimeZoneName = zone.KeyName;
       FSpecificTimeZoneInfo = ZoneToTimeZoneInformation(zone);

@@ -193,7 +193,8 @@ public:
   void SetBackupFileName(const std::string& AName) { FBackupFileName = AName; }
   const std::string& DescriptionServer() const { return FDescriptionServer; }
   TIssueList& IssueList() { return *FIssueList; }
-  TTimeZones& TimeZones() { return *FTimeZones; }
+  // The known zones; read on first use (building the table costs more than opening a log).
+  TTimeZones& TimeZones();
   TUserNameCache& UserNameCache() { return *FUserNameCache; }
   TCategoryCache& CategoryCache() { return *FCategoryCache; }
 
@@ -209,6 +210,7 @@ protected:
   std::string FSpecificTimeZoneName;
   TTimeZoneInformation FSpecificTimeZoneInfo;
   std::unique_ptr<TTimeZones> FTimeZones;
+  bool FTimeZonesRead = false;
   std::unique_ptr<TIssueList> FIssueList;
   bool FActive = false;
   std::string FSourceName;
