@@ -87,7 +87,7 @@ fuzz_targets() {
 }
 
 # make_seeds QUORVEX_BINARY DIR: writes demo files with QUORVEX_BINARY and cuts them
-# into DIR/fuzz_evtx_chunk and DIR/fuzz_binxml.
+# into DIR/fuzz_evtx_chunk, DIR/fuzz_binxml and DIR/fuzz_event_xml.
 make_seeds() {
   local bin="$1" dir="$2"
   [[ -x "$bin" ]] || die "$bin is missing: it writes the .evtx files the seeds are cut from"
@@ -100,6 +100,18 @@ make_seeds() {
     die "'$bin demo --no-dump --records 2000' failed"
   python3 "$ROOT/scripts/fuzz_seeds.py" --chunks "$dir/fuzz_evtx_chunk" \
     --binxml "$dir/fuzz_binxml" "$dir"/evtx/*.evtx || die "could not cut fuzz seeds from $dir/evtx"
+  # Event XML: each event of the small demo log, and runs of a few events.
+  "$bin" events --format xml -q "$dir/evtx/demo.evtx" >"$dir/events.xml" ||
+    die "'$bin events --format xml' failed: it writes the event XML seeds"
+  python3 - "$dir/events.xml" "$dir/fuzz_event_xml" <<'PY' || die "could not cut event XML seeds"
+import os, sys
+text = open(sys.argv[1], encoding="utf-8").read()
+events = ["<Event xmlns" + e.split("</Event>")[0] + "</Event>" for e in text.split("<Event xmlns")[1:]]
+os.makedirs(sys.argv[2], exist_ok=True)
+for i in range(0, len(events), 7):
+    with open(os.path.join(sys.argv[2], f"event-{i:04d}.xml"), "w", encoding="utf-8") as f:
+        f.write("".join(events[i:i + 1 + i % 3]))
+PY
 }
 
 # The sanitizer and fuzz builds keep assert() on (RelWithDebInfo without -DNDEBUG).

@@ -52,6 +52,6 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 // Lists the known time zones.
 int RunZones(std::FILE* AOut);
 
-// Writes the demo log to APath and, when ADump, prints its records. Returns the exit status.
-int RunDemo(const std::string& APath, uint64_t ARecords, bool ADump, std::FILE* AOut, std::FILE* AErr);
+// Writes the demo log to APath and, when AList, lists its events. Returns the exit status.
+int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr);
 } // namespace qvx::app

@@ -6,7 +6,7 @@
 
 namespace qvx::app {
 
-int RunDemo(const std::string& APath, uint64_t ARecords, bool ADump, std::FILE* AOut, std::FILE* AErr) {
+int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr) {
   try {
     WriteDemoLog(APath, ARecords);
   } catch (const std::exception& e) {
@@ -15,10 +15,10 @@ int RunDemo(const std::string& APath, uint64_t ARecords, bool ADump, std::FILE* 
   }
   std::fprintf(AErr, "quorvex: wrote %llu demo records to %s\n", static_cast<unsigned long long>(ARecords),
                APath.c_str());
-  if (!ADump) return 0;
-  TDumpOptions options;
+  if (!AList) return 0;
+  TEventsOptions options;
   options.Path = APath;
-  return RunDump(options, AOut, AErr);
+  return RunEvents(options, AOut, AErr);
 }
 
 } // namespace qvx::app

@@ -81,6 +81,7 @@ void AppendCell(std::string& AOut, std::string_view AText, size_t AWidth, bool A
 class TTableWriter : public TEventWriter {
 public:
   TTableWriter(std::FILE* AOut, unsigned AWidth) : TEventWriter(AOut) { Layout(AWidth); }
+  // On a narrow terminal the channel, computer, task and user columns give way, in that order.
 
   void Begin() override {
     AppendRow({"Time", "Type", "Event ID", "Source", "Task", "User", "Computer", "Record", "Channel"});
@@ -102,24 +103,44 @@ private:
   enum { kTime, kType, kId, kSource, kTask, kUser, kComputer, kRecord, kChannel, kColumns };
 
   void Layout(unsigned AWidth) {
-    FWidths = {23, 13, 8, 24, 16, 24, 16, 10, 20};
+    FWidths = {23, 13, 8, 24, 16, 24, 16, 8, 20};
+    FVisible.fill(true);
     FCut = AWidth != 0;
     if (!FCut) return; // padded to these widths, never cut
-    // The fixed columns keep their width; the rest share what remains by weight.
-    const unsigned fixed = FWidths[kTime] + FWidths[kType] + FWidths[kId] + FWidths[kRecord] + 2 * (kColumns - 1);
-    const unsigned rest = AWidth > fixed ? AWidth - fixed : 0;
+    // The fixed columns keep their width; the others share what remains by weight,
+    // none narrower than 10. When that does not fit, the least needed go first.
     const std::array<int, 5> flex = {kSource, kTask, kUser, kComputer, kChannel};
     const std::array<unsigned, 5> weight = {3, 2, 3, 2, 2};
-    unsigned total = 0;
-    for (unsigned w : weight) total += w;
-    for (size_t i = 0; i < flex.size(); ++i) FWidths[flex[i]] = std::max(4u, rest * weight[i] / total);
+    const std::array<int, 4> dropOrder = {kChannel, kComputer, kTask, kUser};
+    for (size_t dropped = 0;; ++dropped) {
+      unsigned fixed = 0, shown = 0, total = 0;
+      for (int c : {kTime, kType, kId, kRecord}) fixed += static_cast<unsigned>(FWidths[static_cast<size_t>(c)]);
+      for (size_t i = 0; i < flex.size(); ++i)
+        if (FVisible[static_cast<size_t>(flex[i])]) {
+          ++shown;
+          total += weight[i];
+        }
+      const unsigned separators = 2 * (4 + shown - 1);
+      const unsigned rest = AWidth > fixed + separators ? AWidth - fixed - separators : 0;
+      if (rest >= 10 * shown || dropped == dropOrder.size()) {
+        for (size_t i = 0; i < flex.size(); ++i)
+          if (FVisible[static_cast<size_t>(flex[i])])
+            FWidths[static_cast<size_t>(flex[i])] = std::max(4u, rest * weight[i] / std::max(1u, total));
+        return;
+      }
+      FVisible[static_cast<size_t>(dropOrder[dropped])] = false;
+    }
   }
 
   void AppendRow(std::initializer_list<std::string_view> ACells) {
     size_t i = 0;
+    bool first = true;
     for (std::string_view cell : ACells) {
-      if (i) FBuffer += "  ";
-      AppendCell(FBuffer, cell, FWidths[i], i == kId || i == kRecord, FCut);
+      if (FVisible[i]) {
+        if (!first) FBuffer += "  ";
+        first = false;
+        AppendCell(FBuffer, cell, FWidths[i], i == kId || i == kRecord, FCut);
+      }
       ++i;
     }
     while (!FBuffer.empty() && FBuffer.back() == ' ') FBuffer.pop_back();
@@ -127,6 +148,7 @@ private:
   }
 
   std::array<size_t, kColumns> FWidths{};
+  std::array<bool, kColumns> FVisible{};
   bool FCut = false;
   std::string FTime, FId, FRecord;
 };

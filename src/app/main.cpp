@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
              "  quorvex dump --threads 2 --wrap big.evtx         parallel, as one XML document\n"
              "  quorvex info System.evtx                         header, chunks and damage\n"
              "  quorvex dump --carve damaged.bin                 records of chunks found anywhere in the data\n"
-             "  quorvex demo                                     write a demo log and dump it\n"
+             "  quorvex demo                                     write a demo log and list its events\n"
              "Run 'quorvex COMMAND --help' for the options of a command.");
 
   TDumpOptions dump;
@@ -105,7 +105,7 @@ int main(int argc, char** argv) {
   std::string demoOutput = "quorvex-demo.evtx";
   uint64_t demoRecords = 300;
   bool demoNoDump = false;
-  auto* cmdDemo = app.add_subcommand("demo", "Write a small realistic demo log with Quorvex's own writer and dump it");
+  auto* cmdDemo = app.add_subcommand("demo", "Write a small realistic demo log with Quorvex's own writer and list its events");
   cmdDemo->add_option("-o,--output", demoOutput, "Where to write the demo log")->default_val("quorvex-demo.evtx");
   cmdDemo->add_option("-n,--records", demoRecords, "Number of records to write")->default_val(300);
   cmdDemo->add_flag("--no-dump", demoNoDump, "Only write the log");

@@ -102,6 +102,7 @@ void TEventLogBinXML::GetItemsFromData(std::string& AText, const std::string& AS
 void TEventLogBinXML::LoadChunk(const std::string& AWhere) {
   TChunkReader::RenderChunk(FJob, FChunk);
   FChunkXML.swap(FChunk.Xml);
+  if (FChunk.Truncated) FIssueList->AddIssue(AWhere + " is cut short by the end of the data; reading what is there");
   for (const TChunkIssue& issue : FChunk.Issues) {
     char where[160];
     if (issue.RecordId)

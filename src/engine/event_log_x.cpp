@@ -2,6 +2,14 @@
 
 #include "descriptions/sid_store.h"
 
+// g++ 12 warns about std::function members inside <regex> with sanitizers on (a
+// false positive in the library's own code).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <regex>
+
 namespace qvx {
 
 void TEventItemX::Assign(const TEventItemBase& ASource) {
@@ -25,14 +33,23 @@ void TEventItemX::Assign(const TEventItemBase& ASource) {
   }
 }
 
+struct TEventLogInfoFilterX::TCompiled {
+  std::regex Expression;
+};
+
 bool TEventLogInfoFilterX::MatchMask(const std::string& AName) const {
-  return FRegEx.empty() || std::regex_search(AName, FCompiled);
+  return !FCompiled || std::regex_search(AName, FCompiled->Expression);
 }
 
 void TEventLogInfoFilterX::SetRegEx(const std::string& AExpression) {
-  FCompiled = AExpression.empty() ? std::regex() : std::regex(AExpression, std::regex::icase);
+  FCompiled = AExpression.empty() ? nullptr
+                                  : std::make_shared<const TCompiled>(TCompiled{std::regex(AExpression, std::regex::icase)});
   FRegEx = AExpression;
 }
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 TEventItemBase* TEventLogX::UndeliverableMarker() {
   // A fixed object stands for the all-ones value: callers compare, never read it.

@@ -13,7 +13,7 @@
 
 #include <array>
 #include <cstdint>
-#include <regex>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -77,15 +77,17 @@ public:
   bool Match(const TEventLogInfoX& AInfo) const {
     return MatchMask(AInfo.LogName) && MatchChannelType(AInfo.ChannelType) && MatchNoEmpty(AInfo.EvtCount);
   }
-  // An invalid expression raises std::regex_error.
+  // Case-insensitive ECMAScript expression over the channel name; an invalid one
+  // raises std::regex_error.
   void SetRegEx(const std::string& AExpression);
 
   std::set<int32_t> FChannelType;
   int32_t FNonEmpty = nePassAll;
 
 private:
+  struct TCompiled;
   std::string FRegEx;
-  std::regex FCompiled;
+  std::shared_ptr<const TCompiled> FCompiled;
 };
 
 class TEventLogX : public TEventLogBase {

@@ -90,6 +90,17 @@ TEST(BinXmlSourceChunks, DamagedRecordIsReportedAndTheOthersStillRead) {
   EXPECT_NE(issue.find("record walk stopped"), std::string::npos) << issue;
 }
 
+TEST(BinXmlSourceChunks, FileCutShortKeepsTheRecordsBeforeTheCut) {
+  auto file = MakeEvtxFile(2, 10);
+  const size_t cut = RecordFileOffset(file, 1, 6); // inside the newest chunk, before record 17
+  TruncateAt(file, cut);
+  auto log = OpenFile(WriteTempFile("cut.evtx", file));
+  EXPECT_EQ(RecordNumbers(*log), Descending(1, 16));
+  ASSERT_GE(log->IssueList().Lines().size(), 1u);
+  EXPECT_EQ(log->IssueList().Lines()[0],
+            "Chunk #0 at offset 0x11000 is cut short by the end of the data; reading what is there");
+}
+
 TEST(BinXmlSourceCount, CountsIdentifiersNotRecords) {
   auto file = MakeFileFromChunks({MakeChunk(1, 4), MakeChunk(11, 4)}); // 1..4 and 11..14
   auto log = OpenFile(WriteTempFile("gaps.evtx", file));
