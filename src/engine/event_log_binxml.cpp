@@ -159,28 +159,7 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, con
 
 void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFields) {
   ReadSystemFields(AEvent, AFields);
-
-  // Task name: "None" for 0, else the cache, the computer's metadata, or "(n)".
-  const uint32_t task = AFields.TaskNumber;
-  if (task == 0) {
-    AFields.Task = "None";
-  } else {
-    bool found = false;
-    const std::string_view cached = FCategoryCache->GetCategoryName(AFields.ProviderName, static_cast<int>(task), found);
-    if (found) {
-      AFields.Task.assign(cached);
-    } else {
-      AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
-      if (AFields.Task.empty()) {
-        char number[16];
-        std::snprintf(number, sizeof number, "(%u)", task);
-        AFields.Task = number;
-      }
-      FCategoryCache->Add(AFields.ProviderName, static_cast<int>(task), AFields.Task);
-    }
-  }
-
-  AFields.UserName = FUserNameCache->AddUserName(AFields.UserID);
+  ResolveTaskAndUser(AFields);
 
   try {
     ReadEventDataValues(AEvent, AFields.Strings, &AFields.BinaryData);
@@ -197,12 +176,7 @@ void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFiel
     AFields.EvtMessage = "*<INTERNAL ERROR>*";
     return;
   }
-  if (AFields.EvtMessage.size() == 1 && AFields.EvtMessage[0] == kNoDescriptionMark) {
-    for (const std::string& value : AFields.Strings) {
-      AFields.EvtMessage += "\r\n";
-      AFields.EvtMessage += value;
-    }
-  }
+  if (AFields.EvtMessage.size() == 1 && AFields.EvtMessage[0] == kNoDescriptionMark) MarkNoDescription(AFields);
 }
 
 // --- TEventLogScan ----------------------------------------------------------------

@@ -2,6 +2,8 @@
 
 #include "descriptions/sid_store.h"
 
+#include <cstdio>
+
 // g++ 12 warns about std::function members inside <regex> with sanitizers on (a
 // false positive in the library's own code).
 #if defined(__GNUC__) && !defined(__clang__)
@@ -50,6 +52,36 @@ void TEventLogInfoFilterX::SetRegEx(const std::string& AExpression) {
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
+
+void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
+  const uint32_t task = AFields.TaskNumber;
+  if (task == 0) {
+    AFields.Task = "None";
+  } else {
+    bool found = false;
+    const std::string_view cached = FCategoryCache->GetCategoryName(AFields.ProviderName, static_cast<int>(task), found);
+    if (found) {
+      AFields.Task.assign(cached);
+    } else {
+      AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
+      if (AFields.Task.empty()) {
+        char number[16];
+        std::snprintf(number, sizeof number, "(%u)", task);
+        AFields.Task = number;
+      }
+      FCategoryCache->Add(AFields.ProviderName, static_cast<int>(task), AFields.Task);
+    }
+  }
+  AFields.UserName = FUserNameCache->AddUserName(AFields.UserID);
+}
+
+void TEventLogX::MarkNoDescription(TEventXmlFields& AFields) {
+  AFields.EvtMessage.assign(1, kNoDescriptionMark);
+  for (const std::string& value : AFields.Strings) {
+    AFields.EvtMessage += "\r\n";
+    AFields.EvtMessage += value;
+  }
+}
 
 TEventItemBase* TEventLogX::UndeliverableMarker() {
   // A fixed object stands for the all-ones value: callers compare, never read it.

@@ -156,6 +156,11 @@ public:
 #endif
 
 protected:
+  // The task name ("None" for task 0, else the task cache, the publisher's metadata, or
+  // the number in parentheses, which is then cached) and the user name of the SID.
+  void ResolveTaskAndUser(TEventXmlFields& AFields);
+  // Makes the description the no-description mark followed by the data values, one per line.
+  static void MarkNoDescription(TEventXmlFields& AFields);
   // Fills FItem from the XML and fields of one event; takes AXml's text over.
   void BuildItem(std::string& AXml, TEventXmlFields& AFields);
 

@@ -661,22 +661,7 @@ void TEventLogX::EventNextXML(std::string& AXml, TEventXmlFields& AFields) {
   ReplaceControlCharacters(AXml);
 
   ReadSystemFields(AXml, AFields);
-  const uint32_t task = AFields.TaskNumber;
-  if (task == 0) {
-    AFields.Task = "None";
-  } else {
-    bool found = false;
-    const std::string_view cached =
-        FCategoryCache->GetCategoryName(AFields.ProviderName, static_cast<int>(task), found);
-    if (found) {
-      AFields.Task.assign(cached);
-    } else {
-      AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
-      if (AFields.Task.empty()) AFields.Task = "(" + std::to_string(task) + ")";
-      FCategoryCache->Add(AFields.ProviderName, static_cast<int>(task), AFields.Task);
-    }
-  }
-  AFields.UserName = FUserNameCache->AddUserName(AFields.UserID);
+  ResolveTaskAndUser(AFields);
   ReadEventDataValues(AXml, AFields.Strings, &AFields.BinaryData);
 
   // Forwarded events carry their rendered message: no publisher needed for those.
@@ -687,13 +672,7 @@ void TEventLogX::EventNextXML(std::string& AXml, TEventXmlFields& AFields) {
         FDescriptionSessionH ? FDescriptionSessionH : FSessionH, AFields.ProviderName);
     described = publisher && FormatWith(publisher, event, 0, EvtFormatMessageEvent, AFields.EvtMessage);
   }
-  if (!described) {
-    AFields.EvtMessage.assign(1, kNoDescriptionMark);
-    for (const std::string& value : AFields.Strings) {
-      AFields.EvtMessage += "\r\n";
-      AFields.EvtMessage += value;
-    }
-  }
+  if (!described) MarkNoDescription(AFields);
 }
 
 std::string TEventLogX::EVTXGetTaskName(const std::string& AProvider, uint32_t ATask) {
