@@ -41,6 +41,7 @@ struct TEventsOptions {
   uint64_t Limit = 0;    // 0 = every event
   unsigned Width = 0;    // table width; 0 = the terminal's (no limit when not a terminal)
   int Progress = -1;     // -1 auto (stderr is a terminal and stdout is not), 0 never, 1 always
+  unsigned Threads = 1;  // threads rendering chunks ahead of the reader (0: none)
   bool Quiet = false;
   bool AllIssues = false;
 };

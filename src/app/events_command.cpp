@@ -76,7 +76,7 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
   writer->Begin();
   auto tick = [&] {
     if (scan)
-      progress.Update(scan->ElfChunks().BytesRead(), scan->ElfChunks().SourceSize(), events);
+      progress.Update(scan->BytesScanned(), scan->ElfChunks().SourceSize(), events);
     else
       progress.Update(ASource.ChunkIndex() * 65536ull + 4096, fileSize, events);
   };
@@ -122,6 +122,7 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     else
       source = std::make_unique<TEventLogBinXML>();
     ApplyTimeZone(*source, AOptions.TimeZone);
+    source->SetReadAhead(AOptions.Threads);
     source->SetBackupFileName(AOptions.Path);
     source->SetActive(true);
     return ReadEvents(*source, scan, AOptions, AOut, AErr);
@@ -140,6 +141,7 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
     TEventLogScan source;
     ApplyTimeZone(source, AOptions.TimeZone);
+    source.SetReadAhead(AOptions.Threads);
     source.SetBackupFileName(AOptions.Path);
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");

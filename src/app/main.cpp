@@ -71,6 +71,10 @@ int main(int argc, char** argv) {
                          "(see 'quorvex zones')")
         ->default_val("local");
     ACommand->add_option("-n,--limit", events.Limit, "Stop after this many events (0 = all)")->default_val(0);
+    ACommand->add_option("-t,--threads", events.Threads,
+                         "Threads decoding chunks ahead of the one writing events (0 = none; the output is the "
+                         "same either way)")
+        ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
     ACommand->add_option("--width", events.Width, "Table width in columns (default: the terminal's)");
     ACommand->add_flag("--progress,!--no-progress", events.Progress,
                        "Show a progress bar on stderr (default: when stderr is a terminal and stdout is not)");

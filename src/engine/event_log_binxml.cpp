@@ -3,8 +3,12 @@
 #include "platform/nt_exception.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
 
 namespace qvx {
 
@@ -43,6 +47,87 @@ size_t FindLast(const std::string& AText, std::string_view ANeedle, size_t AEnd)
 
 } // namespace
 
+// Renders chunks on threads of its own, ahead of the reader, and hands the results over
+// in order through a short queue; results' buffers go round between the two sides.
+class TEventLogBinXML::TReadAhead {
+public:
+  TReadAhead(TChunkReader::TProducer AProducer, unsigned AThreads) : FProducer(std::move(AProducer)) {
+    FThread = std::thread([this, AThreads] {
+      std::exception_ptr error;
+      try {
+        TChunkReader::Run([this](TChunkJob& AJob) { return !Stopping() && FProducer(AJob); },
+                          [this](TChunkResult& AResult) { Push(AResult); }, AThreads);
+      } catch (...) {
+        error = std::current_exception();
+      }
+      std::lock_guard<std::mutex> guard(FLock);
+      FError = error;
+      FDone = true;
+      FChanged.notify_all();
+    });
+  }
+
+  ~TReadAhead() {
+    {
+      std::lock_guard<std::mutex> guard(FLock);
+      FStop = true;
+    }
+    FChanged.notify_all();
+    FThread.join();
+  }
+
+  TReadAhead(const TReadAhead&) = delete;
+  TReadAhead& operator=(const TReadAhead&) = delete;
+
+  // The next result in order into AResult (whose old buffers are kept for reuse); false
+  // at the end. Raises what stopped the reading threads, once all before it are taken.
+  bool Pop(TChunkResult& AResult) {
+    std::unique_lock<std::mutex> guard(FLock);
+    FChanged.wait(guard, [&] { return !FQueue.empty() || FDone; });
+    if (FQueue.empty()) {
+      if (FError) std::rethrow_exception(std::exchange(FError, nullptr));
+      return false;
+    }
+    std::swap(AResult, FQueue.front());
+    FSpare.push_back(std::move(FQueue.front()));
+    FQueue.pop_front();
+    FChanged.notify_all();
+    return true;
+  }
+
+private:
+  static constexpr size_t kDepth = 4;
+
+  bool Stopping() {
+    std::lock_guard<std::mutex> guard(FLock);
+    return FStop;
+  }
+
+  void Push(TChunkResult& AResult) {
+    std::unique_lock<std::mutex> guard(FLock);
+    FChanged.wait(guard, [&] { return FQueue.size() < kDepth || FStop; });
+    if (FStop) return;
+    TChunkResult slot;
+    if (!FSpare.empty()) {
+      slot = std::move(FSpare.back());
+      FSpare.pop_back();
+    }
+    std::swap(slot, AResult);
+    FQueue.push_back(std::move(slot));
+    FChanged.notify_all();
+  }
+
+  TChunkReader::TProducer FProducer;
+  std::mutex FLock;
+  std::condition_variable FChanged;
+  std::deque<TChunkResult> FQueue;
+  std::vector<TChunkResult> FSpare;
+  bool FStop = false;
+  bool FDone = false;
+  std::exception_ptr FError;
+  std::thread FThread;
+};
+
 // --- TEventLogBinXML --------------------------------------------------------------
 
 TEventLogBinXML::TEventLogBinXML() = default;
@@ -51,6 +136,7 @@ TEventLogBinXML::~TEventLogBinXML() { CloseEventLog(); }
 
 void TEventLogBinXML::OpenBackupEventLog() {
   if (FActive) return;
+  StopReadAhead();
   try {
     FFileHandle = TRawFile::Open(FBackupFileName);
   } catch (const ENTException&) {
@@ -72,7 +158,10 @@ void TEventLogBinXML::OpenBackupEventLog() {
   }
 }
 
+void TEventLogBinXML::StopReadAhead() { FReadAhead.reset(); }
+
 void TEventLogBinXML::CloseEventLog() {
+  StopReadAhead();
   FEvtxFile.reset();
   FFileHandle = TRawFile();
   FChunkXML.clear();
@@ -99,8 +188,15 @@ void TEventLogBinXML::GetItemsFromData(std::string& AText, const std::string& AS
   TEventLogX::GetItemsFromData(AText, ASourceName, AEventId, AEventIdQual, AVersion, AOpCode, AStrings);
 }
 
-void TEventLogBinXML::LoadChunk(const std::string& AWhere) {
+void TEventLogBinXML::RenderJob() {
+  FJob.Truncated = false;
+  FJob.CheckCrc = false;
+  FJob.EmptyBlocksBefore = 0;
+  FJob.SourceRead = 0;
   TChunkReader::RenderChunk(FJob, FChunk);
+}
+
+void TEventLogBinXML::AcceptChunk(const std::string& AWhere) {
   FChunkXML.swap(FChunk.Xml);
   if (FChunk.Truncated) FIssueList->AddIssue(AWhere + " is cut short by the end of the data; reading what is there");
   for (const TChunkIssue& issue : FChunk.Issues) {
@@ -108,10 +204,10 @@ void TEventLogBinXML::LoadChunk(const std::string& AWhere) {
     if (issue.RecordId)
       std::snprintf(where, sizeof where, ": record %llu at chunk offset 0x%X (file offset 0x%llX): ",
                     static_cast<unsigned long long>(issue.RecordId), issue.Offset,
-                    static_cast<unsigned long long>(FJob.Position + issue.Offset));
+                    static_cast<unsigned long long>(FChunk.Position + issue.Offset));
     else
       std::snprintf(where, sizeof where, ": record at chunk offset 0x%X (file offset 0x%llX): ", issue.Offset,
-                    static_cast<unsigned long long>(FJob.Position + issue.Offset));
+                    static_cast<unsigned long long>(FChunk.Position + issue.Offset));
     std::string text = AWhere;
     text.append(where);
     text.append(issue.Message);
@@ -122,12 +218,32 @@ void TEventLogBinXML::LoadChunk(const std::string& AWhere) {
 void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) {
   AXml.clear();
   if (FEventIndex == 0) {
-    if (!FEvtxFile || static_cast<int64_t>(FChunkIndex) >= FEvtxFile->Count()) return;
-    FJob.Position = FEvtxFile->GetChunk(static_cast<int>(FChunkIndex))->Start;
-    FJob.ReadFrom = &FFileHandle;
-    FJob.Truncated = false;
-    FJob.CheckCrc = false;
-    LoadChunk("Chunk #" + std::to_string(FChunkIndex) + " at offset " + HexText(FJob.Position));
+    if (!FEvtxFile) return;
+    const int count = FEvtxFile->Count();
+    if (static_cast<int64_t>(FChunkIndex) >= count) return;
+    if (FReadAheadThreads > 0) {
+      if (!FReadAhead) {
+        // The reading threads get the chunk positions and the file, never the file structure.
+        std::vector<uint64_t> starts;
+        for (int i = static_cast<int>(FChunkIndex); i < count; ++i) starts.push_back(FEvtxFile->GetChunk(i)->Start);
+        FReadAhead = std::make_unique<TReadAhead>(
+            [this, starts = std::move(starts), next = size_t{0}](TChunkJob& AJob) mutable {
+              if (next >= starts.size()) return false;
+              AJob.Position = starts[next++];
+              AJob.ReadFrom = &FFileHandle;
+              AJob.EmptyBlocksBefore = 0;
+              AJob.SourceRead = 0;
+              return true;
+            },
+            FReadAheadThreads);
+      }
+      if (!FReadAhead->Pop(FChunk)) return;
+    } else {
+      FJob.Position = FEvtxFile->GetChunk(static_cast<int>(FChunkIndex))->Start;
+      FJob.ReadFrom = &FFileHandle;
+      RenderJob();
+    }
+    AcceptChunk("Chunk #" + std::to_string(FChunkIndex) + " at offset " + HexText(FChunk.Position));
   }
   TakeEvent(AXml, AFields, "Inconsistent data in chunk #" + std::to_string(FChunkIndex) + " ignored");
 }
@@ -186,35 +302,89 @@ TEventLogScan::TEventLogScan() : FElfChunks(std::make_unique<TElfChnunks>()) {}
 TEventLogScan::~TEventLogScan() { CloseEventLog(); }
 
 void TEventLogScan::OpenBackupEventLog() {
+  StopReadAhead();
   FEventIndex = 0;
   FChunkIndex = 0;
   FChunkXML.clear();
   FRecordCounter = 0;
+  FHavePending = false;
+  FTicks = 0;
+  FScanned = 0;
   FActive = FElfChunks->OpenFile(FBackupFileName);
 }
 
 void TEventLogScan::CloseEventLog() {
+  StopReadAhead();
   if (FElfChunks) FElfChunks->Close();
   FChunkXML.clear();
   FEventIndex = 0;
+  FHavePending = false;
   FActive = false;
 }
+
+uint64_t TEventLogScan::BytesScanned() const { return FReadAhead ? FScanned : FElfChunks->BytesRead(); }
 
 void TEventLogScan::EventNextXML(std::string& AXml, TEventXmlFields& AFields) {
   AXml.clear();
   if (FEventIndex == 0) {
-    const TCarvedChunk carved = FElfChunks->GetNextChunk();
-    if (carved.Result == TCarveResult::crEnd) return;
-    if (carved.Result == TCarveResult::crNoneInBlock) {
-      AXml.assign(1, '+');
-      return;
+    if (FReadAheadThreads > 0 && FActive) {
+      if (!FReadAhead) {
+        // The carver belongs to the reading threads from here on. A buffer without a
+        // further chunk travels with the next chunk as a count, so the ticks come out
+        // where they would have; those after the last chunk are counted at the end.
+        FReadAhead = std::make_unique<TReadAhead>(
+            [this, empty = uint32_t{0}](TChunkJob& AJob) mutable {
+              for (;;) {
+                const TCarvedChunk carved = FElfChunks->GetNextChunk();
+                if (carved.Result == TCarveResult::crEnd) {
+                  FTrailingTicks = empty;
+                  return false;
+                }
+                if (carved.Result == TCarveResult::crNoneInBlock) {
+                  ++empty;
+                  continue;
+                }
+                AJob.Bytes.assign(carved.Data, carved.Data + evtx::kChunkSize);
+                AJob.Position = carved.Position;
+                AJob.EmptyBlocksBefore = std::exchange(empty, 0);
+                AJob.SourceRead = FElfChunks->BytesRead();
+                return true;
+              }
+            },
+            FReadAheadThreads);
+      }
+      if (!FHavePending) {
+        if (!FReadAhead->Pop(FChunk)) {
+          FScanned = FElfChunks->SourceSize();
+          if (FTrailingTicks > 0) {
+            --FTrailingTicks;
+            AXml.assign(1, '+');
+          }
+          return;
+        }
+        FHavePending = true;
+        FTicks = FChunk.EmptyBlocksBefore;
+        FScanned = FChunk.SourceRead;
+      }
+      if (FTicks > 0) {
+        --FTicks;
+        AXml.assign(1, '+');
+        return;
+      }
+      FHavePending = false;
+    } else {
+      const TCarvedChunk carved = FElfChunks->GetNextChunk();
+      if (carved.Result == TCarveResult::crEnd) return;
+      if (carved.Result == TCarveResult::crNoneInBlock) {
+        AXml.assign(1, '+');
+        return;
+      }
+      FJob.Bytes.assign(carved.Data, carved.Data + evtx::kChunkSize);
+      FJob.Position = carved.Position;
+      FJob.ReadFrom = nullptr;
+      RenderJob();
     }
-    FJob.Bytes.assign(carved.Data, carved.Data + evtx::kChunkSize);
-    FJob.Position = carved.Position;
-    FJob.ReadFrom = nullptr;
-    FJob.Truncated = false;
-    FJob.CheckCrc = false;
-    LoadChunk("Chunk at offset " + HexText(carved.Position));
+    AcceptChunk("Chunk at offset " + HexText(FChunk.Position));
   }
   TakeEvent(AXml, AFields, "Inconsistent data in a chunk ignored");
 }

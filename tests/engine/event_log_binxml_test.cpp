@@ -265,5 +265,83 @@ TEST(DeepScan, MissingSourceRaises) {
   EXPECT_FALSE(log.Active());
 }
 
+// --- read-ahead -----------------------------------------------------------------
+
+// Every result of EventNextXML ("+", "*", or the record ID) and the issues at the end.
+std::vector<std::string> Trace(TEventLogBinXML& ALog) {
+  std::vector<std::string> trace;
+  std::string xml;
+  TEventXmlFields fields;
+  for (;;) {
+    ALog.EventNextXML(xml, fields);
+    if (xml.empty()) break;
+    trace.push_back(xml.size() == 1 ? xml : fields.EventRecordID);
+  }
+  for (const auto& line : ALog.IssueList().Lines()) trace.push_back(line);
+  return trace;
+}
+
+template <class TLog>
+std::vector<std::string> TraceWith(const std::string& APath, unsigned AThreads) {
+  TLog log;
+  log.SetReadAhead(AThreads);
+  log.SetBackupFileName(APath);
+  log.SetActive(true);
+  return Trace(log);
+}
+
+TEST(ReadAhead, FileGivesTheSameEventsMarkersAndIssues) {
+  auto file = MakeFileFromChunks({MakeChunk(1, 30), MakeEmptyChunk(31, 31), MakeChunk(32, 30), MakeChunk(62, 30),
+                                  MakeChunk(92, 30), MakeChunk(122, 30)});
+  CorruptRecordMagic(file, 2, 7);
+  const std::string path = WriteTempFile("ahead.evtx", file);
+  const auto plain = TraceWith<TEventLogBinXML>(path, 0);
+  ASSERT_GT(plain.size(), 100u);
+  EXPECT_EQ(TraceWith<TEventLogBinXML>(path, 1), plain);
+  EXPECT_EQ(TraceWith<TEventLogBinXML>(path, 3), plain);
+}
+
+TEST(ReadAhead, ScanGivesTheSameTicksEventsAndIssues) {
+  TSampleDiskImage sample = MakeSampleDiskImage();
+  TDiskImage image(30 * kMiB, 3);
+  image.Place(0, sample.FBytes);
+  image.Place(21 * kMiB + 5, MakeEmptyChunk());
+  const std::string path = WriteTempFile("ahead.bin", image.Take());
+  const auto plain = TraceWith<TEventLogScan>(path, 0);
+  ASSERT_GT(plain.size(), 100u);
+  EXPECT_GE(std::count(plain.begin(), plain.end(), "+"), 5); // 30 MB: one tick per buffer past its last chunk
+  EXPECT_EQ(plain.back(), "Inconsistent data in a chunk ignored");
+  EXPECT_EQ(TraceWith<TEventLogScan>(path, 1), plain);
+  EXPECT_EQ(TraceWith<TEventLogScan>(path, 2), plain);
+}
+
+TEST(ReadAhead, ClosingMidwayStopsTheReadingThreads) {
+  const std::string path = WriteTempFile("stop.evtx", MakeEvtxFile(20, 10));
+  for (int i = 0; i < 20; ++i) {
+    TEventLogBinXML log;
+    log.SetReadAhead(2);
+    log.SetBackupFileName(path);
+    log.SetActive(true);
+    for (int k = 0; k < i; ++k) ASSERT_NE(log.EventNext(), nullptr);
+    log.SetActive(false);
+    log.SetActive(true); // reopened, it starts again from the newest event
+    ASSERT_NE(log.EventNext(), nullptr);
+    EXPECT_EQ(log.EventNext()->FRecordNumber, 199);
+  }
+}
+
+TEST(ReadAhead, ScanProgressIsTheBytesBehindTheLastChunk) {
+  TDiskImage image(9 * kMiB, 4);
+  image.Place(5 * kMiB + 1, MakeChunk(1, 2));
+  const std::string path = WriteTempFile("progress.bin", image.Take());
+  TEventLogScan log;
+  log.SetReadAhead(1);
+  log.SetBackupFileName(path);
+  log.SetActive(true);
+  while (log.EventNext()) {
+  }
+  EXPECT_EQ(log.BytesScanned(), log.ElfChunks().SourceSize());
+}
+
 } // namespace
 } // namespace qvx

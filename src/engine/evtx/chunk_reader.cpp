@@ -38,6 +38,8 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
   AResult.Sequence = AJob.Sequence;
   AResult.Position = AJob.Position;
   AResult.Truncated = AJob.Truncated;
+  AResult.EmptyBlocksBefore = AJob.EmptyBlocksBefore;
+  AResult.SourceRead = AJob.SourceRead;
   AResult.Xml.clear();
   AResult.Issues.clear();
   AResult.Records = 0;

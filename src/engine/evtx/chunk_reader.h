@@ -29,6 +29,10 @@ struct TChunkJob {
   // sets Truncated.
   const TRawFile* ReadFrom = nullptr;
   std::vector<uint8_t> Bytes;  // 65536 bytes
+  // Carried to the result for a reader on another thread: buffers the carver passed
+  // without finding a chunk before this one, and bytes of the source read by then.
+  uint32_t EmptyBlocksBefore = 0;
+  uint64_t SourceRead = 0;
 };
 
 // The rendered result of one chunk.
@@ -44,6 +48,8 @@ struct TChunkResult {
   int DataCrcOk = -1;
   std::string Xml;              // their XML, in file order
   std::vector<TChunkIssue> Issues; // records that could not be rendered, and where the walk stopped
+  uint32_t EmptyBlocksBefore = 0;  // as in the job
+  uint64_t SourceRead = 0;
 };
 
 // Replaces every character that XML 1.0 does not allow (codes 0x00-0x08, 0x0B, 0x0C,
