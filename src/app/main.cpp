@@ -76,8 +76,10 @@ int main(int argc, char** argv) {
                          "same either way)")
         ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
     ACommand->add_option("--width", events.Width, "Table width in columns (default: the terminal's)");
-    ACommand->add_flag("--progress,!--no-progress", events.Progress,
-                       "Show a progress bar on stderr (default: when stderr is a terminal and stdout is not)");
+    ACommand->add_flag_callback(
+        "--progress", [&] { events.Progress = 1; },
+        "Show a progress bar on stderr (by default it shows when stderr is a terminal and stdout is not)");
+    ACommand->add_flag_callback("--no-progress", [&] { events.Progress = 0; }, "Never show the progress bar");
     ACommand->add_flag("--all-issues", events.AllIssues, "List every problem met while reading, not the first 20");
     ACommand->add_flag("-q,--quiet", events.Quiet, "No progress bar and no closing summary on stderr");
   };
