@@ -191,10 +191,12 @@ std::string ExpandInserts(std::string_view ATemplate, const TStringList& AString
         const size_t close = ATemplate.find('!', i + 2);
         if (close != std::string_view::npos) i = close;
       }
-      if (number <= AStrings.size())
+      if (number <= AStrings.size()) {
         text += AStrings[number - 1];
-      else
-        text += "%" + std::to_string(number);
+      } else {
+        text.push_back('%');
+        text += std::to_string(number);
+      }
     } else if (next == 'n') {
       text += "\r\n";
     } else if (next == 'r') {
@@ -416,7 +418,7 @@ void TEventLogX::OpenEventLog() {
   if (!FSessionH && !IsSessionLess(StripBackslashes(FMachineName)))
     FSessionH = OpenMachineSession(FMachineName, AltUserName, AltUserPassword);
   if (!FSourceName.empty()) OpenEventLogNoQuery();
-  if (FXMLQuery.empty()) FXMLQuery = "*";
+  if (FXMLQuery.empty()) FXMLQuery.assign(1, '*');
   FQueryH = WevtApi().EvtQuery(FSessionH, Wide(FSourceName).c_str(), Wide(FXMLQuery).c_str(),
                                EvtQueryChannelPath | EvtQueryReverseDirection);
   if (!FQueryH) throw std::runtime_error("Query error. Code = [" + CodeText(GetLastError()) + "]");
@@ -431,7 +433,7 @@ void TEventLogX::OpenBackupEventLog() {
   const TWevtApi& api = WevtApi();
   const std::wstring file = Wide(FBackupFileName);
   FLogH = api.EvtOpenLog(nullptr, file.c_str(), EvtOpenFilePath);
-  if (FXMLQuery.empty()) FXMLQuery = "*";
+  if (FXMLQuery.empty()) FXMLQuery.assign(1, '*');
   // Not checked here: a refused query shows at the first EventNextXML.
   FQueryH = api.EvtQuery(nullptr, file.c_str(), Wide(FXMLQuery).c_str(),
                          EvtQueryFilePath | EvtQueryReverseDirection);
