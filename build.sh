@@ -87,7 +87,8 @@ fuzz_targets() {
 }
 
 # make_seeds QUORVEX_BINARY DIR: writes demo files with QUORVEX_BINARY and cuts them
-# into DIR/fuzz_evtx_chunk, DIR/fuzz_binxml and DIR/fuzz_event_xml.
+# into DIR/fuzz_evtx_chunk, DIR/fuzz_binxml and DIR/fuzz_event_xml; the qvx_fuzz_seeds
+# program of the same build writes the seeds of every other target.
 make_seeds() {
   local bin="$1" dir="$2"
   [[ -x "$bin" ]] || die "$bin is missing: it writes the .evtx files the seeds are cut from"
@@ -112,6 +113,11 @@ for i in range(0, len(events), 7):
     with open(os.path.join(sys.argv[2], f"event-{i:04d}.xml"), "w", encoding="utf-8") as f:
         f.write("".join(events[i:i + 1 + i % 3]))
 PY
+  # PE images, hives, WEVT_TEMPLATE resources and message templates, from the tests' writers.
+  local seeds_bin
+  seeds_bin="$(dirname "$bin")/../../fuzz/qvx_fuzz_seeds"
+  [[ -x "$seeds_bin" ]] || die "$seeds_bin is missing: it writes the seeds of the other targets"
+  "$seeds_bin" "$dir" >/dev/null || die "'$seeds_bin $dir' failed"
 }
 
 # The sanitizer and fuzz builds keep assert() on (RelWithDebInfo without -DNDEBUG).
@@ -176,12 +182,12 @@ stage_fuzz() {
     -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="$CHECKED_FLAGS"
   build "$BUILD_FUZZ" --target "${targets[@]}"
 
-  # Seeds come from the Release build's writer.
+  # Seeds come from the Release build's writers.
   if [[ ! -x "$QUORVEX" ]]; then
     say "building quorvex in build/ for the seed files"
     configure "$BUILD" -DCMAKE_BUILD_TYPE=Release
-    build "$BUILD" --target quorvex
   fi
+  build "$BUILD" --target quorvex qvx_fuzz_seeds
   make_seeds "$QUORVEX" "$BUILD_FUZZ/seeds"
 
   local t rc log

@@ -1,0 +1,135 @@
+// qvx_fuzz_seeds DIR: writes seed inputs for the fuzz targets whose inputs are not cut
+// from .evtx files (those come from scripts/fuzz_seeds.py): PE images with message tables
+// and a WEVT_TEMPLATE resource, registry hives, WEVT_TEMPLATE resources and message
+// templates with their arguments. Each goes to DIR/<target>/. The fixture writers of the
+// tests make them, so the seeds cover what the tests know of each format.
+#include "support/hive_writer.h"
+#include "support/pe_writer.h"
+#include "support/wevt_writer.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace qvx;
+using namespace qvx::test;
+namespace fs = std::filesystem;
+
+void Write(const fs::path& ADir, const std::string& AName, const std::vector<uint8_t>& ABytes) {
+  fs::create_directories(ADir);
+  std::ofstream out(ADir / AName, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(ABytes.data()), static_cast<std::streamsize>(ABytes.size()));
+}
+
+std::vector<uint8_t> Bytes(std::string_view AText) { return {AText.begin(), AText.end()}; }
+
+// A literal with its embedded NULs.
+template <size_t N>
+std::string Lit(const char (&AText)[N]) {
+  return std::string(AText, N - 1);
+}
+
+std::vector<uint8_t> SampleWevt() {
+  TWevtResourceDraft draft;
+  for (uint8_t p = 0; p < 2; ++p) {
+    TWevtProviderDraft provider;
+    provider.Guid = MakeTestGuid(static_cast<uint8_t>(1 + p * 16));
+    TWevtElementDraft events;
+    events.Signature = "EVNT";
+    events.Kind = 4;
+    for (uint16_t id = 1; id <= 4; ++id) {
+      TWevtEventDraft e;
+      e.Id = static_cast<uint16_t>(id * 100);
+      e.Version = static_cast<uint8_t>(id % 2);
+      e.Task = id;
+      e.MessageId = 0xB0000000u + id;
+      events.Events.push_back(e);
+    }
+    TWevtElementDraft tasks;
+    tasks.Signature = "TASK";
+    tasks.Kind = 1;
+    for (uint32_t t = 1; t <= 3; ++t) {
+      TWevtTaskDraft task;
+      task.Value = t;
+      task.MessageId = 0x70000000u + t;
+      tasks.Tasks.push_back(task);
+    }
+    provider.Elements = {events, tasks};
+    draft.Providers.push_back(provider);
+  }
+  return BuildWevtResource(draft);
+}
+
+std::vector<uint8_t> SampleMessageTable() {
+  return BuildMessageTable({
+      {1, 3, {AnsiEntry("First %1\r\n"), AnsiEntry("Second %1 %2\r\n"), UnicodeEntry(u"Third \u00e9%n")}, {}},
+      {0xB0000064, 0xB0000065, {UnicodeEntry(u"Logged on %1!s!\r\n"), AnsiEntry("%%1920\r\n")}, {}},
+  });
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: qvx_fuzz_seeds DIR\n");
+    return 2;
+  }
+  const fs::path dir = argv[1];
+
+  // Message templates: flags byte, template, then NUL-separated arguments.
+  const fs::path fm = dir / "fuzz_format_message";
+  const std::vector<std::string> templates = {
+      Lit("\x00%1 logged on from %2\x00" "alice\x00" "10.0.0.1"),
+      Lit("\x00%1!*.*s!|%4\x00" "5\x00" "2\x00" "abcd\x00" "next"),
+      Lit("\x00%1!08X! %1!-5d! %1!I64u! %1!#o! %1!c!\x00" "255"),
+      Lit("\x00" "100%% done%n%r%t%b%.%!% a%0b"),
+      Lit("\x80%1 %1!s! %%%n\r\nx"),
+      Lit("\x05" "aa bb cc\r\ndd\nee%nff"),
+      Lit("\x7fone\r\ntwo%nthree"),
+      Lit("\x00%1!3s!|%1!.1s!\x00\xf0\x9f\x98\x80"),
+      Lit("\x00%1!s"),
+  };
+  for (size_t i = 0; i < templates.size(); ++i) {
+    std::string name = std::to_string(i + 1);
+    name.insert(name.begin(), 's');
+    Write(fm, name, Bytes(templates[i]));
+  }
+
+  // WEVT_TEMPLATE resources.
+  const std::vector<uint8_t> wevt = SampleWevt();
+  Write(dir / "fuzz_wevt", "two-providers.wevt", wevt);
+
+  // PE images: a message table (two languages) and a WEVT_TEMPLATE, as PE32 and PE32+.
+  const std::vector<uint8_t> table = SampleMessageTable();
+  for (bool plus : {false, true}) {
+    TPeWriter pe(plus);
+    pe.Add(rtMessageTable, 1, 0x409, table).Add(rtMessageTable, 1, 0x407, table).Add("WEVT_TEMPLATE", 1, 0, wevt);
+    Write(dir / "fuzz_pe_resources", plus ? "messages-pe32plus.dll" : "messages-pe32.dll", pe.Build());
+    Write(dir / "fuzz_pe_resources", plus ? "rdata-pe32plus.dll" : "rdata-pe32.dll", pe.DataInOwnSection().Build());
+  }
+
+  // Registry hives: an empty one and a small tree of every value type.
+  Write(dir / "fuzz_hive", "empty.hiv", EmptyHiveImage());
+  THiveKey root;
+  THiveKey software{"Microsoft", {}, {}};
+  THiveKey zone{"Pacific Standard Time",
+                {THiveValue::Sz("Display", "(UTC-08:00) Pacific Time"), THiveValue::Sz("Std", "Pacific Standard Time"),
+                 THiveValue::Binary("TZI", std::vector<uint8_t>(44, 1)), THiveValue::Dword("Index", 4),
+                 THiveValue::ExpandSz("Path", "%SystemRoot%\\x.dll"), THiveValue::MultiSz("List", {"a", "b"}),
+                 THiveValue::Sz("", "default")},
+                {}};
+  software.Keys.push_back(zone);
+  root.Keys.push_back(software);
+  const fs::path hive = dir / "fuzz_hive" / "tree.hiv";
+  fs::create_directories(hive.parent_path());
+  if (!WriteHive(hive, root)) {
+    std::fprintf(stderr, "qvx_fuzz_seeds: could not write %s\n", hive.string().c_str());
+    return 1;
+  }
+  std::printf("qvx_fuzz_seeds: seeds written under %s\n", dir.string().c_str());
+  return 0;
+}
