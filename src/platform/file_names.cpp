@@ -1,0 +1,113 @@
+#include "platform/file_names.h"
+
+#include <filesystem>
+#include <system_error>
+
+namespace qvx {
+
+namespace fs = std::filesystem;
+
+std::string NativeSeparators(std::string_view APath) {
+  std::string path(APath);
+#ifdef _WIN32
+  for (char& c : path)
+    if (c == '/') c = '\\';
+#else
+  for (char& c : path)
+    if (c == '\\') c = '/';
+#endif
+  return path;
+}
+
+std::string FoldCase(std::string_view AName) {
+  std::string folded;
+  folded.reserve(AName.size());
+  for (size_t i = 0; i < AName.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(AName[i]);
+    if (c >= 'A' && c <= 'Z') {
+      folded.push_back(static_cast<char>(c - 'A' + 'a'));
+    } else if (c == 0xC3 && i + 1 < AName.size()) {
+      // U+00C0..U+00DE (except U+00D7) fold to U+00E0..U+00FE: second byte + 0x20.
+      unsigned char next = static_cast<unsigned char>(AName[i + 1]);
+      if (next >= 0x80 && next <= 0x9E && next != 0x97) next = static_cast<unsigned char>(next + 0x20);
+      folded.push_back(static_cast<char>(c));
+      folded.push_back(static_cast<char>(next));
+      ++i;
+    } else {
+      folded.push_back(static_cast<char>(c));
+    }
+  }
+  return folded;
+}
+
+void TPathResolver::Clear() {
+  FFolders.clear();
+  FResolved.clear();
+}
+
+const std::string* TPathResolver::FindEntry(const std::string& ADir, const std::string& AName) {
+  auto folder = FFolders.find(ADir);
+  if (folder == FFolders.end()) {
+    TFolder listing;
+    std::error_code error;
+    for (fs::directory_iterator it(ADir.empty() ? "." : ADir, error), end; !error && it != end; it.increment(error)) {
+      std::string name = it->path().filename().string();
+      // The first spelling wins when a folder holds names that differ only in case.
+      listing.Entries.emplace(FoldCase(name), std::move(name));
+    }
+    folder = FFolders.emplace(ADir, std::move(listing)).first;
+  }
+  const auto entry = folder->second.Entries.find(FoldCase(AName));
+  return entry == folder->second.Entries.end() ? nullptr : &entry->second;
+}
+
+std::string TPathResolver::Resolve(std::string_view APath) {
+  const std::string asked(APath);
+  if (const auto known = FResolved.find(asked); known != FResolved.end()) return known->second;
+  std::string path = NativeSeparators(APath);
+  std::error_code error;
+  std::string result;
+#ifdef _WIN32
+  if (fs::exists(path, error)) result = path;
+#else
+  if (fs::exists(path, error)) {
+    result = path;
+  } else {
+    // Walk the parts; each one that does not exist as written is looked up in its folder.
+    std::string current = path.starts_with('/') ? "/" : "";
+    size_t pos = path.starts_with('/') ? 1 : 0;
+    bool found = true;
+    while (pos <= path.size() && found) {
+      size_t end = path.find('/', pos);
+      if (end == std::string::npos) end = path.size();
+      const std::string part = path.substr(pos, end - pos);
+      pos = end + 1;
+      if (part.empty() || part == ".") continue;
+      std::string candidate = current;
+      if (!candidate.empty() && candidate.back() != '/') candidate.push_back('/');
+      if (part == "..") {
+        candidate.append(part);
+      } else if (fs::exists(candidate + part, error)) {
+        candidate.append(part);
+      } else if (const std::string* entry = FindEntry(current.empty() ? "." : current, part)) {
+        candidate.append(*entry);
+      } else {
+        found = false;
+      }
+      current = std::move(candidate);
+    }
+    if (found) result = current;
+  }
+#endif
+  FResolved.emplace(asked, result);
+  return result;
+}
+
+std::string TPathResolver::ResolveFile(std::string_view APath) {
+  std::string path = Resolve(APath);
+  std::error_code error;
+  if (path.empty() || !fs::is_regular_file(path, error)) return {};
+  return path;
+}
+
+} // namespace qvx
