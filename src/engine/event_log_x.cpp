@@ -1,6 +1,8 @@
 #include "engine/event_log_x.h"
 
+#include "descriptions/message_files.h"
 #include "descriptions/sid_store.h"
+#include "imaged/imaged_pc.h"
 
 #include <cstdio>
 
@@ -63,7 +65,11 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     if (found) {
       AFields.Task.assign(cached);
     } else {
-      AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
+      if (UsesImagedDescriptions()) {
+        if (!FImagedDescrServer->GetEventTask(AFields.ProviderName, task, AFields.Task)) AFields.Task.clear();
+      } else {
+        AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
+      }
       if (AFields.Task.empty()) {
         char number[16];
         std::snprintf(number, sizeof number, "(%u)", task);
@@ -73,6 +79,45 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     }
   }
   AFields.UserName = FUserNameCache->AddUserName(AFields.UserID);
+}
+
+bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
+                                    uint16_t AEventIdQual, uint8_t AVersion, const TStringList& AStrings) {
+  if (!UsesImagedDescriptions()) return false;
+  TImagedPC& computer = *FImagedDescrServer;
+  // A classic source's message id holds the qualifiers in its upper 16 bits; a
+  // publisher's depends on the event's version, which joins the cache key.
+  const uint32_t id = (static_cast<uint32_t>(AEventIdQual) << 16) | (AEventId & 0xFFFF);
+  FCacheSource = ASourceName;
+  if (AVersion != 0) {
+    FCacheSource.append("/v");
+    FCacheSource.append(std::to_string(AVersion));
+  }
+  std::string_view cached;
+  if (FEventDescriptionCache->GetDescription(FCacheSource, id, cached)) {
+    if (cached == kDescriptionNotFound) {
+      AText.assign(1, kNoDescriptionMark);
+      return true;
+    }
+    FTemplate.assign(cached);
+  } else {
+    const uint32_t first = detail::EqualsNoCase(ASourceName, kKernelGeneralSource) ? id + kKernelGeneralIdOffset : id;
+    bool found = !ASourceName.empty() && computer.GetEventMessage(ASourceName, first, AVersion, FTemplate);
+    if (!found && !ASourceName.empty() && (id >> 16) == 0)
+      found = computer.GetEventMessage(ASourceName, id | kSeverityRetryBits, AVersion, FTemplate);
+    if (!found) {
+      FEventDescriptionCache->AddDescription(FCacheSource, id, kDescriptionNotFound);
+      AText.assign(1, kNoDescriptionMark);
+      return true;
+    }
+    for (size_t pos = FTemplate.find("\r\n\r\n"); pos != std::string::npos; pos = FTemplate.find("\r\n\r\n", pos + 2))
+      FTemplate.erase(pos, 2);
+    FEventDescriptionCache->AddDescription(FCacheSource, id, FTemplate);
+  }
+  const auto parameter = [&](uint32_t AId, std::string& AValue) { return computer.GetParam(ASourceName, AId, AValue); };
+  if (!computer.MessageFiles().ApplyInserts(FTemplate, {}, AStrings, AText, parameter))
+    AText.assign(1, kNoDescriptionMark);
+  return true;
 }
 
 void TEventLogX::MarkNoDescription(TEventXmlFields& AFields) {

@@ -159,6 +159,11 @@ protected:
   // The task name ("None" for task 0, else the task cache, the publisher's metadata, or
   // the number in parentheses, which is then cached) and the user name of the SID.
   void ResolveTaskAndUser(TEventXmlFields& AFields);
+  // The description from the imaged computer when it is the description server: true
+  // with AText set (the description, or the no-description mark), false when it is not
+  // in use.
+  bool DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
+                          uint16_t AEventIdQual, uint8_t AVersion, const TStringList& AStrings);
   // Makes the description the no-description mark followed by the data values, one per line.
   static void MarkNoDescription(TEventXmlFields& AFields);
   // Fills FItem from the XML and fields of one event; takes AXml's text over.
@@ -183,6 +188,8 @@ protected:
   std::vector<uint8_t> FSidBuffer;
   int32_t FRecordCounter = 0;
   std::vector<char16_t> FRenderBuffer; // Windows rendering buffer, grows from 8192 bytes
+  std::string FCacheSource;            // reused description cache key
+  std::string FTemplate;
 };
 
 } // namespace qvx

@@ -45,8 +45,9 @@ void TEventLogX::SetMachineName(const std::string& AName) {
 
 void TEventLogX::SetDescriptionServer(const std::string& AName) { TEventLogBase::SetDescriptionServer(AName); }
 
-void TEventLogX::GetItemsFromData(std::string& AText, const std::string&, uint32_t, uint16_t, uint8_t, uint8_t,
-                                  const TStringList&) {
+void TEventLogX::GetItemsFromData(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
+                                  uint16_t AEventIdQual, uint8_t AVersion, uint8_t, const TStringList& AStrings) {
+  if (DescribeFromImaged(AText, ASourceName, AEventId, AEventIdQual, AVersion, AStrings)) return;
   // No publisher metadata here: the caller shows the data values in place of a description.
   AText.assign(1, kNoDescriptionMark);
 }

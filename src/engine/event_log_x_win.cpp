@@ -486,6 +486,7 @@ void TEventLogX::SetDescriptionServer(const std::string& AName) {
 void TEventLogX::GetItemsFromData(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
                                   uint16_t AEventIdQual, uint8_t AVersion, uint8_t,
                                   const TStringList& AStrings) {
+  if (DescribeFromImaged(AText, ASourceName, AEventId, AEventIdQual, AVersion, AStrings)) return;
   const uint32_t key = (static_cast<uint32_t>(AEventIdQual) << 16) | (AEventId & 0xFFFF);
   std::string_view cached;
   if (!FEventDescriptionCache->GetDescription(ASourceName, key, cached)) {

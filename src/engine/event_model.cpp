@@ -1,5 +1,7 @@
 #include "engine/event_model.h"
 
+#include "imaged/imaged_pc.h"
+
 #include <cstdio>
 
 namespace qvx {
@@ -189,7 +191,9 @@ TTimeZones& TEventLogBase::TimeZones() {
   return *FTimeZones;
 }
 
-TEventLogBase::~TEventLogBase() = default;
+TEventLogBase::~TEventLogBase() {
+  if (FImagedDescrServer) FImagedDescrServer->MessageFiles().OnIssue = nullptr;
+}
 
 void TEventLogBase::SetActive(bool AValue) {
   if (AValue == FActive) return;
@@ -214,6 +218,29 @@ void TEventLogBase::SetDescriptionServer(const std::string& AName) {
   FEventDescriptionCache->Clear();
   FSourcePropertiesCache->Clear();
   FDescriptionServerErrorCode = 0;
+}
+
+void TEventLogBase::SetImagedDescrServer(TImagedPC* AComputer) {
+  if (FImagedDescrServer) FImagedDescrServer->MessageFiles().OnIssue = nullptr;
+  FImagedDescrServer = AComputer;
+  if (!AComputer) {
+    SetDescriptionServer("[DEFAULT]");
+    return;
+  }
+  SetDescriptionServer("[IMAGED]");
+  // Accounts of the installation's profile list; other SIDs are looked up as usual.
+  AComputer->UserSIDS().AssignTo(*FUserNameCache);
+  FCategoryCache->Clear();
+  if (AComputer->TimeZones().Count() > 0) {
+    *FTimeZones = AComputer->TimeZones();
+    FTimeZonesRead = true;
+  }
+  AComputer->MessageFiles().OnIssue = [this](const std::string& AText) { FIssueList->AddIssue(AText); };
+}
+
+bool TEventLogBase::UsesImagedDescriptions() const {
+  return FImagedDescrServer && FImagedDescrServer->Active() &&
+         FDescriptionServer.find("[IMAGED]") != std::string::npos;
 }
 
 void TEventLogBase::UseLocalZone() {

@@ -160,6 +160,14 @@ public:
   virtual void OpenBackupEventLog() = 0;
   virtual void SetMachineName(const std::string& AName);
   virtual void SetDescriptionServer(const std::string& AName);
+  // Makes an active imaged computer describe this log's events (description server
+  // "[IMAGED]"): its message files, task names, account names and time zone table.
+  // Null detaches it (descriptions then come from "[DEFAULT]"). The computer must
+  // outlive its use here and serve one reading thread at a time.
+  void SetImagedDescrServer(TImagedPC* AComputer);
+  TImagedPC* ImagedDescrServer() const { return FImagedDescrServer; }
+  // True when descriptions come from the imaged computer.
+  bool UsesImagedDescriptions() const;
   virtual void InitMUIFolders() {}
   // Sets AText to the description of one event, or to the not-found text; never raises
   // for a missing message.
