@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 
 namespace qvx::app {
@@ -32,6 +33,10 @@ int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 } // namespace qvx::app
 
+namespace qvx {
+class TImagedPC;
+}
+
 namespace qvx::app {
 
 struct TEventsOptions {
@@ -44,6 +49,7 @@ struct TEventsOptions {
   unsigned Threads = 1;  // threads rendering chunks ahead of the reader (0: none)
   bool Quiet = false;
   bool AllIssues = false;
+  std::string Imaged;    // Windows folder (or its drive root) that describes the events
 };
 
 // Lists the events of an .evtx file newest first. Returns the exit status.
@@ -52,6 +58,21 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 // Lists the known time zones.
 int RunZones(std::FILE* AOut);
+
+struct TImagedOptions {
+  std::string Path;
+  std::string Only; // one section, or "" for all
+};
+
+// The Windows folder of an installation given by that folder or the drive it lies on.
+std::string FindWindowsFolder(const std::string& APath);
+// The active imaged computer of --imaged APath; null for "". Raises std::runtime_error
+// naming the option when the installation cannot be read.
+std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath);
+
+// Lists an offline Windows installation's logs, channels, publishers, classic sources
+// and users.
+int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 // Writes the demo log to APath and, when AList, lists its events. Returns the exit status.
 int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr);

@@ -80,7 +80,10 @@ void AppendCell(std::string& AOut, std::string_view AText, size_t AWidth, bool A
 
 class TTableWriter : public TEventWriter {
 public:
-  TTableWriter(std::FILE* AOut, unsigned AWidth) : TEventWriter(AOut) { Layout(AWidth); }
+  TTableWriter(std::FILE* AOut, unsigned AWidth, bool ADescriptions)
+      : TEventWriter(AOut), FWidth(AWidth), FDescriptions(ADescriptions) {
+    Layout(AWidth);
+  }
   // On a narrow terminal the channel, computer, task and user columns give way, in that order.
 
   void Begin() override {
@@ -96,6 +99,7 @@ public:
     AppendUnsigned(FRecord, AItem.FEventRecordID);
     AppendRow({FTime, EventTypeName(AItem.FEventType), FId, AItem.FSourceName, AItem.GetCategoryName(),
                AItem.GetUserName(), AItem.FComputername, FRecord, AItem.FChannel});
+    if (FDescriptions) AppendDescription(AItem);
     FlushIfFull();
   }
 
@@ -147,8 +151,22 @@ private:
     FBuffer += '\n';
   }
 
+  // The first line of the description, indented under its row.
+  void AppendDescription(const TEventItemX& AItem) {
+    std::string_view text = DescriptionText(AItem);
+    text = text.substr(0, text.find_first_of("\r\n"));
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+    if (text.empty()) return;
+    FBuffer += "    ";
+    AppendCell(FBuffer, text, FWidth > 4 ? FWidth - 4 : text.size(), false, FWidth > 4);
+    while (!FBuffer.empty() && FBuffer.back() == ' ') FBuffer.pop_back();
+    FBuffer += '\n';
+  }
+
   std::array<size_t, kColumns> FWidths{};
   std::array<bool, kColumns> FVisible{};
+  unsigned FWidth = 0;
+  bool FDescriptions = false;
   bool FCut = false;
   std::string FTime, FId, FRecord;
 };
@@ -298,14 +316,15 @@ protected:
 
 } // namespace
 
-std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth) {
+std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth,
+                                              bool ADescriptions) {
   switch (AFormat) {
   case TOutputFormat::ofCsv: return std::make_unique<TCsvWriter>(AOut);
   case TOutputFormat::ofJsonl: return std::make_unique<TJsonlWriter>(AOut);
   case TOutputFormat::ofXml: return std::make_unique<TXmlWriter>(AOut);
   case TOutputFormat::ofTable: break;
   }
-  return std::make_unique<TTableWriter>(AOut, ATableWidth);
+  return std::make_unique<TTableWriter>(AOut, ATableWidth, ADescriptions);
 }
 
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator) {

@@ -38,7 +38,9 @@ protected:
 };
 
 // ATableWidth: the width the table must fit (0 = no limit, columns are padded but never cut).
-std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth);
+// ADescriptions: the table shows the first line of each found description under its row.
+std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth,
+                                              bool ADescriptions = false);
 
 // "2024-03-11 10:20:30.123" for a day count.
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator = ' ');

@@ -4,6 +4,7 @@
 #include "app/progress.h"
 
 #include "engine/event_log_binxml.h"
+#include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
 
 #include <cstdlib>
@@ -64,7 +65,7 @@ void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, T
 int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, std::FILE* AOut,
                std::FILE* AErr) {
   const unsigned width = AOptions.Width ? AOptions.Width : TerminalWidth(AOut);
-  auto writer = MakeEventWriter(AOptions.Format, AOut, width);
+  auto writer = MakeEventWriter(AOptions.Format, AOut, width, ASource.UsesImagedDescriptions());
   const bool showProgress =
       !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
   TProgress progress(AErr, showProgress);
@@ -109,6 +110,19 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
 
 } // namespace
 
+std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
+  if (APath.empty()) return nullptr;
+  auto computer = std::make_unique<TImagedPC>();
+  computer->SetMapping(FindWindowsFolder(APath));
+  try {
+    computer->SetActive(true);
+  } catch (const EImagedPCException& e) {
+    throw std::runtime_error("--imaged " + APath + ": " + e.what() +
+                             " (give the installation's Windows folder or the drive it lies on)");
+  }
+  return computer;
+}
+
 int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
     // The checks of the file header name the fault; a header whose chunk count does not
@@ -121,6 +135,8 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
       source = std::make_unique<TEventLogScan>();
     else
       source = std::make_unique<TEventLogBinXML>();
+    const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
+    source->SetImagedDescrServer(imaged.get());
     ApplyTimeZone(*source, AOptions.TimeZone);
     source->SetReadAhead(AOptions.Threads);
     source->SetBackupFileName(AOptions.Path);
@@ -139,7 +155,9 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
 
 int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
+    const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
     TEventLogScan source;
+    source.SetImagedDescrServer(imaged.get());
     ApplyTimeZone(source, AOptions.TimeZone);
     source.SetReadAhead(AOptions.Threads);
     source.SetBackupFileName(AOptions.Path);

@@ -33,6 +33,9 @@ int main(int argc, char** argv) {
              "  quorvex dump Security.evtx > security.xml       every record as XML\n"
              "  quorvex dump --threads 2 --wrap big.evtx         parallel, as one XML document\n"
              "  quorvex info System.evtx                         header, chunks and damage\n"
+             "  quorvex events Security.evtx --imaged /mnt/image/Windows\n"
+             "                                                   descriptions from an offline installation\n"
+             "  quorvex imaged /mnt/image                        its logs, channels, publishers and users\n"
              "  quorvex dump --carve damaged.bin                 records of chunks found anywhere in the data\n"
              "  quorvex demo                                     write a demo log and list its events\n"
              "Run 'quorvex COMMAND --help' for the options of a command.");
@@ -82,6 +85,9 @@ int main(int argc, char** argv) {
     ACommand->add_flag_callback("--no-progress", [&] { events.Progress = 0; }, "Never show the progress bar");
     ACommand->add_flag("--all-issues", events.AllIssues, "List every problem met while reading, not the first 20");
     ACommand->add_flag("-q,--quiet", events.Quiet, "No progress bar and no closing summary on stderr");
+    ACommand->add_option("--imaged", events.Imaged,
+                         "Describe the events from this offline Windows installation: its Windows folder or\n"
+                         "the drive it lies on (a mounted image or a copy), read with no Windows needed");
   };
   auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx file, newest first");
   cmdEvents->add_option("file", events.Path, "The .evtx file")->required();
@@ -102,6 +108,17 @@ int main(int argc, char** argv) {
                   "of events is not known in advance; the progress bar shows MB read, MB/s and events found.");
 
   app.add_subcommand("zones", "List the time zones that --tz accepts (* marks this computer's)");
+
+  TImagedOptions imaged;
+  auto* cmdImaged = app.add_subcommand("imaged", "Show what an offline Windows installation holds for describing events");
+  cmdImaged->add_option("windows", imaged.Path,
+                        "Its Windows folder (/mnt/image/Windows) or the drive it lies on (/mnt/image)")
+      ->required();
+  cmdImaged->add_option("--only", imaged.Only, "One section: logs, channels, publishers, sources or users");
+  cmdImaged->footer("Reads the installation's SOFTWARE and SYSTEM hives (never writes them) and lists its logs\n"
+                    "folder, channels with their publishers, publishers and classic event sources with their\n"
+                    "message files (mapped into the image), and the users of its profile list.\n"
+                    "Then: quorvex events LOG --imaged DIR  describes LOG's events as that Windows would.");
 
   TInfoOptions info;
   auto* cmdInfo = app.add_subcommand("info", "Show the file header, every chunk and the damage found");
@@ -132,6 +149,7 @@ int main(int argc, char** argv) {
   }
   if (app.got_subcommand("zones")) return RunZones(stdout);
   if (*cmdInfo) return RunInfo(info, stdout, stderr);
+  if (*cmdImaged) return RunImaged(imaged, stdout, stderr);
   if (*cmdDemo) return RunDemo(demoOutput, demoRecords, !demoNoDump, stdout, stderr);
   return 0;
 }

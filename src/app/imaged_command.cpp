@@ -1,0 +1,147 @@
+// quorvex imaged: what an offline Windows installation holds for its events.
+#include "app/commands.h"
+
+#include "imaged/imaged_pc.h"
+#include "platform/file_names.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+
+namespace qvx::app {
+
+namespace fs = std::filesystem;
+
+std::string FindWindowsFolder(const std::string& APath) {
+  std::string path = APath;
+  while (path.size() > 1 && (path.back() == '/' || path.back() == '\\')) path.pop_back();
+  TPathResolver paths;
+  std::error_code error;
+  if (!paths.Resolve(path + "/System32/config").empty()) return path;
+  const std::string windows = paths.Resolve(path + "/Windows");
+  if (!windows.empty() && !paths.Resolve(windows + "/System32/config").empty()) return windows;
+  return path;
+}
+
+namespace {
+
+void Heading(std::FILE* AOut, const char* ATitle, size_t ACount) {
+  std::fprintf(AOut, "\n%s (%zu)\n", ATitle, ACount);
+}
+
+std::string Join(const std::vector<std::string>& AItems, const char* ASeparator) {
+  std::string text;
+  for (const std::string& item : AItems) {
+    if (!text.empty()) text += ASeparator;
+    text += item;
+  }
+  return text;
+}
+
+std::string FilesOf(TImagedPC& AComputer, const std::string& AName) {
+  TSourceProperties properties;
+  AComputer.GetEventSourceProperties(AName, properties);
+  std::vector<std::string> files;
+  for (const std::string& line : properties) {
+    const size_t eq = line.find('=');
+    if (eq == std::string::npos || !detail::EqualsNoCase(std::string_view(line).substr(0, eq), "EventMessageFile"))
+      continue;
+    // The file as it lies in the image, or the mapped name marked missing.
+    const std::string mapped = line.substr(eq + 1);
+    const std::string found = AComputer.MessageFiles().Paths().ResolveFile(mapped);
+    files.push_back(found.empty() ? NativeSeparators(mapped) + " (missing)" : found);
+  }
+  return files.empty() ? "(no message file)" : Join(files, "; ");
+}
+
+void ListLogs(TImagedPC& AComputer, std::FILE* AOut) {
+  TPathResolver paths;
+  const std::string folder = paths.Resolve(AComputer.LogsLocation());
+  std::vector<std::pair<std::string, uintmax_t>> logs;
+  std::error_code error;
+  if (!folder.empty())
+    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+      const std::string name = it->path().filename().string();
+      std::string lower = name;
+      std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+      if (!lower.ends_with(".evtx") && !lower.ends_with(".evt")) continue;
+      std::error_code sizeError;
+      logs.emplace_back(name, it->file_size(sizeError));
+    }
+  std::sort(logs.begin(), logs.end());
+  Heading(AOut, "Logs", logs.size());
+  std::fprintf(AOut, "  in %s\n", folder.empty() ? NativeSeparators(AComputer.LogsLocation()).c_str() : folder.c_str());
+  for (const auto& [name, size] : logs) std::fprintf(AOut, "  %12ju  %s\n", size, name.c_str());
+}
+
+} // namespace
+
+int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  static const char* const kSections[] = {"logs", "channels", "publishers", "sources", "users"};
+  if (!AOptions.Only.empty() && std::none_of(std::begin(kSections), std::end(kSections),
+                                             [&](const char* ASection) { return AOptions.Only == ASection; })) {
+    std::fprintf(AErr, "quorvex: --only %s: use logs, channels, publishers, sources or users\n", AOptions.Only.c_str());
+    return 2;
+  }
+  std::unique_ptr<TImagedPC> computer;
+  try {
+    computer = OpenImaged(AOptions.Path);
+  } catch (const std::exception& e) {
+    std::string message = e.what();
+    if (message.starts_with("--imaged ")) message.erase(0, 9);
+    std::fprintf(AErr, "quorvex: %s\n", message.c_str());
+    return 1;
+  }
+  TImagedPC& pc = *computer;
+  auto wanted = [&](const char* ASection) { return AOptions.Only.empty() || AOptions.Only == ASection; };
+
+  if (AOptions.Only.empty()) {
+    std::fprintf(AOut, "Windows folder   %s\n", NativeSeparators(pc.MapWinDir()).c_str());
+    std::fprintf(AOut, "System drive     %s (mapped to %s)\n",
+                 pc.InstallationDrive().empty() ? "unknown" : pc.InstallationDrive().c_str(),
+                 pc.RootFolder().empty() ? "/" : pc.RootFolder().c_str());
+    std::fprintf(AOut, "Architecture     %s\n", pc.Is64Bit() ? "64-bit" : "32-bit");
+    std::fprintf(AOut, "UI languages     %s\n",
+                 pc.UILanguages().empty() ? "(none listed)" : Join(pc.UILanguages(), ", ").c_str());
+    std::fprintf(AOut, "Time zones       %d\n", pc.TimeZones().Count());
+    std::fprintf(AOut, "Folder mapping\n");
+    for (const auto& [name, folder] : pc.FoldersMapping())
+      std::fprintf(AOut, "  %-28s %s\n", name.c_str(), NativeSeparators(folder).c_str());
+  }
+  if (wanted("logs")) ListLogs(pc, AOut);
+
+  std::map<std::string, std::string> publisherNames; // GUID (upper case) -> name
+  for (const auto& [guid, name] : pc.Publishers()) {
+    std::string key = guid;
+    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::toupper(c); });
+    publisherNames.emplace(key, name);
+  }
+  if (wanted("channels")) {
+    Heading(AOut, "Channels", pc.Channels().size());
+    for (const auto& [channel, owner] : pc.Channels()) {
+      std::string key = owner;
+      std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::toupper(c); });
+      const auto name = publisherNames.find(key);
+      std::fprintf(AOut, "  %-60s %s\n", channel.c_str(),
+                   name != publisherNames.end() ? name->second.c_str() : owner.empty() ? "-" : owner.c_str());
+    }
+  }
+  if (wanted("publishers")) {
+    Heading(AOut, "Publishers", pc.Publishers().size());
+    for (const auto& [guid, name] : pc.Publishers())
+      std::fprintf(AOut, "  %-50s %s  %s\n", name.empty() ? "(unnamed)" : name.c_str(), guid.c_str(),
+                   FilesOf(pc, name).c_str());
+  }
+  if (wanted("sources")) {
+    Heading(AOut, "Classic sources", pc.ClassicSources().size());
+    for (const auto& [log, source] : pc.ClassicSources())
+      std::fprintf(AOut, "  %-20s %-40s %s\n", log.c_str(), source.c_str(), FilesOf(pc, source).c_str());
+  }
+  if (wanted("users")) {
+    Heading(AOut, "Users", pc.Users().size());
+    for (const auto& [sid, name] : pc.Users()) std::fprintf(AOut, "  %-48s %s\n", sid.c_str(), name.c_str());
+  }
+  return 0;
+}
+
+} // namespace qvx::app
