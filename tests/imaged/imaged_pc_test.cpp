@@ -223,3 +223,47 @@ TEST_F(ImagedPC, EachMessageFileIsReadOncePerSourceAndEvent) {
 
 } // namespace
 } // namespace qvx
+
+namespace qvx {
+namespace {
+
+// Damaged modules of the installation: the events fall back to their data values and each
+// bad file is reported once.
+TEST(ImagedPCDamage, DamagedModulesGiveTheFallbackAndOneIssueEach) {
+  const auto tree = test::BuildImagedWindows(test::ScratchDir() / "image");
+  const auto prova = tree.WinDir / "System32" / "ProvA.dll";
+  auto bytes = test::ReadFileBytes(prova);
+  bytes.resize(bytes.size() / 2 + 3); // cut inside its resources
+  test::WriteFileBytes(prova, bytes);
+  const auto classica = tree.WinDir / "System32" / "ClassicA.dll";
+  bytes = test::ReadFileBytes(classica);
+  for (size_t i = 0x200; i < bytes.size(); i += 7) bytes[i] = 0xFF; // headers intact, the rest noise
+  test::WriteFileBytes(classica, bytes);
+
+  TImagedPC computer;
+  computer.SetMapping(tree.WinDir.string());
+  computer.SetActive(true);
+  TEventLogBinXML log;
+  log.SetImagedDescrServer(&computer);
+  for (int pass = 0; pass < 2; ++pass) {
+    log.SetBackupFileName(tree.LogFile.string());
+    log.SetActive(true);
+    size_t events = 0;
+    while (TEventItemBase* item = log.EventNext()) {
+      ++events;
+      auto& x = static_cast<TEventItemX&>(*item);
+      if (x.FSourceName == "Test-Provider-A") {
+        EXPECT_FALSE(x.FDescriptionFound) << x.FEvtMessage;
+      }
+    }
+    EXPECT_EQ(events, 7u);
+    log.SetActive(false);
+  }
+  size_t reports = 0;
+  for (const std::string& issue : log.IssueList().Lines())
+    if (issue.find("ProvA.dll") != std::string::npos) ++reports;
+  EXPECT_EQ(reports, 1u);
+}
+
+} // namespace
+} // namespace qvx
