@@ -184,6 +184,23 @@ std::u16string Utf8ToUtf16(std::string_view AText) {
   return out;
 }
 
-size_t Utf16Length(std::string_view AText) { return Utf8ToUtf16(AText).size(); }
+size_t Utf16Length(std::string_view AText) {
+  // The same walk as Utf8ToUtf16, counting instead of storing.
+  size_t units = 0, i = 0;
+  auto cont = [&](size_t k) { return i + k < AText.size() && (static_cast<uint8_t>(AText[i + k]) & 0xC0) == 0x80; };
+  while (i < AText.size()) {
+    const uint8_t b = static_cast<uint8_t>(AText[i]);
+    ++units;
+    if (b < 0x80) i += 1;
+    else if ((b & 0xE0) == 0xC0 && cont(1)) i += 2;
+    else if ((b & 0xF0) == 0xE0 && cont(1) && cont(2)) i += 3;
+    else if ((b & 0xF8) == 0xF0 && cont(1) && cont(2) && cont(3)) {
+      const uint32_t c = ((b & 0x07u) << 18) | ((AText[i + 1] & 0x3Fu) << 12);
+      if (c >= 0x10000 && c <= 0x10FFFF) ++units;
+      i += 4;
+    } else i += 1;
+  }
+  return units;
+}
 
 } // namespace qvx

@@ -40,6 +40,9 @@ TEST(Utf16Decode, RoundTripThroughUtf8) {
   std::u16string wide = Utf8ToUtf16(text);
   EXPECT_EQ(Utf16ToUtf8(wide), text);
   EXPECT_EQ(Utf16Length(text), 10u); // the emoji counts as two code units
+  // Broken UTF-8 counts as the decoder reads it.
+  for (std::string_view broken : {"\xC3", "a\xE2\x82", "\xF4\x90\x80\x80z", "\xF0\x9F\x98", "\xFF\xFE", "\x80x"})
+    EXPECT_EQ(Utf16Length(broken), Utf8ToUtf16(broken).size()) << broken.size();
 }
 
 TEST(Utf16Decode, Cp1252HighRangeMapsToUnicode) {
