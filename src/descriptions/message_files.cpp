@@ -120,6 +120,22 @@ std::string SysWow64Path(std::string_view APath) {
 std::unique_ptr<TComputerRegistry> OpenLiveRegistry(const std::string&) { return nullptr; }
 #endif
 
+std::string BuildMissingDescriptionText(std::string_view ASource, uint32_t AEventId,
+                                        const std::vector<std::string>& AStrings) {
+  std::string text = "The description for Event ID ( ";
+  text.append(std::to_string(AEventId & 0xFFFF));
+  text.append(" ) in Source ( ");
+  text.append(ASource);
+  text.append(" ) could not be found.\r\nEither the component that raises this event is not installed on the "
+              "computer or the installation is corrupted.You can install or repair the component or try to change "
+              "Description Server.\r\n\r\nThe following information was included with the event:");
+  for (const std::string& value : AStrings) {
+    text.append("\r\n");
+    text.append(value);
+  }
+  return text;
+}
+
 std::vector<std::string> SplitFileList(std::string_view AList) {
   std::vector<std::string> parts;
   size_t start = 0;
@@ -244,6 +260,12 @@ bool TMessageFiles::LoadModule(std::string_view APath, TPeMessageSource& AModule
   return true;
 }
 
+bool TMessageFiles::LoadFirstMessageModule(std::string_view AFileList, TPeMessageSource& AModule) {
+  for (const std::string& path : SplitFileList(AFileList))
+    if (LoadModule(path, AModule)) return true;
+  return false;
+}
+
 bool TMessageFiles::FindInModule(const TPeMessageSource& AModule, uint32_t AMessageId, std::string& AText) const {
   std::string raw;
   if (!AModule.FindMessage(AMessageId, raw)) return false;
@@ -290,11 +312,7 @@ std::string TMessageFiles::ExpandParameterInserts(std::string_view AText, std::s
     if (AFindParameter) return AFindParameter(AId, AValue);
     if (!moduleTried) {
       moduleTried = true;
-      for (const std::string& path : SplitFileList(AParameterFiles))
-        if (LoadModule(path, module)) {
-          haveModule = true;
-          break;
-        }
+      haveModule = LoadFirstMessageModule(AParameterFiles, module);
     }
     std::string raw;
     if (!haveModule || !module.FindMessage(AId, raw)) return false;

@@ -60,6 +60,11 @@ inline constexpr uint32_t kKernelGeneralIdOffset = 0x1000000;
 inline constexpr uint32_t kSeverityRetryBits = 0xB0000000;
 inline constexpr std::string_view kKernelGeneralSource = "Microsoft-Windows-Kernel-General";
 
+// The text that stands when no description is found: the event id's low 16 bits, the
+// source, then each insertion string on a line of its own.
+std::string BuildMissingDescriptionText(std::string_view ASource, uint32_t AEventId,
+                                        const std::vector<std::string>& AStrings);
+
 // Splits a file list at ";" and "," (empty parts dropped).
 std::vector<std::string> SplitFileList(std::string_view AList);
 
@@ -98,6 +103,9 @@ public:
   // the system's loader does. False when no file loads; a file that exists but is not
   // a usable image is reported once to OnIssue.
   bool LoadModule(std::string_view APath, TPeMessageSource& AModule);
+
+  // The first module of AFileList (";"-separated) that loads.
+  bool LoadFirstMessageModule(std::string_view AFileList, TPeMessageSource& AModule);
 
   // The template of AMessageId from the first file of AFileList (";"-separated) that
   // holds it: escapes other than inserts applied, trailing line break cut, at most

@@ -1,5 +1,6 @@
 #include "engine/event_model.h"
 
+#include "descriptions/message_files.h"
 #include "imaged/imaged_pc.h"
 
 #include <cstdio>
@@ -69,17 +70,7 @@ TStringList SplitSemicolonList(std::string_view AList) {
 }
 
 std::string BuildDescriptionNotFound(uint32_t AEventId, const std::string& ASourceName, const TStringList& AStrings) {
-  std::string text = "The description for Event ID ( " + std::to_string(AEventId & 0xFFFF) + " ) in Source ( " +
-                     ASourceName +
-                     " ) could not be found.\r\nEither the component that raises this event is not installed on "
-                     "the computer or the installation is corrupted.You can install or repair the component or "
-                     "try to change Description Server.\r\n\r\nThe following information was included with the "
-                     "event:";
-  for (const auto& s : AStrings) {
-    text += "\r\n";
-    text += s;
-  }
-  return text;
+  return BuildMissingDescriptionText(ASourceName, AEventId, AStrings);
 }
 
 // --- TIssueList -------------------------------------------------------------------
