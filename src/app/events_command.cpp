@@ -1,4 +1,5 @@
 // quorvex events / scan / zones.
+#include "app/classic_events.h"
 #include "app/commands.h"
 #include "app/event_output.h"
 #include "app/progress.h"
@@ -125,6 +126,12 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
 
 int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
+    if (IsClassicLog(AOptions.Path)) {
+      TClassicHooks hooks;
+      hooks.ApplyTimeZone = [&](TEventLogBase& ASource) { ApplyTimeZone(ASource, AOptions.TimeZone); };
+      hooks.PrintSummary = PrintSummary;
+      return ReadClassicEvents(AOptions, hooks, AOut, AErr);
+    }
     // The checks of the file header name the fault; a header whose chunk count does not
     // match the chunks that follow it is read with the deep scan.
     TEvtxSource check(AOptions.Path, false, TChunkOrder::coNewestFirst);

@@ -39,6 +39,23 @@ ENTException::ENTException(uint32_t ACode, const std::string& AContext)
     : std::runtime_error(AContext + ": " + std::to_string(ACode) + ": " + SystemErrorText(ACode)), FCode(ACode),
       FSystemText(SystemErrorText(ACode)) {}
 
+ENTException::ENTException(uint32_t ACode, const std::string& AContext, const std::string& AText)
+    : std::runtime_error(AContext + ": " + std::to_string(ACode) + ": " + AText), FCode(ACode), FSystemText(AText) {}
+
+void RaiseWindowsError(uint32_t ACode, const std::string& AContext) {
+#ifdef _WIN32
+  throw ENTException(ACode, AContext);
+#else
+  switch (ACode) {
+  case kWinErrorHandleEof: throw ENTException(ACode, AContext, "Reached the end of the file.");
+  case kWinErrorInsufficientBuffer:
+    throw ENTException(ACode, AContext, "The data area passed to a system call is too small.");
+  case kWinErrorEventlogFileCorrupt: throw ENTException(ACode, AContext, "The event log file is corrupted.");
+  default: throw ENTException(ACode, AContext, "Windows error " + std::to_string(ACode));
+  }
+#endif
+}
+
 uint32_t LastErrorCode() {
 #ifdef _WIN32
   return GetLastError();
