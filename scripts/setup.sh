@@ -14,12 +14,13 @@ PACKAGES=(
   build-essential cmake ninja-build clang
   libclang-rt-14-dev # libFuzzer, ASan and UBSan runtimes for clang 14
   llvm               # llvm-symbolizer: function names in the clang build's crash reports
-  mingw-w64          # Windows cross-build of the libraries
+  mingw-w64          # Windows cross-build of the libraries; windmc, windres and ld build the
+                     # message DLL test fixtures
   # libraries
   libgtest-dev libgmock-dev libsqlite3-dev libpugixml-dev libpcre2-dev libhivex-dev
   libcli11-dev libfmt-dev nlohmann-json3-dev libicu-dev
   # scripts, and the peer readers used by the differential test and the benchmark
-  python3 libevtx-utils python3-evtx
+  python3 libevtx-utils python3-evtx libevt-utils
 )
 
 is_installed() {
