@@ -1,8 +1,9 @@
 // qvx_fuzz_seeds DIR: writes seed inputs for the fuzz targets whose inputs are not cut
 // from .evtx files (those come from scripts/fuzz_seeds.py): PE images with message tables
-// and a WEVT_TEMPLATE resource, registry hives, WEVT_TEMPLATE resources and message
-// templates with their arguments. Each goes to DIR/<target>/. The fixture writers of the
+// and a WEVT_TEMPLATE resource, registry hives, WEVT_TEMPLATE resources, message
+// templates with their arguments and classic .evt logs (plain and wrapped). Each goes to DIR/<target>/. The fixture writers of the
 // tests make them, so the seeds cover what the tests know of each format.
+#include "support/evt_writer.h"
 #include "support/hive_writer.h"
 #include "support/pe_writer.h"
 #include "support/wevt_writer.h"
@@ -130,6 +131,15 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "qvx_fuzz_seeds: could not write %s\n", hive.string().c_str());
     return 1;
   }
+  // Classic logs: a plain one and one whose circular area wraps inside a record.
+  std::vector<TEvtRecordDraft> records;
+  for (uint32_t i = 0; i < 12; ++i) records.push_back(SampleEvtRecord(i));
+  Write(dir / "fuzz_evt", "plain.evt", BuildEvtFile(records));
+  TEvtFileOptions wrapped;
+  wrapped.FileSize = 48 + 4000;
+  wrapped.StartOffset = 48 + 3000;
+  Write(dir / "fuzz_evt", "wrapped.evt", BuildEvtFile(records, wrapped));
+
   std::printf("qvx_fuzz_seeds: seeds written under %s\n", dir.string().c_str());
   return 0;
 }

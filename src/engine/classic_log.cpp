@@ -90,6 +90,13 @@ bool TLogFileData::Open(const std::string& AFileName) {
   FFutureRecNo = U32(numbers + 8);
   FFirstRecNo = U32(numbers + 12);
   FRecordNumbers = FFutureRecNo - FFirstRecNo;
+  // Record numbers that the file cannot hold (a damaged end-of-file record): count what
+  // could be there at most; reading then ends where the records do.
+  const uint64_t most = (FFileSize - kHeaderSize) / kMinRecordSize;
+  if (FRecordNumbers > most) {
+    NoteDamage("the end-of-file record counts more records than the file can hold", found - 4);
+    FRecordNumbers = static_cast<uint32_t>(most);
+  }
   // The end-of-file record starts 4 bytes before its signature; the newest record ends
   // there, wherever the record itself says it is.
   FPos = found - 4;
