@@ -51,7 +51,20 @@ TLogFileData::~TLogFileData() = default;
 
 bool TLogFileData::ReadBytes(uint64_t AOffset, uint8_t* ABuffer, uint32_t ALength) {
   if (AOffset > FFileSize || ALength > FFileSize - AOffset) return false;
-  return FFileSearch->ReadAt(AOffset, ABuffer, ALength) == ALength;
+  const uint64_t end = AOffset + ALength;
+  if (AOffset < FWindowStart || end > FWindowStart + FWindow.size()) {
+    if (ALength > kWindowSize / 2) return FFileSearch->ReadAt(AOffset, ABuffer, ALength) == ALength;
+    // Records are read backwards: keep the window that ends just after this read.
+    const uint64_t windowEnd = std::min<uint64_t>(FFileSize, std::max<uint64_t>(end, kWindowSize / 8) + kWindowSize / 8);
+    FWindowStart = windowEnd > kWindowSize ? windowEnd - kWindowSize : 0;
+    FWindow.resize(static_cast<size_t>(windowEnd - FWindowStart));
+    if (FFileSearch->ReadAt(FWindowStart, FWindow.data(), FWindow.size()) != FWindow.size()) {
+      FWindow.clear();
+      return false;
+    }
+  }
+  std::memcpy(ABuffer, FWindow.data() + (AOffset - FWindowStart), ALength);
+  return true;
 }
 
 bool TLogFileData::ReadU32(uint64_t AOffset, uint32_t& AValue) {

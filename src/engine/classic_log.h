@@ -111,6 +111,10 @@ private:
   uint32_t FSteps = 0;          // records and searches so far: a bound against endless walks
   std::string FError;
   std::vector<std::string> FDamage;
+  // The file is read in windows of 1 MB (records one by one would be a system call each).
+  static constexpr size_t kWindowSize = 1 << 20;
+  std::vector<uint8_t> FWindow;
+  uint64_t FWindowStart = 0;
 };
 
 // An indexed view of a record's binary data.
