@@ -20,7 +20,7 @@ int main(int argc, char** argv) {
 #endif
 
   CLI::App app{"Quorvex - a fast, portable viewer and analyser of Windows event logs.\n"
-               "Reads .evtx files directly, with no help from Windows, and reports damage\n"
+               "Reads .evtx and .evt files directly, with no help from Windows, and reports damage\n"
                "instead of stopping at it.",
                "quorvex"};
   app.require_subcommand(1);
@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
              "  quorvex events Security.evtx                     the events, newest first, as a table\n"
              "  quorvex events --format jsonl --tz UTC System.evtx > system.jsonl\n"
              "  quorvex scan disk.img --format csv > found.csv   events of chunks found anywhere in an image\n"
+             "  quorvex events AppEvent.Evt                      a classic log of Windows XP / Server 2003\n"
              "  sudo quorvex scan /dev/sdb --format jsonl > sdb.jsonl\n"
              "  quorvex dump Security.evtx > security.xml       every record as XML\n"
              "  quorvex dump --threads 2 --wrap big.evtx         parallel, as one XML document\n"
@@ -89,14 +90,17 @@ int main(int argc, char** argv) {
                          "Describe the events from this offline Windows installation: its Windows folder or\n"
                          "the drive it lies on (a mounted image or a copy), read with no Windows needed");
   };
-  auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx file, newest first");
-  cmdEvents->add_option("file", events.Path, "The .evtx file")->required();
+  auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx or classic .evt file, newest first");
+  cmdEvents->add_option("file", events.Path, "The .evtx file, or a classic .evt file (recognised by its header)")
+      ->required();
   addOutputOptions(cmdEvents);
   cmdEvents->footer("Columns of the table: time, type, event ID, source, task, user, computer, record number and\n"
                     "channel. CSV and JSON Lines add level, qualifiers, version, opcode, keywords, the user's SID,\n"
                     "the description and the event data values; XML gives each event's XML.\n"
                     "Damaged records are skipped and listed at the end on stderr. A file whose header does not\n"
-                    "match its chunks is read by scanning it for chunks; stderr says so.");
+                    "match its chunks is read by scanning it for chunks; stderr says so.\n"
+                    "Classic .evt logs are read directly, also when their data area wraps or they were never\n"
+                    "closed; damaged records are stepped over and listed on stderr.");
 
   auto* cmdScan = app.add_subcommand("scan", "Deep-scan a damaged file, a disk image or a device for event chunks");
   cmdScan->add_option("path", events.Path,

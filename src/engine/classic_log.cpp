@@ -251,7 +251,9 @@ bool TLogFileData::ReadEventLog(uint32_t AFlags, uint32_t, uint8_t* ABuffer, uin
       return damaged();
     }
     ARead += length;
-    if (FCurrentRecNo == FFirstRecNo) {
+    // The oldest record ends the walk, by its number or by its place when damage upset
+    // the count.
+    if (FCurrentRecNo == FFirstRecNo || fileStart == FFirstRecord) {
       FDone = true;
       return true;
     }
