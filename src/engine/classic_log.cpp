@@ -331,7 +331,10 @@ TNTEventLog::TNTEventLog() {
 #endif
 }
 
-TNTEventLog::~TNTEventLog() { CloseEventLog(); }
+TNTEventLog::~TNTEventLog() {
+  CloseEventLog();
+  StopWatcher();
+}
 
 void TNTEventLog::OpenEventLog() {
   FCurrentIndex = 0;
@@ -495,6 +498,10 @@ void TNTEventLog::SetActive(bool AValue) {
 }
 
 int64_t TNTEventLog::GetLastCount() {
+  if (FChanged.exchange(false)) {
+    FLastCount = -1;
+    FOldestRecordNumber = -1;
+  }
   if (FLastCount < 0) FLastCount = static_cast<int32_t>(GetCount());
   return FLastCount;
 }

@@ -28,10 +28,12 @@
 #include "descriptions/message_files.h"
 #include "engine/event_model.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace qvx {
@@ -211,6 +213,8 @@ public:
   bool FIncludeUserName = true;
   TLogReadMode LogReadMode() const { return FLogReadMode; }
   void SetLogReadMode(TLogReadMode AMode);
+  // Called when a live log changed, on the watcher thread: a front end hands it to its own
+  // thread. The counts are taken again at the reader's next GetLastCount.
   std::function<void(TNTEventLog&)> OnChange;
   std::function<void(const TEventItem&)> OnDescriptionNotFound;
   TLogFileData* RawLog() const { return FRawLog.get(); }
@@ -247,6 +251,10 @@ private:
   std::unique_ptr<TComputerRegistry> FOwnRegistry;
   void* FWaitEvent = nullptr;
   void* FTerminateEvent = nullptr;
+  std::thread FWaitThread;           // the change watcher (live logs on Windows)
+  std::atomic<bool> FChanged{false}; // set by the watcher, read by the reader
+  void StartWatcher();
+  void StopWatcher();
   TDirection FDirection = TDirection::FromBeginning;
   int32_t FLastCount = -1;
   TLogReadMode FLogReadMode = TLogReadMode::lrmSequential;

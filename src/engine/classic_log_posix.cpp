@@ -27,6 +27,9 @@ bool TNTEventLog::LiveBackup(const std::string&, uint32_t&) { NoLiveLogs(FSource
 // Descriptions come from an imaged computer or a registry given with SetRegistry.
 void TNTEventLog::ConnectRegistry(const std::string&) {}
 bool TNTEventLog::SystemRefusesEvtFiles() { return true; }
+// No live logs, nothing changes under the reader.
+void TNTEventLog::StartWatcher() {}
+void TNTEventLog::StopWatcher() {}
 
 void TNTEventLog::SetMachineName(const std::string& AName) {
   if (!AName.empty()) {

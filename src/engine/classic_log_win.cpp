@@ -29,10 +29,38 @@ bool TNTEventLog::LiveOpen(uint32_t& AError) {
     AError = GetLastError();
     return false;
   }
-  // Changes are signalled on FWaitEvent; OnChange is offered them by the watcher.
-  if (!FWaitEvent) FWaitEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  // Changes are signalled on FWaitEvent; the watcher offers them to OnChange.
+  StartWatcher();
   if (FWaitEvent) NotifyChangeEventLog(FHandle, FWaitEvent);
   return true;
+}
+
+void TNTEventLog::StartWatcher() {
+  if (FWaitThread.joinable()) return;
+  if (!FWaitEvent) FWaitEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  if (!FTerminateEvent) FTerminateEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  if (!FWaitEvent || !FTerminateEvent) return;
+  FWaitThread = std::thread([this] {
+    const HANDLE events[2] = {FWaitEvent, FTerminateEvent};
+    for (;;) {
+      const DWORD which = WaitForMultipleObjects(2, events, FALSE, INFINITE);
+      if (which != WAIT_OBJECT_0) return; // the terminate event, or the wait failed
+      FChanged = true;
+      if (OnChange) OnChange(*this);
+    }
+  });
+}
+
+void TNTEventLog::StopWatcher() {
+  if (FWaitThread.joinable()) {
+    SetEvent(FTerminateEvent);
+    FWaitThread.join();
+  }
+  for (void** event : {&FWaitEvent, &FTerminateEvent})
+    if (*event) {
+      CloseHandle(*event);
+      *event = nullptr;
+    }
 }
 
 bool TNTEventLog::LiveOpenBackup(uint32_t& AError) {
