@@ -1,3 +1,5 @@
+// The .evt fixture writer against the format: a wrapped area split at the end of the file,
+// and the peer reader reading what it writes.
 #include "support/evt_writer.h"
 
 #include <gtest/gtest.h>
@@ -26,48 +28,6 @@ std::vector<TEvtRecordDraft> Samples(uint32_t ACount) {
   for (uint32_t i = 0; i < ACount; ++i)
     records.push_back(SampleEvtRecord(i));
   return records;
-}
-
-TEST(EvtWriterRecord, LaysOutTheParts) {
-  TEvtRecordDraft draft;
-  draft.SourceName = "Src";   // 8 bytes with its NUL
-  draft.Computername = "PC";  // 6 bytes
-  draft.Sid = EvtSid(5, {18}); // 12 bytes
-  draft.Strings = {"a", "bc"};
-  draft.Data = {1, 2, 3};
-  std::vector<uint8_t> bytes = BuildEvtRecord(draft);
-  EXPECT_EQ(bytes.size() % 4, 0u);
-  EXPECT_EQ(U32(bytes, 0), bytes.size());
-  EXPECT_EQ(U32(bytes, bytes.size() - 4), bytes.size());
-  EXPECT_EQ(U32(bytes, 4), kEvtSignature);
-  EXPECT_EQ(U32(bytes, 44), 72u);       // UserSidOffset: 56 + 8 + 6, aligned
-  EXPECT_EQ(U32(bytes, 40), 12u);       // UserSidLength
-  EXPECT_EQ(U32(bytes, 36), 84u);       // StringOffset
-  EXPECT_EQ(U32(bytes, 52), 84u + 10u); // DataOffset: "a\0" + "bc\0"
-  EXPECT_EQ(U32(bytes, 48), 3u);
-  EXPECT_EQ(bytes[26], 2);              // NumStrings
-  EXPECT_EQ(bytes.size(), 100u + 4u);   // data ends at 97, padded to 100, then the copy
-}
-
-TEST(EvtWriterFile, HeaderAndEofRecordAgree) {
-  TEvtLayout layout;
-  std::vector<uint8_t> file = BuildEvtFile(Samples(5), {}, &layout);
-  ASSERT_EQ(layout.RecordOffsets.size(), 5u);
-  EXPECT_EQ(layout.RecordOffsets[0], 48u);
-  EXPECT_FALSE(layout.Wrapped);
-  EXPECT_EQ(file.size(), layout.EofOffset + 40u);
-  EXPECT_EQ(U32(file, 16), 48u);               // StartOffset
-  EXPECT_EQ(U32(file, 20), layout.EofOffset);  // EndOffset
-  EXPECT_EQ(U32(file, 24), 6u);                // CurrentRecordNumber
-  EXPECT_EQ(U32(file, 28), 1u);                // OldestRecordNumber
-  EXPECT_EQ(U32(file, 32), file.size());       // MaxSize
-  EXPECT_EQ(U32(file, layout.EofOffset + 4), 0x11111111u);
-  EXPECT_EQ(U32(file, layout.EofOffset + 20), 48u);
-  EXPECT_EQ(U32(file, layout.EofOffset + 24), layout.EofOffset);
-  EXPECT_EQ(U32(file, layout.EofOffset + 36), 40u);
-  TEvtFileOptions small;
-  small.FileSize = 256;
-  EXPECT_THROW(BuildEvtFile(Samples(5), small), std::length_error);
 }
 
 TEST(EvtWriterFile, WrapsAroundTheCircularArea) {
