@@ -113,6 +113,11 @@ for i in range(0, len(events), 7):
     with open(os.path.join(sys.argv[2], f"event-{i:04d}.xml"), "w", encoding="utf-8") as f:
         f.write("".join(events[i:i + 1 + i % 3]))
 PY
+  # Filter XML: an event log query and a filter file written by quorvex itself.
+  mkdir -p "$dir/fuzz_filter_xml"
+  "$bin" xpath --type error,warning,audit-failure --id '4624,4625-4630!4627' --source 'A,B' --last 1d6h \
+    --log Security --file /x/y.evtx --save-filter "$dir/fuzz_filter_xml/filter.xml" \
+    >"$dir/fuzz_filter_xml/query.xml" || die "'$bin xpath' failed: it writes the filter XML seeds"
   # PE images, hives, WEVT_TEMPLATE resources and message templates, from the tests' writers.
   local seeds_bin
   seeds_bin="$(dirname "$bin")/../../fuzz/qvx_fuzz_seeds"

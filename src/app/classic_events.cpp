@@ -5,6 +5,7 @@
 #include "app/progress.h"
 #include "descriptions/sid_store.h"
 #include "engine/classic_log.h"
+#include "filter/event_matcher.h"
 #include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
@@ -138,12 +139,16 @@ int ReadClassicEvents(const TEventsOptions& AOptions, const TClassicHooks& AHook
       !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
   TProgress progress(AErr, showProgress);
   const int64_t total = log.GetLastCount();
+  std::unique_ptr<TEventMatcher> matcher;
+  if (AOptions.Filter.Any()) matcher = std::make_unique<TEventMatcher>(BuildFilter(AOptions.Filter), NowUtcDays());
   TEventItemX item(&log);
-  uint64_t events = 0;
+  uint64_t events = 0, read = 0;
   int status = 0;
   writer->Begin();
   try {
     while (TEventItemBase* next = log.EventNext()) {
+      ++read;
+      if (matcher && !matcher->Matches(*next, next->GetTimeGenerated())) continue;
       ClassicToX(static_cast<TEventItem&>(*next), channel, item);
       writer->Write(item);
       ++events;
@@ -158,8 +163,8 @@ int ReadClassicEvents(const TEventsOptions& AOptions, const TClassicHooks& AHook
   progress.Finish();
   if (const TLogFileData* raw = log.RawLog()) {
     for (const std::string& damage : raw->Damage()) log.IssueList().AddIssue("damaged data stepped over: " + damage);
-    if (events < static_cast<uint64_t>(total) && !AOptions.Limit) {
-      std::string text = std::to_string(total - static_cast<int64_t>(events));
+    if (read < static_cast<uint64_t>(total) && !AOptions.Limit) {
+      std::string text = std::to_string(total - static_cast<int64_t>(read));
       text.append(" of the ");
       text.append(std::to_string(total));
       text.append(" records the log counts could not be read");
@@ -170,6 +175,9 @@ int ReadClassicEvents(const TEventsOptions& AOptions, const TClassicHooks& AHook
     std::fprintf(AErr, "quorvex: writing the output failed: %s\n", SystemErrorText(LastErrorCode()).c_str());
     status = 1;
   }
+  if (!AOptions.Quiet && matcher)
+    std::fprintf(AErr, "filter: %llu of %llu events read match\n", static_cast<unsigned long long>(events),
+                 static_cast<unsigned long long>(read));
   if (!AOptions.Quiet) AHooks.PrintSummary(AErr, AOptions.Path, events, log.IssueList(), AOptions.AllIssues);
   return status;
 }

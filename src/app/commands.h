@@ -2,12 +2,14 @@
 #pragma once
 
 #include "app/event_output.h"
+#include "app/filter_options.h"
 #include "app/evtx_source.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qvx::app {
 
@@ -50,6 +52,7 @@ struct TEventsOptions {
   bool Quiet = false;
   bool AllIssues = false;
   std::string Imaged;    // Windows folder (or its drive root) that describes the events
+  TFilterOptions Filter; // which events are listed
 };
 
 // Lists the events of an .evtx file newest first. Returns the exit status.
@@ -73,6 +76,17 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath);
 // Lists an offline Windows installation's logs, channels, publishers, classic sources
 // and users.
 int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+
+struct TXPathOptions {
+  TFilterOptions Filter;          // the filter to turn into a query
+  std::vector<std::string> Logs;  // logs the query reads
+  std::vector<std::string> Files; // saved logs the query reads (file://)
+  std::string Parse;              // a query to read back ("-": standard input)
+};
+
+// Prints the XML query of a filter, or reads a query back into filter criteria (and a
+// filter file with --save-filter). Returns 0, 1 on failure, 3 for an approximate reading.
+int RunXPath(const TXPathOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 // Writes the demo log to APath and, when AList, lists its events. Returns the exit status.
 int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr);

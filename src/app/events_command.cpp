@@ -5,6 +5,7 @@
 #include "app/progress.h"
 
 #include "engine/event_log_binxml.h"
+#include "filter/event_matcher.h"
 #include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
 
@@ -73,7 +74,10 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
   auto* scan = AScan ? static_cast<TEventLogScan*>(&ASource) : nullptr;
   const uint64_t fileSize = !AScan && ASource.EvtxFile() ? ASource.EvtxFile()->Count() * 65536ull + 4096 : 0;
 
-  uint64_t events = 0;
+  // The filter is checked before anything is read: a bad expression stops here.
+  std::unique_ptr<TEventMatcher> matcher;
+  if (AOptions.Filter.Any()) matcher = std::make_unique<TEventMatcher>(BuildFilter(AOptions.Filter), NowUtcDays());
+  uint64_t events = 0, read = 0;
   int status = 0;
   writer->Begin();
   auto tick = [&] {
@@ -90,9 +94,11 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
         tick();
         continue;
       }
+      ++read;
+      if ((read & 255) == 0) tick();
+      if (matcher && !matcher->Matches(*item, item->GetTimeGenerated())) continue;
       writer->Write(static_cast<TEventItemX&>(*item));
       ++events;
-      if ((events & 255) == 0) tick();
       if (AOptions.Limit && events >= AOptions.Limit) break;
     }
   } catch (const std::exception& e) {
@@ -105,6 +111,9 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
     std::fprintf(AErr, "quorvex: writing the output failed: %s\n", SystemErrorText(LastErrorCode()).c_str());
     status = 1;
   }
+  if (!AOptions.Quiet && matcher)
+    std::fprintf(AErr, "filter: %llu of %llu events read match\n", static_cast<unsigned long long>(events),
+                 static_cast<unsigned long long>(read));
   if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, events, ASource.IssueList(), AOptions.AllIssues);
   return status;
 }

@@ -86,6 +86,7 @@ int main(int argc, char** argv) {
     ACommand->add_flag_callback("--no-progress", [&] { events.Progress = 0; }, "Never show the progress bar");
     ACommand->add_flag("--all-issues", events.AllIssues, "List every problem met while reading, not the first 20");
     ACommand->add_flag("-q,--quiet", events.Quiet, "No progress bar and no closing summary on stderr");
+    AddFilterOptions(*ACommand, events.Filter);
     ACommand->add_option("--imaged", events.Imaged,
                          "Describe the events from this offline Windows installation: its Windows folder or\n"
                          "the drive it lies on (a mounted image or a copy), read with no Windows needed");
@@ -124,6 +125,19 @@ int main(int argc, char** argv) {
                     "message files (mapped into the image), and the users of its profile list.\n"
                     "Then: quorvex events LOG --imaged DIR  describes LOG's events as that Windows would.");
 
+  TXPathOptions xpath;
+  auto* cmdXPath = app.add_subcommand("xpath", "Turn a filter into the XML query of Windows' event log tools, or read one back");
+  AddFilterOptions(*cmdXPath, xpath.Filter);
+  cmdXPath->add_option("--log", xpath.Logs, "A log the query reads (repeatable; default Application)");
+  cmdXPath->add_option("--file", xpath.Files, "A saved log the query reads, as file:// (repeatable)");
+  cmdXPath->add_option("--parse", xpath.Parse, "Read this query file back (- for standard input) into filter criteria");
+  cmdXPath->footer("Examples:\n"
+                   "  quorvex xpath --type error,warning --id 4624,4625-4630!4627 --last 1d --log Security\n"
+                   "  quorvex xpath --parse query.xml --save-filter from-query.xml\n"
+                   "A query says levels, keywords, event IDs, providers and a last-N period; what else the filter\n"
+                   "holds is listed on stderr as left out. A query read back reports 'parsed', or 'inaccurate'\n"
+                   "(exit 3) with what it could not represent, or fails (exit 1) with the reason.");
+
   TInfoOptions info;
   auto* cmdInfo = app.add_subcommand("info", "Show the file header, every chunk and the damage found");
   cmdInfo->add_option("file", info.Path, "The .evtx file")->required();
@@ -154,6 +168,7 @@ int main(int argc, char** argv) {
   if (app.got_subcommand("zones")) return RunZones(stdout);
   if (*cmdInfo) return RunInfo(info, stdout, stderr);
   if (*cmdImaged) return RunImaged(imaged, stdout, stderr);
+  if (*cmdXPath) return RunXPath(xpath, stdout, stderr);
   if (*cmdDemo) return RunDemo(demoOutput, demoRecords, !demoNoDump, stdout, stderr);
   return 0;
 }
