@@ -18,7 +18,6 @@ target. Uses the timing helpers of bench_dump.py. See bench/README.md.
 from __future__ import annotations
 
 import argparse
-import json
 import os
 import shutil
 import subprocess
@@ -26,7 +25,7 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from bench_dump import REPO, default_cache, measure, warm  # noqa: E402
+from bench_dump import REPO, default_cache, measure, warm, report_targets  # noqa: E402
 
 TARGET_ON_VS_OFF = 0.60  # events/s with descriptions at least 60% of events/s without
 
@@ -106,21 +105,9 @@ def main() -> int:
         if "--imaged" not in help_text:
             print("  note: this quorvex has no --imaged option yet (see 'quorvex events --help')")
 
-    load_after = os.getloadavg()
-    print(f"\nload average before {load_before[0]:.2f}, after {load_after[0]:.2f}"
-          + ("  (busy machine: figures are noisy)" if max(load_before[0], load_after[0]) > 1.5 else ""))
-    print("targets:")
-    for text, ok in verdicts:
-        print(f"  {'PASS' if ok else 'FAIL'}  {text}")
-    report["targets"] = [{"target": t, "pass": ok} for t, ok in verdicts]
-    if args.json:
-        text = json.dumps(report, indent=2)
-        if args.json == "-":
-            print(text)
-        else:
-            Path(args.json).write_text(text)
+    all_passed = report_targets(load_before, verdicts, report, args.json)
     failed = any(r["status"] != 0 for r in (off, on))
-    return 1 if failed or (args.check and not all(ok for _, ok in verdicts)) else 0
+    return 1 if failed or (args.check and not all_passed) else 0
 
 
 if __name__ == "__main__":

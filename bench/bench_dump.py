@@ -139,6 +139,25 @@ def tools(quorvex: str, skip_peers: bool) -> list[dict]:
     return out
 
 
+def report_targets(load_before, verdicts: list, report: dict, json_arg: str | None) -> bool:
+    """Prints the load average and each target's PASS/FAIL, writes the JSON report when
+    asked ('-' = stdout); True when every target passed."""
+    load_after = os.getloadavg()
+    print(f"\nload average before {load_before[0]:.2f}, after {load_after[0]:.2f}"
+          + ("  (busy machine: figures are noisy)" if max(load_before[0], load_after[0]) > 1.5 else ""))
+    print("targets:")
+    for text, ok in verdicts:
+        print(f"  {'PASS' if ok else 'FAIL'}  {text}")
+    report["targets"] = [{"target": t, "pass": ok} for t, ok in verdicts]
+    if json_arg:
+        text = json.dumps(report, indent=2)
+        if json_arg == "-":
+            print(text)
+        else:
+            Path(json_arg).write_text(text)
+    return all(ok for _, ok in verdicts)
+
+
 def fmt_ratio(x) -> str:
     return "n/a" if x is None else f"{x:.1f}x"
 

@@ -22,7 +22,6 @@ the targets. Uses the timing helpers of bench_dump.py. See bench/README.md.
 from __future__ import annotations
 
 import argparse
-import json
 import os
 import random
 import shutil
@@ -32,7 +31,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 from bench_dump import (REPO, default_cache, default_samples, generated_file, largest_sample,  # noqa: E402
-                        measure, warm)
+                        measure, report_targets, warm)
 
 TARGET_EVENTS_VS_EVTXEXPORT = 10.0  # events/s at least 10x evtxexport's on the same file
 TARGET_SCAN_VS_CAT = 0.8  # scanning an image without chunks at >= 80% of cat's speed
@@ -184,20 +183,8 @@ def main() -> int:
             row("quorvex scan -q --format jsonl IMAGE", scan, size, events)
             report["scan"]["with_log"] = {"bytes": size, "events": events, "quorvex": scan}
 
-    load_after = os.getloadavg()
-    print(f"\nload average before {load_before[0]:.2f}, after {load_after[0]:.2f}"
-          + ("  (busy machine: figures are noisy)" if max(load_before[0], load_after[0]) > 1.5 else ""))
-    print("targets:")
-    for text, ok in verdicts:
-        print(f"  {'PASS' if ok else 'FAIL'}  {text}")
-    report["targets"] = [{"target": t, "pass": ok} for t, ok in verdicts]
-    if args.json:
-        text = json.dumps(report, indent=2)
-        if args.json == "-":
-            print(text)
-        else:
-            Path(args.json).write_text(text)
-    return 1 if args.check and not all(ok for _, ok in verdicts) else 0
+    all_passed = report_targets(load_before, verdicts, report, args.json)
+    return 1 if args.check and not all_passed else 0
 
 
 if __name__ == "__main__":

@@ -14,14 +14,13 @@ speed ratio quorvex/evtexport, checked against the target of at least 5.
 The files are written once into the cache folder and reused. See bench/README.md.
 """
 import argparse
-import json
 import os
 import subprocess
 import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from bench_dump import REPO, default_cache, measure, warm  # noqa: E402
+from bench_dump import REPO, default_cache, measure, warm, report_targets  # noqa: E402
 
 TARGET_VS_EVTEXPORT = 5.0
 
@@ -90,20 +89,8 @@ def main() -> int:
             verdicts.append(("evtexport not installed (Debian libevt-utils): no ratio", False))
         report["files"].append(entry)
 
-    load_after = os.getloadavg()
-    print(f"\nload average before {load_before[0]:.2f}, after {load_after[0]:.2f}"
-          + ("  (busy machine: figures are noisy)" if max(load_before[0], load_after[0]) > 1.5 else ""))
-    print("targets:")
-    for text, ok in verdicts:
-        print(f"  {'PASS' if ok else 'FAIL'}  {text}")
-    report["targets"] = [{"target": t, "pass": ok} for t, ok in verdicts]
-    if args.json:
-        text = json.dumps(report, indent=2)
-        if args.json == "-":
-            print(text)
-        else:
-            Path(args.json).write_text(text)
-    return 1 if args.check and not all(ok for _, ok in verdicts) else 0
+    all_passed = report_targets(load_before, verdicts, report, args.json)
+    return 1 if args.check and not all_passed else 0
 
 
 if __name__ == "__main__":

@@ -6,28 +6,18 @@
 // Reading must end: the reader bounds its walk by the file's size.
 // Seeds: files written by the test fixture writer (tests/support/evt_writer.cpp, through
 // qvx_fuzz_seeds) and the samples under shared/samples/evt.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
 
 #include "engine/classic_log.h"
+#include "memory_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
-  int fd = memfd_create("fuzz_evt", MFD_CLOEXEC);
-  if (fd < 0) return 0;
-  size_t written = 0;
-  while (written < ASize) {
-    ssize_t n = write(fd, AData + written, ASize - written);
-    if (n <= 0) break;
-    written += static_cast<size_t>(n);
-  }
-  if (written == ASize) {
+  qvx::fuzz::WithMemoryFile("fuzz_evt", AData, ASize, [](const std::string& APath) {
     qvx::TNTEventLog log;
-    log.SetBackupFileName("/proc/self/fd/" + std::to_string(fd));
+    log.SetBackupFileName(APath);
     try {
       log.SetActive(true);
       size_t events = 0;
@@ -38,7 +28,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
       }
     } catch (const std::exception&) {
     }
-  }
-  close(fd);
+  });
   return 0;
 }

@@ -6,9 +6,6 @@
 // values) and never enters a key twice, so hostile subkey lists cannot loop.
 // Seeds: hives written by the test fixture writer (tests/support/hive_writer.cpp, left in
 // the test scratch folders) and the samples under shared/samples/hives.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <set>
@@ -17,6 +14,7 @@
 #include <vector>
 
 #include "imaged/registry_direct.h"
+#include "memory_file.h"
 
 namespace {
 
@@ -55,21 +53,12 @@ struct TWalk {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
-  int fd = memfd_create("fuzz_hive", MFD_CLOEXEC);
-  if (fd < 0) return 0;
-  size_t written = 0;
-  while (written < ASize) {
-    ssize_t n = write(fd, AData + written, ASize - written);
-    if (n <= 0) break;
-    written += static_cast<size_t>(n);
-  }
-  if (written == ASize) {
+  qvx::fuzz::WithMemoryFile("fuzz_hive", AData, ASize, [](const std::string& APath) {
     qvx::TRegistryDirect hive;
-    if (hive.OpenHive("/proc/self/fd/" + std::to_string(fd))) {
+    if (hive.OpenHive(APath)) {
       TWalk walk(hive);
       walk.Key("", 0);
     }
-  }
-  close(fd);
+  });
   return 0;
 }
