@@ -134,7 +134,9 @@ int ReadClassicEvents(const TEventsOptions& AOptions, const TClassicHooks& AHook
   log.SetActive(true);
 
   const unsigned width = AOptions.Width ? AOptions.Width : TerminalWidth(AOut);
-  auto writer = MakeEventWriter(AOptions.Format, AOut, width, log.UsesImagedDescriptions());
+  TColorCodes codes;
+  auto writer = MakeEventWriter(AOptions.Format, AOut, width, log.UsesImagedDescriptions(),
+                                RowColorsFor(AOptions, AOut, codes));
   const bool showProgress =
       !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
   TProgress progress(AErr, showProgress);

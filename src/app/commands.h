@@ -53,7 +53,13 @@ struct TEventsOptions {
   bool AllIssues = false;
   std::string Imaged;    // Windows folder (or its drive root) that describes the events
   TFilterOptions Filter; // which events are listed
+  std::string Colors;    // color code file that paints the table's rows
+  std::string ColorMode = "auto"; // auto (when stdout is a terminal), always, never
 };
+
+// The row colours of the options (loading the color code file into ACodes); raises
+// std::runtime_error with "Load Color Codes: ..." when the file cannot be loaded.
+TRowColors RowColorsFor(const TEventsOptions& AOptions, std::FILE* AOut, TColorCodes& ACodes);
 
 // Lists the events of an .evtx file newest first. Returns the exit status.
 int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);

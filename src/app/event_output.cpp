@@ -80,8 +80,8 @@ void AppendCell(std::string& AOut, std::string_view AText, size_t AWidth, bool A
 
 class TTableWriter : public TEventWriter {
 public:
-  TTableWriter(std::FILE* AOut, unsigned AWidth, bool ADescriptions)
-      : TEventWriter(AOut), FWidth(AWidth), FDescriptions(ADescriptions) {
+  TTableWriter(std::FILE* AOut, unsigned AWidth, bool ADescriptions, const TRowColors& AColors)
+      : TEventWriter(AOut), FWidth(AWidth), FDescriptions(ADescriptions), FColors(AColors) {
     Layout(AWidth);
   }
   // On a narrow terminal the channel, computer, task and user columns give way, in that order.
@@ -97,9 +97,18 @@ public:
     AppendUnsigned(FId, AItem.FEventID);
     FRecord.clear();
     AppendUnsigned(FRecord, AItem.FEventRecordID);
+    // The first color code the event satisfies paints its row.
+    const TColorCode* code = FColors.Codes ? FColors.Codes->FindColorCode(AItem.FEventType, AItem.FSourceName,
+                                                                          AItem.FEventID, std::string(DescriptionText(AItem)))
+                                           : nullptr;
+    if (code) AppendColorStart(FBuffer, *code, FColors.TrueColor);
     AppendRow({FTime, EventTypeName(AItem.FEventType), FId, AItem.FSourceName, AItem.GetCategoryName(),
                AItem.GetUserName(), AItem.FComputername, FRecord, AItem.FChannel});
     if (FDescriptions) AppendDescription(AItem);
+    if (code) {
+      FBuffer.pop_back(); // the colour ends before the line break
+      FBuffer.append("\x1b[0m\n");
+    }
     FlushIfFull();
   }
 
@@ -167,6 +176,7 @@ private:
   std::array<bool, kColumns> FVisible{};
   unsigned FWidth = 0;
   bool FDescriptions = false;
+  TRowColors FColors;
   bool FCut = false;
   std::string FTime, FId, FRecord;
 };
@@ -316,15 +326,31 @@ protected:
 
 } // namespace
 
+void AppendColorStart(std::string& AOut, const TColorCode& ACode, bool ATrueColor) {
+  // Windows colour values are 0x00BBGGRR.
+  const unsigned r = ACode.Value & 0xFF, g = (ACode.Value >> 8) & 0xFF, b = (ACode.Value >> 16) & 0xFF;
+  char text[48];
+  if (ATrueColor) {
+    std::snprintf(text, sizeof text, "\x1b[38;2;%u;%u;%um", r, g, b);
+  } else {
+    // The nearest colour of the 256-colour cube.
+    auto level = [](unsigned AValue) { return (AValue * 5 + 127) / 255; };
+    std::snprintf(text, sizeof text, "\x1b[38;5;%um", 16 + 36 * level(r) + 6 * level(g) + level(b));
+  }
+  AOut.append(text);
+  if (ACode.FontStyles & fsBold) AOut.append("\x1b[1m");
+  if (ACode.FontStyles & fsItalic) AOut.append("\x1b[3m");
+}
+
 std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth,
-                                              bool ADescriptions) {
+                                              bool ADescriptions, const TRowColors& AColors) {
   switch (AFormat) {
   case TOutputFormat::ofCsv: return std::make_unique<TCsvWriter>(AOut);
   case TOutputFormat::ofJsonl: return std::make_unique<TJsonlWriter>(AOut);
   case TOutputFormat::ofXml: return std::make_unique<TXmlWriter>(AOut);
   case TOutputFormat::ofTable: break;
   }
-  return std::make_unique<TTableWriter>(AOut, ATableWidth, ADescriptions);
+  return std::make_unique<TTableWriter>(AOut, ATableWidth, ADescriptions, AColors);
 }
 
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "engine/event_log_x.h"
+#include "view/color_codes.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -37,10 +38,19 @@ protected:
   static constexpr size_t kFlushSize = 256 * 1024;
 };
 
+// How the table paints its rows: the color codes (null: none) and whether the terminal
+// takes 24-bit colours (else the 256-colour palette is used).
+struct TRowColors {
+  const TColorCodes* Codes = nullptr;
+  bool TrueColor = false;
+};
+
 // ATableWidth: the width the table must fit (0 = no limit, columns are padded but never cut).
 // ADescriptions: the table shows the first line of each found description under its row.
 std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* AOut, unsigned ATableWidth,
-                                              bool ADescriptions = false);
+                                              bool ADescriptions = false, const TRowColors& AColors = {});
+// The terminal escape that starts a row painted with ACode.
+void AppendColorStart(std::string& AOut, const TColorCode& ACode, bool ATrueColor);
 
 // "2024-03-11 10:20:30.123" for a day count.
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator = ' ');

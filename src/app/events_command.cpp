@@ -10,6 +10,7 @@
 #include "platform/nt_exception.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
 
 namespace qvx::app {
@@ -67,7 +68,9 @@ void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, T
 int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, std::FILE* AOut,
                std::FILE* AErr) {
   const unsigned width = AOptions.Width ? AOptions.Width : TerminalWidth(AOut);
-  auto writer = MakeEventWriter(AOptions.Format, AOut, width, ASource.UsesImagedDescriptions());
+  TColorCodes codes;
+  auto writer = MakeEventWriter(AOptions.Format, AOut, width, ASource.UsesImagedDescriptions(),
+                                RowColorsFor(AOptions, AOut, codes));
   const bool showProgress =
       !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
   TProgress progress(AErr, showProgress);
@@ -119,6 +122,26 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
 }
 
 } // namespace
+
+TRowColors RowColorsFor(const TEventsOptions& AOptions, std::FILE* AOut, TColorCodes& ACodes) {
+  TRowColors colors;
+  if (AOptions.Colors.empty()) return colors;
+  try {
+    ACodes.LoadFromFile(AOptions.Colors);
+  } catch (const std::exception& e) {
+    // The messages of a file's content name the file; the version messages do not.
+    std::string text = "Load Color Codes: ";
+    const std::string message = e.what();
+    if (!message.starts_with(AOptions.Colors)) text.append(AOptions.Colors).append(": ");
+    text.append(message);
+    throw std::runtime_error(text);
+  }
+  if (AOptions.ColorMode == "never" || (AOptions.ColorMode == "auto" && !IsTerminal(AOut))) return colors;
+  colors.Codes = &ACodes;
+  const char* colorTerm = std::getenv("COLORTERM");
+  colors.TrueColor = colorTerm && (std::strstr(colorTerm, "truecolor") || std::strstr(colorTerm, "24bit"));
+  return colors;
+}
 
 std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
   if (APath.empty()) return nullptr;

@@ -87,6 +87,9 @@ int main(int argc, char** argv) {
     ACommand->add_flag("--all-issues", events.AllIssues, "List every problem met while reading, not the first 20");
     ACommand->add_flag("-q,--quiet", events.Quiet, "No progress bar and no closing summary on stderr");
     AddFilterOptions(*ACommand, events.Filter);
+    ACommand->add_option("--colors", events.Colors, "Paint the table's rows with this color code file (QVEX_Colors)");
+    ACommand->add_option("--color", events.ColorMode, "When to paint rows: auto (a terminal), always or never")
+        ->check(CLI::IsMember({"auto", "always", "never"}));
     ACommand->add_option("--imaged", events.Imaged,
                          "Describe the events from this offline Windows installation: its Windows folder or\n"
                          "the drive it lies on (a mounted image or a copy), read with no Windows needed");
