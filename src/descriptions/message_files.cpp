@@ -232,14 +232,14 @@ bool TMessageFiles::TryLoad(const std::string& APath, TPeMessageSource& AModule)
   return false;
 }
 
-bool TMessageFiles::LoadModule(std::string_view APath, TPeMessageSource& AModule) {
+bool TMessageFiles::LoadModule(std::string_view APath, TPeMessageSource& AModule, bool ASatellite) {
   std::string path(APath);
   bool loaded = TryLoad(path, AModule);
   if (!loaded && SysWow64Retry) {
     path = SysWow64Path(APath);
     loaded = !path.empty() && TryLoad(path, AModule);
   }
-  if (!loaded || AModule.HasMessageTable()) return loaded;
+  if (!loaded || AModule.HasMessageTable() || !ASatellite) return loaded;
   // The messages of a system module live in its language satellite:
   // <folder>\<language>\<file>.mui, in the computer's UI languages, then en-US.
   const size_t name = FileNameStart(path);

@@ -102,7 +102,9 @@ public:
   // own, its language satellite (first UI language that has one) takes its place, as
   // the system's loader does. False when no file loads; a file that exists but is not
   // a usable image is reported once to OnIssue.
-  bool LoadModule(std::string_view APath, TPeMessageSource& AModule);
+  // ASatellite false keeps the module itself (its provider metadata lives there, not in
+  // the satellite).
+  bool LoadModule(std::string_view APath, TPeMessageSource& AModule, bool ASatellite = true);
 
   // The first module of AFileList (";"-separated) that loads.
   bool LoadFirstMessageModule(std::string_view AFileList, TPeMessageSource& AModule);

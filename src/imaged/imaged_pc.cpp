@@ -361,7 +361,7 @@ TGuidProvider* TImagedPC::ProviderFor(const std::string& AGuid, const std::vecto
   provider->SetGuid(guid);
   TPeMessageSource module;
   for (const std::string& file : AFiles) {
-    if (!FMessageFiles.LoadModule(file, module)) continue;
+    if (!FMessageFiles.LoadModule(file, module, false)) continue;
     const auto resource = module.WevtTemplate();
     if (!resource) continue;
     provider->SetResourcePath(file);

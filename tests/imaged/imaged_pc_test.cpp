@@ -5,6 +5,7 @@
 #include "engine/event_log_binxml.h"
 #include "support/hive_writer.h"
 #include "support/imaged_fixture.h"
+#include "support/pe_writer.h"
 #include "support/test_paths.h"
 
 #include <gtest/gtest.h>
@@ -263,6 +264,41 @@ TEST(ImagedPCDamage, DamagedModulesGiveTheFallbackAndOneIssueEach) {
   for (const std::string& issue : log.IssueList().Lines())
     if (issue.find("ProvA.dll") != std::string::npos) ++reports;
   EXPECT_EQ(reports, 1u);
+}
+
+} // namespace
+} // namespace qvx
+
+namespace qvx {
+namespace {
+
+// A publisher whose module holds only its provider metadata, its messages living in the
+// language satellite (as system modules of Windows 7 and later keep them).
+TEST(ImagedPCSatellites, ProviderMetadataStaysInTheModuleItself) {
+  const auto tree = test::BuildImagedWindows(test::ScratchDir() / "image");
+  const auto system32 = tree.WinDir / "System32";
+  TPeResources original;
+  ASSERT_TRUE(original.LoadFile((system32 / "ProvA.dll").string()));
+  const auto wevt = original.FindBest("WEVT_TEMPLATE", 1, {});
+  const auto table = original.FindBest(rtMessageTable, 1, {0x0409});
+  ASSERT_TRUE(wevt && table);
+  const std::vector<uint8_t> wevtBytes(wevt->begin(), wevt->end()), tableBytes(table->begin(), table->end());
+  test::TPeWriter module(true);
+  module.Add("WEVT_TEMPLATE", 1, 0x0409, wevtBytes).Add("MUI", 1, 0, std::vector<uint8_t>(8, 1));
+  test::WriteFileBytes(system32 / "ProvA.dll", module.Build());
+  test::TPeWriter satellite(true);
+  satellite.Add(rtMessageTable, 1, 0x0409, tableBytes);
+  std::filesystem::create_directories(system32 / "en-US");
+  test::WriteFileBytes(system32 / "en-US" / "ProvA.dll.mui", satellite.Build());
+
+  TImagedPC computer;
+  computer.SetMapping(tree.WinDir.string());
+  computer.SetActive(true);
+  std::string text;
+  EXPECT_TRUE(computer.GetEventMessage("Test-Provider-A", 1, 1, text));
+  EXPECT_EQ(text, "Provider A event one v1: %1 %2");
+  EXPECT_TRUE(computer.GetEventTask("Test-Provider-A", 5, text));
+  EXPECT_EQ(text, "Task Five");
 }
 
 } // namespace
