@@ -2,10 +2,11 @@
 // writers take (the fields of a modern event that a classic record has).
 #include "app/classic_events.h"
 
+#include "app/listing.h"
+
 #include "app/progress.h"
 #include "descriptions/sid_store.h"
 #include "engine/classic_log.h"
-#include "filter/event_matcher.h"
 #include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
@@ -133,54 +134,36 @@ int ReadClassicEvents(const TEventsOptions& AOptions, const TClassicHooks& AHook
   log.SetBackupFileName(AOptions.Path);
   log.SetActive(true);
 
-  const unsigned width = AOptions.Width ? AOptions.Width : TerminalWidth(AOut);
-  TColorCodes codes;
-  auto writer = MakeEventWriter(AOptions.Format, AOut, width, log.UsesImagedDescriptions(),
-                                RowColorsFor(AOptions, AOut, codes));
-  const bool showProgress =
-      !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
-  TProgress progress(AErr, showProgress);
+  TListing listing(AOptions, log.UsesImagedDescriptions(), AOut, AErr);
   const int64_t total = log.GetLastCount();
-  std::unique_ptr<TEventMatcher> matcher;
-  if (AOptions.Filter.Any()) matcher = std::make_unique<TEventMatcher>(BuildFilter(AOptions.Filter), NowUtcDays());
   TEventItemX item(&log);
-  uint64_t events = 0, read = 0;
   int status = 0;
-  writer->Begin();
   try {
     while (TEventItemBase* next = log.EventNext()) {
-      ++read;
-      if (matcher && !matcher->Matches(*next, next->GetTimeGenerated())) continue;
+      const bool passes = listing.Passes(*next);
+      if ((listing.Read & 255) == 0)
+        listing.Progress().Update(listing.Read, static_cast<uint64_t>(total), listing.Events);
+      if (!passes) continue;
       ClassicToX(static_cast<TEventItem&>(*next), channel, item);
-      writer->Write(item);
-      ++events;
-      if ((events & 255) == 0) progress.Update(events, static_cast<uint64_t>(total), events);
-      if (AOptions.Limit && events >= AOptions.Limit) break;
+      if (listing.Write(item)) break;
     }
   } catch (const ENTException& e) {
     // Damage that could not be stepped over ends reading; what was read stands.
     log.IssueList().AddIssue(std::string("reading stopped: ") + e.what());
     if (e.Code() != kWinErrorEventlogFileCorrupt) status = 1;
   }
-  progress.Finish();
   if (const TLogFileData* raw = log.RawLog()) {
     for (const std::string& damage : raw->Damage()) log.IssueList().AddIssue("damaged data stepped over: " + damage);
-    if (read < static_cast<uint64_t>(total) && !AOptions.Limit) {
-      std::string text = std::to_string(total - static_cast<int64_t>(read));
+    if (listing.Read < static_cast<uint64_t>(total) && !AOptions.Limit) {
+      std::string text = std::to_string(total - static_cast<int64_t>(listing.Read));
       text.append(" of the ");
       text.append(std::to_string(total));
       text.append(" records the log counts could not be read");
       log.IssueList().AddIssue(text);
     }
   }
-  if (!writer->Finish()) {
-    std::fprintf(AErr, "quorvex: writing the output failed: %s\n", SystemErrorText(LastErrorCode()).c_str());
-    status = 1;
-  }
-  if (!AOptions.Quiet && matcher)
-    std::fprintf(AErr, "filter: %llu of %llu events read match\n", static_cast<unsigned long long>(events),
-                 static_cast<unsigned long long>(read));
-  if (!AOptions.Quiet) AHooks.PrintSummary(AErr, AOptions.Path, events, log.IssueList(), AOptions.AllIssues);
+  if (!listing.Finish()) status = 1;
+  if (!AOptions.Quiet) AHooks.PrintSummary(AErr, AOptions.Path, listing.Events, log.IssueList(), AOptions.AllIssues);
   return status;
 }
 

@@ -1,11 +1,11 @@
 // quorvex events / scan / zones.
 #include "app/classic_events.h"
 #include "app/commands.h"
+#include "app/listing.h"
 #include "app/event_output.h"
 #include "app/progress.h"
 
 #include "engine/event_log_binxml.h"
-#include "filter/event_matcher.h"
 #include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
 
@@ -67,57 +67,34 @@ void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, T
 // Reads every event of ASource into the writer. Returns the exit status.
 int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, std::FILE* AOut,
                std::FILE* AErr) {
-  const unsigned width = AOptions.Width ? AOptions.Width : TerminalWidth(AOut);
-  TColorCodes codes;
-  auto writer = MakeEventWriter(AOptions.Format, AOut, width, ASource.UsesImagedDescriptions(),
-                                RowColorsFor(AOptions, AOut, codes));
-  const bool showProgress =
-      !AOptions.Quiet && (AOptions.Progress > 0 || (AOptions.Progress < 0 && IsTerminal(AErr) && !IsTerminal(AOut)));
-  TProgress progress(AErr, showProgress);
+  TListing listing(AOptions, ASource.UsesImagedDescriptions(), AOut, AErr);
   auto* scan = AScan ? static_cast<TEventLogScan*>(&ASource) : nullptr;
   const uint64_t fileSize = !AScan && ASource.EvtxFile() ? ASource.EvtxFile()->Count() * 65536ull + 4096 : 0;
-
-  // The filter is checked before anything is read: a bad expression stops here.
-  std::unique_ptr<TEventMatcher> matcher;
-  if (AOptions.Filter.Any()) matcher = std::make_unique<TEventMatcher>(BuildFilter(AOptions.Filter), NowUtcDays());
-  uint64_t events = 0, read = 0;
   int status = 0;
-  writer->Begin();
   auto tick = [&] {
     if (scan)
-      progress.Update(scan->BytesScanned(), scan->ElfChunks().SourceSize(), events);
+      listing.Progress().Update(scan->BytesScanned(), scan->ElfChunks().SourceSize(), listing.Events);
     else
-      progress.Update(ASource.ChunkIndex() * 65536ull + 4096, fileSize, events);
+      listing.Progress().Update(ASource.ChunkIndex() * 65536ull + 4096, fileSize, listing.Events);
   };
   try {
-    for (;;) {
-      TEventItemBase* item = ASource.EventNext();
-      if (!item) break;
+    while (TEventItemBase* item = ASource.EventNext()) {
       if (item == TEventLogX::UndeliverableMarker()) {
         tick();
         continue;
       }
-      ++read;
-      if ((read & 255) == 0) tick();
-      if (matcher && !matcher->Matches(*item, item->GetTimeGenerated())) continue;
-      writer->Write(static_cast<TEventItemX&>(*item));
-      ++events;
-      if (AOptions.Limit && events >= AOptions.Limit) break;
+      const bool passes = listing.Passes(*item);
+      if ((listing.Read & 255) == 0) tick();
+      if (!passes) continue;
+      if (listing.Write(static_cast<TEventItemX&>(*item))) break;
     }
   } catch (const std::exception& e) {
-    progress.Finish();
+    listing.Progress().Finish();
     std::fprintf(AErr, "%s: reading stopped: %s\n", AOptions.Path.c_str(), e.what());
     status = 1;
   }
-  progress.Finish();
-  if (!writer->Finish()) {
-    std::fprintf(AErr, "quorvex: writing the output failed: %s\n", SystemErrorText(LastErrorCode()).c_str());
-    status = 1;
-  }
-  if (!AOptions.Quiet && matcher)
-    std::fprintf(AErr, "filter: %llu of %llu events read match\n", static_cast<unsigned long long>(events),
-                 static_cast<unsigned long long>(read));
-  if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, events, ASource.IssueList(), AOptions.AllIssues);
+  if (!listing.Finish()) status = 1;
+  if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, listing.Events, ASource.IssueList(), AOptions.AllIssues);
   return status;
 }
 
