@@ -94,6 +94,51 @@ struct TXPathOptions {
 // filter file with --save-filter). Returns 0, 1 on failure, 3 for an approximate reading.
 int RunXPath(const TXPathOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
+// Applies a --tz value to a source: "UTC", "local", minutes ("+60", "-300") or a zone's
+// key or display name. Raises std::invalid_argument for an unknown zone.
+void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone);
+
+struct TStoreOptions {
+  std::vector<std::string> Logs; // open: the logs to load
+  std::string Store;             // the store file
+  bool Append = false;           // open: add the logs to the store's
+  bool Scan = false;             // open: deep-scan the logs (images, devices, damaged files)
+  std::string TimeZone = "local";
+  std::string Imaged;
+  bool CheckDeleted = false;     // gaps in record numbers are listed as issues
+  TLoadOptions Load;
+  std::string Alerts;            // alert file tested against the new events
+  unsigned Threads = 1;
+  int Progress = -1;
+  bool Quiet = false;
+  bool AllIssues = false;
+};
+
+// Loads logs into a new store (or adds them with Append). Returns the exit status.
+int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr);
+// Loads the events that are newer than those already in the store.
+int RunRefresh(const TStoreOptions& AOptions, std::FILE* AErr);
+
+struct TViewOptions {
+  std::string Store;
+  TFilterOptions Filter;
+  std::string Sort;          // a column; "" keeps the load order (newest first)
+  bool Descending = false;
+  bool NoIndex = false;      // sort without creating an index
+  int64_t Limit = 0;         // rows shown (0 = all)
+  TOutputFormat Format = TOutputFormat::ofTable;
+  unsigned Width = 0;
+  std::string Colors, ColorMode = "auto";
+  bool Stats = false;        // counts by type, top sources, events per day
+  bool Count = false;        // only the number of rows
+  bool Bookmark = false;     // bookmark exactly the rows the filter selects
+  bool ClearBookmarks = false;
+  bool Bookmarked = false;   // only bookmarked rows
+};
+
+// Shows the rows of a store. Returns the exit status.
+int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+
 // Writes the demo log to APath and, when AList, lists its events. Returns the exit status.
 int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr);
 } // namespace qvx::app

@@ -15,10 +15,6 @@
 
 namespace qvx::app {
 
-namespace {
-
-// Applies a --tz value to the source: "UTC", "local", minutes ("+60", "-300") or a zone's
-// key or display name. Raises std::invalid_argument for an unknown zone.
 void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone) {
   if (AZone.empty() || detail::EqualsNoCase(AZone, "local")) {
     ASource.SetTimeShift(1, 0, {});
@@ -46,6 +42,8 @@ void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone) {
                                 "'quorvex zones')");
   ASource.SetTimeShift(3, 0, key);
 }
+
+namespace {
 
 void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, TIssueList& AIssues,
                   bool AAllIssues) {

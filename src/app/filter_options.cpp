@@ -43,6 +43,31 @@ double TimeOption(const char* AOption, const std::string& AText) {
   return days;
 }
 
+// "2d", "12h", "1d6h" or a bare number of days.
+void ParsePeriod(const char* AOption, const std::string& AText, int32_t& ADays, int32_t& AHours) {
+  int days = 0, hours = 0;
+  const std::string text = Lower(AText);
+  size_t pos = 0;
+  bool ok = !text.empty();
+  while (ok && pos < text.size()) {
+    size_t end = pos;
+    while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) ++end;
+    if (end == pos || end - pos > 6) {
+      ok = false;
+      break;
+    }
+    const int value = std::stoi(text.substr(pos, end - pos));
+    const char unit = end < text.size() ? text[end] : 'd';
+    if (unit == 'd') days += value;
+    else if (unit == 'h') hours += value;
+    else ok = false;
+    pos = end + 1;
+  }
+  if (!ok) throw std::invalid_argument(std::string(AOption) + " " + AText + ": expected days and hours such as 2d, 12h or 1d6h");
+  ADays = days;
+  AHours = hours;
+}
+
 } // namespace
 
 bool TFilterOptions::Any() const {
@@ -126,30 +151,61 @@ TEventFilter BuildFilter(const TFilterOptions& AOptions) {
     // A bare date as the end means the whole of that day.
     if (AOptions.To.size() == 10) filter.ToTime += (86400.0 - 1) / 86400.0;
   }
-  if (!AOptions.Last.empty()) {
-    int days = 0, hours = 0;
-    const std::string text = Lower(AOptions.Last);
-    size_t pos = 0;
-    bool ok = !text.empty();
-    while (ok && pos < text.size()) {
-      size_t end = pos;
-      while (end < text.size() && std::isdigit(static_cast<unsigned char>(text[end]))) ++end;
-      if (end == pos || end - pos > 6) {
-        ok = false;
-        break;
-      }
-      const int value = std::stoi(text.substr(pos, end - pos));
-      const char unit = end < text.size() ? text[end] : 'd';
-      if (unit == 'd') days += value;
-      else if (unit == 'h') hours += value;
-      else ok = false;
-      pos = end + 1;
-    }
-    if (!ok) throw std::invalid_argument("--last " + AOptions.Last + ": expected days and hours such as 2d, 12h or 1d6h");
-    filter.LastDays = days;
-    filter.LastHours = hours;
-  }
+  if (!AOptions.Last.empty()) ParsePeriod("--last", AOptions.Last, filter.LastDays, filter.LastHours);
   if (!AOptions.SaveFilter.empty()) filter.SaveToFile(AOptions.SaveFilter);
+  return filter;
+}
+
+void AddLoadOptions(CLI::App& ACommand, TLoadOptions& AOptions) {
+  const char* group = "Loading filter (what is read into the store at all)";
+  ACommand.add_option("--load-type", AOptions.Types, "Load only these types (names as for --type)")->group(group);
+  ACommand.add_option("--load-id", AOptions.Ids, "Load only these event IDs, e.g. 4624,4625-4630!4627")->group(group);
+  ACommand.add_option("--load-source", AOptions.Sources, "Load only these sources (a leading ! leaves them out)")
+      ->group(group);
+  ACommand.add_option("--load-user", AOptions.Users, "Load only these users (a leading ! leaves them out)")->group(group);
+  ACommand.add_option("--load-computer", AOptions.Computers, "Load only these computers (a leading ! leaves them out)")
+      ->group(group);
+  ACommand.add_option("--load-descr", AOptions.Descr,
+                      "Load only events whose description contains this text (a leading ! leaves them out)")
+      ->group(group);
+  ACommand.add_option("--load-newest", AOptions.Newest, "Load only the newest N events of each log")->group(group);
+  ACommand.add_option("--load-last", AOptions.Last, "Load only the events of the last days and hours (2d, 12h, 1d6h)")
+      ->group(group);
+}
+
+TLogLoadingFilter BuildLoadingFilter(const TLoadOptions& AOptions) {
+  TLogLoadingFilter filter;
+  if (!AOptions.Types.empty()) {
+    TFilterOptions typeOptions;
+    typeOptions.Types = AOptions.Types;
+    const TEventFilter types = BuildFilter(typeOptions);
+    int32_t mask = 0;
+    const std::pair<bool, TEventType> bits[] = {
+        {types.EVT_VERBOSE, EVT_VERBOSE},   {types.EVT_INFORMATION, EVT_INFORMATION},
+        {types.EVT_WARNING, EVT_WARNING},   {types.EVT_ERROR, EVT_ERROR},
+        {types.EVT_CRITICAL, EVT_CRITICAL}, {types.EVT_AUDIT_SUCCESS, EVT_AUDIT_SUCCESS},
+        {types.EVT_AUDIT_FAILURE, EVT_AUDIT_FAILURE}};
+    for (const auto& [on, type] : bits)
+      if (on) mask |= 1 << type;
+    filter.LoadEventTypes = mask;
+  }
+  filter.LoadEventIDStr = AOptions.Ids;
+  filter.LoadSource = AOptions.Sources;
+  filter.LoadUser = AOptions.Users;
+  filter.LoadComputer = AOptions.Computers;
+  filter.LoadDescr = AOptions.Descr;
+  if (!filter.LoadDescr.empty() && filter.LoadDescr[0] == '!') {
+    filter.LoadDescr.erase(0, 1);
+    filter.LoadDescrExcl = true;
+  }
+  if (AOptions.Newest > 0) {
+    filter.LoadEvents = lemLastEvents;
+    filter.NumEvents = AOptions.Newest;
+  } else if (!AOptions.Last.empty()) {
+    filter.LoadEvents = lemLastPeriod;
+    ParsePeriod("--load-last", AOptions.Last, filter.LastDays, filter.LastHours);
+  }
+  filter.TranslateStrings();
   return filter;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "filter/event_filter.h"
+#include "filter/loading_filter.h"
 
 #include <string>
 
@@ -26,6 +27,15 @@ void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions);
 // a value that cannot be read, std::runtime_error for a filter file that cannot be
 // loaded; saves the filter when SaveFilter is set.
 TEventFilter BuildFilter(const TFilterOptions& AOptions);
+
+// The loading filter options of quorvex open and refresh.
+struct TLoadOptions {
+  std::string Types, Ids, Sources, Users, Computers, Descr, Last;
+  int32_t Newest = 0;
+};
+void AddLoadOptions(CLI::App& ACommand, TLoadOptions& AOptions);
+// Raises std::invalid_argument naming the option for a value that cannot be read.
+TLogLoadingFilter BuildLoadingFilter(const TLoadOptions& AOptions);
 
 // "now" as a UTC day count.
 double NowUtcDays();

@@ -38,6 +38,8 @@ int main(int argc, char** argv) {
              "                                                   descriptions from an offline installation\n"
              "  quorvex imaged /mnt/image                        its logs, channels, publishers and users\n"
              "  quorvex dump --carve damaged.bin                 records of chunks found anywhere in the data\n"
+             "  quorvex open Security.evtx System.evtx -s case.db   load logs into an event store\n"
+             "  quorvex view case.db --type error --sort Date --desc   filter, sort and show them\n"
              "  quorvex demo                                     write a demo log and list its events\n"
              "Run 'quorvex COMMAND --help' for the options of a command.");
 
@@ -146,6 +148,67 @@ int main(int argc, char** argv) {
   cmdInfo->add_option("file", info.Path, "The .evtx file")->required();
   cmdInfo->add_flag("-c,--carve", info.Carve, "List the chunks found by scanning the data instead of the header's");
 
+  // open / refresh / view: the event store.
+  TStoreOptions store;
+  auto addLoadOptions = [&](CLI::App* ACommand) {
+    ACommand->add_option("--tz", store.TimeZone, "Time shift of the stored times (as for 'events'; default local)");
+    ACommand->add_option("--imaged", store.Imaged, "Describe the events from this offline Windows installation");
+    ACommand->add_flag("--check-deleted", store.CheckDeleted,
+                       "List gaps in record numbers as potentially deleted events");
+    ACommand->add_option("--alerts", store.Alerts,
+                         "Test the new events against this alert file (AlertPatterns) and start its programs");
+    ACommand->add_option("-t,--threads", store.Threads, "Threads decoding chunks ahead of the loader (0 = none)")
+        ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
+    ACommand->add_flag_callback("--progress", [&] { store.Progress = 1; }, "Always show progress on stderr");
+    ACommand->add_flag_callback("--no-progress", [&] { store.Progress = 0; }, "Never show progress");
+    ACommand->add_flag("--all-issues", store.AllIssues, "List every problem met while reading, not the first 20");
+    ACommand->add_flag("-q,--quiet", store.Quiet, "No progress and no summary on stderr");
+    AddLoadOptions(*ACommand, store.Load);
+  };
+  auto* cmdOpen = app.add_subcommand("open", "Load logs into an event store file for viewing, filtering and alerts");
+  cmdOpen->add_option("logs", store.Logs, ".evtx or .evt files (with --scan: images, devices, damaged files)")
+      ->required();
+  cmdOpen->add_option("-s,--store", store.Store, "The store file to create (an existing store is replaced)")->required();
+  cmdOpen->add_flag("--append", store.Append, "Add the logs to the store's events instead of replacing them");
+  cmdOpen->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");
+  addLoadOptions(cmdOpen);
+  cmdOpen->footer("Loading runs on a worker thread; Ctrl-C stops it and keeps what was loaded (\"User break.\").\n"
+                  "Afterwards stderr shows the counts by type, the notices of the loading filter and the\n"
+                  "problems met. The logs themselves are only read.\n"
+                  "Then: quorvex view STORE ...   and later   quorvex refresh STORE");
+  auto* cmdRefresh = app.add_subcommand("refresh", "Load the events that are newer than those already in a store");
+  cmdRefresh->add_option("store", store.Store, "A store made by 'quorvex open'")->required();
+  addLoadOptions(cmdRefresh);
+  cmdRefresh->get_option("--tz")->default_str("");
+
+  TViewOptions view;
+  std::string viewFormat = "table";
+  auto* cmdView = app.add_subcommand("view", "Show the events of a store: filtered, sorted, bookmarked, counted, colored");
+  cmdView->add_option("store", view.Store, "A store made by 'quorvex open'")->required();
+  AddFilterOptions(*cmdView, view.Filter);
+  cmdView->add_option("--sort", view.Sort, "Sort by a column: Date, Type, EventID, Source, CategoryName, UserName,\n"
+                                           "Computer, RecordNumber, EventLog, _ID (default: newest first as loaded)");
+  cmdView->add_flag("--desc", view.Descending, "Sort in descending order");
+  cmdView->add_flag("--no-index", view.NoIndex, "Sort without creating an index (slower, leaves the store smaller)");
+  cmdView->add_option("-n,--limit", view.Limit, "Show at most this many rows");
+  cmdView->add_option("-f,--format", viewFormat, "Output: table, csv, jsonl or xml (each event's XML)")
+      ->check(CLI::IsMember({"table", "csv", "jsonl", "xml"}));
+  cmdView->add_option("--width", view.Width, "Table width in columns (default: the terminal's)");
+  cmdView->add_option("--colors", view.Colors, "Paint the rows with this color code file (QVEX_Colors)");
+  cmdView->add_option("--color", view.ColorMode, "When to paint rows: auto (a terminal), always or never")
+      ->check(CLI::IsMember({"auto", "always", "never"}));
+  cmdView->add_flag("--stats", view.Stats, "Counts by type, the top sources and events per day");
+  cmdView->add_flag("--count", view.Count, "Only the number of events the filter selects");
+  cmdView->add_flag("--bookmark", view.Bookmark, "Bookmark exactly the events the filter selects (others lose theirs)");
+  cmdView->add_flag("--clear-bookmarks", view.ClearBookmarks, "Remove every bookmark first");
+  cmdView->add_flag("--bookmarked", view.Bookmarked, "Only bookmarked events");
+  cmdView->footer("Examples:\n"
+                  "  quorvex open Security.evtx System.evtx -s case.db\n"
+                  "  quorvex view case.db --type error,warning --sort Date --desc -n 50\n"
+                  "  quorvex view case.db --regex 'logon type:\\s+10' --count\n"
+                  "  quorvex view case.db --id 4625 --bookmark   then   quorvex view case.db --bookmarked\n"
+                  "  quorvex view case.db --stats --last 7d");
+
   std::string demoOutput = "quorvex-demo.evtx";
   uint64_t demoRecords = 300;
   bool demoNoDump = false;
@@ -172,6 +235,15 @@ int main(int argc, char** argv) {
   if (*cmdInfo) return RunInfo(info, stdout, stderr);
   if (*cmdImaged) return RunImaged(imaged, stdout, stderr);
   if (*cmdXPath) return RunXPath(xpath, stdout, stderr);
+  if (*cmdOpen) return RunOpen(store, stderr);
+  if (*cmdRefresh) return RunRefresh(store, stderr);
+  if (*cmdView) {
+    view.Format = viewFormat == "csv"     ? TOutputFormat::ofCsv
+                  : viewFormat == "jsonl" ? TOutputFormat::ofJsonl
+                  : viewFormat == "xml"   ? TOutputFormat::ofXml
+                                          : TOutputFormat::ofTable;
+    return RunView(view, stdout, stderr);
+  }
   if (*cmdDemo) return RunDemo(demoOutput, demoRecords, !demoNoDump, stdout, stderr);
   return 0;
 }

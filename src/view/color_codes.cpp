@@ -20,7 +20,8 @@ constexpr double kFileVersion = 2;
 
 std::string Folded(std::string_view AText) {
   std::string folded(AText);
-  for (char& c : folded) c = detail::LowerAscii(c);
+  for (char& c : folded)
+    c = detail::LowerAscii(c);
   return folded;
 }
 
@@ -32,7 +33,8 @@ void TColorCodes::AddCode(const TColorCode& ACode) {
 }
 
 void TColorCodes::ChangeCodeIndex(size_t AFrom, size_t AIndex) {
-  if (AFrom >= FCodes.size() || AIndex >= FCodes.size()) throw std::out_of_range("color code index out of range");
+  if (AFrom >= FCodes.size() || AIndex >= FCodes.size())
+    throw std::out_of_range("color code index out of range");
   TColorCode code = FCodes[AFrom];
   FCodes.erase(FCodes.begin() + static_cast<std::ptrdiff_t>(AFrom));
   FCodes.insert(FCodes.begin() + static_cast<std::ptrdiff_t>(AIndex), std::move(code));
@@ -52,7 +54,8 @@ void TColorCodes::ClearAll() {
 
 const TPcre2Pattern* TColorCodes::Pattern(size_t AIndex) const {
   if (FPatterns.size() != FCodes.size()) FPatterns.resize(FCodes.size());
-  if (!FPatterns[AIndex]) FPatterns[AIndex] = std::make_unique<TPcre2Pattern>(FCodes[AIndex].DescrText, PCRE2_UTF);
+  if (!FPatterns[AIndex])
+    FPatterns[AIndex] = std::make_unique<TPcre2Pattern>(FCodes[AIndex].DescrText, PCRE2_UTF);
   return FPatterns[AIndex].get();
 }
 
@@ -90,7 +93,9 @@ std::string TColorCodes::SaveToString() const {
   pugi::xml_node codes = root.append_child("ColorCodes");
   for (const TColorCode& code : FCodes) {
     pugi::xml_node node = codes.append_child("ColorCode");
-    auto put = [&](const char* AName, const std::string& AText) { node.append_child(AName).text().set(AText.c_str()); };
+    auto put = [&](const char* AName, const std::string& AText) {
+      node.append_child(AName).text().set(AText.c_str());
+    };
     put("Value", std::to_string(code.Value));
     put("EventTypes", std::to_string(code.EventTypes));
     put("EventID", std::to_string(code.EventID));
@@ -110,7 +115,8 @@ void TColorCodes::SaveToFile(const std::string& AFileName) const {
   std::FILE* file = std::fopen(AFileName.c_str(), "wb");
   if (!file) throw std::runtime_error(AFileName + ": cannot be written: " + std::strerror(errno));
   const bool ok = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-  if (std::fclose(file) != 0 || !ok) throw std::runtime_error(AFileName + ": writing failed: " + std::strerror(errno));
+  if (std::fclose(file) != 0 || !ok)
+    throw std::runtime_error(AFileName + ": writing failed: " + std::strerror(errno));
 }
 
 void TColorCodes::LoadFromString(const std::string& AXml, const std::string& AWhere) {
@@ -121,16 +127,18 @@ void TColorCodes::LoadFromString(const std::string& AXml, const std::string& AWh
                            std::to_string(parsed.offset));
   const pugi::xml_node root = document.document_element();
   if (std::strcmp(root.name(), kRoot) != 0)
-    throw EColorCodesError(AWhere + ": not a color code file: the root element is <" + root.name() + ">, expected <" +
-                           kRoot + ">");
+    throw EColorCodesError(AWhere + ": not a color code file: the root element is <" + root.name() +
+                           ">, expected <" + kRoot + ">");
   // The version is a number; a later format than ours is refused rather than misread.
   const std::string versionText = root.attribute("version").as_string();
   double version = 0;
-  const auto [ptr, ec] = std::from_chars(versionText.data(), versionText.data() + versionText.size(), version);
+  const auto [ptr, ec] =
+      std::from_chars(versionText.data(), versionText.data() + versionText.size(), version);
   if (versionText.empty() || ec != std::errc() || ptr != versionText.data() + versionText.size() ||
       !std::isfinite(version))
     throw EColorCodesError("Invalid version attribute");
-  if (version > kFileVersion) throw EColorCodesError("This file was saved with a newer version of this program");
+  if (version > kFileVersion)
+    throw EColorCodesError("This file was saved with a newer version of this program");
 
   TColorCodes loaded;
   for (const pugi::xml_node node : root.child("ColorCodes").children("ColorCode")) {
@@ -150,8 +158,8 @@ void TColorCodes::LoadFromString(const std::string& AXml, const std::string& AWh
       }
       const auto [end, error] = std::from_chars(begin, text.data() + text.size(), value, base);
       if (text.empty() || error != std::errc() || end != text.data() + text.size())
-        throw EColorCodesError(AWhere + ": element " + kRoot + "/ColorCodes/ColorCode/" + AName + ": \"" + text +
-                               "\" is not an integer");
+        throw EColorCodesError(AWhere + ": element " + kRoot + "/ColorCodes/ColorCode/" + AName + ": \"" +
+                               text + "\" is not an integer");
       return value;
     };
     TColorCode code;
@@ -161,11 +169,13 @@ void TColorCodes::LoadFromString(const std::string& AXml, const std::string& AWh
     code.EventSource = node.child("EventSource").text().as_string();
     code.DescrText = node.child("DescrText").text().as_string();
     code.DescrRegExp = number("DescrRegExp", 0) != 0;
-    code.FontStyles = static_cast<uint8_t>((number("Bold", 0) ? fsBold : 0) | (number("Italic", 0) ? fsItalic : 0));
+    code.FontStyles =
+        static_cast<uint8_t>((number("Bold", 0) ? fsBold : 0) | (number("Italic", 0) ? fsItalic : 0));
     if (code.DescrRegExp && !code.DescrText.empty()) {
       const TPcre2Pattern pattern(code.DescrText, PCRE2_UTF);
       if (!pattern.IsValid())
-        throw EColorCodesError(AWhere + ": regular expression \"" + code.DescrText + "\": " + pattern.ErrorMessage());
+        throw EColorCodesError(AWhere + ": regular expression \"" + code.DescrText +
+                               "\": " + pattern.ErrorMessage());
     }
     loaded.AddCode(code);
   }

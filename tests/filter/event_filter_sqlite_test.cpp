@@ -1,8 +1,8 @@
 // The filter's SQLite WHERE text run for real against a table of the event store's schema,
-// with stand-ins for the functions the store registers: a clause that is not valid SQL
-// fails here, and simple rows show that each clause selects what it says.
+// with the functions the store registers: a clause that is not valid SQL fails here, and
+// simple rows show that each clause selects what it says.
 #include "filter/event_filter.h"
-#include "filter/pcre2_pattern.h"
+#include "view/store_functions.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -17,44 +17,6 @@ std::string Text(sqlite3_value* AValue) {
   return text ? reinterpret_cast<const char*>(text) : "";
 }
 
-std::string Fold(std::string AText) {
-  for (char& c : AText) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return AText;
-}
-
-// MyInStr(text, part, case): 1-based position or 0. The store's own versions come with it.
-void MyInStr(sqlite3_context* AContext, int, sqlite3_value** AArgs) {
-  const bool cs = sqlite3_value_int(AArgs[2]) != 0;
-  const std::string text = cs ? Text(AArgs[0]) : Fold(Text(AArgs[0]));
-  const std::string part = cs ? Text(AArgs[1]) : Fold(Text(AArgs[1]));
-  const size_t at = text.find(part);
-  sqlite3_result_int(AContext, at == std::string::npos ? 0 : static_cast<int>(at) + 1);
-}
-
-void MySameStr(sqlite3_context* AContext, int, sqlite3_value** AArgs) {
-  const bool cs = sqlite3_value_int(AArgs[2]) != 0;
-  sqlite3_result_int(AContext, cs ? Text(AArgs[0]) == Text(AArgs[1]) : Fold(Text(AArgs[0])) == Fold(Text(AArgs[1])));
-}
-
-void MyCompareStr(sqlite3_context* AContext, int, sqlite3_value** AArgs) {
-  sqlite3_result_int(AContext, Fold(Text(AArgs[0])).compare(Fold(Text(AArgs[1]))));
-}
-
-void MyInList(sqlite3_context* AContext, int, sqlite3_value** AArgs) {
-  std::string list(1, ','), item(1, ',');
-  list.append(Fold(Text(AArgs[1]))).push_back(',');
-  item.append(Fold(Text(AArgs[0]))).push_back(',');
-  sqlite3_result_int(AContext, list.find(item) != std::string::npos);
-}
-
-void CompareDescrWithCond(sqlite3_context* AContext, int, sqlite3_value**) { sqlite3_result_int(AContext, 1); }
-
-void RegExp(sqlite3_context* AContext, int, sqlite3_value** AArgs) {
-  const TPcre2Pattern pattern(Text(AArgs[0]));
-  TPcre2Match match;
-  sqlite3_result_int(AContext, pattern.IsValid() && pattern.Match(Text(AArgs[1]), 0, match) == prMatch);
-}
-
 class EventFilterSQLite : public ::testing::Test {
 protected:
   void SetUp() override {
@@ -64,24 +26,16 @@ protected:
          "NOCASE, [UserName] VARCHAR(80) COLLATE NOCASE, [Computer] VARCHAR(80) COLLATE NOCASE, [RecordNumber] "
          "BIGINT, [EventLog] INTEGER, [EvtXML] TEXT, [Descr] TEXT COLLATE NOCASE, [CustomField1] COLLATE NOCASE , "
          "[CustomField2] COLLATE NOCASE , [CustomField3] COLLATE NOCASE , [_Flt] INTEGER, [_Bmrk] INTEGER DEFAULT 0 )");
-    struct TFunction {
-      const char* Name;
-      int Args;
-      void (*Call)(sqlite3_context*, int, sqlite3_value**);
-    };
-    for (const TFunction& f : {TFunction{"MyInStr", 3, MyInStr}, TFunction{"MySameStr", 3, MySameStr},
-                               TFunction{"MyCompareStr", 3, MyCompareStr}, TFunction{"MyInList", 3, MyInList},
-                               TFunction{"CompareDescrWithCond", 5, CompareDescrWithCond},
-                               TFunction{"regexp", 2, RegExp}})
-      ASSERT_EQ(sqlite3_create_function(FDb, f.Name, f.Args, SQLITE_UTF8, nullptr, f.Call, nullptr, nullptr),
-                SQLITE_OK);
+    ASSERT_EQ(RegisterStoreFunctions(FDb), SQLITE_OK);
     // Type, time, id, source, user, description, custom fields.
     Exec("INSERT INTO Events ([Type],[TimeStamp],[Date],[Time],[EventID],[Source],[CategoryName],[UserName],"
          "[Computer],[Descr],[CustomField1],[CustomField2],[CustomField3]) VALUES "
          "(4,'2024-03-01 08:00:00','2024-03-01','08:00:00',4624,'Security','Logon','CORP\\alice','PC1',"
-         "'An account was logged on.',5,'2024-03-01 08:00:00','alpha'),"
+         "'An account was logged on.\r\n\r\nLogon Information:\r\n\tLogon Type:\t\t3',"
+         "5,'2024-03-01 08:00:00','alpha'),"
          "(12,'2024-03-02 20:00:00','2024-03-02','20:00:00',4625,'Security','Logon','CORP\\bob','PC2',"
-         "'An account failed to log on.',15,'2024-03-02 20:00:00','beta'),"
+         "'An account failed to log on.\r\n\r\nLogon Information:\r\n\tLogon Type:\t\t10',"
+         "15,'2024-03-02 20:00:00','beta'),"
          "(2,'2024-03-03 09:30:00','2024-03-03','09:30:00',7036,'Service Control Manager','None','N/A','PC1',"
          "'The service entered the running state.',25,'2024-03-03 09:30:00','gamma')");
   }
@@ -156,7 +110,13 @@ TEST_F(EventFilterSQLite, EveryClauseIsValidSqlAndSelectsWhatItSays) {
   EXPECT_EQ(Run(filter), "4624,4625,7036");
   filter.Clear();
   filter.DescrFilter = {{"Logon Type", coEquals, "3"}};
-  EXPECT_EQ(Run(filter), "4624,4625,7036");
+  EXPECT_EQ(Run(filter), "4624");
+  filter.DescrFilter = {{"Logon Information\\Logon Type", coGreater, "5"}};
+  EXPECT_EQ(Run(filter), "4625"); // numerically; the event without the parameter is out
+  filter.DescrFilter = {{"Logon Type", coNotEqual, "3"}, {"logon type", coInList, "2,10"}};
+  EXPECT_EQ(Run(filter), "4625");
+  filter.DescrFilter = {{"Logon Type", coMatches, "^1"}};
+  EXPECT_EQ(Run(filter), "4625");
 }
 
 TEST_F(EventFilterSQLite, CustomColumnConditionsOfEveryFlavourRun) {

@@ -7,7 +7,8 @@
 namespace qvx {
 namespace {
 
-TColorCode Code(int32_t ATypes, const char* ASource, int32_t AId, const char* AText, bool ARegExp, int32_t AValue) {
+TColorCode Code(int32_t ATypes, const char* ASource, int32_t AId, const char* AText, bool ARegExp,
+                int32_t AValue) {
   TColorCode code;
   code.EventTypes = ATypes;
   code.EventSource = ASource;
@@ -20,11 +21,11 @@ TColorCode Code(int32_t ATypes, const char* ASource, int32_t AId, const char* AT
 
 TEST(ColorCodes, FirstMatchingCodeWinsAndPriorityCanChange) {
   TColorCodes codes;
-  codes.AddCode(Code(1 << 4, "", -1, "", false, 1));             // errors
-  codes.AddCode(Code(0, "disk", 7, "", false, 2));               // Disk 7, any type
+  codes.AddCode(Code(1 << 4, "", -1, "", false, 1));                 // errors
+  codes.AddCode(Code(0, "disk", 7, "", false, 2));                   // Disk 7, any type
   codes.AddCode(Code(0, "", -1, "^Logon (failed|denied)", true, 3)); // regular expression
-  codes.AddCode(Code(0, "", -1, "SERVICE", false, 4));           // plain text, without case
-  codes.AddCode(Code(0, "", -1, "", false, 5));                  // everything
+  codes.AddCode(Code(0, "", -1, "SERVICE", false, 4));               // plain text, without case
+  codes.AddCode(Code(0, "", -1, "", false, 5));                      // everything
   EXPECT_EQ(codes.FindColorCode(4, "Disk", 7, "")->Value, 1);
   EXPECT_EQ(codes.FindColorCode(3, "DISK", 7, "")->Value, 2);
   EXPECT_EQ(codes.FindColorCode(3, "Other", 7, "Logon failed for x")->Value, 3);
@@ -57,7 +58,8 @@ TEST(ColorCodes, FilesRoundTripAndCheckTheirVersion) {
 
   auto load = [&](const std::string& AVersion) {
     std::string xml = "<QVEX_Colors";
-    xml.append(AVersion).append("><ColorCodes><ColorCode><Value>#FF0000</Value></ColorCode></ColorCodes></QVEX_Colors>");
+    xml.append(AVersion).append(
+        "><ColorCodes><ColorCode><Value>#FF0000</Value></ColorCode></ColorCodes></QVEX_Colors>");
     loaded.LoadFromString(xml);
   };
   load(" version='2'");
@@ -65,7 +67,8 @@ TEST(ColorCodes, FilesRoundTripAndCheckTheirVersion) {
   load(" version='1'");
   EXPECT_EQ(loaded.Count(), 1u);
   for (const auto& [version, message] :
-       {std::pair<std::string, std::string>{" version='2.5'", "This file was saved with a newer version of this program"},
+       {std::pair<std::string, std::string>{" version='2.5'",
+                                            "This file was saved with a newer version of this program"},
         {" version='x'", "Invalid version attribute"},
         {"", "Invalid version attribute"}}) {
     try {
@@ -78,9 +81,10 @@ TEST(ColorCodes, FilesRoundTripAndCheckTheirVersion) {
   // Nothing half-loaded: a bad code leaves the list as it was.
   codes.ClearAll();
   codes.AddCode(Code(0, "", -1, "", false, 9));
-  EXPECT_THROW(codes.LoadFromString("<QVEX_Colors version='2'><ColorCodes><ColorCode><Value>1</Value></ColorCode>"
-                                    "<ColorCode><EventID>abc</EventID></ColorCode></ColorCodes></QVEX_Colors>"),
-               EColorCodesError);
+  EXPECT_THROW(
+      codes.LoadFromString("<QVEX_Colors version='2'><ColorCodes><ColorCode><Value>1</Value></ColorCode>"
+                           "<ColorCode><EventID>abc</EventID></ColorCode></ColorCodes></QVEX_Colors>"),
+      EColorCodesError);
   EXPECT_THROW(codes.LoadFromString("<QVEX_Colors version='2'><ColorCodes><ColorCode><DescrText>(</DescrText>"
                                     "<DescrRegExp>1</DescrRegExp></ColorCode></ColorCodes></QVEX_Colors>"),
                EColorCodesError);

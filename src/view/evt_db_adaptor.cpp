@@ -1,0 +1,250 @@
+#include "view/evt_db_adaptor.h"
+
+#include "descriptions/time_zones.h"
+#include "engine/event_log_x.h"
+#include "engine/event_model.h"
+
+#include <cstdio>
+
+namespace qvx {
+
+// --- TEventBits ----------------------------------------------------------------------
+
+void TEventBits::AddEvent(size_t AIndex) {
+  if (AIndex >= FBits.size()) FBits.resize(AIndex + kGrowBy, false);
+  if (!FBits[AIndex]) {
+    ++FCount;
+    FBits[AIndex] = true;
+  }
+}
+
+void TEventBits::RemoveEvent(size_t AIndex) {
+  if (AIndex >= FBits.size()) FBits.resize(AIndex + kGrowBy, false);
+  if (FBits[AIndex]) {
+    --FCount;
+    FBits[AIndex] = false;
+  }
+}
+
+void TEventBits::ClearAll() {
+  FBits.assign(FBits.size(), false);
+  FCount = 0;
+}
+
+// --- row texts -------------------------------------------------------------------------
+
+const char* StoreTypeText(int64_t AType) {
+  switch (AType) {
+  case 0:
+    return "0";
+  case 1:
+    return "Verbose";
+  case 2:
+    return "Information";
+  case 3:
+    return "Warning";
+  case 4:
+    return "Error";
+  case 5:
+    return "Critical";
+  case 12:
+    return "Audit Success";
+  case 13:
+    return "Audit Failure";
+  default:
+    return "";
+  }
+}
+
+std::string StoreDateText(double ADays) {
+  const TSystemTime t = DaysToSystemTime(ADays);
+  char text[16];
+  std::snprintf(text, sizeof(text), "%04u-%02u-%02u", t.wYear % 10000u, t.wMonth % 100u, t.wDay % 100u);
+  return text;
+}
+
+std::string StoreTimeText(double ADays) {
+  const TSystemTime t = DaysToSystemTime(ADays);
+  char text[16];
+  std::snprintf(text, sizeof(text), "%02u:%02u:%02u", t.wHour % 100u, t.wMinute % 100u, t.wSecond % 100u);
+  return text;
+}
+
+std::string StoreTimeStampText(double ADays) {
+  const TSystemTime t = DaysToSystemTime(ADays);
+  char text[32];
+  std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear % 10000u, t.wMonth % 100u,
+                t.wDay % 100u, t.wHour % 100u, t.wMinute % 100u, t.wSecond % 100u, t.wMilliseconds % 1000u);
+  return text;
+}
+
+void TLiteRecord::FromEvent(TEventItemBase& AItem, int32_t ALogIndex) {
+  const double shown = AItem.GetTimeGenerated();
+  const TSystemTime t = DaysToSystemTime(shown);
+  char text[32];
+  std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear % 10000u, t.wMonth % 100u,
+                t.wDay % 100u, t.wHour % 100u, t.wMinute % 100u, t.wSecond % 100u, t.wMilliseconds % 1000u);
+  TimeStamp.assign(text);
+  Date.assign(text, 10);
+  Time.assign(text + 11, 8);
+  Type = static_cast<int32_t>(AItem.FEventType);
+  EventID = AItem.FEventID;
+  Source = AItem.FSourceName;
+  CategoryName = AItem.GetCategoryName();
+  UserName = AItem.GetUserName();
+  Computer = AItem.FComputername;
+  // The modern record number is 64 bits wide; the classic one is unsigned 32.
+  if (const auto* x = dynamic_cast<const TEventItemX*>(&AItem))
+    RecordNumber = static_cast<int64_t>(x->FEventRecordID);
+  else
+    RecordNumber = static_cast<uint32_t>(AItem.FRecordNumber);
+  EventLog = ALogIndex;
+  EvtXML = AItem.FEvtXML;
+  Descr = AItem.FEvtMessage;
+}
+
+std::string FormatSQL(std::string ATemplate, const std::vector<std::string>& AArgs) {
+  size_t from = 0;
+  for (const std::string& arg : AArgs) {
+    const size_t at = ATemplate.find("%s", from);
+    if (at == std::string::npos) break;
+    ATemplate.replace(at, 2, arg);
+    from = at + arg.size();
+  }
+  return ATemplate;
+}
+
+// --- TEvtSQLAdaptor ----------------------------------------------------------------------
+
+std::string TEvtSQLAdaptor::CustomColumnList() const {
+  std::string list;
+  for (size_t i = 1; i <= FCustomFields.size(); ++i)
+    list.append("CustomField").append(std::to_string(i)).append(" , ");
+  return list;
+}
+
+std::string TEvtSQLAdaptor::BuildQuery() const {
+  std::string sql = FormatSQL(SelectTemplate(), {CustomColumnList(), FTableName});
+  if (!FWhere.empty()) sql.append(" WHERE ").append(FWhere);
+  if (!FOrderBy.empty()) sql.append(FNoIndexes ? " ORDER BY +" : " ORDER BY ").append(FOrderBy);
+  if (FLimit > 0) sql.append(" LIMIT ").append(std::to_string(FLimit));
+  return sql;
+}
+
+void TEvtSQLAdaptor::MakeSQL() {
+  FQueryText = BuildQuery();
+  ReopenQuery();
+}
+
+std::string TEvtSQLAdaptor::SortOrderText(const std::string& AField, bool ADescending,
+                                          std::string& AIndexColumn) {
+  const char* direction = ADescending ? "DESC" : "ASC";
+  std::string order;
+  if (AField == "Type" || AField == "TypeStr") {
+    AIndexColumn = "Type";
+    order = "[Type] ";
+  } else if (AField == "Date") {
+    AIndexColumn = "TimeStamp";
+    order = "[TimeStamp] ";
+  } else {
+    AIndexColumn = AField == "_ID" ? std::string() : AField;
+    order.append("[").append(AField).append("] ");
+  }
+  return order.append(direction);
+}
+
+void TEvtSQLAdaptor::CreateSortIndex(const std::string& AColumn) {
+  ExecSQL(
+      FormatSQL("CREATE INDEX IF NOT EXISTS %s_%s ON %s (%s)", {FTableName, AColumn, FTableName, AColumn}));
+}
+
+void TEvtSQLAdaptor::SortTable(const std::string& AField, bool ADescending) {
+  std::string column;
+  const std::string order = SortOrderText(AField, ADescending, column);
+  if (!FNoIndexes && !column.empty()) CreateSortIndex(column);
+  FOrderBy = order;
+  FResortNeeded = false;
+}
+
+void TEvtSQLAdaptor::FltFilterInAll() {
+  ExecSQL(FormatSQL("UPDATE %s SET _Flt = 1", {FTableName}));
+}
+void TEvtSQLAdaptor::FltFilterOutAll() {
+  ExecSQL(FormatSQL("UPDATE %s SET _Flt = 0", {FTableName}));
+}
+void TEvtSQLAdaptor::FltFilterIn(int64_t AId) {
+  ExecSQL(FormatSQL("UPDATE %s SET _Flt = 1 WHERE _Id = %s", {FTableName, std::to_string(AId)}));
+}
+void TEvtSQLAdaptor::FltFilterOut(int64_t AId) {
+  ExecSQL(FormatSQL("UPDATE %s SET _Flt = 0 WHERE _Id = %s", {FTableName, std::to_string(AId)}));
+}
+
+void TEvtSQLAdaptor::BookmarkEvent() {
+  ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 1 WHERE _ID = %s", {FTableName, std::to_string(GetBookmark())}));
+}
+
+void TEvtSQLAdaptor::UnbookmarkEvent() {
+  ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 0 WHERE _ID = %s", {FTableName, std::to_string(GetBookmark())}));
+}
+
+void TEvtSQLAdaptor::BookmarksEventClear() {
+  ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 0", {FTableName}));
+}
+
+int64_t TEvtSQLAdaptor::BookmarksByCriteria(const std::string& AWhere) {
+  ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 0", {FTableName}));
+  ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 1 WHERE %s", {FTableName, AWhere}));
+  return QueryIntValue("SELECT Changes()");
+}
+
+int64_t TEvtSQLAdaptor::GetBookmarkCount() {
+  return QueryIntValue(FormatSQL("SELECT COUNT(*) FROM %s WHERE _Bmrk = 1", {FTableName}));
+}
+
+bool TEvtSQLAdaptor::BookmarksNextPrior(bool ANext) {
+  // Walks the query from the current row; the bookmark flag may have changed since the
+  // query was opened, so it is read from the table.
+  const int64_t start = GetBookmark();
+  auto marked = [&] {
+    return QueryIntValue(FormatSQL("SELECT _Bmrk FROM %s WHERE _ID = %s",
+                                   {FTableName, std::to_string(GetBookmark())})) != 0;
+  };
+  if (ANext) {
+    for (Next(); !Eof(); Next())
+      if (marked()) return true;
+  } else {
+    for (Prior(); !Bof(); Prior())
+      if (marked()) return true;
+  }
+  GotoBookmark(start);
+  return false;
+}
+
+void TEvtSQLAdaptor::InitFilter(const std::string& AWhere) {
+  FWhere = AWhere;
+  MakeSQL();
+}
+
+void TEvtSQLAdaptor::DoneFilter() {
+  MakeSQL();
+}
+
+void TEvtSQLAdaptor::UnfilterAll() {
+  FltFilterInAll();
+  FWhere.clear();
+  MakeSQL();
+}
+
+void TEvtSQLAdaptor::UnfilterAllQuick() {
+  FWhere.clear();
+  MakeSQL();
+}
+
+int64_t TEvtSQLAdaptor::GetRecordCount() {
+  std::string sql = FormatSQL("SELECT COUNT(*) FROM %s", {FTableName});
+  if (!FWhere.empty()) sql.append(" WHERE ").append(FWhere);
+  const int64_t count = QueryIntValue(sql);
+  return FLimit > 0 && count > FLimit ? FLimit : count;
+}
+
+} // namespace qvx

@@ -1,0 +1,62 @@
+#!/usr/bin/env bash
+# quorvex open / view / refresh: an event store loaded, filtered, sorted, bookmarked,
+# counted and refreshed; alerts start their program; bad stores are refused untouched.
+set -u
+QVX=$1
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+fail=0
+
+check() { # check NAME CONDITION-COMMAND...
+  local name=$1
+  shift
+  if "$@"; then echo "ok   $name"; else echo "FAIL $name"; fail=1; fi
+}
+
+"$QVX" demo -o "$tmp/demo.evtx" --no-dump >/dev/null 2>&1 || { echo "FAIL demo"; exit 1; }
+all=$("$QVX" events "$tmp/demo.evtx" -f jsonl -q | wc -l)
+cp "$tmp/demo.evtx" "$tmp/before.evtx"
+
+cat >"$tmp/alert.sh" <<'SH'
+#!/bin/sh
+printf '%s|%s\n' "$1" "$2" >>"$(dirname "$0")/alerted.txt"
+SH
+cat >"$tmp/alerts.xml" <<XML
+<?xml version="1.0" encoding="UTF-8"?>
+<AlertPatterns><Alert Source="Application Error" Id="4294967295" EventType="0" RunProgram="1"
+ ProgramName="/bin/sh $tmp/alert.sh [EventID] &quot;[Source]; touch $tmp/INJECTED&quot;"/></AlertPatterns>
+XML
+
+summary=$("$QVX" open "$tmp/demo.evtx" -s "$tmp/s.db" --alerts "$tmp/alerts.xml" 2>&1)
+check open-status test $? -eq 0
+check open-summary grep -q "$all events loaded from 1 log" <<<"$summary"
+check log-untouched cmp -s "$tmp/demo.evtx" "$tmp/before.evtx"
+check count-all test "$("$QVX" view "$tmp/s.db" --count)" -eq "$all"
+errors=$("$QVX" events "$tmp/demo.evtx" --type error -f jsonl -q | wc -l)
+check count-filter test "$("$QVX" view "$tmp/s.db" --type error --count)" -eq "$errors"
+first=$("$QVX" view "$tmp/s.db" --sort Date -n 1 -f jsonl | sed -E 's/.*"time":"([^"]*)".*/\1/')
+last=$("$QVX" view "$tmp/s.db" --sort Date --desc -n 1 -f jsonl | sed -E 's/.*"time":"([^"]*)".*/\1/')
+check sort-order test "$first" \< "$last"
+check bookmark sh -c "'$QVX' view '$tmp/s.db' --id 1000 --bookmark 2>&1 | grep -q '$errors events bookmarked'"
+check bookmarked test "$("$QVX" view "$tmp/s.db" --bookmarked --count)" -eq "$errors"
+check stats sh -c "'$QVX' view '$tmp/s.db' --stats | grep -q 'Top sources'"
+for i in $(seq 50); do [ "$(wc -l <"$tmp/alerted.txt" 2>/dev/null || echo 0)" -ge "$errors" ] && break; sleep 0.1; done
+check alerts-started test "$(wc -l <"$tmp/alerted.txt")" -eq "$errors"
+check alerts-args grep -q "^1000|Application Error; touch $tmp/INJECTED$" "$tmp/alerted.txt"
+check alerts-no-shell test ! -e "$tmp/INJECTED"
+
+refresh=$("$QVX" refresh "$tmp/s.db" 2>&1)
+check refresh-nothing-new grep -q "0 events added" <<<"$refresh"
+check refresh-notice grep -q "Only the recent events since" <<<"$refresh"
+check refresh-count test "$("$QVX" view "$tmp/s.db" --count)" -eq "$all"
+
+printf 'not a database at all, but somebody'"'"'s file%.0s' $(seq 200) >"$tmp/other.db"
+cp "$tmp/other.db" "$tmp/other.bak"
+err=$("$QVX" open "$tmp/demo.evtx" -s "$tmp/other.db" 2>&1)
+check not-a-store-status test $? -eq 1
+check not-a-store-message grep -q "not an event store" <<<"$err"
+check not-a-store-untouched cmp -s "$tmp/other.db" "$tmp/other.bak"
+err=$("$QVX" view "$tmp/missing.db" 2>&1)
+check missing-store grep -q "no such store" <<<"$err"
+
+exit $fail

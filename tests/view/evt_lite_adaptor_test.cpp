@@ -1,0 +1,276 @@
+// The event store over SQLite and the loading loop of the log view engine.
+#include "view/evt_lite_adaptor.h"
+#include "view/evt_mssql_adaptor.h"
+#include "view/log_view_engine.h"
+
+#include "engine/event_log_x.h"
+#include "support/test_paths.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace qvx {
+namespace {
+
+TLiteRecord Row(int32_t AType, const char* ATime, int64_t AId, const char* ASource, const char* ADescr) {
+  TLiteRecord r;
+  r.Type = AType;
+  r.TimeStamp = ATime;
+  r.Date = std::string(ATime, 10);
+  r.Time = std::string(ATime + 11, 8);
+  r.EventID = AId;
+  r.Source = ASource;
+  r.Descr = ADescr;
+  return r;
+}
+
+class EvtLiteAdaptor : public ::testing::Test {
+protected:
+  void SetUp() override {
+    FStore.InitThreadDataSet();
+    FStore.EmptyTable();
+    FStore.StartBatchInsert();
+    FStore.AppendLiteEvent(Row(4, "2024-03-02 10:00:00.000", 4625, "Security", "Logon failed"));
+    FStore.AppendLiteEvent(Row(0, "2024-03-01 10:00:00.000", 7036, "SCM", "running"));
+    FStore.AppendLiteEvent(Row(99, "2024-03-03 10:00:00.000", 1, "Odd", "unknown type"));
+    FStore.FinishBatchInsert();
+  }
+  std::string Column(const char* AField) {
+    std::string out;
+    for (FStore.First(); !FStore.Eof(); FStore.Next())
+      out.append(FStore.FieldText(AField)).push_back(';');
+    return out;
+  }
+  TEvtLiteAdaptor FStore{":memory:"};
+};
+
+TEST_F(EvtLiteAdaptor, BatchSizesFollowTheCustomColumnCount) {
+  EXPECT_EQ(TEvtLiteAdaptor::BatchSizeFor(10), 40u);
+  EXPECT_EQ(TEvtLiteAdaptor::BatchSizeFor(11), 30u);
+  EXPECT_EQ(TEvtLiteAdaptor::BatchSizeFor(15), 30u);
+  EXPECT_EQ(TEvtLiteAdaptor::BatchSizeFor(16), 15u);
+}
+
+TEST_F(EvtLiteAdaptor, SchemaTextAndTypeTexts) {
+  TEvtLiteAdaptor store(":memory:");
+  store.SetCustomFields({TDBCustomField{}, TDBCustomField{}});
+  const std::string sql = store.CreateTableSQL();
+  EXPECT_NE(sql.find("CREATE TABLE Events \r\n( \r\n[_ID] INTEGER PRIMARY KEY,\r\n"), std::string::npos);
+  EXPECT_NE(
+      sql.find("[Descr] TEXT COLLATE NOCASE, \r\n[CustomField1] COLLATE NOCASE , \r\n[CustomField2] COLLATE "
+               "NOCASE , \r\n[_Flt] INTEGER, \r\n[_Bmrk] INTEGER DEFAULT 0 \r\n)"),
+      std::string::npos);
+  FStore.MakeSQL();
+  EXPECT_EQ(Column("TypeStr"), "Error;0;;");
+}
+
+TEST_F(EvtLiteAdaptor, SortingAndIndexes) {
+  std::string column;
+  EXPECT_EQ(TEvtSQLAdaptor::SortOrderText("Date", true, column), "[TimeStamp] DESC");
+  EXPECT_EQ(column, "TimeStamp");
+  EXPECT_EQ(TEvtSQLAdaptor::SortOrderText("TypeStr", false, column), "[Type] ASC");
+  EXPECT_EQ(TEvtSQLAdaptor::SortOrderText("_ID", false, column), "[_ID] ASC");
+  EXPECT_EQ(column, "");
+  FStore.SortTable("Date", false);
+  FStore.MakeSQL();
+  EXPECT_EQ(Column("EventID"), "7036;4625;1;");
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE name = 'Events_TimeStamp'"), 1);
+  FStore.SortTable("_ID", true);
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'"), 1);
+  FStore.SetNoIndexes(true);
+  FStore.SortTable("Source", false);
+  EXPECT_NE(FStore.BuildQuery().find(" ORDER BY +[Source] ASC"), std::string::npos);
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'"), 1);
+  FStore.DropAllIndexes();
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'"), 0);
+}
+
+TEST_F(EvtLiteAdaptor, NavigationMovesBackByRereadingRows) {
+  FStore.SetOrderBy("[_ID] ASC");
+  FStore.MakeSQL();
+  EXPECT_EQ(FStore.FieldInt("EventID"), 4625);
+  FStore.Last();
+  EXPECT_EQ(FStore.FieldInt("EventID"), 1);
+  FStore.Prior();
+  EXPECT_EQ(FStore.FieldText("Source"), "SCM");
+  ASSERT_TRUE(FStore.GoToRecNo(1));
+  EXPECT_EQ(FStore.FieldText("Descr"), "Logon failed");
+  EXPECT_FALSE(FStore.GoToRecNo(4));
+  EXPECT_TRUE(FStore.Locate("source", "odd", false));
+  EXPECT_EQ(FStore.RecNo(), 3);
+  EXPECT_EQ(FStore.GetRecordCount(), 3);
+}
+
+TEST_F(EvtLiteAdaptor, BookmarksAndFlagFilter) {
+  EXPECT_EQ(FStore.BookmarksByCriteria("[EventID] > 1000"), 2);
+  EXPECT_EQ(FStore.GetBookmarkCount(), 2);
+  EXPECT_EQ(FStore.BookmarksByCriteria("[EventID] = 12345"), 0);
+  EXPECT_EQ(FStore.GetBookmarkCount(), 0);
+  FStore.MakeSQL();
+  FStore.BookmarkEvent();
+  EXPECT_EQ(FStore.GetBookmarkCount(), 1);
+  FStore.FltFilterOutAll();
+  FStore.FltFilterIn(2);
+  FStore.FltSetWhere();
+  FStore.MakeSQL();
+  EXPECT_EQ(Column("EventID"), "7036;");
+}
+
+TEST_F(EvtLiteAdaptor, FilterTextRunsForReal) {
+  FStore.SetFilterSQL("[Descr] REGEXP '^Logon' AND MyInStr([Source], 'secu', 0) <> 0");
+  FStore.MakeSQL();
+  EXPECT_EQ(Column("EventID"), "4625;");
+}
+
+TEST(EvtLiteAdaptorFiles, RefusesWhatIsNotAStore) {
+  const auto dir = test::ScratchDir();
+  const std::string path = (dir / "not-a-store.db").string();
+  std::ofstream(path) << std::string(4096, 'x');
+  TEvtLiteAdaptor store(path);
+  try {
+    store.InitThreadDataSet();
+    FAIL() << "opened";
+  } catch (const EEventStoreError& e) {
+    EXPECT_NE(std::string(e.what()).find("not an event store"), std::string::npos) << e.what();
+    EXPECT_NE(std::string(e.what()).find(path), std::string::npos);
+  }
+}
+
+TEST(EvtMSSQLAdaptor, TimeColumnsAndRowCount) {
+  TEvtMSSQLAdaptor server;
+  server.SetTableName("ev");
+  server.SetTimeZone("W. Europe Standard Time", 60);
+  server.SetServerMajorVersion(12);
+  EXPECT_NE(server.TimeColumns().find("DATEADD(minute, 60, [time_stamp]) AS [TimeStamp]"), std::string::npos);
+  server.SetServerMajorVersion(15);
+  EXPECT_NE(server.TimeColumns().find("AT TIME ZONE 'W. Europe Standard Time') as [TimeStamp]"),
+            std::string::npos);
+  server.SetRowLimit(50);
+  EXPECT_EQ(server.BuildQuery().rfind("Select TOP 50 [_ID]", 0), 0u);
+  EXPECT_NE(server.RowCountSQL().find("sta.name = 'ev' "), std::string::npos);
+}
+
+// A source that yields scripted records, newest first.
+class TScriptedLog : public TEventLogX {
+public:
+  struct TStep {
+    uint32_t Number;
+    double Time;
+    TEventType Type;
+  };
+  std::vector<TStep> Steps;
+  size_t Next = 0;
+  std::function<void()> OnRead;
+  TEventItemBase* EventNext() override {
+    if (Next >= Steps.size()) return nullptr;
+    if (OnRead) OnRead();
+    const TStep& s = Steps[Next++];
+    FItem.FRecordNumber = static_cast<int32_t>(s.Number);
+    FItem.FEventRecordID = s.Number;
+    FItem.FTimeGenerated = s.Time;
+    FItem.FEventType = s.Type;
+    FItem.FEventID = 100;
+    FItem.FSourceName = "Src";
+    return &FItem;
+  }
+  TEventItemX FItem{this};
+};
+
+struct TEngineRun {
+  TEvtLiteAdaptor Store{":memory:"};
+  TLogView View;
+  std::vector<TScriptedLog::TStep> Steps;
+  std::function<void(TScriptedLog&)> Setup;
+  TEngineRun() {
+    Store.InitThreadDataSet();
+    Store.EmptyTable();
+    View.Store = &Store;
+    View.Entries.AddEventLogFileEntry("Log", "log.evtx", true);
+  }
+  void Load(TWorkThread* AWorker = nullptr) {
+    View.OpenSource = [this](TLogEntry&) {
+      auto log = std::make_unique<TScriptedLog>();
+      log->Steps = Steps;
+      if (Setup) Setup(*log);
+      return std::unique_ptr<TEventLogBase>(std::move(log));
+    };
+    View.Entries.LastLoadedEntryIndex = 0;
+    if (AWorker) {
+      AWorker->Post(1);
+      AWorker->WaitIdle();
+    } else {
+      TWorkThread worker(&View);
+      worker.Post(1);
+      worker.WaitIdle();
+    }
+  }
+  int64_t Rows() { return Store.QueryIntValue("SELECT COUNT(*) FROM Events"); }
+};
+
+TEST(LogViewEngine, DeletedEventCheckAndStatistics) {
+  TEngineRun run;
+  run.View.CheckDeletedEvents = true;
+  run.Steps = {{10, 45000.3, EVT_ERROR}, {9, 45000.2, EVT_WARNING}, {7, 45000.1, EVT_AUDIT_SUCCESS}};
+  run.Load();
+  EXPECT_EQ(run.Rows(), 3);
+  ASSERT_EQ(run.View.Issues.size(), 1u);
+  EXPECT_NE(run.View.Issues[0].find(
+                "Potentially deleted event. Expected record number: 8. Actual record number: 7."),
+            std::string::npos);
+  EXPECT_EQ(run.View.Statistics.TypeError, 1);
+  EXPECT_EQ(run.View.Statistics.TypeAuditSuccess, 1);
+}
+
+TEST(LogViewEngine, RefreshWithNothingNewLoadsNothing) {
+  TEngineRun run;
+  run.Steps = {{10, 45000.3, EVT_ERROR}, {9, 45000.2, EVT_ERROR}};
+  run.Load();
+  EXPECT_EQ(run.Rows(), 2);
+  run.View.NewerOnly = true;
+  run.View.NoticeText.clear();
+  run.Load();
+  EXPECT_EQ(run.Rows(), 2);
+  EXPECT_NE(run.View.NoticeText.find("Log: Only the recent events since"), std::string::npos)
+      << run.View.NoticeText;
+  run.Steps.insert(run.Steps.begin(), {11, 45000.4, EVT_ERROR});
+  run.Load();
+  EXPECT_EQ(run.Rows(), 3);
+}
+
+TEST(LogViewEngine, LoadingFilterAndLimits) {
+  TEngineRun run;
+  run.Steps = {
+      {5, 5, EVT_ERROR}, {4, 4, EVT_WARNING}, {3, 3, EVT_ERROR}, {2, 2, EVT_ERROR}, {1, 1, EVT_INFORMATION}};
+  run.View.LoadingFilter.LoadEventTypes = 0; // every type passes
+  run.Load();
+  EXPECT_EQ(run.Rows(), 5);
+  run.Store.EmptyTable();
+  run.View.LoadingFilter.LoadEventTypes = 1 << EVT_ERROR;
+  run.View.LoadingFilter.LoadEvents = lemLastEvents;
+  run.View.LoadingFilter.NumEvents = 2;
+  run.View.NoticeText.clear();
+  run.Load();
+  EXPECT_EQ(run.Rows(), 2);
+  EXPECT_NE(run.View.NoticeText.find("Only events of these types were loaded: Error."), std::string::npos);
+  EXPECT_NE(run.View.NoticeText.find("Log: Only the recent 2 events were loaded."), std::string::npos);
+}
+
+TEST(LogViewEngine, StopMidLogKeepsLoadedEvents) {
+  TEngineRun run;
+  for (uint32_t i = 1000; i > 0; --i)
+    run.Steps.push_back({i, 45000.0 + i / 1e5, EVT_ERROR});
+  TWorkThread worker(&run.View);
+  run.Setup = [&](TScriptedLog& ALog) {
+    ALog.OnRead = [&ALog, &worker] {
+      if (ALog.Next == 300) worker.BreakThread();
+    };
+  };
+  run.Load(&worker);
+  EXPECT_EQ(run.Rows(), 301); // the break is seen before the next read
+  EXPECT_EQ(run.View.NoticeText, "User break.");
+  EXPECT_EQ(run.View.NoticeLevel, 1);
+}
+
+} // namespace
+} // namespace qvx
