@@ -117,7 +117,11 @@ void AppendFitted(std::string& AOut, std::string_view AText, size_t AWidth, bool
   if (!ALast) AOut.append(AWidth - points + 1, ' ');
 }
 
+// The first line of a description that holds text (the values of an event without a
+// description follow the no-description mark and a line break).
 std::string_view FirstLine(std::string_view AText) {
+  while (!AText.empty() && static_cast<unsigned char>(AText.front()) < 0x20)
+    AText.remove_prefix(1);
   return AText.substr(0, std::min(AText.find_first_of("\r\n"), AText.size()));
 }
 

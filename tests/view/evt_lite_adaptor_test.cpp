@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 namespace qvx {
 namespace {
@@ -270,6 +272,65 @@ TEST(LogViewEngine, StopMidLogKeepsLoadedEvents) {
   EXPECT_EQ(run.Rows(), 301); // the break is seen before the next read
   EXPECT_EQ(run.View.NoticeText, "User break.");
   EXPECT_EQ(run.View.NoticeLevel, 1);
+}
+
+} // namespace
+} // namespace qvx
+
+namespace qvx {
+namespace {
+
+TEST(EventBits, GrowsByHalfAMillionAndCountsSetBits) {
+  TEventBits bits;
+  EXPECT_FALSE(bits.IsEvent(5));
+  bits.AddEvent(5);
+  EXPECT_EQ(bits.Size(), 5u + TEventBits::kGrowBy);
+  bits.AddEvent(5);
+  EXPECT_EQ(bits.Count(), 1u);
+  bits.AddEvent(600000);
+  EXPECT_EQ(bits.Size(), 600000u + TEventBits::kGrowBy);
+  EXPECT_TRUE(bits.IsEvent(600000));
+  bits.RemoveEvent(5);
+  bits.RemoveEvent(7);
+  EXPECT_EQ(bits.Count(), 1u);
+  bits.ClearAll();
+  EXPECT_EQ(bits.Count(), 0u);
+  EXPECT_FALSE(bits.IsEvent(600000));
+}
+
+TEST(EvtLiteAdaptorFiles, StoreInUseIsRefused) {
+  const auto dir = test::ScratchDir();
+  const std::string path = (dir / "busy.db").string();
+  TEvtLiteAdaptor first(path);
+  first.InitThreadDataSet();
+  first.EmptyTable();
+  TEvtLiteAdaptor second(path);
+  try {
+    second.InitThreadDataSet();
+    FAIL() << "opened twice";
+  } catch (const EEventStoreError& e) {
+    EXPECT_NE(std::string(e.what()).find("another program has the store open"), std::string::npos)
+        << e.what();
+  }
+}
+
+TEST(EvtLiteAdaptorFiles, ReadOnlyStoreIsRefusedWithItsName) {
+  if (geteuid() == 0) GTEST_SKIP() << "root writes read-only files";
+  const auto dir = test::ScratchDir();
+  const std::string path = (dir / "ro.db").string();
+  {
+    TEvtLiteAdaptor store(path);
+    store.InitThreadDataSet();
+    store.EmptyTable();
+  }
+  std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+  TEvtLiteAdaptor store(path);
+  EXPECT_THROW(
+      {
+        store.InitThreadDataSet();
+        store.EmptyTable();
+      },
+      EEventStoreError);
 }
 
 } // namespace
