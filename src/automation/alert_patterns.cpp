@@ -57,28 +57,7 @@ uint32_t TypeBit(int64_t AType) {
   return EventTypeToMask(static_cast<TEventType>(AType));
 }
 
-std::string TypeStr(int64_t AType) {
-  switch (AType) {
-  case 0:
-    return "0";
-  case 1:
-    return "Verbose";
-  case 2:
-    return "Information";
-  case 3:
-    return "Warning";
-  case 4:
-    return "Error";
-  case 5:
-    return "Critical";
-  case 12:
-    return "Audit Success";
-  case 13:
-    return "Audit Failure";
-  default:
-    return std::string();
-  }
-}
+std::string TypeStr(int64_t AType) { return StoreTypeText(AType); }
 
 std::string_view TrimBlanks(std::string_view AText) {
   while (!AText.empty() && (AText.front() == ' ' || AText.front() == '\t'))

@@ -298,4 +298,27 @@ int TEventLogBase::ShiftMinutesAt(double AUtcDays) const {
   }
 }
 
+const char* StoreTypeText(int64_t AType) {
+  switch (AType) {
+  case 0:
+    return "0";
+  case 1:
+    return "Verbose";
+  case 2:
+    return "Information";
+  case 3:
+    return "Warning";
+  case 4:
+    return "Error";
+  case 5:
+    return "Critical";
+  case 12:
+    return "Audit Success";
+  case 13:
+    return "Audit Failure";
+  default:
+    return "";
+  }
+}
+
 } // namespace qvx

@@ -49,6 +49,9 @@ uint32_t EventTypeToClassic(TEventType AType);
 TEventType ClassicToEventType(uint32_t AClassic);
 // The bit of the type filter; 0 for reserved values.
 uint32_t EventTypeToMask(TEventType AType);
+// The type text of a stored type code, as views and alert macros show it: "Verbose",
+// "Information", ..., "0" for 0 and "" for codes that are not event types.
+const char* StoreTypeText(int64_t AType);
 // Display name: "Information", "Audit Failure", "Reserved (7)", ...
 const char* EventTypeName(TEventType AType);
 

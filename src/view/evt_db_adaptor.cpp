@@ -33,29 +33,6 @@ void TEventBits::ClearAll() {
 
 // --- row texts -------------------------------------------------------------------------
 
-const char* StoreTypeText(int64_t AType) {
-  switch (AType) {
-  case 0:
-    return "0";
-  case 1:
-    return "Verbose";
-  case 2:
-    return "Information";
-  case 3:
-    return "Warning";
-  case 4:
-    return "Error";
-  case 5:
-    return "Critical";
-  case 12:
-    return "Audit Success";
-  case 13:
-    return "Audit Failure";
-  default:
-    return "";
-  }
-}
-
 std::string StoreDateText(double ADays) {
   const TSystemTime t = DaysToSystemTime(ADays);
   char text[16];

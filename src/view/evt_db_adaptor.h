@@ -98,8 +98,6 @@ struct TEventData {
   bool HasCustomField(size_t AIndex) const { return AIndex < CustomNull.size() && !CustomNull[AIndex]; }
 };
 
-// "Verbose", "Information", ... for the store's type codes; "0" for 0, "" for unknown codes.
-const char* StoreTypeText(int64_t AType);
 // Day count to the store's time texts.
 std::string StoreTimeStampText(double ADays); // 2024-03-01 14:05:09.123
 std::string StoreDateText(double ADays);      // 2024-03-01
