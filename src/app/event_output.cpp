@@ -1,5 +1,7 @@
 #include "app/event_output.h"
 
+#include "engine/event_xml.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -256,10 +258,15 @@ public:
     FBuffer += "{\"record\":";
     AppendUnsigned(FBuffer, AItem.FEventRecordID);
     FBuffer += ",\"time\":\"";
+    // The day count carries milliseconds; the 100 ns digits below them come from the
+    // event's own time text (the zone offset is whole minutes, so they are the same).
+    const unsigned units = static_cast<unsigned>(FractionDigits(AItem.FSystemTime, 3, 4));
     AppendDayCountText(FBuffer, AItem.GetTimeGenerated(), 'T');
+    AppendDigits(FBuffer, units, 4);
     AppendOffsetText(FBuffer, owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0);
     FBuffer += "\",\"time_utc\":\"";
     AppendDayCountText(FBuffer, AItem.FTimeGenerated, 'T');
+    AppendDigits(FBuffer, units, 4);
     FBuffer += "Z\",\"system_time\":";
     AppendJsonString(FBuffer, AItem.FSystemTime);
     FBuffer += ",\"type\":";

@@ -236,8 +236,8 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
       if (name == "Level" && first(2)) SetUnescaped(AFields.Level, content());
       break;
     case 6:
-      // The element is looked up by this exact name.
-      if (name == "OpCode" && first(4)) SetUnescaped(AFields.OpCode, content());
+      // Event XML writes <Opcode>; "OpCode" is accepted too.
+      if ((name == "Opcode" || name == "OpCode") && first(4)) SetUnescaped(AFields.OpCode, content());
       break;
     case 7:
       if (name == "EventID" && first(8)) {
@@ -342,9 +342,26 @@ double SystemTimeTextToDays(std::string_view AText) {
   t.wHour = static_cast<uint16_t>(number(11, 2));
   t.wMinute = static_cast<uint16_t>(number(14, 2));
   t.wSecond = static_cast<uint16_t>(number(17, 2));
-  t.wMilliseconds = static_cast<uint16_t>(number(20, 3));
+  // The fraction is decimal: ".0457" is 45 ms. The day count carries whole milliseconds
+  // (truncated, so an event never moves into the next millisecond or second); the
+  // digits below them stay in the text (SubMillisecondUnits).
+  t.wMilliseconds = static_cast<uint16_t>(FractionDigits(AText, 0, 3));
   if (t.wMonth < 1 || t.wMonth > 12 || t.wDay < 1 || t.wDay > 31) return 0;
   return SystemTimeToDays(t);
+}
+
+int FractionDigits(std::string_view AText, size_t AFirst, size_t ACount) {
+  // The fraction's digits follow the separator at 19 ('.', or ':' in older text);
+  // digits it does not have count as zeros.
+  size_t end = 20;
+  if (AText.size() > 19 && (AText[19] == '.' || AText[19] == ':'))
+    while (end < AText.size() && AText[end] >= '0' && AText[end] <= '9') ++end;
+  int v = 0;
+  for (size_t k = 0; k < ACount; ++k) {
+    const size_t i = 20 + AFirst + k;
+    v = v * 10 + (i < end ? AText[i] - '0' : 0);
+  }
+  return v;
 }
 
 namespace {

@@ -47,10 +47,16 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
 // Appends AText with its XML entities (&amp; &lt; &gt; &quot; &apos; &#n; &#xn;) decoded.
 void AppendXmlUnescaped(std::string& AOut, std::string_view AText);
 
-// "2024-03-11T10:20:30.1234Z" read by position: year 1-4, month 6-7, day 9-10, hour
-// 12-13, minute 15-16, second 18-19, milliseconds 21-23; anything that is not a
-// digit reads as 0. Returns a UTC day count, 0 for text that is too short.
+// "2024-03-11T10:20:30.0456789Z" read by position: year 1-4, month 6-7, day 9-10, hour
+// 12-13, minute 15-16, second 18-19, then the decimal fraction after a '.' (or ':'),
+// truncated to whole milliseconds; anything that is not a digit reads as 0. Returns a
+// UTC day count, 0 for text that is too short.
 double SystemTimeTextToDays(std::string_view AText);
+
+// ACount digits of that fraction from its digit AFirst (0: tenths of a second), as one
+// number; digits the text does not have count as zeros. FractionDigits(t, 3, 4) gives
+// the 100-nanosecond units below the millisecond.
+int FractionDigits(std::string_view AText, size_t AFirst, size_t ACount);
 
 // The event type from the channel, the keywords ("0x…" hexadecimal) and the level.
 // Audit keywords count only in the "Security" channel.

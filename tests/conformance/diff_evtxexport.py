@@ -21,13 +21,11 @@ before comparing. A value rule is tried only when the two texts differ, so a str
 that merely looks like a date or a number is compared as it is. The summary counts
 how often each one was met.
 
- N1  FILETIME fraction. Quorvex writes the fraction of the second as a count of
-     100-microsecond units without leading zeros ("0" when there is none);
-     evtxexport writes nine digits of nanoseconds at 100 ns resolution.
-         quorvex     2022-10-11T19:26:52.456Z        (0.0456 s)
+ N1  FILETIME digits. Quorvex writes seven digits of the fraction of the second, as
+     Windows renders event XML; evtxexport writes nine, whose last two are always 0
+     (the value has 100 ns resolution). The values must be equal to the digit.
+         quorvex     2022-10-11T19:26:52.0456558Z
          evtxexport  2022-10-11T19:26:52.045655800Z
-     Both are turned back into whole 100 us units (evtxexport's truncated) and
-     compared at that precision.
 
  N2  Hexadecimal letter case and prefix. Quorvex writes upper-case hex digits, and
      32-bit hex values (type 0x14) with an "0X" prefix; evtxexport writes lower-case
@@ -36,17 +34,7 @@ how often each one was met.
          quorvex     0x000000000004424D   0X00000000
          evtxexport  0x000000000004424d   0x00000000
 
- N3  Array layout. Quorvex writes an array value (type 0x81 and 0x83-0x95) as one
-     element whose text lists the items, "[0] a\\r\\n[1] b"; evtxexport repeats the
-     element once per item.
-         quorvex     <Data>[0] 10.00.\\r\\n[1] 19044\\r\\n[2] \\r\\n[3] Multiprocessor Free</Data>
-         evtxexport  <Data>10.00.</Data> <Data>19044</Data> <Data/> <Data>Multiprocessor Free</Data>
-     Quorvex's element is split at each CR LF "[k] " (k counting up from 1) into
-     copies that carry the same name and attributes. Only CR LF separates items:
-     an item's own line breaks (ESENT's "\\n[1] 0.001613 ...") are left alone, which
-     is why carriage returns are kept while parsing.
-
- N4  Empty optional values. An optional substitution (token 0x0E) that is empty
+ N3  Empty optional values. An optional substitution (token 0x0E) that is empty
      leaves out the attribute it fills in both programs. For an element whose whole
      content is such a value, Quorvex writes the element empty and evtxexport leaves
      it out; seen in classic events' EventData:
@@ -57,14 +45,14 @@ how often each one was met.
      missing on the other. An element that evtxexport has and Quorvex lacks is
      always reported.
 
- N5  Characters XML 1.0 cannot carry (U+0000-U+0008, U+000B, U+000C, U+000E-U+001F).
+ N4  Characters XML 1.0 cannot carry (U+0000-U+0008, U+000B, U+000C, U+000E-U+001F).
      Quorvex writes each as a space so its output stays well-formed; evtxexport
      writes them raw, which no XML parser accepts.
          quorvex     <Data Name="QNAME">b._dns-sd._udp.@¦5 .</Data>
          evtxexport  <Data Name="QNAME">b._dns-sd._udp.@¦5\\x01.</Data>
      They are replaced by a space in evtxexport's output before parsing.
 
- N6  Markup characters in values. Quorvex escapes & < > " ' in every value;
+ N5  Markup characters in values. Quorvex escapes & < > " ' in every value;
      evtxexport writes many string values raw, so a value holding markup either
      breaks its record or turns into elements when parsed.
          quorvex     <Data Name="Value">&lt;S:Envelope&gt;&lt;S:Header&gt;...</Data>
@@ -73,11 +61,6 @@ how often each one was met.
      child element on a line of its own, so the text of every leaf element is
      escaped again before parsing ('<' always, '&' unless it already starts an
      entity or character reference).
-
- N7  SYSTEMTIME milliseconds. Quorvex separates the milliseconds with a colon,
-     evtxexport with a full stop.
-         quorvex     2019-03-20T07:00:07:000Z
-         evtxexport  2019-03-20T07:00:07.000Z
 
 evtxexport's own faults
 =======================
@@ -95,7 +78,7 @@ the case is listed here. It is counted and shown, but does not fail the check
      ("unsupported type: 0x49" in a CAPI2 log, 0x05 in an attribute of a forwarded
      MSExchange event) it prints "Unable to export file." and exits with 1. The
      records it never printed are listed as not compared; a record evtxexport printed
-     that still does not parse after N5 and N6 is listed the same way.
+     that still does not parse after N4 and N5 is listed the same way.
 
 Exit status: 0 when every record agrees after the normalisations above, 1 when
 anything else differs (a mismatching record, a record only one side has, a quorvex
@@ -120,10 +103,9 @@ SKIP = 77
 REPO = Path(__file__).resolve().parent.parent.parent
 
 # ---------------------------------------------------------------------------
-# Values (N1, N2, N7, E1)
+# Values (N1, N2, E1)
 
 _FILETIME = re.compile(r"^(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)\.(\d+)Z$")
-_SYSTEMTIME_Q = re.compile(r"^(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d):(\d{3})Z$")
 _HEX = re.compile(r"^0[xX]([0-9a-fA-F]+)$")
 _GUID = re.compile(r"^\{[0-9a-fA-F]{8}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{4}-[0-9a-fA-F]{12}\}$")
 _INT = re.compile(r"^-?\d+$")
@@ -134,10 +116,10 @@ def _filetime(text: str, side: str):
     if not m:
         return None
     frac = m.group(2)
-    if side == "q" and len(frac) <= 4:
-        return f"{m.group(1)}+{int(frac):04d}"
-    if side == "e" and len(frac) == 9:
-        return f"{m.group(1)}+{int(frac) // 100000:04d}"
+    if side == "q" and len(frac) == 7:
+        return f"{m.group(1)}.{frac}"
+    if side == "e" and len(frac) == 9 and frac.endswith("00"):
+        return f"{m.group(1)}.{frac[:7]}"
     return None
 
 
@@ -150,14 +132,7 @@ def _hex(text: str, side: str):
     return None
 
 
-def _systemtime(text: str, side: str):
-    if side == "e":
-        return text
-    m = _SYSTEMTIME_Q.match(text)
-    return f"{m.group(1)}.{m.group(2)}Z" if m else None
-
-
-VALUE_RULES = (("N1 FILETIME fraction", _filetime), ("N2 hex case", _hex), ("N7 SYSTEMTIME separator", _systemtime))
+VALUE_RULES = (("N1 FILETIME digits", _filetime), ("N2 hex case", _hex))
 
 
 def _e1_negative_int(q: str, e: str) -> bool:
@@ -192,7 +167,7 @@ def same_value(q: str, e: str, hits: dict) -> bool:
 # ---------------------------------------------------------------------------
 # Reading the two outputs
 
-_XML_BAD = re.compile("[\x00-\x08\x0b\x0c\x0e-\x1f]")  # N5
+_XML_BAD = re.compile("[\x00-\x08\x0b\x0c\x0e-\x1f]")  # N4
 _EVENT_BLOCK = re.compile(r"^<Event[ >].*?^</Event>[ \t]*$", re.M | re.S)
 _RID_TEXT = re.compile(r"<EventRecordID>\s*(\d+)\s*</EventRecordID>")
 _START_TAG = re.compile(r"^([ \t]*)<([A-Za-z_][\w.:-]*)((?:\s+[\w.:-]+=\"[^\"]*\")*)>(.*)$", re.S)
@@ -235,7 +210,7 @@ def _escape_text(text: str) -> str:
 
 
 def escape_leaf_text(block: str) -> str:
-    """N6: escapes the text of every leaf element of one evtxexport record."""
+    """N5: escapes the text of every leaf element of one evtxexport record."""
     lines = block.split("\n")
     out = []
     i = 0
@@ -268,7 +243,7 @@ def escape_leaf_text(block: str) -> str:
 
 
 def keep_cr(data: bytes) -> bytes:
-    """Carriage returns as character references, so the parser keeps them (N3 needs them).
+    """Carriage returns as character references, so the parser keeps them (values compare with their own line breaks).
 
     Only inside the root element: no character reference may stand before or after it."""
     at, end = data.find(b"<Events"), data.rfind(b"</Events>")
@@ -281,8 +256,8 @@ def keep_cr(data: bytes) -> bytes:
 class Side:
     records: list = field(default_factory=list)  # (record id, element)
     unparsed: list = field(default_factory=list)  # (record id or None, message)
-    control: int = 0  # records N5 changed
-    escaped: int = 0  # records N6 changed
+    control: int = 0  # records N4 changed
+    escaped: int = 0  # records N5 changed
     status: int = 0
     stderr: str = ""
     error: str = ""
@@ -313,8 +288,8 @@ def read_evtxexport(data: bytes, side: Side) -> None:
         block = m.group(0)
         if _XML_BAD.search(block):
             side.control += 1
-            block = _XML_BAD.sub(" ", block)  # N5
-        fixed = escape_leaf_text(block)  # N6
+            block = _XML_BAD.sub(" ", block)  # N4
+        fixed = escape_leaf_text(block)  # N5
         side.escaped += fixed != block
         try:
             ev = ET.fromstring(fixed.replace("\r", "&#13;"))
@@ -334,40 +309,8 @@ def clean_text(t) -> str:
 
 
 def is_empty(el: ET.Element) -> bool:
-    """No attributes, no children, no text, nothing after it (N4)."""
+    """No attributes, no children, no text, nothing after it (N3)."""
     return not el.attrib and len(el) == 0 and not clean_text(el.text) and not clean_text(el.tail)
-
-
-def split_array(text):
-    """N3: the items of Quorvex's "[0] a\\r\\n[1] b", or None when the text is not one."""
-    if not text or not text.startswith("[0] "):
-        return None
-    items, k, start = [], 1, 4
-    while True:
-        sep = f"\r\n[{k}] "
-        i = text.find(sep, start)
-        if i < 0:
-            items.append(text[start:])
-            return items
-        items.append(text[start:i])
-        start = i + len(sep)
-        k += 1
-
-
-def expand_arrays(children: list, hits: dict) -> list:
-    out = []
-    for c in children:
-        items = split_array(c.text) if len(c) == 0 else None
-        if items is None:
-            out.append(c)
-            continue
-        count(hits, "N3 array layout")
-        for n, item in enumerate(items):
-            x = ET.Element(c.tag, c.attrib)
-            x.text = item
-            x.tail = c.tail if n == len(items) - 1 else None
-            out.append(x)
-    return out
 
 
 def step_names(children: list) -> list:
@@ -405,12 +348,12 @@ def compare(q: ET.Element, e: ET.Element, path: str, diffs: list, hits: dict) ->
             if not same_value(qa[k], ea[k], hits):
                 diffs.append((f"{path}/@{k}", "attribute", qa[k], ea[k]))
         elif (qa[k] if k in qa else ea[k]) == "":
-            count(hits, "N4 empty optional value")
+            count(hits, "N3 empty optional value")
         else:
             diffs.append((f"{path}/@{k}", "attribute", qa.get(k), ea.get(k)))
     if not same_value(clean_text(q.text), clean_text(e.text), hits):
         diffs.append((path, "text", clean_text(q.text), clean_text(e.text)))
-    align_children(expand_arrays(list(q), hits), list(e), path, diffs, hits)
+    align_children(list(q), list(e), path, diffs, hits)
 
 
 def compare_pair(q: ET.Element, e: ET.Element, path: str, diffs: list, hits: dict) -> None:
@@ -427,7 +370,7 @@ def align_children(qc: list, ec: list, path: str, diffs: list, hits: dict) -> No
 
     def only_q(i, into, h):
         if is_empty(qc[i]):
-            count(h, "N4 empty optional value")
+            count(h, "N3 empty optional value")
         else:
             into.append((f"{path}/{qnames[i]}", "only in quorvex", render(qc[i]), None))
 
@@ -444,7 +387,7 @@ def align_children(qc: list, ec: list, path: str, diffs: list, hits: dict) -> No
                 compare_pair(qc[i], ec[i], f"{path}/{qnames[i]}", diffs, hits)
         return
     # The counts differ: align the lists (edit distance), letting an empty Quorvex element
-    # stand for one evtxexport leaves out (N4). Whatever else is left over is reported.
+    # stand for one evtxexport leaves out (N3). Whatever else is left over is reported.
     memo: dict = {}
 
     def pair(i, j):
@@ -579,9 +522,9 @@ def check_file(path: str, quorvex: str, evtxexport: str, timeout: float) -> File
         rid, msg = e.unparsed[0]
         res.notes.append(f"evtxexport: {len(e.unparsed)} record(s) that do not parse, e.g. record {rid}: {msg} (E2)")
     if e.control:
-        count(res.hits, "N5 control characters", e.control)
+        count(res.hits, "N4 control characters", e.control)
     if e.escaped:
-        count(res.hits, "N6 markup in evtxexport values", e.escaped)
+        count(res.hits, "N5 markup in evtxexport values", e.escaped)
 
     pairs, only_q, res.only_e = pair_records(q.records, e.records)
     unparsed_e = [rid for rid, _ in e.unparsed]

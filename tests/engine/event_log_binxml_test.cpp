@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 
 namespace qvx {
 namespace {
@@ -179,6 +180,77 @@ TEST(BinXmlSourceFields, NoDescriptionGivesTheMarkThenTheValues) {
   ASSERT_NE(item, nullptr);
   EXPECT_EQ(item->FEvtMessage, "\x01\r\nfirst\r\n2");
   EXPECT_FALSE(item->FDescriptionFound);
+}
+
+// A classic event's insertion strings, as Windows forwards them: one string array filling
+// one unnamed <Data>. Other providers write integer and GUID arrays the same way.
+TEvtxEventDraft ArrayEvent() {
+  static const uint32_t numbers[] = {1, 4294967295u};
+  static const TEvtxValue guids[] = {TEvtxValue::Guid("{54849625-5478-4994-A5BA-3E3B0328C30D}")};
+  TEvtxEventDraft e = SampleEvent(1);
+  e.FData = {{"", TEvtxValue::StringArray({"Product: Tool -- Installation completed.", "(NULL)", "", "it's"})},
+             {"Numbers", TEvtxValue::UInt32Array(numbers)},
+             {"Guids", TEvtxValue::Array(EvtxType::Guid, guids)},
+             {"Empty", TEvtxValue::StringArray({})},
+             {"After", TEvtxValue::String("last")}};
+  return e;
+}
+
+TEST(BinXmlSourceArrays, EachItemIsADataValue) {
+  auto log = OpenFile(WriteTempFile("arrays.evtx", MakeFileFromChunks({ChunkOf(1, {ArrayEvent()})})));
+  auto* item = static_cast<TEventItemX*>(log->EventNext());
+  ASSERT_NE(item, nullptr);
+  const TStringList expected = {"Product: Tool -- Installation completed.", "(NULL)", "", "it's", "1", "4294967295",
+                                "{54849625-5478-4994-A5BA-3E3B0328C30D}", "", "last"};
+  EXPECT_EQ(item->FStrings, expected);
+  EXPECT_NE(item->FEvtXML.find("<Data>(NULL)</Data>\r\n<Data></Data>\r\n<Data>it&apos;s</Data>"), std::string::npos);
+  EXPECT_NE(item->FEvtXML.find("<Data Name=\"Numbers\">1</Data>\r\n<Data Name=\"Numbers\">4294967295</Data>"),
+            std::string::npos);
+  // The description without a message: the not-found mark, then every item.
+  EXPECT_EQ(item->FEvtMessage.find("\x01\r\nProduct: Tool -- Installation completed.\r\n(NULL)\r\n\r\nit's\r\n1\r\n"), 0u);
+}
+
+// The same log through evtxexport (Debian's libevtx-utils), run as a black box: every
+// <Data> element, with its attributes and text, must be the same.
+TEST(BinXmlSourceArrays, DataElementsMatchEvtxexport) {
+  const std::string path = WriteTempFile("arrays-peer.evtx", MakeFileFromChunks({ChunkOf(1, {ArrayEvent()})}));
+  std::FILE* p = ::popen(("evtxexport -f xml '" + path + "' 2>/dev/null").c_str(), "r");
+  std::string peer;
+  if (p) {
+    char buf[4096];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) peer.append(buf, n);
+    ::pclose(p);
+  }
+  if (peer.find("<Event") == std::string::npos) GTEST_SKIP() << "evtxexport is not installed";
+  auto dataElements = [](const std::string& AXml) {
+    std::vector<std::string> out;
+    for (size_t at = AXml.find("<Data"); at != std::string::npos; at = AXml.find("<Data", at + 1)) {
+      const size_t end = AXml.find('>', at);
+      if (end == std::string::npos) break;
+      std::string head = AXml.substr(at, end - at);
+      const bool empty = !head.empty() && head.back() == '/'; // <Data/> and <Data></Data> are one thing
+      if (empty) head.pop_back();
+      while (!head.empty() && head.back() == ' ') head.pop_back();
+      const size_t close = AXml.find("</Data>", end);
+      const std::string text = empty || close == std::string::npos ? "" : AXml.substr(end + 1, close - end - 1);
+      out.push_back(head + ">" + text + "</Data>");
+    }
+    return out;
+  };
+  auto log = OpenFile(path);
+  auto* item = static_cast<TEventItemX*>(log->EventNext());
+  ASSERT_NE(item, nullptr);
+  // evtxexport writes apostrophes raw.
+  std::string ours;
+  for (size_t from = 0;;) {
+    const size_t at = item->FEvtXML.find("&apos;", from);
+    ours.append(item->FEvtXML, from, at == std::string::npos ? std::string::npos : at - from);
+    if (at == std::string::npos) break;
+    ours.push_back('\'');
+    from = at + 6;
+  }
+  const auto expected = dataElements(peer);
+  EXPECT_EQ(dataElements(ours), expected) << peer;
 }
 
 TEST(BinXmlSourceFields, ControlCharactersInValuesBecomeSpaces) {

@@ -1,6 +1,8 @@
 // Reading event fields out of event XML: system fields, data values, times, types.
 #include "engine/event_xml.h"
 
+#include <cstdio>
+
 #include <gtest/gtest.h>
 
 namespace qvx {
@@ -33,8 +35,7 @@ TEST(EventXmlSystemFields, ReadsEveryFieldAsText) {
   EXPECT_EQ(f.Channel, "Security");
   EXPECT_EQ(f.Computer, "WS&1");
   EXPECT_EQ(f.UserID, "S-1-5-18");
-  // The opcode is looked up as "OpCode"; the event's own element is spelt "Opcode".
-  EXPECT_EQ(f.OpCode, "");
+  EXPECT_EQ(f.OpCode, "3"); // <Opcode>, as events write it
 }
 
 TEST(EventXmlSystemFields, MissingSectionOrFieldsLeaveThemEmpty) {
@@ -81,20 +82,47 @@ TEST(EventXmlUnescape, BadEntitiesStayAsWritten) {
   EXPECT_EQ(out, "&bogus; & &#xZZ; \xEF\xBF\xBD \xF0\x9F\x98\x80");
 }
 
-TEST(EventXmlTime, MillisecondsByPosition) {
+TEST(EventXmlTime, FractionIsDecimalAndTruncatedToMilliseconds) {
   const TSystemTime t = DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01.123456789Z"));
   EXPECT_EQ(t.wYear, 2024);
   EXPECT_EQ(t.wMonth, 3);
   EXPECT_EQ(t.wDay, 11);
   EXPECT_EQ(t.wHour, 9);
   EXPECT_EQ(t.wSecond, 1);
-  EXPECT_EQ(t.wMilliseconds, 123); // the rest of the fraction is dropped
-  // The decoder writes the fraction in 100 µs units without padding; read by position,
-  // ".50Z" gives 50.
-  EXPECT_EQ(DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01.50Z")).wMilliseconds, 50);
-  EXPECT_EQ(DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01Z")).wMilliseconds, 0);
+  EXPECT_EQ(t.wMilliseconds, 123);
+  auto ms = [](const char* AText) { return DaysToSystemTime(SystemTimeTextToDays(AText)).wMilliseconds; };
+  EXPECT_EQ(ms("2024-03-11T09:00:01.0456789Z"), 45); // not 456: the fraction is decimal
+  EXPECT_EQ(ms("2024-03-11T09:00:01.0001234Z"), 0);
+  EXPECT_EQ(ms("2024-03-11T09:00:01.5Z"), 500);
+  EXPECT_EQ(ms("2024-03-11T09:00:01:006Z"), 6); // older SYSTEMTIME text
+  EXPECT_EQ(ms("2024-03-11T09:00:01Z"), 0);
+  // 0.9999999 s stays in its second.
+  const TSystemTime late = DaysToSystemTime(SystemTimeTextToDays("2024-03-11T09:00:01.9999999Z"));
+  EXPECT_EQ(late.wSecond, 1);
+  EXPECT_EQ(late.wMilliseconds, 999);
   EXPECT_EQ(SystemTimeTextToDays("garbage"), 0);
   EXPECT_EQ(SystemTimeTextToDays("2024-13-11T09:00:01.000Z"), 0);
+  // The 100 ns units below the millisecond.
+  EXPECT_EQ(FractionDigits("2024-03-11T09:00:01.0456789Z", 3, 4), 6789);
+  EXPECT_EQ(FractionDigits("2024-03-11T09:00:01.9999999Z", 0, 7), 9999999);
+  EXPECT_EQ(FractionDigits("2024-03-11T09:00:01.5Z", 3, 4), 0);
+  EXPECT_EQ(FractionDigits("2024-03-11T09:00:01Z", 0, 7), 0);
+  EXPECT_EQ(FractionDigits("", 0, 7), 0);
+}
+
+TEST(EventXmlTime, EventsMillisecondsApartKeepTheirOrder) {
+  // 20 events 50 ms apart inside one second, from FILETIME text as the decoder writes it.
+  double previous = 0;
+  for (int i = 0; i < 20; ++i) {
+    char text[40];
+    std::snprintf(text, sizeof text, "2024-03-11T09:00:01.%07dZ", i * 500000 + 1234);
+    const double days = SystemTimeTextToDays(text);
+    EXPECT_EQ(DaysToSystemTime(days).wMilliseconds, i * 50) << text;
+    if (i) {
+      EXPECT_GT(days, previous) << text;
+    }
+    previous = days;
+  }
 }
 
 TEST(EventXmlType, LevelKeywordsAndChannel) {

@@ -500,6 +500,49 @@ void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, uint16_t 
   R.Pending = savedPending;
 }
 
+// The substitution that is the whole content of element AElement (nothing but end
+// tokens after its start tag closes), or null.
+const TBXmlChild0DNode* SoleContentSubstitution(const TBXmlChild01Node* AElement) {
+  const TBXmlNodeCommon* sole = nullptr;
+  bool inContent = false;
+  for (const TBXmlNodeCommon* n = AElement->FirstChild; n; n = n->Next) {
+    if (!inContent) {
+      inContent = n->Kind == TBXmlKind::bkChild02;
+      continue;
+    }
+    switch (n->Kind) {
+    case TBXmlKind::bkChild0D:
+    case TBXmlKind::bkChild0E:
+      if (sole) return nullptr;
+      sole = n;
+      break;
+    case TBXmlKind::bkChild00:
+    case TBXmlKind::bkChild04:
+      break;
+    default:
+      return nullptr;
+    }
+  }
+  auto* d = static_cast<const TBXmlChild0DNode*>(sole);
+  return d && !d->InStartTag ? d : nullptr;
+}
+
+inline bool IsArrayCode(uint8_t AType) { return (AType & 0x80) != 0; }
+
+// An array that is an element's whole content repeats the element once per item, with
+// the same start tag, as Windows renders it: <Data>a</Data><Data>b</Data>. AStart is the
+// rendered start tag ("\r\n<Name ...>"), already in the output.
+void AppendRepeatedItems(TRenderer& R, const TBXmlNameStringNode* AName, std::string_view AStart,
+                         const TBXmlSubstValue& AValue) {
+  std::string separator;
+  separator.reserve(AName->Text.size() + 3 + AStart.size());
+  separator.append("</").append(AName->Text).append(">").append(AStart);
+  Check(R.Budget > 0, "BinXML output too large");
+  const uint32_t items = AppendVariantArrayItems(R.Out, AValue.Type, R.Chunk.Data() + AValue.Offset, AValue.Size,
+                                                 separator);
+  R.Budget -= std::min<uint64_t>(R.Budget, items);
+}
+
 void RenderSubstitution(TRenderer& R, const TBXmlChild0DNode* N, const TBXmlSubstArrayNode* AArray) {
   const bool optional = N->Kind == TBXmlKind::bkChild0E;
   const size_t mark = R.Out.size();
@@ -530,13 +573,15 @@ struct TCompiler {
   const TBXmlNameStringNode* Pending = nullptr;
   bool Ok = true;
   size_t Steps = 0;
+  size_t Substitutions = 0;
 
   void Literal(std::string_view AText) {
     if (AText.empty()) return;
     if (!Ops.empty() && Ops.back().TextLength && Ops.back().TextOffset + Ops.back().TextLength == Text.size()) {
       Ops.back().TextLength += static_cast<uint32_t>(AText.size());
     } else {
-      Ops.push_back({static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr});
+      Ops.push_back(
+          {static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr, nullptr, 0});
     }
     Text.append(AText);
   }
@@ -557,10 +602,21 @@ struct TCompiler {
         Ok = false;
         return;
       }
+      const uint32_t startTag = static_cast<uint32_t>(Text.size());
+      const size_t substitutionsBefore = Substitutions;
       Literal("\r\n<");
       Literal(e->Name->Text);
       List(e->FirstChild, ADepth + 1);
       Pending = nullptr;
+      if (const TBXmlChild0DNode* sole = e->SawCloseStart ? SoleContentSubstitution(e) : nullptr) {
+        if (Ok && Substitutions == substitutionsBefore + 1) {
+          Ops.back().Element = e->Name; // the content substitution was the last op
+          Ops.back().StartTagOffset = startTag;
+        } else if (IsArrayCode(sole->ValueType)) {
+          Ok = false; // an array under a start tag with values of its own: the node renderer repeats it
+          return;
+        }
+      }
       if (e->Close == 1 || (e->Close == 0 && !e->SawCloseStart)) {
         Literal(" />");
       } else {
@@ -643,7 +699,9 @@ struct TCompiler {
         Ok = false;
         return;
       }
-      Ops.push_back({0, 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E, Pending});
+      Ops.push_back({static_cast<uint32_t>(Text.size()), 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E,
+                     Pending, nullptr, 0});
+      ++Substitutions;
       Pending = nullptr;
       return;
     }
@@ -672,11 +730,11 @@ void CompileTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
 }
 
 void RunProgram(TRenderer& R, const TBXmlTemplateNode* T, const TBXmlSubstArrayNode* AArray) {
-  const char* text = T->ProgramText.data();
+  const std::string_view text = T->ProgramText;
   for (uint32_t i = 0; i < T->OpCount; ++i) {
     const TBXmlOp& op = T->Ops[i];
     if (op.TextLength) {
-      R.Out.append(text + op.TextOffset, op.TextLength);
+      R.Out.append(text.data() + op.TextOffset, op.TextLength);
       continue;
     }
     Check(R.Budget-- > 0, "BinXML output too large");
@@ -687,6 +745,11 @@ void RunProgram(TRenderer& R, const TBXmlTemplateNode* T, const TBXmlSubstArrayN
       R.Out.append("=\"");
     }
     const size_t valueStart = R.Out.size();
+    if (op.Element && AArray && op.Index < AArray->Count && IsArrayCode(AArray->Values[op.Index].Type)) {
+      AppendRepeatedItems(R, op.Element, text.substr(op.StartTagOffset, op.TextOffset - op.StartTagOffset),
+                          AArray->Values[op.Index]);
+      continue;
+    }
     if (AArray) AppendSubstValue(R, AArray, op.Index);
     else PutPlaceholder(R.Out, op.Index, op.Type, op.Optional);
     if (op.Optional && R.Out.size() == valueStart) {
@@ -706,9 +769,23 @@ void RenderNode(TRenderer& R, const TBXmlNodeCommon* N, const TBXmlSubstArrayNod
   case TBXmlKind::bkChild01: {
     auto* e = static_cast<const TBXmlChild01Node*>(N);
     Check(e->Name != nullptr, "Node01: Unable to make XML");
+    const size_t start = R.Out.size();
     R.Out.append("\r\n<");
     PutName(R.Out, e->Name);
     if (++R.Depth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
+    const TBXmlChild0DNode* sole = AArray && e->SawCloseStart ? SoleContentSubstitution(e) : nullptr;
+    if (sole && sole->Index < AArray->Count && IsArrayCode(AArray->Values[sole->Index].Type)) {
+      const TBXmlNodeCommon* n = e->FirstChild;
+      for (; n && n->Kind != TBXmlKind::bkChild02; n = n->Next) RenderNode(R, n, AArray);
+      RenderNode(R, n, AArray); // the start tag's ">"
+      const std::string startTag(R.Out, start);
+      AppendRepeatedItems(R, e->Name, startTag, AArray->Values[sole->Index]);
+      --R.Depth;
+      R.Out.append("</");
+      PutName(R.Out, e->Name);
+      R.Out.push_back('>');
+      return;
+    }
     RenderList(R, e->FirstChild, AArray);
     --R.Depth;
     R.Pending = nullptr;

@@ -130,12 +130,18 @@ public:
 // One step of a template compiled for rendering: a run of fixed text, or a
 // substitution (with the attribute it fills, if any).
 struct TBXmlOp {
-  uint32_t TextOffset; // literal: where its text starts in the program's text
+  uint32_t TextOffset; // literal: where its text starts in the program's text;
+                       // substitution: where it falls in that text
   uint32_t TextLength; // literal: its length; 0 for a substitution
   uint16_t Index;      // substitution index
   uint8_t Type;        // substitution value type (for placeholders)
   bool Optional;       // 0x0E: an empty value writes nothing, attribute name included
   const TBXmlNameStringNode* Attribute; // the attribute the value fills, or null in content
+  // A substitution that is an element's whole content under a start tag of fixed text:
+  // the element, and where that start tag ("\r\n<Name ...>") begins in the program's
+  // text (it ends at TextOffset). An array value then repeats the element per item.
+  const TBXmlNameStringNode* Element;
+  uint32_t StartTagOffset;
 };
 
 class TBXmlTemplateNode : public TBXmlNodeCommon {

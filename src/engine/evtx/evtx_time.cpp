@@ -34,10 +34,14 @@ void PutPadded(std::string& AOut, int64_t v, int AWidth) {
 } // namespace
 
 void AppendFiletimeText(std::string& AOut, uint64_t AFiletime) {
-  // Signed division as the format's own readers do; values above 2^63 are negative.
-  int64_t t = static_cast<int64_t>(AFiletime) / 1000 - evtx::kEpochDelta100us;
-  int64_t s = t / 10000;
-  int64_t f = t - 10000 * s;
+  // Signed as the format's own readers take it: values above 2^63 are before 1601.
+  const int64_t t = static_cast<int64_t>(AFiletime);
+  int64_t s = t / 10'000'000 - evtx::kEpochDelta100us / 10'000;
+  int64_t f = t % 10'000'000;
+  if (f < 0) {
+    f += 10'000'000;
+    --s;
+  }
   int64_t days = s / 86400;
   int64_t rem = s % 86400;
   if (rem < 0) {
@@ -59,7 +63,7 @@ void AppendFiletimeText(std::string& AOut, uint64_t AFiletime) {
   AOut.push_back(':');
   PutPadded(AOut, rem % 60, 2);
   AOut.push_back('.');
-  PutPadded(AOut, f, 1);
+  PutPadded(AOut, f, 7);
   AOut.push_back('Z');
 }
 
@@ -82,7 +86,7 @@ void AppendSystemtimeText(std::string& AOut, uint16_t AYear, uint16_t AMonth, ui
   PutPadded(AOut, AMinute, 2);
   AOut.push_back(':');
   PutPadded(AOut, ASecond, 2);
-  AOut.push_back(':');
+  AOut.push_back('.');
   PutPadded(AOut, AMilliseconds, 3);
   AOut.push_back('Z');
 }

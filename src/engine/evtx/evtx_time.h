@@ -6,14 +6,13 @@
 
 namespace qvx {
 
-// FILETIME as "YYYY-MM-DDTHH:MM:SS.<f>Z": the fraction f is in units of 100 microseconds
-// and is written without leading zeros (50 units give ".50Z"); the time is truncated,
-// not rounded, to those units. Any 64-bit value gives a text (years may have more
+// FILETIME as "YYYY-MM-DDTHH:MM:SS.fffffffZ", as Windows renders it: seven digits of
+// 100-nanosecond units, zero-padded. Any 64-bit value gives a text (years may have more
 // than four digits or a sign).
 void AppendFiletimeText(std::string& AOut, uint64_t AFiletime);
 std::string FiletimeToText(uint64_t AFiletime);
 
-// SYSTEMTIME fields as "YYYY-MM-DDTHH:MM:SS:mmmZ" (a colon before the milliseconds).
+// SYSTEMTIME fields as "YYYY-MM-DDTHH:MM:SS.mmmZ" (ISO 8601, three digits of milliseconds).
 void AppendSystemtimeText(std::string& AOut, uint16_t AYear, uint16_t AMonth, uint16_t ADay, uint16_t AHour,
                           uint16_t AMinute, uint16_t ASecond, uint16_t AMilliseconds);
 

@@ -191,8 +191,8 @@ uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uin
   case 0x21:
     return ASize;
   case 0x81:
+    // An empty array (size 0) is a valid value with no items.
     if (!subst) RaiseVar(ACode, "Unknown value");
-    if (ASize == 0) RaiseVar(ACode, "bad size");
     if (ASize % 2) RaiseVar(ACode, "bad size", true);
     return ASize;
   default:
@@ -205,12 +205,48 @@ uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uin
   if (ACode >= 0x83 && IsVariantCode(ACode)) {
     uint32_t n = ScalarSize(static_cast<uint8_t>(ACode - 0x80));
     if (!subst) RaiseVar(ACode, "Unknown value");
-    if (ASize == 0 && ACode != 0x89) RaiseVar(ACode, "bad size");
     if (n > 1 && ASize % n) RaiseVar(ACode, "Odd length");
     return ASize;
   }
   RaiseBinXml(std::string());
 }
+
+namespace {
+
+// Calls AVisit(item, size) for each item of an array value. String arrays (0x81) hold
+// NUL-terminated UTF-16 strings; a last string without its NUL still counts, an empty
+// tail after the last NUL does not. Scalar arrays hold whole items back to back.
+template <typename TVisit> void ForEachArrayItem(uint8_t ACode, const uint8_t* AData, uint32_t AUsed, TVisit AVisit) {
+  if (ACode == 0x81) {
+    const uint32_t units = AUsed / 2;
+    uint32_t start = 0;
+    for (uint32_t i = 0; i <= units; ++i) {
+      if (i < units && LoadU16(AData + 2 * i) != 0) continue;
+      if (i == units && start == units) break; // nothing after the last separator
+      AVisit(AData + 2 * start, 2 * (i - start));
+      start = i + 1;
+    }
+    return;
+  }
+  const uint32_t n = ScalarSize(static_cast<uint8_t>(ACode - 0x80));
+  for (uint32_t i = 0; n && (i + 1) * n <= AUsed; ++i) AVisit(AData + static_cast<size_t>(i) * n, n);
+}
+
+// "[0] a CR LF [1] b": an array where it cannot be repeated as elements (an attribute's
+// value, or content mixed with other text).
+void AppendArrayNumbered(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed) {
+  uint32_t index = 0;
+  ForEachArrayItem(ACode, AData, AUsed, [&](const uint8_t* AItem, uint32_t ASize) {
+    if (index) AOut += "\r\n";
+    AOut.push_back('[');
+    PutInt(AOut, index++);
+    AOut += "] ";
+    if (ACode == 0x81) AppendUtf16Escaped(AOut, AItem, ASize / 2);
+    else PutScalar(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
+  });
+}
+
+} // namespace
 
 void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed, uint32_t AMode) {
   const bool subst = AMode == kVarModeSubstitution;
@@ -250,20 +286,6 @@ void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, ui
   case 0x13:
     PutSid(AOut, AData);
     return;
-  case 0x81: {
-    uint32_t units = AUsed / 2, start = 0, index = 0;
-    for (uint32_t i = 0; i <= units; ++i) {
-      if (i < units && LoadU16(AData + 2 * i) != 0) continue;
-      if (i == units && start == units) break; // nothing after the last separator
-      if (index) AOut += "\r\n";
-      AOut.push_back('[');
-      PutInt(AOut, index++);
-      AOut += "] ";
-      AppendUtf16Escaped(AOut, AData + 2 * start, i - start);
-      start = i + 1;
-    }
-    return;
-  }
   default:
     break;
   }
@@ -271,17 +293,18 @@ void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, ui
     PutScalar(AOut, ACode, AData);
     return;
   }
-  if (ACode >= 0x83) {
-    uint8_t code = static_cast<uint8_t>(ACode - 0x80);
-    uint32_t n = ScalarSize(code);
-    for (uint32_t i = 0; n && (i + 1) * n <= AUsed; ++i) {
-      if (i) AOut += "\r\n";
-      AOut.push_back('[');
-      PutInt(AOut, i);
-      AOut += "] ";
-      PutScalar(AOut, code, AData + static_cast<size_t>(i) * n);
-    }
-  }
+  if (ACode == 0x81 || ACode >= 0x83) AppendArrayNumbered(AOut, ACode, AData, AUsed);
+}
+
+uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed,
+                                 std::string_view ASeparator) {
+  uint32_t count = 0;
+  ForEachArrayItem(ACode, AData, AUsed, [&](const uint8_t* AItem, uint32_t ASize) {
+    if (count++) AOut.append(ASeparator);
+    if (ACode == 0x81) AppendUtf16Escaped(AOut, AItem, ASize / 2);
+    else PutScalar(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
+  });
+  return count;
 }
 
 TVariantTypeCommon::TVariantTypeCommon(uint8_t ACode, const uint8_t* AChunkData, uint32_t AOffset, uint32_t ASize,

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace qvx {
 
@@ -24,6 +25,12 @@ uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uin
 // the five XML entities escaped and NULs removed. Type 0x21 (an embedded fragment) is
 // rendered by the binary XML decoder, not here; this appends nothing for it.
 void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed, uint32_t AMode);
+
+// Appends the items of an array value (0x81, 0x83 and up) that MeasureVariant accepted,
+// each as its own XML text, with ASeparator between two items; returns the item count.
+// Used where an array is the whole content of an element, which then repeats per item.
+uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed,
+                                 std::string_view ASeparator);
 
 // True when a class exists for ACode.
 bool IsVariantCode(uint8_t ACode);

@@ -192,10 +192,10 @@ TEST(BinXmlSubstitutions, EveryValueTypeRendersInsideATemplate) {
       {TEvtxValue::Sid("S-1-5-21-1-2-3-500"), "S-1-5-21-1-2-3-500"},
       {TEvtxValue::Hex32(500), "0X000001F4"},
       {TEvtxValue::Hex64(500), "0x00000000000001F4"},
-      {TEvtxValue::FileTime(kTime + 1230000), "2024-03-11T00:00:00.1230Z"},
-      {TEvtxValue::SystemTime(2020, 1, 4, 2, 3, 4, 5, 6), "2020-01-02T03:04:05:006Z"},
+      {TEvtxValue::FileTime(kTime + 1230000), "2024-03-11T00:00:00.1230000Z"},
+      {TEvtxValue::SystemTime(2020, 1, 4, 2, 3, 4, 5, 6), "2020-01-02T03:04:05.006Z"},
       {TEvtxValue::SizeT(4294967295ULL, false), "4294967295"},
-      {TEvtxValue::StringArray({"a", "b&"}), "[0] a\r\n[1] b&amp;"},
+      {TEvtxValue::StringArray({"a", "b&"}), "a</V>\r\n<V>b&amp;"}, // one element per item
       {TEvtxValue::AnsiString("ansi"), "ansi"},
   };
   for (auto& [value, text] : cases) {
@@ -206,6 +206,106 @@ TEST(BinXmlSubstitutions, EveryValueTypeRendersInsideATemplate) {
     TChunkUnderTest c(w);
     EXPECT_EQ(c.Xml(0), "\r\n<V>" + text + "</V>") << "type 0x" << std::hex << int(value.Type());
   }
+}
+
+// Arrays: an array that is an element's whole content repeats the element per item, with
+// its attributes; elsewhere it stays one "[i] value" text. Each case is rendered both by the
+// compiled template and by the node renderer (which an attribute value in two parts needs).
+constexpr uint8_t kStringArray = EvtxType::String | EvtxType::ArrayFlag;
+
+struct TArrayCase {
+  const char* What;
+  TEvtxValue Value;
+  std::string Expected; // of <Data Name="x">#0</Data>
+};
+
+std::string RenderDataElement(const TEvtxValue& AValue, bool ANodeRenderer) {
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate(ANodeRenderer ? "data-node" : "data", [&, type = AValue.Type()](TBinXmlWriter& w2) {
+    w2.OpenElement("E");
+    if (ANodeRenderer) {
+      w2.Attribute("k");
+      w2.Text("a");
+      w2.Text("b");
+    }
+    w2.CloseStartElement();
+    w2.OpenElement("Data");
+    w2.Attribute("Name");
+    w2.Text("x");
+    w2.CloseStartElement();
+    w2.Substitution(0, type, true);
+    w2.EndElement();
+    w2.EndElement();
+  });
+  std::vector<TEvtxValue> v = {AValue};
+  EXPECT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "no error");
+  std::string xml = c.Xml(0);
+  const std::string head = ANodeRenderer ? "\r\n<E k=\"ab\">" : "\r\n<E>";
+  EXPECT_EQ(xml.substr(0, head.size()), head);
+  xml.erase(0, head.size());
+  EXPECT_EQ(xml.substr(xml.size() - 4), "</E>");
+  return xml.substr(0, xml.size() - 4);
+}
+
+TEST(BinXmlArrays, WholeContentRepeatsTheElementPerItem) {
+  const uint32_t numbers[] = {7, 4294967295u};
+  const TEvtxValue guids[] = {TEvtxValue::Guid("{54849625-5478-4994-A5BA-3E3B0328C30D}"),
+                              TEvtxValue::Guid("{00000000-0000-0000-0000-000000000001}")};
+  const TEvtxValue hexes[] = {TEvtxValue::Hex64(1), TEvtxValue::Hex64(0xFF)};
+  const std::vector<TArrayCase> cases = {
+      {"strings", TEvtxValue::StringArray({"10.00.", "19044", "", "Multi & <processor>"}),
+       "\r\n<Data Name=\"x\">10.00.</Data>\r\n<Data Name=\"x\">19044</Data>\r\n<Data Name=\"x\"></Data>"
+       "\r\n<Data Name=\"x\">Multi &amp; &lt;processor&gt;</Data>"},
+      {"one string", TEvtxValue::StringArray({"only"}), "\r\n<Data Name=\"x\">only</Data>"},
+      {"integers", TEvtxValue::UInt32Array(numbers),
+       "\r\n<Data Name=\"x\">7</Data>\r\n<Data Name=\"x\">4294967295</Data>"},
+      {"guids", TEvtxValue::Array(EvtxType::Guid, guids),
+       "\r\n<Data Name=\"x\">{54849625-5478-4994-A5BA-3E3B0328C30D}</Data>"
+       "\r\n<Data Name=\"x\">{00000000-0000-0000-0000-000000000001}</Data>"},
+      {"hex64", TEvtxValue::Array(EvtxType::Hex64, hexes),
+       "\r\n<Data Name=\"x\">0x0000000000000001</Data>\r\n<Data Name=\"x\">0x00000000000000FF</Data>"},
+      {"empty", TEvtxValue::StringArray({}), "\r\n<Data Name=\"x\"></Data>"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(RenderDataElement(c.Value, false), c.Expected) << c.What << ", compiled";
+    EXPECT_EQ(RenderDataElement(c.Value, true), c.Expected) << c.What << ", node renderer";
+  }
+}
+
+TEST(BinXmlArrays, NumberedWhereTheElementCannotRepeat) {
+  // In an attribute, and as content mixed with text.
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate("mixed", [](TBinXmlWriter& w2) {
+    w2.OpenElement("A");
+    w2.Attribute("List");
+    w2.Substitution(0, kStringArray);
+    w2.CloseStartElement();
+    w2.Text("items: ");
+    w2.Substitution(0, kStringArray);
+    w2.EndElement();
+  });
+  std::vector<TEvtxValue> v = {TEvtxValue::StringArray({"a", "b"})};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<A List=\"[0] a\r\n[1] b\">items: [0] a\r\n[1] b</A>");
+}
+
+TEST(BinXmlArrays, StartTagWithItsOwnValuesRepeatsThroughTheNodeRenderer) {
+  TEvtxChunkWriter w;
+  auto t = TEvtxTemplate("attr", [](TBinXmlWriter& w2) {
+    w2.OpenElement("Data");
+    w2.Attribute("Name");
+    w2.Substitution(1, EvtxType::String);
+    w2.CloseStartElement();
+    w2.Substitution(0, kStringArray);
+    w2.EndElement();
+  });
+  std::vector<TEvtxValue> v = {TEvtxValue::StringArray({"a", "b"}), TEvtxValue::String("n")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<Data Name=\"n\">a</Data>\r\n<Data Name=\"n\">b</Data>");
 }
 
 TEST(BinXmlTokens, CDataEntityAndProcessingInstruction) {
@@ -336,6 +436,7 @@ TEST(BinXmlNesting, FragmentsNestedInValuesAreBoundedByTheirBytes) {
   std::vector<TEvtxValue> v = {value};
   ASSERT_TRUE(w.AddRecord(1, kTime, *wrap, v));
   TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "no error");
   std::string xml = c.Xml(0);
   EXPECT_NE(xml.find("<Leaf>x</Leaf>"), std::string::npos);
   size_t levels = 0;
@@ -387,7 +488,7 @@ TEST(BinXmlRecord, StandardEventRendersAsWindowsLaysItOut) {
             "\r\n<Task>0</Task>"
             "\r\n<Opcode>0</Opcode>"
             "\r\n<Keywords>0x8080000000000000</Keywords>"
-            "\r\n<TimeCreated SystemTime=\"2024-03-11T00:00:00.0Z\" />"
+            "\r\n<TimeCreated SystemTime=\"2024-03-11T00:00:00.0000000Z\" />"
             "\r\n<EventRecordID>17</EventRecordID>"
             "\r\n<Correlation />"
             "\r\n<Execution ProcessID=\"600\" ThreadID=\"700\" />"

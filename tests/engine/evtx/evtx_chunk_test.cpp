@@ -80,7 +80,7 @@ TEST(EvtxChunkWalk, RecordsAfterTheFreeSpaceOffsetOfADirtyChunkAreIgnored) {
 TEST(EvtxChunkWalk, WrittenTimeKeepsTheFractionInHundredMicroseconds) {
   TEvtxChunk chunk(MakeChunk(1, 1));
   // Sample event 1 is written at 2024-03-11 09:00:01 UTC.
-  EXPECT_EQ(chunk.GetEvent(0)->TimeCreated(), "2024-03-11T09:00:01.0Z");
+  EXPECT_EQ(chunk.GetEvent(0)->TimeCreated(), "2024-03-11T09:00:01.0000000Z");
 }
 
 TEST(EvtxChunkMemory, OnlyExactlySizedBuffersKeepTheirBytes) {

@@ -114,7 +114,7 @@ TEST(SampleConformance, RecordIdentifiersOfAHealthyLogAreAllThere) {
   EXPECT_NE(xml.find("<EventRecordID>31791</EventRecordID>"), std::string::npos);
   EXPECT_NE(xml.find("<EventRecordID>31800</EventRecordID>"), std::string::npos);
   EXPECT_NE(xml.find("<Data Name=\"KeyType\">%%2500</Data>"), std::string::npos);
-  EXPECT_NE(xml.find("<TimeCreated SystemTime=\"2022-10-11T19:26:52.456Z\" />"), std::string::npos);
+  EXPECT_NE(xml.find("<TimeCreated SystemTime=\"2022-10-11T19:26:52.0456558Z\" />"), std::string::npos);
 }
 
 } // namespace
