@@ -1,5 +1,6 @@
 #include "app/event_output.h"
 
+#include "app/text_table.h"
 #include "engine/event_xml.h"
 
 #include <algorithm>
@@ -45,52 +46,24 @@ void AppendUnsigned(std::string& AOut, uint64_t AValue) {
   while (n) AOut += buf[--n];
 }
 
-// Number of display columns of UTF-8 text (code points; wide characters count one).
-size_t Columns(std::string_view AText) {
-  size_t n = 0;
-  for (char c : AText)
-    if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) ++n;
-  return n;
-}
-
-// AText cut or padded to AWidth columns; a cut ends with "…". Control characters
-// (line breaks inside a value) become blanks so that a row stays one line.
-void AppendCell(std::string& AOut, std::string_view AText, size_t AWidth, bool ARight, bool ACut) {
-  const size_t columns = Columns(AText);
-  if (columns >= AWidth && !ACut) {
-    for (char c : AText) AOut += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-    return;
-  }
-  if (columns > AWidth) {
-    size_t kept = 0, i = 0;
-    for (; i < AText.size(); ++i) {
-      if ((static_cast<unsigned char>(AText[i]) & 0xC0) != 0x80) {
-        if (kept == AWidth - 1) break;
-        ++kept;
-      }
-    }
-    for (char c : AText.substr(0, i)) AOut += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-    AOut += "\xE2\x80\xA6";
-    return;
-  }
-  if (ARight) AOut.append(AWidth - columns, ' ');
-  for (char c : AText) AOut += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
-  if (!ARight) AOut.append(AWidth - columns, ' ');
-}
-
 // --- table ----------------------------------------------------------------------
 
 class TTableWriter : public TEventWriter {
 public:
-  TTableWriter(std::FILE* AOut, unsigned AWidth, bool ADescriptions, const TRowColors& AColors)
-      : TEventWriter(AOut), FWidth(AWidth), FDescriptions(ADescriptions), FColors(AColors) {
-    Layout(AWidth);
-  }
   // On a narrow terminal the channel, computer, task and user columns give way, in that order.
-
-  void Begin() override {
-    AppendRow({"Time", "Type", "Event ID", "Source", "Task", "User", "Computer", "Record", "Channel"});
-  }
+  TTableWriter(std::FILE* AOut, unsigned AWidth, bool ADescriptions, const TRowColors& AColors)
+      : TEventWriter(AOut), FTable(FBuffer,
+                                   {{"Time"},
+                                    {"Type"},
+                                    {"Event ID", true},
+                                    {"Source", false, 3},
+                                    {"Task", false, 2, 3},
+                                    {"User", false, 3, 4},
+                                    {"Computer", false, 2, 2},
+                                    {"Record", true},
+                                    {"Channel", false, 2, 1}},
+                                   AWidth),
+        FDescriptions(ADescriptions), FColors(AColors) {}
 
   void Write(TEventItemX& AItem) override {
     FTime.clear();
@@ -103,84 +76,30 @@ public:
     const TColorCode* code = FColors.Codes ? FColors.Codes->FindColorCode(AItem.FEventType, AItem.FSourceName,
                                                                           AItem.FEventID, std::string(DescriptionText(AItem)))
                                            : nullptr;
-    if (code) AppendColorStart(FBuffer, *code, FColors.TrueColor);
-    AppendRow({FTime, EventTypeName(AItem.FEventType), FId, AItem.FSourceName, AItem.GetCategoryName(),
-               AItem.GetUserName(), AItem.FComputername, FRecord, AItem.FChannel});
-    if (FDescriptions) AppendDescription(AItem);
-    if (code) {
-      FBuffer.pop_back(); // the colour ends before the line break
-      FBuffer.append("\x1b[0m\n");
-    }
+    FPrefix.clear();
+    if (code) AppendColorStart(FPrefix, *code, FColors.TrueColor);
+    FTable.AddRow({FTime, EventTypeName(AItem.FEventType), FId, AItem.FSourceName, AItem.GetCategoryName(),
+                   AItem.GetUserName(), AItem.FComputername, FRecord, AItem.FChannel},
+                  FPrefix, code ? "\x1b[0m" : "", FDescriptions ? FirstDescriptionLine(AItem) : std::string_view());
     FlushIfFull();
   }
 
+protected:
+  void End() override { FTable.Finish(); }
+
 private:
-  enum { kTime, kType, kId, kSource, kTask, kUser, kComputer, kRecord, kChannel, kColumns };
-
-  void Layout(unsigned AWidth) {
-    FWidths = {23, 13, 8, 24, 16, 24, 16, 8, 20};
-    FVisible.fill(true);
-    FCut = AWidth != 0;
-    if (!FCut) return; // padded to these widths, never cut
-    // The fixed columns keep their width; the others share what remains by weight,
-    // none narrower than 10. When that does not fit, the least needed go first.
-    const std::array<int, 5> flex = {kSource, kTask, kUser, kComputer, kChannel};
-    const std::array<unsigned, 5> weight = {3, 2, 3, 2, 2};
-    const std::array<int, 4> dropOrder = {kChannel, kComputer, kTask, kUser};
-    for (size_t dropped = 0;; ++dropped) {
-      unsigned fixed = 0, shown = 0, total = 0;
-      for (int c : {kTime, kType, kId, kRecord}) fixed += static_cast<unsigned>(FWidths[static_cast<size_t>(c)]);
-      for (size_t i = 0; i < flex.size(); ++i)
-        if (FVisible[static_cast<size_t>(flex[i])]) {
-          ++shown;
-          total += weight[i];
-        }
-      const unsigned separators = 2 * (4 + shown - 1);
-      const unsigned rest = AWidth > fixed + separators ? AWidth - fixed - separators : 0;
-      if (rest >= 10 * shown || dropped == dropOrder.size()) {
-        for (size_t i = 0; i < flex.size(); ++i)
-          if (FVisible[static_cast<size_t>(flex[i])])
-            FWidths[static_cast<size_t>(flex[i])] = std::max(4u, rest * weight[i] / std::max(1u, total));
-        return;
-      }
-      FVisible[static_cast<size_t>(dropOrder[dropped])] = false;
-    }
-  }
-
-  void AppendRow(std::initializer_list<std::string_view> ACells) {
-    size_t i = 0;
-    bool first = true;
-    for (std::string_view cell : ACells) {
-      if (FVisible[i]) {
-        if (!first) FBuffer += "  ";
-        first = false;
-        AppendCell(FBuffer, cell, FWidths[i], i == kId || i == kRecord, FCut);
-      }
-      ++i;
-    }
-    while (!FBuffer.empty() && FBuffer.back() == ' ') FBuffer.pop_back();
-    FBuffer += '\n';
-  }
-
-  // The first line of the description, indented under its row.
-  void AppendDescription(const TEventItemX& AItem) {
+  // The first line of the description, shown indented under its row.
+  static std::string_view FirstDescriptionLine(const TEventItemX& AItem) {
     std::string_view text = DescriptionText(AItem);
     text = text.substr(0, text.find_first_of("\r\n"));
     while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    if (text.empty()) return;
-    FBuffer += "    ";
-    AppendCell(FBuffer, text, FWidth > 4 ? FWidth - 4 : text.size(), false, FWidth > 4);
-    while (!FBuffer.empty() && FBuffer.back() == ' ') FBuffer.pop_back();
-    FBuffer += '\n';
+    return text;
   }
 
-  std::array<size_t, kColumns> FWidths{};
-  std::array<bool, kColumns> FVisible{};
-  unsigned FWidth = 0;
+  TTextTable FTable;
   bool FDescriptions = false;
   TRowColors FColors;
-  bool FCut = false;
-  std::string FTime, FId, FRecord;
+  std::string FTime, FId, FRecord, FPrefix;
 };
 
 // --- CSV ------------------------------------------------------------------------

@@ -3,6 +3,7 @@
 #include "app/commands.h"
 #include "app/event_output.h"
 #include "app/progress.h"
+#include "app/text_table.h"
 
 #include "engine/event_log_binxml.h"
 #include "view/evt_lite_adaptor.h"
@@ -101,22 +102,6 @@ void PrintStats(TEvtLiteAdaptor& AStore, const std::string& AWhere, std::FILE* A
                  std::string(static_cast<size_t>(count * 40 / largest), '#').c_str());
 }
 
-// Cuts or pads AText to AWidth code points.
-void AppendFitted(std::string& AOut, std::string_view AText, size_t AWidth, bool ALast) {
-  size_t points = 0, bytes = 0;
-  while (bytes < AText.size() && points < AWidth) {
-    const unsigned char c = static_cast<unsigned char>(AText[bytes]);
-    if (c == '\r' || c == '\n') break;
-    const size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-    if (bytes + length > AText.size()) break;
-    bytes += length;
-    ++points;
-  }
-  for (size_t i = 0; i < bytes; ++i)
-    AOut.push_back(AText[i] == '\t' ? ' ' : AText[i]);
-  if (!ALast) AOut.append(AWidth - points + 1, ' ');
-}
-
 // The first line of a description that holds text (the values of an event without a
 // description follow the no-description mark and a line break).
 std::string_view FirstLine(std::string_view AText) {
@@ -185,15 +170,11 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     if (AOptions.Format == TOutputFormat::ofCsv)
       out.append(
           "Id,Time,Type,EventID,Source,Category,User,Computer,RecordNumber,Log,Bookmarked,Description\r\n");
-    if (AOptions.Format == TOutputFormat::ofTable) {
-      AppendFitted(out, "Time", 23, false);
-      AppendFitted(out, "Type", 13, false);
-      AppendFitted(out, "ID", 6, false);
-      AppendFitted(out, "Source", 24, false);
-      AppendFitted(out, "User", 18, false);
-      AppendFitted(out, "Description", width > 90 ? width - 90 : 60, true);
-      out.push_back('\n');
-    }
+    TTextTable table(out,
+                     {{"Time"}, {"Type"}, {"ID", true}, {"Source", false, 3}, {"User", false, 2, 1},
+                      {"Description", false, 5}},
+                     width);
+    std::string id, prefix;
     for (store.First(); !store.Eof(); store.Next()) {
       store.GetEventData(row);
       ++rows;
@@ -202,15 +183,11 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
         const TColorCode* code =
             colors.Codes ? colors.Codes->FindColorCode(row.Type, row.Source, row.EventID, row.Descr)
                          : nullptr;
-        if (code) AppendColorStart(out, *code, colors.TrueColor);
-        AppendFitted(out, row.TimeStamp, 23, false);
-        AppendFitted(out, row.TypeStr, 13, false);
-        AppendFitted(out, std::to_string(row.EventID), 6, false);
-        AppendFitted(out, row.Source, 24, false);
-        AppendFitted(out, row.UserName, 18, false);
-        AppendFitted(out, FirstLine(row.Descr), width > 90 ? width - 90 : 60, true);
-        if (code) out.append("\x1b[0m");
-        out.push_back('\n');
+        prefix.clear();
+        if (code) AppendColorStart(prefix, *code, colors.TrueColor);
+        id = std::to_string(row.EventID);
+        table.AddRow({row.TimeStamp, row.TypeStr, id, row.Source, row.UserName, FirstLine(row.Descr)}, prefix,
+                     code ? "\x1b[0m" : "");
         break;
       }
       case TOutputFormat::ofCsv:
@@ -259,6 +236,7 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
         out.clear();
       }
     }
+    if (AOptions.Format == TOutputFormat::ofTable) table.Finish();
     if (std::fwrite(out.data(), 1, out.size(), AOut) != out.size() || std::fflush(AOut) != 0)
       throw std::runtime_error("cannot write the output");
     if (AOptions.Format == TOutputFormat::ofTable && IsTerminal(AErr))
