@@ -3,11 +3,15 @@
 #include "view/evt_mssql_adaptor.h"
 #include "view/log_view_engine.h"
 
+#include "engine/event_log_binxml.h"
 #include "engine/event_log_x.h"
+#include "engine/evtx/evtx_writer.h"
+#include "support/evtx_fixtures.h"
 #include "support/test_paths.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <unistd.h>
@@ -279,6 +283,47 @@ TEST(LogViewEngine, StopMidLogKeepsLoadedEvents) {
 
 namespace qvx {
 namespace {
+
+// Events 50 ms apart within one second, read from a real .evtx (7-digit FILETIME text),
+// keep their order when the store sorts by time; record order is the reverse of time.
+TEST(LogViewEngine, SortingByTimeKeepsTheOrderWithinASecond) {
+  const uint64_t second = EvtxFileTime(2024, 3, 11, 9, 0, 1);
+  TEvtxFileWriter writer;
+  for (int i = 19; i >= 0; --i) {
+    TEvtxEventDraft e = test::SampleEvent(static_cast<uint64_t>(i));
+    e.FTimeCreated = second + static_cast<uint64_t>(i) * 500'000 + 1234; // .0001234 + i * 0.05 s
+    writer.AddEvent(e);
+  }
+  const std::string path = test::WriteTempFile("within-a-second.evtx", writer.Bytes());
+  TEngineRun run;
+  run.View.OpenSource = [&](TLogEntry&) {
+    auto log = std::make_unique<TEventLogBinXML>();
+    log->SetBackupFileName(path);
+    log->SetTimeShift(2, 0, "UTC");
+    log->SetActive(true);
+    return std::unique_ptr<TEventLogBase>(std::move(log));
+  };
+  TWorkThread worker(&run.View);
+  worker.Post(1);
+  worker.WaitIdle();
+  ASSERT_EQ(run.Rows(), 20);
+  for (bool descending : {false, true}) {
+    run.Store.SortTable("Date", descending);
+    run.Store.MakeSQL();
+    std::vector<std::string> times;
+    TEventData row;
+    for (run.Store.First(); !run.Store.Eof(); run.Store.Next()) {
+      run.Store.GetEventData(row);
+      times.push_back(row.TimeStamp);
+    }
+    ASSERT_EQ(times.size(), 20u);
+    for (int i = 0; i < 20; ++i) {
+      char expected[32];
+      std::snprintf(expected, sizeof expected, "2024-03-11 09:00:01.%03d", i * 50);
+      EXPECT_EQ(times[static_cast<size_t>(descending ? 19 - i : i)], expected);
+    }
+  }
+}
 
 TEST(EventBits, GrowsByHalfAMillionAndCountsSetBits) {
   TEventBits bits;
