@@ -30,16 +30,17 @@ const void* LastByte(const char* AData, char AByte, size_t ASize) {
 #endif
 }
 
-// The last occurrence of ANeedle that ends at or before AEnd (memrchr finds candidates;
-// std::string::rfind compares at every position).
-size_t FindLast(const std::string& AText, std::string_view ANeedle, size_t AEnd) {
+// The last occurrence of ANeedle that ends at or before AEnd. memrchr finds candidates
+// by the needle's byte at AAnchor (std::string::rfind compares at every position): a
+// byte that is rare in event text ('x' of "<Event xmlns") skips most of it at once.
+size_t FindLast(const std::string& AText, std::string_view ANeedle, size_t AEnd, size_t AAnchor = 0) {
   const char* data = AText.data();
   size_t end = std::min(AEnd, AText.size());
   while (end >= ANeedle.size()) {
-    const void* hit = LastByte(data, ANeedle[0], end - ANeedle.size() + 1);
+    const void* hit = LastByte(data + AAnchor, ANeedle[AAnchor], end - ANeedle.size() + 1);
     if (!hit) return std::string::npos;
-    const size_t pos = static_cast<size_t>(static_cast<const char*>(hit) - data);
-    if (data[pos + 1] == ANeedle[1] && std::memcmp(data + pos, ANeedle.data(), ANeedle.size()) == 0) return pos;
+    const size_t pos = static_cast<size_t>(static_cast<const char*>(hit) - data) - AAnchor;
+    if (std::memcmp(data + pos, ANeedle.data(), ANeedle.size()) == 0) return pos;
     end = pos + ANeedle.size() - 1;
   }
   return std::string::npos;
@@ -252,7 +253,7 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, con
   static constexpr std::string_view kOpen = "<Event xmlns";
   static constexpr std::string_view kClose = "</Event>";
   const size_t close = FindLast(FChunkXML, kClose, FChunkXML.size());
-  const size_t open = FindLast(FChunkXML, kOpen, FChunkXML.size());
+  const size_t open = FindLast(FChunkXML, kOpen, FChunkXML.size(), 7);
   if (open != std::string::npos && close != std::string::npos && close >= open) {
     ++FEventIndex;
     AXml.assign(FChunkXML, open, close + kClose.size() - open);
@@ -262,7 +263,7 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, con
       FChunkXML.clear();
       ++FChunkIndex;
     }
-    ReplaceControlCharacters(AXml);
+    // The chunk's text had its control characters replaced when it was rendered.
     FillFields(AXml, AFields);
     return;
   }
