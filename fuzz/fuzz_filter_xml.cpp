@@ -2,18 +2,56 @@
 // loading filter and a settings object — read from the same input.
 //
 // Each reader must either take the input or refuse it with its error; none may crash,
-// hang or read outside what it was given. Seeds: queries and filter files written by the
+// hang or read outside what it was given. A filter that loads must give a WHERE text that
+// SQLite compiles, as one expression, over a store with three custom columns: whatever
+// texts the filter holds, they stay data. Seeds: queries and filter files written by the
 // tests (tests/filter), cut by hand into scripts/ or taken from the CLI tests.
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 
 #include "filter/event_filter.h"
 #include "filter/loading_filter.h"
 #include "filter/xml_query.h"
+#include "view/evt_lite_adaptor.h"
 
 #include <pugixml.hpp>
+#include <sqlite3.h>
+
+namespace {
+
+qvx::TEvtLiteAdaptor& Store() {
+  static qvx::TEvtLiteAdaptor* store = [] {
+    auto* made = new qvx::TEvtLiteAdaptor(":memory:");
+    made->SetCustomFields(std::vector<qvx::TDBCustomField>(3));
+    made->InitThreadDataSet();
+    made->EmptyTable();
+    return made;
+  }();
+  return *store;
+}
+
+// The WHERE text must compile, and nothing may follow the expression.
+void CheckCompiles(const std::string& AWhere) {
+  if (AWhere.empty()) return;
+  const std::string sql = "SELECT COUNT(*) FROM Events WHERE " + AWhere;
+  sqlite3_stmt* statement = nullptr;
+  const char* tail = nullptr;
+  const int code =
+      sqlite3_prepare_v2(Store().Handle(), sql.c_str(), static_cast<int>(sql.size()), &statement, &tail);
+  const bool whole = code == SQLITE_OK && tail == sql.c_str() + sql.size();
+  if (!whole) {
+    std::fprintf(stderr, "filter WHERE text does not compile as one expression: %s\n%s\n",
+                 sqlite3_errmsg(Store().Handle()), sql.c_str());
+    std::abort();
+  }
+  sqlite3_finalize(statement);
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   const std::string text(reinterpret_cast<const char*>(AData), ASize);
@@ -24,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   qvx::TEventFilter filter;
   try {
     filter.LoadFromString(text);
-    filter.CreateSQLWhere(qvx::tfwSQLite, 0);
+    CheckCompiles(filter.CreateSQLWhere(qvx::tfwSQLite, 0, Store().FieldKindOf()));
     filter.CreateSQLWhere(qvx::tfwMSSQL, 0);
   } catch (const std::exception&) {
   }

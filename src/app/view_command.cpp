@@ -15,29 +15,15 @@
 #include <filesystem>
 #include <map>
 #include <stdexcept>
-#include <strings.h>
 
 namespace qvx::app {
 
 namespace {
 
-// The columns --sort takes, as the store names them.
-const char* const kSortColumns[] = {"Date",     "TimeStamp",    "Type",     "TypeStr",  "EventID",
-                                    "Source",   "CategoryName", "UserName", "Computer", "RecordNumber",
-                                    "EventLog", "_ID",          "Descr"};
-
-std::string SortColumn(const std::string& AName, size_t ACustomCount) {
-  for (const char* column : kSortColumns)
-    if (strcasecmp(column, AName.c_str()) == 0) return column;
-  for (size_t i = 1; i <= ACustomCount; ++i) {
-    const std::string custom = "CustomField" + std::to_string(i);
-    if (strcasecmp(custom.c_str(), AName.c_str()) == 0) return custom;
-  }
-  std::string names;
-  for (const char* column : kSortColumns)
-    names.append(names.empty() ? "" : ", ").append(column);
-  throw std::invalid_argument("--sort " + AName + ": not a column of the store (" + names + ")");
-}
+// The columns --sort is shown with when it names none (the store checks the name).
+constexpr const char* kSortColumns =
+    "Date, TimeStamp, Type, TypeStr, EventID, Source, CategoryName, UserName, "
+    "Computer, RecordNumber, EventLog, _ID, Descr, CustomField1...";
 
 std::string Setting(sqlite3* ADb, const char* AName) {
   sqlite3_stmt* query = nullptr;
@@ -130,7 +116,7 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
       ApplyTimeZone(zone, name.empty() ? "local" : name);
       shift = zone.ShiftMinutesAt(NowUtcDays());
     }
-    std::string where = filter.CreateSQLWhere(tfwSQLite, shift);
+    std::string where = filter.CreateSQLWhere(tfwSQLite, shift, store.FieldKindOf());
     if (AOptions.Bookmarked) where = where.empty() ? "_Bmrk = 1" : "(" + where + ") AND _Bmrk = 1";
 
     if (AOptions.ClearBookmarks) {
@@ -152,8 +138,13 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
       return 0;
     }
     store.SetNoIndexes(AOptions.NoIndex);
-    if (!AOptions.Sort.empty())
-      store.SortTable(SortColumn(AOptions.Sort, store.CustomCount()), AOptions.Descending);
+    if (!AOptions.Sort.empty()) {
+      try {
+        store.SortTable(AOptions.Sort, AOptions.Descending);
+      } catch (const ESQLNameError& e) {
+        throw std::invalid_argument(std::string("--sort: ") + e.what() + " (" + kSortColumns + ")");
+      }
+    }
     store.SetRowLimit(AOptions.Limit);
     store.MakeSQL();
 

@@ -41,22 +41,15 @@ int32_t ToInt32(const std::string& AText, int32_t ADefault) {
 
 std::string Int(int64_t AValue) { return std::to_string(AValue); }
 
-void AppendList(std::string& AOut, const std::vector<std::string>& AItems) {
-  // The item text goes in as it is: an apostrophe inside it is not doubled.
-  for (size_t i = 0; i < AItems.size(); ++i) {
-    if (i) AOut.push_back(',');
-    AOut.push_back('\'');
-    AOut.append(AItems[i]);
-    AOut.push_back('\'');
-  }
-}
-
 std::string ListClause(const char* AColumn, const std::vector<std::string>& AItems, bool AExclude,
                        TFilterWhereKind AKind) {
   if (AItems.empty()) return {};
   std::string clause = AColumn;
   clause.append(AExclude ? " NOT IN (" : " IN (");
-  AppendList(clause, AItems);
+  for (size_t i = 0; i < AItems.size(); ++i) {
+    if (i) clause.push_back(',');
+    clause.append(SQLLiteral(AItems[i], AKind));
+  }
   clause.push_back(')');
   if (AKind == tfwSQLite) clause.append(" COLLATE NOCASE");
   return clause;
@@ -78,21 +71,23 @@ std::string NumberLiteral(const std::string& AText) {
   return std::string(out, result.ptr);
 }
 
-std::string DateLiteral(const std::string& AText) {
+std::string DateLiteral(const std::string& AText, TFilterWhereKind AKind) {
   double days = 0;
-  return QuotedSQL(ParseDateTimeText(Trim(AText), days) ? DateTimeText(days) : AText);
+  return SQLLiteral(ParseDateTimeText(Trim(AText), days) ? DateTimeText(days) : AText, AKind);
 }
 
 std::string CustomColumnClause(const TCustomColFilterCond& ACondition, bool ACaseSensitive,
-                               const TFieldKindOf& AFieldKind) {
+                               const TFieldKindOf& AFieldKind, TFilterWhereKind AKind) {
   if (ACondition.Oper <= coNone || ACondition.Oper > coLess) return {};
   std::string field = "CustomField";
   field.append(Int(ACondition.Number));
-  std::string column = "[";
-  column.append(field);
-  column.push_back(']');
   const TFieldKind kind = AFieldKind ? AFieldKind(field) : TFieldKind::fkText;
-  const std::string text = QuotedSQL(ACondition.Value);
+  if (ACondition.Number < 1 || kind == TFieldKind::fkMissing)
+    throw ESQLNameError("custom column " + SQLNameForMessage(field) + " is not a column of the event store");
+  std::string column = "[";
+  column.append(CheckSQLName(field, "custom column"));
+  column.push_back(']');
+  const std::string text = SQLLiteral(ACondition.Value, AKind);
   const std::string cs = ACaseSensitive ? "1" : "0";
   auto call = [&](const char* AFunction, const std::string& AValue) {
     std::string out = AFunction;
@@ -136,7 +131,7 @@ std::string CustomColumnClause(const TCustomColFilterCond& ACondition, bool ACas
       std::stringstream items(ACondition.Value);
       for (std::string item; std::getline(items, item, ',');) {
         if (!list.empty()) list.append(", ");
-        list.append(DateLiteral(item));
+        list.append(DateLiteral(item, AKind));
       }
       std::string out = dateColumn;
       out.append(ACondition.Oper == coInList ? " in (" : " not in (");
@@ -144,7 +139,7 @@ std::string CustomColumnClause(const TCustomColFilterCond& ACondition, bool ACas
       out.push_back(')');
       return out;
     }
-    const std::string date = DateLiteral(ACondition.Value);
+    const std::string date = DateLiteral(ACondition.Value, AKind);
     switch (ACondition.Oper) {
     case coEquals: return binary(dateColumn, " = ", date);
     case coNotEqual: return binary(dateColumn, " <> ", date);
@@ -163,16 +158,6 @@ std::string CustomColumnClause(const TCustomColFilterCond& ACondition, bool ACas
 }
 
 } // namespace
-
-std::string QuotedSQL(const std::string& AText) {
-  std::string out = "'";
-  for (char c : AText) {
-    if (c == '\'') out.push_back('\'');
-    out.push_back(c);
-  }
-  out.push_back('\'');
-  return out;
-}
 
 std::string DateText(double ADays) {
   const TSystemTime t = DaysToSystemTime(ADays);
@@ -377,15 +362,19 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
   const std::string text = Trim(DescrText);
   if (!text.empty()) {
     if (AKind == tfwSQLite && DescrTextRegExp) {
-      clauses.push_back(std::string("[Descr]") + (DescrTextExclude ? " NOT REGEXP " : " REGEXP ") + QuotedSQL(text));
+      clauses.push_back(std::string("[Descr]") + (DescrTextExclude ? " NOT REGEXP " : " REGEXP ") +
+                        SQLLiteral(text, AKind));
     } else if (AKind == tfwSQLite) {
-      clauses.push_back("MyInStr([Descr], " + QuotedSQL(text) + ", " + (CaseSensitive ? "1" : "0") + ")" +
-                        (DescrTextExclude ? "=0" : "<> 0"));
+      // A substring search, not LIKE: "%", "_" and "[" in the text are plain characters.
+      clauses.push_back("MyInStr([Descr], " + SQLLiteral(text, AKind) + ", " + (CaseSensitive ? "1" : "0") +
+                        ")" + (DescrTextExclude ? "=0" : "<> 0"));
     } else {
       std::string pattern;
       if (DescrTextRegExp) {
         pattern = text; // the server has no regular expressions: the text is the LIKE pattern
       } else {
+        // SQL Server's LIKE reads "[x]" as the plain character x: the text's own "%", "_"
+        // and "[" are bracketed so that only the two added "%" are wildcards.
         pattern = "%";
         for (char c : text) {
           if (c == '%' || c == '[' || c == '_') {
@@ -398,7 +387,8 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
         }
         pattern.push_back('%');
       }
-      clauses.push_back(std::string("[Descr]") + (DescrTextExclude ? " NOT LIKE " : " LIKE ") + QuotedSQL(pattern));
+      clauses.push_back(std::string("[Descr]") + (DescrTextExclude ? " NOT LIKE " : " LIKE ") +
+                        SQLLiteral(pattern, AKind));
     }
   }
 
@@ -433,15 +423,19 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
   std::string params;
   for (const TDescrParamCond& condition : DescrFilter) {
     if (condition.Name.empty() || condition.Oper == coNone) continue;
+    if (condition.Name.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos)
+      throw ESQLNameError("description parameter " + SQLNameForMessage(condition.Name) +
+                          " cannot be a name: it holds a line break or a NUL");
     if (!params.empty()) params.append(" AND ");
-    params.append("CompareDescrWithCond([Descr], " + QuotedSQL(condition.Name) + ", " + Int(condition.Oper) + ", " +
-                  QuotedSQL(condition.Value) + ", " + (CaseSensitive ? "1" : "0") + ")");
+    params.append("CompareDescrWithCond([Descr], " + SQLLiteral(condition.Name, AKind) + ", " +
+                  Int(condition.Oper) + ", " + SQLLiteral(condition.Value, AKind) + ", " +
+                  (CaseSensitive ? "1" : "0") + ")");
   }
   clauses.push_back(params);
 
   // 11. Custom columns, one clause each.
   for (const TCustomColFilterCond& condition : CustomColFilter)
-    clauses.push_back(CustomColumnClause(condition, CaseSensitive, AFieldKind));
+    clauses.push_back(CustomColumnClause(condition, CaseSensitive, AFieldKind, AKind));
 
   std::string where;
   for (const std::string& clause : clauses) {

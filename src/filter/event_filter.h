@@ -4,10 +4,16 @@
 //
 // The filter never tests events itself: the store evaluates the expression, calling the
 // functions it registers (MyInStr, MySameStr, MyInList, MyCompareStr,
-// CompareDescrWithCond, REGEXP). Clause texts are kept exactly as the store expects
-// them, including their deliberate quirks: an apostrophe inside a list item is not
-// doubled, list clauses on SQLite ignore case whatever CaseSensitive says, and
-// selecting no event type restricts nothing.
+// CompareDescrWithCond, REGEXP). Clause texts are kept as the store expects them,
+// including their deliberate quirks: list clauses on SQLite ignore case whatever
+// CaseSensitive says, and selecting no event type restricts nothing.
+//
+// Every text a filter carries reaches the store as data, whatever it holds: list items,
+// the description text or pattern, description parameter names and values and custom
+// column values are string literals (SQLLiteral); the description text is searched with
+// MyInStr on SQLite, so "%", "_" and "[" in it are plain characters, and on SQL Server
+// its LIKE pattern brackets them. The only names written into the text are the store's
+// fixed columns and "CustomField" with a condition's number, checked against the store.
 //
 // Filter files (UTF-8 XML):
 //   <QVEX_Filter version="1"><Filter> one element per criterion </Filter></QVEX_Filter>
@@ -15,6 +21,8 @@
 // ISO 8601 text with milliseconds, "2024-03-01T14:05:09.123" (the stored day count
 // rounded to the millisecond); reading also accepts a decimal day count.
 #pragma once
+
+#include "filter/sql_text.h"
 
 #include <cstdint>
 #include <functional>
@@ -53,10 +61,9 @@ struct TDescrParamCond {
   friend bool operator==(const TDescrParamCond&, const TDescrParamCond&) = default;
 };
 
-enum TFilterWhereKind { tfwSQLite, tfwMSSQL };
-
-// The store's field type of a custom column, for the flavour of its conditions.
-enum class TFieldKind { fkText, fkNumeric, fkDateTime };
+// The store's field type of a custom column, for the flavour of its conditions;
+// fkMissing when the store has no column of that name.
+enum class TFieldKind { fkText, fkNumeric, fkDateTime, fkMissing };
 using TFieldKindOf = std::function<TFieldKind(const std::string& AFieldName)>;
 
 class TEventFilter {
@@ -72,7 +79,10 @@ public:
   bool IsEmpty() const;
   // The WHERE expression (without "WHERE"); "" restricts nothing. ATimeShift is the
   // minute offset of the SQLite last-N clause; AFieldKind tells the flavour of custom
-  // columns (text when not given).
+  // columns (text when not given). Bad criteria never fail, with two exceptions that
+  // raise ESQLNameError naming the name: a custom column condition whose column the
+  // store lacks (a number below 1, or fkMissing), and a description parameter name
+  // holding a line break or a NUL (no description line can carry it).
   std::string CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeShift, const TFieldKindOf& AFieldKind = {}) const;
 
   // Filter files. Loading checks everything before it changes the filter: on any
@@ -130,8 +140,7 @@ void SplitEventIdExpression(const std::string& AText, std::vector<TEventIdSpan>&
 // The SQL text of an event ID expression ("" for none).
 std::string EventIdsToSQL(const std::string& AText);
 
-// SQL and date texts of the filter.
-std::string QuotedSQL(const std::string& AText); // 'text' with embedded apostrophes doubled
+// Date texts of the filter.
 std::string DateTimeText(double ADays);          // 2024-03-01 14:05:09
 std::string DateText(double ADays);              // 2024-03-01
 std::string TimeText(double ADays);              // 14:05:09

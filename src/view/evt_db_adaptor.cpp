@@ -5,6 +5,7 @@
 #include "engine/event_model.h"
 
 #include <cstdio>
+#include <string_view>
 
 namespace qvx {
 
@@ -113,19 +114,61 @@ void TEvtSQLAdaptor::MakeSQL() {
   ReopenQuery();
 }
 
+namespace {
+
+// Equal without regard to ASCII case, over the whole text (a NUL inside ends nothing).
+bool SameName(std::string_view A, std::string_view B) {
+  if (A.size() != B.size()) return false;
+  for (size_t i = 0; i < A.size(); ++i) {
+    char a = A[i], b = B[i];
+    if (a >= 'a' && a <= 'z') a = static_cast<char>(a - 32);
+    if (b >= 'a' && b <= 'z') b = static_cast<char>(b - 32);
+    if (a != b) return false;
+  }
+  return true;
+}
+
+} // namespace
+
+std::string TEvtSQLAdaptor::StoreColumn(const std::string& AName) const {
+  static const char* const kColumns[] = {"_ID",      "Type",         "TypeStr",  "TimeStamp",    "Date",
+                                         "Time",     "EventID",      "Source",   "CategoryName", "UserName",
+                                         "Computer", "RecordNumber", "EventLog", "EvtXML",       "Descr",
+                                         "_Flt",     "_Bmrk"};
+  for (const char* column : kColumns)
+    if (SameName(column, AName)) return column;
+  for (size_t i = 1; i <= FCustomFields.size(); ++i) {
+    std::string custom = "CustomField" + std::to_string(i);
+    if (SameName(custom, AName)) return custom;
+  }
+  return {};
+}
+
+TFieldKindOf TEvtSQLAdaptor::FieldKindOf() const {
+  return [this](const std::string& AField) {
+    const std::string column = StoreColumn(AField);
+    if (column.rfind("CustomField", 0) != 0) return TFieldKind::fkMissing;
+    const TDBCustomField& field = FCustomFields[std::stoul(column.substr(11)) - 1];
+    return field.Format == 1 || field.Format == 2 ? TFieldKind::fkNumeric : TFieldKind::fkText;
+  };
+}
+
 std::string TEvtSQLAdaptor::SortOrderText(const std::string& AField, bool ADescending,
-                                          std::string& AIndexColumn) {
+                                          std::string& AIndexColumn) const {
+  const std::string field = StoreColumn(AField);
+  if (field.empty())
+    throw ESQLNameError("sort column " + SQLNameForMessage(AField) + " is not a column of the event store");
   const char* direction = ADescending ? "DESC" : "ASC";
   std::string order;
-  if (AField == "Type" || AField == "TypeStr") {
+  if (field == "Type" || field == "TypeStr") {
     AIndexColumn = "Type";
     order = "[Type] ";
-  } else if (AField == "Date") {
+  } else if (field == "Date") {
     AIndexColumn = "TimeStamp";
     order = "[TimeStamp] ";
   } else {
-    AIndexColumn = AField == "_ID" ? std::string() : AField;
-    order.append("[").append(AField).append("] ");
+    AIndexColumn = field == "_ID" ? std::string() : field;
+    order.append("[").append(field).append("] ");
   }
   return order.append(direction);
 }

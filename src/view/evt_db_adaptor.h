@@ -21,6 +21,8 @@
 //   _Flt, _Bmrk   INTEGER              flag filter mark and bookmark
 #pragma once
 
+#include "filter/event_filter.h"
+
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -165,10 +167,17 @@ public:
 
 // What the SQL stores share: the view query text and the statements of sorting, flag
 // filtering and bookmarks.
+//
+// Names reach the statements only after a check: the table name must be a plain SQL
+// name (CheckSQLName), and a sort column must be one of the store's columns. A refused
+// name raises ESQLNameError and changes nothing. The filter and order texts given to
+// SetFilterSQL and SetOrderBy are SQL as they stand: they must come from the program
+// (TEventFilter::CreateSQLWhere, SortTable, constants), never from user text.
 class TEvtSQLAdaptor : public TEvtDBAdaptor {
 public:
   const std::string& TableName() const { return FTableName; }
-  void SetTableName(const std::string& AName) { FTableName = AName; }
+  // Raises ESQLNameError for a name that is not a plain SQL name.
+  void SetTableName(const std::string& AName) { FTableName = CheckSQLName(AName, "table"); }
   const std::vector<TDBCustomField>& CustomFields() const { return FCustomFields; }
   // The custom columns of the table to be created (or of the one being read).
   void SetCustomFields(const std::vector<TDBCustomField>& AFields) { FCustomFields = AFields; }
@@ -191,9 +200,18 @@ public:
   void MakeSQL();
   void UpdateSQL() { MakeSQL(); }
 
+  // Orders the query by column AField (any case). A name that is not a column of the
+  // store raises ESQLNameError before anything changes.
   void SortTable(const std::string& AField, bool ADescending) override;
-  // The ORDER BY text and the index column of a sort ("" when none is needed).
-  static std::string SortOrderText(const std::string& AField, bool ADescending, std::string& AIndexColumn);
+  // The ORDER BY text and the index column of a sort ("" when none is needed); raises
+  // ESQLNameError as SortTable does.
+  std::string SortOrderText(const std::string& AField, bool ADescending, std::string& AIndexColumn) const;
+  // The column of the store's query named AName, as the store spells it; "" when there
+  // is none (the fixed columns, TypeStr, and CustomField1 to the custom column count).
+  std::string StoreColumn(const std::string& AName) const;
+  // The field kinds of the custom columns, for TEventFilter::CreateSQLWhere: numeric
+  // for integer and real columns, text for the others, missing past the last one.
+  TFieldKindOf FieldKindOf() const;
 
   // Flag filtering.
   void FltFilterInAll();

@@ -108,15 +108,35 @@ size_t TEvtLiteAdaptor::BatchSizeFor(size_t ACustomCount) {
 sqlite3_stmt* TEvtLiteAdaptor::Prepare(const std::string& ASql) const {
   if (!FDb) throw EEventStoreError(FFileName + ": the event store is not open");
   sqlite3_stmt* statement = nullptr;
-  const int code = sqlite3_prepare_v2(FDb, ASql.c_str(), static_cast<int>(ASql.size()), &statement, nullptr);
+  const char* tail = nullptr;
+  const int code = sqlite3_prepare_v2(FDb, ASql.c_str(), static_cast<int>(ASql.size()), &statement, &tail);
   if (code != SQLITE_OK) Fail("cannot prepare \"" + ASql.substr(0, 200) + "\"", code);
+  // Exactly one statement: text after it that is more than blanks and comments (or a NUL,
+  // which would hide the rest from SQLite) would be a second statement smuggled in.
+  const size_t used = tail ? static_cast<size_t>(tail - ASql.c_str()) : ASql.size();
+  if (used < ASql.size()) {
+    sqlite3_stmt* next = nullptr;
+    const std::string rest = ASql.substr(used);
+    const bool more = rest.find('\0') != std::string::npos ||
+                      sqlite3_prepare_v2(FDb, rest.c_str(), -1, &next, nullptr) != SQLITE_OK || next;
+    sqlite3_finalize(next);
+    if (more) {
+      sqlite3_finalize(statement);
+      throw EEventStoreError(FFileName + ": refused: more than one statement in \"" + ASql.substr(0, 200) +
+                             "\"");
+    }
+  }
+  if (!statement)
+    throw EEventStoreError(FFileName + ": refused: no statement in \"" + ASql.substr(0, 200) + "\"");
   return statement;
 }
 
 void TEvtLiteAdaptor::ExecSQL(const std::string& ASql) {
-  if (!FDb) throw EEventStoreError(FFileName + ": the event store is not open");
-  const int code = sqlite3_exec(FDb, ASql.c_str(), nullptr, nullptr, nullptr);
-  if (code != SQLITE_OK) Fail("\"" + ASql.substr(0, 200) + "\" failed", code);
+  TStatement statement{Prepare(ASql)};
+  int code;
+  while ((code = sqlite3_step(statement.Handle)) == SQLITE_ROW) {
+  }
+  if (code != SQLITE_DONE) Fail("\"" + ASql.substr(0, 200) + "\" failed", code);
 }
 
 int64_t TEvtLiteAdaptor::QueryIntValue(const std::string& ASql) {
@@ -193,32 +213,32 @@ void TEvtLiteAdaptor::OpenExistingTable() {
     throw EEventStoreError(FFileName + ": not an event store: it has no table " + FTableName);
 }
 
-void TEvtLiteAdaptor::DropAllIndexes() {
+void TEvtLiteAdaptor::DropIndexes(bool ACustomOnly) {
   FreeQuery(); // an open query keeps the table from changing its schema
   std::vector<std::string> names;
   {
-    TStatement statement{Prepare(
-        FormatSQL("SELECT name FROM sqlite_master WHERE type = 'index' AND tbl_name = '%s' ", {FTableName}))};
-    while (sqlite3_step(statement.Handle) == SQLITE_ROW)
-      names.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement.Handle, 0)));
+    TStatement statement{Prepare("SELECT name FROM sqlite_master WHERE type = 'index' AND tbl_name = ?1 ")};
+    sqlite3_bind_text(statement.Handle, 1, FTableName.c_str(), -1, SQLITE_TRANSIENT);
+    while (sqlite3_step(statement.Handle) == SQLITE_ROW) {
+      const unsigned char* text = sqlite3_column_text(statement.Handle, 0);
+      std::string name(text ? reinterpret_cast<const char*>(text) : "",
+                       static_cast<size_t>(sqlite3_column_bytes(statement.Handle, 0)));
+      if (!ACustomOnly || name.find("CustomField") != std::string::npos) names.push_back(std::move(name));
+    }
   }
+  // The names come from the file, which may not be ours: all are checked before any is dropped.
+  for (const std::string& name : names)
+    CheckSQLName(name, "index");
   for (const std::string& name : names)
     ExecSQL(FormatSQL("DROP INDEX IF EXISTS %s", {name}));
 }
 
+void TEvtLiteAdaptor::DropAllIndexes() {
+  DropIndexes(false);
+}
+
 void TEvtLiteAdaptor::DropCFIndexes() {
-  FreeQuery(); // an open query keeps the table from changing its schema
-  std::vector<std::string> names;
-  {
-    TStatement statement{Prepare(
-        FormatSQL("SELECT name FROM sqlite_master WHERE type = 'index' AND tbl_name = '%s' ", {FTableName}))};
-    while (sqlite3_step(statement.Handle) == SQLITE_ROW) {
-      std::string name = reinterpret_cast<const char*>(sqlite3_column_text(statement.Handle, 0));
-      if (name.find("CustomField") != std::string::npos) names.push_back(std::move(name));
-    }
-  }
-  for (const std::string& name : names)
-    ExecSQL(FormatSQL("DROP INDEX IF EXISTS %s", {name}));
+  DropIndexes(true);
 }
 
 void TEvtLiteAdaptor::Cleanup() {
@@ -367,24 +387,16 @@ std::string TEvtLiteAdaptor::UpdateCustomFieldsSQL() const {
       sql.append("CustomField").append(number).append(" = NULL");
       continue;
     }
-    auto quoted = [](const std::string& AText) {
-      std::string out;
-      for (char c : AText) {
-        out.push_back(c);
-        if (c == '\'') out.push_back('\'');
-      }
-      return out;
-    };
     const std::vector<std::string> args = {number,
                                            "[EventID]",
                                            std::to_string(field.ValueKind),
-                                           quoted(field.Expression),
-                                           quoted(field.EventIDs),
+                                           SQLLiteral(field.Expression),
+                                           SQLLiteral(field.EventIDs),
                                            std::to_string(field.Format)};
     sql.append(FormatSQL(
         field.IsInteger()
-            ? "CustomField%s = CAST(CalculateCustomField(%s, [EvtXML], %s, [Descr], '%s', '%s', %s) as INT8) "
-            : "CustomField%s = CalculateCustomField(%s, [EvtXML], %s, [Descr], '%s', '%s', %s) ",
+            ? "CustomField%s = CAST(CalculateCustomField(%s, [EvtXML], %s, [Descr], %s, %s, %s) as INT8) "
+            : "CustomField%s = CalculateCustomField(%s, [EvtXML], %s, [Descr], %s, %s, %s) ",
         args));
   }
   return sql;

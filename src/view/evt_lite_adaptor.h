@@ -41,6 +41,8 @@ public:
 
   void CreateTable() override;
   void EmptyTable() override;
+  // Drop the table's indexes (all, or those of custom columns). An index whose name is
+  // not a plain SQL name raises ESQLNameError and none is dropped.
   void DropAllIndexes() override;
   void DropCFIndexes();
   void Cleanup() override;
@@ -70,6 +72,7 @@ public:
   std::string UpdateCustomFieldsSQL() const;
   void UpdateCustomFields();
 
+  // Runs one statement (see Prepare).
   void ExecSQL(const std::string& ASql) override;
   int64_t QueryIntValue(const std::string& ASql) override;
   void BreakSQLExec() override;
@@ -110,7 +113,9 @@ protected:
 
 private:
   [[noreturn]] void Fail(const std::string& AWhat, int ACode) const;
+  // Compiles exactly one statement: text that holds a second one raises EEventStoreError.
   sqlite3_stmt* Prepare(const std::string& ASql) const;
+  void DropIndexes(bool ACustomOnly);
   sqlite3_stmt* InsertStatement(size_t ARows);
   void InsertPending();
   // Steps the query until row AIndex (0-based) is read; false when the query ends first.

@@ -27,10 +27,10 @@ std::string TEvtMSSQLAdaptor::TimeColumns() const {
   if (UsesTimeZoneName())
     return FormatIndexed(
         " [time_stamp] AS [TimeStampUTC] ,  CONVERT(DATETIME, [time_stamp] AT TIME ZONE 'UTC' AT TIME "
-        "ZONE '%0:s') as [TimeStamp] ,  CONVERT(DATETIME, CONVERT(DATE, [time_stamp] AT TIME ZONE "
-        "'UTC' AT TIME ZONE '%0:s')) as [Date] ,  CONVERT(DATETIME, CONVERT(TIME, [time_stamp] AT "
-        "TIME ZONE 'UTC' AT TIME ZONE '%0:s')) as [Time] , ",
-        "%0:s", FZoneName);
+        "ZONE %0:s) as [TimeStamp] ,  CONVERT(DATETIME, CONVERT(DATE, [time_stamp] AT TIME ZONE "
+        "'UTC' AT TIME ZONE %0:s)) as [Date] ,  CONVERT(DATETIME, CONVERT(TIME, [time_stamp] AT "
+        "TIME ZONE 'UTC' AT TIME ZONE %0:s)) as [Time] , ",
+        "%0:s", SQLLiteral(FZoneName, tfwMSSQL));
   return FormatIndexed(
       " [time_stamp] AS [TimeStampUTC] ,  DATEADD(minute, %0:d, [time_stamp]) AS [TimeStamp],  "
       "CONVERT(DATETIME, CONVERT(DATE, DATEADD(minute, %0:d, [time_stamp]))) as [Date],  "
@@ -65,8 +65,8 @@ std::string TEvtMSSQLAdaptor::BuildQuery() const {
 std::string TEvtMSSQLAdaptor::RowCountSQL() const {
   return FormatSQL(
       "SELECT SUM(spa.rows) rowcnt FROM sys.tables sta INNER JOIN sys.partitions spa ON spa.OBJECT_ID = "
-      "sta.OBJECT_ID WHERE sta.name <> 'sysdiagrams' AND spa.index_id IN (0,1) AND sta.name = '%s' ",
-      {FTableName});
+      "sta.OBJECT_ID WHERE sta.name <> 'sysdiagrams' AND spa.index_id IN (0,1) AND sta.name = %s ",
+      {SQLLiteral(FTableName, tfwMSSQL)});
 }
 
 } // namespace qvx

@@ -45,6 +45,32 @@ check alerts-started test "$(wc -l <"$tmp/alerted.txt")" -eq "$errors"
 check alerts-args grep -q "^1000|Application Error; touch $tmp/INJECTED$" "$tmp/alerted.txt"
 check alerts-no-shell test ! -e "$tmp/INJECTED"
 
+# Filter texts are data: SQL in them matches nothing, wildcards are plain characters (the
+# in-memory filter of "quorvex events" is the yardstick), and the store stays whole.
+check source-injection test "$("$QVX" view "$tmp/s.db" --source "x') OR ('1'='1" --count)" -eq 0
+check source-injection-excluded test "$("$QVX" view "$tmp/s.db" --source "!x') OR ('1'='1" --count)" -eq "$all"
+check user-drop test "$("$QVX" view "$tmp/s.db" --user "'); DROP TABLE Events; --" --count)" -eq 0
+check computer-quote test "$("$QVX" view "$tmp/s.db" --computer "a'b,x;y" --count)" -eq 0
+for text in "%" "_" "[" "'" "--" ";" "')"; do
+  expected=$("$QVX" events "$tmp/demo.evtx" --descr "$text" -f jsonl -q | wc -l)
+  check "descr-literal $text" test "$("$QVX" view "$tmp/s.db" --descr "$text" --count)" -eq "$expected"
+done
+scm=$("$QVX" view "$tmp/s.db" --source "Service Control Manager" --count)
+cat >"$tmp/hostile.xml" <<'XML'
+<?xml version="1.0" encoding="UTF-8"?>
+<QVEX_Filter version="1"><Filter><Sources><Source>x') OR ('1'='1</Source>
+<Source>Service Control Manager</Source></Sources></Filter></QVEX_Filter>
+XML
+check filter-file-literal test "$("$QVX" view "$tmp/s.db" --filter "$tmp/hostile.xml" --count)" -eq "$scm"
+for name in "Date; DROP TABLE Events" "]" "Source]--" "Nope" "$(printf 'Type\nDROP')"; do
+  err=$("$QVX" view "$tmp/s.db" --sort "$name" 2>&1 >/dev/null)
+  status=$?
+  label=${name//$'\n'/\\n}
+  check "sort-refused $label" test "$status" -ne 0 -a "$(wc -l <<<"$err")" -eq 1
+  check "sort-named $label" grep -q '^quorvex: --sort: sort column ".*" is not a column of the event store' <<<"$err"
+done
+check store-whole test "$("$QVX" view "$tmp/s.db" --count)" -eq "$all"
+
 refresh=$("$QVX" refresh "$tmp/s.db" 2>&1)
 check refresh-nothing-new grep -q "0 events added" <<<"$refresh"
 check refresh-notice grep -q "Only the recent events since" <<<"$refresh"

@@ -1,12 +1,17 @@
 // The filter's SQLite WHERE text run for real against a table of the event store's schema,
 // with the functions the store registers: a clause that is not valid SQL fails here, and
-// simple rows show that each clause selects what it says.
+// simple rows show that each clause selects what it says. Texts that look like SQL or like
+// LIKE wildcards are run through the real store and must be found literally.
 #include "filter/event_filter.h"
+#include "view/evt_lite_adaptor.h"
 #include "view/store_functions.h"
+
+#include "support/test_paths.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <fstream>
 #include <string>
 
 namespace qvx {
@@ -146,6 +151,190 @@ TEST_F(EventFilterSQLite, CustomColumnConditionsOfEveryFlavourRun) {
     filter.CustomColFilter = {condition};
     EXPECT_EQ(Run(filter, kinds), expected) << condition.Number << " " << condition.Oper << " " << condition.Value;
   }
+}
+
+// --- hostile texts through the real store -------------------------------------------
+
+// Values that break a statement built by pasting text, or that a LIKE pattern would read
+// as wildcards.
+const std::string kHostile[] = {"O'Brien", "x') OR ('1'='1", "a--b",      "semi;colon",
+                                "50%",     "under_score",    "[bracket]", "x'); DROP TABLE Events; --"};
+// What the hostile values would also match if they were read as SQL or as patterns.
+const std::string kNearMiss[] = {"OBrien", "50x", "underXscore", "b", "1", "a"};
+
+struct TRowText {
+  std::string Source, CategoryName, UserName, Computer, Descr, Custom;
+};
+std::string TRowText::*const kRowColumns[] = {&TRowText::Source,   &TRowText::CategoryName,
+                                              &TRowText::UserName, &TRowText::Computer,
+                                              &TRowText::Descr,    &TRowText::Custom};
+// The filter lists in the order of the first four row columns.
+std::vector<std::string> TEventFilter::*const kLists[] = {&TEventFilter::Sources, &TEventFilter::Categories,
+                                                          &TEventFilter::Users, &TEventFilter::Computers};
+bool TEventFilter::*const kListExcludes[] = {&TEventFilter::SourcesExclude, &TEventFilter::CategoriesExclude,
+                                             &TEventFilter::UsersExclude, &TEventFilter::ComputersExclude};
+
+// A store with one text custom column: for every hostile value one row per column that
+// holds it there (the description as "Owner's Name: value", a description parameter),
+// one row per near miss holding it everywhere, and two plain rows.
+class EventFilterStore : public ::testing::Test {
+protected:
+  static constexpr int64_t kRows = 8 * 6 + 6 + 2;
+
+  void SetUp() override {
+    FStore.SetCustomFields({TDBCustomField{}});
+    FStore.InitThreadDataSet();
+    FStore.EmptyTable();
+    FStore.StartBatchInsert();
+    const TRowText plain{"Plain", "None", "SYSTEM", "PC1", "plain text", "plain"};
+    for (const std::string& hostile : kHostile)
+      for (std::string TRowText::*column : kRowColumns) {
+        TRowText row = plain;
+        row.*column = column == &TRowText::Descr ? "Owner's Name: " + hostile : hostile;
+        Add(row);
+      }
+    for (const std::string& miss : kNearMiss)
+      Add({miss, miss, miss, miss, "Owner's Name: " + miss, miss});
+    Add(plain);
+    Add(plain);
+    FStore.FinishBatchInsert();
+    ASSERT_EQ(Total(), kRows);
+  }
+
+  void Add(const TRowText& ARow) {
+    TLiteRecord record;
+    record.Type = 2;
+    record.EventID = ++FNextId;
+    record.Source = ARow.Source;
+    record.CategoryName = ARow.CategoryName;
+    record.UserName = ARow.UserName;
+    record.Computer = ARow.Computer;
+    record.Descr = ARow.Descr;
+    record.CustomFields = {ARow.Custom};
+    FStore.AppendLiteEvent(record);
+  }
+
+  // The rows the filter keeps, counted by the store itself.
+  int64_t Count(const TEventFilter& AFilter) {
+    FStore.SetFilterSQL(AFilter.CreateSQLWhere(tfwSQLite, 0, FStore.FieldKindOf()));
+    return FStore.GetRecordCount();
+  }
+  int64_t Total() { return FStore.QueryIntValue("SELECT COUNT(*) FROM Events"); }
+
+  TEvtLiteAdaptor FStore{":memory:"};
+  int64_t FNextId = 0;
+};
+
+TEST_F(EventFilterStore, ListItemsAreFoundLiterallyInEveryList) {
+  const char* const plain[] = {"Plain", "None", "SYSTEM", "PC1"};
+  for (size_t list = 0; list < 4; ++list)
+    for (const std::string& hostile : kHostile) {
+      TEventFilter filter;
+      (filter.*kLists[list]) = {hostile};
+      EXPECT_EQ(Count(filter), 1) << list << " " << hostile;
+      filter.*kListExcludes[list] = true;
+      EXPECT_EQ(Count(filter), kRows - 1) << list << " " << hostile;
+      // Beside an ordinary item, the hostile one changes nothing of it.
+      filter.*kListExcludes[list] = false;
+      (filter.*kLists[list]).push_back(plain[list]);
+      EXPECT_EQ(Count(filter), 1 + 2 + 5 * 8) << list << " " << hostile;
+    }
+  EXPECT_EQ(Total(), kRows);
+}
+
+TEST_F(EventFilterStore, DescriptionTextAndPatternsAreFoundLiterally) {
+  TEventFilter filter;
+  for (const std::string& hostile : kHostile) {
+    filter.DescrText = hostile;
+    EXPECT_EQ(Count(filter), 1) << hostile;
+  }
+  // Wildcards of LIKE and pieces of SQL are plain characters of a substring search.
+  const std::pair<const char*, int64_t> parts[] = {{"%", 1}, {"_", 1},  {"[", 1},  {"[b]", 0}, {"--", 2},
+                                                   {";", 2}, {"')", 2}, {"'", 14}, {"50_", 0}};
+  for (const auto& [part, expected] : parts) {
+    filter.DescrText = part;
+    filter.DescrTextExclude = false;
+    EXPECT_EQ(Count(filter), expected) << part;
+    filter.DescrTextExclude = true;
+    EXPECT_EQ(Count(filter), kRows - expected) << part;
+  }
+  filter.Clear();
+  filter.DescrTextRegExp = true;
+  const std::pair<const char*, int64_t> patterns[] = {
+      {"x'\\) OR \\('1'='1", 1}, {"^Owner's Name: 50%$", 1}, {"DROP TABLE Events; --$", 1}, {"'", 14}};
+  for (const auto& [pattern, expected] : patterns) {
+    filter.DescrText = pattern;
+    EXPECT_EQ(Count(filter), expected) << pattern;
+  }
+  EXPECT_EQ(Total(), kRows);
+}
+
+TEST_F(EventFilterStore, ConditionValuesAndNamesAreData) {
+  TEventFilter filter;
+  for (const std::string& hostile : kHostile) {
+    filter.DescrFilter = {{"Owner's Name", coEquals, hostile}};
+    EXPECT_EQ(Count(filter), 1) << hostile;
+    filter.DescrFilter.clear();
+    filter.CustomColFilter = {{1, coEquals, hostile}};
+    EXPECT_EQ(Count(filter), 1) << hostile;
+    filter.CustomColFilter = {{1, coContains, hostile}};
+    EXPECT_EQ(Count(filter), 1) << hostile;
+    filter.CustomColFilter = {{1, coNotEqual, hostile}};
+    EXPECT_EQ(Count(filter), kRows - 1) << hostile;
+    filter.CustomColFilter.clear();
+  }
+  filter.DescrFilter = {{"Owner's Name", coContains, "'"}};
+  EXPECT_EQ(Count(filter), 3);
+  filter.DescrFilter = {{"x') OR ('1'='1", coNotEqual, "1"}}; // a name no description has
+  EXPECT_EQ(Count(filter), 0);
+  filter.DescrFilter.clear();
+  filter.CustomColFilter = {{1, coInList, "semi;colon, 50%,a--b"}};
+  EXPECT_EQ(Count(filter), 3);
+  EXPECT_EQ(Total(), kRows);
+}
+
+TEST_F(EventFilterStore, NamesTheStoreLacksAreRefused) {
+  TEventFilter filter;
+  for (const int32_t number : {0, -1, 2, 1000}) {
+    filter.CustomColFilter = {{number, coEquals, "x"}};
+    try {
+      Count(filter);
+      ADD_FAILURE() << "custom column " << number << " was taken";
+    } catch (const ESQLNameError& e) {
+      EXPECT_EQ(std::string(e.what()), "custom column \"CustomField" + std::to_string(number) +
+                                           "\" is not a column of the event store");
+    }
+  }
+  filter.CustomColFilter.clear();
+  filter.DescrFilter = {{"Name\r\n", coEquals, "x"}};
+  EXPECT_THROW(Count(filter), ESQLNameError);
+  filter.DescrFilter = {{std::string("Na\0me", 6), coEquals, "x"}};
+  EXPECT_THROW(Count(filter), ESQLNameError);
+}
+
+TEST_F(EventFilterStore, FilterFilesKeepHostileItemsLiteral) {
+  const auto dir = test::ScratchDir();
+  for (size_t list = 0; list < 4; ++list) {
+    TEventFilter filter;
+    filter.*kLists[list] = std::vector<std::string>(std::begin(kHostile), std::end(kHostile));
+    const std::string path = (dir / ("list" + std::to_string(list) + ".xml")).string();
+    filter.SaveToFile(path);
+    TEventFilter loaded;
+    loaded.LoadFromFile(path);
+    EXPECT_EQ(loaded.*kLists[list], filter.*kLists[list]);
+    EXPECT_EQ(Count(loaded), 8) << list;
+  }
+  // A file written by hand, as another program or a person would.
+  const std::string path = (dir / "hand.xml").string();
+  std::ofstream(path) << "<?xml version='1.0' encoding='UTF-8'?>\n<QVEX_Filter version=\"1\"><Filter>"
+                         "<Computers><Computer>x') OR ('1'='1</Computer><Computer>50%</Computer></Computers>"
+                         "<DescrText>Name: 50%</DescrText></Filter></QVEX_Filter>";
+  TEventFilter loaded;
+  loaded.LoadFromFile(path);
+  EXPECT_EQ(Count(loaded), 0); // the 50% computer's row has a plain description
+  loaded.DescrText.clear();
+  EXPECT_EQ(Count(loaded), 2);
+  EXPECT_EQ(Total(), kRows);
 }
 
 } // namespace

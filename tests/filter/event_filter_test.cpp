@@ -41,12 +41,12 @@ TEST(EventFilterWhere, EachClauseKindWithItsExactText) {
   EXPECT_TRUE(filter.IsEmpty());
   filter.Clear();
 
-  filter.Sources = {"Disk", "O'Brien"}; // the apostrophe is not doubled, deliberately
+  filter.Sources = {"Disk", "O'Brien"};
   filter.UsersExclude = true;
   filter.Users = {"SYSTEM"};
   EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0),
-            "([Source] IN ('Disk','O'Brien') COLLATE NOCASE) AND ([UserName] NOT IN ('SYSTEM') COLLATE NOCASE)");
-  EXPECT_EQ(filter.CreateSQLWhere(tfwMSSQL, 0), "([Source] IN ('Disk','O'Brien')) AND ([UserName] NOT IN ('SYSTEM'))");
+            "([Source] IN ('Disk','O''Brien') COLLATE NOCASE) AND ([UserName] NOT IN ('SYSTEM') COLLATE NOCASE)");
+  EXPECT_EQ(filter.CreateSQLWhere(tfwMSSQL, 0), "([Source] IN ('Disk','O''Brien')) AND ([UserName] NOT IN ('SYSTEM'))");
   filter.Clear();
 
   filter.IDs = "4624";

@@ -14,7 +14,10 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sqlite3.h>
 #include <unistd.h>
+
+using namespace std::string_literals;
 
 namespace qvx {
 namespace {
@@ -73,10 +76,10 @@ TEST_F(EvtLiteAdaptor, SchemaTextAndTypeTexts) {
 
 TEST_F(EvtLiteAdaptor, SortingAndIndexes) {
   std::string column;
-  EXPECT_EQ(TEvtSQLAdaptor::SortOrderText("Date", true, column), "[TimeStamp] DESC");
+  EXPECT_EQ(FStore.SortOrderText("Date", true, column), "[TimeStamp] DESC");
   EXPECT_EQ(column, "TimeStamp");
-  EXPECT_EQ(TEvtSQLAdaptor::SortOrderText("TypeStr", false, column), "[Type] ASC");
-  EXPECT_EQ(TEvtSQLAdaptor::SortOrderText("_ID", false, column), "[_ID] ASC");
+  EXPECT_EQ(FStore.SortOrderText("typestr", false, column), "[Type] ASC");
+  EXPECT_EQ(FStore.SortOrderText("_ID", false, column), "[_ID] ASC");
   EXPECT_EQ(column, "");
   FStore.SortTable("Date", false);
   FStore.MakeSQL();
@@ -90,6 +93,92 @@ TEST_F(EvtLiteAdaptor, SortingAndIndexes) {
   EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'"), 1);
   FStore.DropAllIndexes();
   EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'"), 0);
+}
+
+TEST_F(EvtLiteAdaptor, HostileSortNamesAreRefusedAndTouchNothing) {
+  FStore.SortTable("Source", false);
+  const std::string order = FStore.OrderBy();
+  const char* const indexes = "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'";
+  ASSERT_EQ(FStore.QueryIntValue(indexes), 1);
+  const std::string names[] = {"Date; DROP TABLE x",
+                               "]",
+                               "Source]--",
+                               "Source] ASC; DROP TABLE Events; --",
+                               "[Source]",
+                               "Source ",
+                               "",
+                               "Nope",
+                               "CustomField1", // the store has no custom columns
+                               "sqlite_master",
+                               "Type\nDROP",
+                               "Date\0; DROP TABLE Events"s,
+                               "(SELECT 1)",
+                               std::string(300, 'D')};
+  for (const std::string& name : names) {
+    try {
+      FStore.SortTable(name, true);
+      ADD_FAILURE() << "sorted by " << name;
+    } catch (const ESQLNameError& e) {
+      const std::string message = e.what();
+      EXPECT_EQ(message, "sort column " + SQLNameForMessage(name) + " is not a column of the event store");
+      EXPECT_EQ(message.find_first_of("\r\n"s + '\0'), std::string::npos) << message;
+    }
+    EXPECT_EQ(FStore.OrderBy(), order) << name;
+  }
+  EXPECT_EQ(FStore.QueryIntValue(indexes), 1);
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM Events"), 3);
+  EXPECT_THROW(FStore.SetTableName("Events; DROP TABLE Events"), ESQLNameError);
+  EXPECT_EQ(FStore.TableName(), "Events");
+}
+
+TEST_F(EvtLiteAdaptor, TextHoldingASecondStatementIsRefused) {
+  for (const char* where :
+       {"1; DROP TABLE Events", "1; DROP TABLE Events; --", "1; -- x\n DELETE FROM Events"}) {
+    FStore.SetFilterSQL(where);
+    EXPECT_THROW(FStore.MakeSQL(), EEventStoreError) << where;
+    EXPECT_THROW(FStore.GetRecordCount(), EEventStoreError) << where;
+    EXPECT_THROW(FStore.BookmarksByCriteria(where), EEventStoreError) << where;
+    EXPECT_THROW(FStore.ExecSQL(std::string("UPDATE Events SET _Bmrk = 1 WHERE ") + where), EEventStoreError);
+  }
+  FStore.SetFilterSQL("1 -- a comment is no statement\n ;  /* nor is this */ ");
+  EXPECT_EQ(FStore.GetRecordCount(), 3);
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM Events WHERE _Bmrk = 1"), 0);
+}
+
+TEST_F(EvtLiteAdaptor, ForeignIndexNamesAreCheckedBeforeAnyIsDropped) {
+  FStore.SortTable("EventID", false);
+  ASSERT_EQ(sqlite3_exec(FStore.Handle(), "CREATE INDEX \"x; DROP TABLE Events\" ON Events (Source)", nullptr,
+                         nullptr, nullptr),
+            SQLITE_OK);
+  EXPECT_THROW(FStore.DropAllIndexes(), ESQLNameError);
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'index'"), 2);
+  EXPECT_EQ(FStore.QueryIntValue("SELECT COUNT(*) FROM Events"), 3);
+}
+
+TEST(EvtLiteAdaptorCustom, DefinitionsAreDataAndKindsFollowTheColumns) {
+  TEvtLiteAdaptor store(":memory:");
+  TDBCustomField text, integer, real;
+  text.Expression = "x'); DROP TABLE Events; --";
+  text.EventIDs = "1'";
+  integer.Format = 1;
+  real.Format = 2;
+  store.SetCustomFields({text, integer, real});
+  store.InitThreadDataSet();
+  store.EmptyTable();
+  TLiteRecord row = Row(2, "2024-03-01 10:00:00.000", 1, "S", "d");
+  store.AppendLiteEvent(row);
+  store.FinishBatchInsert();
+  store.UpdateCustomFields();
+  EXPECT_EQ(store.QueryIntValue("SELECT COUNT(*) FROM Events WHERE CustomField1 IS NULL"), 1);
+  const TFieldKindOf kinds = store.FieldKindOf();
+  EXPECT_EQ(kinds("CustomField1"), TFieldKind::fkText);
+  EXPECT_EQ(kinds("customfield2"), TFieldKind::fkNumeric);
+  EXPECT_EQ(kinds("CustomField3"), TFieldKind::fkNumeric);
+  EXPECT_EQ(kinds("CustomField4"), TFieldKind::fkMissing);
+  EXPECT_EQ(kinds("CustomField1]"), TFieldKind::fkMissing);
+  store.SortTable("CUSTOMFIELD3", false);
+  EXPECT_EQ(store.OrderBy(), "[CustomField3] ASC");
+  EXPECT_THROW(store.SortTable("CustomField4", false), ESQLNameError);
 }
 
 TEST_F(EvtLiteAdaptor, NavigationMovesBackByRereadingRows) {
@@ -155,6 +244,9 @@ TEST(EvtMSSQLAdaptor, TimeColumnsAndRowCount) {
   server.SetRowLimit(50);
   EXPECT_EQ(server.BuildQuery().rfind("Select TOP 50 [_ID]", 0), 0u);
   EXPECT_NE(server.RowCountSQL().find("sta.name = 'ev' "), std::string::npos);
+  server.SetTimeZone("O'Zone') as x; --", 0);
+  EXPECT_NE(server.TimeColumns().find("AT TIME ZONE 'O''Zone'') as x; --') as [TimeStamp]"),
+            std::string::npos);
 }
 
 // A source that yields scripted records, newest first.
