@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <stdexcept>
 #include <utility>
 
 namespace qvx {
@@ -86,6 +87,17 @@ std::string OrGroup(const std::vector<std::string>& AParts, bool AWrap) {
   return Result;
 }
 
+// A provider name as an XPath string literal. XPath has no escapes inside a literal: a
+// name with an apostrophe goes in double quotes, and one with both kinds of quote
+// cannot be written at all.
+std::string XPathLiteral(const std::string& AText) {
+  const char quote = AText.find('\'') == std::string::npos ? '\'' : '"';
+  if (quote == '"' && AText.find('"') != std::string::npos)
+    throw std::invalid_argument("the source name " + AText +
+                                " holds both kinds of quote, which an event log query cannot hold");
+  return quote + AText + quote;
+}
+
 std::string BuildFilter(const TXMLQueryBuilder& ABuilder) {
   std::vector<std::string> Conditions;
 
@@ -134,13 +146,13 @@ std::string BuildFilter(const TXMLQueryBuilder& ABuilder) {
   if (!ABuilder.Sources.empty()) {
     std::string Group("Provider[");
     for (size_t I = 0; I < ABuilder.Sources.size(); ++I)
-      Group.append(I > 0 ? " or " : "").append("@Name='").append(ABuilder.Sources[I]).append("'");
+      Group.append(I > 0 ? " or " : "").append("@Name=").append(XPathLiteral(ABuilder.Sources[I]));
     Conditions.push_back(Group.append("]"));
   }
   if (!ABuilder.SourcesExcl.empty()) {
     std::string Group("Provider[");
     for (size_t I = 0; I < ABuilder.SourcesExcl.size(); ++I)
-      Group.append(I > 0 ? " and " : "").append("@Name!='").append(ABuilder.SourcesExcl[I]).append("'");
+      Group.append(I > 0 ? " and " : "").append("@Name!=").append(XPathLiteral(ABuilder.SourcesExcl[I]));
     Conditions.push_back(Group.append("]"));
   }
 

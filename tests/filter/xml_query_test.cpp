@@ -64,6 +64,19 @@ TEST(XmlQueryBuild, NoConditionsWritesStar) {
                  "</QueryList>\n");
 }
 
+TEST(XmlQueryBuild, SourceNamesStayLiterals) {
+  // A name cannot close its literal and add conditions of its own.
+  TXMLQueryBuilder Builder;
+  Builder.LogNames = {"Application"};
+  Builder.Sources = {"x' or '1'='1"};
+  Builder.SourcesExcl = {"O'Brien"};
+  const std::string Xml = Builder.BuildXML();
+  EXPECT_NE(Xml.find("@Name=\"x' or '1'='1\""), std::string::npos) << Xml;
+  EXPECT_NE(Xml.find("@Name!=\"O'Brien\""), std::string::npos) << Xml;
+  Builder.Sources = {"both ' and \""};
+  EXPECT_THROW(Builder.BuildXML(), std::invalid_argument);
+}
+
 TEST(XmlQueryBuild, InformationWritesLevelFourOrZero) {
   TXMLQueryBuilder Builder;
   Builder.LogNames = {"System"};
