@@ -37,6 +37,7 @@ int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 namespace qvx {
 class TImagedPC;
+class TEventLogBinXML;
 }
 
 namespace qvx::app {
@@ -60,6 +61,13 @@ struct TEventsOptions {
 // The row colours of the options (loading the color code file into ACodes); raises
 // std::runtime_error with "Load Color Codes: ..." when the file cannot be loaded.
 TRowColors RowColorsFor(const TEventsOptions& AOptions, std::FILE* AOut, TColorCodes& ACodes);
+
+// Opens an .evtx file as events reads it: the file's own chunks newest first, or, when
+// its header does not match its chunks, the chunks a scan finds (AScan is then true and
+// the notice goes to AErr). Raises std::runtime_error naming the file when it cannot be
+// read as an .evtx file.
+std::unique_ptr<TEventLogBinXML> OpenEvtxLog(const std::string& APath, const std::string& ATimeZone, unsigned AThreads,
+                                             TImagedPC* AImaged, std::FILE* AErr, bool& AScan);
 
 // Lists the events of an .evtx file newest first. Returns the exit status.
 int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
