@@ -116,6 +116,7 @@ struct TStoreOptions {
   bool CheckDeleted = false;     // gaps in record numbers are listed as issues
   TLoadOptions Load;
   std::string Alerts;            // alert file tested against the new events
+  std::vector<std::string> Rules; // Sigma rule files or folders run over the new events
   unsigned Threads = 1;
   int Progress = -1;
   bool Quiet = false;
@@ -142,6 +143,8 @@ struct TViewOptions {
   bool Bookmark = false;     // bookmark exactly the rows the filter selects
   bool ClearBookmarks = false;
   bool Bookmarked = false;   // only bookmarked rows
+  std::string DetectionLevel; // only rows with a detection of this level or above ("" = any row)
+  bool Detections = false;    // list the detections of the rows instead of the rows
 };
 
 // Shows the rows of a store. Returns the exit status.

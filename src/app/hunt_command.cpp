@@ -10,7 +10,10 @@
 #include "engine/event_log_binxml.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
+#include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
+
+#include <sqlite3.h>
 
 #include <algorithm>
 #include <cstring>
@@ -77,6 +80,15 @@ std::string_view ElementText(std::string_view AXml, std::string_view AOpen, std:
   const size_t from = start + AOpen.size();
   const size_t end = AXml.find(AClose, from);
   return end == std::string_view::npos ? std::string_view() : AXml.substr(from, end - from);
+}
+
+// "Field=value; Field=value" (keyword hits as the field they were found in).
+void MatchedShort(const TDetection& ADetection, std::string& AOut) {
+  AOut.clear();
+  for (const auto& [name, value] : ADetection.Matched) {
+    if (!AOut.empty()) AOut.append("; ");
+    AOut.append(name).append("=").append(value.substr(0, 512));
+  }
 }
 
 class THuntRun {
@@ -329,15 +341,6 @@ private:
     if (FBuffer.size() > 256 * 1024) Flush();
   }
 
-  // "Field=value; Field=value" (keyword hits as the field they were found in).
-  static void MatchedShort(const TDetection& ADetection, std::string& AOut) {
-    AOut.clear();
-    for (const auto& [name, value] : ADetection.Matched) {
-      if (!AOut.empty()) AOut.append("; ");
-      AOut.append(name).append("=").append(value.substr(0, 512));
-    }
-  }
-
   // "Field":"value" pairs; a field matched with several values gets a list.
   void AppendMatchedJson(const TDetection& ADetection) {
     const auto& matched = ADetection.Matched;
@@ -407,6 +410,138 @@ int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
     return 1;
   }
+}
+
+void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
+                     bool AQuiet, std::FILE* AErr) {
+  const std::unique_ptr<TRuleSet> rules = LoadHuntRules(ARulePaths, "informational", {});
+  THunter hunter(*rules);
+  TDetectionStore detections(AStore.Handle(), AStore.FileName());
+  AStore.SetFilterSQL("[_ID] > " + std::to_string(ALastOldId));
+  AStore.SetOrderBy("[_ID] ASC");
+  AStore.SetRowLimit(0);
+  AStore.MakeSQL();
+  AStore.ExecSQL("BEGIN");
+  uint64_t found = 0;
+  std::string matched;
+  TEventData row;
+  try {
+    for (AStore.First(); !AStore.Eof(); AStore.Next()) {
+      AStore.GetEventData(row);
+      const std::string_view channel = ElementText(row.EvtXML, "<Channel>", "</Channel>");
+      for (const TDetection& detection : hunter.Test(channel, static_cast<uint32_t>(row.EventID), row.EvtXML)) {
+        MatchedShort(detection, matched);
+        const TSigmaRule& rule = *detection.Rule;
+        detections.Add(row.ID, rule.Id, rule.Title, rule.Author, rule.Level, matched);
+        ++found;
+      }
+    }
+  } catch (...) {
+    AStore.ExecSQL("ROLLBACK");
+    throw;
+  }
+  AStore.ExecSQL("COMMIT");
+  AStore.Close();
+  if (AQuiet) return;
+  std::fprintf(AErr, "hunt: %llu detection%s in %llu new events (%zu rules)\n", static_cast<unsigned long long>(found),
+               found == 1 ? "" : "s", static_cast<unsigned long long>(hunter.EventsRead()), rules->Rules().size());
+  PrintUnusableRules(*rules, AErr);
+}
+
+namespace {
+
+int LevelNumber(const std::string& ALevel) {
+  TSigmaLevel level = slInformational;
+  if (!ParseLevel(ALevel, level))
+    throw std::runtime_error("--detection-level " + ALevel +
+                             ": not a level (informational, low, medium, high, critical)");
+  return level;
+}
+
+} // namespace
+
+std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel) {
+  if (!TDetectionStore::Exists(AStore.Handle()))
+    throw std::runtime_error(AStore.FileName() + ": the store holds no detections (load it with --rules)");
+  return TDetectionStore::LevelAtLeastSQL(ALevel.empty() ? 0 : LevelNumber(ALevel));
+}
+
+int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
+                         TOutputFormat AFormat, unsigned AWidth, std::FILE* AOut) {
+  const int level = ALevel.empty() ? 0 : LevelNumber(ALevel);
+  // The event filter selects events; the level selects their detections. Both are our own
+  // text (the filter's SQL and a checked number).
+  const std::string sql = "SELECT e.TimeStamp, d.Level, d.Title, d.Author, e.Computer, e.EventID, d.Matched, d.RuleId, "
+                          "e._ID, e.RecordNumber FROM QvxDetections d JOIN (SELECT * FROM " +
+                          AStore.TableName() + (AWhere.empty() ? "" : " WHERE " + AWhere) +
+                          ") e ON e._ID = d._ID WHERE d.Level >= " + std::to_string(level) +
+                          " ORDER BY e._ID, d.Level DESC, d.Title";
+  sqlite3_stmt* query = nullptr;
+  if (sqlite3_prepare_v2(AStore.Handle(), sql.c_str(), -1, &query, nullptr) != SQLITE_OK)
+    throw EEventStoreError(AStore.FileName() + ": cannot list detections: " + sqlite3_errmsg(AStore.Handle()));
+  auto text = [&](int AColumn) {
+    const unsigned char* t = sqlite3_column_text(query, AColumn);
+    return t ? std::string_view(reinterpret_cast<const char*>(t)) : std::string_view();
+  };
+  std::string out, ruleCell, idText;
+  if (AFormat == TOutputFormat::ofCsv) out.append("id,time,level,rule_title,rule_author,rule_id,computer,event_id,record,matched\r\n");
+  TTextTable table(out,
+                   {{"Time"}, {"Level"}, {"Rule (author)", false, 4}, {"Computer", false, 0, 2}, {"ID", true},
+                    {"Matched", false, 5, 1}},
+                   AWidth ? AWidth : TerminalWidth(AOut));
+  int code;
+  while ((code = sqlite3_step(query)) == SQLITE_ROW) {
+    const char* levelName = LevelName(static_cast<TSigmaLevel>(std::clamp(sqlite3_column_int(query, 1), 0, 4)));
+    idText = std::to_string(sqlite3_column_int64(query, 5));
+    switch (AFormat) {
+    case TOutputFormat::ofJsonl:
+      out.append("{\"id\":").append(std::to_string(sqlite3_column_int64(query, 8))).append(",\"time\":");
+      AppendJsonString(out, text(0));
+      out.append(",\"level\":");
+      AppendJsonString(out, levelName);
+      out.append(",\"rule_id\":");
+      AppendJsonString(out, text(7));
+      out.append(",\"rule_title\":");
+      AppendJsonString(out, text(2));
+      out.append(",\"rule_author\":");
+      AppendJsonString(out, text(3));
+      out.append(",\"computer\":");
+      AppendJsonString(out, text(4));
+      out.append(",\"event_id\":").append(idText);
+      out.append(",\"record\":").append(std::to_string(sqlite3_column_int64(query, 9)));
+      out.append(",\"matched\":");
+      AppendJsonString(out, text(6));
+      out.append("}\n");
+      break;
+    case TOutputFormat::ofCsv:
+      out.append(std::to_string(sqlite3_column_int64(query, 8))).push_back(',');
+      AppendCsvField(out, text(0));
+      out.append(",").append(levelName).push_back(',');
+      for (int column : {2, 3, 7, 4}) {
+        AppendCsvField(out, text(column));
+        out.push_back(',');
+      }
+      out.append(idText).append(",").append(std::to_string(sqlite3_column_int64(query, 9))).push_back(',');
+      AppendCsvField(out, text(6));
+      out.append("\r\n");
+      break;
+    default:
+      ruleCell.assign(text(2)).append(" (").append(text(3)).append(")");
+      table.AddRow({text(0), levelName, ruleCell, text(4), idText, text(6)});
+      break;
+    }
+    if (out.size() > 256 * 1024) {
+      std::fwrite(out.data(), 1, out.size(), AOut);
+      out.clear();
+    }
+  }
+  const std::string message = code == SQLITE_DONE ? std::string() : sqlite3_errmsg(AStore.Handle());
+  sqlite3_finalize(query);
+  if (!message.empty()) throw EEventStoreError(AStore.FileName() + ": listing detections failed: " + message);
+  if (AFormat == TOutputFormat::ofTable) table.Finish();
+  if (std::fwrite(out.data(), 1, out.size(), AOut) != out.size() || std::fflush(AOut) != 0)
+    throw std::runtime_error("cannot write the output");
+  return 0;
 }
 
 } // namespace qvx::app

@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+namespace qvx {
+class TEvtLiteAdaptor;
+}
+
 namespace qvx::app {
 
 struct THuntOptions {
@@ -35,5 +39,20 @@ int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 // The rules that could not be used, each once, with the reason.
 void PrintUnusableRules(const hunt::TRuleSet& ARules, std::FILE* AErr);
+
+// Runs the rules of ARulePaths over the store's events after ALastOldId (its _ID) and
+// keeps the detections in its detection table; says how many on AErr.
+void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
+                     bool AQuiet, std::FILE* AErr);
+
+// The condition "has a detection of level ALevel or above" ("" = any level) over the
+// store's events. Raises std::runtime_error for a level that is not one, or a store
+// without detections.
+std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel);
+
+// Lists the detections (of ALevel or above; "" for all) of the store's events that AWhere selects: time, level, rule with
+// its author, computer, event ID, matched values. Returns the exit status.
+int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
+                         TOutputFormat AFormat, unsigned AWidth, std::FILE* AOut);
 
 } // namespace qvx::app

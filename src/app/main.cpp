@@ -159,6 +159,10 @@ int main(int argc, char** argv) {
                        "List gaps in record numbers as potentially deleted events");
     ACommand->add_option("--alerts", store.Alerts,
                          "Test the new events against this alert file (AlertPatterns) and start its programs");
+    ACommand->add_option("--rules", store.Rules,
+                         "Run these Sigma rules (files or folders, repeatable) over the new events and keep their\n"
+                         "detections in the store ('view --detections')")
+        ->allow_extra_args(false);
     ACommand->add_option("-t,--threads", store.Threads, "Threads decoding chunks ahead of the loader (0 = none)")
         ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
     ACommand->add_flag_callback("--progress", [&] { store.Progress = 1; }, "Always show progress on stderr");
@@ -204,6 +208,11 @@ int main(int argc, char** argv) {
   cmdView->add_flag("--bookmark", view.Bookmark, "Bookmark exactly the events the filter selects (others lose theirs)");
   cmdView->add_flag("--clear-bookmarks", view.ClearBookmarks, "Remove every bookmark first");
   cmdView->add_flag("--bookmarked", view.Bookmarked, "Only bookmarked events");
+  cmdView->add_flag("--detections", view.Detections,
+                    "List the Sigma detections of the events (time, level, rule and author, matched values)");
+  cmdView->add_option("--detection-level", view.DetectionLevel,
+                      "Only events with a detection of this level or above (informational, low, medium, high,\n"
+                      "critical)");
   cmdView->footer("Examples:\n"
                   "  quorvex open Security.evtx System.evtx -s case.db\n"
                   "  quorvex view case.db --type error,warning --sort Date --desc -n 50\n"
