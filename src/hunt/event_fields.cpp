@@ -78,6 +78,7 @@ void TEventFields::Load(std::string_view AXml) {
   FValues.clear();
   FDecoded.clear();
   FFolded.clear();
+  FGrams.clear();
   if (FDecoded.capacity() < AXml.size()) FDecoded.reserve(AXml.size());
   if (FFolded.capacity() < AXml.size()) FFolded.reserve(AXml.size());
   if (FStamp.size() < FNames.Count()) {
@@ -217,6 +218,23 @@ std::string_view TEventFields::Lower(int AIndex) const {
     for (const char c : value.Text) FFolded.push_back(FoldChar(c));
   }
   return std::string_view(FFolded.data() + value.LowerAt, value.Text.size());
+}
+
+const uint64_t* TEventFields::Grams(int AIndex) const {
+  const TValue& value = FValues[static_cast<size_t>(AIndex)];
+  if (value.GramsAt < 0) {
+    const std::string_view text = Lower(AIndex);
+    value.GramsAt = static_cast<int>(FGrams.size());
+    FGrams.resize(FGrams.size() + kGramWords, 0);
+    uint64_t* bits = FGrams.data() + value.GramsAt;
+    for (size_t at = 0; at + 4 <= text.size(); ++at) {
+      uint32_t four;
+      std::memcpy(&four, text.data() + at, 4);
+      const uint32_t hash = GramHash(four);
+      bits[hash >> 6] |= uint64_t{1} << (hash & 63);
+    }
+  }
+  return FGrams.data() + value.GramsAt;
 }
 
 void TEventFields::Rename(const std::vector<std::pair<uint32_t, uint32_t>>& AFromTo) {

@@ -28,6 +28,11 @@
 
 namespace qvx::hunt {
 
+// The 12-bit hash of 4 bytes of folded text, for the 4-gram table of a value.
+inline uint32_t GramHash(uint32_t AFourBytes) {
+  return (AFourBytes * 0x9E3779B1u) >> 20;
+}
+
 // ASCII lower case (event text is UTF-8; other letters keep their case).
 inline char FoldChar(char AChar) {
   return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar;
@@ -62,6 +67,7 @@ public:
     uint32_t FieldId = TFieldNames::kNone;
     int Next = kNoValue; // the next value of the same field
     mutable int LowerAt = -1; // offset of the lower-case form in the fold buffer, once made
+    mutable int GramsAt = -1; // offset of the 4-gram table in the gram buffer, once made
   };
 
   explicit TEventFields(const TFieldNames& ANames) : FNames(ANames) {}
@@ -78,6 +84,10 @@ public:
   int ValueCount() const { return static_cast<int>(FValues.size()); }
   // The value's text in lower case.
   std::string_view Lower(int AIndex) const;
+  // The 4-gram table of the lower-case value: bit GramHash(x) is set for every 4 bytes x
+  // in it (4096 bits). A text that has a 4-gram whose bit is clear cannot be in it.
+  const uint64_t* Grams(int AIndex) const;
+  static constexpr size_t kGramWords = 64;
 
   // Makes the field ATo read the values of AFrom for this event (a field rename of a log
   // source); the previous values of ATo are hidden. Renames given together see the
@@ -98,6 +108,7 @@ private:
   uint32_t FGeneration = 0;
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)
+  mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   std::vector<int> FRenameFirst; // scratch for Rename
   std::string FAttrName;
   std::vector<std::unique_ptr<std::string>> FAttrNames;

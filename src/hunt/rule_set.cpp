@@ -112,24 +112,42 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
     }
     TChannelIndex& index = variant.Channel == "*" ? FAnyChannel : FByChannel[FoldText(variant.Channel)];
     if (ids.empty())
-      index.AnyId.push_back(binding.get());
+      index.AnyId.Bindings.push_back(binding.get());
     else
-      for (const uint32_t id : ids) index.ById[id].push_back(binding.get());
+      for (const uint32_t id : ids) index.ById[id].Bindings.push_back(binding.get());
+    FPrepared = false;
     FBindings.push_back(std::move(binding));
   }
 }
 
+void TRuleSet::Prepare() const {
+  auto build = [](TBindingList& AList) {
+    AList.Prefilter.reset();
+    if (AList.Bindings.size() >= TLiteralPrefilter::kMinBindings)
+      AList.Prefilter = std::make_unique<TLiteralPrefilter>(AList.Bindings);
+  };
+  auto* self = const_cast<TRuleSet*>(this);
+  for (auto& [channel, index] : self->FByChannel) {
+    for (auto& [id, list] : index.ById) build(list);
+    build(index.AnyId);
+  }
+  for (auto& [id, list] : self->FAnyChannel.ById) build(list);
+  build(self->FAnyChannel.AnyId);
+  FPrepared = true;
+}
+
 TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId) const {
+  if (!FPrepared) Prepare();
   TCandidates out;
   FKey.assign(AChannel);
   for (char& c : FKey) c = FoldChar(c);
   if (const auto channel = FByChannel.find(FKey); channel != FByChannel.end()) {
     if (const auto id = channel->second.ById.find(AEventId); id != channel->second.ById.end())
       out.Lists[0] = &id->second;
-    if (!channel->second.AnyId.empty()) out.Lists[1] = &channel->second.AnyId;
+    if (!channel->second.AnyId.Bindings.empty()) out.Lists[1] = &channel->second.AnyId;
   }
   if (const auto id = FAnyChannel.ById.find(AEventId); id != FAnyChannel.ById.end()) out.Lists[2] = &id->second;
-  if (!FAnyChannel.AnyId.empty()) out.Lists[3] = &FAnyChannel.AnyId;
+  if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
   return out;
 }
 
@@ -156,7 +174,11 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
   FFields.Load(AXml);
   for (const auto* list : candidates.Lists) {
     if (!list) continue;
-    for (const TRuleBinding* binding : *list) {
+    const std::vector<const TRuleBinding*>& bindings = list->Bindings;
+    if (list->Prefilter) list->Prefilter->Select(FFields, FSelected);
+    for (size_t i = 0; i < bindings.size(); ++i) {
+      if (list->Prefilter && !FSelected[i]) continue;
+      const TRuleBinding* binding = bindings[i];
       if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
       if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields)) continue;
       // Matched: once more, noting the values that satisfied the searches.

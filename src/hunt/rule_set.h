@@ -10,7 +10,9 @@
 #pragma once
 
 #include "hunt/event_fields.h"
+#include "hunt/literal_prefilter.h"
 #include "hunt/log_mapping.h"
+#include "hunt/rule_binding.h"
 #include "hunt/sigma_match.h"
 #include "hunt/sigma_rule.h"
 
@@ -34,11 +36,11 @@ struct TUnusableRule {
   std::string Reason; // "FILE:LINE: why"
 };
 
-// One rule on one channel.
-struct TRuleBinding {
-  const TSigmaRule* Rule = nullptr;
-  std::vector<uint32_t> SlotFields; // rule slot -> event field number
-  std::vector<std::pair<uint32_t, std::vector<std::string>>> Where; // event field -> folded values (any)
+// The bindings of one channel and event ID (or of any ID), in load order, with the
+// literal prefilter of a long list.
+struct TBindingList {
+  std::vector<const TRuleBinding*> Bindings;
+  std::unique_ptr<TLiteralPrefilter> Prefilter;
 };
 
 class TRuleSet {
@@ -62,14 +64,17 @@ public:
   // up to four lists (the channel's by ID and for any ID, then those of rules that read
   // every channel); null lists are empty.
   struct TCandidates {
-    const std::vector<const TRuleBinding*>* Lists[4] = {};
+    const TBindingList* Lists[4] = {};
   };
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId) const;
+  // Builds the prefilters of the long lists; done by the first Candidates call when not
+  // called before. Rules loaded afterwards build them again.
+  void Prepare() const;
 
 private:
   struct TChannelIndex {
-    std::unordered_map<uint32_t, std::vector<const TRuleBinding*>> ById;
-    std::vector<const TRuleBinding*> AnyId;
+    std::unordered_map<uint32_t, TBindingList> ById;
+    TBindingList AnyId;
   };
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
 
@@ -83,6 +88,7 @@ private:
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   TChannelIndex FAnyChannel;
   mutable std::string FKey;
+  mutable bool FPrepared = false;
 };
 
 // A detection: the rule, and the fields and values that satisfied its searches (views
@@ -110,6 +116,7 @@ private:
   std::vector<TDetection> FDetections; // kept with their room; the first FCount are this event's
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
+  std::vector<uint8_t> FSelected; // per binding of a list: its literal was found
   uint64_t FEvents = 0;
   uint64_t FTested = 0;
 };

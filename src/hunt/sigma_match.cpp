@@ -179,6 +179,13 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
     if (text.size() != ATest.Needle.size()) return false;
     return (ATest.Cased ? text : AFields.Lower(AValue)) == ATest.Needle;
   case TValueTest::vkContains:
+    if (text.size() < ATest.Needle.size()) return false;
+    if (ATest.HasGrams) {
+      const uint64_t* grams = AFields.Grams(AValue);
+      for (const uint16_t gram : ATest.Grams)
+        if (!(grams[gram >> 6] & (uint64_t{1} << (gram & 63)))) return false;
+    }
+    return Compare(ATest.Kind, ATest.Cased ? text : AFields.Lower(AValue), ATest.Needle);
   case TValueTest::vkStartsWith:
   case TValueTest::vkEndsWith:
     if (text.size() < ATest.Needle.size()) return false;

@@ -529,7 +529,18 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     if (contains || AMods.StartsWith)
       if (pattern.empty() || pattern.back().Kind != TPatternChar::pcStar)
         pattern.push_back({'*', TPatternChar::pcStar});
-    AOut.push_back(TestForPattern(pattern, AMods.Cased, value));
+    TValueTest test = TestForPattern(pattern, AMods.Cased, value);
+    if (test.Kind == TValueTest::vkContains && test.Needle.size() >= 4) {
+      // Two 4-grams of the needle, looked up in the value's 4-gram table before searching.
+      const std::string folded = FoldText(test.Needle);
+      uint32_t head, tail;
+      std::memcpy(&head, folded.data(), 4);
+      std::memcpy(&tail, folded.data() + folded.size() - 4, 4);
+      test.Grams[0] = static_cast<uint16_t>(GramHash(head));
+      test.Grams[1] = static_cast<uint16_t>(GramHash(tail));
+      test.HasGrams = true;
+    }
+    AOut.push_back(std::move(test));
   }
 }
 

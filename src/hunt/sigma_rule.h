@@ -61,6 +61,8 @@ public:
   bool ExistsWanted = true;
   uint32_t RefSlot = 0;               // vkFieldRef: the slot of the other field
   TKind RefKind = vkEquals;           // vkFieldRef: how the values compare
+  uint16_t Grams[2] = {};             // vkContains: 4-gram hashes of the needle's two ends
+  bool HasGrams = false;
 };
 
 // A field and its values: any value (or, with All, every value) matches one of the
