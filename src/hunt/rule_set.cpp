@@ -1,6 +1,8 @@
 #include "hunt/rule_set.h"
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -33,27 +35,55 @@ void TRuleSet::LoadPath(const std::string& APath) {
     if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error)) files.push_back(it->path().string());
   }
   std::sort(files.begin(), files.end());
-  for (const std::string& file : files) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-      FUnusable.push_back({file, {}, file + ": cannot be read"});
-      continue;
-    }
-    std::ostringstream text;
-    text << in.rdbuf();
-    LoadText(text.str(), file);
+  // Reading YAML is most of the time a rule set takes to load: files are parsed on a few
+  // threads, a batch at a time (so memory stays bounded), and compiled in file order.
+  const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
+  constexpr size_t kBatch = 256;
+  for (size_t first = 0; first < files.size(); first += kBatch) {
+    const size_t count = std::min(kBatch, files.size() - first);
+    std::vector<TParsedFile> parsed(count);
+    std::atomic<size_t> next{0};
+    auto work = [&] {
+      for (size_t i; (i = next++) < count;) {
+        const std::string& file = files[first + i];
+        std::ifstream in(file, std::ios::binary);
+        if (!in) {
+          parsed[i].Error = file + ": cannot be read";
+          continue;
+        }
+        std::ostringstream text;
+        text << in.rdbuf();
+        try {
+          parsed[i].Documents = ParseYamlDocuments(text.str(), file);
+        } catch (const ESigmaError& e) {
+          parsed[i].Error = e.what();
+        }
+      }
+    };
+    std::vector<std::thread> pool;
+    for (size_t t = 1; t < threads && t < count; ++t) pool.emplace_back(work);
+    work();
+    for (std::thread& thread : pool) thread.join();
+    for (size_t i = 0; i < count; ++i) Compile(parsed[i], files[first + i]);
   }
 }
 
 void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
-  std::vector<TYamlNode> documents;
+  TParsedFile parsed;
   try {
-    documents = ParseYamlDocuments(AText, AFile);
+    parsed.Documents = ParseYamlDocuments(AText, AFile);
   } catch (const ESigmaError& e) {
-    FUnusable.push_back({AFile, {}, e.what()});
+    parsed.Error = e.what();
+  }
+  Compile(parsed, AFile);
+}
+
+void TRuleSet::Compile(const TParsedFile& AParsed, const std::string& AFile) {
+  if (!AParsed.Error.empty()) {
+    FUnusable.push_back({AFile, {}, AParsed.Error});
     return;
   }
-  for (const TYamlNode& document : documents) {
+  for (const TYamlNode& document : AParsed.Documents) {
     if (document.IsNull()) continue;
     std::unique_ptr<TSigmaRule> rule;
     try {

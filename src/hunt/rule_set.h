@@ -76,6 +76,11 @@ private:
     std::unordered_map<uint32_t, TBindingList> ById;
     TBindingList AnyId;
   };
+  struct TParsedFile {
+    std::vector<TYamlNode> Documents;
+    std::string Error; // why the file could not be read as YAML
+  };
+  void Compile(const TParsedFile& AParsed, const std::string& AFile);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
 
   const TLogMapping& FMapping;

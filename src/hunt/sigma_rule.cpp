@@ -847,6 +847,22 @@ void TRuleCompiler::CompileDetection(const TYamlNode& ADetection) {
     root.Children.push_back(std::move(node));
   }
   FRule.Condition = root.Children.size() == 1 ? std::move(root.Children[0]) : std::move(root);
+  // The tests of a map all have to hold: the cheapest go first, so most events are turned
+  // away before a long list of substrings or a regular expression is tried.
+  auto cost = [](const TFieldTest& AField) {
+    size_t total = 0;
+    for (const TValueTest& value : AField.Values)
+      total += value.Kind == TValueTest::vkRegex ? 50
+               : value.Kind == TValueTest::vkGlob || value.Kind == TValueTest::vkFieldRef ? 4
+               : value.Kind == TValueTest::vkContains ? 2
+                                                      : 1;
+    return total;
+  };
+  for (TSearch& search : FRule.Searches)
+    for (TSearchAlt& alt : search.Alts)
+      if (!alt.Keywords)
+        std::stable_sort(alt.Fields.begin(), alt.Fields.end(),
+                         [&](const TFieldTest& A, const TFieldTest& B) { return cost(A) < cost(B); });
   if (auto ids = NodeEventIds(FRule.Condition, FRule)) FRule.EventIds = std::move(*ids);
 }
 
