@@ -237,15 +237,4 @@ const uint64_t* TEventFields::Grams(int AIndex) const {
   return FGrams.data() + value.GramsAt;
 }
 
-void TEventFields::Rename(const std::vector<std::pair<uint32_t, uint32_t>>& AFromTo) {
-  FRenameFirst.clear();
-  for (const auto& [from, to] : AFromTo) FRenameFirst.push_back(First(from));
-  for (size_t i = 0; i < AFromTo.size(); ++i) {
-    const uint32_t to = AFromTo[i].second;
-    if (to >= FStamp.size()) continue;
-    FStamp[to] = FGeneration;
-    FFirst[to] = FRenameFirst[i];
-  }
-}
-
 } // namespace qvx::hunt

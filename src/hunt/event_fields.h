@@ -75,8 +75,8 @@ public:
   // Reads the fields of one event's XML. AXml must stay unchanged while the fields are used.
   void Load(std::string_view AXml);
 
-  // The first value of field AId (or of the field it is renamed from), kNoValue when the
-  // event has none; values chain through TValue::Next.
+  // The first value of field AId, kNoValue when the event has none; values chain
+  // through TValue::Next.
   int First(uint32_t AId) const {
     return AId < FFirst.size() && FStamp[AId] == FGeneration ? FFirst[AId] : kNoValue;
   }
@@ -88,11 +88,6 @@ public:
   // in it (4096 bits). A text that has a 4-gram whose bit is clear cannot be in it.
   const uint64_t* Grams(int AIndex) const;
   static constexpr size_t kGramWords = 64;
-
-  // Makes the field ATo read the values of AFrom for this event (a field rename of a log
-  // source); the previous values of ATo are hidden. Renames given together see the
-  // fields as they were before any of them.
-  void Rename(const std::vector<std::pair<uint32_t, uint32_t>>& AFromTo);
 
 private:
   void Add(std::string_view AName, std::string_view ARaw);
@@ -109,7 +104,6 @@ private:
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
-  std::vector<int> FRenameFirst; // scratch for Rename
   std::string FAttrName;
   std::vector<std::unique_ptr<std::string>> FAttrNames;
 };
