@@ -1,7 +1,7 @@
 // qvx_fuzz_seeds DIR: writes seed inputs for the fuzz targets whose inputs are not cut
 // from .evtx files (those come from scripts/fuzz_seeds.py): PE images with message tables
 // and a WEVT_TEMPLATE resource, registry hives, WEVT_TEMPLATE resources, message
-// templates with their arguments and classic .evt logs (plain and wrapped). Each goes to DIR/<target>/. The fixture writers of the
+// templates with their arguments, classic .evt logs (plain and wrapped) and Sigma rules. Each goes to DIR/<target>/. The fixture writers of the
 // tests make them, so the seeds cover what the tests know of each format.
 #include "support/evt_writer.h"
 #include "support/hive_writer.h"
@@ -139,6 +139,25 @@ int main(int argc, char** argv) {
   wrapped.FileSize = 48 + 4000;
   wrapped.StartOffset = 48 + 3000;
   Write(dir / "fuzz_evt", "wrapped.evt", BuildEvtFile(records, wrapped));
+
+  // Sigma rules: the modifiers, conditions and log sources the engine knows.
+  const char* const kRules[][2] = {
+      {"process.yml", "title: t\nid: 1\nauthor: a\nlevel: high\nlogsource:\n  category: process_creation\n"
+                      "  product: windows\ndetection:\n  sel:\n    Image|endswith: '\\cmd.exe'\n"
+                      "    CommandLine|contains|all: [whoami, echo]\n  filter_a:\n    ParentImage: null\n"
+                      "  condition: sel and not 1 of filter_*\n"},
+      {"modifiers.yml", "title: m\nlogsource: {product: windows, category: process_creation}\ndetection:\n"
+                        "  a:\n    CommandLine|windash|contains: ' -c '\n    CommandLine|re|i: '^CMD'\n"
+                        "  b:\n    CommandLine|base64offset|contains: whoami\n    DestinationIp|cidr: 10.0.0.0/8\n"
+                        "  c:\n    CommandLine|wide|base64: x\n    Image|exists: true\n    Image|fieldref: ParentImage\n"
+                        "  d:\n    ProcessId|gte: 4\n    Image: 'C:\\Win*\\?md.exe'\n"
+                        "  condition: (a or b) and not (c and d) or all of them\n"},
+      {"keywords.yml", "title: k\nlogsource: {product: windows, service: security}\ndetection:\n"
+                       "  keywords: [whoami, 'a*b']\n  sel: {EventID: [4688, 4689]}\n  condition: sel and keywords\n"},
+      {"two.yml", "title: one\nlogsource: {product: windows}\ndetection: {s: {B: v}, condition: s}\n---\n"
+                  "title: two\ncorrelation: {type: event_count}\n"},
+  };
+  for (const auto& [name, rule] : kRules) Write(dir / "fuzz_sigma_rule", name, Bytes(rule));
 
   std::printf("qvx_fuzz_seeds: seeds written under %s\n", dir.string().c_str());
   return 0;

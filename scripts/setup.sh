@@ -19,6 +19,7 @@ PACKAGES=(
   # libraries
   libgtest-dev libgmock-dev libsqlite3-dev libpugixml-dev libpcre2-dev libhivex-dev
   libcli11-dev libfmt-dev nlohmann-json3-dev libicu-dev
+  libyaml-cpp-dev    # Sigma rules are YAML (quorvex hunt)
   # scripts, and the peer readers used by the differential test and the benchmark
   python3 libevtx-utils python3-evtx libevt-utils
 )

@@ -18,7 +18,8 @@ namespace qvx::app {
 
 namespace {
 
-// The log a saved file came from: the system's file names, else the file's stem.
+} // namespace
+
 std::string LogNameOf(const std::string& APath) {
   std::string name = APath.substr(APath.find_last_of("/\\") + 1);
   if (const size_t dot = name.find_last_of('.'); dot != std::string::npos) name.resize(dot);
@@ -29,6 +30,8 @@ std::string LogNameOf(const std::string& APath) {
   if (lower == "sysevent") return "System";
   return name;
 }
+
+namespace {
 
 uint8_t LevelOf(TEventType AType) {
   switch (AType) {

@@ -14,6 +14,10 @@ namespace qvx::app {
 // True when the file begins with a classic log header (size 48, "LfLe").
 bool IsClassicLog(const std::string& APath);
 
+// The log a saved classic file came from: the system's file names (AppEvent.Evt is
+// Application, SecEvent.Evt Security, SysEvent.Evt System), else the file's stem.
+std::string LogNameOf(const std::string& APath);
+
 // A classic record in the shape the event writers take: level, keywords and SID text
 // as the system gives them for classic events, and the event's XML.
 void ClassicToX(TEventItem& AItem, const std::string& AChannel, TEventItemX& AOut);

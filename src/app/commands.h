@@ -37,6 +37,7 @@ int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 namespace qvx {
 class TImagedPC;
+class TEventLogBinXML;
 }
 
 namespace qvx::app {
@@ -60,6 +61,13 @@ struct TEventsOptions {
 // The row colours of the options (loading the color code file into ACodes); raises
 // std::runtime_error with "Load Color Codes: ..." when the file cannot be loaded.
 TRowColors RowColorsFor(const TEventsOptions& AOptions, std::FILE* AOut, TColorCodes& ACodes);
+
+// Opens an .evtx file as events reads it: the file's own chunks newest first, or, when
+// its header does not match its chunks, the chunks a scan finds (AScan is then true and
+// the notice goes to AErr). Raises std::runtime_error naming the file when it cannot be
+// read as an .evtx file.
+std::unique_ptr<TEventLogBinXML> OpenEvtxLog(const std::string& APath, const std::string& ATimeZone, unsigned AThreads,
+                                             TImagedPC* AImaged, std::FILE* AErr, bool& AScan);
 
 // Lists the events of an .evtx file newest first. Returns the exit status.
 int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
@@ -108,6 +116,7 @@ struct TStoreOptions {
   bool CheckDeleted = false;     // gaps in record numbers are listed as issues
   TLoadOptions Load;
   std::string Alerts;            // alert file tested against the new events
+  std::vector<std::string> Rules; // Sigma rule files or folders run over the new events
   unsigned Threads = 1;
   int Progress = -1;
   bool Quiet = false;
@@ -134,6 +143,8 @@ struct TViewOptions {
   bool Bookmark = false;     // bookmark exactly the rows the filter selects
   bool ClearBookmarks = false;
   bool Bookmarked = false;   // only bookmarked rows
+  std::string DetectionLevel; // only rows with a detection of this level or above ("" = any row)
+  bool Detections = false;    // list the detections of the rows instead of the rows
 };
 
 // Shows the rows of a store. Returns the exit status.

@@ -131,6 +131,26 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
   return computer;
 }
 
+std::unique_ptr<TEventLogBinXML> OpenEvtxLog(const std::string& APath, const std::string& ATimeZone, unsigned AThreads,
+                                             TImagedPC* AImaged, std::FILE* AErr, bool& AScan) {
+  // The checks of the file header name the fault; a header whose chunk count does not
+  // match the chunks that follow it is read with the deep scan.
+  TEvtxSource check(APath, false, TChunkOrder::coNewestFirst);
+  for (const std::string& notice : check.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
+  AScan = check.Carving();
+  std::unique_ptr<TEventLogBinXML> source;
+  if (AScan)
+    source = std::make_unique<TEventLogScan>();
+  else
+    source = std::make_unique<TEventLogBinXML>();
+  source->SetImagedDescrServer(AImaged);
+  ApplyTimeZone(*source, ATimeZone);
+  source->SetReadAhead(AThreads);
+  source->SetBackupFileName(APath);
+  source->SetActive(true);
+  return source;
+}
+
 int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
     if (IsClassicLog(AOptions.Path)) {
@@ -139,22 +159,10 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
       hooks.PrintSummary = PrintSummary;
       return ReadClassicEvents(AOptions, hooks, AOut, AErr);
     }
-    // The checks of the file header name the fault; a header whose chunk count does not
-    // match the chunks that follow it is read with the deep scan.
-    TEvtxSource check(AOptions.Path, false, TChunkOrder::coNewestFirst);
-    for (const std::string& notice : check.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
-    const bool scan = check.Carving();
-    std::unique_ptr<TEventLogBinXML> source;
-    if (scan)
-      source = std::make_unique<TEventLogScan>();
-    else
-      source = std::make_unique<TEventLogBinXML>();
     const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
-    source->SetImagedDescrServer(imaged.get());
-    ApplyTimeZone(*source, AOptions.TimeZone);
-    source->SetReadAhead(AOptions.Threads);
-    source->SetBackupFileName(AOptions.Path);
-    source->SetActive(true);
+    bool scan = false;
+    const std::unique_ptr<TEventLogBinXML> source =
+        OpenEvtxLog(AOptions.Path, AOptions.TimeZone, AOptions.Threads, imaged.get(), AErr, scan);
     return ReadEvents(*source, scan, AOptions, AOut, AErr);
   } catch (const std::exception& e) {
     // The header checks are shared with dump, whose hint names its own option.

@@ -7,6 +7,7 @@
 #include "app/classic_events.h"
 #include "app/commands.h"
 #include "app/event_output.h"
+#include "app/hunt_command.h"
 #include "app/evtx_source.h"
 #include "app/progress.h"
 
@@ -14,6 +15,7 @@
 #include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
 #include "imaged/imaged_pc.h"
+#include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
 #include "view/log_view_engine.h"
 
@@ -346,6 +348,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
   for (const std::string& error : view.Errors)
     std::fprintf(AErr, "quorvex: %s\n", error.c_str());
   if (!AOptions.Alerts.empty()) RunAlerts(AStore, AOptions.Alerts, lastOldId, AEntries, AErr);
+  if (!AOptions.Rules.empty()) HuntStoreEvents(AStore, AOptions.Rules, lastOldId, AOptions.Quiet, AErr);
   return status;
 }
 
@@ -396,9 +399,10 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       // Never replace a database that is not ours.
       const int64_t tables = store.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' "
                                                  "AND name NOT IN ('Events', 'QvxLogEntries', "
-                                                 "'QvxSettings')");
+                                                 "'QvxSettings', 'QvxDetections')");
       if (tables > 0) throw EEventStoreError(AOptions.Store + ": not an event store; it was left unchanged");
       store.EmptyTable();
+      TDetectionStore::Drop(store.Handle());
     }
     const size_t first = kept.size();
     for (TStoredEntry& stored : entries)

@@ -2,6 +2,7 @@
 // painted by color codes.
 #include "app/commands.h"
 #include "app/event_output.h"
+#include "app/hunt_command.h"
 #include "app/progress.h"
 #include "app/text_table.h"
 
@@ -118,6 +119,11 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     }
     std::string where = filter.CreateSQLWhere(tfwSQLite, shift, store.FieldKindOf());
     if (AOptions.Bookmarked) where = where.empty() ? "_Bmrk = 1" : "(" + where + ") AND _Bmrk = 1";
+    if (!AOptions.DetectionLevel.empty() || AOptions.Detections) {
+      const std::string detected = DetectionLevelSQL(store, AOptions.DetectionLevel);
+      where = where.empty() ? detected : "(" + where + ") AND " + detected;
+    }
+    if (AOptions.Detections) return PrintStoreDetections(store, where, AOptions.DetectionLevel, AOptions.Format, AOptions.Width, AOut);
 
     if (AOptions.ClearBookmarks) {
       store.BookmarksEventClear();

@@ -1,0 +1,547 @@
+// quorvex hunt: every event of the inputs tested against Sigma rules.
+#include "app/hunt_command.h"
+
+#include "app/classic_events.h"
+#include "app/commands.h"
+#include "app/progress.h"
+#include "app/text_table.h"
+
+#include "engine/classic_log.h"
+#include "engine/event_log_binxml.h"
+#include "platform/nt_exception.h"
+#include "platform/raw_file.h"
+#include "view/detection_store.h"
+#include "view/evt_lite_adaptor.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <map>
+
+namespace qvx::app {
+
+namespace fs = std::filesystem;
+using namespace qvx::hunt;
+
+std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, const std::string& AMinLevel,
+                                        const std::vector<std::string>& AStatuses) {
+  TRuleFilter filter;
+  if (!ParseLevel(AMinLevel, filter.MinLevel))
+    throw std::runtime_error("--min-level " + AMinLevel + ": not a level (informational, low, medium, high, critical)");
+  static const char* const kStatuses[] = {"stable", "test", "experimental", "deprecated", "unsupported"};
+  for (const std::string& status : AStatuses) {
+    std::string folded = FoldText(status);
+    if (std::find_if(std::begin(kStatuses), std::end(kStatuses), [&](const char* s) { return folded == s; }) ==
+        std::end(kStatuses))
+      throw std::runtime_error("--status " + status + ": not a rule status (stable, test, experimental, deprecated, "
+                               "unsupported)");
+    filter.Statuses.push_back(std::move(folded));
+  }
+  auto rules = std::make_unique<TRuleSet>(TLogMapping::Windows(), filter);
+  for (const std::string& path : APaths) rules->LoadPath(path);
+  return rules;
+}
+
+void PrintUnusableRules(const TRuleSet& ARules, std::FILE* AErr) {
+  const auto& unusable = ARules.Unusable();
+  if (unusable.empty()) return;
+  std::fprintf(AErr, "%zu rule%s could not be used:\n", unusable.size(), unusable.size() == 1 ? "" : "s");
+  for (const TUnusableRule& rule : unusable) std::fprintf(AErr, "  %s\n", rule.Reason.c_str());
+}
+
+namespace {
+
+bool IsStoreFile(const std::string& APath) {
+  try {
+    TRawFile file = TRawFile::Open(APath);
+    char header[16] = {};
+    return file.ReadAt(0, header, 16) == 16 && std::memcmp(header, "SQLite format 3", 16) == 0;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+// What a detection line says about its event.
+struct TEventInfo {
+  uint64_t Record = 0;
+  uint32_t EventId = 0;
+  std::string Time;     // as shown (table, CSV)
+  std::string TimeIso;  // with 'T' and the zone offset (JSON Lines)
+  std::string_view Computer;
+  std::string_view Channel;
+  const std::string* File = nullptr;
+};
+
+std::string_view ElementText(std::string_view AXml, std::string_view AOpen, std::string_view AClose) {
+  const size_t start = AXml.find(AOpen);
+  if (start == std::string_view::npos) return {};
+  const size_t from = start + AOpen.size();
+  const size_t end = AXml.find(AClose, from);
+  return end == std::string_view::npos ? std::string_view() : AXml.substr(from, end - from);
+}
+
+// "Field=value; Field=value" (keyword hits as the field they were found in).
+void MatchedShort(const TDetection& ADetection, std::string& AOut) {
+  AOut.clear();
+  for (const auto& [name, value] : ADetection.Matched) {
+    if (!AOut.empty()) AOut.append("; ");
+    AOut.append(name).append("=").append(value.substr(0, 512));
+  }
+}
+
+class THuntRun {
+public:
+  THuntRun(const THuntOptions& AOptions, const TRuleSet& ARules, std::FILE* AOut, std::FILE* AErr)
+      : FOptions(AOptions), FRules(ARules), FHunter(ARules), FOut(AOut), FErr(AErr),
+        FTable(FBuffer,
+               {{"Time"}, {"Level"}, {"Rule (author)", false, 4}, {"Computer", false, 0, 2}, {"ID", true},
+                {"Matched", false, 5, 1}},
+               AOptions.Width ? AOptions.Width : TerminalWidth(AOut)) {
+    if (AOptions.Format == TOutputFormat::ofCsv)
+      FBuffer.append("time,level,rule_title,rule_author,rule_id,computer,event_id,record,channel,file,matched\r\n");
+  }
+
+  void Input(const std::string& APath) {
+    std::error_code error;
+    if (!FOptions.Scan && fs::is_directory(APath, error)) {
+      std::vector<std::string> files;
+      for (fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error), end;
+           !error && it != end; it.increment(error)) {
+        const std::string extension = FoldText(it->path().extension().string());
+        if ((extension == ".evtx" || extension == ".evt") && it->is_regular_file(error))
+          files.push_back(it->path().string());
+      }
+      if (error) Fail(APath + ": cannot be read: " + error.message());
+      std::sort(files.begin(), files.end());
+      for (const std::string& file : files) File(file);
+      return;
+    }
+    File(APath);
+  }
+
+  // The closing summary; false when the output could not be written.
+  bool Finish() {
+    if (FOptions.Format == TOutputFormat::ofTable) FTable.Finish();
+    const bool written = Flush() && std::fflush(FOut) == 0;
+    if (FOptions.Quiet) return written;
+    std::fprintf(FErr, "hunt: %llu detection%s in %llu events read (%llu tested against %zu rules)\n",
+                 static_cast<unsigned long long>(FDetections), FDetections == 1 ? "" : "s",
+                 static_cast<unsigned long long>(FHunter.EventsRead()),
+                 static_cast<unsigned long long>(FHunter.EventsTested()), FRules.Rules().size());
+    if (FDetections) {
+      std::fputs("By level:\n", FErr);
+      for (int level = slCritical; level >= slInformational; --level)
+        if (FByLevel[level])
+          std::fprintf(FErr, "  %-14s %10llu\n", LevelName(static_cast<TSigmaLevel>(level)),
+                       static_cast<unsigned long long>(FByLevel[level]));
+      std::vector<std::pair<const TSigmaRule*, uint64_t>> rules(FByRule.begin(), FByRule.end());
+      std::sort(rules.begin(), rules.end(), [](const auto& A, const auto& B) {
+        if (A.first->Level != B.first->Level) return A.first->Level > B.first->Level;
+        if (A.second != B.second) return A.second > B.second;
+        return A.first->Title < B.first->Title;
+      });
+      std::fputs("By rule:\n", FErr);
+      for (const auto& [rule, count] : rules)
+        std::fprintf(FErr, "  %-13s %8llu  %s (%s)\n", LevelName(rule->Level), static_cast<unsigned long long>(count),
+                     rule->Title.c_str(), rule->Author.c_str());
+    }
+    for (const auto& rule : FRules.Rules())
+      if (rule->RegexLimitHits)
+        std::fprintf(FErr, "%s: a regular expression reached its match limits %llu time%s (counted as no match)\n",
+                     rule->File.c_str(), static_cast<unsigned long long>(rule->RegexLimitHits),
+                     rule->RegexLimitHits == 1 ? "" : "s");
+    PrintUnusableRules(FRules, FErr);
+    return written;
+  }
+
+  int Status() const { return FStatus; }
+
+private:
+  void Fail(const std::string& AText) {
+    std::fprintf(FErr, "quorvex: %s\n", AText.c_str());
+    FStatus = 1;
+  }
+
+  void File(const std::string& APath) {
+    try {
+      if (FOptions.Scan)
+        Scan(APath);
+      else if (IsStoreFile(APath))
+        Store(APath);
+      else if (IsClassicLog(APath))
+        Classic(APath);
+      else
+        Evtx(APath);
+    } catch (const std::exception& e) {
+      Fail(APath + ": reading stopped: " + e.what());
+    }
+  }
+
+  void ReadSource(TEventLogBinXML& ASource, const std::string& APath) {
+    while (TEventItemBase* item = ASource.EventNext()) {
+      if (item == TEventLogX::UndeliverableMarker()) continue;
+      Test(static_cast<TEventItemX&>(*item), APath);
+    }
+    ReportIssues(ASource.IssueList(), APath);
+  }
+
+  void Evtx(const std::string& APath) {
+    bool scan = false;
+    const std::unique_ptr<TEventLogBinXML> source =
+        OpenEvtxLog(APath, FOptions.TimeZone, FOptions.Threads, nullptr, FErr, scan);
+    ReadSource(*source, APath);
+  }
+
+  void Scan(const std::string& APath) {
+    TEventLogScan source;
+    ApplyTimeZone(source, FOptions.TimeZone);
+    source.SetReadAhead(FOptions.Threads);
+    source.SetBackupFileName(APath);
+    source.SetActive(true);
+    if (!source.Active()) throw std::runtime_error("cannot be opened for scanning");
+    ReadSource(source, APath);
+  }
+
+  void Classic(const std::string& APath) {
+    TNTEventLog log;
+    ApplyTimeZone(log, FOptions.TimeZone);
+    const std::string channel = LogNameOf(APath);
+    log.SetSourceName(channel);
+    log.SetBackupFileName(APath);
+    log.SetActive(true);
+    TEventItemX item(&log);
+    try {
+      while (TEventItemBase* next = log.EventNext()) {
+        ClassicToX(static_cast<TEventItem&>(*next), channel, item);
+        Test(item, APath);
+      }
+    } catch (const ENTException& e) {
+      // Damage that could not be stepped over ends reading; what was read stands.
+      log.IssueList().AddIssue(std::string("reading stopped: ") + e.what());
+    }
+    ReportIssues(log.IssueList(), APath);
+  }
+
+  void Store(const std::string& APath) {
+    TEvtLiteAdaptor store(APath);
+    store.InitThreadDataSet();
+    store.OpenExistingTable();
+    store.SetFilterSQL({});
+    store.MakeSQL();
+    TEventData row;
+    for (store.First(); !store.Eof(); store.Next()) {
+      store.GetEventData(row);
+      const std::string_view channel = ElementText(row.EvtXML, "<Channel>", "</Channel>");
+      const auto detections = FHunter.Test(channel, static_cast<uint32_t>(row.EventID), row.EvtXML);
+      if (detections.empty()) continue;
+      TEventInfo info;
+      info.Record = static_cast<uint64_t>(row.RecordNumber);
+      info.EventId = static_cast<uint32_t>(row.EventID);
+      info.Time = row.TimeStamp;
+      info.TimeIso = row.TimeStamp;
+      if (info.TimeIso.size() > 10) info.TimeIso[10] = 'T';
+      info.Computer = row.Computer;
+      info.Channel = channel;
+      info.File = &APath;
+      for (const TDetection& detection : detections) Write(detection, info);
+    }
+  }
+
+  void ReportIssues(TIssueList& AIssues, const std::string& APath) {
+    if (FOptions.Quiet || AIssues.IssueCount() == 0) return;
+    std::fprintf(FErr, "%s: %d problem%s met while reading (quorvex events lists them)\n", APath.c_str(),
+                 AIssues.IssueCount(), AIssues.IssueCount() == 1 ? "" : "s");
+  }
+
+  void Test(TEventItemX& AItem, const std::string& APath) {
+    const auto detections = FHunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
+    if (detections.empty()) return;
+    TEventInfo info;
+    info.Record = AItem.FEventRecordID;
+    info.EventId = AItem.FEventID;
+    AppendDayCountText(info.Time, AItem.GetTimeGenerated());
+    AppendDayCountText(info.TimeIso, AItem.GetTimeGenerated(), 'T');
+    const TEventLogBase* owner = AItem.Owner();
+    AppendOffsetText(info.TimeIso, owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0);
+    info.Computer = AItem.FComputername;
+    info.Channel = AItem.FChannel;
+    info.File = &APath;
+    for (const TDetection& detection : detections) Write(detection, info);
+  }
+
+  void Write(const TDetection& ADetection, const TEventInfo& AInfo) {
+    const TSigmaRule& rule = *ADetection.Rule;
+    ++FDetections;
+    ++FByLevel[rule.Level];
+    ++FByRule[&rule];
+    switch (FOptions.Format) {
+    case TOutputFormat::ofJsonl: {
+      FBuffer.append("{\"rule_id\":");
+      AppendJsonString(FBuffer, rule.Id);
+      FBuffer.append(",\"rule_title\":");
+      AppendJsonString(FBuffer, rule.Title);
+      FBuffer.append(",\"rule_author\":");
+      AppendJsonString(FBuffer, rule.Author);
+      FBuffer.append(",\"level\":");
+      AppendJsonString(FBuffer, LevelName(rule.Level));
+      FBuffer.append(",\"status\":");
+      AppendJsonString(FBuffer, rule.Status);
+      FBuffer.append(",\"tags\":[");
+      for (size_t i = 0; i < rule.Tags.size(); ++i) {
+        if (i) FBuffer.push_back(',');
+        AppendJsonString(FBuffer, rule.Tags[i]);
+      }
+      FBuffer.append("],\"record\":").append(std::to_string(AInfo.Record));
+      FBuffer.append(",\"event_id\":").append(std::to_string(AInfo.EventId));
+      FBuffer.append(",\"time\":");
+      AppendJsonString(FBuffer, AInfo.TimeIso);
+      FBuffer.append(",\"computer\":");
+      AppendJsonString(FBuffer, AInfo.Computer);
+      FBuffer.append(",\"channel\":");
+      AppendJsonString(FBuffer, AInfo.Channel);
+      FBuffer.append(",\"file\":");
+      AppendJsonString(FBuffer, *AInfo.File);
+      FBuffer.append(",\"matched\":{");
+      AppendMatchedJson(ADetection);
+      FBuffer.append("}}\n");
+      break;
+    }
+    case TOutputFormat::ofCsv: {
+      AppendCsvField(FBuffer, AInfo.Time);
+      FBuffer.push_back(',');
+      AppendCsvField(FBuffer, LevelName(rule.Level));
+      for (const std::string* text : {&rule.Title, &rule.Author, &rule.Id}) {
+        FBuffer.push_back(',');
+        AppendCsvField(FBuffer, *text);
+      }
+      FBuffer.push_back(',');
+      AppendCsvField(FBuffer, AInfo.Computer);
+      FBuffer.append(",").append(std::to_string(AInfo.EventId)).append(",").append(std::to_string(AInfo.Record));
+      FBuffer.push_back(',');
+      AppendCsvField(FBuffer, AInfo.Channel);
+      FBuffer.push_back(',');
+      AppendCsvField(FBuffer, *AInfo.File);
+      FBuffer.push_back(',');
+      MatchedShort(ADetection, FCell);
+      AppendCsvField(FBuffer, FCell);
+      FBuffer.append("\r\n");
+      break;
+    }
+    default: {
+      FRuleCell = rule.Title;
+      FRuleCell.append(" (").append(rule.Author.empty() ? "unknown author" : rule.Author).append(")");
+      MatchedShort(ADetection, FCell);
+      const std::string id = std::to_string(AInfo.EventId);
+      FTable.AddRow({AInfo.Time, LevelName(rule.Level), FRuleCell, AInfo.Computer, id, FCell});
+      break;
+    }
+    }
+    if (FBuffer.size() > 256 * 1024) Flush();
+  }
+
+  // "Field":"value" pairs; a field matched with several values gets a list.
+  void AppendMatchedJson(const TDetection& ADetection) {
+    const auto& matched = ADetection.Matched;
+    bool first = true;
+    for (size_t i = 0; i < matched.size(); ++i) {
+      bool seen = false;
+      for (size_t j = 0; j < i && !seen; ++j) seen = matched[j].first == matched[i].first;
+      if (seen) continue;
+      size_t count = 0;
+      for (size_t j = i; j < matched.size(); ++j) count += matched[j].first == matched[i].first;
+      if (!first) FBuffer.push_back(',');
+      first = false;
+      AppendJsonString(FBuffer, matched[i].first);
+      FBuffer.push_back(':');
+      if (count == 1) {
+        AppendJsonString(FBuffer, matched[i].second);
+        continue;
+      }
+      FBuffer.push_back('[');
+      bool firstValue = true;
+      for (size_t j = i; j < matched.size(); ++j) {
+        if (matched[j].first != matched[i].first) continue;
+        if (!firstValue) FBuffer.push_back(',');
+        firstValue = false;
+        AppendJsonString(FBuffer, matched[j].second);
+      }
+      FBuffer.push_back(']');
+    }
+  }
+
+  bool Flush() {
+    const bool ok = std::fwrite(FBuffer.data(), 1, FBuffer.size(), FOut) == FBuffer.size();
+    FBuffer.clear();
+    if (!ok && FStatus == 0) Fail("writing the output failed");
+    return ok;
+  }
+
+  const THuntOptions& FOptions;
+  const TRuleSet& FRules;
+  THunter FHunter;
+  std::FILE* FOut;
+  std::FILE* FErr;
+  std::string FBuffer;
+  TTextTable FTable;
+  std::string FCell, FRuleCell;
+  uint64_t FDetections = 0;
+  uint64_t FByLevel[slCritical + 1] = {};
+  std::map<const TSigmaRule*, uint64_t> FByRule;
+  int FStatus = 0;
+};
+
+} // namespace
+
+int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    if (AOptions.Format == TOutputFormat::ofXml) throw std::runtime_error("hunt writes table, csv or jsonl");
+    const std::unique_ptr<TRuleSet> rules = LoadHuntRules(AOptions.Rules, AOptions.MinLevel, AOptions.Statuses);
+    if (rules->Rules().empty()) {
+      PrintUnusableRules(*rules, AErr);
+      throw std::runtime_error("no rule to hunt with");
+    }
+    THuntRun run(AOptions, *rules, AOut, AErr);
+    for (const std::string& input : AOptions.Inputs) run.Input(input);
+    const bool written = run.Finish();
+    return written ? run.Status() : 1;
+  } catch (const std::exception& e) {
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return 1;
+  }
+}
+
+void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
+                     bool AQuiet, std::FILE* AErr) {
+  const std::unique_ptr<TRuleSet> rules = LoadHuntRules(ARulePaths, "informational", {});
+  THunter hunter(*rules);
+  TDetectionStore detections(AStore.Handle(), AStore.FileName());
+  AStore.SetFilterSQL("[_ID] > " + std::to_string(ALastOldId));
+  AStore.SetOrderBy("[_ID] ASC");
+  AStore.SetRowLimit(0);
+  AStore.MakeSQL();
+  AStore.ExecSQL("BEGIN");
+  uint64_t found = 0;
+  std::string matched;
+  TEventData row;
+  try {
+    for (AStore.First(); !AStore.Eof(); AStore.Next()) {
+      AStore.GetEventData(row);
+      const std::string_view channel = ElementText(row.EvtXML, "<Channel>", "</Channel>");
+      for (const TDetection& detection : hunter.Test(channel, static_cast<uint32_t>(row.EventID), row.EvtXML)) {
+        MatchedShort(detection, matched);
+        const TSigmaRule& rule = *detection.Rule;
+        detections.Add(row.ID, rule.Id, rule.Title, rule.Author, rule.Level, matched);
+        ++found;
+      }
+    }
+  } catch (...) {
+    AStore.ExecSQL("ROLLBACK");
+    throw;
+  }
+  AStore.ExecSQL("COMMIT");
+  AStore.Close();
+  if (AQuiet) return;
+  std::fprintf(AErr, "hunt: %llu detection%s in %llu new events (%zu rules)\n", static_cast<unsigned long long>(found),
+               found == 1 ? "" : "s", static_cast<unsigned long long>(hunter.EventsRead()), rules->Rules().size());
+  PrintUnusableRules(*rules, AErr);
+}
+
+namespace {
+
+int LevelNumber(const std::string& ALevel) {
+  TSigmaLevel level = slInformational;
+  if (!ParseLevel(ALevel, level))
+    throw std::runtime_error("--detection-level " + ALevel +
+                             ": not a level (informational, low, medium, high, critical)");
+  return level;
+}
+
+} // namespace
+
+std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel) {
+  if (!TDetectionStore::Exists(AStore.Handle()))
+    throw std::runtime_error(AStore.FileName() + ": the store holds no detections (load it with --rules)");
+  return TDetectionStore::LevelAtLeastSQL(ALevel.empty() ? 0 : LevelNumber(ALevel));
+}
+
+int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
+                         TOutputFormat AFormat, unsigned AWidth, std::FILE* AOut) {
+  const int level = ALevel.empty() ? 0 : LevelNumber(ALevel);
+  // The event filter selects events; the level selects their detections. Both are our own
+  // text (the filter's SQL and a checked number).
+  const std::string sql = "SELECT e.TimeStamp, d.Level, d.Title, d.Author, e.Computer, e.EventID, d.Matched, d.RuleId, "
+                          "e._ID, e.RecordNumber FROM QvxDetections d JOIN (SELECT * FROM " +
+                          AStore.TableName() + (AWhere.empty() ? "" : " WHERE " + AWhere) +
+                          ") e ON e._ID = d._ID WHERE d.Level >= " + std::to_string(level) +
+                          " ORDER BY e._ID, d.Level DESC, d.Title";
+  sqlite3_stmt* query = nullptr;
+  if (sqlite3_prepare_v2(AStore.Handle(), sql.c_str(), -1, &query, nullptr) != SQLITE_OK)
+    throw EEventStoreError(AStore.FileName() + ": cannot list detections: " + sqlite3_errmsg(AStore.Handle()));
+  auto text = [&](int AColumn) {
+    const unsigned char* t = sqlite3_column_text(query, AColumn);
+    return t ? std::string_view(reinterpret_cast<const char*>(t)) : std::string_view();
+  };
+  std::string out, ruleCell, idText;
+  if (AFormat == TOutputFormat::ofCsv) out.append("id,time,level,rule_title,rule_author,rule_id,computer,event_id,record,matched\r\n");
+  TTextTable table(out,
+                   {{"Time"}, {"Level"}, {"Rule (author)", false, 4}, {"Computer", false, 0, 2}, {"ID", true},
+                    {"Matched", false, 5, 1}},
+                   AWidth ? AWidth : TerminalWidth(AOut));
+  int code;
+  while ((code = sqlite3_step(query)) == SQLITE_ROW) {
+    const char* levelName = LevelName(static_cast<TSigmaLevel>(std::clamp(sqlite3_column_int(query, 1), 0, 4)));
+    idText = std::to_string(sqlite3_column_int64(query, 5));
+    switch (AFormat) {
+    case TOutputFormat::ofJsonl:
+      out.append("{\"id\":").append(std::to_string(sqlite3_column_int64(query, 8))).append(",\"time\":");
+      AppendJsonString(out, text(0));
+      out.append(",\"level\":");
+      AppendJsonString(out, levelName);
+      out.append(",\"rule_id\":");
+      AppendJsonString(out, text(7));
+      out.append(",\"rule_title\":");
+      AppendJsonString(out, text(2));
+      out.append(",\"rule_author\":");
+      AppendJsonString(out, text(3));
+      out.append(",\"computer\":");
+      AppendJsonString(out, text(4));
+      out.append(",\"event_id\":").append(idText);
+      out.append(",\"record\":").append(std::to_string(sqlite3_column_int64(query, 9)));
+      out.append(",\"matched\":");
+      AppendJsonString(out, text(6));
+      out.append("}\n");
+      break;
+    case TOutputFormat::ofCsv:
+      out.append(std::to_string(sqlite3_column_int64(query, 8))).push_back(',');
+      AppendCsvField(out, text(0));
+      out.append(",").append(levelName).push_back(',');
+      for (int column : {2, 3, 7, 4}) {
+        AppendCsvField(out, text(column));
+        out.push_back(',');
+      }
+      out.append(idText).append(",").append(std::to_string(sqlite3_column_int64(query, 9))).push_back(',');
+      AppendCsvField(out, text(6));
+      out.append("\r\n");
+      break;
+    default:
+      ruleCell.assign(text(2)).append(" (").append(text(3)).append(")");
+      table.AddRow({text(0), levelName, ruleCell, text(4), idText, text(6)});
+      break;
+    }
+    if (out.size() > 256 * 1024) {
+      std::fwrite(out.data(), 1, out.size(), AOut);
+      out.clear();
+    }
+  }
+  const std::string message = code == SQLITE_DONE ? std::string() : sqlite3_errmsg(AStore.Handle());
+  sqlite3_finalize(query);
+  if (!message.empty()) throw EEventStoreError(AStore.FileName() + ": listing detections failed: " + message);
+  if (AFormat == TOutputFormat::ofTable) table.Finish();
+  if (std::fwrite(out.data(), 1, out.size(), AOut) != out.size() || std::fflush(AOut) != 0)
+    throw std::runtime_error("cannot write the output");
+  return 0;
+}
+
+} // namespace qvx::app

@@ -1,0 +1,58 @@
+// quorvex hunt: Sigma rules run over logs, folders of logs, deep scans and stores.
+#pragma once
+
+#include "app/event_output.h"
+#include "hunt/rule_set.h"
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace qvx {
+class TEvtLiteAdaptor;
+}
+
+namespace qvx::app {
+
+struct THuntOptions {
+  std::vector<std::string> Rules;   // rule files or folders
+  std::vector<std::string> Inputs;  // .evtx, .evt, folders of logs, stores; with Scan any data
+  std::string MinLevel = "informational";
+  std::vector<std::string> Statuses; // rule statuses to use (empty: all)
+  TOutputFormat Format = TOutputFormat::ofTable;
+  std::string TimeZone = "local";
+  bool Scan = false;                 // deep-scan the inputs for event chunks
+  unsigned Threads = 1;
+  unsigned Width = 0;
+  bool Quiet = false;                // no summary on stderr
+};
+
+// Loads the rules of AOptions (rule files and folders), reporting those that cannot be
+// used on AErr once each. Raises std::runtime_error for a --min-level or --status value
+// that is not a level or status, and ESigmaError for a rule path that does not exist.
+std::unique_ptr<hunt::TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, const std::string& AMinLevel,
+                                              const std::vector<std::string>& AStatuses);
+
+// Prints one line per (rule, event) that matched, then a summary by level and rule and
+// the rules that could not be used. Returns the exit status.
+int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+
+// The rules that could not be used, each once, with the reason.
+void PrintUnusableRules(const hunt::TRuleSet& ARules, std::FILE* AErr);
+
+// Runs the rules of ARulePaths over the store's events after ALastOldId (its _ID) and
+// keeps the detections in its detection table; says how many on AErr.
+void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
+                     bool AQuiet, std::FILE* AErr);
+
+// The condition "has a detection of level ALevel or above" ("" = any level) over the
+// store's events. Raises std::runtime_error for a level that is not one, or a store
+// without detections.
+std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel);
+
+// Lists the detections (of ALevel or above; "" for all) of the store's events that AWhere selects: time, level, rule with
+// its author, computer, event ID, matched values. Returns the exit status.
+int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
+                         TOutputFormat AFormat, unsigned AWidth, std::FILE* AOut);
+
+} // namespace qvx::app

@@ -1,0 +1,240 @@
+#include "hunt/event_fields.h"
+
+#include "engine/event_xml.h"
+
+#include <cstring>
+
+namespace qvx::hunt {
+
+std::string FoldText(std::string_view AText) {
+  std::string folded(AText);
+  for (char& c : folded) c = FoldChar(c);
+  return folded;
+}
+
+uint32_t TFieldNames::Intern(std::string_view AName) {
+  std::string key = FoldText(AName);
+  const auto [at, added] = FIds.emplace(std::move(key), static_cast<uint32_t>(FNames.size()));
+  if (added) FNames.emplace_back(AName);
+  return at->second;
+}
+
+uint32_t TFieldNames::Find(std::string_view AName) const {
+  FKey.assign(AName);
+  for (char& c : FKey) c = FoldChar(c);
+  const auto at = FIds.find(FKey);
+  return at == FIds.end() ? kNone : at->second;
+}
+
+namespace {
+
+enum TSection { scOther, scSystem, scEventData, scUserData };
+
+bool IsNameChar(char AChar) {
+  return AChar != ' ' && AChar != '\t' && AChar != '\r' && AChar != '\n' && AChar != '/' && AChar != '>' &&
+         AChar != '=';
+}
+
+bool IsBlank(char AChar) {
+  return AChar == ' ' || AChar == '\t' || AChar == '\r' || AChar == '\n';
+}
+
+// The local part of a qualified name ("ns:Name" -> "Name").
+std::string_view LocalName(std::string_view AName) {
+  const size_t colon = AName.find(':');
+  return colon == std::string_view::npos ? AName : AName.substr(colon + 1);
+}
+
+} // namespace
+
+void TEventFields::Link(uint32_t AId, int AIndex) {
+  if (AId == TFieldNames::kNone) return;
+  if (FStamp[AId] != FGeneration) {
+    FStamp[AId] = FGeneration;
+    FFirst[AId] = AIndex;
+  } else {
+    FValues[static_cast<size_t>(FLast[AId])].Next = AIndex;
+  }
+  FLast[AId] = AIndex;
+}
+
+void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
+  TValue& value = FValues.emplace_back();
+  value.Name = AName;
+  if (ARaw.find('&') == std::string_view::npos) {
+    value.Text = ARaw;
+  } else {
+    // FDecoded has room for the whole event (decoding only shortens), so views into it
+    // stay valid while the event is read.
+    const size_t start = FDecoded.size();
+    AppendXmlUnescaped(FDecoded, ARaw);
+    value.Text = std::string_view(FDecoded.data() + start, FDecoded.size() - start);
+  }
+  value.FieldId = FNames.Find(AName);
+  Link(value.FieldId, static_cast<int>(FValues.size() - 1));
+}
+
+void TEventFields::Load(std::string_view AXml) {
+  FValues.clear();
+  FDecoded.clear();
+  FFolded.clear();
+  FGrams.clear();
+  if (FDecoded.capacity() < AXml.size()) FDecoded.reserve(AXml.size());
+  if (FFolded.capacity() < AXml.size()) FFolded.reserve(AXml.size());
+  if (FStamp.size() < FNames.Count()) {
+    FStamp.resize(FNames.Count(), 0);
+    FFirst.resize(FNames.Count(), kNoValue);
+    FLast.resize(FNames.Count(), kNoValue);
+  }
+  if (++FGeneration == 0) {
+    std::fill(FStamp.begin(), FStamp.end(), 0);
+    FGeneration = 1;
+  }
+
+  struct TOpen {
+    std::string_view Name;      // the field name the element's text goes to ("" for none)
+    size_t TextStart = 0;
+    bool HasChild = false;
+  };
+  TOpen stack[kMaxDepth];
+  int depth = 0;
+  TSection section = scOther;
+  const char* const text = AXml.data();
+  const size_t size = AXml.size();
+  size_t pos = 0;
+  while (pos < size) {
+    const void* found = std::memchr(text + pos, '<', size - pos);
+    if (!found) break;
+    size_t at = static_cast<const char*>(found) - text;
+    if (at + 1 >= size) break;
+    const char kind = text[at + 1];
+    if (kind == '?' || kind == '!') {
+      const void* close = std::memchr(text + at, '>', size - at);
+      if (!close) break;
+      pos = static_cast<const char*>(close) - text + 1;
+      continue;
+    }
+    if (kind == '/') {
+      // End tag: the text of a leaf element becomes its field's value.
+      const void* close = std::memchr(text + at, '>', size - at);
+      if (!close) break;
+      if (depth > 0) {
+        --depth;
+        if (depth < kMaxDepth) {
+          const TOpen& open = stack[depth];
+          if (!open.HasChild && !open.Name.empty())
+            Add(open.Name, AXml.substr(open.TextStart, at - open.TextStart));
+        }
+        if (depth <= 1) section = scOther;
+      }
+      pos = static_cast<const char*>(close) - text + 1;
+      continue;
+    }
+    // Start tag.
+    size_t p = at + 1;
+    const size_t nameStart = p;
+    while (p < size && IsNameChar(text[p])) ++p;
+    const std::string_view element = LocalName(AXml.substr(nameStart, p - nameStart));
+    if (depth > 0 && depth <= kMaxDepth) stack[depth - 1].HasChild = true;
+    if (depth == 1) {
+      section = element == "System"      ? scSystem
+                : element == "EventData" ? scEventData
+                : element == "UserData"  ? scUserData
+                                         : scOther;
+    }
+    std::string_view fieldName;
+    if (depth >= 2 && section != scOther) fieldName = element;
+    if (section == scEventData && depth == 2 && element == "Data") fieldName = "Data";
+    // Attributes.
+    bool selfClosing = false;
+    for (;;) {
+      while (p < size && IsBlank(text[p])) ++p;
+      if (p >= size) break;
+      if (text[p] == '>') {
+        ++p;
+        break;
+      }
+      if (text[p] == '/') {
+        selfClosing = true;
+        ++p;
+        continue;
+      }
+      const size_t attrStart = p;
+      while (p < size && IsNameChar(text[p])) ++p;
+      const std::string_view attr = AXml.substr(attrStart, p - attrStart);
+      while (p < size && IsBlank(text[p])) ++p;
+      if (p >= size || text[p] != '=') {
+        if (p == attrStart) ++p; // a stray character: step over it
+        continue;
+      }
+      ++p;
+      while (p < size && IsBlank(text[p])) ++p;
+      if (p >= size || (text[p] != '"' && text[p] != '\'')) continue;
+      const char quote = text[p++];
+      const void* endQuote = std::memchr(text + p, quote, size - p);
+      if (!endQuote) {
+        p = size;
+        break;
+      }
+      const size_t valueEnd = static_cast<const char*>(endQuote) - text;
+      const std::string_view value = AXml.substr(p, valueEnd - p);
+      p = valueEnd + 1;
+      if (depth < 2 || section == scOther || attr.starts_with("xmlns")) continue;
+      if (section == scEventData && depth == 2 && element == "Data" && attr == "Name") {
+        fieldName = value;
+      } else if (section == scSystem && depth == 2) {
+        // Element_Attribute names live in a small buffer of their own; they are few and
+        // always the same, so they are kept once.
+        FAttrName.assign(element).append("_").append(attr);
+        Add(InternAttrName(FAttrName), value);
+      } else if (section == scUserData) {
+        Add(LocalName(attr), value);
+      }
+    }
+    if (selfClosing) {
+      if (depth == 1) section = scOther;
+      pos = p;
+      continue;
+    }
+    if (depth < kMaxDepth) stack[depth] = TOpen{fieldName, p, false};
+    ++depth;
+    pos = p;
+  }
+}
+
+std::string_view TEventFields::InternAttrName(const std::string& AName) {
+  for (const std::unique_ptr<std::string>& known : FAttrNames)
+    if (*known == AName) return *known;
+  if (FAttrNames.size() >= 256) return "System_Attribute"; // hostile XML: do not grow without end
+  FAttrNames.push_back(std::make_unique<std::string>(AName));
+  return *FAttrNames.back();
+}
+
+std::string_view TEventFields::Lower(int AIndex) const {
+  const TValue& value = FValues[static_cast<size_t>(AIndex)];
+  if (value.LowerAt < 0) {
+    // FFolded has room for every value of the event, so earlier views stay valid.
+    value.LowerAt = static_cast<int>(FFolded.size());
+    for (const char c : value.Text) FFolded.push_back(FoldChar(c));
+  }
+  return std::string_view(FFolded.data() + value.LowerAt, value.Text.size());
+}
+
+const uint64_t* TEventFields::Grams(int AIndex) const {
+  const TValue& value = FValues[static_cast<size_t>(AIndex)];
+  if (value.GramsAt < 0) {
+    const std::string_view text = Lower(AIndex);
+    value.GramsAt = static_cast<int>(FGrams.size());
+    FGrams.resize(FGrams.size() + kGramWords, 0);
+    uint64_t* bits = FGrams.data() + value.GramsAt;
+    for (size_t at = 0; at + 4 <= text.size(); ++at) {
+      uint32_t four;
+      std::memcpy(&four, text.data() + at, 4);
+      const uint32_t hash = GramHash(four);
+      bits[hash >> 6] |= uint64_t{1} << (hash & 63);
+    }
+  }
+  return FGrams.data() + value.GramsAt;
+}
+
+} // namespace qvx::hunt

@@ -1,0 +1,111 @@
+// The fields of one event as Sigma's Windows field names see them, read out of the
+// event's XML text.
+//
+// Names:
+//   System          an element's text under its name (EventID, Channel, Computer, Level,
+//                   Task, Keywords, EventRecordID, ...); an attribute as Element_Attribute
+//                   (Provider_Name, Provider_Guid, TimeCreated_SystemTime,
+//                   Execution_ProcessID, Security_UserID, EventID_Qualifiers)
+//   EventData       <Data Name="N"> under N; a <Data> without a name under "Data";
+//                   <Binary> under "Binary"
+//   UserData        every element that holds text under its name, and every attribute
+//                   (but xmlns) under its name
+// A name may hold several values (unnamed <Data> elements, repeated elements).
+//
+// The reader does not build a tree: it walks the text once, points into it for values
+// without entities and decodes the others into a buffer that keeps its room from event
+// to event, so reading an event allocates nothing once the buffers have grown. The
+// lower-case form of a value is made the first time a test asks for it. Malformed text
+// never raises: what cannot be read is left out.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qvx::hunt {
+
+// The 12-bit hash of 4 bytes of folded text, for the 4-gram table of a value.
+inline uint32_t GramHash(uint32_t AFourBytes) {
+  return (AFourBytes * 0x9E3779B1u) >> 20;
+}
+
+// ASCII lower case (event text is UTF-8; other letters keep their case).
+inline char FoldChar(char AChar) {
+  return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar;
+}
+std::string FoldText(std::string_view AText);
+
+// Field names as numbers: the names that rules test, looked up without regard to case.
+class TFieldNames {
+public:
+  static constexpr uint32_t kNone = 0xFFFFFFFF;
+  // The number of AName, added when new.
+  uint32_t Intern(std::string_view AName);
+  // The number of AName, or kNone when no rule tests it.
+  uint32_t Find(std::string_view AName) const;
+  const std::string& Name(uint32_t AId) const { return FNames[AId]; }
+  uint32_t Count() const { return static_cast<uint32_t>(FNames.size()); }
+
+private:
+  std::unordered_map<std::string, uint32_t> FIds; // folded name -> number
+  std::vector<std::string> FNames;
+  mutable std::string FKey;
+};
+
+class TEventFields {
+public:
+  static constexpr int kNoValue = -1;
+  static constexpr int kMaxDepth = 32;
+
+  struct TValue {
+    std::string_view Name;
+    std::string_view Text;
+    uint32_t FieldId = TFieldNames::kNone;
+    int Next = kNoValue; // the next value of the same field
+    mutable int LowerAt = -1; // offset of the lower-case form in the fold buffer, once made
+    mutable int GramsAt = -1; // offset of the 4-gram table in the gram buffer, once made
+  };
+
+  explicit TEventFields(const TFieldNames& ANames) : FNames(ANames) {}
+
+  // Reads the fields of one event's XML. AXml must stay unchanged while the fields are used.
+  void Load(std::string_view AXml);
+
+  // The first value of field AId, kNoValue when the event has none; values chain
+  // through TValue::Next.
+  int First(uint32_t AId) const {
+    return AId < FFirst.size() && FStamp[AId] == FGeneration ? FFirst[AId] : kNoValue;
+  }
+  const TValue& Value(int AIndex) const { return FValues[static_cast<size_t>(AIndex)]; }
+  int ValueCount() const { return static_cast<int>(FValues.size()); }
+  // The value's text in lower case.
+  std::string_view Lower(int AIndex) const;
+  // The 4-gram table of the lower-case value: bit GramHash(x) is set for every 4 bytes x
+  // in it (4096 bits). A text that has a 4-gram whose bit is clear cannot be in it.
+  const uint64_t* Grams(int AIndex) const;
+  static constexpr size_t kGramWords = 64;
+
+private:
+  void Add(std::string_view AName, std::string_view ARaw);
+  void Link(uint32_t AId, int AIndex);
+  // The lasting copy of a System Element_Attribute name.
+  std::string_view InternAttrName(const std::string& AName);
+
+  const TFieldNames& FNames;
+  std::vector<TValue> FValues;
+  std::vector<int> FFirst;       // per field number: first value
+  std::vector<int> FLast;        // per field number: last value
+  std::vector<uint32_t> FStamp;  // per field number: the event it was set for
+  uint32_t FGeneration = 0;
+  std::string FDecoded;          // values with entities, decoded (room kept)
+  mutable std::string FFolded;   // lower-case forms (room kept)
+  mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
+  std::string FAttrName;
+  std::vector<std::unique_ptr<std::string>> FAttrNames;
+};
+
+} // namespace qvx::hunt

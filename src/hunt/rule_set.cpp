@@ -1,0 +1,234 @@
+#include "hunt/rule_set.h"
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace qvx::hunt {
+
+namespace fs = std::filesystem;
+
+TRuleSet::TRuleSet(const TLogMapping& AMapping, TRuleFilter AFilter)
+    : FMapping(AMapping), FFilter(std::move(AFilter)) {}
+
+void TRuleSet::LoadPath(const std::string& APath) {
+  std::error_code error;
+  const fs::file_status status = fs::status(APath, error);
+  if (error || !fs::exists(status)) RaiseSigmaError(APath, 0, "no such rule file or folder");
+  if (!fs::is_directory(status)) {
+    std::ifstream in(APath, std::ios::binary);
+    if (!in) RaiseSigmaError(APath, 0, "cannot be read");
+    std::ostringstream text;
+    text << in.rdbuf();
+    LoadText(text.str(), APath);
+    return;
+  }
+  std::vector<std::string> files;
+  fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error);
+  if (error) RaiseSigmaError(APath, 0, "cannot be read: " + error.message());
+  for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
+    if (error) break;
+    const std::string extension = FoldText(it->path().extension().string());
+    if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error)) files.push_back(it->path().string());
+  }
+  std::sort(files.begin(), files.end());
+  // Reading YAML is most of the time a rule set takes to load: files are parsed on a few
+  // threads, a batch at a time (so memory stays bounded), and compiled in file order.
+  const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
+  constexpr size_t kBatch = 256;
+  for (size_t first = 0; first < files.size(); first += kBatch) {
+    const size_t count = std::min(kBatch, files.size() - first);
+    std::vector<TParsedFile> parsed(count);
+    std::atomic<size_t> next{0};
+    auto work = [&] {
+      for (size_t i; (i = next++) < count;) {
+        const std::string& file = files[first + i];
+        std::ifstream in(file, std::ios::binary);
+        if (!in) {
+          parsed[i].Error = file + ": cannot be read";
+          continue;
+        }
+        std::ostringstream text;
+        text << in.rdbuf();
+        try {
+          parsed[i].Documents = ParseYamlDocuments(text.str(), file);
+        } catch (const ESigmaError& e) {
+          parsed[i].Error = e.what();
+        }
+      }
+    };
+    std::vector<std::thread> pool;
+    for (size_t t = 1; t < threads && t < count; ++t) pool.emplace_back(work);
+    work();
+    for (std::thread& thread : pool) thread.join();
+    for (size_t i = 0; i < count; ++i) Compile(parsed[i], files[first + i]);
+  }
+}
+
+void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
+  TParsedFile parsed;
+  try {
+    parsed.Documents = ParseYamlDocuments(AText, AFile);
+  } catch (const ESigmaError& e) {
+    parsed.Error = e.what();
+  }
+  Compile(parsed, AFile);
+}
+
+void TRuleSet::Compile(const TParsedFile& AParsed, const std::string& AFile) {
+  if (!AParsed.Error.empty()) {
+    FUnusable.push_back({AFile, {}, AParsed.Error});
+    return;
+  }
+  for (const TYamlNode& document : AParsed.Documents) {
+    if (document.IsNull()) continue;
+    std::unique_ptr<TSigmaRule> rule;
+    try {
+      rule = CompileSigmaRule(document, AFile);
+    } catch (const ESigmaError& e) {
+      FUnusable.push_back({AFile, document.TextOf("title"), e.what()});
+      continue;
+    }
+    if (rule->Level < FFilter.MinLevel ||
+        (!FFilter.Statuses.empty() &&
+         std::find(FFilter.Statuses.begin(), FFilter.Statuses.end(), rule->Status) == FFilter.Statuses.end())) {
+      ++FFilteredOut;
+      continue;
+    }
+    std::string reason;
+    const std::vector<TLogSourceVariant> variants = FMapping.Resolve(rule->Product, rule->Category, rule->Service, reason);
+    if (variants.empty()) {
+      FUnusable.push_back({AFile, rule->Title, AFile + ": " + reason});
+      continue;
+    }
+    const size_t before = FBindings.size();
+    Bind(*rule, variants);
+    if (FBindings.size() == before) {
+      FUnusable.push_back({AFile, rule->Title, AFile + ": the event IDs its condition needs are not those of its log source"});
+      continue;
+    }
+    FRules.push_back(std::move(rule));
+  }
+}
+
+void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants) {
+  for (const TLogSourceVariant& variant : AVariants) {
+    // The event IDs both the log source and the condition allow.
+    std::set<uint32_t> ids;
+    if (variant.EventIds.empty())
+      ids = ARule.EventIds;
+    else if (ARule.EventIds.empty())
+      ids = variant.EventIds;
+    else
+      std::set_intersection(variant.EventIds.begin(), variant.EventIds.end(), ARule.EventIds.begin(),
+                            ARule.EventIds.end(), std::inserter(ids, ids.begin()));
+    if (ids.empty() && !(variant.EventIds.empty() && ARule.EventIds.empty())) continue;
+
+    auto binding = std::make_unique<TRuleBinding>();
+    binding->Rule = &ARule;
+    for (const std::string& slot : ARule.SlotNames) {
+      std::string name = slot;
+      for (const auto& [from, to] : variant.Fields)
+        if (FoldText(from) == FoldText(slot)) name = to;
+      binding->SlotFields.push_back(FNames.Intern(name));
+    }
+    for (const auto& [field, values] : variant.Where) {
+      std::vector<std::string> folded;
+      for (const std::string& value : values) folded.push_back(FoldText(value));
+      binding->Where.emplace_back(FNames.Intern(field), std::move(folded));
+    }
+    TChannelIndex& index = variant.Channel == "*" ? FAnyChannel : FByChannel[FoldText(variant.Channel)];
+    if (ids.empty())
+      index.AnyId.Bindings.push_back(binding.get());
+    else
+      for (const uint32_t id : ids) index.ById[id].Bindings.push_back(binding.get());
+    FPrepared = false;
+    FBindings.push_back(std::move(binding));
+  }
+}
+
+void TRuleSet::Prepare() const {
+  auto build = [](TBindingList& AList) {
+    AList.Prefilter.reset();
+    if (AList.Bindings.size() >= TLiteralPrefilter::kMinBindings)
+      AList.Prefilter = std::make_unique<TLiteralPrefilter>(AList.Bindings);
+  };
+  auto* self = const_cast<TRuleSet*>(this);
+  for (auto& [channel, index] : self->FByChannel) {
+    for (auto& [id, list] : index.ById) build(list);
+    build(index.AnyId);
+  }
+  for (auto& [id, list] : self->FAnyChannel.ById) build(list);
+  build(self->FAnyChannel.AnyId);
+  FPrepared = true;
+}
+
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId) const {
+  if (!FPrepared) Prepare();
+  TCandidates out;
+  FKey.assign(AChannel);
+  for (char& c : FKey) c = FoldChar(c);
+  if (const auto channel = FByChannel.find(FKey); channel != FByChannel.end()) {
+    if (const auto id = channel->second.ById.find(AEventId); id != channel->second.ById.end())
+      out.Lists[0] = &id->second;
+    if (!channel->second.AnyId.Bindings.empty()) out.Lists[1] = &channel->second.AnyId;
+  }
+  if (const auto id = FAnyChannel.ById.find(AEventId); id != FAnyChannel.ById.end()) out.Lists[2] = &id->second;
+  if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
+  return out;
+}
+
+namespace {
+
+bool WhereHolds(const TRuleBinding& ABinding, const TEventFields& AFields) {
+  for (const auto& [field, values] : ABinding.Where) {
+    bool found = false;
+    for (int v = AFields.First(field); v != TEventFields::kNoValue && !found; v = AFields.Value(v).Next)
+      found = std::find(values.begin(), values.end(), AFields.Lower(v)) != values.end();
+    if (!found) return false;
+  }
+  return true;
+}
+
+} // namespace
+
+std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml) {
+  ++FEvents;
+  FCount = 0;
+  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId);
+  if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
+  ++FTested;
+  FFields.Load(AXml);
+  for (const auto* list : candidates.Lists) {
+    if (!list) continue;
+    const std::vector<const TRuleBinding*>& bindings = list->Bindings;
+    if (list->Prefilter) list->Prefilter->Select(FFields, FSelected);
+    for (size_t i = 0; i < bindings.size(); ++i) {
+      if (list->Prefilter && !FSelected[i]) continue;
+      const TRuleBinding* binding = bindings[i];
+      if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
+      if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields)) continue;
+      // Matched: once more, noting the values that satisfied the searches.
+      FRecord.clear();
+      MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);
+      if (FCount == FDetections.size()) FDetections.emplace_back();
+      TDetection& detection = FDetections[FCount++];
+      detection.Rule = binding->Rule;
+      detection.Matched.clear();
+      for (const TMatchedValue& value : FRecord) {
+        const std::string_view name = value.Slot == TMatchedValue::kKeywordSlot
+                                          ? FFields.Value(value.Value).Name
+                                          : std::string_view(binding->Rule->SlotNames[value.Slot]);
+        const std::pair<std::string_view, std::string_view> item{name, FFields.Value(value.Value).Text};
+        if (std::find(detection.Matched.begin(), detection.Matched.end(), item) == detection.Matched.end())
+          detection.Matched.push_back(item);
+      }
+    }
+  }
+  return {FDetections.data(), FCount};
+}
+
+} // namespace qvx::hunt

@@ -1,0 +1,129 @@
+// A set of compiled Sigma rules bound to Windows logs, and the hunter that tests events
+// against them.
+//
+// Loading reads rule files and folders, compiles each rule once, and binds it to the
+// places its log source maps to (one binding per channel: the event IDs it can match and
+// the event field each of its fields reads). Bindings are indexed by channel and event
+// ID, so an event is tested only against the rules that can match it, and an event no
+// rule can match is not even read for fields. Rules that cannot be used are kept with
+// the reason, once each; loading goes on.
+#pragma once
+
+#include "hunt/event_fields.h"
+#include "hunt/literal_prefilter.h"
+#include "hunt/log_mapping.h"
+#include "hunt/rule_binding.h"
+#include "hunt/sigma_match.h"
+#include "hunt/sigma_rule.h"
+
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qvx::hunt {
+
+struct TRuleFilter {
+  TSigmaLevel MinLevel = slInformational;
+  std::vector<std::string> Statuses; // folded; empty: every status
+};
+
+struct TUnusableRule {
+  std::string File;
+  std::string Title;
+  std::string Reason; // "FILE:LINE: why"
+};
+
+// The bindings of one channel and event ID (or of any ID), in load order, with the
+// literal prefilter of a long list.
+struct TBindingList {
+  std::vector<const TRuleBinding*> Bindings;
+  std::unique_ptr<TLiteralPrefilter> Prefilter;
+};
+
+class TRuleSet {
+public:
+  explicit TRuleSet(const TLogMapping& AMapping = TLogMapping::Windows(), TRuleFilter AFilter = {});
+  TRuleSet(const TRuleSet&) = delete;
+  TRuleSet& operator=(const TRuleSet&) = delete;
+
+  // Loads a rule file, or every .yml/.yaml file under a folder (sorted, recursively).
+  // Raises ESigmaError only when APath does not exist or cannot be read.
+  void LoadPath(const std::string& APath);
+  // Loads the rules of one file's text.
+  void LoadText(const std::string& AText, const std::string& AFile);
+
+  const std::vector<std::unique_ptr<TSigmaRule>>& Rules() const { return FRules; }
+  const std::vector<TUnusableRule>& Unusable() const { return FUnusable; }
+  size_t FilteredOut() const { return FFilteredOut; }
+  const TFieldNames& FieldNames() const { return FNames; }
+
+  // The bindings an event of AChannel (any case) with AEventId is tested against, in
+  // up to four lists (the channel's by ID and for any ID, then those of rules that read
+  // every channel); null lists are empty.
+  struct TCandidates {
+    const TBindingList* Lists[4] = {};
+  };
+  TCandidates Candidates(std::string_view AChannel, uint32_t AEventId) const;
+  // Builds the prefilters of the long lists; done by the first Candidates call when not
+  // called before. Rules loaded afterwards build them again.
+  void Prepare() const;
+
+private:
+  struct TChannelIndex {
+    std::unordered_map<uint32_t, TBindingList> ById;
+    TBindingList AnyId;
+  };
+  struct TParsedFile {
+    std::vector<TYamlNode> Documents;
+    std::string Error; // why the file could not be read as YAML
+  };
+  void Compile(const TParsedFile& AParsed, const std::string& AFile);
+  void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
+
+  const TLogMapping& FMapping;
+  TRuleFilter FFilter;
+  TFieldNames FNames;
+  std::vector<std::unique_ptr<TSigmaRule>> FRules;
+  std::vector<std::unique_ptr<TRuleBinding>> FBindings;
+  std::vector<TUnusableRule> FUnusable;
+  size_t FFilteredOut = 0;
+  std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
+  TChannelIndex FAnyChannel;
+  mutable std::string FKey;
+  mutable bool FPrepared = false;
+};
+
+// A detection: the rule, and the fields and values that satisfied its searches (views
+// good until the next event).
+struct TDetection {
+  const TSigmaRule* Rule = nullptr;
+  std::vector<std::pair<std::string_view, std::string_view>> Matched;
+};
+
+class THunter {
+public:
+  explicit THunter(const TRuleSet& ARules) : FRules(ARules), FFields(ARules.FieldNames()) {}
+
+  // Tests one event (its channel and ID as its System element gives them, and its XML)
+  // against the rules that can match it. The detections are good until the next call.
+  std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml);
+
+  uint64_t EventsRead() const { return FEvents; }
+  uint64_t EventsTested() const { return FTested; }
+  const TEventFields& Fields() const { return FFields; }
+
+private:
+  const TRuleSet& FRules;
+  TEventFields FFields;
+  std::vector<TDetection> FDetections; // kept with their room; the first FCount are this event's
+  size_t FCount = 0;
+  std::vector<TMatchedValue> FRecord;
+  std::vector<uint8_t> FSelected; // per binding of a list: its literal was found
+  uint64_t FEvents = 0;
+  uint64_t FTested = 0;
+};
+
+} // namespace qvx::hunt

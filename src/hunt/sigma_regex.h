@@ -1,0 +1,42 @@
+// One compiled PCRE2 regular expression of a rule, with its own match data.
+//
+// The only holder of PCRE2 handles in the hunt library. The code is JIT-compiled when
+// the library can; matching reuses one match data block and one match context (so a
+// match allocates nothing) and runs under match, depth and heap limits, so a pattern
+// that would backtrack without end reports a failure instead of hanging. A pattern
+// serves one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qvx::hunt {
+
+class TSigmaRegex {
+public:
+  enum TResult { rxMatch, rxNoMatch, rxLimit };
+  static constexpr uint32_t kMatchLimit = 1'000'000;
+  static constexpr uint32_t kDepthLimit = 10'000;
+  static constexpr uint32_t kHeapLimitKiB = 16 * 1024;
+
+  // Compiles APattern (UTF-8 text, checked) with the flags of the re modifier:
+  // ACaseless (i), AMultiline (m), ADotAll (s). Raises std::invalid_argument with
+  // PCRE2's message and offset when it does not compile.
+  TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultiline, bool ADotAll);
+  ~TSigmaRegex();
+  TSigmaRegex(const TSigmaRegex&) = delete;
+  TSigmaRegex& operator=(const TSigmaRegex&) = delete;
+
+  // Whether the pattern matches anywhere in AText. rxLimit when a limit was reached.
+  TResult Search(std::string_view AText) const;
+  bool IsJit() const { return FJit; }
+
+private:
+  struct THandles;
+  std::unique_ptr<THandles> FHandles;
+  bool FJit = false;
+};
+
+} // namespace qvx::hunt

@@ -1,0 +1,153 @@
+#include "hunt/sigma_yaml.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+
+namespace qvx::hunt {
+
+void RaiseSigmaError(const std::string& AFile, int ALine, const std::string& AText) {
+  std::string message = AFile;
+  if (ALine > 0) message.append(":").append(std::to_string(ALine));
+  message.append(": ").append(AText);
+  throw ESigmaError(message);
+}
+
+const TYamlNode* TYamlNode::Find(const std::string& AKey) const {
+  if (Kind != ykMap) return nullptr;
+  for (const auto& [key, value] : Entries)
+    if (key == AKey) return &value;
+  return nullptr;
+}
+
+std::string TYamlNode::TextOf(const std::string& AKey) const {
+  const TYamlNode* node = Find(AKey);
+  return node && node->IsScalar() ? node->Text : std::string();
+}
+
+namespace {
+
+// yaml-cpp recurses once per nesting level while parsing; a hostile text nested
+// thousands deep would use the stack up. The levels are counted here first, roughly
+// (flow brackets outside quotes, block indentation steps and "- " runs), and the text
+// is refused above the limit. Returns the line of the first level too deep, or 0.
+int FindDeepNesting(const std::string& AText, int ALimit) {
+  int line = 1;
+  int flow = 0;
+  std::vector<size_t> indents;
+  size_t pos = 0;
+  while (pos < AText.size()) {
+    size_t end = AText.find('\n', pos);
+    if (end == std::string::npos) end = AText.size();
+    const std::string_view text(AText.data() + pos, end - pos);
+    size_t indent = 0;
+    while (indent < text.size() && (text[indent] == ' ' || text[indent] == '\t')) ++indent;
+    // "- - - x" nests one level per dash
+    size_t dashes = 0;
+    size_t at = indent;
+    while (at + 1 < text.size() && text[at] == '-' && text[at + 1] == ' ') {
+      ++dashes;
+      at += 2;
+      while (at < text.size() && text[at] == ' ') ++at;
+    }
+    if (indent < text.size() && text[indent] != '#' && flow == 0) {
+      while (!indents.empty() && indents.back() > indent) indents.pop_back();
+      if (indents.empty() || indents.back() < indent) indents.push_back(indent);
+      if (static_cast<int>(indents.size() + dashes) > ALimit) return line;
+    }
+    char quote = 0;
+    for (size_t i = indent; i < text.size(); ++i) {
+      const char c = text[i];
+      if (quote) {
+        if (c == quote) quote = 0;
+        continue;
+      }
+      if (c == '#' && (i == 0 || text[i - 1] == ' ')) break;
+      if ((c == '\'' || c == '"') && (i == 0 || std::string_view(" [{,:").find(text[i - 1]) != std::string_view::npos))
+        quote = c;
+      else if (c == '[' || c == '{') {
+        if (++flow > ALimit) return line;
+      } else if ((c == ']' || c == '}') && flow > 0)
+        --flow;
+    }
+    pos = end + 1;
+    ++line;
+  }
+  return 0;
+}
+
+class TYamlCopier {
+public:
+  TYamlCopier(const std::string& AFile, size_t ABudget) : FFile(AFile), FBudget(ABudget) {}
+
+  void Copy(const YAML::Node& ASource, TYamlNode& ATarget, int ADepth) {
+    if (++FNodes > FBudget)
+      RaiseSigmaError(FFile, ASource.Mark().line + 1,
+                      "the document expands to more than " + std::to_string(FBudget) +
+                          " nodes (aliases used over and over)");
+    if (ADepth > 200) RaiseSigmaError(FFile, ASource.Mark().line + 1, "nesting too deep");
+    ATarget.Line = ASource.Mark().is_null() ? 0 : ASource.Mark().line + 1;
+    switch (ASource.Type()) {
+    case YAML::NodeType::Scalar:
+      ATarget.Kind = TYamlNode::ykScalar;
+      ATarget.Text = ASource.Scalar();
+      FBytes += ATarget.Text.size();
+      if (FBytes > FMaxBytes)
+        RaiseSigmaError(FFile, ATarget.Line, "the document expands to more than 64 MB of text");
+      break;
+    case YAML::NodeType::Sequence:
+      ATarget.Kind = TYamlNode::ykList;
+      ATarget.Items.reserve(std::min<size_t>(ASource.size(), 4096));
+      for (const YAML::Node& item : ASource) Copy(item, ATarget.Items.emplace_back(), ADepth + 1);
+      break;
+    case YAML::NodeType::Map:
+      ATarget.Kind = TYamlNode::ykMap;
+      for (const auto& entry : ASource) {
+        std::string key = entry.first.IsScalar() ? entry.first.Scalar() : std::string();
+        if (!entry.first.IsScalar() && !entry.first.IsNull())
+          RaiseSigmaError(FFile, entry.first.Mark().line + 1, "a map key that is not a plain value");
+        auto& slot = ATarget.Entries.emplace_back(std::move(key), TYamlNode());
+        Copy(entry.second, slot.second, ADepth + 1);
+      }
+      break;
+    default:
+      ATarget.Kind = TYamlNode::ykNull;
+      break;
+    }
+  }
+
+private:
+  const std::string& FFile;
+  size_t FBudget;
+  size_t FNodes = 0;
+  size_t FBytes = 0;
+  size_t FMaxBytes = 64u << 20;
+};
+
+} // namespace
+
+std::vector<TYamlNode> ParseYamlDocuments(const std::string& AText, const std::string& AFile,
+                                          const TYamlLimits& ALimits) {
+  if (AText.size() > ALimits.MaxTextBytes)
+    RaiseSigmaError(AFile, 0,
+                    "the file is " + std::to_string(AText.size()) + " bytes, more than the " +
+                        std::to_string(ALimits.MaxTextBytes >> 20) + " MB a rule may have");
+  if (const int line = FindDeepNesting(AText, ALimits.MaxNesting))
+    RaiseSigmaError(AFile, line, "nesting deeper than " + std::to_string(ALimits.MaxNesting) + " levels");
+  std::vector<YAML::Node> documents;
+  try {
+    documents = YAML::LoadAll(AText);
+  } catch (const YAML::Exception& e) {
+    RaiseSigmaError(AFile, e.mark.is_null() ? 0 : e.mark.line + 1, "YAML error: " + e.msg);
+  }
+  std::vector<TYamlNode> result;
+  TYamlCopier copier(AFile, ALimits.MaxNodes);
+  try {
+    for (const YAML::Node& document : documents) copier.Copy(document, result.emplace_back(), 0);
+  } catch (const YAML::Exception& e) {
+    RaiseSigmaError(AFile, e.mark.is_null() ? 0 : e.mark.line + 1, "YAML error: " + e.msg);
+  }
+  return result;
+}
+
+} // namespace qvx::hunt

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# quorvex hunt: Sigma rules over a log, a folder and a store; the table names each rule's
+# author; JSON Lines has the documented fields; unusable rules are listed with the reason;
+# open --rules keeps detections that view --detections and --detection-level read.
+set -u
+QVX=$1
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+fail=0
+
+check() { # check NAME CONDITION-COMMAND...
+  local name=$1
+  shift
+  if "$@"; then echo "ok   $name"; else echo "FAIL $name"; fail=1; fi
+}
+
+mkdir -p "$tmp/logs"
+"$QVX" demo -o "$tmp/logs/demo.evtx" --no-dump >/dev/null 2>&1 || { echo "FAIL demo"; exit 1; }
+mkdir -p "$tmp/rules/sub"
+cat >"$tmp/rules/whoami.yml" <<'YML'
+title: Whoami Privileges
+id: 11111111-2222-3333-4444-555555555555
+author: Jane Tester
+status: test
+level: high
+tags: [attack.discovery]
+logsource:
+    category: process_creation
+    product: windows
+detection:
+    selection:
+        Image|endswith: '\whoami.exe'
+        CommandLine|contains: '/priv'
+    condition: selection
+YML
+cat >"$tmp/rules/sub/cleared.yml" <<'YML'
+title: Log Cleared
+id: 66666666-7777-8888-9999-000000000000
+author: John Tester
+level: medium
+logsource:
+    product: windows
+    service: security
+detection:
+    selection:
+        EventID: 1102
+    condition: selection
+YML
+printf 'title: Broken\nlogsource: {product: windows, category: process_creation}\ndetection:\n  s:\n    Image|sideways: x\n  condition: s\n' >"$tmp/rules/sub/broken.yml"
+
+table=$("$QVX" hunt -r "$tmp/rules" "$tmp/logs" --tz UTC --width 200 2>"$tmp/err.txt")
+check hunt-status test $? -eq 0
+check table-author grep -q "Whoami Privileges (Jane Tester)" <<<"$table"
+check table-header grep -q "^Time .*Level .*Rule (author) .*Computer .*ID .*Matched" <<<"$table"
+check summary-level grep -q "^  high " "$tmp/err.txt"
+check summary-rule grep -q "Log Cleared (John Tester)" "$tmp/err.txt"
+check unusable grep -q "broken.yml:5: unknown modifier 'sideways'" "$tmp/err.txt"
+
+"$QVX" hunt -q -r "$tmp/rules/whoami.yml" "$tmp/logs/demo.evtx" -f jsonl --tz UTC >"$tmp/d.jsonl"
+check jsonl-some test "$(wc -l <"$tmp/d.jsonl")" -gt 0
+check jsonl-fields python3 -c '
+import json, sys
+for line in open(sys.argv[1]):
+    d = json.loads(line)
+    for k in ("rule_id", "rule_title", "rule_author", "level", "tags", "record", "event_id", "time", "computer",
+              "channel", "file", "matched"):
+        assert k in d, k
+    assert d["rule_author"] == "Jane Tester" and d["level"] == "high" and d["tags"] == ["attack.discovery"]
+    assert d["matched"]["Image"].lower().endswith("\\whoami.exe"), d["matched"]
+    assert "/priv" in d["matched"]["CommandLine"]
+' "$tmp/d.jsonl"
+"$QVX" hunt -q -r "$tmp/rules" --min-level high "$tmp/logs/demo.evtx" -f csv >"$tmp/d.csv"
+check min-level sh -c "! grep -q 'Log Cleared' '$tmp/d.csv' && grep -q 'Whoami Privileges' '$tmp/d.csv'"
+check bad-level sh -c "'$QVX' hunt -r '$tmp/rules' --min-level loud '$tmp/logs' 2>&1 | grep -q 'not a level'"
+
+summary=$("$QVX" open "$tmp/logs/demo.evtx" -s "$tmp/s.db" --rules "$tmp/rules" 2>&1)
+check open-rules grep -q "hunt: [0-9]* detections in" <<<"$summary"
+stored=$("$QVX" view "$tmp/s.db" --detections -f jsonl | wc -l)
+check store-same test "$stored" -eq "$("$QVX" hunt -q -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl | wc -l)"
+high=$("$QVX" view "$tmp/s.db" --detection-level high --count)
+check level-count test "$high" -eq "$(wc -l <"$tmp/d.jsonl")"
+check store-hunt test "$("$QVX" hunt -q -r "$tmp/rules" "$tmp/s.db" -f jsonl | wc -l)" -eq "$stored"
+check store-author sh -c "'$QVX' view '$tmp/s.db' --detections --width 200 | grep -q 'Log Cleared (John Tester)'"
+
+exit $fail
