@@ -106,7 +106,7 @@ public:
         std::string key = entry.first.IsScalar() ? entry.first.Scalar() : std::string();
         if (!entry.first.IsScalar() && !entry.first.IsNull())
           RaiseSigmaError(FFile, entry.first.Mark().line + 1, "a map key that is not a plain value");
-        auto& slot = ATarget.Entries.emplace_back(std::move(key), TYamlNode());
+        auto& slot = ATarget.Entries.emplace_back(TYamlEntry{std::move(key), TYamlNode()});
         Copy(entry.second, slot.second, ADepth + 1);
       }
       break;

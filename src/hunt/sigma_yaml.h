@@ -25,13 +25,17 @@ public:
 // The one place that builds these errors: "FILE:LINE: TEXT" (no line when ALine is 0).
 [[noreturn]] void RaiseSigmaError(const std::string& AFile, int ALine, const std::string& AText);
 
+struct TYamlEntry;
+
 struct TYamlNode {
   enum TKind { ykNull, ykScalar, ykList, ykMap };
   TKind Kind = ykNull;
   int Line = 0;                 // 1-based line of the node in its file
   std::string Text;             // a scalar's text
   std::vector<TYamlNode> Items; // a list's items
-  std::vector<std::pair<std::string, TYamlNode>> Entries; // a map's entries in file order
+  // A map's entries in file order. A named entry type, not std::pair: a pair of an
+  // incomplete type cannot be a vector's element with every standard library.
+  std::vector<TYamlEntry> Entries;
 
   bool IsNull() const { return Kind == ykNull; }
   bool IsScalar() const { return Kind == ykScalar; }
@@ -41,6 +45,11 @@ struct TYamlNode {
   const TYamlNode* Find(const std::string& AKey) const;
   // A scalar entry's text; "" when absent or not a scalar.
   std::string TextOf(const std::string& AKey) const;
+};
+
+struct TYamlEntry {
+  std::string first; // the key
+  TYamlNode second;  // the value
 };
 
 struct TYamlLimits {
