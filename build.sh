@@ -203,9 +203,16 @@ stage_fuzz() {
     log="$BUILD_FUZZ/logs/$t.log"
     say "fuzzing $t for ${FUZZ_SECONDS}s (log: $log)"
     rc=0
-    "$BUILD_FUZZ/fuzz/$t" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=1024 -timeout=10 \
+    # libFuzzer's own limits stop a slow input; the outer timeout also stops a run that hangs
+    # where those cannot reach (a crash report that never finishes), so CI always ends.
+    timeout -k 10 "$((FUZZ_SECONDS + 120))" \
+      "$BUILD_FUZZ/fuzz/$t" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=1024 -timeout=10 \
       -max_len=65536 -print_final_stats=1 -artifact_prefix="$BUILD_FUZZ/artifacts/$t-" \
       "$BUILD_FUZZ/corpus/$t" "$BUILD_FUZZ/seeds/$t" >"$log" 2>&1 || rc=$?
+    if ((rc == 124 || rc == 137)); then
+      tail -n 80 "$log" >&2
+      die "$t did not finish within $((FUZZ_SECONDS + 120))s (log: $log)"
+    fi
     if ((rc != 0)); then
       tail -n 80 "$log" >&2
       die "$t failed (exit $rc); the input is in $BUILD_FUZZ/artifacts/ — replay it with

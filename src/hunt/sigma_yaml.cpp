@@ -1,5 +1,7 @@
 #include "hunt/sigma_yaml.h"
 
+#include <cstdio>
+
 #include <yaml-cpp/yaml.h>
 
 #include <algorithm>
@@ -124,6 +126,50 @@ private:
   size_t FMaxBytes = 64u << 20;
 };
 
+// yaml-cpp loops for ever on a ',' where a document expects its root node ("," alone,
+// "'a',", "- a\n,", "--- ,"). A rule is a mapping, so every document is required to open
+// with a plain key at the start of a line; a mapping at column 0 then holds every later
+// line of its document, and a stray ',' inside it is an ordinary YAML error. Gives the
+// line of the first document that opens otherwise, or 0.
+int FindBadDocumentStart(const std::string& AText, std::string& AReason) {
+  bool opening = true; // no content line yet in this document
+  int line = 0;
+  size_t start = 0;
+  while (start < AText.size()) {
+    size_t end = AText.find('\n', start);
+    if (end == std::string::npos) end = AText.size();
+    std::string_view text(AText.data() + start, end - start);
+    start = end + 1;
+    ++line;
+    if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+    const bool marker = text.size() >= 3 && (text.substr(0, 3) == "---" || text.substr(0, 3) == "...") &&
+                        (text.size() == 3 || text[3] == ' ' || text[3] == '\t');
+    if (marker) {
+      const size_t rest = text.find_first_not_of(" \t", 3);
+      if (rest != std::string_view::npos && text[rest] != '#') {
+        AReason = "content after '" + std::string(text.substr(0, 3)) + "' on the same line";
+        return line;
+      }
+      opening = true;
+      continue;
+    }
+    if (!opening) continue;
+    const size_t first = text.find_first_not_of(" \t");
+    if (first == std::string_view::npos || text[first] == '#' || (text[first] == '%' && first == 0)) continue;
+    static constexpr std::string_view kIndicators = ",[]{}#&*!|>'\"%@`?:-";
+    const size_t colon = text.find(':');
+    const bool keyed = colon != std::string_view::npos && colon > 0 &&
+                       (colon + 1 == text.size() || text[colon + 1] == ' ' || text[colon + 1] == '\t');
+    if (first != 0 || kIndicators.find(text[0]) != std::string_view::npos || !keyed ||
+        text.substr(0, colon).find('#') != std::string_view::npos) {
+      AReason = "a rule document must open with a key such as 'title:' at the start of a line";
+      return line;
+    }
+    opening = false;
+  }
+  return 0;
+}
+
 } // namespace
 
 std::vector<TYamlNode> ParseYamlDocuments(const std::string& AText, const std::string& AFile,
@@ -132,8 +178,21 @@ std::vector<TYamlNode> ParseYamlDocuments(const std::string& AText, const std::s
     RaiseSigmaError(AFile, 0,
                     "the file is " + std::to_string(AText.size()) + " bytes, more than the " +
                         std::to_string(ALimits.MaxTextBytes >> 20) + " MB a rule may have");
-  if (const int line = FindDeepNesting(AText, ALimits.MaxNesting))
-    RaiseSigmaError(AFile, line, "nesting deeper than " + std::to_string(ALimits.MaxNesting) + " levels");
+  // YAML allows no C0 control characters but tab and line breaks.
+  int line = 1;
+  for (const char c : AText) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u == '\n') ++line;
+    else if ((u < 0x20 && u != '\t' && u != '\r') || u == 0x7F) {
+      char code[8];
+      std::snprintf(code, sizeof code, "%02X", u);
+      RaiseSigmaError(AFile, line, std::string("control character 0x") + code + " is not allowed in YAML");
+    }
+  }
+  std::string reason;
+  if (const int bad = FindBadDocumentStart(AText, reason)) RaiseSigmaError(AFile, bad, reason);
+  if (const int deep = FindDeepNesting(AText, ALimits.MaxNesting))
+    RaiseSigmaError(AFile, deep, "nesting deeper than " + std::to_string(ALimits.MaxNesting) + " levels");
   std::vector<YAML::Node> documents;
   try {
     documents = YAML::LoadAll(AText);

@@ -73,6 +73,33 @@ TEST(SigmaHostileRules, DeepYamlNestingIsRefusedBeforeParsing) {
   EXPECT_EQ(ReasonOf(block), "r.yml:65: nesting deeper than 64 levels"); // title, then k at 64 indents
 }
 
+// Fuzzer findings: the YAML parser loops for ever on a ',' where a document expects its
+// root node, so a document must open with a key before the parser sees it.
+TEST(SigmaHostileRules, DocumentsThatDoNotOpenWithAKeyAreRefusedBeforeParsing) {
+  const std::string reason = "a rule document must open with a key such as 'title:' at the start of a line";
+  EXPECT_EQ(ReasonOf(","), "r.yml:1: " + reason);
+  EXPECT_EQ(ReasonOf("'a',"), "r.yml:1: " + reason);
+  EXPECT_EQ(ReasonOf("[a],b"), "r.yml:1: " + reason);
+  EXPECT_EQ(ReasonOf("- a\n,"), "r.yml:1: " + reason);
+  EXPECT_EQ(ReasonOf(" title: t\n,"), "r.yml:1: " + reason);
+  EXPECT_EQ(ReasonOf("# a comment\n\ntitle: t\n---\n,"), "r.yml:5: " + reason);
+  EXPECT_EQ(ReasonOf("title: t\n...\n,"), "r.yml:3: " + reason);
+  EXPECT_EQ(ReasonOf("--- ,"), "r.yml:1: content after '---' on the same line");
+  // A ',' inside the mapping is an ordinary error.
+  EXPECT_NE(ReasonOf("title: t\n,x\n").find("YAML error"), std::string::npos);
+}
+
+// A NUL inside a flow scalar reached the same loop.
+TEST(SigmaHostileRules, ControlCharactersAreRefusedBeforeParsing) {
+  const std::string looping(",ti\0\0\0=\0\0\0\0*_creinm", 19);
+  EXPECT_EQ(ReasonOf(looping), "r.yml:1: control character 0x00 is not allowed in YAML");
+  EXPECT_EQ(ReasonOf(RuleText("  sel:\n    Image: \"a\x01\"\n  condition: sel\n")),
+            "r.yml:11: control character 0x01 is not allowed in YAML");
+  TRuleSet rules; // tab and CR stay allowed
+  rules.LoadText(RuleText("  sel:\n    Image: 'a\tb'\r\n  condition: sel\n"), "r.yml");
+  EXPECT_EQ(rules.Rules().size(), 1u);
+}
+
 TEST(SigmaHostileRules, AliasBombIsRefused) {
   std::string bomb = "a: &a [x, x, x, x, x, x, x, x, x, x]\n";
   for (char c = 'b'; c <= 'k'; ++c)
