@@ -150,6 +150,16 @@ struct TViewOptions {
 // Shows the rows of a store. Returns the exit status.
 int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
+struct TServeOptions {
+  TStoreOptions Store;      // the logs to load (or one store to serve) and how
+  std::string Bind = "127.0.0.1";
+  int Port = 0;             // 0: a free port
+  bool NoBrowser = false;
+  std::string Colors;       // color code file that paints the rows
+};
+// Serves a store in the browser until Ctrl-C. Returns the exit status.
+int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+
 // Writes the demo log to APath and, when AList, lists its events. Returns the exit status.
 int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr);
 } // namespace qvx::app

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "engine/event_log_x.h"
+#include "platform/text_escape.h"
 #include "view/color_codes.h"
 
 #include <cstdint>
@@ -56,10 +57,8 @@ void AppendColorStart(std::string& AOut, const TColorCode& ACode, bool ATrueColo
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator = ' ');
 // "+01:00", "-05:30" or "Z" for an offset in minutes.
 void AppendOffsetText(std::string& AOut, int AMinutes);
-// AText as a JSON string literal (quotes included).
-void AppendJsonString(std::string& AOut, std::string_view AText);
-// AText as a CSV field, quoted when it holds a comma, quote, CR or LF.
-void AppendCsvField(std::string& AOut, std::string_view AText);
+using qvx::AppendCsvField;
+using qvx::AppendJsonString;
 // The description of an event for output: empty when no description was found (the
 // data values stand in the data column instead).
 std::string_view DescriptionText(const TEventItemX& AItem);

@@ -187,6 +187,26 @@ int main(int argc, char** argv) {
   addLoadOptions(cmdRefresh);
   cmdRefresh->get_option("--tz")->default_str("");
 
+  TServeOptions serve;
+  auto* cmdServe = app.add_subcommand("serve", "Show logs or a store in the browser: events grid, details, filter, "
+                                               "statistics, bookmarks, export");
+  cmdServe->add_option("inputs", store.Logs, ".evtx or .evt files to load (with --scan: any data), or one store (.db)")
+      ->required();
+  cmdServe->add_option("-s,--store", store.Store, "Load into this store file and keep it (default: a temporary store)");
+  cmdServe->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");
+  addLoadOptions(cmdServe);
+  cmdServe->add_option("--port", serve.Port, "Port to listen on (default: a free one)");
+  cmdServe->add_option("--bind", serve.Bind, "Address to listen on (default 127.0.0.1; any other prints a warning)");
+  cmdServe->add_flag("--no-browser", serve.NoBrowser, "Do not open the address in the default browser");
+  cmdServe->add_option("--colors", serve.Colors, "Paint the rows with this color code file (QVEX_Colors)");
+  cmdServe->footer("The first line on stdout is the address to open, with the session's token:\n"
+                   "  Quorvex is serving http://127.0.0.1:PORT/?token=TOKEN\n"
+                   "Every request needs that token; scripts send it as 'Authorization: Bearer TOKEN' (the JSON\n"
+                   "calls are listed in the README). Ctrl-C stops the server.\n"
+                   "Examples:\n"
+                   "  quorvex serve Security.evtx System.evtx\n"
+                   "  quorvex serve case.db --no-browser --port 8080");
+
   TViewOptions view;
   std::string viewFormat = "table";
   auto* cmdView = app.add_subcommand("view", "Show the events of a store: filtered, sorted, bookmarked, counted, colored");
@@ -276,6 +296,10 @@ int main(int argc, char** argv) {
   if (*cmdXPath) return RunXPath(xpath, stdout, stderr);
   if (*cmdOpen) return RunOpen(store, stderr);
   if (*cmdRefresh) return RunRefresh(store, stderr);
+  if (*cmdServe) {
+    serve.Store = store;
+    return RunServe(serve, stdout, stderr);
+  }
   if (*cmdView) {
     view.Format = viewFormat == "csv"     ? TOutputFormat::ofCsv
                   : viewFormat == "jsonl" ? TOutputFormat::ofJsonl

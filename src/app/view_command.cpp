@@ -8,6 +8,8 @@
 
 #include "engine/event_log_binxml.h"
 #include "view/evt_lite_adaptor.h"
+#include "view/store_rows.h"
+#include "view/store_statistics.h"
 
 #include <sqlite3.h>
 
@@ -39,53 +41,22 @@ std::string Setting(sqlite3* ADb, const char* AName) {
   return value;
 }
 
-// Runs AQuery and calls ARow with the text of each row's columns.
-void ForEachRow(sqlite3* ADb, const std::string& AQuery, const std::function<void(sqlite3_stmt*)>& ARow) {
-  sqlite3_stmt* query = nullptr;
-  if (sqlite3_prepare_v2(ADb, AQuery.c_str(), -1, &query, nullptr) != SQLITE_OK)
-    throw EEventStoreError(std::string("cannot count: ") + sqlite3_errmsg(ADb));
-  int code;
-  while ((code = sqlite3_step(query)) == SQLITE_ROW)
-    ARow(query);
-  const std::string message = code == SQLITE_DONE ? std::string() : sqlite3_errmsg(ADb);
-  sqlite3_finalize(query);
-  if (!message.empty()) throw EEventStoreError("counting failed: " + message);
-}
-
-std::string ColumnText(sqlite3_stmt* AQuery, int AColumn) {
-  const unsigned char* text = sqlite3_column_text(AQuery, AColumn);
-  return text ? reinterpret_cast<const char*>(text) : "";
-}
-
 void PrintStats(TEvtLiteAdaptor& AStore, const std::string& AWhere, std::FILE* AOut) {
-  const std::string where = AWhere.empty() ? std::string() : " WHERE " + AWhere;
-  const std::string table = AStore.TableName();
-  const int64_t total = AStore.QueryIntValue("SELECT COUNT(*) FROM " + table + where);
-  std::fprintf(AOut, "Events: %lld\n\nBy type:\n", static_cast<long long>(total));
-  ForEachRow(AStore.Handle(), "SELECT Type, COUNT(*) FROM " + table + where + " GROUP BY Type ORDER BY Type",
-             [&](sqlite3_stmt* AQuery) {
-               const char* name = StoreTypeText(sqlite3_column_int64(AQuery, 0));
-               std::fprintf(AOut, "  %-15s %10lld\n", *name && std::strcmp(name, "0") != 0 ? name : "(none)",
-                            static_cast<long long>(sqlite3_column_int64(AQuery, 1)));
-             });
+  const TStoreStatistics stats = StoreStatistics(AStore, AWhere);
+  std::fprintf(AOut, "Events: %lld\n\nBy type:\n", static_cast<long long>(stats.Total));
+  for (const auto& [type, count] : stats.ByType) {
+    const char* name = StoreTypeText(type);
+    std::fprintf(AOut, "  %-15s %10lld\n", *name && std::strcmp(name, "0") != 0 ? name : "(none)",
+                 static_cast<long long>(count));
+  }
   std::fputs("\nTop sources:\n", AOut);
-  ForEachRow(AStore.Handle(),
-             "SELECT Source, COUNT(*) AS n FROM " + table + where +
-                 " GROUP BY Source ORDER BY n DESC, Source LIMIT 10",
-             [&](sqlite3_stmt* AQuery) {
-               std::fprintf(AOut, "  %-40s %10lld\n", ColumnText(AQuery, 0).c_str(),
-                            static_cast<long long>(sqlite3_column_int64(AQuery, 1)));
-             });
-  std::fputs("\nEvents per day:\n", AOut);
+  for (const auto& [source, count] : stats.TopSources)
+    std::fprintf(AOut, "  %-40s %10lld\n", source.c_str(), static_cast<long long>(count));
+  std::fputs(stats.Hourly ? "\nEvents per hour:\n" : "\nEvents per day:\n", AOut);
   int64_t largest = 1;
-  std::vector<std::pair<std::string, int64_t>> days;
-  ForEachRow(AStore.Handle(), "SELECT Date, COUNT(*) FROM " + table + where + " GROUP BY Date ORDER BY Date",
-             [&](sqlite3_stmt* AQuery) {
-               days.emplace_back(ColumnText(AQuery, 0), sqlite3_column_int64(AQuery, 1));
-               largest = std::max(largest, days.back().second);
-             });
-  for (const auto& [day, count] : days)
-    std::fprintf(AOut, "  %s %10lld %s\n", day.c_str(), static_cast<long long>(count),
+  for (const auto& bucket : stats.OverTime) largest = std::max(largest, bucket.second);
+  for (const auto& [bucket, count] : stats.OverTime)
+    std::fprintf(AOut, "  %s %10lld %s\n", bucket.c_str(), static_cast<long long>(count),
                  std::string(static_cast<size_t>(count * 40 / largest), '#').c_str());
 }
 
@@ -164,9 +135,7 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     std::string out;
     TEventData row;
     uint64_t rows = 0;
-    if (AOptions.Format == TOutputFormat::ofCsv)
-      out.append(
-          "Id,Time,Type,EventID,Source,Category,User,Computer,RecordNumber,Log,Bookmarked,Description\r\n");
+    if (AOptions.Format == TOutputFormat::ofCsv) out.append(StoreRowsHeader(TStoreRowFormat::srfCsv));
     TTextTable table(out,
                      {{"Time"}, {"Type"}, {"ID", true}, {"Source", false, 3}, {"User", false, 2, 1},
                       {"Description", false, 5}},
@@ -187,45 +156,9 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
                      code ? "\x1b[0m" : "");
         break;
       }
-      case TOutputFormat::ofCsv:
-        out.append(std::to_string(row.ID)).push_back(',');
-        AppendCsvField(out, row.TimeStamp);
-        out.push_back(',');
-        AppendCsvField(out, row.TypeStr);
-        out.append(",").append(std::to_string(row.EventID)).push_back(',');
-        for (const std::string* field : {&row.Source, &row.CategoryName, &row.UserName, &row.Computer}) {
-          AppendCsvField(out, *field);
-          out.push_back(',');
-        }
-        out.append(std::to_string(row.RecordNumber)).append(",").append(std::to_string(row.EventLog));
-        out.append(row.Bookmarked ? ",1," : ",0,");
-        AppendCsvField(out, row.Descr);
-        out.append("\r\n");
-        break;
-      case TOutputFormat::ofJsonl:
-        out.append("{\"id\":").append(std::to_string(row.ID)).append(",\"time\":");
-        AppendJsonString(out, row.TimeStamp);
-        out.append(",\"type\":");
-        AppendJsonString(out, row.TypeStr);
-        out.append(",\"event_id\":").append(std::to_string(row.EventID));
-        out.append(",\"source\":");
-        AppendJsonString(out, row.Source);
-        out.append(",\"category\":");
-        AppendJsonString(out, row.CategoryName);
-        out.append(",\"user\":");
-        AppendJsonString(out, row.UserName);
-        out.append(",\"computer\":");
-        AppendJsonString(out, row.Computer);
-        out.append(",\"record_number\":").append(std::to_string(row.RecordNumber));
-        out.append(",\"log\":").append(std::to_string(row.EventLog));
-        out.append(row.Bookmarked ? ",\"bookmarked\":true" : ",\"bookmarked\":false");
-        out.append(",\"description\":");
-        AppendJsonString(out, row.Descr);
-        out.append("}\n");
-        break;
-      case TOutputFormat::ofXml:
-        out.append(row.EvtXML).append("\r\n");
-        break;
+      case TOutputFormat::ofCsv: AppendStoreRow(out, row, TStoreRowFormat::srfCsv); break;
+      case TOutputFormat::ofJsonl: AppendStoreRow(out, row, TStoreRowFormat::srfJsonl); break;
+      case TOutputFormat::ofXml: AppendStoreRow(out, row, TStoreRowFormat::srfXml); break;
       }
       if (out.size() > 256 * 1024) {
         if (std::fwrite(out.data(), 1, out.size(), AOut) != out.size())

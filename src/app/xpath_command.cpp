@@ -29,40 +29,7 @@ std::string BuildQuery(const TEventFilter& AFilter, const TXPathOptions& AOption
   builder.LogNames = AOptions.Logs;
   builder.EventLogFiles = AOptions.Files;
   if (builder.LogNames.empty() && builder.EventLogFiles.empty()) builder.LogNames.push_back("Application");
-  const int levels = AFilter.EVT_VERBOSE + AFilter.EVT_INFORMATION + AFilter.EVT_WARNING + AFilter.EVT_ERROR +
-                     AFilter.EVT_CRITICAL;
-  const int audits = AFilter.EVT_AUDIT_SUCCESS + AFilter.EVT_AUDIT_FAILURE;
-  if (levels + audits != 7 && levels + audits != 0) {
-    if (levels != 5) {
-      builder.LevelVerbose = AFilter.EVT_VERBOSE;
-      builder.LevelInformation = AFilter.EVT_INFORMATION;
-      builder.LevelWarning = AFilter.EVT_WARNING;
-      builder.LevelError = AFilter.EVT_ERROR;
-      builder.LevelCritical = AFilter.EVT_CRITICAL;
-    }
-    if (audits != 2) {
-      builder.KeywordsAuditSuccess = AFilter.EVT_AUDIT_SUCCESS;
-      builder.KeywordsAuditFailure = AFilter.EVT_AUDIT_FAILURE;
-    }
-    if (levels > 0 && audits > 0 && (levels != 5 || audits != 2))
-      std::fprintf(AErr, "xpath: the query requires both the levels and the audit keywords; the filter takes "
-                         "either\n");
-  }
-  builder.Events = AFilter.IDsExcept ? "" : AFilter.IDs;
-  if (AFilter.IDsExcept && !AFilter.IDs.empty())
-    std::fprintf(AErr, "xpath: left out: the event IDs to leave out as a whole (%s)\n", AFilter.IDs.c_str());
-  (AFilter.SourcesExclude ? builder.SourcesExcl : builder.Sources) = AFilter.Sources;
-  const int64_t hours = static_cast<int64_t>(AFilter.LastDays) * 24 + AFilter.LastHours;
-  if (hours > 0 && !AFilter.LastHoursExclude) builder.LastMiliseconds = hours * 3600 * 1000;
-  std::vector<std::string> lost;
-  if (!AFilter.Categories.empty()) lost.emplace_back("categories");
-  if (!AFilter.Users.empty()) lost.emplace_back("users");
-  if (!AFilter.Computers.empty()) lost.emplace_back("computers");
-  if (!AFilter.DescrText.empty()) lost.emplace_back("description text");
-  if (AFilter.ByDate || AFilter.ByTime) lost.emplace_back("date and time range");
-  if (AFilter.LastHoursExclude && hours > 0) lost.emplace_back("period to leave out");
-  if (!AFilter.DescrFilter.empty() || !AFilter.CustomColFilter.empty()) lost.emplace_back("conditions on columns");
-  if (!lost.empty()) std::fprintf(AErr, "xpath: left out (a query cannot say them): %s\n", Join(lost).c_str());
+  for (const std::string& note : builder.AssignFilter(AFilter)) std::fprintf(AErr, "xpath: %s\n", note.c_str());
   return builder.BuildXML();
 }
 

@@ -663,6 +663,45 @@ std::string FormatEventIdExpression(const TEventIdExpression& AExpression) {
   return Result;
 }
 
+std::vector<std::string> TXMLQueryBuilder::AssignFilter(const TEventFilter& AFilter) {
+  std::vector<std::string> notes;
+  const int levels = AFilter.EVT_VERBOSE + AFilter.EVT_INFORMATION + AFilter.EVT_WARNING + AFilter.EVT_ERROR +
+                     AFilter.EVT_CRITICAL;
+  const int audits = AFilter.EVT_AUDIT_SUCCESS + AFilter.EVT_AUDIT_FAILURE;
+  if (levels + audits != 7 && levels + audits != 0) {
+    if (levels != 5) {
+      LevelVerbose = AFilter.EVT_VERBOSE;
+      LevelInformation = AFilter.EVT_INFORMATION;
+      LevelWarning = AFilter.EVT_WARNING;
+      LevelError = AFilter.EVT_ERROR;
+      LevelCritical = AFilter.EVT_CRITICAL;
+    }
+    if (audits != 2) {
+      KeywordsAuditSuccess = AFilter.EVT_AUDIT_SUCCESS;
+      KeywordsAuditFailure = AFilter.EVT_AUDIT_FAILURE;
+    }
+    if (levels > 0 && audits > 0 && (levels != 5 || audits != 2))
+      notes.emplace_back("the query requires both the levels and the audit keywords; the filter takes either");
+  }
+  Events = AFilter.IDsExcept ? "" : AFilter.IDs;
+  if (AFilter.IDsExcept && !AFilter.IDs.empty())
+    notes.push_back("left out: the event IDs to leave out as a whole (" + AFilter.IDs + ")");
+  (AFilter.SourcesExclude ? SourcesExcl : Sources) = AFilter.Sources;
+  const int64_t hours = static_cast<int64_t>(AFilter.LastDays) * 24 + AFilter.LastHours;
+  if (hours > 0 && !AFilter.LastHoursExclude) LastMiliseconds = hours * 3600 * 1000;
+  std::string lost;
+  auto add = [&](const char* AWhat) { lost.append(lost.empty() ? "" : ", ").append(AWhat); };
+  if (!AFilter.Categories.empty()) add("categories");
+  if (!AFilter.Users.empty()) add("users");
+  if (!AFilter.Computers.empty()) add("computers");
+  if (!AFilter.DescrText.empty()) add("description text");
+  if (AFilter.ByDate || AFilter.ByTime) add("date and time range");
+  if (AFilter.LastHoursExclude && hours > 0) add("period to leave out");
+  if (!AFilter.DescrFilter.empty() || !AFilter.CustomColFilter.empty()) add("conditions on columns");
+  if (!lost.empty()) notes.push_back("left out (a query cannot say them): " + lost);
+  return notes;
+}
+
 std::string TXMLQueryBuilder::BuildXML() const {
   const std::string Filter = BuildFilter(*this);
   std::vector<std::string> Paths(LogNames.begin(), LogNames.end());

@@ -14,6 +14,8 @@
 // than failing it.
 #pragma once
 
+#include "filter/event_filter.h"
+
 #include <cstdint>
 #include <set>
 #include <string>
@@ -104,6 +106,10 @@ public:
   // Warning, Information, Verbose. Provider names are not checked: a name holding an
   // apostrophe yields a filter that the parser does not understand.
   std::string BuildXML() const;
+
+  // Sets the levels, keywords, event IDs, providers and period of a view filter. Gives
+  // what the query cannot say ("left out: ..."), one note each; the logs stay as they are.
+  std::vector<std::string> AssignFilter(const TEventFilter& AFilter);
 };
 
 // Reads filter criteria out of a query. Parse() fills the public fields.

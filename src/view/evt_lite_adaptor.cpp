@@ -478,6 +478,25 @@ bool TEvtLiteAdaptor::MoveTo(int64_t AIndex) {
   return true;
 }
 
+int64_t TEvtLiteAdaptor::ReadAllIds() {
+  std::string sql = FormatSQL("SELECT [_ID] FROM %s", {FTableName});
+  if (!FilterSQL().empty()) sql.append(" WHERE ").append(FilterSQL());
+  if (!OrderBy().empty()) sql.append(NoIndexes() ? " ORDER BY +" : " ORDER BY ").append(OrderBy());
+  if (RowLimit() > 0) sql.append(" LIMIT ").append(std::to_string(RowLimit()));
+  sqlite3_stmt* ids = Prepare(sql);
+  FIds.clear();
+  int code;
+  while ((code = sqlite3_step(ids)) == SQLITE_ROW)
+    FIds.push_back(sqlite3_column_int64(ids, 0));
+  sqlite3_finalize(ids);
+  if (code != SQLITE_DONE) Fail("the query failed", code);
+  FQueryDone = true;
+  FRowStmt = nullptr;
+  FPos = -1;
+  First();
+  return static_cast<int64_t>(FIds.size());
+}
+
 void TEvtLiteAdaptor::First() {
   FBof = true;
   FEof = !MoveTo(0);

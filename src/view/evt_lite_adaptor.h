@@ -95,6 +95,10 @@ public:
   bool Eof() const override { return FEof; }
   bool Bof() const override { return FBof; }
   bool IsEmpty() const { return FPos < 0; }
+  // Reads the _ID of every row of the current query with one narrow query, so that a move
+  // to any row is one lookup by _ID (a viewer's jump to the end of a million rows costs
+  // no stepping over full rows). Gives the number of rows; the first row is current.
+  int64_t ReadAllIds();
   // 1-based number of the current row (0 when there is none).
   int64_t RecNo() const { return FPos + 1; }
   bool GoToRecNo(int64_t ARecNo) override;

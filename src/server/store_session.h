@@ -1,0 +1,92 @@
+// What the browser's view asks of an event store, answered as JSON: pages of rows of a
+// filtered, sorted query, one event's details, distinct values, statistics, bookmarks and
+// exports. The handlers of the web server only parse a request and call this.
+//
+// One store connection serves every request, one request at a time: the query of the
+// view (filter and order) stays open between pages, and its row _IDs are read once, so
+// a page anywhere in a million rows is a few lookups.
+#pragma once
+
+#include "filter/event_filter.h"
+#include "view/color_codes.h"
+#include "view/evt_lite_adaptor.h"
+#include "view/store_rows.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace qvx::server {
+
+// A request that cannot be answered as asked: the message is for the user.
+class ERequestError : public std::invalid_argument {
+public:
+  using std::invalid_argument::invalid_argument;
+};
+
+// The rows a view shows: its filter (the JSON of filter/filter_json.h), bookmarked rows
+// only, rows with a detection of a level, and the order.
+struct TViewQuery {
+  TEventFilter Filter;
+  bool Bookmarked = false;
+  int DetectionLevel = -1; // -1: any row
+  std::string Sort;        // a store column; "" keeps the load order
+  bool Descending = false;
+
+  // From {"filter": {...}, "bookmarked": true, "detectionLevel": 2, "sort": "EventID",
+  // "descending": false}; raises ERequestError naming the member.
+  static TViewQuery FromJson(const nlohmann::json& AJson);
+};
+
+class TStoreSession {
+public:
+  // Opens the store (raises EEventStoreError naming it). AShiftMinutes is the time zone
+  // offset of the store's times, for "the last N hours".
+  TStoreSession(const std::string& AStoreFile, int AShiftMinutes);
+
+  void SetColorCodes(TColorCodes ACodes) { FCodes = std::move(ACodes); }
+  void SetTimeZoneName(std::string AName) { FZoneName = std::move(AName); }
+
+  // {"store", "timeZone", "total", "columns": [{"name", "title", "numeric"}], "logs": [...],
+  //  "detections": bool}
+  nlohmann::json Info();
+  // {"count": rows in view, "offset", "rows": [{...}]}; ACount is capped at 1000.
+  nlohmann::json Rows(const TViewQuery& AQuery, int64_t AOffset, int64_t ACount);
+  // The position of the row with _ID AId in the view, or -1.
+  int64_t IndexOf(const TViewQuery& AQuery, int64_t AId);
+  // {"id", "fields": {...}, "description", "data": [{"name", "value"}], "xml", "detections": [...]}.
+  // Raises ERequestError for an _ID the store does not have.
+  nlohmann::json Event(int64_t AId);
+  // [{"value", "count"}] of a text column (Source, CategoryName, UserName, Computer), most first.
+  nlohmann::json Distinct(const std::string& AColumn, size_t ALimit = 1000);
+  // {"total", "byType": [{"type", "count"}], "topSources": [...], "overTime": [...], "hourly"}.
+  nlohmann::json Statistics(const TViewQuery& AQuery);
+  // Sets or clears the bookmark of a row; gives the number of bookmarked rows.
+  int64_t Bookmark(int64_t AId, bool AOn);
+  // Writes the view's rows in AFormat through AWrite, in pieces; AWrite returns false to stop.
+  void Export(const TViewQuery& AQuery, TStoreRowFormat AFormat, const std::function<bool(std::string_view)>& AWrite);
+
+  // The WHERE text of a view (our own SQL text: the filter object's clauses).
+  std::string WhereOf(const TViewQuery& AQuery);
+
+private:
+  // Makes AQuery the dataset's query (a no-op when it already is); gives its row count.
+  int64_t Select(const TViewQuery& AQuery);
+  void AppendRow(nlohmann::json& ARows, const TEventData& ARow) const;
+
+  std::recursive_mutex FLock;
+  TEvtLiteAdaptor FStore;
+  int FShiftMinutes = 0;
+  std::string FZoneName;
+  TColorCodes FCodes;
+  bool FHasDetections = false;
+  std::string FQueryKey; // the WHERE and ORDER BY of the open query
+  int64_t FQueryCount = 0;
+  TEventData FRow;
+};
+
+} // namespace qvx::server

@@ -1,0 +1,77 @@
+// The browser view of an event store: grid, details, filter, statistics and status bar,
+// each a client of the JSON API; the page holds no logic of the engine's own.
+import 'uplot/dist/uPlot.min.css';
+import './app.css';
+import { api, Info } from './api';
+import { Details } from './details';
+import { FilterForm } from './filter';
+import { Grid } from './grid';
+import { view } from './state';
+import { StatsPanel } from './stats';
+
+function byId<T extends HTMLElement>(id: string): T {
+  return document.getElementById(id) as T;
+}
+
+function toggle(buttonId: string, pane: HTMLElement, onShow?: () => void): void {
+  const button = byId<HTMLButtonElement>(buttonId);
+  button.addEventListener('click', () => {
+    pane.hidden = !pane.hidden;
+    button.setAttribute('aria-expanded', String(!pane.hidden));
+    if (!pane.hidden) onShow?.();
+  });
+}
+
+async function start(): Promise<void> {
+  const status = byId<HTMLElement>('status');
+  let info: Info;
+  try {
+    info = await api.info();
+  } catch (e) {
+    status.textContent = `Cannot reach the server: ${(e as Error).message}`;
+    return;
+  }
+  let bookmarks = info.bookmarks;
+  const grid = new Grid(byId('grid'), byId('columns-pane'));
+  const details = new Details(byId('details'));
+  const filter = new FilterForm(byId<HTMLFormElement>('filter-pane'));
+  const stats = new StatsPanel(byId('stats-pane'));
+  stats.onRange = (from, to) => filter.setRange(from, to);
+
+  const showStatus = (busy: boolean) => {
+    const words = FilterForm.describe(view.query.filter) + (view.query.bookmarked ? '; bookmarked only' : '');
+    status.textContent = `${grid.count.toLocaleString('en-US')} events in view · ${info.total.toLocaleString('en-US')} in the store · ` +
+      `${bookmarks} bookmarked · filter: ${words} · time zone: ${info.timeZone || 'as loaded'}${busy ? ' · working…' : ''}`;
+    byId('grid').setAttribute('aria-busy', String(busy));
+    document.body.classList.toggle('busy', busy);
+  };
+  grid.onCount = () => showStatus(false);
+  grid.onBusy = showStatus;
+  grid.onSelect = (row) => void details.select(row);
+  grid.setColumns(info.columns);
+  view.onChange(() => void stats.refresh());
+
+  toggle('toggle-filter', byId('filter-pane'));
+  toggle('toggle-stats', byId('stats-pane'), () => void stats.refresh());
+  toggle('toggle-columns', byId('columns-pane'));
+  byId<HTMLInputElement>('only-bookmarks').addEventListener('change', (e) => view.setBookmarked((e.target as HTMLInputElement).checked));
+  byId('export').addEventListener('click', () => {
+    const link = document.createElement('a');
+    link.href = api.exportUrl(view.query, byId<HTMLSelectElement>('export-format').value);
+    link.download = '';
+    link.click();
+  });
+  byId('grid').addEventListener('keydown', async (e) => {
+    if (e.key === ' ') {
+      const count = await grid.toggleBookmark();
+      if (count !== undefined) {
+        bookmarks = count;
+        showStatus(false);
+      }
+    }
+  });
+  await grid.reload();
+  byId('grid').focus();
+}
+
+void start();

@@ -1,0 +1,280 @@
+#include "server/web_server.h"
+
+#include "filter/filter_json.h"
+#include "filter/sql_text.h"
+#include "filter/xml_query.h"
+
+#include <httplib.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <stdexcept>
+
+namespace qvx::server {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr size_t kMaxBody = 1u << 20;
+constexpr const char* kJson = "application/json; charset=utf-8";
+constexpr const char* kCookie = "qvx_token";
+
+void SendJson(httplib::Response& ARes, const json& AValue, int AStatus = 200) {
+  ARes.status = AStatus;
+  // A damaged log can leave bytes that are not UTF-8 in a text: they are replaced, never
+  // a failed page.
+  ARes.set_content(AValue.dump(-1, ' ', false, json::error_handler_t::replace), kJson);
+}
+
+void SendError(httplib::Response& ARes, int AStatus, const std::string& AMessage) {
+  SendJson(ARes, {{"error", AMessage}}, AStatus);
+}
+
+json ParseBody(const httplib::Request& AReq) {
+  if (AReq.body.empty()) return json::object();
+  try {
+    return json::parse(AReq.body);
+  } catch (const json::parse_error& e) {
+    throw ERequestError(std::string("the request body is not JSON: ") + e.what());
+  }
+}
+
+int64_t IntMember(const json& ABody, const char* AName, int64_t ADefault) {
+  const auto it = ABody.find(AName);
+  if (it == ABody.end() || it->is_null()) return ADefault;
+  if (!it->is_number_integer()) throw ERequestError(std::string("\"") + AName + "\" must be a whole number");
+  return it->get<int64_t>();
+}
+
+// Equal texts, compared in a time that does not depend on where they differ.
+bool SameToken(const std::string& A, const std::string& B) {
+  if (A.size() != B.size() || A.empty()) return false;
+  unsigned char diff = 0;
+  for (size_t i = 0; i < A.size(); ++i) diff |= static_cast<unsigned char>(A[i] ^ B[i]);
+  return diff == 0;
+}
+
+std::string CookieValue(const httplib::Request& AReq, const std::string& AName) {
+  const std::string cookies = AReq.get_header_value("Cookie");
+  size_t pos = 0;
+  while (pos < cookies.size()) {
+    size_t end = cookies.find(';', pos);
+    if (end == std::string::npos) end = cookies.size();
+    std::string item = cookies.substr(pos, end - pos);
+    pos = end + 1;
+    const size_t start = item.find_first_not_of(' ');
+    if (start == std::string::npos) continue;
+    item.erase(0, start);
+    if (item.size() > AName.size() && item.compare(0, AName.size(), AName) == 0 && item[AName.size()] == '=')
+      return item.substr(AName.size() + 1);
+  }
+  return {};
+}
+
+TStoreRowFormat ExportFormat(const std::string& AName, std::string& AType, std::string& AExtension) {
+  if (AName == "csv") {
+    AType = "text/csv; charset=utf-8";
+    AExtension = "csv";
+    return TStoreRowFormat::srfCsv;
+  }
+  if (AName == "jsonl") {
+    AType = "application/x-ndjson; charset=utf-8";
+    AExtension = "jsonl";
+    return TStoreRowFormat::srfJsonl;
+  }
+  if (AName == "xml") {
+    AType = "application/xml; charset=utf-8";
+    AExtension = "xml";
+    return TStoreRowFormat::srfXml;
+  }
+  throw ERequestError("format: use csv, jsonl or xml");
+}
+
+} // namespace
+
+std::string RandomToken() {
+  std::random_device source; // the system's random source (/dev/urandom, or the OS's own)
+  static const char kHex[] = "0123456789abcdef";
+  std::string token;
+  for (int i = 0; i < 4; ++i) {
+    const uint32_t bits = source();
+    for (int j = 0; j < 8; ++j) token.push_back(kHex[(bits >> (j * 4)) & 15]);
+  }
+  return token;
+}
+
+TWebServer::TWebServer(TStoreSession& ASession, TServeSettings ASettings)
+    : FSession(ASession), FSettings(std::move(ASettings)), FServer(std::make_unique<httplib::Server>()) {
+  if (FSettings.Token.empty()) FSettings.Token = RandomToken();
+  Route();
+}
+
+TWebServer::~TWebServer() {
+  Stop();
+}
+
+std::string TWebServer::Url() const {
+  const std::string host = FSettings.Bind.find(':') != std::string::npos ? "[" + FSettings.Bind + "]" : FSettings.Bind;
+  return "http://" + host + ":" + std::to_string(FPort) + "/?token=" + FSettings.Token;
+}
+
+int TWebServer::Start() {
+  const int port = FSettings.Port ? (FServer->bind_to_port(FSettings.Bind, FSettings.Port) ? FSettings.Port : -1)
+                                  : FServer->bind_to_any_port(FSettings.Bind);
+  if (port <= 0)
+    throw std::runtime_error("cannot listen on " + FSettings.Bind + ":" + std::to_string(FSettings.Port) +
+                             " (is the port in use?)");
+  FPort = port;
+  FThread = std::thread([this] { FServer->listen_after_bind(); });
+  for (int i = 0; i < 500 && !FServer->is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  return FPort;
+}
+
+void TWebServer::Stop() {
+  if (FServer) FServer->stop();
+  if (FThread.joinable()) FThread.join();
+}
+
+void TWebServer::Route() {
+  httplib::Server& server = *FServer;
+  server.set_payload_max_length(kMaxBody);
+  server.set_default_headers({
+      {"Content-Security-Policy", "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
+                                  "connect-src 'self'; object-src 'none'; frame-ancestors 'none'; base-uri 'none'"},
+      {"X-Content-Type-Options", "nosniff"},
+      {"X-Frame-Options", "DENY"},
+      {"Referrer-Policy", "no-referrer"},
+      {"Cache-Control", "no-store"},
+  });
+
+  server.set_pre_routing_handler([this](const httplib::Request& AReq, httplib::Response& ARes) {
+    ++FRequests;
+    using THandled = httplib::Server::HandlerResponse;
+    const std::string port = ":" + std::to_string(FPort);
+    const std::string host = AReq.get_header_value("Host");
+    const std::string bound = FSettings.Bind.find(':') != std::string::npos ? "[" + FSettings.Bind + "]" : FSettings.Bind;
+    if (host != "127.0.0.1" + port && host != "localhost" + port && host != "[::1]" + port && host != bound + port) {
+      SendError(ARes, 403, "the Host header does not name this server");
+      return THandled::Handled;
+    }
+    if (AReq.has_header("Content-Length") &&
+        std::strtoull(AReq.get_header_value("Content-Length").c_str(), nullptr, 10) > kMaxBody) {
+      SendError(ARes, 400, "the request body is over 1 MB");
+      return THandled::Handled;
+    }
+    std::string bearer = AReq.get_header_value("Authorization");
+    bearer = bearer.rfind("Bearer ", 0) == 0 ? bearer.substr(7) : std::string();
+    const bool byQuery = SameToken(AReq.get_param_value("token"), FSettings.Token);
+    if (!byQuery && !SameToken(CookieValue(AReq, kCookie), FSettings.Token) && !SameToken(bearer, FSettings.Token)) {
+      SendError(ARes, 401, "a valid token is needed: open the address that quorvex serve printed");
+      return THandled::Handled;
+    }
+    if (byQuery && AReq.method == "GET" && AReq.path == "/") {
+      // The token leaves the address bar for a cookie that scripts cannot read.
+      ARes.set_header("Set-Cookie", std::string(kCookie) + "=" + FSettings.Token + "; HttpOnly; SameSite=Strict; Path=/");
+      ARes.set_redirect("/", 303);
+      return THandled::Handled;
+    }
+    return THandled::Unhandled;
+  });
+  server.set_error_handler([](const httplib::Request&, httplib::Response& ARes) {
+    if (ARes.status == 413) SendError(ARes, 400, "the request body is over 1 MB");
+    else if (ARes.body.empty()) SendError(ARes, ARes.status, ARes.status == 404 ? "no such page or call" : "bad request");
+  });
+
+  // Every handler: parse, call the session, answer; a bad request is one line with 400.
+  auto api = [](auto AHandler) {
+    return [AHandler](const httplib::Request& AReq, httplib::Response& ARes) {
+      try {
+        AHandler(AReq, ARes);
+      } catch (const ERequestError& e) {
+        SendError(ARes, 400, e.what());
+      } catch (const ESQLNameError& e) {
+        SendError(ARes, 400, e.what());
+      } catch (const json::exception& e) {
+        SendError(ARes, 400, std::string("the request is not understood: ") + e.what());
+      } catch (const std::exception& e) {
+        SendError(ARes, 500, e.what());
+      }
+    };
+  };
+
+  for (const TPageFile& file : PageFiles()) {
+    const std::string path = file.Path == "/index.html" ? "/" : std::string(file.Path);
+    server.Get(path, [&file](const httplib::Request&, httplib::Response& ARes) {
+      ARes.set_content(file.Body.data(), file.Body.size(), std::string(file.Type));
+    });
+  }
+
+  server.Get("/api/info", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Info()); }));
+  server.Post("/api/rows", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                SendJson(ARes, FSession.Rows(TViewQuery::FromJson(body), IntMember(body, "offset", 0),
+                                             IntMember(body, "count", 100)));
+              }));
+  server.Post("/api/position", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                SendJson(ARes, {{"index", FSession.IndexOf(TViewQuery::FromJson(body), IntMember(body, "id", 0))}});
+              }));
+  server.Get(R"(/api/event/(\d{1,18}))", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+               SendJson(ARes, FSession.Event(std::stoll(AReq.matches[1].str())));
+             }));
+  server.Get("/api/distinct", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+               SendJson(ARes, FSession.Distinct(AReq.get_param_value("column")));
+             }));
+  server.Post("/api/stats", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                SendJson(ARes, FSession.Statistics(TViewQuery::FromJson(ParseBody(AReq))));
+              }));
+  server.Post("/api/bookmark", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                const auto on = body.find("on");
+                if (on == body.end() || !on->is_boolean()) throw ERequestError("\"on\" must be true or false");
+                SendJson(ARes, {{"bookmarks", FSession.Bookmark(IntMember(body, "id", 0), on->get<bool>())}});
+              }));
+  server.Post("/api/filter/xml", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                const TViewQuery query = TViewQuery::FromJson(body);
+                TXMLQueryBuilder builder;
+                for (const json& log : FSession.Info()["logs"]) builder.EventLogFiles.push_back(log["file"]);
+                if (builder.EventLogFiles.empty()) builder.LogNames.push_back("Application");
+                const std::vector<std::string> notes = builder.AssignFilter(query.Filter);
+                SendJson(ARes, {{"xml", query.Filter.SaveToString()}, {"query", builder.BuildXML()}, {"notes", notes}});
+              }));
+  server.Post("/api/filter/parse", api([](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                const auto xml = body.find("xml");
+                if (xml == body.end() || !xml->is_string()) throw ERequestError("\"xml\" must be the text of a filter file");
+                TEventFilter filter;
+                try {
+                  filter.LoadFromString(xml->get<std::string>(), "the filter file");
+                } catch (const std::exception& e) {
+                  throw ERequestError(e.what());
+                }
+                SendJson(ARes, {{"filter", FilterToJson(filter)}});
+              }));
+  server.Get("/api/export", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+               std::string type, extension;
+               const TStoreRowFormat format = ExportFormat(AReq.get_param_value("format"), type, extension);
+               const std::string viewText = AReq.get_param_value("view");
+               json view;
+               try {
+                 view = viewText.empty() ? json::object() : json::parse(viewText);
+               } catch (const json::parse_error& e) {
+                 throw ERequestError(std::string("view: not JSON: ") + e.what());
+               }
+               const TViewQuery query = TViewQuery::FromJson(view);
+               FSession.WhereOf(query); // a bad view fails here, before the download starts
+               ARes.set_header("Content-Disposition", "attachment; filename=\"events." + extension + "\"");
+               ARes.set_content_provider(type, [this, query, format](size_t, httplib::DataSink& ASink) {
+                 FSession.Export(query, format, [&](std::string_view APiece) {
+                   return ASink.is_writable() && ASink.write(APiece.data(), APiece.size());
+                 });
+                 ASink.done();
+                 return true;
+               });
+             }));
+}
+
+} // namespace qvx::server
