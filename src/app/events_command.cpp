@@ -183,6 +183,8 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     ApplyTimeZone(source, AOptions.TimeZone);
     source.SetReadAhead(AOptions.Threads);
     source.SetBackupFileName(AOptions.Path);
+    if (AOptions.Offset >= 0 || AOptions.Unallocated)
+      source.SetStream(OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated));
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");
     return ReadEvents(source, true, AOptions, AOut, AErr);

@@ -83,6 +83,7 @@ int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     std::fprintf(AErr, "quorvex: --only %s: use logs, channels, publishers, sources or users\n", AOptions.Only.c_str());
     return 2;
   }
+  if (IsImageInput(AOptions.Path)) return RunImagedImage(AOptions, AOut, AErr);
   std::unique_ptr<TImagedPC> computer;
   try {
     computer = OpenImaged(AOptions.Path);
