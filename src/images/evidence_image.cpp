@@ -1,6 +1,7 @@
 #include "images/evidence_image.h"
 
 #include "images/image_error.h"
+#include "platform/file_names.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -21,6 +22,19 @@ bool IsFileOrDevice(const std::string& APath) {
   return ::stat(APath.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISBLK(st.st_mode));
 }
 
+// An image path as it exists: the imaged computer lower-cases the message file names it
+// maps, image path included, and a case-sensitive file system then needs the real case.
+bool FindImageFile(std::string& APath) {
+  if (IsFileOrDevice(APath)) return true;
+  static std::mutex lock;
+  static TPathResolver paths;
+  std::lock_guard<std::mutex> guard(lock);
+  const std::string found = paths.ResolveFile(APath);
+  if (found.empty() || !IsFileOrDevice(found)) return false;
+  APath = found;
+  return true;
+}
+
 } // namespace
 
 bool TEvidenceImage::IsContainerFile(const std::string& APath) {
@@ -38,12 +52,12 @@ bool TEvidenceImage::SplitName(const std::string& AName, std::string& AImage, st
   if (APath.starts_with("$")) return false; // an NTFS stream name, not a path inside an image
   AImage = AName.substr(0, sep);
   AVolume.clear();
-  if (!IsFileOrDevice(AImage)) {
+  if (!FindImageFile(AImage)) {
     const size_t at = AImage.rfind('@');
     if (at == std::string::npos) return false;
     AVolume = AImage.substr(at + 1);
     AImage.resize(at);
-    if (!IsFileOrDevice(AImage)) return false;
+    if (!FindImageFile(AImage)) return false;
   }
   if (APath.empty()) APath.assign(1, '/');
   return true;

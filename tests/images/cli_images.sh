@@ -9,7 +9,7 @@ QVX=$1
 FILL=$2
 GEN=$3
 tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
+trap '[ -n "${KEEP:-}" ] || rm -rf "$tmp"' EXIT
 fail=0
 
 check() { # check NAME CONDITION-COMMAND...
@@ -81,8 +81,8 @@ want_del=$("$QVX" events -q -f csv --tz UTC "$tmp/deleted.evtx" | tail -n +2 | s
 got=$("$QVX" scan -q -f csv --tz UTC --unallocated "$tmp/mbr.raw" | tail -n +2 | sort)
 check unallocated-recovers test "$(comm -23 <(echo "$want_del") <(echo "$got") | wc -l)" -eq 0
 # The allocated System.evtx (500 records) is not scanned, only the deleted log's chunks.
-n=$("$QVX" scan -q -f csv --unallocated "$tmp/mbr.raw" | tail -n +2 | wc -l)
-check unallocated-only-free test "$n" -lt 500
+n=$("$QVX" scan -f csv --unallocated "$tmp/mbr.raw" 2>&1 >/dev/null | sed -n 's/.*: \([0-9]*\) events.*/\1/p')
+check unallocated-only-free test "$n" = 300
 n=$("$QVX" scan -q -f csv --offset 1048576 "$tmp/mbr.raw" | wc -l)
 check scan-offset test "$n" -gt 800
 
