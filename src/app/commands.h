@@ -96,6 +96,9 @@ bool IsImageInput(const std::string& APath);
 // gives the volume by its byte offset), or only its unallocated clusters. Raises
 // EImageError naming the image and the problem.
 std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated);
+// Every .evtx and .evt log of the installation in an image ("IMAGE" or "IMAGE@VOLUME"),
+// as IMAGE@N::PATH names. Raises EImageError when there is no installation or no log.
+std::vector<std::string> ImageLogsOf(const std::string& APath);
 // Lists a disk image's container, partitions and volumes, and each NTFS volume's
 // Windows folder and logs.
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr);

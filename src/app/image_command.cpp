@@ -59,6 +59,29 @@ std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t
   return std::make_unique<TExtentStream>(data, std::move(extents), image->VolumeName(volume) + " (unallocated clusters)");
 }
 
+std::vector<std::string> ImageLogsOf(const std::string& APath) {
+  std::string imagePath, spec;
+  SplitVolume(APath, imagePath, spec);
+  const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
+  const TImageVolume& volume = image->Volume(spec);
+  const std::shared_ptr<TNtfsVolume> ntfs = image->Ntfs(volume);
+  const std::string prefix = imagePath + "@" + std::to_string(volume.Number) + "::";
+  std::vector<std::string> logs;
+  for (const char* folder : {"/Windows/System32/winevt/Logs", "/Windows/System32/config"}) {
+    std::vector<TNtfsEntry> entries = ntfs->List(folder);
+    std::sort(entries.begin(), entries.end(), [](const TNtfsEntry& a, const TNtfsEntry& b) { return a.Name < b.Name; });
+    for (const TNtfsEntry& e : entries) {
+      std::string lower = e.Name;
+      std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+      // Empty logs (a channel that never logged) hold only a header; nothing to load.
+      if (e.Folder || e.Size == 0 || !(lower.ends_with(".evtx") || lower.ends_with(".evt"))) continue;
+      logs.push_back(prefix + folder + "/" + e.Name);
+    }
+  }
+  if (logs.empty()) RaiseImageError(image->VolumeName(volume), kNoOffset, "no .evtx or .evt logs in the Windows folder");
+  return logs;
+}
+
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
     std::string imagePath, spec;

@@ -76,6 +76,11 @@ for img in "${images[@]}"; do
   check "$name-scan" test "$n" -ge "$(($(wc -l <<<"$want_sys") + 300))"
 done
 
+# open IMAGE loads every log of the installation, described from the image.
+"$QVX" open "$tmp/mbr.raw" -s "$tmp/case.db" -q
+check open-image-status test $? -eq 0
+check open-image-count test "$("$QVX" view "$tmp/case.db" --count)" = "$(($(sed -n 's/.*: \([0-9]*\) events.*/\1/p' <<<"$("$QVX" events -f csv "$logs/System.evtx" 2>&1 >/dev/null)") + 300))"
+
 # A deleted log survives in the unallocated clusters.
 want_del=$("$QVX" events -q -f csv --tz UTC "$tmp/deleted.evtx" | tail -n +2 | sort)
 got=$("$QVX" scan -q -f csv --tz UTC --unallocated "$tmp/mbr.raw" | tail -n +2 | sort)
