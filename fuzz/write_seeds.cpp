@@ -5,6 +5,7 @@
 // tests make them, so the seeds cover what the tests know of each format.
 #include "support/evt_writer.h"
 #include "support/hive_writer.h"
+#include "support/partition_writer.h"
 #include "support/pe_writer.h"
 #include "support/wevt_writer.h"
 
@@ -112,6 +113,11 @@ int main(int argc, char** argv) {
     Write(dir / "fuzz_pe_resources", plus ? "messages-pe32plus.dll" : "messages-pe32.dll", pe.Build());
     Write(dir / "fuzz_pe_resources", plus ? "rdata-pe32plus.dll" : "rdata-pe32.dll", pe.DataInOwnSection().Build());
   }
+
+  // Partition tables: an MBR disk and a GPT disk.
+  Write(dir / "fuzz_partition_table", "mbr.bin", test::BuildMbrDisk(64, {{0x07, 2, 30}, {0x0C, 40, 20}}));
+  Write(dir / "fuzz_partition_table", "gpt.bin",
+        test::BuildGptDisk(64, {{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 34, 50, "Data"}}));
 
   // Registry hives: an empty one and a small tree of every value type.
   Write(dir / "fuzz_hive", "empty.hiv", EmptyHiveImage());

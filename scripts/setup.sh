@@ -20,8 +20,14 @@ PACKAGES=(
   libgtest-dev libgmock-dev libsqlite3-dev libpugixml-dev libpcre2-dev libhivex-dev
   libcli11-dev libfmt-dev nlohmann-json3-dev libicu-dev
   libyaml-cpp-dev    # Sigma rules are YAML (quorvex hunt)
+  # Disk images (src/images): the libyal readers of E01, VHD/VHDX, VMDK, QCOW2, split raw,
+  # NTFS and shadow copies, chosen over hand-written readers of those formats
+  libewf-dev libvhdi-dev libvmdk-dev libqcow-dev libsmraw-dev libfsntfs-dev libvshadow-dev libbfio-dev
   # scripts, and the peer readers used by the differential test and the benchmark
   python3 libevtx-utils python3-evtx libevt-utils
+  # disk image fixtures built at test time: mkntfs and libntfs-3g fill an NTFS volume,
+  # sfdisk partitions it, ewfacquire and qemu-img convert it to the containers
+  ntfs-3g ntfs-3g-dev fdisk ewf-tools qemu-utils
 )
 
 is_installed() {

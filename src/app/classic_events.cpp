@@ -9,7 +9,7 @@
 #include "engine/classic_log.h"
 #include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 #include "platform/utf16.h"
 
 #include <cstring>
@@ -51,9 +51,9 @@ void AppendSystemTime(std::string& AOut, double ADays) {
 
 bool IsClassicLog(const std::string& APath) {
   try {
-    TRawFile file = TRawFile::Open(APath);
+    const std::unique_ptr<TReadStream> file = OpenReadStream(APath);
     uint8_t header[8] = {};
-    return file.ReadAt(0, header, 8) == 8 && header[0] == 0x30 && header[1] == 0 && header[2] == 0 &&
+    return file->ReadAt(0, header, 8) == 8 && header[0] == 0x30 && header[1] == 0 && header[2] == 0 &&
            header[3] == 0 && std::memcmp(header + 4, "LfLe", 4) == 0;
   } catch (const std::exception&) {
     return false;

@@ -56,6 +56,8 @@ struct TEventsOptions {
   TFilterOptions Filter; // which events are listed
   std::string Colors;    // color code file that paints the table's rows
   std::string ColorMode = "auto"; // auto (when stdout is a terminal), always, never
+  int64_t Offset = -1;   // scan: the volume at this byte offset of the image
+  bool Unallocated = false; // scan: only the NTFS volume's unallocated clusters
 };
 
 // The row colours of the options (loading the color code file into ACodes); raises
@@ -86,6 +88,20 @@ std::string FindWindowsFolder(const std::string& APath);
 // The active imaged computer of --imaged APath; null for "". Raises std::runtime_error
 // naming the option when the installation cannot be read.
 std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath);
+
+// True when APath (or APath without an "@VOLUME" suffix) is a file or block device: a
+// disk image rather than a Windows folder.
+bool IsImageInput(const std::string& APath);
+// The data of a volume of an image for scanning ("IMAGE" or "IMAGE@VOLUME"; AOffset >= 0
+// gives the volume by its byte offset), or only its unallocated clusters. Raises
+// EImageError naming the image and the problem.
+std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated);
+// Every .evtx and .evt log of the installation in an image ("IMAGE" or "IMAGE@VOLUME"),
+// as IMAGE@N::PATH names. Raises EImageError when there is no installation or no log.
+std::vector<std::string> ImageLogsOf(const std::string& APath);
+// Lists a disk image's container, partitions and volumes, and each NTFS volume's
+// Windows folder and logs.
+int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 // Lists an offline Windows installation's logs, channels, publishers, classic sources
 // and users.

@@ -7,6 +7,7 @@
 
 #include "engine/event_log_binxml.h"
 #include "imaged/imaged_pc.h"
+#include "images/image_opener.h"
 #include "platform/nt_exception.h"
 
 #include <cstdlib>
@@ -121,7 +122,15 @@ TRowColors RowColorsFor(const TEventsOptions& AOptions, std::FILE* AOut, TColorC
 std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
   if (APath.empty()) return nullptr;
   auto computer = std::make_unique<TImagedPC>();
-  computer->SetMapping(FindWindowsFolder(APath));
+  std::string root = APath;
+  if (IsImageInput(APath)) {
+    try {
+      root = ImageRootOf(APath);
+    } catch (const std::exception& e) {
+      throw std::runtime_error(std::string("--imaged ") + e.what());
+    }
+  }
+  computer->SetMapping(FindWindowsFolder(root));
   try {
     computer->SetActive(true);
   } catch (const EImagedPCException& e) {
@@ -183,6 +192,8 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     ApplyTimeZone(source, AOptions.TimeZone);
     source.SetReadAhead(AOptions.Threads);
     source.SetBackupFileName(AOptions.Path);
+    if (AOptions.Offset >= 0 || AOptions.Unallocated)
+      source.SetStream(OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated));
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");
     return ReadEvents(source, true, AOptions, AOut, AErr);

@@ -32,13 +32,13 @@ std::string HeaderFault(TEvtxFile& AFile) {
 } // namespace
 
 TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {
-  FRaw = TRawFile::Open(APath);
-  FFile = std::make_unique<TEvtxFile>(&FRaw);
+  FRaw = OpenReadStream(APath);
+  FFile = std::make_unique<TEvtxFile>(FRaw.get());
   if (!ACarve) {
     if (!FFile->HeaderValid()) {
       const auto& header = FFile->HeaderBytes();
       if (header.size() < evtx::kFileHeaderReadSize)
-        throw std::runtime_error(APath + ": not an .evtx file: the file is " + std::to_string(FRaw.Size()) +
+        throw std::runtime_error(APath + ": not an .evtx file: the file is " + std::to_string(FRaw->Size()) +
                                  " bytes, shorter than the 128-byte file header (use --carve to search it for chunks)");
       if (std::memcmp(header.data(), evtx::kFileMagic, evtx::kMagicCompareLength) != 0)
         throw std::runtime_error(APath + ": not an .evtx file: no \"ElfFile\" signature at offset 0x0 "
@@ -80,7 +80,7 @@ TChunkReader::TProducer TEvtxSource::Producer() {
     // The rendering thread reads the chunk; a file cut short inside its last chunk
     // still gives the records before the cut.
     AJob.Position = FStarts[FNext++];
-    AJob.ReadFrom = &FRaw;
+    AJob.ReadFrom = FRaw.get();
     return true;
   };
 }

@@ -5,7 +5,7 @@
 #include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/elf_chunks.h"
 #include "engine/evtx/evtx_file.h"
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 
 #include <memory>
 #include <string>
@@ -28,13 +28,13 @@ public:
   bool Carving() const { return FCarving; }
   const std::vector<std::string>& Notices() const { return FNotices; }
   TEvtxFile& File() { return *FFile; }
-  TRawFile& Raw() { return FRaw; }
+  const TReadStream& Raw() const { return *FRaw; }
   const TElfChnunks& Carver() const { return FCarver; }
   uint64_t ChunkTotal() const { return FStarts.size(); }
 
 private:
   std::string FPath;
-  TRawFile FRaw;
+  std::unique_ptr<TReadStream> FRaw;
   std::unique_ptr<TEvtxFile> FFile;
   TElfChnunks FCarver;
   bool FCarving = false;

@@ -55,9 +55,9 @@ namespace {
 
 bool IsStoreFile(const std::string& APath) {
   try {
-    TRawFile file = TRawFile::Open(APath);
+    const std::unique_ptr<TReadStream> file = OpenReadStream(APath);
     char header[16] = {};
-    return file.ReadAt(0, header, 16) == 16 && std::memcmp(header, "SQLite format 3", 16) == 0;
+    return file->ReadAt(0, header, 16) == 16 && std::memcmp(header, "SQLite format 3", 16) == 0;
   } catch (const std::exception&) {
     return false;
   }

@@ -58,15 +58,12 @@ void ListLogs(TImagedPC& AComputer, std::FILE* AOut) {
   TPathResolver paths;
   const std::string folder = paths.Resolve(AComputer.LogsLocation());
   std::vector<std::pair<std::string, uintmax_t>> logs;
-  std::error_code error;
   if (!folder.empty())
-    for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
-      const std::string name = it->path().filename().string();
-      std::string lower = name;
+    for (const TFileSystem::TEntry& entry : ListFolder(folder)) {
+      std::string lower = entry.Name;
       std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-      if (!lower.ends_with(".evtx") && !lower.ends_with(".evt")) continue;
-      std::error_code sizeError;
-      logs.emplace_back(name, it->file_size(sizeError));
+      if (entry.Folder || (!lower.ends_with(".evtx") && !lower.ends_with(".evt"))) continue;
+      logs.emplace_back(entry.Name, entry.Size);
     }
   std::sort(logs.begin(), logs.end());
   Heading(AOut, "Logs", logs.size());
@@ -84,8 +81,19 @@ int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     return 2;
   }
   std::unique_ptr<TImagedPC> computer;
+  if (IsImageInput(AOptions.Path) && AOptions.Only.empty()) {
+    // The image's structure, then the installation on it as for a folder.
+    const int status = RunImagedImage(AOptions, AOut, AErr);
+    if (status != 0) return status;
+    try {
+      computer = OpenImaged(AOptions.Path);
+    } catch (const std::exception&) {
+      return 0; // no installation to describe: the listing above says what the image holds
+    }
+    std::fprintf(AOut, "\nInstallation\n");
+  }
   try {
-    computer = OpenImaged(AOptions.Path);
+    if (!computer) computer = OpenImaged(AOptions.Path);
   } catch (const std::exception& e) {
     std::string message = e.what();
     if (message.starts_with("--imaged ")) message.erase(0, 9);

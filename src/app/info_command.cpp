@@ -45,8 +45,7 @@ void PrintHeader(std::FILE* AOut, TEvtxSource& ASource) {
 
 int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    TRawFile probe = TRawFile::Open(AOptions.Path); // clear open errors before anything else
-    probe.Close();
+    OpenReadStream(AOptions.Path); // clear open errors before anything else
     std::unique_ptr<TEvtxSource> source;
     std::string fatal;
     try {

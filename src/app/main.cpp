@@ -1,6 +1,7 @@
 // quorvex: the command-line front end.
 #include "app/commands.h"
 #include "app/hunt_command.h"
+#include "images/image_opener.h"
 
 #include <CLI/CLI.hpp>
 
@@ -99,7 +100,9 @@ int main(int argc, char** argv) {
                          "the drive it lies on (a mounted image or a copy), read with no Windows needed");
   };
   auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx or classic .evt file, newest first");
-  cmdEvents->add_option("file", events.Path, "The .evtx file, or a classic .evt file (recognised by its header)")
+  cmdEvents->add_option("file", events.Path,
+                         "The .evtx file, or a classic .evt file (recognised by its header); inside a disk image "
+                         "as IMAGE::/Windows/System32/winevt/Logs/System.evtx")
       ->required();
   addOutputOptions(cmdEvents);
   cmdEvents->footer("Columns of the table: time, type, event ID, source, task, user, computer, record number and\n"
@@ -115,6 +118,10 @@ int main(int argc, char** argv) {
                       "A file, a disk image or a block device such as /dev/sdb (reading a device needs permission)")
       ->required();
   addOutputOptions(cmdScan);
+  cmdScan->add_option("--offset", events.Offset,
+                      "Scan only the volume that starts at this byte offset of the image (IMAGE@N scans volume N)");
+  cmdScan->add_flag("--unallocated", events.Unallocated,
+                    "Scan only the unallocated clusters of the image's NTFS volume, where deleted logs survive");
   cmdScan->footer("Chunks are listed in the order they lie in the data, each from its last event back to its\n"
                   "first; a chunk present twice (an old copy in free space) gives its events twice. The count\n"
                   "of events is not known in advance; the progress bar shows MB read, MB/s and events found.");
@@ -124,7 +131,8 @@ int main(int argc, char** argv) {
   TImagedOptions imaged;
   auto* cmdImaged = app.add_subcommand("imaged", "Show what an offline Windows installation holds for describing events");
   cmdImaged->add_option("windows", imaged.Path,
-                        "Its Windows folder (/mnt/image/Windows) or the drive it lies on (/mnt/image)")
+                        "Its Windows folder (/mnt/image/Windows), the drive it lies on (/mnt/image), or a disk "
+                        "image (E01, VHD/VHDX, VMDK, QCOW2, raw) or block device")
       ->required();
   cmdImaged->add_option("--only", imaged.Only, "One section: logs, channels, publishers, sources or users");
   cmdImaged->footer("Reads the installation's SOFTWARE and SYSTEM hives (never writes them) and lists its logs\n"
@@ -277,6 +285,7 @@ int main(int argc, char** argv) {
   cmdDemo->add_flag("--no-dump", demoNoDump, "Only write the log");
 
   CLI11_PARSE(app, argc, argv);
+  qvx::InstallImageOpener();
 
   if (*cmdDump) {
     if (dump.Threads == 0) dump.Threads = std::max(1u, std::thread::hardware_concurrency());

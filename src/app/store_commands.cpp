@@ -371,14 +371,36 @@ std::string LogNameFor(const std::string& APath) {
 
 int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
   try {
+    // A disk image stands for every log of the installation in it, described from it.
+    TStoreOptions options = AOptions;
+    std::vector<std::string> logs;
+    for (const std::string& path : AOptions.Logs) {
+      if (options.Scan || path.find("::") != std::string::npos || !IsImageInput(path) || IsClassicLog(path)) {
+        logs.push_back(path);
+        continue;
+      }
+      bool evtx = false;
+      try {
+        TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
+        evtx = true;
+      } catch (const std::exception&) {
+      }
+      if (evtx) {
+        logs.push_back(path);
+        continue;
+      }
+      for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
+      if (options.Imaged.empty()) options.Imaged = path;
+    }
+    options.Logs = std::move(logs);
     // Check every log before the store is touched.
     std::vector<TStoredEntry> entries;
-    for (const std::string& path : AOptions.Logs) {
-      if (!std::filesystem::exists(path)) throw std::runtime_error(path + ": no such file or device");
+    for (const std::string& path : options.Logs) {
+      if (path.find("::") == std::string::npos && !std::filesystem::exists(path)) throw std::runtime_error(path + ": no such file or device");
       TStoredEntry stored;
       stored.Entry = TLogEntry::CreateEventLogFileEntry(LogNameFor(path), path, true);
-      stored.Scan = AOptions.Scan;
-      if (!AOptions.Scan && !IsClassicLog(path)) {
+      stored.Scan = options.Scan;
+      if (!options.Scan && !IsClassicLog(path)) {
         try {
           TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
         } catch (const std::exception& e) {
@@ -387,20 +409,20 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       }
       entries.push_back(std::move(stored));
     }
-    TEvtLiteAdaptor store(AOptions.Store);
+    TEvtLiteAdaptor store(options.Store);
     store.InitThreadDataSet();
     std::vector<TStoredEntry> kept;
     std::map<std::string, std::string> settings;
-    if (AOptions.Append) {
+    if (options.Append) {
       if (!store.TableExists())
-        throw EEventStoreError(AOptions.Store + ": --append needs a store made by 'quorvex open'");
+        throw EEventStoreError(options.Store + ": --append needs a store made by 'quorvex open'");
       kept = LoadEntries(store, settings);
     } else {
       // Never replace a database that is not ours.
       const int64_t tables = store.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' "
                                                  "AND name NOT IN ('Events', 'QvxLogEntries', "
                                                  "'QvxSettings', 'QvxDetections')");
-      if (tables > 0) throw EEventStoreError(AOptions.Store + ": not an event store; it was left unchanged");
+      if (tables > 0) throw EEventStoreError(options.Store + ": not an event store; it was left unchanged");
       store.EmptyTable();
       TDetectionStore::Drop(store.Handle());
     }
@@ -408,9 +430,9 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     for (TStoredEntry& stored : entries)
       kept.push_back(std::move(stored));
     std::vector<TStoredEntry> loading(kept.begin() + static_cast<std::ptrdiff_t>(first), kept.end());
-    const int status = LoadStore(AOptions, store, loading, false, AErr);
+    const int status = LoadStore(options, store, loading, false, AErr);
     std::copy(loading.begin(), loading.end(), kept.begin() + static_cast<std::ptrdiff_t>(first));
-    SaveEntries(store, kept, SettingsOf(AOptions));
+    SaveEntries(store, kept, SettingsOf(options));
     store.DoneThreadDataSet();
     return status;
   } catch (const std::exception& e) {

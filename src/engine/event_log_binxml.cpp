@@ -139,12 +139,12 @@ void TEventLogBinXML::OpenBackupEventLog() {
   if (FActive) return;
   StopReadAhead();
   try {
-    FFileHandle = TRawFile::Open(FBackupFileName);
+    FFileHandle = OpenReadStream(FBackupFileName);
   } catch (const ENTException&) {
     FActive = false;
     throw;
   }
-  FEvtxFile = std::make_unique<TEvtxFile>(&FFileHandle);
+  FEvtxFile = std::make_unique<TEvtxFile>(FFileHandle.get());
   FChunkXML.clear();
   FChunkIndex = 0;
   FEventIndex = 0;
@@ -154,7 +154,7 @@ void TEventLogBinXML::OpenBackupEventLog() {
   if (!FActive) {
     const uint32_t code = LastErrorCode();
     FEvtxFile.reset();
-    FFileHandle = TRawFile();
+    FFileHandle.reset();
     throw ENTException(code, FBackupFileName);
   }
 }
@@ -164,7 +164,7 @@ void TEventLogBinXML::StopReadAhead() { FReadAhead.reset(); }
 void TEventLogBinXML::CloseEventLog() {
   StopReadAhead();
   FEvtxFile.reset();
-  FFileHandle = TRawFile();
+  FFileHandle.reset();
   FChunkXML.clear();
   FEventIndex = 0;
   FActive = false;
@@ -231,7 +231,7 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
             [this, starts = std::move(starts), next = size_t{0}](TChunkJob& AJob) mutable {
               if (next >= starts.size()) return false;
               AJob.Position = starts[next++];
-              AJob.ReadFrom = &FFileHandle;
+              AJob.ReadFrom = FFileHandle.get();
               AJob.EmptyBlocksBefore = 0;
               AJob.SourceRead = 0;
               return true;
@@ -241,7 +241,7 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
       if (!FReadAhead->Pop(FChunk)) return;
     } else {
       FJob.Position = FEvtxFile->GetChunk(static_cast<int>(FChunkIndex))->Start;
-      FJob.ReadFrom = &FFileHandle;
+      FJob.ReadFrom = FFileHandle.get();
       RenderJob();
     }
     AcceptChunk("Chunk #" + std::to_string(FChunkIndex) + " at offset " + HexText(FChunk.Position));
@@ -311,7 +311,10 @@ void TEventLogScan::OpenBackupEventLog() {
   FHavePending = false;
   FTicks = 0;
   FScanned = 0;
-  FActive = FElfChunks->OpenFile(FBackupFileName);
+  if (FStream)
+    FActive = FElfChunks->OpenStream(std::move(FStream), TElfSourceType::stVolume);
+  else
+    FActive = FElfChunks->OpenFile(FBackupFileName);
 }
 
 void TEventLogScan::CloseEventLog() {

@@ -13,7 +13,7 @@
 #include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/elf_chunks.h"
 #include "engine/evtx/evtx_file.h"
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 
 #include <memory>
 #include <vector>
@@ -73,7 +73,7 @@ protected:
   // Fills the fields of one event's text (task name, user, data values, description).
   void FillFields(std::string_view AEvent, TEventXmlFields& AFields);
 
-  TRawFile FFileHandle;
+  std::unique_ptr<TReadStream> FFileHandle;
   std::unique_ptr<TEvtxFile> FEvtxFile;
   TChunkJob FJob;       // the chunk being read: its bytes and where they came from
   TChunkResult FChunk;  // its rendered records
@@ -100,6 +100,10 @@ public:
   // further chunk (a tick for progress).
   void EventNextXML(std::string& AXml, TEventXmlFields& AFields) override;
 
+  // Scans AStream at the next open instead of opening BackupFileName (a partition, the
+  // unallocated clusters of a volume); used once.
+  void SetStream(std::unique_ptr<TReadStream> AStream) { FStream = std::move(AStream); }
+
   TElfChnunks& ElfChunks() { return *FElfChunks; }
   // Bytes of the source scanned so far (safe to ask while chunks are read ahead).
   uint64_t BytesScanned() const;
@@ -107,6 +111,7 @@ public:
 
 private:
   std::unique_ptr<TElfChnunks> FElfChunks;
+  std::unique_ptr<TReadStream> FStream;
   bool FHavePending = false;  // FChunk holds a chunk still to be taken (read ahead)
   uint32_t FTicks = 0;        // "+" results owed before it
   uint64_t FScanned = 0;      // bytes scanned when the last result was taken

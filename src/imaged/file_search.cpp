@@ -28,21 +28,21 @@ std::array<uint8_t, 256> BuildFoldTable() {
 } // namespace
 
 TTFileSearch::TTFileSearch(const std::string& AFileName, uint32_t ABufferSize)
-    : FFile(TRawFile::Open(AFileName)), FFold(BuildFoldTable()) {
+    : FFile(OpenReadStream(AFileName)), FFold(BuildFoldTable()) {
   FBlockSize = ABufferSize < kMinBufferSize ? kDefaultBufferSize : ABufferSize;
-  if (FFile.Size() < FBlockSize)
-    FBlockSize = static_cast<uint32_t>(FFile.Size());
+  if (FFile->Size() < FBlockSize)
+    FBlockSize = static_cast<uint32_t>(FFile->Size());
   // Two spare bytes: the shift reads the byte right of the window, one past the last valid one.
   FBuffer = std::make_unique<uint8_t[]>(size_t{FBlockSize} + 2);
 }
 
 size_t TTFileSearch::ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const {
-  return FFile.ReadAt(AOffset, ABuffer, ALength);
+  return FFile->ReadAt(AOffset, ABuffer, ALength);
 }
 
 void TTFileSearch::Fill(uint64_t AOffset) {
   FBufferOffset = AOffset;
-  size_t got = AOffset < FFile.Size() ? FFile.ReadAt(AOffset, FBuffer.get(), FBlockSize) : 0;
+  size_t got = AOffset < FFile->Size() ? FFile->ReadAt(AOffset, FBuffer.get(), FBlockSize) : 0;
   // Bytes left over from a longer block must not steer the shift past the data.
   std::memset(FBuffer.get() + got, 0, size_t{FBlockSize} + 2 - got);
   FLast = static_cast<int64_t>(got) - 1;
@@ -114,7 +114,7 @@ template <bool AFold> uint64_t TTFileSearch::Search() {
       FIndex += FShift[at(FIndex - k + 1)];
     }
     uint64_t end = FBufferOffset + static_cast<uint64_t>(FLast + 1);
-    if (FLast < 0 || end >= FFile.Size())
+    if (FLast < 0 || end >= FFile->Size())
       return 0;
     // Carry L - 1 bytes over, but never back into the last match: occurrences do not overlap.
     uint64_t next = std::max(end - static_cast<uint64_t>(length - 1), FMatchEnd);

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 
 namespace qvx {
 
@@ -30,7 +30,7 @@ public:
   static constexpr uint32_t kDefaultBufferSize = 0x8ACD;
   static constexpr uint32_t kMinBufferSize = 0xFFFD;
 
-  // Opens AFileName (TRawFile::Open raises ENTException when it cannot). ABufferSize below
+  // Opens AFileName (OpenReadStream raises ENTException when it cannot). ABufferSize below
   // kMinBufferSize becomes kDefaultBufferSize; the block size is then cut to the file's
   // size when the file is smaller. Nothing is read until Init or IInit.
   TTFileSearch(const std::string& AFileName, uint32_t ABufferSize);
@@ -57,7 +57,7 @@ public:
   bool Found() const { return FFound; }
   uint64_t MatchCount() const { return FMatchCount; }
   uint32_t BlockSize() const { return FBlockSize; }
-  uint64_t FileSize() const { return FFile.Size(); }
+  uint64_t FileSize() const { return FFile->Size(); }
   // File offset of the last occurrence returned (0 before the first).
   uint64_t LastMatch() const { return FLastMatch; }
 
@@ -72,7 +72,7 @@ private:
   void Fill(uint64_t AOffset);
   template <bool AFold> uint64_t Search();
 
-  TRawFile FFile;
+  std::unique_ptr<TReadStream> FFile;
   std::unique_ptr<uint8_t[]> FBuffer; // FBlockSize + 2 bytes; the tail stays zero
   uint32_t FBlockSize = 0;
   int64_t FLast = -1;          // index of the last valid byte in FBuffer

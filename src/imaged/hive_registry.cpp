@@ -22,8 +22,8 @@ std::unique_ptr<TRegistryDirect> OpenHiveOf(const std::string& AWinDir, const ch
   if (file.empty()) {
     message = "registry file %s does not exist";
   } else {
-    std::error_code error;
-    if (std::filesystem::file_size(file, error) > 0x7FFFFFFF && !error) message = "registry files %s is too large";
+    uint64_t size = 0;
+    if (FileSizeOf(file, size) && size > 0x7FFFFFFF) message = "registry files %s is too large";
   }
   std::unique_ptr<TRegistryDirect> hive;
   if (message.empty()) {

@@ -126,10 +126,10 @@ void TImagedPC::OpenHiveFile(TRegistryDirect& AReader, const char* AName) {
   path.append(AName);
   const std::string file = FMessageFiles.Paths().ResolveFile(path);
   if (file.empty()) throw EImagedPCException(Message("registry file %s does not exist", path));
-  std::error_code error;
-  const uintmax_t size = std::filesystem::file_size(file, error);
-  if (!error && size > kMaxHiveSize) throw EImagedPCException(Message("registry files %s is too large", path));
-  if (error || !AReader.OpenHive(file)) throw EImagedPCException(Message("unable to open registry file %s", path));
+  uint64_t size = 0;
+  const bool sized = FileSizeOf(file, size);
+  if (sized && size > kMaxHiveSize) throw EImagedPCException(Message("registry files %s is too large", path));
+  if (!sized || !AReader.OpenHive(file)) throw EImagedPCException(Message("unable to open registry file %s", path));
 }
 
 void TImagedPC::Activate() {

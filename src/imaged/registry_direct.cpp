@@ -9,6 +9,13 @@
 
 #if QVX_HAVE_HIVEX
 #include <hivex.h>
+
+#include "platform/file_names.h"
+#include "platform/read_stream.h"
+
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
 #endif
 
 namespace qvx {
@@ -182,11 +189,47 @@ TRegistryDirect::~TRegistryDirect() {
   CloseHive();
 }
 
+namespace {
+
+// hivex opens files only. A hive inside a disk image is copied into a folder of its own
+// (mode 0700 under the temporary folder), opened, and deleted at once: hivex has read
+// the whole hive into memory by then, and no file of it is left or named anywhere. Our
+// own hive reader would avoid the copy, but hivex is the parser the rest of the imaged
+// computer is tested against, and a hive is read once per activation.
+hive_h* OpenCopyOf(const std::string& AName) {
+  std::string folder = (std::filesystem::temp_directory_path() / "quorvex-hive-XXXXXX").string();
+  if (!::mkdtemp(folder.data())) return nullptr;
+  const std::string file = folder + "/hive";
+  hive_h* hive = nullptr;
+  try {
+    const std::unique_ptr<TReadStream> in = OpenReadStream(AName);
+    {
+      std::ofstream out(file, std::ios::binary);
+      std::vector<char> buffer(1 << 20);
+      for (uint64_t at = 0; at < in->Size();) {
+        const size_t got = in->ReadAt(at, buffer.data(), buffer.size());
+        if (got == 0) break;
+        out.write(buffer.data(), static_cast<std::streamsize>(got));
+        at += got;
+      }
+    }
+    hive = hivex_open(file.c_str(), 0);
+  } catch (const std::exception&) {
+    hive = nullptr;
+  }
+  std::error_code error;
+  std::filesystem::remove_all(folder, error);
+  return hive;
+}
+
+} // namespace
+
 bool TRegistryDirect::OpenHive(const std::string& AFileName) {
   CloseHive();
+  std::string prefix, inner;
   // No HIVEX_OPEN_WRITE: the file is mapped read-only. No HIVEX_OPEN_UNSAFE: damaged
   // structures are refused rather than guessed at.
-  FHive = hivex_open(AFileName.c_str(), 0);
+  FHive = FileSystemOf(AFileName, prefix, inner) ? OpenCopyOf(AFileName) : hivex_open(AFileName.c_str(), 0);
   if (FHive && hivex_root(FHive) == 0) CloseHive();
   return FHive != nullptr;
 }

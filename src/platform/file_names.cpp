@@ -40,6 +40,75 @@ std::string FoldCase(std::string_view AName) {
   return folded;
 }
 
+namespace {
+TFileSystemProvider& Provider() {
+  static TFileSystemProvider provider;
+  return provider;
+}
+} // namespace
+
+void SetFileSystemProvider(TFileSystemProvider AProvider) { Provider() = std::move(AProvider); }
+
+std::shared_ptr<TFileSystem> FileSystemOf(const std::string& AName, std::string& APrefix, std::string& APath) {
+  if (!Provider() || AName.find("::") == std::string::npos) return nullptr;
+  return Provider()(AName, APrefix, APath);
+}
+
+bool FileSizeOf(const std::string& AName, uint64_t& ASize) {
+  std::string prefix, path;
+  if (const std::shared_ptr<TFileSystem> fs = FileSystemOf(AName, prefix, path)) {
+    TFileSystem::TEntry entry;
+    if (!fs->Stat(path, entry) || entry.Folder) return false;
+    ASize = entry.Size;
+    return true;
+  }
+  std::error_code error;
+  const uintmax_t size = fs::file_size(AName, error);
+  if (error) return false;
+  ASize = size;
+  return true;
+}
+
+std::vector<TFileSystem::TEntry> ListFolder(const std::string& AName) {
+  std::string prefix, path;
+  if (const std::shared_ptr<TFileSystem> fs = FileSystemOf(AName, prefix, path)) return fs->List(path);
+  std::vector<TFileSystem::TEntry> entries;
+  std::error_code error;
+  for (fs::directory_iterator it(AName, error), end; !error && it != end; it.increment(error)) {
+    TFileSystem::TEntry entry;
+    entry.Name = it->path().filename().string();
+    std::error_code other;
+    entry.Folder = it->is_directory(other);
+    if (!entry.Folder) entry.Size = it->file_size(other);
+    entries.push_back(std::move(entry));
+  }
+  return entries;
+}
+
+std::string TPathResolver::ResolveOn(TFileSystem& AFs, const std::string& APrefix, const std::string& APath) {
+  std::string current;
+  size_t pos = 0;
+  while (pos <= APath.size()) {
+    size_t end = APath.find_first_of("/\\", pos);
+    if (end == std::string::npos) end = APath.size();
+    const std::string part = APath.substr(pos, end - pos);
+    pos = end + 1;
+    if (part.empty() || part == ".") continue;
+    const std::string key = APrefix + current;
+    auto folder = FFolders.find(key);
+    if (folder == FFolders.end()) {
+      TFolder listing;
+      for (TFileSystem::TEntry& entry : AFs.List(current.empty() ? "/" : current))
+        listing.Entries.emplace(FoldCase(entry.Name), std::move(entry.Name));
+      folder = FFolders.emplace(key, std::move(listing)).first;
+    }
+    const auto entry = folder->second.Entries.find(FoldCase(part));
+    if (entry == folder->second.Entries.end()) return {};
+    current.append("/").append(entry->second);
+  }
+  return APrefix + (current.empty() ? "/" : current);
+}
+
 void TPathResolver::Clear() {
   FFolders.clear();
   FResolved.clear();
@@ -64,6 +133,12 @@ const std::string* TPathResolver::FindEntry(const std::string& ADir, const std::
 std::string TPathResolver::Resolve(std::string_view APath) {
   const std::string asked(APath);
   if (const auto known = FResolved.find(asked); known != FResolved.end()) return known->second;
+  std::string prefix, inner;
+  if (const std::shared_ptr<TFileSystem> other = FileSystemOf(asked, prefix, inner)) {
+    std::string result = ResolveOn(*other, prefix, inner);
+    FResolved.emplace(asked, result);
+    return result;
+  }
   std::string path = NativeSeparators(APath);
   std::error_code error;
   std::string result;
@@ -105,6 +180,11 @@ std::string TPathResolver::Resolve(std::string_view APath) {
 
 std::string TPathResolver::ResolveFile(std::string_view APath) {
   std::string path = Resolve(APath);
+  std::string prefix, inner;
+  if (const std::shared_ptr<TFileSystem> other = path.empty() ? nullptr : FileSystemOf(path, prefix, inner)) {
+    TFileSystem::TEntry entry;
+    return other->Stat(inner, entry) && !entry.Folder ? path : std::string();
+  }
   std::error_code error;
   if (path.empty() || !fs::is_regular_file(path, error)) return {};
   return path;

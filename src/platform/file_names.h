@@ -8,12 +8,45 @@
 // and Latin-1 letters; names of system files are ASCII).
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
 
 namespace qvx {
+
+// A file system other than the local one, whose files are named "<prefix><path>" (the
+// NTFS volume of a disk image: "disk.E01@2::" + "/Windows/System32"). Paths inside use
+// "/" or "\"; lookups may match case as they like.
+class TFileSystem {
+public:
+  struct TEntry {
+    std::string Name;
+    bool Folder = false;
+    uint64_t Size = 0;
+  };
+  virtual ~TFileSystem() = default;
+  // The entry APath names; false when there is none.
+  virtual bool Stat(const std::string& APath, TEntry& AEntry) = 0;
+  // The entries of the folder APath; empty when it is no folder.
+  virtual std::vector<TEntry> List(const std::string& APath) = 0;
+};
+
+// Finds the file system of a name: the provider gives it with the name's prefix and the
+// path inside, or null for a local name.
+using TFileSystemProvider =
+    std::function<std::shared_ptr<TFileSystem>(const std::string& AName, std::string& APrefix, std::string& APath)>;
+// Installed once at start-up (the disk image support installs one).
+void SetFileSystemProvider(TFileSystemProvider AProvider);
+// The file system that holds AName (with APrefix and APath set), or null when it is local.
+std::shared_ptr<TFileSystem> FileSystemOf(const std::string& AName, std::string& APrefix, std::string& APath);
+// Size of the file AName on whatever file system holds it; false when it is no file.
+bool FileSizeOf(const std::string& AName, uint64_t& ASize);
+// The entries of the folder AName on whatever file system holds it.
+std::vector<TFileSystem::TEntry> ListFolder(const std::string& AName);
 
 class TPathResolver {
 public:
@@ -30,6 +63,8 @@ public:
 private:
   // The entry of folder ADir whose name equals AName without regard to case; "" when none.
   const std::string* FindEntry(const std::string& ADir, const std::string& AName);
+  // Resolve for a name on another file system.
+  std::string ResolveOn(TFileSystem& AFs, const std::string& APrefix, const std::string& APath);
   struct TFolder {
     std::unordered_map<std::string, std::string> Entries; // folded name -> name on disk
   };

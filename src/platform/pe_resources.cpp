@@ -237,7 +237,8 @@ bool TPeResources::LoadFile(const std::string& APath, uint64_t AMaxSize) {
   FImage = {};
   FError.clear();
   try {
-    TRawFile file = TRawFile::Open(APath);
+    const std::unique_ptr<TReadStream> stream = OpenReadStream(APath);
+    const TReadStream& file = *stream;
     if (file.Size() > AMaxSize) {
       FError = APath;
       FError += ": file too large for a PE image (";
@@ -247,7 +248,7 @@ bool TPeResources::LoadFile(const std::string& APath, uint64_t AMaxSize) {
     }
     FOwned.resize(static_cast<size_t>(file.Size()));
     FOwned.resize(file.ReadAt(0, FOwned.data(), FOwned.size()));
-  } catch (const ENTException& e) {
+  } catch (const std::exception& e) {
     FError = e.what();
     return false;
   }

@@ -6,16 +6,18 @@
 // "\\.\PhysicalDisk…" from GetDiskFreeSpaceExW).
 #pragma once
 
+#include "platform/read_stream.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 namespace qvx {
 
-class TRawFile {
+class TRawFile : public TReadStream {
 public:
   TRawFile() = default;
-  ~TRawFile();
+  ~TRawFile() override;
   TRawFile(TRawFile&& AOther) noexcept;
   TRawFile& operator=(TRawFile&& AOther) noexcept;
   TRawFile(const TRawFile&) = delete;
@@ -27,16 +29,16 @@ public:
 
   bool IsOpen() const;
   void Close();
-  const std::string& Path() const { return FPath; }
+  const std::string& Path() const override { return FPath; }
   bool IsDevice() const { return FIsDevice; }
 
   // Size in bytes, measured once at open: the file size, or the device length.
   // 0 when the system cannot tell.
-  uint64_t Size() const { return FSize; }
+  uint64_t Size() const override { return FSize; }
 
   // Reads up to ALength bytes at AOffset; returns the bytes read (short only at the end
   // of the data). Raises ENTException on a read error.
-  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const;
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override;
 
 private:
 #ifdef _WIN32

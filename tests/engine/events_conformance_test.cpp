@@ -2,6 +2,7 @@
 // each rendered record once, newest chunk first and last record first, with fields that
 // agree with the record's XML; a deep scan of the sample hidden at an odd offset in a
 // larger image recovers all of them. Skips when the samples are absent.
+#include "platform/raw_file.h"
 #include "engine/event_log_binxml.h"
 
 #include "support/evtx_fixtures.h"

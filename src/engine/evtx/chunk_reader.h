@@ -9,7 +9,7 @@
 #pragma once
 
 #include "engine/evtx/evtx_chunk.h"
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 
 #include <cstdint>
 #include <functional>
@@ -27,7 +27,7 @@ struct TChunkJob {
   // When set, Bytes are read from this file at Position by the rendering thread, outside
   // the reader's lock (a producer only names the chunk); a short read pads with zeros and
   // sets Truncated.
-  const TRawFile* ReadFrom = nullptr;
+  const TReadStream* ReadFrom = nullptr;
   std::vector<uint8_t> Bytes;  // 65536 bytes
   // Carried to the result for a reader on another thread: buffers the carver passed
   // without finding a chunk before this one, and bytes of the source read by then.

@@ -31,9 +31,9 @@ TElfChnunks::TElfChnunks() = default;
 
 TElfChnunks::~TElfChnunks() { Close(); }
 
-void TElfChnunks::Open(const std::string& APath) {
+void TElfChnunks::Open(std::unique_ptr<TReadStream> AStream) {
   Close();
-  FHandle = TRawFile::Open(APath);
+  FHandle = std::move(AStream);
   FActive = true;
   FHaveBlock = false;
   FNextBlockAvailable = true;
@@ -42,7 +42,7 @@ void TElfChnunks::Open(const std::string& APath) {
   FPosition = 0;
   FBlockStart = 0;
   FBytesRead = 0;
-  FSourceSize = FHandle.Size();
+  FSourceSize = FHandle->Size();
   FNumOfBlocks = static_cast<uint32_t>(FSourceSize / (FBlockSize - kOverlap) + 1);
   FCurrentBlock = 0;
 }
@@ -50,7 +50,14 @@ void TElfChnunks::Open(const std::string& APath) {
 bool TElfChnunks::OpenFile(const std::string& AFileName) {
   FSourceType = TElfSourceType::stFile;
   FSourceName = AFileName;
-  Open(AFileName);
+  Open(OpenReadStream(AFileName));
+  return FActive;
+}
+
+bool TElfChnunks::OpenStream(std::unique_ptr<TReadStream> AStream, TElfSourceType AType) {
+  FSourceType = AType;
+  FSourceName = AStream->Path();
+  Open(std::move(AStream));
   return FActive;
 }
 
@@ -58,22 +65,22 @@ bool TElfChnunks::OpenDisk(const std::string& ADiskName) {
   FSourceType = TElfSourceType::stVolume;
   FSourceName = ADiskName;
 #ifdef _WIN32
-  Open("\\\\.\\" + ADiskName);
+  Open(OpenReadStream("\\\\.\\" + ADiskName));
 #else
-  Open(ADiskName.find('/') == std::string::npos ? "/dev/" + ADiskName : ADiskName);
+  Open(OpenReadStream(ADiskName.find('/') == std::string::npos ? "/dev/" + ADiskName : ADiskName));
 #endif
   return FActive;
 }
 
 void TElfChnunks::Close() {
-  FHandle.Close();
+  FHandle.reset();
   FActive = false;
 }
 
 bool TElfChnunks::ReadBlock() {
   size_t got = 0;
   try {
-    got = FHandle.ReadAt(FPosition, FBlock.Data(), FBlockSize);
+    got = FHandle->ReadAt(FPosition, FBlock.Data(), FBlockSize);
   } catch (const std::exception&) {
     FReadBlockSize = FExploreSize = 0;
     FNextBlockAvailable = false;

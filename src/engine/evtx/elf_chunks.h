@@ -7,7 +7,7 @@
 #pragma once
 
 #include "platform/page_buffer.h"
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 
 #include <cstdint>
 #include <memory>
@@ -41,6 +41,8 @@ public:
   // Opens a volume or disk by device name: "\\.\<name>" on Windows; on Linux a bare
   // name is looked up under /dev ("sdb" opens /dev/sdb), a path is used as given.
   bool OpenDisk(const std::string& ADiskName);
+  // Scans an open stream (a partition, the unallocated clusters of a volume).
+  bool OpenStream(std::unique_ptr<TReadStream> AStream, TElfSourceType AType);
   void Close();
 
   TCarvedChunk GetNextChunk();
@@ -57,12 +59,12 @@ public:
   static constexpr uint32_t kOverlap = 65536;
 
 private:
-  void Open(const std::string& APath);
+  void Open(std::unique_ptr<TReadStream> AStream);
   bool ReadBlock();
 
   bool FActive = false;
   std::string FSourceName;
-  TRawFile FHandle;
+  std::unique_ptr<TReadStream> FHandle;
   uint32_t FBlockSize = kBlockSize;
   uint32_t FReadBlockSize = 0;
   uint32_t FExploreSize = 0;

@@ -111,7 +111,7 @@ void TEvtxEvent::SetRootVirtual(TBXmlNodeCommon* ANode) {
 // ---------------------------------------------------------------------------------
 // TEvtxChunk
 
-TEvtxChunk::TEvtxChunk(const TRawFile* AFileHandle, bool AHeaderOnly) : TEvtxClass(AFileHandle) {
+TEvtxChunk::TEvtxChunk(const TReadStream* AFileHandle, bool AHeaderOnly) : TEvtxClass(AFileHandle) {
   FMagic = kChunkMagic;
   Length = AHeaderOnly ? kChunkHeaderSize : kChunkSize;
 }

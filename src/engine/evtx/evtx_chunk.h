@@ -78,7 +78,7 @@ class TEvtxChunk : public TEvtxClass {
 public:
   // A chunk read lazily from AFileHandle at Start (set before first use): 128 bytes
   // when AHeaderOnly, else 65536.
-  TEvtxChunk(const TRawFile* AFileHandle, bool AHeaderOnly);
+  TEvtxChunk(const TReadStream* AFileHandle, bool AHeaderOnly);
   // A chunk built from memory, valid at once without a magic check; the header is
   // parsed and the bytes kept only when AData holds exactly 65536 bytes.
   explicit TEvtxChunk(const std::vector<uint8_t>& AData);

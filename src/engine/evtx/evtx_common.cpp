@@ -1,6 +1,6 @@
 #include "engine/evtx/evtx_common.h"
 
-#include "platform/raw_file.h"
+#include "platform/read_stream.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,7 +8,7 @@
 
 namespace qvx {
 
-TEvtxCommon::TEvtxCommon(const TRawFile* AFileHandle) : FFileHandle(AFileHandle) {
+TEvtxCommon::TEvtxCommon(const TReadStream* AFileHandle) : FFileHandle(AFileHandle) {
   if (AFileHandle) FFileSize = AFileHandle->Size();
 }
 

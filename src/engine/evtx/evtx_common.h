@@ -8,12 +8,12 @@
 
 namespace qvx {
 
-class TRawFile;
+class TReadStream;
 
 class TEvtxCommon {
 public:
   // Records the handle (not owned) and takes the file's size once.
-  explicit TEvtxCommon(const TRawFile* AFileHandle);
+  explicit TEvtxCommon(const TReadStream* AFileHandle);
   virtual ~TEvtxCommon() = default;
   TEvtxCommon(const TEvtxCommon&) = delete;
   TEvtxCommon& operator=(const TEvtxCommon&) = delete;
@@ -24,7 +24,7 @@ public:
 
   uint32_t Length = 0; // bytes to read
   uint32_t Start = 0;  // position of the block in the file
-  const TRawFile* FileHandle() const { return FFileHandle; }
+  const TReadStream* FileHandle() const { return FFileHandle; }
   uint64_t FileSize() const { return FFileSize; }
 
 protected:
@@ -35,7 +35,7 @@ protected:
   virtual bool Parse() = 0;
 
   const char* FMagic = ""; // compared over its own length; empty: no check
-  const TRawFile* FFileHandle = nullptr;
+  const TReadStream* FFileHandle = nullptr;
   uint64_t FFileSize = 0;
   std::vector<uint8_t> FBuffer;
   bool FLoaded = false;

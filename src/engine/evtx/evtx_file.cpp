@@ -9,7 +9,7 @@ namespace qvx {
 
 using namespace evtx;
 
-TEvtxFile::TEvtxFile(const TRawFile* AFileHandle) : TEvtxClass(AFileHandle) {
+TEvtxFile::TEvtxFile(const TReadStream* AFileHandle) : TEvtxClass(AFileHandle) {
   FMagic = kFileMagic;
   Length = kFileHeaderReadSize;
 }

@@ -11,7 +11,7 @@ namespace qvx {
 
 class TEvtxFile : public TEvtxClass {
 public:
-  explicit TEvtxFile(const TRawFile* AFileHandle);
+  explicit TEvtxFile(const TReadStream* AFileHandle);
 
   // Number of chunks when the file is valid, else -1. Builds the chunk list on first
   // use: header-only chunks from offset 4096 on, one every 65536 bytes, for as long as

@@ -1,0 +1,116 @@
+#!/usr/bin/env python3
+"""Times quorvex on disk images against the plain folder and against the images' own tools.
+
+    logs:   quorvex events on every log of an installation, from the folder and from the
+            same files inside an E01 image (IMAGE::PATH); target: image <= 1.5 x folder
+    raw:    quorvex scan RAW   against   cat RAW            target: >= 90% of cat's speed
+    E01:    quorvex scan E01   against   ewfexport -u -f raw -t - E01     target: >= 70%
+
+The image: an NTFS volume of --size MB (mkntfs, filled with libntfs-3g by qvx_ntfs_fill)
+holding logs written by 'quorvex demo' and a file of random bytes over half the volume (so
+that the E01's compression has real work), in an MBR disk (sfdisk), acquired with
+ewfacquire. Every command runs once to warm the page cache, then --runs times; medians
+are compared. Peak RSS of quorvex is printed to show that memory stays flat.
+"""
+import argparse
+import os
+import resource
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parent.parent
+
+
+def run(cmd, out=subprocess.DEVNULL):
+    subprocess.run(cmd, stdout=out, stderr=subprocess.DEVNULL, check=True)
+
+
+def timed(cmd, runs, shell=False):
+    times = []
+    for i in range(runs + 1):
+        start = time.perf_counter()
+        subprocess.run(cmd, shell=shell, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+        if i:  # the first run warms the cache
+            times.append(time.perf_counter() - start)
+    return statistics.median(times)
+
+
+def peak_rss_mb(cmd):
+    before = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+    subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
+    return max(before, resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss) / 1024
+
+
+def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int):
+    quorvex = build_dir / "src/app/quorvex"
+    fill = build_dir / "tests/qvx_ntfs_fill"
+    tree = work / "inst/Windows/System32/winevt/Logs"
+    tree.mkdir(parents=True)
+    for i in range(logs):
+        run([str(quorvex), "demo", "--no-dump", "-o", str(tree / f"Log{i:02d}.evtx"), "-n", str(records)])
+    with open(work / "inst/filler.bin", "wb") as f:
+        f.write(os.urandom(size_mb * 1024 * 1024 // 2))
+    vol = work / "vol.img"
+    with open(vol, "wb") as f:
+        f.truncate(size_mb * 1024 * 1024)
+    run(["mkntfs", "-F", "-q", "-Q", "-p", "2048", str(vol)])
+    run([str(fill), str(vol), str(work / "inst")])
+    raw = work / "disk.raw"
+    with open(raw, "wb") as f:
+        f.truncate((size_mb + 2) * 1024 * 1024)
+    run(["dd", f"if={vol}", f"of={raw}", "bs=1M", "seek=1", "conv=notrunc", "status=none"])
+    subprocess.run(["sfdisk", "-q", str(raw)], input=f"2048,{size_mb * 2048},7\n".encode(), check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    vol.unlink()
+    run(["ewfacquire", "-u", "-t", str(work / "disk"), str(raw)])
+    return quorvex, raw, work / "disk.E01", tree
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--build", default=str(REPO / "build"), help="the build folder (default: build/)")
+    ap.add_argument("--size", type=int, default=1024, help="NTFS volume size in MB (default 1024)")
+    ap.add_argument("--logs", type=int, default=8, help="logs in the installation (default 8)")
+    ap.add_argument("--records", type=int, default=20000, help="records per log (default 20000)")
+    ap.add_argument("--runs", type=int, default=3)
+    args = ap.parse_args()
+    for tool in ("mkntfs", "sfdisk", "ewfacquire", "ewfexport"):
+        if not shutil.which(tool):
+            sys.exit(f"bench_images: {tool} is needed (see scripts/setup.sh)")
+    with tempfile.TemporaryDirectory(prefix="quorvex-bench-images-") as tmp:
+        work = Path(tmp)
+        print(f"building a {args.size} MB image with {args.logs} logs of {args.records} records ...", flush=True)
+        quorvex, raw, e01, tree = build(work, Path(args.build), args.size, args.logs, args.records)
+        names = sorted(p.name for p in tree.iterdir())
+        folder_cmd = " ; ".join(f"{quorvex} events -q -f csv '{tree / n}' > /dev/null" for n in names)
+        image_cmd = " ; ".join(
+            f"{quorvex} events -q -f csv '{e01}::/Windows/System32/winevt/Logs/{n}' > /dev/null" for n in names)
+        t_folder = timed(folder_cmd, args.runs, shell=True)
+        t_image = timed(image_cmd, args.runs, shell=True)
+        t_cat = timed(f"cat '{raw}' > /dev/null", args.runs, shell=True)
+        t_scan_raw = timed([str(quorvex), "scan", "-q", "-f", "csv", "--no-progress", str(raw)], args.runs)
+        t_ewf = timed(f"ewfexport -q -u -f raw -t - '{e01}' > /dev/null", args.runs, shell=True)
+        t_scan_e01 = timed([str(quorvex), "scan", "-q", "-f", "csv", "--no-progress", str(e01)], args.runs)
+        rss = peak_rss_mb([str(quorvex), "scan", "-q", "-f", "csv", "--no-progress", str(e01)])
+        mb = raw.stat().st_size / 1e6
+        rows = [
+            ("logs: folder", t_folder, None), ("logs: inside E01", t_image, None),
+            ("cat raw", t_cat, mb), ("scan raw", t_scan_raw, mb),
+            ("ewfexport E01", t_ewf, mb), ("scan E01", t_scan_e01, mb),
+        ]
+        for name, t, size in rows:
+            print(f"  {name:18s} {t:8.3f} s" + (f"  {size / t:8.1f} MB/s" if size else ""))
+        r1, r2, r3 = t_image / t_folder, t_cat / t_scan_raw, t_ewf / t_scan_e01
+        print(f"logs from E01 / from folder = {r1:.2f}x (target <= 1.5)  {'ok' if r1 <= 1.5 else 'MISSED'}")
+        print(f"scan raw speed / cat        = {r2 * 100:.0f}% (target >= 90%)  {'ok' if r2 >= 0.9 else 'MISSED'}")
+        print(f"scan E01 speed / ewfexport  = {r3 * 100:.0f}% (target >= 70%)  {'ok' if r3 >= 0.7 else 'MISSED'}")
+        print(f"scan E01 peak RSS           = {rss:.0f} MB")
+
+
+if __name__ == "__main__":
+    main()

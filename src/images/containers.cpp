@@ -1,0 +1,327 @@
+#include "images/containers.h"
+
+#include "images/image_error.h"
+#include "platform/raw_file.h"
+
+#include <libewf.h>
+#include <libqcow.h>
+#include <libsmraw.h>
+#include <libvhdi.h>
+#include <libvmdk.h>
+
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+
+namespace qvx {
+
+const char* ContainerName(TContainerFormat AFormat) {
+  switch (AFormat) {
+  case TContainerFormat::cfRaw: return "raw";
+  case TContainerFormat::cfSplitRaw: return "split raw";
+  case TContainerFormat::cfEwf: return "EWF (E01)";
+  case TContainerFormat::cfVhd: return "VHD";
+  case TContainerFormat::cfVhdx: return "VHDX";
+  case TContainerFormat::cfVmdk: return "VMDK";
+  case TContainerFormat::cfQcow: return "QCOW";
+  }
+  return "?";
+}
+
+TContainerFormat DetectContainer(const std::string& APath) {
+  const TRawFile file = TRawFile::Open(APath);
+  uint8_t head[32] = {};
+  const size_t got = file.ReadAt(0, head, sizeof head);
+  auto starts = [&](const char* AMagic, size_t ALength) { return got >= ALength && std::memcmp(head, AMagic, ALength) == 0; };
+  if (starts("EVF\x09\x0D\x0A\xFF\x00", 8) || starts("EVF2\x0D\x0A\x81\x00", 8)) return TContainerFormat::cfEwf;
+  if (starts("vhdxfile", 8)) return TContainerFormat::cfVhdx;
+  if (starts("conectix", 8)) return TContainerFormat::cfVhd; // dynamic and differencing VHD
+  if (starts("KDMV", 4) || starts("COWD", 4) || starts("# Disk DescriptorFile", 21)) return TContainerFormat::cfVmdk;
+  if (starts("QFI\xFB", 4)) return TContainerFormat::cfQcow;
+  // A fixed VHD is raw data with its footer in the last 512 bytes.
+  if (file.Size() >= 512 && !file.IsDevice()) {
+    uint8_t footer[8] = {};
+    if (file.ReadAt(file.Size() - 512, footer, 8) == 8 && std::memcmp(footer, "conectix", 8) == 0)
+      return TContainerFormat::cfVhd;
+  }
+  // image.001 with image.002 beside it: a raw image cut into pieces.
+  if (APath.size() > 4 && APath.ends_with(".001")) {
+    std::error_code error;
+    if (std::filesystem::exists(APath.substr(0, APath.size() - 3) + "002", error)) return TContainerFormat::cfSplitRaw;
+  }
+  return TContainerFormat::cfRaw;
+}
+
+namespace {
+
+// A raw image: the file itself, read without a library.
+class TRawContainer : public TContainer {
+public:
+  explicit TRawContainer(const std::string& APath) : TContainer(APath, TContainerFormat::cfRaw), FFile(TRawFile::Open(APath)) {
+    FMediaSize = FFile.Size();
+  }
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override { return FFile.ReadAt(AOffset, ABuffer, ALength); }
+
+private:
+  TRawFile FFile;
+};
+
+// --- EWF (libewf) -------------------------------------------------------------------
+
+class TEwfImage : public TContainer {
+public:
+  explicit TEwfImage(const std::string& APath) : TContainer(APath, TContainerFormat::cfEwf) {
+    libewf_error_t* error = nullptr;
+    char** names = nullptr;
+    int count = 0;
+    if (libewf_glob(APath.c_str(), APath.size(), LIBEWF_FORMAT_UNKNOWN, &names, &count, &error) != 1)
+      Fail(error, kNoOffset, "cannot find the segment files");
+    struct TNames {
+      char** Names;
+      int Count;
+      ~TNames() {
+        libewf_error_t* e = nullptr;
+        libewf_glob_free(Names, Count, &e);
+        libewf_error_free(&e);
+      }
+    } globbed{names, count};
+    FSegments = count > 1 ? count : 0;
+    if (libewf_handle_initialize(&FHandle, &error) != 1) Fail(error, kNoOffset, "cannot set up the EWF reader");
+    if (libewf_handle_open(FHandle, names, count, LIBEWF_OPEN_READ, &error) != 1)
+      Fail(error, kNoOffset, "not a readable EWF image");
+    size64_t size = 0;
+    if (libewf_handle_get_media_size(FHandle, &size, &error) != 1) Fail(error, kNoOffset, "no media size");
+    FMediaSize = size;
+    uint8_t md5[64] = {};
+    if (libewf_handle_get_utf8_hash_value_md5(FHandle, md5, sizeof md5, &error) == 1)
+      FStoredHash = "MD5 " + std::string(reinterpret_cast<const char*>(md5));
+    libewf_error_free(&error);
+  }
+  ~TEwfImage() override {
+    libewf_error_t* error = nullptr;
+    if (FHandle) {
+      libewf_handle_close(FHandle, &error);
+      libewf_handle_free(&FHandle, &error);
+    }
+    libewf_error_free(&error);
+  }
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset >= FMediaSize) return 0;
+    std::lock_guard<std::mutex> lock(FLock);
+    libewf_error_t* error = nullptr;
+    const ssize_t got = libewf_handle_read_random(FHandle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    if (got < 0) Fail(error, AOffset, "cannot read the media data");
+    return static_cast<size_t>(got);
+  }
+
+private:
+  [[noreturn]] void Fail(libewf_error_t*& AError, uint64_t AOffset, const char* AProblem) const {
+    RaiseLibyal(AError, libewf_error_backtrace_sprint, libewf_error_free, FPath, AOffset, AProblem);
+  }
+  libewf_handle_t* FHandle = nullptr;
+  mutable std::mutex FLock;
+};
+
+// --- VHD and VHDX (libvhdi) ---------------------------------------------------------
+
+class TVhdiImage : public TContainer {
+public:
+  TVhdiImage(const std::string& APath, int ADepth) : TContainer(APath, TContainerFormat::cfVhd) {
+    libvhdi_error_t* error = nullptr;
+    if (libvhdi_file_initialize(&FFile, &error) != 1) Fail(error, "cannot set up the VHD reader");
+    if (libvhdi_file_open(FFile, APath.c_str(), LIBVHDI_OPEN_READ, &error) != 1) Fail(error, "not a readable VHD or VHDX image");
+    int type = 0;
+    if (libvhdi_file_get_file_type(FFile, &type, &error) == 1 && type == LIBVHDI_FILE_TYPE_VHDX) FFormat = TContainerFormat::cfVhdx;
+    libvhdi_error_free(&error);
+    uint32_t disk = 0;
+    if (libvhdi_file_get_disk_type(FFile, &disk, &error) == 1 && disk == LIBVHDI_DISK_TYPE_DIFFERENTIAL) OpenParent(ADepth);
+    libvhdi_error_free(&error);
+    size64_t size = 0;
+    if (libvhdi_file_get_media_size(FFile, &size, &error) != 1) Fail(error, "no media size");
+    FMediaSize = size;
+  }
+  ~TVhdiImage() override {
+    libvhdi_error_t* error = nullptr;
+    if (FFile) {
+      libvhdi_file_close(FFile, &error);
+      libvhdi_file_free(&FFile, &error);
+    }
+    libvhdi_error_free(&error);
+  }
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset >= FMediaSize) return 0;
+    std::lock_guard<std::mutex> lock(FLock);
+    libvhdi_error_t* error = nullptr;
+    const ssize_t got = libvhdi_file_read_buffer_at_offset(FFile, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    if (got < 0) RaiseLibyal(error, libvhdi_error_backtrace_sprint, libvhdi_error_free, FPath, AOffset, "cannot read the media data");
+    return static_cast<size_t>(got);
+  }
+
+private:
+  // A differencing disk reads unchanged blocks from its parent, found beside it by the
+  // name the child records.
+  void OpenParent(int ADepth) {
+    libvhdi_error_t* error = nullptr;
+    uint8_t name[1024] = {};
+    if (libvhdi_file_get_utf8_parent_filename(FFile, name, sizeof name, &error) != 1)
+      Fail(error, "differencing disk without a parent name");
+    std::string parent(reinterpret_cast<const char*>(name));
+    const size_t slash = parent.find_last_of("/\\");
+    if (slash != std::string::npos) parent.erase(0, slash + 1);
+    const std::filesystem::path beside = std::filesystem::path(FPath).parent_path() / parent;
+    std::error_code exists;
+    if (ADepth > 16) RaiseImageError(FPath, kNoOffset, "differencing disks nested too deep");
+    if (!std::filesystem::exists(beside, exists))
+      RaiseImageError(FPath, kNoOffset, "differencing disk whose parent " + parent + " is missing (looked beside it)");
+    FParent = std::make_unique<TVhdiImage>(beside.string(), ADepth + 1);
+    if (libvhdi_file_set_parent_file(FFile, FParent->FFile, &error) != 1) Fail(error, "cannot use the parent disk " + parent);
+  }
+  [[noreturn]] void Fail(libvhdi_error_t*& AError, const std::string& AProblem) const {
+    RaiseLibyal(AError, libvhdi_error_backtrace_sprint, libvhdi_error_free, FPath, kNoOffset, AProblem);
+  }
+  libvhdi_file_t* FFile = nullptr;
+  std::unique_ptr<TVhdiImage> FParent;
+  mutable std::mutex FLock;
+};
+
+// --- VMDK (libvmdk) -----------------------------------------------------------------
+
+class TVmdkImage : public TContainer {
+public:
+  explicit TVmdkImage(const std::string& APath) : TContainer(APath, TContainerFormat::cfVmdk) {
+    libvmdk_error_t* error = nullptr;
+    if (libvmdk_handle_initialize(&FHandle, &error) != 1) Fail(error, "cannot set up the VMDK reader");
+    if (libvmdk_handle_open(FHandle, APath.c_str(), LIBVMDK_OPEN_READ, &error) != 1) Fail(error, "not a readable VMDK image");
+    if (libvmdk_handle_open_extent_data_files(FHandle, &error) != 1) Fail(error, "cannot open the extent files");
+    size64_t size = 0;
+    if (libvmdk_handle_get_media_size(FHandle, &size, &error) != 1) Fail(error, "no media size");
+    FMediaSize = size;
+  }
+  ~TVmdkImage() override {
+    libvmdk_error_t* error = nullptr;
+    if (FHandle) {
+      libvmdk_handle_close(FHandle, &error);
+      libvmdk_handle_free(&FHandle, &error);
+    }
+    libvmdk_error_free(&error);
+  }
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset >= FMediaSize) return 0;
+    std::lock_guard<std::mutex> lock(FLock);
+    libvmdk_error_t* error = nullptr;
+    const ssize_t got = libvmdk_handle_read_buffer_at_offset(FHandle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    if (got < 0) RaiseLibyal(error, libvmdk_error_backtrace_sprint, libvmdk_error_free, FPath, AOffset, "cannot read the media data");
+    return static_cast<size_t>(got);
+  }
+
+private:
+  [[noreturn]] void Fail(libvmdk_error_t*& AError, const char* AProblem) const {
+    RaiseLibyal(AError, libvmdk_error_backtrace_sprint, libvmdk_error_free, FPath, kNoOffset, AProblem);
+  }
+  libvmdk_handle_t* FHandle = nullptr;
+  mutable std::mutex FLock;
+};
+
+// --- QCOW (libqcow) -----------------------------------------------------------------
+
+class TQcowImage : public TContainer {
+public:
+  explicit TQcowImage(const std::string& APath) : TContainer(APath, TContainerFormat::cfQcow) {
+    libqcow_error_t* error = nullptr;
+    if (libqcow_file_initialize(&FFile, &error) != 1) Fail(error, "cannot set up the QCOW reader");
+    if (libqcow_file_open(FFile, APath.c_str(), LIBQCOW_OPEN_READ, &error) != 1) Fail(error, "not a readable QCOW image");
+    size64_t size = 0;
+    if (libqcow_file_get_media_size(FFile, &size, &error) != 1) Fail(error, "no media size");
+    FMediaSize = size;
+  }
+  ~TQcowImage() override {
+    libqcow_error_t* error = nullptr;
+    if (FFile) {
+      libqcow_file_close(FFile, &error);
+      libqcow_file_free(&FFile, &error);
+    }
+    libqcow_error_free(&error);
+  }
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset >= FMediaSize) return 0;
+    std::lock_guard<std::mutex> lock(FLock);
+    libqcow_error_t* error = nullptr;
+    const ssize_t got = libqcow_file_read_buffer_at_offset(FFile, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    if (got < 0) RaiseLibyal(error, libqcow_error_backtrace_sprint, libqcow_error_free, FPath, AOffset, "cannot read the media data");
+    return static_cast<size_t>(got);
+  }
+
+private:
+  [[noreturn]] void Fail(libqcow_error_t*& AError, const char* AProblem) const {
+    RaiseLibyal(AError, libqcow_error_backtrace_sprint, libqcow_error_free, FPath, kNoOffset, AProblem);
+  }
+  libqcow_file_t* FFile = nullptr;
+  mutable std::mutex FLock;
+};
+
+// --- split raw (libsmraw) -----------------------------------------------------------
+
+class TSmrawImage : public TContainer {
+public:
+  explicit TSmrawImage(const std::string& APath) : TContainer(APath, TContainerFormat::cfSplitRaw) {
+    libsmraw_error_t* error = nullptr;
+    char** names = nullptr;
+    int count = 0;
+    if (libsmraw_glob(APath.c_str(), APath.size(), &names, &count, &error) != 1) Fail(error, "cannot find the pieces");
+    struct TNames {
+      char** Names;
+      int Count;
+      ~TNames() {
+        libsmraw_error_t* e = nullptr;
+        libsmraw_glob_free(Names, Count, &e);
+        libsmraw_error_free(&e);
+      }
+    } globbed{names, count};
+    FSegments = count > 1 ? count : 0;
+    if (libsmraw_handle_initialize(&FHandle, &error) != 1) Fail(error, "cannot set up the split raw reader");
+    if (libsmraw_handle_open(FHandle, names, count, LIBSMRAW_OPEN_READ, &error) != 1) Fail(error, "cannot open the pieces");
+    size64_t size = 0;
+    if (libsmraw_handle_get_media_size(FHandle, &size, &error) != 1) Fail(error, "no media size");
+    FMediaSize = size;
+  }
+  ~TSmrawImage() override {
+    libsmraw_error_t* error = nullptr;
+    if (FHandle) {
+      libsmraw_handle_close(FHandle, &error);
+      libsmraw_handle_free(&FHandle, &error);
+    }
+    libsmraw_error_free(&error);
+  }
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset >= FMediaSize) return 0;
+    std::lock_guard<std::mutex> lock(FLock);
+    libsmraw_error_t* error = nullptr;
+    const ssize_t got = libsmraw_handle_read_buffer_at_offset(FHandle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    if (got < 0) RaiseLibyal(error, libsmraw_error_backtrace_sprint, libsmraw_error_free, FPath, AOffset, "cannot read the media data");
+    return static_cast<size_t>(got);
+  }
+
+private:
+  [[noreturn]] void Fail(libsmraw_error_t*& AError, const char* AProblem) const {
+    RaiseLibyal(AError, libsmraw_error_backtrace_sprint, libsmraw_error_free, FPath, kNoOffset, AProblem);
+  }
+  libsmraw_handle_t* FHandle = nullptr;
+  mutable std::mutex FLock;
+};
+
+} // namespace
+
+std::unique_ptr<TContainer> TContainer::Open(const std::string& APath, TContainerFormat AFormat) {
+  switch (AFormat) {
+  case TContainerFormat::cfRaw: return std::make_unique<TRawContainer>(APath);
+  case TContainerFormat::cfSplitRaw: return std::make_unique<TSmrawImage>(APath);
+  case TContainerFormat::cfEwf: return std::make_unique<TEwfImage>(APath);
+  case TContainerFormat::cfVhd:
+  case TContainerFormat::cfVhdx: return std::make_unique<TVhdiImage>(APath, 0);
+  case TContainerFormat::cfVmdk: return std::make_unique<TVmdkImage>(APath);
+  case TContainerFormat::cfQcow: return std::make_unique<TQcowImage>(APath);
+  }
+  return nullptr;
+}
+
+} // namespace qvx

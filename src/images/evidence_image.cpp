@@ -1,0 +1,179 @@
+#include "images/evidence_image.h"
+
+#include "images/image_error.h"
+#include "platform/file_names.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace qvx {
+
+namespace {
+
+std::string Hex(uint64_t AValue) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llX", static_cast<unsigned long long>(AValue));
+  return text;
+}
+
+bool IsFileOrDevice(const std::string& APath) {
+  struct stat st;
+  return ::stat(APath.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISBLK(st.st_mode));
+}
+
+// An image path as it exists: the imaged computer lower-cases the message file names it
+// maps, image path included, and a case-sensitive file system then needs the real case.
+bool FindImageFile(std::string& APath) {
+  if (IsFileOrDevice(APath)) return true;
+  static std::mutex lock;
+  static TPathResolver paths;
+  std::lock_guard<std::mutex> guard(lock);
+  const std::string found = paths.ResolveFile(APath);
+  if (found.empty() || !IsFileOrDevice(found)) return false;
+  APath = found;
+  return true;
+}
+
+} // namespace
+
+bool TEvidenceImage::IsContainerFile(const std::string& APath) {
+  try {
+    return IsFileOrDevice(APath) && DetectContainer(APath) != TContainerFormat::cfRaw;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool TEvidenceImage::SplitName(const std::string& AName, std::string& AImage, std::string& AVolume, std::string& APath) {
+  const size_t sep = AName.find("::");
+  if (sep == std::string::npos || sep == 0) return false;
+  APath = AName.substr(sep + 2);
+  if (APath.starts_with("$")) return false; // an NTFS stream name, not a path inside an image
+  AImage = AName.substr(0, sep);
+  AVolume.clear();
+  if (!FindImageFile(AImage)) {
+    const size_t at = AImage.rfind('@');
+    if (at == std::string::npos) return false;
+    AVolume = AImage.substr(at + 1);
+    AImage.resize(at);
+    if (!FindImageFile(AImage)) return false;
+  }
+  if (APath.empty()) APath.assign(1, '/');
+  return true;
+}
+
+std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath) {
+  static std::mutex cacheLock;
+  static std::map<std::string, std::shared_ptr<TEvidenceImage>> cache;
+  std::lock_guard<std::mutex> guard(cacheLock);
+  if (auto it = cache.find(APath); it != cache.end()) return it->second;
+
+  std::shared_ptr<TEvidenceImage> image(new TEvidenceImage());
+  image->FPath = APath;
+  image->FContainer = TContainer::Open(APath, DetectContainer(APath));
+  const TReadStream& media = *image->FContainer;
+  image->FTable.Read(media);
+  uint32_t number = 0;
+  if (image->FTable.Scheme() == TPartitionScheme::psNone) {
+    const std::string fs = DetectFileSystem(media, 0);
+    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs});
+  } else {
+    for (const TPartition& p : image->FTable.Partitions()) {
+      TImageVolume v;
+      v.Number = ++number;
+      v.Offset = p.Offset;
+      v.Length = p.Length;
+      v.Partition = std::string(TPartitionTable::SchemeName(image->FTable.Scheme())) + " " + std::to_string(p.Number);
+      v.Type = TPartitionTable::TypeName(p);
+      v.FileSystem = DetectFileSystem(media, p.Offset);
+      image->FVolumes.push_back(std::move(v));
+    }
+  }
+  cache.emplace(APath, image);
+  return image;
+}
+
+const TImageVolume& TEvidenceImage::Volume(const std::string& ASpec) {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  if (ASpec.starts_with("+")) {
+    char* end = nullptr;
+    const unsigned long long offset = std::strtoull(ASpec.c_str() + 1, &end, 10);
+    if (!end || *end || ASpec.size() < 2) RaiseImageError(FPath, kNoOffset, "volume offset " + ASpec.substr(1) + " is not a number");
+    if (offset >= FContainer->Size()) RaiseImageError(FPath, offset, "volume offset past the end of the media");
+    for (const TImageVolume& v : FExtraVolumes)
+      if (v.Offset == offset) return v;
+    TImageVolume v;
+    v.Number = 0;
+    v.Offset = offset;
+    v.Length = FContainer->Size() - offset;
+    v.Partition = "offset";
+    v.FileSystem = DetectFileSystem(*FContainer, offset);
+    FExtraVolumes.push_back(v);
+    return FExtraVolumes.back();
+  }
+  if (!ASpec.empty()) {
+    char* end = nullptr;
+    const unsigned long n = std::strtoul(ASpec.c_str(), &end, 10);
+    if (!end || *end || n == 0 || n > FVolumes.size())
+      RaiseImageError(FPath, kNoOffset, "no volume " + ASpec + " (the image has " + std::to_string(FVolumes.size()) + ")");
+    return FVolumes[n - 1];
+  }
+  if (FVolumes.empty()) {
+    if (FTable.Scheme() == TPartitionScheme::psNone)
+      RaiseImageError(FPath, 0, "no partition table and no file system");
+    RaiseImageError(FPath, kNoOffset, std::string("the ") + TPartitionTable::SchemeName(FTable.Scheme()) + " partition table lists no partition");
+  }
+  const std::vector<uint32_t> installs = Installations();
+  if (installs.size() == 1) return FVolumes[installs[0] - 1];
+  std::vector<uint32_t> ntfs;
+  for (const TImageVolume& v : FVolumes)
+    if (v.FileSystem == "NTFS") ntfs.push_back(v.Number);
+  if (installs.empty() && ntfs.size() == 1) return FVolumes[ntfs[0] - 1];
+  if (installs.size() > 1)
+    RaiseImageError(FPath, kNoOffset, std::to_string(installs.size()) + " Windows installations; choose one with " + FPath + "@VOLUME");
+  if (ntfs.empty()) RaiseImageError(FPath, kNoOffset, "no NTFS volume");
+  RaiseImageError(FPath, kNoOffset, std::to_string(ntfs.size()) + " NTFS volumes; choose one with " + FPath + "@VOLUME");
+}
+
+std::string TEvidenceImage::VolumeName(const TImageVolume& AVolume) const {
+  if (AVolume.Number == 0) return FPath + " volume at " + Hex(AVolume.Offset);
+  return FPath + " volume " + std::to_string(AVolume.Number);
+}
+
+std::shared_ptr<const TReadStream> TEvidenceImage::VolumeStream(const TImageVolume& AVolume) {
+  if (AVolume.Offset == 0 && AVolume.Length == FContainer->Size()) return FContainer;
+  return std::make_shared<TSubStream>(FContainer, AVolume.Offset, AVolume.Length, VolumeName(AVolume));
+}
+
+std::shared_ptr<TNtfsVolume> TEvidenceImage::Ntfs(const TImageVolume& AVolume) {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  if (auto it = FNtfs.find(AVolume.Offset); it != FNtfs.end()) return it->second;
+  if (AVolume.FileSystem == "BitLocker")
+    RaiseImageError(VolumeName(AVolume), kNoOffset, "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
+  if (AVolume.FileSystem != "NTFS")
+    RaiseImageError(VolumeName(AVolume), AVolume.Offset,
+                    AVolume.FileSystem.empty() ? "no NTFS file system" : AVolume.FileSystem + " volume, not NTFS");
+  std::shared_ptr<TNtfsVolume> volume = TNtfsVolume::Open(VolumeStream(AVolume), VolumeName(AVolume));
+  FNtfs.emplace(AVolume.Offset, volume);
+  return volume;
+}
+
+std::vector<uint32_t> TEvidenceImage::Installations() {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  if (FInstallations) return *FInstallations;
+  std::vector<uint32_t> found;
+  for (const TImageVolume& v : FVolumes) {
+    if (v.FileSystem != "NTFS") continue;
+    try {
+      TNtfsEntry entry;
+      if (Ntfs(v)->Find("/Windows/System32/config/SOFTWARE", entry) && !entry.Folder) found.push_back(v.Number);
+    } catch (const EImageError&) {
+      // a damaged volume holds no installation we can read; listing says why
+    }
+  }
+  FInstallations = found;
+  return found;
+}
+
+} // namespace qvx

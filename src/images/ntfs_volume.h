@@ -1,0 +1,69 @@
+// TNtfsVolume: an NTFS volume read through libfsntfs from a stream (a partition of an
+// image), and its files as streams read where they lie.
+//
+// All calls into libfsntfs for one volume take the volume's lock; file streams share
+// the volume and keep it open.
+#pragma once
+
+#include "platform/read_stream.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+
+namespace qvx {
+
+class TBfioHandle;
+
+struct TNtfsEntry {
+  std::string Name;
+  bool Folder = false;
+  uint64_t Size = 0;
+};
+
+class TNtfsVolume : public std::enable_shared_from_this<TNtfsVolume> {
+public:
+  // Opens the volume in AStream; AName names it in messages ("disk.E01 volume 2").
+  // Raises EImageError for a BitLocker volume (naming libbde) and for a volume whose
+  // boot sector or MFT libfsntfs cannot read.
+  static std::shared_ptr<TNtfsVolume> Open(std::shared_ptr<const TReadStream> AStream, const std::string& AName);
+  ~TNtfsVolume();
+  TNtfsVolume(const TNtfsVolume&) = delete;
+  TNtfsVolume& operator=(const TNtfsVolume&) = delete;
+
+  const std::string& Name() const { return FName; }
+  const std::shared_ptr<const TReadStream>& Stream() const { return FStream; }
+  uint32_t ClusterSize() const { return FClusterSize; }
+  std::string Label();
+  bool HasShadowCopies();
+
+  // The entry at APath ("/" or "\" separators; each part first as written, then
+  // without regard to case). False when there is none.
+  bool Find(const std::string& APath, TNtfsEntry& AEntry);
+  // The entries of the folder APath (not "." or ".."); empty when it is no folder.
+  std::vector<TNtfsEntry> List(const std::string& APath);
+  // The file's default data stream. Raises EImageError naming the path when there is
+  // no such file.
+  std::unique_ptr<TReadStream> OpenFile(const std::string& APath);
+  // The unallocated clusters of the volume (from $Bitmap), as (offset, length) in bytes
+  // from the volume's start. Raises EImageError when $Bitmap cannot be read.
+  std::vector<std::pair<uint64_t, uint64_t>> UnallocatedRanges();
+
+private:
+  class TFile;
+  TNtfsVolume() = default;
+  // The file entry of APath with the case of each part resolved, or null.
+  void* Entry(const std::string& APath);
+
+  std::string FName;
+  std::shared_ptr<const TReadStream> FStream;
+  std::unique_ptr<TBfioHandle> FBfio;
+  void* FVolume = nullptr; // libfsntfs_volume_t
+  uint32_t FClusterSize = 0;
+  std::recursive_mutex FLock;
+};
+
+} // namespace qvx
