@@ -23,6 +23,10 @@ PACKAGES=(
   # Disk images (src/images): the libyal readers of E01, VHD/VHDX, VMDK, QCOW2, split raw,
   # NTFS and shadow copies, chosen over hand-written readers of those formats
   libewf-dev libvhdi-dev libvmdk-dev libqcow-dev libsmraw-dev libfsntfs-dev libvshadow-dev libbfio-dev
+  # quorvex serve: the web server, and Node.js (with its npm) to build the page; Debian's
+  # separate npm package conflicts with nodejs's own and is never installed. Chromium runs
+  # the browser tests headless.
+  libcpp-httplib-dev nodejs chromium
   # scripts, and the peer readers used by the differential test and the benchmark
   python3 libevtx-utils python3-evtx libevt-utils
   # disk image fixtures built at test time: mkntfs and libntfs-3g fill an NTFS volume,

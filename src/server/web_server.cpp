@@ -140,6 +140,10 @@ void TWebServer::Stop() {
 void TWebServer::Route() {
   httplib::Server& server = *FServer;
   server.set_payload_max_length(kMaxBody);
+  // A connection holds its thread while it is kept alive: a browser keeps six, and each
+  // script client one, so the pool is sized for a few dozen; requests on the store are
+  // answered one at a time anyway.
+  server.new_task_queue = [] { return new httplib::ThreadPool(48); };
   server.set_default_headers({
       {"Content-Security-Policy", "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
                                   "connect-src 'self'; object-src 'none'; frame-ancestors 'none'; base-uri 'none'"},

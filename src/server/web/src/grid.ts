@@ -17,6 +17,7 @@ export class Grid {
   onSelect: (row: Row | null) => void = () => {};
   onCount: (count: number) => void = () => {};
   onBusy: (busy: boolean) => void = () => {};
+  onBookmarks: (count: number) => void = () => {};
 
   private columns: Column[] = [];
   private layout: ColumnLayout[] = [];
@@ -190,7 +191,7 @@ export class Grid {
         this.paintHead();
         this.paint(true);
       });
-      label.append(box, ' ', this.columns.find((c) => c.name === layout.name)?.title ?? layout.name);
+      label.append(box, ` Show ${this.columns.find((c) => c.name === layout.name)?.title ?? layout.name}`);
       return label;
     }));
   }
@@ -243,6 +244,7 @@ export class Grid {
     if (!row) return undefined;
     const result = await api.bookmark(row.id, !row.bookmarked);
     row.bookmarked = !row.bookmarked;
+    this.onBookmarks(result.bookmarks);
     if (view.query.bookmarked) await this.reload(true);
     else this.paint();
     return result.bookmarks;

@@ -61,15 +61,10 @@ async function start(): Promise<void> {
     link.download = '';
     link.click();
   });
-  byId('grid').addEventListener('keydown', async (e) => {
-    if (e.key === ' ') {
-      const count = await grid.toggleBookmark();
-      if (count !== undefined) {
-        bookmarks = count;
-        showStatus(false);
-      }
-    }
-  });
+  grid.onBookmarks = (count) => {
+    bookmarks = count;
+    showStatus(false);
+  };
   await grid.reload();
   byId('grid').focus();
 }

@@ -1,0 +1,208 @@
+// The web server's JSON API through httplib's client on a loopback port: every call, the
+// token, the Host check, bad bodies, filter values that hold SQL, and many clients at once.
+#include "app/commands.h"
+#include "app/demo_log.h"
+#include "server/web_server.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+namespace qvx::test {
+namespace {
+
+using nlohmann::json;
+
+class WebServer : public ::testing::Test {
+protected:
+  static void SetUpTestSuite() {
+    FFolder = std::filesystem::temp_directory_path() / ("qvx-web-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(FFolder);
+    const std::string log = (FFolder / "demo.evtx").string();
+    WriteDemoLog(log);
+    app::TStoreOptions options;
+    options.Logs = {log};
+    options.Store = (FFolder / "demo.db").string();
+    options.Quiet = true;
+    options.TimeZone = "UTC";
+    ASSERT_EQ(app::RunOpen(options, stderr), 0);
+    FSession = new server::TStoreSession(options.Store, 0);
+    FServer = new server::TWebServer(*FSession, {});
+    FServer->Start();
+  }
+  static void TearDownTestSuite() {
+    delete FServer;
+    delete FSession;
+    std::filesystem::remove_all(FFolder);
+  }
+
+  static httplib::Client Client(bool AToken = true) {
+    httplib::Client client("127.0.0.1", FServer->Port());
+    if (AToken) client.set_bearer_token_auth(FServer->Token().c_str());
+    return client;
+  }
+  static json Post(const std::string& APath, const json& ABody, int AStatus = 200) {
+    auto result = Client().Post(APath.c_str(), ABody.dump(), "application/json");
+    EXPECT_TRUE(result) << APath;
+    if (!result) return {};
+    EXPECT_EQ(result->status, AStatus) << APath << ": " << result->body;
+    return json::parse(result->body);
+  }
+  static json Get(const std::string& APath, int AStatus = 200) {
+    auto result = Client().Get(APath.c_str());
+    EXPECT_TRUE(result) << APath;
+    if (!result) return {};
+    EXPECT_EQ(result->status, AStatus) << APath << ": " << result->body;
+    return json::parse(result->body);
+  }
+
+  // Sends ARequest on a socket of its own and gives all that comes back.
+  static std::string Raw(const std::string& ARequest) {
+    const int sock = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(FServer->Port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    std::string answer;
+    if (::connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::send(sock, ARequest.data(), ARequest.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(ARequest.size())) {
+      char buffer[4096];
+      ssize_t got;
+      while ((got = ::recv(sock, buffer, sizeof buffer, 0)) > 0) answer.append(buffer, static_cast<size_t>(got));
+    }
+    ::close(sock);
+    return answer;
+  }
+
+  static inline std::filesystem::path FFolder;
+  static inline server::TStoreSession* FSession = nullptr;
+  static inline server::TWebServer* FServer = nullptr;
+};
+
+TEST_F(WebServer, EveryCallAnswers) {
+  const json info = Get("/api/info");
+  EXPECT_EQ(info["total"], 300);
+  EXPECT_EQ(info["columns"][2]["name"], "EventID");
+  ASSERT_EQ(info["logs"].size(), 1u);
+
+  const json page = Post("/api/rows", {{"filter", {{"ids", "4624"}}}, {"sort", "RecordNumber"}, {"offset", 2}, {"count", 3}});
+  EXPECT_EQ(page["count"], 84);
+  ASSERT_EQ(page["rows"].size(), 3u);
+  EXPECT_LT(page["rows"][0]["record"].get<int>(), page["rows"][1]["record"].get<int>());
+  for (const json& row : page["rows"]) EXPECT_EQ(row["eventId"], 4624);
+
+  const int64_t id = page["rows"][1]["id"];
+  EXPECT_EQ(Post("/api/position", {{"filter", {{"ids", "4624"}}}, {"sort", "RecordNumber"}, {"id", id}})["index"], 3);
+  const json event = Get("/api/event/" + std::to_string(id));
+  EXPECT_NE(event["xml"].get<std::string>().find("<EventID>4624</EventID>"), std::string::npos);
+  EXPECT_FALSE(event["data"].empty());
+  EXPECT_EQ(event["data"][0]["name"], "SubjectUserSid");
+
+  const json sources = Get("/api/distinct?column=Source");
+  EXPECT_EQ(sources[0]["value"], "Microsoft-Windows-Security-Auditing");
+  const json stats = Post("/api/stats", json::object());
+  EXPECT_EQ(stats["total"], 300);
+  EXPECT_FALSE(stats["overTime"].empty());
+
+  EXPECT_EQ(Post("/api/bookmark", {{"id", id}, {"on", true}})["bookmarks"], 1);
+  EXPECT_EQ(Post("/api/rows", {{"bookmarked", true}})["count"], 1);
+  EXPECT_EQ(Post("/api/bookmark", {{"id", id}, {"on", false}})["bookmarks"], 0);
+
+  const json xml = Post("/api/filter/xml", {{"filter", {{"ids", "4624"}, {"sources", {{"values", {"a'b"}}}}}}});
+  EXPECT_NE(xml["xml"].get<std::string>().find("QVEX_Filter"), std::string::npos);
+  const json back = Post("/api/filter/parse", {{"xml", xml["xml"]}});
+  EXPECT_EQ(back["filter"]["ids"], "4624");
+  EXPECT_EQ(back["filter"]["sources"]["values"][0], "a'b");
+
+  auto csv = Client().Get("/api/export?format=csv&view=%7B%22filter%22%3A%7B%22ids%22%3A%224624%22%7D%7D");
+  ASSERT_TRUE(csv);
+  EXPECT_EQ(csv->status, 200);
+  EXPECT_EQ(csv->body.rfind("Id,Time,Type,EventID,", 0), 0u);
+  size_t rows = 0;
+  for (size_t at = 0; (at = csv->body.find(",Audit Success,4624,", at)) != std::string::npos; ++at) ++rows;
+  EXPECT_EQ(rows, 84u);
+  EXPECT_EQ(Get("/api/event/999999", 400)["error"], "no event has the id 999999");
+}
+
+TEST_F(WebServer, RefusesWhatItMustRefuse) {
+  auto none = Client(false).Get("/api/info");
+  ASSERT_TRUE(none);
+  EXPECT_EQ(none->status, 401);
+  httplib::Client wrong("127.0.0.1", FServer->Port());
+  wrong.set_bearer_token_auth("0123456789abcdef0123456789abcdef");
+  EXPECT_EQ(wrong.Get("/api/info")->status, 401);
+
+  auto rebound = Client().Get("/api/info", {{"Host", "attacker.example:" + std::to_string(FServer->Port())}});
+  ASSERT_TRUE(rebound);
+  EXPECT_EQ(rebound->status, 403);
+
+  auto bad = Client().Post("/api/rows", "{not json", "application/json");
+  ASSERT_TRUE(bad);
+  EXPECT_EQ(bad->status, 400);
+  EXPECT_EQ(bad->body.find('\n'), std::string::npos);
+  // The answer comes before the body is read, so the request is written by hand: a
+  // client that insists on sending all of it meets a closed connection.
+  const std::string big = Raw("POST /api/rows HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(FServer->Port()) +
+                              "\r\nAuthorization: Bearer " + FServer->Token() +
+                              "\r\nConnection: close\r\nContent-Type: application/json\r\nContent-Length: 2000000\r\n\r\n{\"offset\": ");
+  EXPECT_EQ(big.rfind("HTTP/1.1 400", 0), 0u) << big;
+  EXPECT_NE(big.find("{\"error\":\"the request body is over 1 MB\"}"), std::string::npos) << big;
+
+  EXPECT_EQ(Post("/api/rows", {{"sort", "EventID; DROP TABLE Events"}}, 400)["error"].get<std::string>().rfind("sort: ", 0), 0u);
+  EXPECT_EQ(Post("/api/rows", {{"filter", {{"colour", 1}}}}, 400)["error"], "filter: \"colour\" is not a member of a filter");
+  EXPECT_EQ(Get("/api/distinct?column=EvtXML", 400)["error"],
+            "distinct values are listed for Source, CategoryName, UserName and Computer");
+  // The server still serves.
+  EXPECT_EQ(Get("/api/info")["total"], 300);
+}
+
+TEST_F(WebServer, FilterValuesHoldingSqlAreData) {
+  for (const char* value : {"x') OR ('1'='1", "x' OR 1=1 --", "'; DROP TABLE Events; --"}) {
+    EXPECT_EQ(Post("/api/rows", {{"filter", {{"sources", {{"values", {value}}}}}}})["count"], 0) << value;
+    EXPECT_EQ(Post("/api/rows", {{"filter", {{"descr", {{"text", value}}}}}})["count"], 0) << value;
+    EXPECT_EQ(Post("/api/rows", {{"filter", {{"params", {{{"name", value}, {"op", "equals"}, {"value", value}}}}}}})["count"], 0)
+        << value;
+  }
+  EXPECT_EQ(Post("/api/rows", {{"filter", {{"ids", "1 OR 1=1"}}}}, 400)["error"],
+            "filter: \"ids\" may hold only numbers, ',', '-' and '!' (4624,4625-4630!4627)");
+  EXPECT_EQ(Get("/api/info")["total"], 300);
+}
+
+TEST_F(WebServer, ManyClientsPageAtOnce) {
+  std::atomic<int> failures{0};
+  std::vector<std::thread> clients;
+  for (int c = 0; c < 20; ++c)
+    clients.emplace_back([c, &failures] {
+      // Half the clients page a filtered, sorted view, half the whole store.
+      const json view = c % 2 ? json{{"filter", {{"types", {"error"}}}}, {"sort", "EventID"}} : json::object();
+      for (int offset = 0; offset < 300; offset += 50) {
+        json body = view;
+        body["offset"] = offset;
+        body["count"] = 50;
+        httplib::Client client("127.0.0.1", FServer->Port());
+        client.set_bearer_token_auth(FServer->Token().c_str());
+        auto result = client.Post("/api/rows", body.dump(), "application/json");
+        if (!result || result->status != 200) {
+          ADD_FAILURE() << "client " << c << " offset " << offset << ": "
+                        << (result ? std::to_string(result->status) + " " + result->body : httplib::to_string(result.error()));
+          ++failures;
+          continue;
+        }
+        const json page = json::parse(result->body);
+        if (page["count"] != (c % 2 ? 7 : 300)) ++failures;
+      }
+    });
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(failures, 0);
+}
+
+} // namespace
+} // namespace qvx::test
