@@ -126,6 +126,10 @@ int TWebServer::Start() {
   if (port <= 0)
     throw std::runtime_error("cannot listen on " + FSettings.Bind + ":" + std::to_string(FSettings.Port) +
                              " (is the port in use?)");
+  // The library listens with a backlog of 5: a page opening its connections, or a few
+  // scripts at once, overflow it and connections get lost. Listening again on the same
+  // socket raises it.
+  if (FListenSocket != static_cast<intptr_t>(-1)) ::listen(static_cast<socket_t>(FListenSocket), 128);
   FPort = port;
   FThread = std::thread([this] { FServer->listen_after_bind(); });
   for (int i = 0; i < 500 && !FServer->is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -140,6 +144,10 @@ void TWebServer::Stop() {
 void TWebServer::Route() {
   httplib::Server& server = *FServer;
   server.set_payload_max_length(kMaxBody);
+  server.set_socket_options([this](socket_t ASocket) {
+    httplib::default_socket_options(ASocket);
+    FListenSocket = static_cast<intptr_t>(ASocket);
+  });
   // A connection holds its thread while it is kept alive: a browser keeps six, and each
   // script client one, so the pool is sized for a few dozen; requests on the store are
   // answered one at a time anyway.

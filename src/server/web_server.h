@@ -10,6 +10,8 @@
 
 #include "server/store_session.h"
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -64,6 +66,7 @@ private:
   std::unique_ptr<httplib::Server> FServer;
   std::thread FThread;
   int FPort = 0;
+  intptr_t FListenSocket = -1;
   std::atomic<uint64_t> FRequests{0};
 };
 

@@ -181,14 +181,15 @@ TEST_F(WebServer, ManyClientsPageAtOnce) {
   std::vector<std::thread> clients;
   for (int c = 0; c < 20; ++c)
     clients.emplace_back([c, &failures] {
+      httplib::Client client("127.0.0.1", FServer->Port());
+      client.set_bearer_token_auth(FServer->Token().c_str());
+      client.set_keep_alive(true);
       // Half the clients page a filtered, sorted view, half the whole store.
       const json view = c % 2 ? json{{"filter", {{"types", {"error"}}}}, {"sort", "EventID"}} : json::object();
       for (int offset = 0; offset < 300; offset += 50) {
         json body = view;
         body["offset"] = offset;
         body["count"] = 50;
-        httplib::Client client("127.0.0.1", FServer->Port());
-        client.set_bearer_token_auth(FServer->Token().c_str());
         auto result = client.Post("/api/rows", body.dump(), "application/json");
         if (!result || result->status != 200) {
           ADD_FAILURE() << "client " << c << " offset " << offset << ": "
