@@ -183,6 +183,10 @@ bool TGuidProvider::Process(std::span<const uint8_t> AResource) {
         info.LevelOpcode = res.ReadU16(def + kOfsEventLevelOpcode);
         info.Opcode = res.ReadU8(def + kOfsEventOpcode);
         info.Trailing = res.ReadU32(def + kOfsEventTrailing);
+        info.Channel = res.ReadU8(def + kOfsEventChannel);
+        info.Level = res.ReadU8(def + kOfsEventLevel);
+        info.Task = res.ReadU16(def + kOfsEventTask);
+        info.Keywords = res.ReadU64(def + kOfsEventKeywords);
         FEvents.push_back(info);
       }
     } else if (signature == kTaskSignature) {

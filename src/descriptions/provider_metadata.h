@@ -33,11 +33,11 @@
 //   16      48 * N      event definitions:
 //     +0    2           event identifier
 //     +2    1           version
-//     +3    1           channel                                not read
+//     +3    1           channel
 //     +4    1           level      } read together as the level-and-opcode word
-//     +5    1           opcode     } and the opcode once more on its own
-//     +6    2           task                                   not read
-//     +8    8           keywords                               not read
+//     +5    1           opcode     } and each once more on its own
+//     +6    2           task
+//     +8    8           keywords
 //     +16   4           message identifier, 0xFFFFFFFF: none (the definition is skipped)
 //     +20   24          template, opcode, level, task offsets and others   not read
 //     +44   4           trailing word (flags)
@@ -95,6 +95,10 @@ inline constexpr uint32_t kOfsEventId = 0;
 inline constexpr uint32_t kOfsEventVersion = 2;
 inline constexpr uint32_t kOfsEventLevelOpcode = 4;
 inline constexpr uint32_t kOfsEventOpcode = 5;
+inline constexpr uint32_t kOfsEventChannel = 3;
+inline constexpr uint32_t kOfsEventLevel = 4;
+inline constexpr uint32_t kOfsEventTask = 6;
+inline constexpr uint32_t kOfsEventKeywords = 8;
 inline constexpr uint32_t kOfsEventMessageId = 16;
 inline constexpr uint32_t kOfsEventTrailing = 44;
 inline constexpr uint32_t kTasksHeaderSize = 12;
@@ -129,6 +133,10 @@ struct TEventInfo {
   uint8_t Opcode = 0;
   uint32_t Trailing = 0;
   uint32_t MessageId = 0;
+  uint8_t Channel = 0;
+  uint8_t Level = 0;
+  uint16_t Task = 0;
+  uint64_t Keywords = 0;
 };
 
 // One task definition with a message.

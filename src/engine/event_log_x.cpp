@@ -65,8 +65,8 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     if (found) {
       AFields.Task.assign(cached);
     } else {
-      if (UsesImagedDescriptions()) {
-        if (!FImagedDescrServer->GetEventTask(AFields.ProviderName, task, AFields.Task)) AFields.Task.clear();
+      if (UsesOfflineDescriptions()) {
+        if (!FOfflineServers.GetEventTask(AFields.ProviderName, task, AFields.Task)) AFields.Task.clear();
       } else {
         AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
       }
@@ -83,8 +83,8 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
 
 bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
                                     uint16_t AEventIdQual, uint8_t AVersion, const TStringList& AStrings) {
-  if (!UsesImagedDescriptions()) return false;
-  TImagedPC& computer = *FImagedDescrServer;
+  if (!UsesOfflineDescriptions()) return false;
+  TEventMessageServer& computer = FOfflineServers;
   // A classic source's message id holds the qualifiers in its upper 16 bits; a
   // publisher's depends on the event's version, which joins the cache key.
   const uint32_t id = (static_cast<uint32_t>(AEventIdQual) << 16) | (AEventId & 0xFFFF);
@@ -115,7 +115,7 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
     FEventDescriptionCache->AddDescription(FCacheSource, id, FTemplate);
   }
   const auto parameter = [&](uint32_t AId, std::string& AValue) { return computer.GetParam(ASourceName, AId, AValue); };
-  if (!computer.MessageFiles().ApplyInserts(FTemplate, {}, AStrings, AText, parameter))
+  if (!FInsertFiles.ApplyInserts(FTemplate, {}, AStrings, AText, parameter))
     AText.assign(1, kNoDescriptionMark);
   return true;
 }

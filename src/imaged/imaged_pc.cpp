@@ -409,6 +409,19 @@ bool TImagedPC::GetEventMessage(const std::string& ASource, uint32_t AEventId, u
   return false;
 }
 
+const TGuidProvider* TImagedPC::GetProvider(const std::string& ASource) {
+  TSourceProperties properties;
+  if (!GetEventSourceProperties(ASource, properties)) return nullptr;
+  const std::string guid = PropertyValue(properties, "GUID");
+  const std::vector<std::string> files = ValuesOf(properties, "EventMessageFile");
+  if (guid.empty() || files.empty()) return nullptr;
+  std::vector<std::string> modules{files.front()};
+  for (const std::string& file : ValuesOf(properties, "CategoryMessageFile"))
+    if (file != files.front()) modules.push_back(file);
+  const TGuidProvider* provider = ProviderFor(guid, modules);
+  return provider && provider->BlockOffset() != 0 ? provider : nullptr;
+}
+
 bool TImagedPC::GetEventTask(const std::string& ASource, uint32_t ATask, std::string& AText) {
   TSourceProperties properties;
   if (!GetEventSourceProperties(ASource, properties)) return false;
