@@ -115,6 +115,7 @@ private:
       if (c < '0' || c > '9' || buildNumber > 100000000) break;
       buildNumber = buildNumber * 10 + (c - '0');
     }
+    if (FOptions.Build >= 0) buildNumber = FOptions.Build;
     std::string name = FOptions.Name;
     if (name.empty()) name = product.empty() ? "windows" : product + (build.empty() ? "" : " build " + build);
     std::string languages;

@@ -19,6 +19,9 @@ struct TCatalogBuildOptions {
   std::vector<std::string> Languages;
   // The origin's name; empty: the product name and build, else "windows".
   std::string Name;
+  // The origin's build number (which installation is newer); -1: the installation's
+  // CurrentBuildNumber, 0 when it has none.
+  int64_t Build = -1;
   // Receives problems with single modules (the build goes on without them).
   std::function<void(const std::string&)> OnIssue;
   // Called after each provider with the count done and the total.

@@ -99,6 +99,27 @@ void CheckCatalog(TSqliteDb& ADb) {
     RaiseCatalogError(file, "damaged: its pages cannot be read");
   }
   if (result != "ok") RaiseCatalogError(file, "damaged: " + result);
+
+  // Texts beyond the connection's bound would fail one lookup later; refuse them now.
+  static constexpr const char* kTexts[][2] = {
+      {"message", "SELECT max(length(CAST(text AS BLOB))) FROM message"},
+      {"provider", "SELECT max(length(CAST(name AS BLOB)) + length(CAST(name_key AS BLOB)) + length(CAST(guid AS BLOB)) + length(CAST(log AS BLOB))) "
+                   "FROM provider"},
+      {"origin", "SELECT max(length(CAST(name AS BLOB)) + length(CAST(languages AS BLOB)) + length(CAST(created AS BLOB))) FROM origin"},
+      {"file_table", "SELECT max(length(CAST(language AS BLOB))) FROM file_table"},
+  };
+  for (const auto& [table, sql] : kTexts) {
+    bool fits = false;
+    try {
+      TSqliteStatement lengths(ADb, sql);
+      fits = lengths.Step() && lengths.Int(0) <= kMaxCatalogValue;
+    } catch (const ECatalogError&) {
+    }
+    if (!fits) {
+      RaiseCatalogError(file, std::string("damaged: a value longer than ") + std::to_string(kMaxCatalogValue) +
+                                  " bytes in table " + table);
+    }
+  }
 }
 
 } // namespace qvx

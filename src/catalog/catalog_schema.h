@@ -35,6 +35,9 @@ namespace qvx::catalog {
 inline constexpr int64_t kApplicationId = 0x51564354; // "QVCT"
 inline constexpr int64_t kCatalogSchemaVersion = 1;
 inline constexpr const char* kCatalogFormat = "quorvex message catalog";
+// The longest text or blob a reader takes from a catalog (a message table entry holds at
+// most 64 KiB; names are far shorter).
+inline constexpr int kMaxCatalogValue = 1 << 20;
 
 enum TProviderKind : int { pkPublisher = 0, pkClassic = 1 };
 enum TFileRole : int { frEvent = 0, frCategory = 1, frParameter = 2 };
