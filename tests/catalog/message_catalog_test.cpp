@@ -4,8 +4,10 @@
 
 #include "catalog/catalog_builder.h"
 #include "catalog/sqlite_handle.h"
+#include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
 #include "imaged/imaged_pc.h"
+#include "support/evt_writer.h"
 #include "support/hive_writer.h"
 #include "support/imaged_fixture.h"
 #include "support/test_paths.h"
@@ -203,6 +205,51 @@ TEST_F(TwoInstallations, MergedCatalogAnswersAsTheTwoAndStoresSharedTablesOnce) 
   TCatalogSet catalogs;
   catalogs.Add((Dir / "both.qcat").string());
   ExpectVersionRules(catalogs);
+}
+
+// A classic .evt log: its records described and categorised from the catalog alike.
+TEST_F(MessageCatalog, ClassicLogsAreDescribedFromTheCatalogAlike) {
+  std::vector<test::TEvtRecordDraft> records(4);
+  records[0].SourceName = "ClassicSrc";
+  records[0].EventID = 100;
+  records[0].Strings = {"alpha"};
+  records[0].EventCategory = 3;
+  records[1].SourceName = "ClassicSrc";
+  records[1].EventID = 300; // "Param ref %%1920 here."
+  records[2].SourceName = "ClassicSrc";
+  records[2].EventID = 101; // found as 0xB0000065
+  records[2].Strings = {"q"};
+  records[3].SourceName = "Nowhere";
+  records[3].EventID = 7;
+  records[3].Strings = {"v"};
+  for (uint32_t i = 0; i < records.size(); ++i) records[i].RecordNumber = i + 1;
+  const fs::path evt = Dir / "app.evt";
+  test::WriteFileBytes(evt, test::BuildEvtFile(records));
+
+  auto read = [&](TImagedPC* AImaged, TEventMessageServer* ACatalogs) {
+    TNTEventLog log;
+    log.SetImagedDescrServer(AImaged);
+    log.SetCatalogs(ACatalogs);
+    log.SetBackupFileName(evt.string());
+    log.SetActive(true);
+    TDescribed events;
+    while (TEventItemBase* item = log.EventNext())
+      events.emplace_back(static_cast<uint64_t>(item->FRecordNumber), item->FEvtMessage, item->GetCategoryName());
+    std::sort(events.begin(), events.end());
+    return events;
+  };
+  TImagedPC computer;
+  computer.SetMapping(Tree.WinDir.string());
+  computer.SetActive(true);
+  const TDescribed imaged = read(&computer, nullptr);
+  Build(Tree.WinDir, Dir / "windows.qcat");
+  TCatalogSet catalogs;
+  catalogs.Add((Dir / "windows.qcat").string());
+  const TDescribed fromCatalog = read(nullptr, &catalogs);
+  EXPECT_EQ(fromCatalog, imaged);
+  EXPECT_EQ(Message(fromCatalog, 1), "ClassicA says alpha.");
+  EXPECT_EQ(std::get<2>(fromCatalog[0]), "Logon");
+  EXPECT_EQ(Message(fromCatalog, 3), "Qualified 101: q");
 }
 
 // --- bad catalogs -------------------------------------------------------------------
