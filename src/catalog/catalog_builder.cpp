@@ -60,7 +60,9 @@ public:
         FInsertMessage(ADb, "INSERT OR IGNORE INTO message(table_id,id,text) VALUES(?,?,?)"),
         FInsertEvent(ADb, "INSERT OR IGNORE INTO event(provider_id,id,version,channel,level,opcode,task,keywords,"
                           "message_id) VALUES(?,?,?,?,?,?,?,?,?)"),
-        FInsertTask(ADb, "INSERT OR IGNORE INTO task(provider_id,value,message_id,name) VALUES(?,?,?,'')") {}
+        FInsertTask(ADb, "INSERT OR IGNORE INTO task(provider_id,value,message_id,name) VALUES(?,?,?,'')"),
+        FInsertOpcode(ADb, "INSERT OR IGNORE INTO opcode(provider_id,task,value,message_id,name) VALUES(?,?,?,?,'')"),
+        FInsertKeyword(ADb, "INSERT OR IGNORE INTO keyword(provider_id,mask,message_id,name) VALUES(?,?,?,'')") {}
 
   void Run() {
     FStats.Languages = FOptions.Languages;
@@ -239,6 +241,10 @@ private:
       const TTaskInfo& task = metadata->GetTask(i);
       FInsertTask.Bind(1, provider).Bind(2, static_cast<int64_t>(task.Value)).Bind(3, static_cast<int64_t>(task.MessageId)).Run();
     }
+    for (const TOpcodeInfo& opcode : metadata->Opcodes())
+      FInsertOpcode.Bind(1, provider).Bind(2, opcode.Task).Bind(3, opcode.Value).Bind(4, static_cast<int64_t>(opcode.MessageId)).Run();
+    for (const TKeywordInfo& keyword : metadata->Keywords())
+      FInsertKeyword.Bind(1, provider).Bind(2, static_cast<int64_t>(keyword.Mask)).Bind(3, static_cast<int64_t>(keyword.MessageId)).Run();
   }
 
   TImagedPC& FComputer;
@@ -247,7 +253,7 @@ private:
   const TCatalogBuildOptions& FOptions;
   TCatalogBuildStats& FStats;
   TSqliteStatement FInsertProvider, FInsertFile, FInsertProviderFile, FInsertTable, FInsertFileTable, FInsertMessage,
-      FInsertEvent, FInsertTask;
+      FInsertEvent, FInsertTask, FInsertOpcode, FInsertKeyword;
   std::vector<std::unique_ptr<TMessageFiles>> FLoaders; // one per language
   std::unordered_map<std::string, TFileRecord> FFiles;  // mapped path -> record
   std::unordered_map<std::string, int64_t> FTables;     // digest -> table

@@ -48,6 +48,8 @@ public:
         FFileTables(FDb, "SELECT language, table_id FROM file_table WHERE file_id = ?"),
         FEvents(FDb, "SELECT id, version, message_id FROM event WHERE provider_id = ? ORDER BY id, version"),
         FTasks(FDb, "SELECT value, message_id FROM task WHERE provider_id = ? ORDER BY value"),
+        FOpcodes(FDb, "SELECT task, value, message_id FROM opcode WHERE provider_id = ?"),
+        FKeywords(FDb, "SELECT mask, message_id FROM keyword WHERE provider_id = ?"),
         FMessage(FDb, "SELECT text FROM message WHERE table_id = ? AND id = ?") {}
 
   // Statements are prepared against the checked schema only.
@@ -68,7 +70,7 @@ public:
   }
 
   TSqliteDb FDb;
-  TSqliteStatement FProviders, FFiles, FFileTables, FEvents, FTasks, FMessage;
+  TSqliteStatement FProviders, FFiles, FFileTables, FEvents, FTasks, FOpcodes, FKeywords, FMessage;
 };
 
 namespace {
@@ -102,6 +104,8 @@ struct TCatalogSet::TCandidate {
   std::vector<TFile> Files[3];
   std::vector<TEventInfo> Events; // sorted by id, then version
   std::vector<TTaskInfo> Tasks;
+  std::vector<TOpcodeInfo> Opcodes;
+  std::vector<TKeywordInfo> Keywords;
 
   // The message of event AId in version AVersion; with AExact false, else the event's
   // lowest version. kNoMessageId when not defined.
@@ -198,6 +202,15 @@ const std::vector<TCatalogSet::TCandidate>& TCatalogSet::Candidates(const std::s
       while (catalog.FTasks.Step())
         candidate.Tasks.push_back({static_cast<uint32_t>(catalog.FTasks.Int(0)), static_cast<uint32_t>(catalog.FTasks.Int(1))});
       catalog.FTasks.Reset();
+      catalog.FOpcodes.Bind(1, provider);
+      while (catalog.FOpcodes.Step())
+        candidate.Opcodes.push_back({static_cast<uint16_t>(catalog.FOpcodes.Int(0)), static_cast<uint16_t>(catalog.FOpcodes.Int(1)),
+                                     static_cast<uint32_t>(catalog.FOpcodes.Int(2))});
+      catalog.FOpcodes.Reset();
+      catalog.FKeywords.Bind(1, provider);
+      while (catalog.FKeywords.Step())
+        candidate.Keywords.push_back({static_cast<uint64_t>(catalog.FKeywords.Int(0)), static_cast<uint32_t>(catalog.FKeywords.Int(1))});
+      catalog.FKeywords.Reset();
       candidates.push_back(std::move(candidate));
     }
   }
@@ -245,6 +258,24 @@ bool TCatalogSet::GetEventTask(const std::string& ASource, uint32_t ATask, std::
     if (task == candidate.Tasks.end() || task->MessageId == kNoMessageId) continue;
     const auto& files = candidate.Files[frCategory].empty() ? candidate.Files[frEvent] : candidate.Files[frCategory];
     if (candidate.Template(files, task->MessageId, AText)) return true;
+  }
+  return false;
+}
+
+bool TCatalogSet::GetOpcodeName(const std::string& ASource, uint16_t ATask, uint8_t AOpcode, std::string& AText) {
+  for (const TCandidate& candidate : Candidates(ASource)) {
+    const uint32_t message = FindOpcodeMessage(candidate.Opcodes, ATask, AOpcode);
+    if (message != kNoMessageId && candidate.Template(candidate.Files[frEvent], message, AText)) return true;
+  }
+  return false;
+}
+
+bool TCatalogSet::GetKeywordNames(const std::string& ASource, uint64_t AKeywords, std::string& AText) {
+  for (const TCandidate& candidate : Candidates(ASource)) {
+    if (candidate.Keywords.empty()) continue;
+    return JoinKeywordNames(candidate.Keywords, AKeywords, AText, [&](uint32_t AId, std::string& AName) {
+      return candidate.Template(candidate.Files[frEvent], AId, AName);
+    });
   }
   return false;
 }

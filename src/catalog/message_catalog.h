@@ -52,6 +52,8 @@ public:
   bool GetEventMessage(const std::string& ASource, uint32_t AEventId, uint8_t AVersion, std::string& AText) override;
   bool GetEventTask(const std::string& ASource, uint32_t ATask, std::string& AText) override;
   bool GetParam(const std::string& ASource, uint32_t AId, std::string& AText) override;
+  bool GetOpcodeName(const std::string& ASource, uint16_t ATask, uint8_t AOpcode, std::string& AText) override;
+  bool GetKeywordNames(const std::string& ASource, uint64_t AKeywords, std::string& AText) override;
 
   struct TCandidate;
 

@@ -5,6 +5,7 @@
 #include "imaged/imaged_pc.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 // g++ 12 warns about std::function members inside <regex> with sanitizers on (a
 // false positive in the library's own code).
@@ -27,6 +28,8 @@ void TEventItemX::Assign(const TEventItemBase& ASource) {
     FUserSid = x->FUserSid;
     FSystemTime = x->FSystemTime;
     FKeywords = x->FKeywords;
+    FOpcodeName = x->FOpcodeName;
+    FKeywordNames = x->FKeywordNames;
     FEventIDQual = x->FEventIDQual;
     FVersion = x->FVersion;
     FLevel = x->FLevel;
@@ -79,6 +82,35 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     }
   }
   AFields.UserName = FUserNameCache->AddUserName(AFields.UserID);
+  AFields.OpcodeName.clear();
+  AFields.KeywordNames.clear();
+  if (!UsesOfflineDescriptions() || AFields.ProviderName.empty()) return;
+  // Names come from the publisher's metadata, looked up once per provider and value.
+  const auto opcode = static_cast<uint8_t>(TextToInt(AFields.OpCode));
+  FNameKey = AFields.ProviderName;
+  FNameKey.append("\x01o");
+  FNameKey.append(std::to_string(task & 0xFFFF));
+  FNameKey.push_back('/');
+  FNameKey.append(std::to_string(opcode));
+  auto known = FNameCache.find(FNameKey);
+  if (known == FNameCache.end()) {
+    std::string name;
+    if (!FOfflineServers.GetOpcodeName(AFields.ProviderName, static_cast<uint16_t>(task), opcode, name)) name.clear();
+    known = FNameCache.emplace(FNameKey, std::move(name)).first;
+  }
+  AFields.OpcodeName = known->second;
+  if (AFields.Keywords.empty()) return;
+  FNameKey = AFields.ProviderName;
+  FNameKey.append("\x01k");
+  FNameKey.append(AFields.Keywords);
+  known = FNameCache.find(FNameKey);
+  if (known == FNameCache.end()) {
+    std::string name;
+    const uint64_t keywords = std::strtoull(AFields.Keywords.c_str(), nullptr, 16);
+    if (!FOfflineServers.GetKeywordNames(AFields.ProviderName, keywords, name)) name.clear();
+    known = FNameCache.emplace(FNameKey, std::move(name)).first;
+  }
+  AFields.KeywordNames = known->second;
 }
 
 bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
@@ -177,6 +209,8 @@ void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
     item.SetSID(nullptr, 0);
   item.FSystemTime = AFields.TimeCreated;
   item.FKeywords = AFields.Keywords;
+  item.FOpcodeName = AFields.OpcodeName;
+  item.FKeywordNames = AFields.KeywordNames;
   item.FEventIDQual = static_cast<uint16_t>(TextToInt(AFields.EventIDQual));
   item.FVersion = static_cast<uint8_t>(TextToInt(AFields.Version));
   item.FLevel = static_cast<uint8_t>(TextToInt(AFields.Level));

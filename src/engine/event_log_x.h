@@ -18,6 +18,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 
 namespace qvx {
 
@@ -40,6 +41,8 @@ public:
   std::string FUserSid;   // SID text of the Security element
   std::string FSystemTime; // SystemTime attribute as written
   std::string FKeywords;
+  std::string FOpcodeName;   // from offline metadata (imaged computer, catalogs); empty when unknown
+  std::string FKeywordNames; // likewise, the keyword bits' names joined by ", "
   uint16_t FEventIDQual = 0;
   uint8_t FVersion = 0;
   uint8_t FLevel = 0;
@@ -192,6 +195,8 @@ protected:
   std::string FCacheSource;            // reused description cache key
   std::string FTemplate;
   TMessageFiles FInsertFiles; // formats offline templates (loads no file)
+  std::unordered_map<std::string, std::string> FNameCache; // opcode and keyword names by provider and value
+  std::string FNameKey;
 };
 
 } // namespace qvx

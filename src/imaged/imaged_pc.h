@@ -79,6 +79,10 @@ public:
   // The provider metadata of publisher ASource, read from its modules as GetEventMessage
   // reads it; null for a classic source or when no module holds it.
   const TGuidProvider* GetProvider(const std::string& ASource);
+  // The name of a publisher's opcode (the task's own first, then the provider-wide one)
+  // and the names of the keyword bits set, ", "-joined, from its metadata and message files.
+  bool GetOpcodeName(const std::string& ASource, uint16_t ATask, uint8_t AOpcode, std::string& AText) override;
+  bool GetKeywordNames(const std::string& ASource, uint64_t AKeywords, std::string& AText) override;
   // True for "EventMessageFile", "CategoryMessageFile" and "ParameterMessageFile"
   // (compared in lower case).
   static bool IsFileName(const std::string& AValueName);

@@ -10,6 +10,8 @@
 #include "support/evt_writer.h"
 #include "support/hive_writer.h"
 #include "support/imaged_fixture.h"
+#include "support/pe_writer.h"
+#include "support/wevt_writer.h"
 #include "support/test_paths.h"
 
 #include <gtest/gtest.h>
@@ -205,6 +207,74 @@ TEST_F(TwoInstallations, MergedCatalogAnswersAsTheTwoAndStoresSharedTablesOnce) 
   TCatalogSet catalogs;
   catalogs.Add((Dir / "both.qcat").string());
   ExpectVersionRules(catalogs);
+}
+
+// Opcode and keyword names of a publisher (OPCO and KEYW elements of its metadata).
+TEST_F(MessageCatalog, OpcodeAndKeywordNamesComeAsFromTheInstallation) {
+  auto u32 = [](std::vector<uint8_t>& AOut, uint32_t AValue) {
+    for (int i = 0; i < 4; ++i) AOut.push_back(static_cast<uint8_t>(AValue >> (8 * i)));
+  };
+  test::TWevtProviderDraft provider;
+  ParseProviderGuid(test::kGuidProviderA, provider.Guid);
+  test::TWevtElementDraft events;
+  events.Signature = "EVNT";
+  test::TWevtEventDraft event;
+  event.Id = 1;
+  event.MessageId = 0xB0000001;
+  events.Events.push_back(event);
+  test::TWevtElementDraft opcodes;
+  opcodes.Signature = "OPCO";
+  u32(opcodes.Body, 3);                       // count
+  u32(opcodes.Body, 5 | (10u << 16));         // task 5, opcode 10
+  u32(opcodes.Body, 0x30000001);              // its message
+  u32(opcodes.Body, 0);                       // name offset
+  u32(opcodes.Body, 0 | (10u << 16));         // every task, opcode 10
+  u32(opcodes.Body, 0x30000002);
+  u32(opcodes.Body, 0);
+  u32(opcodes.Body, 0 | (11u << 16));         // no message: skipped
+  u32(opcodes.Body, kNoMessageId);
+  u32(opcodes.Body, 0);
+  test::TWevtElementDraft keywords;
+  keywords.Signature = "KEYW";
+  u32(keywords.Body, 2);
+  for (const auto& [mask, message] : {std::pair<uint64_t, uint32_t>{0x1, 0x10000001}, {0x4, 0x10000003}}) {
+    u32(keywords.Body, static_cast<uint32_t>(mask));
+    u32(keywords.Body, static_cast<uint32_t>(mask >> 32));
+    u32(keywords.Body, message);
+    u32(keywords.Body, 0);
+  }
+  provider.Elements = {events, opcodes, keywords};
+  test::TWevtResourceDraft draft;
+  draft.Providers.push_back(provider);
+  std::vector<test::TMessageBlockFixture> blocks = {
+      {0x10000001, 0x10000001, {test::UnicodeEntry(u"Network\r\n")}, {}},
+      {0x10000003, 0x10000003, {test::UnicodeEntry(u"Disk\r\n")}, {}},
+      {0x30000001, 0x30000002, {test::UnicodeEntry(u"Connect\r\n"), test::UnicodeEntry(u"Generic\r\n")}, {}},
+      {0xB0000001, 0xB0000001, {test::UnicodeEntry(u"A one %1\r\n")}, {}}};
+  test::TPeWriter pe(true);
+  pe.Add(TResourceId(static_cast<uint16_t>(rtMessageTable)), TResourceId(static_cast<uint16_t>(1)), kLangEnUs,
+         test::BuildMessageTable(blocks));
+  pe.Add(TResourceId("WEVT_TEMPLATE"), TResourceId(static_cast<uint16_t>(1)), kLangEnUs, test::BuildWevtResource(draft));
+  test::WriteFileBytes(Tree.WinDir / "System32" / "ProvA.dll", pe.Build());
+
+  TImagedPC computer;
+  computer.SetMapping(Tree.WinDir.string());
+  computer.SetActive(true);
+  Build(Tree.WinDir, Dir / "names.qcat");
+  TCatalogSet catalogs;
+  catalogs.Add((Dir / "names.qcat").string());
+  for (TEventMessageServer* server : {static_cast<TEventMessageServer*>(&computer), static_cast<TEventMessageServer*>(&catalogs)}) {
+    std::string text;
+    ASSERT_TRUE(server->GetOpcodeName("Test-Provider-A", 5, 10, text));
+    EXPECT_EQ(text, "Connect");
+    ASSERT_TRUE(server->GetOpcodeName("Test-Provider-A", 7, 10, text));
+    EXPECT_EQ(text, "Generic");
+    EXPECT_FALSE(server->GetOpcodeName("Test-Provider-A", 5, 11, text));
+    ASSERT_TRUE(server->GetKeywordNames("Test-Provider-A", 0x8000000000000005ull, text));
+    EXPECT_EQ(text, "Network, Disk");
+    EXPECT_FALSE(server->GetKeywordNames("Test-Provider-A", 0x2, text));
+    EXPECT_FALSE(server->GetKeywordNames("ClassicSrc", 0x1, text));
+  }
 }
 
 // A classic .evt log: its records described and categorised from the catalog alike.
