@@ -50,7 +50,7 @@ void TSqliteDb::Fail(std::string_view AWhat) const {
 }
 
 TSqliteStatement::TSqliteStatement(TSqliteDb& ADb, const char* ASql) : FDb(ADb) {
-  if (sqlite3_prepare_v2(ADb.Handle(), ASql, -1, &FStatement, nullptr) != SQLITE_OK) ADb.Fail("not a catalog");
+  if (sqlite3_prepare_v2(ADb.Handle(), ASql, -1, &FStatement, nullptr) != SQLITE_OK) ADb.Fail("cannot prepare a query");
 }
 
 TSqliteStatement::~TSqliteStatement() { sqlite3_finalize(FStatement); }
