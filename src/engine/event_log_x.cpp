@@ -68,11 +68,9 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     if (found) {
       AFields.Task.assign(cached);
     } else {
-      if (UsesOfflineDescriptions()) {
-        if (!FOfflineServers.GetEventTask(AFields.ProviderName, task, AFields.Task)) AFields.Task.clear();
-      } else {
-        AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
-      }
+      // Catalogs alone leave what they lack to the system's own metadata, as without them.
+      if (!UsesOfflineDescriptions() || !FOfflineServers.GetEventTask(AFields.ProviderName, task, AFields.Task))
+        AFields.Task = UsesImagedDescriptions() ? std::string() : EVTXGetTaskName(AFields.ProviderName, task);
       if (AFields.Task.empty()) {
         char number[16];
         std::snprintf(number, sizeof number, "(%u)", task);
@@ -121,6 +119,8 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
   // publisher's depends on the event's version, which joins the cache key.
   const uint32_t id = (static_cast<uint32_t>(AEventIdQual) << 16) | (AEventId & 0xFFFF);
   FCacheSource = ASourceName;
+  // Catalog texts alone are kept apart from the system's, which fill what they lack.
+  if (!UsesImagedDescriptions()) FCacheSource.insert(0, "\x01" "catalog\x01");
   if (AVersion != 0) {
     FCacheSource.append("/v");
     FCacheSource.append(std::to_string(AVersion));
@@ -128,6 +128,8 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
   std::string_view cached;
   if (FEventDescriptionCache->GetDescription(FCacheSource, id, cached)) {
     if (cached == kDescriptionNotFound) {
+      // Without the imaged computer, what the catalogs lack is looked up as without them.
+      if (!UsesImagedDescriptions()) return false;
       AText.assign(1, kNoDescriptionMark);
       return true;
     }
@@ -139,6 +141,7 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
       found = computer.GetEventMessage(ASourceName, id | kSeverityRetryBits, AVersion, FTemplate);
     if (!found) {
       FEventDescriptionCache->AddDescription(FCacheSource, id, kDescriptionNotFound);
+      if (!UsesImagedDescriptions()) return false;
       AText.assign(1, kNoDescriptionMark);
       return true;
     }
