@@ -60,9 +60,9 @@ public:
         FInsertMessage(ADb, "INSERT OR IGNORE INTO message(table_id,id,text) VALUES(?,?,?)"),
         FInsertEvent(ADb, "INSERT OR IGNORE INTO event(provider_id,id,version,channel,level,opcode,task,keywords,"
                           "message_id) VALUES(?,?,?,?,?,?,?,?,?)"),
-        FInsertTask(ADb, "INSERT OR IGNORE INTO task(provider_id,value,message_id,name) VALUES(?,?,?,'')"),
-        FInsertOpcode(ADb, "INSERT OR IGNORE INTO opcode(provider_id,task,value,message_id,name) VALUES(?,?,?,?,'')"),
-        FInsertKeyword(ADb, "INSERT OR IGNORE INTO keyword(provider_id,mask,message_id,name) VALUES(?,?,?,'')") {}
+        FInsertTask(ADb, "INSERT OR IGNORE INTO task(provider_id,value,message_id,name) VALUES(?,?,?,?)"),
+        FInsertOpcode(ADb, "INSERT OR IGNORE INTO opcode(provider_id,task,value,message_id,name) VALUES(?,?,?,?,?)"),
+        FInsertKeyword(ADb, "INSERT OR IGNORE INTO keyword(provider_id,mask,message_id,name) VALUES(?,?,?,?)") {}
 
   void Run() {
     FStats.Languages = FOptions.Languages;
@@ -239,12 +239,24 @@ private:
     }
     for (size_t i = 0; i < metadata->TaskCount(); ++i) {
       const TTaskInfo& task = metadata->GetTask(i);
-      FInsertTask.Bind(1, provider).Bind(2, static_cast<int64_t>(task.Value)).Bind(3, static_cast<int64_t>(task.MessageId)).Run();
+      // The names in the installation's own language, for tools that read the catalog.
+      std::string name;
+      if (!FComputer.GetEventTask(AName, task.Value, name)) name.clear();
+      FInsertTask.Bind(1, provider).Bind(2, static_cast<int64_t>(task.Value)).Bind(3, static_cast<int64_t>(task.MessageId))
+          .Bind(4, name).Run();
     }
-    for (const TOpcodeInfo& opcode : metadata->Opcodes())
-      FInsertOpcode.Bind(1, provider).Bind(2, opcode.Task).Bind(3, opcode.Value).Bind(4, static_cast<int64_t>(opcode.MessageId)).Run();
-    for (const TKeywordInfo& keyword : metadata->Keywords())
-      FInsertKeyword.Bind(1, provider).Bind(2, static_cast<int64_t>(keyword.Mask)).Bind(3, static_cast<int64_t>(keyword.MessageId)).Run();
+    std::string name;
+    for (const TOpcodeInfo& opcode : metadata->Opcodes()) {
+      if (opcode.Value > 0xFF || !FComputer.GetOpcodeName(AName, opcode.Task, static_cast<uint8_t>(opcode.Value), name))
+        name.clear();
+      FInsertOpcode.Bind(1, provider).Bind(2, opcode.Task).Bind(3, opcode.Value).Bind(4, static_cast<int64_t>(opcode.MessageId))
+          .Bind(5, name).Run();
+    }
+    for (const TKeywordInfo& keyword : metadata->Keywords()) {
+      if (!FComputer.GetKeywordNames(AName, keyword.Mask, name)) name.clear();
+      FInsertKeyword.Bind(1, provider).Bind(2, static_cast<int64_t>(keyword.Mask)).Bind(3, static_cast<int64_t>(keyword.MessageId))
+          .Bind(4, name).Run();
+    }
   }
 
   TImagedPC& FComputer;

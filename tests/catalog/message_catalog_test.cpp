@@ -275,6 +275,18 @@ TEST_F(MessageCatalog, OpcodeAndKeywordNamesComeAsFromTheInstallation) {
     EXPECT_FALSE(server->GetKeywordNames("Test-Provider-A", 0x2, text));
     EXPECT_FALSE(server->GetKeywordNames("ClassicSrc", 0x1, text));
   }
+  // Other tools read the names from the catalog's tables directly.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open_v2((Dir / "names.qcat").string().c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
+  sqlite3_stmt* names = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT group_concat(name, '|') FROM (SELECT name FROM opcode UNION ALL "
+                                   "SELECT name FROM keyword UNION ALL SELECT name FROM task ORDER BY 1)",
+                               -1, &names, nullptr),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(names), SQLITE_ROW);
+  EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(names, 0)), "Connect|Disk|Generic|Network");
+  sqlite3_finalize(names);
+  sqlite3_close(db);
 }
 
 // A classic .evt log: its records described and categorised from the catalog alike.
