@@ -4,6 +4,7 @@
 #include "descriptions/sid_store.h"
 #include "imaged/imaged_pc.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -83,32 +84,27 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
   AFields.OpcodeName.clear();
   AFields.KeywordNames.clear();
   if (!UsesOfflineDescriptions() || AFields.ProviderName.empty()) return;
-  // Names come from the publisher's metadata, looked up once per provider and value.
+  // Names come from the publisher's metadata, looked up once per provider, task, opcode
+  // and keywords; an event costs one hash lookup and a short scan, no allocation.
   const auto opcode = static_cast<uint8_t>(TextToInt(AFields.OpCode));
-  FNameKey = AFields.ProviderName;
-  FNameKey.append("\x01o");
-  FNameKey.append(std::to_string(task & 0xFFFF));
-  FNameKey.push_back('/');
-  FNameKey.append(std::to_string(opcode));
-  auto known = FNameCache.find(FNameKey);
-  if (known == FNameCache.end()) {
-    std::string name;
-    if (!FOfflineServers.GetOpcodeName(AFields.ProviderName, static_cast<uint16_t>(task), opcode, name)) name.clear();
-    known = FNameCache.emplace(FNameKey, std::move(name)).first;
+  const uint64_t keywords = AFields.Keywords.empty() ? 0 : std::strtoull(AFields.Keywords.c_str(), nullptr, 16);
+  auto provider = FNameCache.find(std::string_view(AFields.ProviderName));
+  if (provider == FNameCache.end()) provider = FNameCache.emplace(AFields.ProviderName, std::vector<TNameEntry>()).first;
+  std::vector<TNameEntry>& entries = provider->second;
+  auto entry = std::find_if(entries.begin(), entries.end(), [&](const TNameEntry& AEntry) {
+    return AEntry.Task == task && AEntry.Opcode == opcode && AEntry.Keywords == keywords;
+  });
+  if (entry == entries.end()) {
+    TNameEntry added{task, opcode, keywords, {}, {}};
+    if (!FOfflineServers.GetOpcodeName(AFields.ProviderName, static_cast<uint16_t>(task), opcode, added.OpcodeName))
+      added.OpcodeName.clear();
+    if (keywords == 0 || !FOfflineServers.GetKeywordNames(AFields.ProviderName, keywords, added.KeywordNames))
+      added.KeywordNames.clear();
+    entries.push_back(std::move(added));
+    entry = entries.end() - 1;
   }
-  AFields.OpcodeName = known->second;
-  if (AFields.Keywords.empty()) return;
-  FNameKey = AFields.ProviderName;
-  FNameKey.append("\x01k");
-  FNameKey.append(AFields.Keywords);
-  known = FNameCache.find(FNameKey);
-  if (known == FNameCache.end()) {
-    std::string name;
-    const uint64_t keywords = std::strtoull(AFields.Keywords.c_str(), nullptr, 16);
-    if (!FOfflineServers.GetKeywordNames(AFields.ProviderName, keywords, name)) name.clear();
-    known = FNameCache.emplace(FNameKey, std::move(name)).first;
-  }
-  AFields.KeywordNames = known->second;
+  AFields.OpcodeName = entry->OpcodeName;
+  AFields.KeywordNames = entry->KeywordNames;
 }
 
 bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,

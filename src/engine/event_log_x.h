@@ -19,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace qvx {
 
@@ -195,8 +196,13 @@ protected:
   std::string FCacheSource;            // reused description cache key
   std::string FTemplate;
   TMessageFiles FInsertFiles; // formats offline templates (loads no file)
-  std::unordered_map<std::string, std::string> FNameCache; // opcode and keyword names by provider and value
-  std::string FNameKey;
+  struct TNameEntry {
+    uint32_t Task = 0;
+    uint8_t Opcode = 0;
+    uint64_t Keywords = 0;
+    std::string OpcodeName, KeywordNames;
+  };
+  detail::TNoCaseMap<std::vector<TNameEntry>> FNameCache; // by provider
 };
 
 } // namespace qvx
