@@ -3,6 +3,8 @@
 
     off:  quorvex events FILE --format csv --no-progress -q
     on:   quorvex events FILE --format csv --no-progress -q --imaged DIR/Windows
+    cat:  quorvex events FILE --format csv --no-progress -q --catalog DIR/bench.qcat
+          (the catalog written once by 'quorvex catalog build --imaged DIR/Windows')
 
 FILE and DIR come from qvx_bench_fixtures (bench/make_descr_fixture.cpp): an offline
 Windows tree whose SYSTEM hive registers --providers classic sources, each with its own
@@ -28,6 +30,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 from bench_dump import REPO, default_cache, measure, warm, report_targets  # noqa: E402
 
 TARGET_ON_VS_OFF = 0.60  # events/s with descriptions at least 60% of events/s without
+TARGET_CATALOG_VS_OFF = 0.80  # events/s described from a catalog at least 80% of events/s without
 
 
 def fixture(generator: str, cache: Path, events: int, providers: int, regenerate: bool) -> Path:
@@ -87,9 +90,15 @@ def main() -> int:
     row("off", off, size, args.events)
     on = measure(base + ["--imaged", str(windows)], args.runs, args.budget)
     row("on", on, size, args.events)
+    catalog = root / "bench.qcat"
+    if not catalog.exists() or catalog.stat().st_mtime < log.stat().st_mtime:
+        subprocess.run([q, "catalog", "build", "--imaged", str(windows), "-o", str(catalog), "-q"], check=True,
+                       stdout=subprocess.DEVNULL)
+    cat = measure(base + ["--catalog", str(catalog)], args.runs, args.budget)
+    row("catalog", cat, size, args.events)
 
     report = {"file": str(log), "imaged": str(windows), "bytes": size, "events": args.events,
-              "providers": args.providers, "off": off, "on": on}
+              "providers": args.providers, "off": off, "on": on, "catalog": cat}
     verdicts: list[tuple[str, bool]] = []
     if off["status"] == 0 and on["status"] == 0:
         ratio = off["median_s"] / on["median_s"]
@@ -98,6 +107,12 @@ def main() -> int:
               f"ratio on/off = {ratio:.2f}")
         verdicts.append((f"events/s with descriptions = {ratio:.2f}x without (target >= {TARGET_ON_VS_OFF:.2f})",
                          ratio >= TARGET_ON_VS_OFF))
+        if cat["status"] == 0:
+            cat_ratio = off["median_s"] / cat["median_s"]
+            report["catalog_vs_off"] = cat_ratio
+            print(f"  events/s: catalog {args.events / cat['median_s']:,.0f}; ratio catalog/off = {cat_ratio:.2f}")
+            verdicts.append((f"events/s described from a catalog = {cat_ratio:.2f}x without "
+                             f"(target >= {TARGET_CATALOG_VS_OFF:.2f})", cat_ratio >= TARGET_CATALOG_VS_OFF))
     else:
         verdicts.append(("a timed command failed: no ratio", False))
         help_text = subprocess.run([q, "events", "--help"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -106,7 +121,7 @@ def main() -> int:
             print("  note: this quorvex has no --imaged option yet (see 'quorvex events --help')")
 
     all_passed = report_targets(load_before, verdicts, report, args.json)
-    failed = any(r["status"] != 0 for r in (off, on))
+    failed = any(r["status"] != 0 for r in (off, on, cat))
     return 1 if failed or (args.check and not all_passed) else 0
 
 

@@ -122,8 +122,8 @@ TEvtxEventDraft BenchEvent(uint64_t AIndex, unsigned AProviders) {
 int main(int argc, char** argv) {
   unsigned long long events = 100000, providers = 50;
   if (argc < 2 || argc > 4 || (argc > 2 && !ParseCount(argv[2], events)) ||
-      (argc > 3 && (!ParseCount(argv[3], providers) || providers == 0 || providers > 100))) {
-    std::fprintf(stderr, "usage: qvx_bench_fixtures DIR [EVENTS=100000] [PROVIDERS=50 (1..100)]\n");
+      (argc > 3 && (!ParseCount(argv[3], providers) || providers == 0 || providers > 5000))) {
+    std::fprintf(stderr, "usage: qvx_bench_fixtures DIR [EVENTS=100000] [PROVIDERS=50 (1..5000)]\n");
     return 2;
   }
   try {

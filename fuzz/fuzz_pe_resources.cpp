@@ -3,13 +3,14 @@
 // The input is the whole image (see src/platform/pe_resources.h for the headers and tree it
 // reads). Every resource of every type, name and language is looked up; RT_MESSAGETABLE
 // resources are decoded message by message, and each message is looked up again by ID; the
-// language choice runs for every name. Seeds: small PE32 / PE32+ images with message tables
+// language choice runs for every name, and the file version is read. Seeds: small PE32 / PE32+ images with message tables
 // (QVX_PE_SEEDS_DIR=... qvx_tests --gtest_filter=PeSeeds.*) and the DLLs in samples/pe.
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
 
+#include "descriptions/pe_message_source.h"
 #include "platform/message_table.h"
 #include "platform/pe_resources.h"
 
@@ -36,5 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
     }
   std::string text;
   (void)FindMessage(image, 1, {0x409}, text, nullptr);
+  // The module as the description step loads it: its table and its file version.
+  TPeMessageSource module;
+  if (module.Open(image, {0x409})) (void)module.FileVersion();
   return 0;
 }

@@ -7,6 +7,7 @@
 #include "app/progress.h"
 #include "descriptions/sid_store.h"
 #include "engine/classic_log.h"
+#include "catalog/message_catalog.h"
 #include "imaged/imaged_pc.h"
 #include "platform/nt_exception.h"
 #include "platform/read_stream.h"
@@ -129,15 +130,17 @@ void ClassicToX(TEventItem& AItem, const std::string& AChannel, TEventItemX& AOu
 
 int ReadClassicEvents(const TEventsOptions& AOptions, const TClassicHooks& AHooks, std::FILE* AOut, std::FILE* AErr) {
   TNTEventLog log;
+  const std::unique_ptr<TCatalogSet> catalogs = OpenCatalogs(AOptions.Catalogs);
   const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
   log.SetImagedDescrServer(imaged.get());
+  log.SetCatalogs(catalogs.get());
   AHooks.ApplyTimeZone(log);
   const std::string channel = LogNameOf(AOptions.Path);
   log.SetSourceName(channel);
   log.SetBackupFileName(AOptions.Path);
   log.SetActive(true);
 
-  TListing listing(AOptions, log.UsesImagedDescriptions(), AOut, AErr);
+  TListing listing(AOptions, log.UsesOfflineDescriptions(), AOut, AErr);
   const int64_t total = log.GetLastCount();
   TEventItemX item(&log);
   int status = 0;

@@ -38,6 +38,7 @@ int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 namespace qvx {
 class TImagedPC;
 class TEventLogBinXML;
+class TCatalogSet;
 }
 
 namespace qvx::app {
@@ -53,6 +54,7 @@ struct TEventsOptions {
   bool Quiet = false;
   bool AllIssues = false;
   std::string Imaged;    // Windows folder (or its drive root) that describes the events
+  std::vector<std::string> Catalogs; // message catalogs that describe what the installation does not
   TFilterOptions Filter; // which events are listed
   std::string Colors;    // color code file that paints the table's rows
   std::string ColorMode = "auto"; // auto (when stdout is a terminal), always, never
@@ -88,6 +90,24 @@ std::string FindWindowsFolder(const std::string& APath);
 // The active imaged computer of --imaged APath; null for "". Raises std::runtime_error
 // naming the option when the installation cannot be read.
 std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath);
+// The message catalogs of --catalog, each checked whole; null for none. Raises
+// std::runtime_error with one line naming the file that is not a usable catalog.
+std::unique_ptr<TCatalogSet> OpenCatalogs(const std::vector<std::string>& APaths);
+
+struct TCatalogOptions {
+  std::string Imaged;                 // build: the installation
+  bool Live = false;                  // build: the running Windows
+  std::string Output;                 // build, merge: the catalog written
+  std::vector<std::string> Languages; // build: message table languages
+  std::string Name;                   // build: the origin's name
+  std::vector<std::string> Inputs;    // info: one file; merge: the catalogs joined
+  bool Quiet = false;
+};
+
+// quorvex catalog build / info / merge. Return the exit status.
+int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+int RunCatalogInfo(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+int RunCatalogMerge(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
 // True when APath (or APath without an "@VOLUME" suffix) is a file or block device: a
 // disk image rather than a Windows folder.
@@ -129,6 +149,7 @@ struct TStoreOptions {
   bool Scan = false;             // open: deep-scan the logs (images, devices, damaged files)
   std::string TimeZone = "local";
   std::string Imaged;
+  std::vector<std::string> Catalogs;
   bool CheckDeleted = false;     // gaps in record numbers are listed as issues
   TLoadOptions Load;
   std::string Alerts;            // alert file tested against the new events

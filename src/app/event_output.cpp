@@ -110,7 +110,7 @@ public:
 
   void Begin() override {
     FBuffer += "Time,TimeUTC,Type,Level,EventID,Qualifiers,Version,Task,Opcode,Keywords,Source,Channel,Computer,"
-               "User,UserSID,RecordNumber,Description,Data\r\n";
+               "User,UserSID,RecordNumber,Description,Data,OpcodeName,KeywordNames\r\n";
   }
 
   void Write(TEventItemX& AItem) override {
@@ -158,6 +158,10 @@ public:
       FField += AItem.FStrings[i];
     }
     AppendCsvField(FBuffer, FField);
+    FBuffer += ',';
+    AppendCsvField(FBuffer, AItem.FOpcodeName);
+    FBuffer += ',';
+    AppendCsvField(FBuffer, AItem.FKeywordNames);
     FBuffer += "\r\n";
     FlushIfFull();
   }
@@ -206,6 +210,14 @@ public:
     AppendUnsigned(FBuffer, AItem.FOpCode);
     FBuffer += ",\"keywords\":";
     AppendJsonString(FBuffer, AItem.FKeywords);
+    if (!AItem.FOpcodeName.empty()) {
+      FBuffer += ",\"opcode_name\":";
+      AppendJsonString(FBuffer, AItem.FOpcodeName);
+    }
+    if (!AItem.FKeywordNames.empty()) {
+      FBuffer += ",\"keyword_names\":";
+      AppendJsonString(FBuffer, AItem.FKeywordNames);
+    }
     FBuffer += ",\"source\":";
     AppendJsonString(FBuffer, AItem.FSourceName);
     FBuffer += ",\"channel\":";

@@ -6,6 +6,8 @@
 #include "app/progress.h"
 
 #include "engine/event_log_binxml.h"
+#include "catalog/message_catalog.h"
+#include "catalog/sqlite_handle.h"
 #include "imaged/imaged_pc.h"
 #include "images/image_opener.h"
 #include "platform/nt_exception.h"
@@ -66,7 +68,7 @@ void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, T
 // Reads every event of ASource into the writer. Returns the exit status.
 int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, std::FILE* AOut,
                std::FILE* AErr) {
-  TListing listing(AOptions, ASource.UsesImagedDescriptions(), AOut, AErr);
+  TListing listing(AOptions, ASource.UsesOfflineDescriptions(), AOut, AErr);
   auto* scan = AScan ? static_cast<TEventLogScan*>(&ASource) : nullptr;
   const uint64_t fileSize = !AScan && ASource.EvtxFile() ? ASource.EvtxFile()->Count() * 65536ull + 4096 : 0;
   int status = 0;
@@ -140,6 +142,17 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
   return computer;
 }
 
+std::unique_ptr<TCatalogSet> OpenCatalogs(const std::vector<std::string>& APaths) {
+  if (APaths.empty()) return nullptr;
+  auto catalogs = std::make_unique<TCatalogSet>();
+  try {
+    for (const std::string& path : APaths) catalogs->Add(path);
+  } catch (const ECatalogError& e) {
+    throw std::runtime_error(std::string("--catalog ") + e.what());
+  }
+  return catalogs;
+}
+
 std::unique_ptr<TEventLogBinXML> OpenEvtxLog(const std::string& APath, const std::string& ATimeZone, unsigned AThreads,
                                              TImagedPC* AImaged, std::FILE* AErr, bool& AScan) {
   // The checks of the file header name the fault; a header whose chunk count does not
@@ -168,10 +181,12 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
       hooks.PrintSummary = PrintSummary;
       return ReadClassicEvents(AOptions, hooks, AOut, AErr);
     }
+    const std::unique_ptr<TCatalogSet> catalogs = OpenCatalogs(AOptions.Catalogs);
     const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
     bool scan = false;
     const std::unique_ptr<TEventLogBinXML> source =
         OpenEvtxLog(AOptions.Path, AOptions.TimeZone, AOptions.Threads, imaged.get(), AErr, scan);
+    source->SetCatalogs(catalogs.get());
     return ReadEvents(*source, scan, AOptions, AOut, AErr);
   } catch (const std::exception& e) {
     // The header checks are shared with dump, whose hint names its own option.
@@ -186,9 +201,11 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
 
 int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
+    const std::unique_ptr<TCatalogSet> catalogs = OpenCatalogs(AOptions.Catalogs);
     const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
     TEventLogScan source;
     source.SetImagedDescrServer(imaged.get());
+    source.SetCatalogs(catalogs.get());
     ApplyTimeZone(source, AOptions.TimeZone);
     source.SetReadAhead(AOptions.Threads);
     source.SetBackupFileName(AOptions.Path);

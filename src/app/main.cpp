@@ -98,6 +98,10 @@ int main(int argc, char** argv) {
     ACommand->add_option("--imaged", events.Imaged,
                          "Describe the events from this offline Windows installation: its Windows folder or\n"
                          "the drive it lies on (a mounted image or a copy), read with no Windows needed");
+    ACommand->add_option("--catalog", events.Catalogs,
+                         "Describe the events from this message catalog ('quorvex catalog build'; repeatable):\n"
+                         "what --imaged has no text for, or every event without --imaged")
+        ->allow_extra_args(false);
   };
   auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx or classic .evt file, newest first");
   cmdEvents->add_option("file", events.Path,
@@ -140,6 +144,31 @@ int main(int argc, char** argv) {
                     "message files (mapped into the image), and the users of its profile list.\n"
                     "Then: quorvex events LOG --imaged DIR  describes LOG's events as that Windows would.");
 
+  TCatalogOptions catalog;
+  std::string catalogLanguages;
+  auto* cmdCatalog = app.add_subcommand("catalog", "Build, show and merge message catalogs that describe events anywhere");
+  cmdCatalog->require_subcommand(1);
+  auto* cmdCatalogBuild = cmdCatalog->add_subcommand("build", "Write the message catalog of a Windows installation");
+  cmdCatalogBuild->add_option("--imaged", catalog.Imaged,
+                              "The installation: its Windows folder or the drive it lies on");
+  cmdCatalogBuild->add_flag("--live", catalog.Live, "The running Windows system (Windows only)");
+  cmdCatalogBuild->add_option("-o,--output", catalog.Output, "The catalog file to write (replaced)")->required();
+  cmdCatalogBuild->add_option("--lang", catalogLanguages,
+                              "Message table languages in order of preference, such as en-US,de-DE\n"
+                              "(default: the installation's UI languages)");
+  cmdCatalogBuild->add_option("--name", catalog.Name, "The installation's name in the catalog (default: its product)");
+  cmdCatalogBuild->add_flag("-q,--quiet", catalog.Quiet, "Do not list the message files that cannot be read");
+  cmdCatalogBuild->footer("The catalog holds every publisher and classic event source of the installation: names,\n"
+                          "GUIDs, message files and versions, event definitions, task names and the message tables\n"
+                          "of the chosen languages. Then: quorvex events LOG --catalog FILE  on any computer.");
+  auto* cmdCatalogInfo = cmdCatalog->add_subcommand("info", "List a catalog's installations, counts and languages");
+  cmdCatalogInfo->add_option("file", catalog.Inputs, "Catalog files")->required();
+  auto* cmdCatalogMerge = cmdCatalog->add_subcommand("merge", "Join catalogs of several Windows versions into one");
+  cmdCatalogMerge->add_option("catalogs", catalog.Inputs, "The catalogs to join")->required()->expected(2, -1);
+  cmdCatalogMerge->add_option("-o,--output", catalog.Output, "The catalog file to write (replaced)")->required();
+  cmdCatalogMerge->footer("Identical message tables are stored once. With several installations for one source,\n"
+                          "the event's own version decides, else the newest installation (highest build).");
+
   TXPathOptions xpath;
   auto* cmdXPath = app.add_subcommand("xpath", "Turn a filter into the XML query of Windows' event log tools, or read one back");
   AddFilterOptions(*cmdXPath, xpath.Filter);
@@ -163,6 +192,9 @@ int main(int argc, char** argv) {
   auto addLoadOptions = [&](CLI::App* ACommand) {
     ACommand->add_option("--tz", store.TimeZone, "Time shift of the stored times (as for 'events'; default local)");
     ACommand->add_option("--imaged", store.Imaged, "Describe the events from this offline Windows installation");
+    ACommand->add_option("--catalog", store.Catalogs,
+                         "Describe the events from this message catalog (repeatable; kept for 'refresh')")
+        ->allow_extra_args(false);
     ACommand->add_flag("--check-deleted", store.CheckDeleted,
                        "List gaps in record numbers as potentially deleted events");
     ACommand->add_option("--alerts", store.Alerts,
@@ -302,6 +334,16 @@ int main(int argc, char** argv) {
   if (app.got_subcommand("zones")) return RunZones(stdout);
   if (*cmdInfo) return RunInfo(info, stdout, stderr);
   if (*cmdImaged) return RunImaged(imaged, stdout, stderr);
+  if (*cmdCatalogBuild) {
+    for (size_t start = 0, end; start < catalogLanguages.size(); start = end + 1) {
+      end = catalogLanguages.find(',', start);
+      if (end == std::string::npos) end = catalogLanguages.size();
+      if (end > start) catalog.Languages.push_back(catalogLanguages.substr(start, end - start));
+    }
+    return RunCatalogBuild(catalog, stdout, stderr);
+  }
+  if (*cmdCatalogInfo) return RunCatalogInfo(catalog, stdout, stderr);
+  if (*cmdCatalogMerge) return RunCatalogMerge(catalog, stdout, stderr);
   if (*cmdXPath) return RunXPath(xpath, stdout, stderr);
   if (*cmdOpen) return RunOpen(store, stderr);
   if (*cmdRefresh) return RunRefresh(store, stderr);

@@ -14,6 +14,7 @@
 #include "automation/alert_patterns.h"
 #include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
+#include "catalog/message_catalog.h"
 #include "imaged/imaged_pc.h"
 #include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
@@ -218,6 +219,7 @@ std::string TypeCounts(const TLogStatistics& AStats) {
 // and turns Ctrl-C into a break. Returns the exit status.
 int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vector<TStoredEntry>& AEntries,
               bool ARefresh, std::FILE* AErr) {
+  const std::unique_ptr<TCatalogSet> catalogs = OpenCatalogs(AOptions.Catalogs);
   const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
   TLogView view;
   view.Store = &AStore;
@@ -259,6 +261,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
       source = std::move(x);
     }
     source->SetImagedDescrServer(imaged.get());
+    source->SetCatalogs(catalogs.get());
     ApplyTimeZone(*source, AOptions.TimeZone);
     source->SetBackupFileName(AEntry.FileName);
     source->SetActive(true);
@@ -353,8 +356,11 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
 }
 
 std::map<std::string, std::string> SettingsOf(const TStoreOptions& AOptions) {
+  std::string catalogs; // one file a line
+  for (const std::string& catalog : AOptions.Catalogs) catalogs.append(catalog).push_back('\n');
   return {{"TimeZone", AOptions.TimeZone},
           {"Imaged", AOptions.Imaged},
+          {"Catalogs", catalogs},
           {"CheckDeleted", AOptions.CheckDeleted ? "1" : "0"}};
 }
 
@@ -454,6 +460,14 @@ int RunRefresh(const TStoreOptions& AOptions, std::FILE* AErr) {
     // The zone and the installation of the first load, unless given again.
     if (options.TimeZone.empty()) options.TimeZone = settings["TimeZone"];
     if (options.Imaged.empty()) options.Imaged = settings["Imaged"];
+    if (options.Catalogs.empty()) {
+      const std::string& catalogs = settings["Catalogs"];
+      for (size_t start = 0, end; start < catalogs.size(); start = end + 1) {
+        end = catalogs.find('\n', start);
+        if (end == std::string::npos) end = catalogs.size();
+        if (end > start) options.Catalogs.push_back(catalogs.substr(start, end - start));
+      }
+    }
     options.CheckDeleted = options.CheckDeleted || settings["CheckDeleted"] == "1";
     store.PrepareMerge();
     const int status = LoadStore(options, store, entries, true, AErr);

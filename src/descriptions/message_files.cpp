@@ -266,9 +266,9 @@ bool TMessageFiles::LoadFirstMessageModule(std::string_view AFileList, TPeMessag
   return false;
 }
 
-bool TMessageFiles::FindInModule(const TPeMessageSource& AModule, uint32_t AMessageId, std::string& AText) const {
+bool MessageTemplate(const TProviderMessageSource& ASource, uint32_t AMessageId, std::string& AText) {
   std::string raw;
-  if (!AModule.FindMessage(AMessageId, raw)) return false;
+  if (!ASource.FindMessage(AMessageId, raw)) return false;
   // As FormatMessage with inserts ignored: escapes such as %n apply, inserts stay.
   std::string formatted;
   if (!FormatMessageText(raw, {}, fmIgnoreInserts, formatted)) formatted = std::move(raw);
@@ -292,7 +292,7 @@ bool TMessageFiles::FindInModule(const TPeMessageSource& AModule, uint32_t AMess
 bool TMessageFiles::FormatMessageFromFiles(std::string_view AFileList, uint32_t AMessageId, std::string& AText) {
   for (const std::string& path : SplitFileList(AFileList)) {
     if (!LoadModule(path, FModule)) continue;
-    const bool found = FindInModule(FModule, AMessageId, AText);
+    const bool found = MessageTemplate(FModule, AMessageId, AText);
     FModule = TPeMessageSource();
     if (found) return true;
   }

@@ -85,6 +85,11 @@ const TSourceProperties* GetEventSourceProperties(const TComputerRegistry& ARegi
 // "\SYSTEM\CurrentControlSet\Control\MUI\UILanguages"); empty when the key is missing.
 std::vector<std::string> ReadUILanguages(const TComputerRegistry& ARegistry);
 
+// The template of AMessageId in ASource as the description step uses it: escapes other
+// than inserts applied (the raw text when formatting fails), trailing line break cut, at
+// most 16384 UTF-16 units. False when ASource has no such message.
+bool MessageTemplate(const TProviderMessageSource& ASource, uint32_t AMessageId, std::string& AText);
+
 // Reading message files for one log source (or one imaged computer). Not thread-safe:
 // used by the thread that reads the source.
 class TMessageFiles {
@@ -146,7 +151,6 @@ public:
 
 private:
   bool TryLoad(const std::string& APath, TPeMessageSource& AModule);
-  bool FindInModule(const TPeMessageSource& AModule, uint32_t AMessageId, std::string& AText) const;
   void Report(const std::string& APath, const std::string& AText);
 
   std::vector<std::string> FLanguageNames;

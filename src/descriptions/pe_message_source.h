@@ -7,6 +7,7 @@
 #include "platform/pe_resources.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -25,6 +26,12 @@ public:
   bool Open(std::span<const uint8_t> AImage, const std::vector<uint16_t>& ALanguages);
 
   bool FindMessage(uint32_t AMessageId, std::string& AText) const override;
+  // Every readable message of the table taken (none without one), as TMessageTable::ForEach.
+  void ForEachMessage(const std::function<void(uint32_t, const std::string&)>& AVisit) const {
+    if (FHasTable) FTable.ForEach(AVisit);
+  }
+  // The file version of the module's version resource ("10.0.22621.1"); "" when it has none.
+  std::string FileVersion() const;
 
   // The module's provider metadata: resource 1 of type "WEVT_TEMPLATE" (any language).
   std::optional<std::span<const uint8_t>> WevtTemplate() const;

@@ -90,6 +90,8 @@ int TTaskInfoComparer::Compare(const TTaskInfo& A, const TTaskInfo& B) {
 bool TGuidProvider::Process(std::span<const uint8_t> AResource) {
   using namespace wevt;
   FEvents.clear();
+  FOpcodes.clear();
+  FKeywords.clear();
   FIssue.clear();
   FBlockOffset = 0;
   FBlockSize = 0;
@@ -144,6 +146,8 @@ bool TGuidProvider::Process(std::span<const uint8_t> AResource) {
   const uint64_t maxTasks = res.Size() / kTaskDefinitionSize;
   uint64_t eventsRead = 0;
   uint64_t tasksRead = 0;
+  uint64_t namesRead = 0; // opcodes and keywords, at least 12 bytes each
+  const uint64_t maxNames = res.Size() / kOpcodeDefinitionSize;
   const uint64_t elementCount = res.ReadU32(blockOffset + kOfsElementCount);
   for (uint64_t e = 0; e < elementCount; ++e) {
     const uint64_t descriptor = blockOffset + kProviderBlockHeaderSize + e * kElementDescriptorSize;
@@ -183,6 +187,10 @@ bool TGuidProvider::Process(std::span<const uint8_t> AResource) {
         info.LevelOpcode = res.ReadU16(def + kOfsEventLevelOpcode);
         info.Opcode = res.ReadU8(def + kOfsEventOpcode);
         info.Trailing = res.ReadU32(def + kOfsEventTrailing);
+        info.Channel = res.ReadU8(def + kOfsEventChannel);
+        info.Level = res.ReadU8(def + kOfsEventLevel);
+        info.Task = res.ReadU16(def + kOfsEventTask);
+        info.Keywords = res.ReadU64(def + kOfsEventKeywords);
         FEvents.push_back(info);
       }
     } else if (signature == kTaskSignature) {
@@ -208,6 +216,40 @@ bool TGuidProvider::Process(std::span<const uint8_t> AResource) {
         if (info.MessageId == kNoMessageId) continue;
         info.Value = res.ReadU32(def + kOfsTaskValue);
         FTasks.push_back(info);
+      }
+    } else if (signature == kOpcodeSignature || signature == kKeywordSignature) {
+      const bool opcodes = signature == kOpcodeSignature;
+      const uint64_t step = opcodes ? kOpcodeDefinitionSize : kKeywordDefinitionSize;
+      if (count * step + kNamesHeaderSize > size) {
+        NoteDefect(FIssue, opcodes ? "OPCO count beyond the element size" : "KEYW count beyond the element size",
+                   element + kOfsElementCount2);
+        continue;
+      }
+      for (uint64_t k = 0; k < count; ++k) {
+        const uint64_t def = element + kNamesHeaderSize + k * step;
+        if (!res.Fits(def, step)) {
+          NoteDefect(FIssue, opcodes ? "opcode definition past the end of the resource"
+                                     : "keyword definition past the end of the resource", def);
+          break;
+        }
+        if (++namesRead > maxNames) {
+          NoteDefect(FIssue, opcodes ? "OPCO elements overlap" : "KEYW elements overlap", element);
+          break;
+        }
+        if (opcodes) {
+          TOpcodeInfo info;
+          info.MessageId = res.ReadU32(def + kOfsOpcodeMessageId);
+          if (info.MessageId == kNoMessageId) continue;
+          info.Task = res.ReadU16(def + kOfsOpcodeTask);
+          info.Value = res.ReadU16(def + kOfsOpcodeValue);
+          FOpcodes.push_back(info);
+        } else {
+          TKeywordInfo info;
+          info.MessageId = res.ReadU32(def + kOfsKeywordMessageId);
+          if (info.MessageId == kNoMessageId) continue;
+          info.Mask = res.ReadU64(def + kOfsKeywordMask);
+          FKeywords.push_back(info);
+        }
       }
     }
   }
@@ -243,6 +285,28 @@ bool TGuidProvider::TaskMessage(uint32_t ATask, const TProviderMessageSource& AS
                                 std::string& AText) const {
   AText.clear();
   return ASource.FindMessage(GetFullTaskID(ATask), AText);
+}
+
+uint32_t FindOpcodeMessage(const std::vector<TOpcodeInfo>& AOpcodes, uint16_t ATask, uint8_t AOpcode) {
+  uint32_t shared = kNoMessageId;
+  for (const TOpcodeInfo& opcode : AOpcodes) {
+    if (opcode.Value != AOpcode) continue;
+    if (opcode.Task == ATask && ATask != 0) return opcode.MessageId;
+    if (opcode.Task == 0 && shared == kNoMessageId) shared = opcode.MessageId;
+  }
+  return shared;
+}
+
+bool JoinKeywordNames(const std::vector<TKeywordInfo>& AKeywordTable, uint64_t AKeywords, std::string& AText,
+                      const std::function<bool(uint32_t, std::string&)>& AName) {
+  AText.clear();
+  std::string name;
+  for (const TKeywordInfo& keyword : AKeywordTable) {
+    if (keyword.Mask == 0 || (AKeywords & keyword.Mask) != keyword.Mask || !AName(keyword.MessageId, name)) continue;
+    if (!AText.empty()) AText.append(", ");
+    AText.append(name);
+  }
+  return !AText.empty();
 }
 
 // ---- TGuidProviders -----------------------------------------------------------------

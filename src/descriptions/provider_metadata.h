@@ -33,11 +33,11 @@
 //   16      48 * N      event definitions:
 //     +0    2           event identifier
 //     +2    1           version
-//     +3    1           channel                                not read
+//     +3    1           channel
 //     +4    1           level      } read together as the level-and-opcode word
-//     +5    1           opcode     } and the opcode once more on its own
-//     +6    2           task                                   not read
-//     +8    8           keywords                               not read
+//     +5    1           opcode     } and each once more on its own
+//     +6    2           task
+//     +8    8           keywords
 //     +16   4           message identifier, 0xFFFFFFFF: none (the definition is skipped)
 //     +20   24          template, opcode, level, task offsets and others   not read
 //     +44   4           trailing word (flags)
@@ -52,6 +52,25 @@
 //     +8    16          task GUID                              not read
 //     +24   4           offset of the task name                not read
 //
+//   Opcodes element "OPCO"
+//   0       4           signature
+//   4       4           element size S
+//   8       4           opcode definition count N              N * 12 + 12 <= S
+//   12      12 * N      opcode definitions:
+//     +0    2           task the opcode belongs to (0: every task)
+//     +2    2           opcode value
+//     +4    4           message identifier, 0xFFFFFFFF: none (the definition is skipped)
+//     +8    4           offset of the opcode name                not read
+//
+//   Keywords element "KEYW"
+//   0       4           signature
+//   4       4           element size S
+//   8       4           keyword definition count N             N * 16 + 12 <= S
+//   12      16 * N      keyword definitions:
+//     +0    8           keyword mask
+//     +8    4           message identifier, 0xFFFFFFFF: none (the definition is skipped)
+//     +12   4           offset of the keyword name               not read
+//
 // Nothing here loads a module: the caller hands over the resource bytes (from the PE
 // resource reader) and, for texts, a TProviderMessageSource over the provider's message
 // file.
@@ -59,6 +78,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -72,6 +92,16 @@ inline constexpr uint32_t kCrimMagic = 0x4D495243; // "CRIM"
 inline constexpr uint32_t kWevtMagic = 0x54564557; // "WEVT"
 inline constexpr uint32_t kEvntSignature = 0x544E5645; // "EVNT"
 inline constexpr uint32_t kTaskSignature = 0x4B534154; // "TASK"
+inline constexpr uint32_t kOpcodeSignature = 0x4F43504F; // "OPCO"
+inline constexpr uint32_t kKeywordSignature = 0x5759454B; // "KEYW"
+inline constexpr uint32_t kNamesHeaderSize = 12; // OPCO and KEYW
+inline constexpr uint32_t kOpcodeDefinitionSize = 12;
+inline constexpr uint32_t kOfsOpcodeTask = 0;
+inline constexpr uint32_t kOfsOpcodeValue = 2;
+inline constexpr uint32_t kOfsOpcodeMessageId = 4;
+inline constexpr uint32_t kKeywordDefinitionSize = 16;
+inline constexpr uint32_t kOfsKeywordMask = 0;
+inline constexpr uint32_t kOfsKeywordMessageId = 8;
 
 inline constexpr uint32_t kMinResourceSize = 36;
 inline constexpr uint32_t kResourceHeaderSize = 16;
@@ -95,6 +125,10 @@ inline constexpr uint32_t kOfsEventId = 0;
 inline constexpr uint32_t kOfsEventVersion = 2;
 inline constexpr uint32_t kOfsEventLevelOpcode = 4;
 inline constexpr uint32_t kOfsEventOpcode = 5;
+inline constexpr uint32_t kOfsEventChannel = 3;
+inline constexpr uint32_t kOfsEventLevel = 4;
+inline constexpr uint32_t kOfsEventTask = 6;
+inline constexpr uint32_t kOfsEventKeywords = 8;
 inline constexpr uint32_t kOfsEventMessageId = 16;
 inline constexpr uint32_t kOfsEventTrailing = 44;
 inline constexpr uint32_t kTasksHeaderSize = 12;
@@ -129,11 +163,28 @@ struct TEventInfo {
   uint8_t Opcode = 0;
   uint32_t Trailing = 0;
   uint32_t MessageId = 0;
+  uint8_t Channel = 0;
+  uint8_t Level = 0;
+  uint16_t Task = 0;
+  uint64_t Keywords = 0;
 };
 
 // One task definition with a message.
 struct TTaskInfo {
   uint32_t Value = 0;
+  uint32_t MessageId = 0;
+};
+
+// One opcode definition with a message (Task 0: the opcode of every task).
+struct TOpcodeInfo {
+  uint16_t Task = 0;
+  uint16_t Value = 0;
+  uint32_t MessageId = 0;
+};
+
+// One keyword definition with a message.
+struct TKeywordInfo {
+  uint64_t Mask = 0;
   uint32_t MessageId = 0;
 };
 
@@ -194,6 +245,15 @@ public:
   size_t TaskCount() const { return FTasks.size(); }
   const TTaskInfo& GetTask(size_t AIndex) const { return FTasks.at(AIndex); }
 
+  // The opcode and keyword tables in resource order; the getters raise std::out_of_range
+  // for an index outside them.
+  size_t OpcodeCount() const { return FOpcodes.size(); }
+  const TOpcodeInfo& GetOpcode(size_t AIndex) const { return FOpcodes.at(AIndex); }
+  size_t KeywordCount() const { return FKeywords.size(); }
+  const TKeywordInfo& GetKeyword(size_t AIndex) const { return FKeywords.at(AIndex); }
+  const std::vector<TOpcodeInfo>& Opcodes() const { return FOpcodes; }
+  const std::vector<TKeywordInfo>& Keywords() const { return FKeywords; }
+
   // The message identifier of event AId in version AVersion; when that version is not
   // in the table, the one of the event's lowest version; kNoMessageId when the event is
   // not in the table.
@@ -217,7 +277,18 @@ private:
   uint32_t FBlockSize = 0;
   std::vector<TEventInfo> FEvents;
   std::vector<TTaskInfo> FTasks;
+  std::vector<TOpcodeInfo> FOpcodes;
+  std::vector<TKeywordInfo> FKeywords;
 };
+
+// The message of opcode AOpcode of task ATask: the task's own definition, else the
+// provider-wide one (task 0); kNoMessageId when neither is there.
+uint32_t FindOpcodeMessage(const std::vector<TOpcodeInfo>& AOpcodes, uint16_t ATask, uint8_t AOpcode);
+
+// The names of the provider's keywords whose bits are all set in AKeywords, in table order,
+// joined by ", ", each from AName(message id). False (AText empty) when none is named.
+bool JoinKeywordNames(const std::vector<TKeywordInfo>& AKeywordTable, uint64_t AKeywords, std::string& AText,
+                      const std::function<bool(uint32_t, std::string&)>& AName);
 
 // The providers met so far; owns them. Pointers stay valid for the list's life.
 class TGuidProviders {

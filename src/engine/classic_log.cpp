@@ -615,7 +615,41 @@ void TNTEventLog::GetItemsFromData(std::string& AText, const std::string& ASourc
     FDescriptionFound = true;
     return;
   }
+  if (DescribeFromCatalogs(AText, ASourceName, AEventId, AStrings)) {
+    FDescriptionFound = true;
+    return;
+  }
   AText = BuildDescriptionNotFound(AEventId, ASourceName, AStrings);
+}
+
+bool TNTEventLog::DescribeFromCatalogs(std::string& AText, const std::string& ASource, uint32_t AEventId,
+                                       const TStringList& AStrings) {
+  if (!FCatalogs || ASource.empty()) return false;
+  // Catalog texts are cached apart from the registry's, whose misses they fill.
+  FCatalogKey = "\x01" "catalog\x01";
+  FCatalogKey.append(ASource);
+  std::string tmpl;
+  std::string_view cached;
+  if (FEventDescriptionCache->GetDescription(FCatalogKey, AEventId, cached)) {
+    if (cached == kDescriptionNotFound) return false;
+    tmpl.assign(cached);
+  } else {
+    const uint32_t id = detail::EqualsNoCase(ASource, kKernelGeneralSource) ? AEventId + kKernelGeneralIdOffset : AEventId;
+    bool found = FCatalogs->GetEventMessage(ASource, id, 0, tmpl);
+    if (!found && (AEventId >> 16) == 0) found = FCatalogs->GetEventMessage(ASource, AEventId | kSeverityRetryBits, 0, tmpl);
+    if (!found) {
+      FEventDescriptionCache->AddDescription(FCatalogKey, AEventId, kDescriptionNotFound);
+      return false;
+    }
+    for (size_t pos = tmpl.find("\r\n\r\n"); pos != std::string::npos; pos = tmpl.find("\r\n\r\n", pos + 2))
+      tmpl.erase(pos, 2);
+    FEventDescriptionCache->AddDescription(FCatalogKey, AEventId, tmpl);
+  }
+  const auto parameter = [&](uint32_t AId, std::string& AValue) { return FCatalogs->GetParam(ASource, AId, AValue); };
+  if (!Files().ApplyInserts(tmpl, {}, AStrings, AText, parameter)) return false;
+  for (size_t pos = AText.find("\r\n\r\n"); pos != std::string::npos; pos = AText.find("\r\n\r\n", pos + 2))
+    AText.erase(pos, 2);
+  return true;
 }
 
 const std::string& TNTEventLog::CategoryName(const std::string& ASource, uint16_t ACategory) {
@@ -638,6 +672,7 @@ const std::string& TNTEventLog::CategoryName(const std::string& ASource, uint16_
     const std::string files = PropertyValue(properties, "CategoryMessageFile");
     ok = !files.empty() && Files().FormatMessageFromFiles(files, ACategory, text);
   }
+  if (!ok && FCatalogs) ok = FCatalogs->GetEventTask(ASource, ACategory, text);
   if (!ok) {
     char number[16];
     std::snprintf(number, sizeof number, "(%u)", ACategory);

@@ -228,6 +228,9 @@ private:
   bool ReadRecords(uint32_t AFlags, std::vector<uint8_t>& ABuffer, uint32_t& ARead, uint32_t& ANeeded,
                    uint32_t& AError);
   TMessageFiles& Files();
+  // The description from the catalogs when they are set: false when they have none.
+  bool DescribeFromCatalogs(std::string& AText, const std::string& ASource, uint32_t AEventId,
+                            const TStringList& AStrings);
   void OpenRaw();
   [[noreturn]] void RaiseReadError(uint32_t ACode) const;
 
@@ -265,6 +268,7 @@ private:
   TMessageFiles FMessageFiles;
   std::string FCategoryText;
   TSourceProperties FProperties;
+  std::string FCatalogKey; // the description cache's key for catalog texts
   std::vector<uint8_t> FBuffer;
 };
 

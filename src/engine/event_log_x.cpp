@@ -4,7 +4,9 @@
 #include "descriptions/sid_store.h"
 #include "imaged/imaged_pc.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 // g++ 12 warns about std::function members inside <regex> with sanitizers on (a
 // false positive in the library's own code).
@@ -27,6 +29,8 @@ void TEventItemX::Assign(const TEventItemBase& ASource) {
     FUserSid = x->FUserSid;
     FSystemTime = x->FSystemTime;
     FKeywords = x->FKeywords;
+    FOpcodeName = x->FOpcodeName;
+    FKeywordNames = x->FKeywordNames;
     FEventIDQual = x->FEventIDQual;
     FVersion = x->FVersion;
     FLevel = x->FLevel;
@@ -65,11 +69,9 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     if (found) {
       AFields.Task.assign(cached);
     } else {
-      if (UsesImagedDescriptions()) {
-        if (!FImagedDescrServer->GetEventTask(AFields.ProviderName, task, AFields.Task)) AFields.Task.clear();
-      } else {
-        AFields.Task = EVTXGetTaskName(AFields.ProviderName, task);
-      }
+      // Catalogs alone leave what they lack to the system's own metadata, as without them.
+      if (!UsesOfflineDescriptions() || !FOfflineServers.GetEventTask(AFields.ProviderName, task, AFields.Task))
+        AFields.Task = UsesImagedDescriptions() ? std::string() : EVTXGetTaskName(AFields.ProviderName, task);
       if (AFields.Task.empty()) {
         char number[16];
         std::snprintf(number, sizeof number, "(%u)", task);
@@ -79,16 +81,42 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
     }
   }
   AFields.UserName = FUserNameCache->AddUserName(AFields.UserID);
+  AFields.OpcodeName.clear();
+  AFields.KeywordNames.clear();
+  if (!UsesOfflineDescriptions() || AFields.ProviderName.empty()) return;
+  // Names come from the publisher's metadata, looked up once per provider, task, opcode
+  // and keywords; an event costs one hash lookup and a short scan, no allocation.
+  const auto opcode = static_cast<uint8_t>(TextToInt(AFields.OpCode));
+  const uint64_t keywords = AFields.Keywords.empty() ? 0 : std::strtoull(AFields.Keywords.c_str(), nullptr, 16);
+  auto provider = FNameCache.find(std::string_view(AFields.ProviderName));
+  if (provider == FNameCache.end()) provider = FNameCache.emplace(AFields.ProviderName, std::vector<TNameEntry>()).first;
+  std::vector<TNameEntry>& entries = provider->second;
+  auto entry = std::find_if(entries.begin(), entries.end(), [&](const TNameEntry& AEntry) {
+    return AEntry.Task == task && AEntry.Opcode == opcode && AEntry.Keywords == keywords;
+  });
+  if (entry == entries.end()) {
+    TNameEntry added{task, opcode, keywords, {}, {}};
+    if (!FOfflineServers.GetOpcodeName(AFields.ProviderName, static_cast<uint16_t>(task), opcode, added.OpcodeName))
+      added.OpcodeName.clear();
+    if (keywords == 0 || !FOfflineServers.GetKeywordNames(AFields.ProviderName, keywords, added.KeywordNames))
+      added.KeywordNames.clear();
+    entries.push_back(std::move(added));
+    entry = entries.end() - 1;
+  }
+  AFields.OpcodeName = entry->OpcodeName;
+  AFields.KeywordNames = entry->KeywordNames;
 }
 
 bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
                                     uint16_t AEventIdQual, uint8_t AVersion, const TStringList& AStrings) {
-  if (!UsesImagedDescriptions()) return false;
-  TImagedPC& computer = *FImagedDescrServer;
+  if (!UsesOfflineDescriptions()) return false;
+  TEventMessageServer& computer = FOfflineServers;
   // A classic source's message id holds the qualifiers in its upper 16 bits; a
   // publisher's depends on the event's version, which joins the cache key.
   const uint32_t id = (static_cast<uint32_t>(AEventIdQual) << 16) | (AEventId & 0xFFFF);
   FCacheSource = ASourceName;
+  // Catalog texts alone are kept apart from the system's, which fill what they lack.
+  if (!UsesImagedDescriptions()) FCacheSource.insert(0, "\x01" "catalog\x01");
   if (AVersion != 0) {
     FCacheSource.append("/v");
     FCacheSource.append(std::to_string(AVersion));
@@ -96,6 +124,8 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
   std::string_view cached;
   if (FEventDescriptionCache->GetDescription(FCacheSource, id, cached)) {
     if (cached == kDescriptionNotFound) {
+      // Without the imaged computer, what the catalogs lack is looked up as without them.
+      if (!UsesImagedDescriptions()) return false;
       AText.assign(1, kNoDescriptionMark);
       return true;
     }
@@ -107,6 +137,7 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
       found = computer.GetEventMessage(ASourceName, id | kSeverityRetryBits, AVersion, FTemplate);
     if (!found) {
       FEventDescriptionCache->AddDescription(FCacheSource, id, kDescriptionNotFound);
+      if (!UsesImagedDescriptions()) return false;
       AText.assign(1, kNoDescriptionMark);
       return true;
     }
@@ -115,7 +146,7 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
     FEventDescriptionCache->AddDescription(FCacheSource, id, FTemplate);
   }
   const auto parameter = [&](uint32_t AId, std::string& AValue) { return computer.GetParam(ASourceName, AId, AValue); };
-  if (!computer.MessageFiles().ApplyInserts(FTemplate, {}, AStrings, AText, parameter))
+  if (!FInsertFiles.ApplyInserts(FTemplate, {}, AStrings, AText, parameter))
     AText.assign(1, kNoDescriptionMark);
   return true;
 }
@@ -177,6 +208,8 @@ void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
     item.SetSID(nullptr, 0);
   item.FSystemTime = AFields.TimeCreated;
   item.FKeywords = AFields.Keywords;
+  item.FOpcodeName = AFields.OpcodeName;
+  item.FKeywordNames = AFields.KeywordNames;
   item.FEventIDQual = static_cast<uint16_t>(TextToInt(AFields.EventIDQual));
   item.FVersion = static_cast<uint8_t>(TextToInt(AFields.Version));
   item.FLevel = static_cast<uint8_t>(TextToInt(AFields.Level));

@@ -8,6 +8,7 @@
 // other platforms they raise ELiveLogUnavailable.
 #pragma once
 
+#include "descriptions/message_files.h"
 #include "engine/event_model.h"
 #include "engine/event_xml.h"
 
@@ -17,6 +18,8 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
+#include <utility>
 
 namespace qvx {
 
@@ -39,6 +42,8 @@ public:
   std::string FUserSid;   // SID text of the Security element
   std::string FSystemTime; // SystemTime attribute as written
   std::string FKeywords;
+  std::string FOpcodeName;   // from offline metadata (imaged computer, catalogs); empty when unknown
+  std::string FKeywordNames; // likewise, the keyword bits' names joined by ", "
   uint16_t FEventIDQual = 0;
   uint8_t FVersion = 0;
   uint8_t FLevel = 0;
@@ -159,9 +164,9 @@ protected:
   // The task name ("None" for task 0, else the task cache, the publisher's metadata, or
   // the number in parentheses, which is then cached) and the user name of the SID.
   void ResolveTaskAndUser(TEventXmlFields& AFields);
-  // The description from the imaged computer when it is the description server: true
-  // with AText set (the description, or the no-description mark), false when it is not
-  // in use.
+  // The description from the offline servers (the imaged computer when it is the
+  // description server, then the catalogs): true with AText set (the description, or the
+  // no-description mark), false when none is in use.
   bool DescribeFromImaged(std::string& AText, const std::string& ASourceName, uint32_t AEventId,
                           uint16_t AEventIdQual, uint8_t AVersion, const TStringList& AStrings);
   // Makes the description the no-description mark followed by the data values, one per line.
@@ -190,6 +195,14 @@ protected:
   std::vector<char16_t> FRenderBuffer; // Windows rendering buffer, grows from 8192 bytes
   std::string FCacheSource;            // reused description cache key
   std::string FTemplate;
+  TMessageFiles FInsertFiles; // formats offline templates (loads no file)
+  struct TNameEntry {
+    uint32_t Task = 0;
+    uint8_t Opcode = 0;
+    uint64_t Keywords = 0;
+    std::string OpcodeName, KeywordNames;
+  };
+  detail::TNoCaseMap<std::vector<TNameEntry>> FNameCache; // by provider
 };
 
 } // namespace qvx

@@ -7,6 +7,7 @@
 // their session is dropped.
 #include "engine/event_log_x.h"
 
+#include "descriptions/provider_metadata.h" // kNoMessageId
 #include "engine/evtx/chunk_reader.h"
 #include "platform/nt_exception.h"
 #include "platform/utf16.h"
@@ -34,7 +35,6 @@ static_assert(sizeof(EVT_VARIANT) == 16, "EVT_VARIANT is 8 bytes of value, a cou
 namespace {
 
 constexpr uint32_t kBatchSize = 100;
-constexpr uint32_t kNoMessageId = 0xFFFFFFFF;
 
 std::wstring Wide(std::string_view AText) {
   const std::u16string text = Utf8ToUtf16(AText);

@@ -216,6 +216,7 @@ void TEventLogBase::SetImagedDescrServer(TImagedPC* AComputer) {
   FImagedDescrServer = AComputer;
   if (!AComputer) {
     SetDescriptionServer("[DEFAULT]");
+    RebuildOfflineServers();
     return;
   }
   SetDescriptionServer("[IMAGED]");
@@ -227,6 +228,20 @@ void TEventLogBase::SetImagedDescrServer(TImagedPC* AComputer) {
     FTimeZonesRead = true;
   }
   AComputer->MessageFiles().OnIssue = [this](const std::string& AText) { FIssueList->AddIssue(AText); };
+  RebuildOfflineServers();
+}
+
+void TEventLogBase::SetCatalogs(TEventMessageServer* ACatalogs) {
+  FCatalogs = ACatalogs;
+  FEventDescriptionCache->Clear();
+  FCategoryCache->Clear();
+  RebuildOfflineServers();
+}
+
+void TEventLogBase::RebuildOfflineServers() {
+  FOfflineServers.Clear();
+  if (FImagedDescrServer && FImagedDescrServer->Active()) FOfflineServers.Add(FImagedDescrServer);
+  FOfflineServers.Add(FCatalogs);
 }
 
 bool TEventLogBase::UsesImagedDescriptions() const {

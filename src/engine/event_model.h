@@ -7,6 +7,7 @@
 #pragma once
 
 #include "descriptions/description_caches.h"
+#include "descriptions/message_server.h"
 #include "descriptions/time_zones.h"
 
 #include <cstdint>
@@ -171,6 +172,13 @@ public:
   TImagedPC* ImagedDescrServer() const { return FImagedDescrServer; }
   // True when descriptions come from the imaged computer.
   bool UsesImagedDescriptions() const;
+  // Message catalogs (or any other offline server) that describe the events the imaged
+  // computer has no text for, or all events when there is none. Null detaches them. The
+  // server must outlive its use here and serve one reading thread at a time.
+  void SetCatalogs(TEventMessageServer* ACatalogs);
+  TEventMessageServer* Catalogs() const { return FCatalogs; }
+  // True when descriptions come from the imaged computer or from catalogs.
+  bool UsesOfflineDescriptions() const { return UsesImagedDescriptions() || FCatalogs; }
   virtual void InitMUIFolders() {}
   // Sets AText to the description of one event, or to the not-found text; never raises
   // for a missing message.
@@ -234,6 +242,10 @@ protected:
   std::vector<uint8_t> FLocalUserSid;
   std::string FDescriptionServer = "[DEFAULT]";
   TImagedPC* FImagedDescrServer = nullptr;
+  TEventMessageServer* FCatalogs = nullptr;
+  // The imaged computer (when active), then the catalogs: where offline texts come from.
+  TEventMessageServerChain FOfflineServers;
+  void RebuildOfflineServers();
   bool FRawRead = false;
   TStringList FMUIFolders{"en-US"};
   int32_t FDescriptionServerErrorCode = 0;

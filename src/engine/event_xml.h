@@ -25,6 +25,8 @@ struct TEventXmlFields {
   uint32_t TaskNumber = 0;
   std::string OpCode;
   std::string Keywords;
+  std::string OpcodeName;   // resolved from offline metadata; empty when unknown
+  std::string KeywordNames; // the names of the keyword bits, ", "-joined; empty when unknown
   std::string TimeCreated;
   std::string EventRecordID;
   std::string Channel;

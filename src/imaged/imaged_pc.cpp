@@ -409,6 +409,44 @@ bool TImagedPC::GetEventMessage(const std::string& ASource, uint32_t AEventId, u
   return false;
 }
 
+const TGuidProvider* TImagedPC::GetProvider(const std::string& ASource) {
+  TSourceProperties properties;
+  if (!GetEventSourceProperties(ASource, properties)) return nullptr;
+  const std::string guid = PropertyValue(properties, "GUID");
+  const std::vector<std::string> files = ValuesOf(properties, "EventMessageFile");
+  if (guid.empty() || files.empty()) return nullptr;
+  std::vector<std::string> modules{files.front()};
+  for (const std::string& file : ValuesOf(properties, "CategoryMessageFile"))
+    if (file != files.front()) modules.push_back(file);
+  const TGuidProvider* provider = ProviderFor(guid, modules);
+  return provider && provider->BlockOffset() != 0 ? provider : nullptr;
+}
+
+bool TImagedPC::GetOpcodeName(const std::string& ASource, uint16_t ATask, uint8_t AOpcode, std::string& AText) {
+  const TGuidProvider* provider = GetProvider(ASource);
+  if (!provider) return false;
+  const uint32_t id = FindOpcodeMessage(provider->Opcodes(), ATask, AOpcode);
+  if (id == kNoMessageId) return false;
+  TSourceProperties properties;
+  GetEventSourceProperties(ASource, properties);
+  for (const std::string& file : ValuesOf(properties, "EventMessageFile"))
+    if (FormatFromFile(file, id, AText)) return true;
+  return false;
+}
+
+bool TImagedPC::GetKeywordNames(const std::string& ASource, uint64_t AKeywords, std::string& AText) {
+  const TGuidProvider* provider = GetProvider(ASource);
+  if (!provider) return false;
+  TSourceProperties properties;
+  GetEventSourceProperties(ASource, properties);
+  const std::vector<std::string> files = ValuesOf(properties, "EventMessageFile");
+  return JoinKeywordNames(provider->Keywords(), AKeywords, AText, [&](uint32_t AId, std::string& AName) {
+    for (const std::string& file : files)
+      if (FormatFromFile(file, AId, AName)) return true;
+    return false;
+  });
+}
+
 bool TImagedPC::GetEventTask(const std::string& ASource, uint32_t ATask, std::string& AText) {
   TSourceProperties properties;
   if (!GetEventSourceProperties(ASource, properties)) return false;

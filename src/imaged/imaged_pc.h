@@ -20,6 +20,7 @@
 
 #include "descriptions/description_caches.h"
 #include "descriptions/message_files.h"
+#include "descriptions/message_server.h"
 #include "descriptions/provider_metadata.h"
 #include "descriptions/time_zones.h"
 #include "imaged/registry_direct.h"
@@ -43,12 +44,12 @@ std::mutex& HiveLock();
 
 using TNameValueList = std::vector<std::pair<std::string, std::string>>;
 
-class TImagedPC {
+class TImagedPC : public TEventMessageServer {
 public:
   // Creates the two hive readers; a build without the hive reader has none, and
   // activation then fails with "unable initialize direct registy access".
   TImagedPC();
-  ~TImagedPC();
+  ~TImagedPC() override;
   TImagedPC(const TImagedPC&) = delete;
   TImagedPC& operator=(const TImagedPC&) = delete;
 
@@ -69,12 +70,19 @@ public:
   // The message template of an event: a classic source's event id (qualifiers in the
   // upper 16 bits) from its message files in order; a publisher's from its provider
   // metadata for this id and version. Trailing line break cut.
-  bool GetEventMessage(const std::string& ASource, uint32_t AEventId, uint8_t AVersion, std::string& AText);
+  bool GetEventMessage(const std::string& ASource, uint32_t AEventId, uint8_t AVersion, std::string& AText) override;
   // The text of a task (publisher) or category (classic source).
-  bool GetEventTask(const std::string& ASource, uint32_t ATask, std::string& AText);
+  bool GetEventTask(const std::string& ASource, uint32_t ATask, std::string& AText) override;
   // The text of parameter message AId from the first parameter file of the source
   // that loads.
-  bool GetParam(const std::string& ASource, uint32_t AId, std::string& AText);
+  bool GetParam(const std::string& ASource, uint32_t AId, std::string& AText) override;
+  // The provider metadata of publisher ASource, read from its modules as GetEventMessage
+  // reads it; null for a classic source or when no module holds it.
+  const TGuidProvider* GetProvider(const std::string& ASource);
+  // The name of a publisher's opcode (the task's own first, then the provider-wide one)
+  // and the names of the keyword bits set, ", "-joined, from its metadata and message files.
+  bool GetOpcodeName(const std::string& ASource, uint16_t ATask, uint8_t AOpcode, std::string& AText) override;
+  bool GetKeywordNames(const std::string& ASource, uint64_t AKeywords, std::string& AText) override;
   // True for "EventMessageFile", "CategoryMessageFile" and "ParameterMessageFile"
   // (compared in lower case).
   static bool IsFileName(const std::string& AValueName);

@@ -93,7 +93,7 @@ TEST(ProviderMetadataParse, ReadsItsOwnBlockPastOtherProvidersAndElements) {
   rich.Level = 4;
   rich.Opcode = 0x0A;
   rich.Flags = 0xDEADBEEF;
-  mine.Elements = {OtherElement("CHAN", 40), OtherElement("OPCO", 24),
+  mine.Elements = {OtherElement("CHAN", 40), OtherElement("LEVL", 24),
                    EventsElement({Event(20, 1, 0x21), rich, Event(20, 0, 0x20), Event(3, 0, kNoMessageId)}),
                    TasksElement({Task(9, 0x90), Task(2, 0x20), Task(5, kNoMessageId)})};
   draft.Providers = {other, mine};
@@ -476,6 +476,53 @@ TEST(WevtSamples, ResourceInsideTestDllReadsItsOneEvent) {
   ASSERT_EQ(p.EventCount(), 1u);
   EXPECT_EQ(p.GetFullEventID(1, 1), 0xB0010001u);
   EXPECT_EQ(p.GetFullEventID(1, 0), 0xB0010001u);
+}
+
+} // namespace
+} // namespace qvx
+
+namespace qvx {
+namespace {
+
+// OPCO and KEYW definitions: read with their bounds; a count the element cannot hold is
+// a defect of that element alone.
+TEST(ProviderMetadataNames, OpcodesAndKeywordsReadWithTheirBounds) {
+  auto u32 = [](std::vector<uint8_t>& AOut, uint32_t AValue) {
+    for (int i = 0; i < 4; ++i) AOut.push_back(static_cast<uint8_t>(AValue >> (8 * i)));
+  };
+  test::TWevtElementDraft opcodes;
+  opcodes.Signature = "OPCO";
+  u32(opcodes.Body, 1);           // count
+  u32(opcodes.Body, 3 | (12u << 16)); // task 3, opcode 12
+  u32(opcodes.Body, 0x30000007);
+  u32(opcodes.Body, 0);
+  test::TWevtElementDraft keywords;
+  keywords.Signature = "KEYW";
+  u32(keywords.Body, 1);
+  u32(keywords.Body, 0x20); // mask, low then high
+  u32(keywords.Body, 0x1);
+  u32(keywords.Body, 0x10000002);
+  u32(keywords.Body, 0);
+  bool ok = false;
+  TGuidProvider p = Processed(BuildWevtResource(OneProvider({opcodes, keywords})), 1, &ok);
+  ASSERT_TRUE(ok);
+  EXPECT_EQ(p.Issue(), "");
+  ASSERT_EQ(p.OpcodeCount(), 1u);
+  EXPECT_EQ(p.GetOpcode(0).Task, 3);
+  EXPECT_EQ(p.GetOpcode(0).Value, 12);
+  EXPECT_EQ(p.GetOpcode(0).MessageId, 0x30000007u);
+  ASSERT_EQ(p.KeywordCount(), 1u);
+  EXPECT_EQ(p.GetKeyword(0).Mask, 0x100000020ull);
+  EXPECT_EQ(FindOpcodeMessage(p.Opcodes(), 3, 12), 0x30000007u);
+  EXPECT_EQ(FindOpcodeMessage(p.Opcodes(), 4, 12), kNoMessageId);
+
+  opcodes.Body[0] = 9; // nine definitions claimed, one there
+  p = Processed(BuildWevtResource(OneProvider({opcodes, keywords})), 1, &ok);
+  EXPECT_TRUE(ok);
+  EXPECT_NE(p.Issue().find("WEVT_TEMPLATE: OPCO count beyond the element size at offset 0x"), std::string::npos)
+      << p.Issue();
+  EXPECT_EQ(p.OpcodeCount(), 0u);
+  EXPECT_EQ(p.KeywordCount(), 1u);
 }
 
 } // namespace

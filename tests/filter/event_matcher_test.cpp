@@ -14,8 +14,9 @@ struct TEvent {
                   const char* AMessage = "The disk is full.") {
     Item.FEventID = AId;
     Item.FEventType = AType;
-    Item.FSourceName = ASource;
-    Item.FEvtMessage = AMessage;
+    // Built as strings first: g++ 12 misreads assigning the pointers here (-Wrestrict).
+    Item.FSourceName = std::string(ASource);
+    Item.FEvtMessage = std::string(AMessage);
     Item.FComputername = "PC1";
   }
 };

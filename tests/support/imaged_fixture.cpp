@@ -307,6 +307,24 @@ void WriteMessageDll(const fs::path& APath, const TMessages& AMessages, uint16_t
   WriteBytes(APath, pe.Build());
 }
 
+void WriteProviderDll(const fs::path& APath, const char* AGuid, const TMessages& AMessages,
+                      const std::vector<std::tuple<uint16_t, uint8_t, uint32_t>>& AEvents,
+                      const std::vector<std::pair<uint32_t, uint32_t>>& ATasks) {
+  TPeWriter pe(true);
+  AddMessageTable(pe, AMessages, kLangEnUs);
+  std::vector<TWevtEventDraft> events;
+  for (const auto& [id, version, message] : AEvents) events.push_back(EventDefinition(id, version, message));
+  std::vector<TWevtTaskDraft> tasks;
+  for (const auto& [value, message] : ATasks) {
+    TWevtTaskDraft task;
+    task.Value = value;
+    task.MessageId = message;
+    tasks.push_back(task);
+  }
+  AddWevt(pe, WevtResource(AGuid, std::move(events), std::move(tasks)));
+  WriteBytes(APath, pe.Build());
+}
+
 TImagedTree BuildImagedWindows(const fs::path& ADir) {
   TImagedTree tree;
   tree.Root = ADir;

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -41,5 +42,12 @@ TImagedTree BuildImagedWindows(const std::filesystem::path& ADir);
 void WriteMessageDll(const std::filesystem::path& APath,
                      const std::vector<std::pair<uint32_t, std::u16string>>& AMessages,
                      uint16_t ALanguage = 0x0409);
+
+// Writes a manifest provider's module at APath: a message table (en-US) and a WEVT_TEMPLATE
+// for provider AGuid with AEvents (id, version, message id) and ATasks (value, message id).
+void WriteProviderDll(const std::filesystem::path& APath, const char* AGuid,
+                      const std::vector<std::pair<uint32_t, std::u16string>>& AMessages,
+                      const std::vector<std::tuple<uint16_t, uint8_t, uint32_t>>& AEvents,
+                      const std::vector<std::pair<uint32_t, uint32_t>>& ATasks);
 
 } // namespace qvx::test

@@ -1,0 +1,96 @@
+// quorvex catalog build / info / merge.
+#include "app/commands.h"
+
+#include "catalog/catalog_builder.h"
+#include "catalog/message_catalog.h"
+#include "catalog/sqlite_handle.h"
+#include "imaged/imaged_pc.h"
+
+#include <chrono>
+#include <stdexcept>
+
+namespace qvx::app {
+
+int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    if (AOptions.Live == !AOptions.Imaged.empty())
+      throw std::runtime_error("catalog build: give either --imaged DIR or --live");
+    if (AOptions.Live) {
+#ifdef _WIN32
+      // The running system's modules are read through its own folders.
+      throw std::runtime_error("catalog build --live: not available in this build; copy the Windows folder and "
+                               "use --imaged");
+#else
+      throw std::runtime_error("catalog build --live reads the running Windows system and works on Windows only; "
+                               "here give an installation with --imaged DIR (a mounted image or a copied Windows "
+                               "folder)");
+#endif
+    }
+    const std::unique_ptr<TImagedPC> computer = OpenImaged(AOptions.Imaged);
+    TCatalogBuildOptions options;
+    options.Languages = AOptions.Languages;
+    options.Name = AOptions.Name;
+    size_t issues = 0;
+    options.OnIssue = [&](const std::string& AText) {
+      ++issues;
+      if (!AOptions.Quiet) std::fprintf(AErr, "  issue: %s\n", AText.c_str());
+    };
+    const auto start = std::chrono::steady_clock::now();
+    const TCatalogBuildStats stats = BuildCatalog(*computer, computer->MapWinDir(), AOptions.Output, options);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::string languages;
+    for (const std::string& language : stats.Languages) languages += (languages.empty() ? "" : ",") + language;
+    std::fprintf(AOut,
+                 "%s: %zu publishers, %zu classic sources, %zu message files (%zu read), %zu events, "
+                 "%zu message tables (%zu shared), %zu messages; languages %s; %.1f s\n",
+                 AOptions.Output.c_str(), stats.Publishers, stats.ClassicSources, stats.Files, stats.FilesLoaded,
+                 stats.Events, stats.Tables, stats.TablesShared, stats.Messages, languages.c_str(), seconds);
+    if (issues && AOptions.Quiet) std::fprintf(AErr, "%zu message files could not be read\n", issues);
+    return 0;
+  } catch (const std::exception& e) {
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return 1;
+  }
+}
+
+int RunCatalogInfo(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  int status = 0;
+  for (const std::string& path : AOptions.Inputs) {
+    try {
+      const TCatalogInfo info = ReadCatalogInfo(path);
+      std::fprintf(AOut, "%s: %zu origin%s, %lld message tables, %lld messages\n", path.c_str(), info.Origins.size(),
+                   info.Origins.size() == 1 ? "" : "s", static_cast<long long>(info.Tables),
+                   static_cast<long long>(info.Messages));
+      for (const TCatalogOriginInfo& origin : info.Origins) {
+        std::fprintf(AOut, "  %s\n", origin.Name.c_str());
+        if (!origin.Product.empty()) std::fprintf(AOut, "    product:    %s\n", origin.Product.c_str());
+        std::fprintf(AOut, "    build:      %lld\n", static_cast<long long>(origin.Build));
+        std::fprintf(AOut, "    created:    %s\n", origin.Created.c_str());
+        std::fprintf(AOut, "    languages:  %s\n", origin.Languages.c_str());
+        std::fprintf(AOut, "    providers:  %lld publishers, %lld classic sources\n",
+                     static_cast<long long>(origin.Publishers), static_cast<long long>(origin.ClassicSources));
+        std::fprintf(AOut, "    files:      %lld\n", static_cast<long long>(origin.Files));
+        std::fprintf(AOut, "    events:     %lld\n", static_cast<long long>(origin.Events));
+      }
+    } catch (const std::exception& e) {
+      std::fprintf(AErr, "quorvex: %s\n", e.what());
+      status = 1;
+    }
+  }
+  return status;
+}
+
+int RunCatalogMerge(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    MergeCatalogs(AOptions.Inputs, AOptions.Output);
+    const TCatalogInfo info = ReadCatalogInfo(AOptions.Output);
+    std::fprintf(AOut, "%s: %zu origins, %lld message tables, %lld messages\n", AOptions.Output.c_str(),
+                 info.Origins.size(), static_cast<long long>(info.Tables), static_cast<long long>(info.Messages));
+    return 0;
+  } catch (const std::exception& e) {
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return 1;
+  }
+}
+
+} // namespace qvx::app
