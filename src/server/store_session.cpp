@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <limits>
 #include <sstream>
 
 namespace qvx::server {
@@ -16,6 +17,10 @@ namespace qvx::server {
 namespace {
 
 using nlohmann::json;
+
+constexpr size_t kCachedQueries = 4;
+// A page this far past the rows stepped so far reads the query's _IDs instead.
+constexpr int64_t kStepAhead = 2000;
 
 // The columns of the grid: the store's name, the title shown, numeric or not.
 struct TColumn {
@@ -155,6 +160,16 @@ TStoreSession::TStoreSession(const std::string& AStoreFile, int AShiftMinutes)
   FStore.InitThreadDataSet();
   FStore.OpenExistingTable();
   FHasDetections = TDetectionStore::Exists(FStore.Handle());
+  // Counting and listing the rows of a million-row table reads every page of it unless an
+  // index covers the _IDs: a store without any gets the narrowest useful one (the type's,
+  // which sorting by type uses too). Once per store.
+  TStatement indexes(FStore, "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND tbl_name = ?1");
+  sqlite3_bind_text(*indexes, 1, FStore.TableName().c_str(), -1, SQLITE_TRANSIENT);
+  if (indexes.Step() && sqlite3_column_int64(*indexes, 0) == 0) FStore.SortTable("Type", false);
+  FStore.SetOrderBy("");
+  // Bookmarks are few: a partial index counts and lists them without a table scan.
+  FStore.ExecSQL("CREATE INDEX IF NOT EXISTS " + FStore.TableName() + "_Bookmarked ON " + FStore.TableName() +
+                 " (_Bmrk) WHERE _Bmrk = 1");
 }
 
 json TStoreSession::Info() {
@@ -208,10 +223,30 @@ int64_t TStoreSession::Select(const TViewQuery& AQuery) {
   FStore.SetFilterSQL(where);
   if (AQuery.Sort.empty()) FStore.SetOrderBy("");
   else FStore.SortTable(AQuery.Sort, AQuery.Descending); // builds the column's index once
-  FStore.MakeSQL();
-  FQueryCount = FStore.ReadAllIds();
   FQueryKey = key;
+  auto cached = std::find_if(FIdCache.begin(), FIdCache.end(), [&](const auto& AEntry) { return AEntry.first == key; });
+  if (cached != FIdCache.end()) {
+    FIdCache.splice(FIdCache.begin(), FIdCache, cached);
+    FQueryCount = static_cast<int64_t>(FIdCache.front().second.size());
+    FStore.OpenIds(FIdCache.front().second);
+    FLazy = false;
+    return FQueryCount;
+  }
+  // The first page comes from stepping the query; the count from an index when the
+  // store has one that covers the filter.
+  FStore.MakeSQL();
+  FQueryCount = FStore.GetRecordCount();
+  FLazy = true;
   return FQueryCount;
+}
+
+void TStoreSession::Reach(int64_t AIndex) {
+  if (!FLazy || AIndex < FStore.RowsKnown() + kStepAhead) return;
+  FIdCache.emplace_front(FQueryKey, FStore.QueryIds());
+  if (FIdCache.size() > kCachedQueries) FIdCache.pop_back();
+  FQueryCount = static_cast<int64_t>(FIdCache.front().second.size());
+  FStore.OpenIds(FIdCache.front().second);
+  FLazy = false;
 }
 
 void TStoreSession::AppendRow(json& ARows, const TEventData& ARow) const {
@@ -245,9 +280,10 @@ json TStoreSession::Rows(const TViewQuery& AQuery, int64_t AOffset, int64_t ACou
   json rows = json::array();
   AOffset = std::max<int64_t>(0, AOffset);
   ACount = std::clamp<int64_t>(ACount, 0, 1000);
+  Reach(AOffset + ACount);
   if (AOffset < count && FStore.GoToRecNo(AOffset + 1)) {
     for (int64_t i = 0; i < ACount && !FStore.Eof(); ++i, FStore.Next()) {
-      FStore.GetEventData(FRow);
+      FStore.GetEventFields(FRow);
       AppendRow(rows, FRow);
     }
   }
@@ -256,10 +292,11 @@ json TStoreSession::Rows(const TViewQuery& AQuery, int64_t AOffset, int64_t ACou
 
 int64_t TStoreSession::IndexOf(const TViewQuery& AQuery, int64_t AId) {
   std::lock_guard lock(FLock);
-  const int64_t count = Select(AQuery);
-  for (int64_t i = 1; i <= count && FStore.GoToRecNo(i); ++i)
-    if (FStore.GetBookmark() == AId) return i - 1;
-  return -1;
+  Select(AQuery);
+  Reach(std::numeric_limits<int64_t>::max());
+  const std::vector<int64_t>& ids = FIdCache.front().second;
+  const auto it = std::find(ids.begin(), ids.end(), AId);
+  return it == ids.end() ? -1 : static_cast<int64_t>(it - ids.begin());
 }
 
 json TStoreSession::Event(int64_t AId) {
@@ -337,6 +374,7 @@ int64_t TStoreSession::Bookmark(int64_t AId, bool AOn) {
   if (sqlite3_changes(FStore.Handle()) == 0) throw ERequestError("no event has the id " + std::to_string(AId));
   // A view of bookmarked rows changes with every bookmark.
   if (FQueryKey.find("_Bmrk") != std::string::npos) FQueryKey.clear();
+  FIdCache.remove_if([](const auto& AEntry) { return AEntry.first.find("_Bmrk") != std::string::npos; });
   return FStore.GetBookmarkCount();
 }
 

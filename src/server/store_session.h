@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -84,8 +85,16 @@ private:
   std::string FZoneName;
   TColorCodes FCodes;
   bool FHasDetections = false;
+  // Makes sure the open query can reach row AIndex at once: beyond the rows stepped so far,
+  // the query's _IDs are read in one go.
+  void Reach(int64_t AIndex);
+
   std::string FQueryKey; // the WHERE and ORDER BY of the open query
+  bool FLazy = false;    // the query is stepped row by row (its _IDs not read yet)
   int64_t FQueryCount = 0;
+  // The row _IDs of the last few queries, newest first: going back to an earlier order or
+  // filter costs no query. Dropped when rows change (bookmarks of a bookmarked view).
+  std::list<std::pair<std::string, std::vector<int64_t>>> FIdCache;
   TEventData FRow;
 };
 

@@ -478,23 +478,35 @@ bool TEvtLiteAdaptor::MoveTo(int64_t AIndex) {
   return true;
 }
 
-int64_t TEvtLiteAdaptor::ReadAllIds() {
+std::vector<int64_t> TEvtLiteAdaptor::QueryIds() {
   std::string sql = FormatSQL("SELECT [_ID] FROM %s", {FTableName});
   if (!FilterSQL().empty()) sql.append(" WHERE ").append(FilterSQL());
   if (!OrderBy().empty()) sql.append(NoIndexes() ? " ORDER BY +" : " ORDER BY ").append(OrderBy());
+  // Without an order the rows come in _ID order, as the table holds them; the planner may
+  // read a narrow index instead of the table, so the _IDs are put in order here.
+  const bool sortHere = OrderBy().empty() && RowLimit() <= 0;
+  if (OrderBy().empty() && RowLimit() > 0) sql.append(" ORDER BY [_ID]");
   if (RowLimit() > 0) sql.append(" LIMIT ").append(std::to_string(RowLimit()));
-  sqlite3_stmt* ids = Prepare(sql);
-  FIds.clear();
+  sqlite3_stmt* query = Prepare(sql);
+  std::vector<int64_t> ids;
   int code;
-  while ((code = sqlite3_step(ids)) == SQLITE_ROW)
-    FIds.push_back(sqlite3_column_int64(ids, 0));
-  sqlite3_finalize(ids);
+  while ((code = sqlite3_step(query)) == SQLITE_ROW)
+    ids.push_back(sqlite3_column_int64(query, 0));
+  sqlite3_finalize(query);
   if (code != SQLITE_DONE) Fail("the query failed", code);
+  if (sortHere) std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+void TEvtLiteAdaptor::OpenIds(std::vector<int64_t> AIds) {
+  FreeQuery();
+  FLookup = Prepare(FormatSQL(kSelectTemplate, {CustomColumnList(), FTableName}) + " WHERE [_ID] = ?1");
+  FColumns.clear();
+  for (int i = 0; i < sqlite3_column_count(FLookup); ++i)
+    FColumns.emplace_back(sqlite3_column_name(FLookup, i));
+  FIds = std::move(AIds);
   FQueryDone = true;
-  FRowStmt = nullptr;
-  FPos = -1;
   First();
-  return static_cast<int64_t>(FIds.size());
 }
 
 void TEvtLiteAdaptor::First() {
@@ -608,6 +620,11 @@ bool TEvtLiteAdaptor::FieldIsNull(const std::string& AName) const {
 }
 
 void TEvtLiteAdaptor::GetEventData(TEventData& AData) const {
+  GetEventFields(AData);
+  AData.EvtXML = FieldTextAt(13);
+}
+
+void TEvtLiteAdaptor::GetEventFields(TEventData& AData) const {
   // The select's fixed columns come in the template's order.
   AData.ID = FRowStmt ? sqlite3_column_int64(FRowStmt, 0) : 0;
   AData.Type = FRowStmt ? sqlite3_column_int(FRowStmt, 1) : 0;
@@ -620,7 +637,7 @@ void TEvtLiteAdaptor::GetEventData(TEventData& AData) const {
   AData.Computer = FieldTextAt(10);
   AData.RecordNumber = FRowStmt ? sqlite3_column_int64(FRowStmt, 11) : 0;
   AData.EventLog = FRowStmt ? sqlite3_column_int(FRowStmt, 12) : 0;
-  AData.EvtXML = FieldTextAt(13);
+  AData.EvtXML.clear();
   AData.Descr = FieldTextAt(14);
   const size_t custom = FCustomFields.size();
   AData.CustomFields.resize(custom);

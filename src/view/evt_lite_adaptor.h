@@ -95,10 +95,15 @@ public:
   bool Eof() const override { return FEof; }
   bool Bof() const override { return FBof; }
   bool IsEmpty() const { return FPos < 0; }
-  // Reads the _ID of every row of the current query with one narrow query, so that a move
-  // to any row is one lookup by _ID (a viewer's jump to the end of a million rows costs
-  // no stepping over full rows). Gives the number of rows; the first row is current.
-  int64_t ReadAllIds();
+  // The _ID of every row of the query the filter, order and limit describe, read with one
+  // narrow query (an index covers it when the store has one), in the query's order.
+  std::vector<int64_t> QueryIds();
+  // Opens the dataset over rows given by their _IDs, in that order: a move to any row is
+  // one lookup by _ID, so a viewer's jump to the end of a million rows steps over none.
+  // The first row is current.
+  void OpenIds(std::vector<int64_t> AIds);
+  // Rows of the open query stepped over (or given) so far.
+  int64_t RowsKnown() const { return static_cast<int64_t>(FIds.size()); }
   // 1-based number of the current row (0 when there is none).
   int64_t RecNo() const { return FPos + 1; }
   bool GoToRecNo(int64_t ARecNo) override;
@@ -107,6 +112,8 @@ public:
   bool GotoBookmark(int64_t ABookmark) override;
   bool Locate(const std::string& AField, const std::string& AValue, bool ACaseSensitive) override;
   void GetEventData(TEventData& AData) const override;
+  // The same without the event's XML (left empty), for lists that do not show it.
+  void GetEventFields(TEventData& AData) const;
 
   static const char* kSelectTemplate;
   static const char* const kPragmas[6];

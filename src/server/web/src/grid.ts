@@ -6,7 +6,7 @@ import { api, Column, Row } from './api';
 import { view } from './state';
 
 const ROW_HEIGHT = 24;
-const PAGE = 100;
+const PAGE = 60;
 const LAYOUT_KEY = 'quorvex.columns';
 
 interface ColumnLayout { name: string; width: number; hidden: boolean }
