@@ -5,7 +5,9 @@
 #include "app/filter_options.h"
 #include "app/evtx_source.h"
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -36,6 +38,7 @@ int RunInfo(const TInfoOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 } // namespace qvx::app
 
 namespace qvx {
+class TEvtLiteAdaptor;
 class TImagedPC;
 class TEventLogBinXML;
 class TCatalogSet;
@@ -160,6 +163,15 @@ struct TStoreOptions {
   bool AllIssues = false;
 };
 
+// What a front end sees of a load it runs itself: progress, and a flag that cancels it.
+struct TLoadHooks {
+  std::function<void(uint64_t ARead, uint64_t ALoaded, int APercent, const std::string& AEntry)> OnProgress;
+  const std::atomic<bool>* Cancel = nullptr;
+};
+// Adds AOptions.Logs to an open store made by 'open' (or, with ARefresh, loads the newer
+// events of its logs). The summary and problems go to AErr. Returns the exit status.
+int LoadIntoOpenStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, bool ARefresh, const TLoadHooks& AHooks,
+                      std::FILE* AErr);
 // Loads logs into a new store (or adds them with Append). Returns the exit status.
 int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr);
 // Loads the events that are newer than those already in the store.
@@ -193,6 +205,7 @@ struct TServeOptions {
   int Port = 0;             // 0: a free port
   bool NoBrowser = false;
   std::string Colors;       // color code file that paints the rows
+  std::vector<std::string> Roots; // folders the page may open logs from (default: those of the inputs)
 };
 // Serves a store in the browser until Ctrl-C. Returns the exit status.
 int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr);

@@ -239,6 +239,9 @@ int main(int argc, char** argv) {
   cmdServe->add_option("--bind", serve.Bind, "Address to listen on (default 127.0.0.1; any other prints a warning)");
   cmdServe->add_flag("--no-browser", serve.NoBrowser, "Do not open the address in the default browser");
   cmdServe->add_option("--colors", serve.Colors, "Paint the rows with this color code file (QVEX_Colors)");
+  cmdServe->add_option("--root", serve.Roots,
+                       "A folder whose logs the page may open (repeatable; default: the folders of the inputs)")
+      ->allow_extra_args(false);
   cmdServe->footer("The first line on stdout is the address to open, with the session's token:\n"
                    "  Quorvex is serving http://127.0.0.1:PORT/?token=TOKEN\n"
                    "Every request needs that token; scripts send it as 'Authorization: Bearer TOKEN' (the JSON\n"

@@ -5,9 +5,11 @@
 #include "engine/event_log_binxml.h"
 #include "platform/process_spawn.h"
 #include "server/web_server.h"
+#include "view/evt_lite_adaptor.h"
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -110,6 +112,38 @@ int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     server::TServeSettings settings;
     settings.Bind = AOptions.Bind;
     settings.Port = AOptions.Port;
+    settings.Roots = AOptions.Roots;
+    if (settings.Roots.empty())
+      for (const std::string& input : AOptions.Store.Logs) {
+        const std::filesystem::path folder = std::filesystem::absolute(input).parent_path();
+        if (std::find(settings.Roots.begin(), settings.Roots.end(), folder.string()) == settings.Roots.end())
+          settings.Roots.push_back(folder.string());
+      }
+    for (const std::string& root : settings.Roots)
+      if (!std::filesystem::is_directory(root)) throw std::invalid_argument("--root " + root + ": no such folder");
+    // Loads from the page run the same loader as 'open --append' and 'refresh'; what they
+    // print becomes the page's notices.
+    settings.Loader = [&AOptions](TEvtLiteAdaptor& AStore, const server::TLoadJob& AJob,
+                                  const server::TLoadProgress& AProgress, const std::atomic<bool>& ACancel) {
+      TStoreOptions options = AOptions.Store;
+      options.Logs = AJob.Files;
+      options.Scan = AJob.Scan;
+      options.TimeZone.clear(); // the store's own
+      options.Progress = 0;
+      TLoadHooks hooks;
+      hooks.OnProgress = AProgress;
+      hooks.Cancel = &ACancel;
+      std::FILE* notes = std::tmpfile();
+      if (!notes) throw std::runtime_error("cannot make a temporary file for the load's notices");
+      LoadIntoOpenStore(options, AStore, AJob.Refresh, hooks, notes);
+      std::string text;
+      std::rewind(notes);
+      char buffer[4096];
+      size_t got;
+      while ((got = std::fread(buffer, 1, sizeof buffer, notes)) > 0 && text.size() < (1u << 20)) text.append(buffer, got);
+      std::fclose(notes);
+      return text;
+    };
     server::TWebServer web(session, settings);
     web.Start();
     std::fprintf(AOut, "Quorvex is serving %s\n", web.Url().c_str());

@@ -218,7 +218,7 @@ std::string TypeCounts(const TLogStatistics& AStats) {
 // Loads the entries into the store on a worker thread; the main thread shows progress
 // and turns Ctrl-C into a break. Returns the exit status.
 int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vector<TStoredEntry>& AEntries,
-              bool ARefresh, std::FILE* AErr) {
+              bool ARefresh, std::FILE* AErr, const TLoadHooks* AHooks = nullptr) {
   const std::unique_ptr<TCatalogSet> catalogs = OpenCatalogs(AOptions.Catalogs);
   const std::unique_ptr<TImagedPC> imaged = OpenImaged(AOptions.Imaged);
   TLogView view;
@@ -291,6 +291,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
       !AOptions.Quiet && (AOptions.Progress == 1 || (AOptions.Progress == -1 && IsTerminal(AErr)));
   bool drawn = false;
   view.Events.OnProgress = [&](uint64_t ARead, uint64_t ALoaded, int APercent, const std::string& AEntry) {
+    if (AHooks && AHooks->OnProgress) AHooks->OnProgress(ARead, ALoaded, APercent, AEntry);
     if (!showProgress) return;
     std::string line = "\r  " + AEntry.substr(0, 40);
     if (APercent >= 0) line.append("  ").append(std::to_string(APercent)).append("%");
@@ -304,14 +305,15 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
   const int64_t lastOldId = AStore.QueryIntValue("SELECT IFNULL(MAX(_ID), 0) FROM " + AStore.TableName());
   const auto started = std::chrono::steady_clock::now();
   GBreakRequested = false;
-  auto previous = std::signal(SIGINT, OnInterrupt);
+  // A front end that cancels on its own keeps its own Ctrl-C.
+  auto previous = AHooks ? SIG_ERR : std::signal(SIGINT, OnInterrupt);
   {
     TWorkThread worker(&view);
     worker.Post(1);
     bool breakSent = false;
     while (!worker.WaitIdle(std::chrono::milliseconds(0))) {
       view.Queue.Drain(std::chrono::milliseconds(100));
-      if (GBreakRequested && !breakSent) {
+      if ((GBreakRequested || (AHooks && AHooks->Cancel && *AHooks->Cancel)) && !breakSent) {
         worker.BreakThread();
         breakSent = true;
       }
@@ -319,7 +321,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     view.Queue.Drain();
     worker.Post(100);
   }
-  std::signal(SIGINT, previous);
+  if (previous != SIG_ERR) std::signal(SIGINT, previous);
   if (drawn) std::fputs("\r\x1b[K", AErr);
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
 
@@ -445,6 +447,30 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
     return 1;
   }
+}
+
+int LoadIntoOpenStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, bool ARefresh, const TLoadHooks& AHooks,
+                      std::FILE* AErr) {
+  std::map<std::string, std::string> settings;
+  std::vector<TStoredEntry> entries = LoadEntries(AStore, settings);
+  TStoreOptions options = AOptions;
+  if (options.TimeZone.empty()) options.TimeZone = settings["TimeZone"];
+  if (options.Imaged.empty()) options.Imaged = settings["Imaged"];
+  const size_t first = ARefresh ? 0 : entries.size();
+  if (!ARefresh) {
+    for (const std::string& path : AOptions.Logs) {
+      TStoredEntry stored;
+      stored.Entry = TLogEntry::CreateEventLogFileEntry(LogNameFor(path), path, true);
+      stored.Scan = AOptions.Scan;
+      entries.push_back(std::move(stored));
+    }
+  }
+  std::vector<TStoredEntry> loading(entries.begin() + static_cast<std::ptrdiff_t>(first), entries.end());
+  if (ARefresh) AStore.PrepareMerge();
+  const int status = LoadStore(options, AStore, loading, ARefresh, AErr, &AHooks);
+  std::copy(loading.begin(), loading.end(), entries.begin() + static_cast<std::ptrdiff_t>(first));
+  SaveEntries(AStore, entries, SettingsOf(options));
+  return status;
 }
 
 int RunRefresh(const TStoreOptions& AOptions, std::FILE* AErr) {

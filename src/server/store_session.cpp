@@ -173,6 +173,7 @@ TStoreSession::TStoreSession(const std::string& AStoreFile, int AShiftMinutes)
 }
 
 json TStoreSession::Info() {
+  CheckIdle();
   std::lock_guard lock(FLock);
   json columns = json::array();
   for (const TColumn& column : kColumns)
@@ -275,6 +276,7 @@ void TStoreSession::AppendRow(json& ARows, const TEventData& ARow) const {
 }
 
 json TStoreSession::Rows(const TViewQuery& AQuery, int64_t AOffset, int64_t ACount) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   const int64_t count = Select(AQuery);
   json rows = json::array();
@@ -291,6 +293,7 @@ json TStoreSession::Rows(const TViewQuery& AQuery, int64_t AOffset, int64_t ACou
 }
 
 int64_t TStoreSession::IndexOf(const TViewQuery& AQuery, int64_t AId) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   Select(AQuery);
   Reach(std::numeric_limits<int64_t>::max());
@@ -300,6 +303,7 @@ int64_t TStoreSession::IndexOf(const TViewQuery& AQuery, int64_t AId) {
 }
 
 json TStoreSession::Event(int64_t AId) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   TStatement query(FStore, "SELECT TimeStamp, Type, EventID, Source, CategoryName, UserName, Computer, RecordNumber, "
                            "EventLog, EvtXML, Descr, _Bmrk FROM " + FStore.TableName() + " WHERE _ID = ?1");
@@ -342,6 +346,7 @@ json TStoreSession::Distinct(const std::string& AColumn, size_t ALimit) {
   const auto it = std::find(std::begin(kDistinct), std::end(kDistinct), AColumn);
   if (it == std::end(kDistinct))
     throw ERequestError("distinct values are listed for Source, CategoryName, UserName and Computer");
+  CheckIdle();
   std::lock_guard lock(FLock);
   TStatement query(FStore, std::string("SELECT ") + *it + ", COUNT(*) AS n FROM " + FStore.TableName() + " GROUP BY " +
                                *it + " ORDER BY n DESC, " + *it + " LIMIT ?1");
@@ -352,6 +357,7 @@ json TStoreSession::Distinct(const std::string& AColumn, size_t ALimit) {
 }
 
 json TStoreSession::Statistics(const TViewQuery& AQuery) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   const TStoreStatistics stats = StoreStatistics(FStore, WhereOf(AQuery));
   json byType = json::array(), sources = json::array(), overTime = json::array();
@@ -366,6 +372,7 @@ json TStoreSession::Statistics(const TViewQuery& AQuery) {
 }
 
 int64_t TStoreSession::Bookmark(int64_t AId, bool AOn) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   TStatement update(FStore, "UPDATE " + FStore.TableName() + " SET _Bmrk = ?1 WHERE _ID = ?2");
   sqlite3_bind_int(*update, 1, AOn ? 1 : 0);
@@ -378,8 +385,25 @@ int64_t TStoreSession::Bookmark(int64_t AId, bool AOn) {
   return FStore.GetBookmarkCount();
 }
 
+void TStoreSession::RunLoad(const std::function<void(TEvtLiteAdaptor&)>& ALoad) {
+  std::lock_guard lock(FLock);
+  FLoading = true;
+  struct TDone {
+    TStoreSession& Session;
+    ~TDone() {
+      Session.FQueryKey.clear();
+      Session.FIdCache.clear();
+      Session.FStore.Close();
+      Session.FHasDetections = TDetectionStore::Exists(Session.FStore.Handle());
+      Session.FLoading = false;
+    }
+  } done{*this};
+  ALoad(FStore);
+}
+
 void TStoreSession::Export(const TViewQuery& AQuery, TStoreRowFormat AFormat,
                            const std::function<bool(std::string_view)>& AWrite) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   Select(AQuery);
   std::string out(StoreRowsHeader(AFormat));

@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -41,6 +42,12 @@ struct TViewQuery {
   // From {"filter": {...}, "bookmarked": true, "detectionLevel": 2, "sort": "EventID",
   // "descending": false}; raises ERequestError naming the member.
   static TViewQuery FromJson(const nlohmann::json& AJson);
+};
+
+// A call made while a load runs.
+class EStoreBusy : public std::runtime_error {
+public:
+  EStoreBusy() : std::runtime_error("logs are being loaded; the view follows when they are") {}
 };
 
 class TStoreSession {
@@ -71,6 +78,11 @@ public:
   // Writes the view's rows in AFormat through AWrite, in pieces; AWrite returns false to stop.
   void Export(const TViewQuery& AQuery, TStoreRowFormat AFormat, const std::function<bool(std::string_view)>& AWrite);
 
+  // Runs ALoad on the store with every other call kept out (they raise EStoreBusy
+  // meanwhile), then forgets what it knew of the rows.
+  void RunLoad(const std::function<void(TEvtLiteAdaptor&)>& ALoad);
+  bool Loading() const { return FLoading; }
+
   // The WHERE text of a view (our own SQL text: the filter object's clauses).
   std::string WhereOf(const TViewQuery& AQuery);
 
@@ -79,7 +91,13 @@ private:
   int64_t Select(const TViewQuery& AQuery);
   void AppendRow(nlohmann::json& ARows, const TEventData& ARow) const;
 
+  // Raises EStoreBusy while a load runs.
+  void CheckIdle() const {
+    if (FLoading) throw EStoreBusy();
+  }
+
   std::recursive_mutex FLock;
+  std::atomic<bool> FLoading{false};
   TEvtLiteAdaptor FStore;
   int FShiftMinutes = 0;
   std::string FZoneName;

@@ -6,7 +6,9 @@
 
 #include <httplib.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
@@ -16,6 +18,16 @@ namespace qvx::server {
 namespace {
 
 using nlohmann::json;
+
+// A path outside the roots (403) and a second load (409).
+class EForbidden : public ERequestError {
+public:
+  using ERequestError::ERequestError;
+};
+class EConflict : public ERequestError {
+public:
+  using ERequestError::ERequestError;
+};
 
 constexpr size_t kMaxBody = 1u << 20;
 constexpr const char* kJson = "application/json; charset=utf-8";
@@ -94,6 +106,33 @@ TStoreRowFormat ExportFormat(const std::string& AName, std::string& AType, std::
 
 } // namespace
 
+void TEventHub::Publish(const json& AMessage) {
+  {
+    std::lock_guard lock(FLock);
+    FMessages.emplace_back(FNext++, AMessage.dump(-1, ' ', false, json::error_handler_t::replace));
+    while (FMessages.size() > 500) FMessages.pop_front();
+  }
+  FChanged.notify_all();
+}
+
+bool TEventHub::Next(uint64_t& AAfter, std::string& AMessage, std::chrono::milliseconds AWait) {
+  std::unique_lock lock(FLock);
+  auto ready = [&] { return FClosed || (!FMessages.empty() && FMessages.back().first > AAfter); };
+  if (!FChanged.wait_for(lock, AWait, ready) || FClosed) return false;
+  for (const auto& [number, text] : FMessages)
+    if (number > AAfter) {
+      AAfter = number;
+      AMessage = text;
+      return true;
+    }
+  return false;
+}
+
+void TEventHub::Close() {
+  FClosed = true;
+  FChanged.notify_all();
+}
+
 std::string RandomToken() {
   std::random_device source; // the system's random source (/dev/urandom, or the OS's own)
   static const char kHex[] = "0123456789abcdef";
@@ -137,8 +176,63 @@ int TWebServer::Start() {
 }
 
 void TWebServer::Stop() {
+  FCancel = true;
+  if (FLoadThread.joinable()) FLoadThread.join();
+  FEvents.Close();
   if (FServer) FServer->stop();
   if (FThread.joinable()) FThread.join();
+}
+
+std::string TWebServer::InsideRoots(const std::string& APath) const {
+  std::error_code error;
+  const std::filesystem::path real = std::filesystem::canonical(APath, error);
+  if (error) throw ERequestError(APath + ": no such file or folder");
+  for (const std::string& root : FSettings.Roots) {
+    const std::filesystem::path base = std::filesystem::canonical(root, error);
+    if (error) continue;
+    const auto [end, at] = std::mismatch(base.begin(), base.end(), real.begin(), real.end());
+    if (end == base.end()) return real.string();
+  }
+  throw EForbidden(APath + ": outside the folders this server was given (--root)");
+}
+
+void TWebServer::StartLoad(TLoadJob AJob) {
+  if (!FSettings.Loader) throw ERequestError("this server does not load logs");
+  bool idle = false;
+  if (!FLoadRunning.compare_exchange_strong(idle, true)) throw EConflict("a load is running already");
+  if (FLoadThread.joinable()) FLoadThread.join();
+  FCancel = false;
+  FEvents.Publish({{"type", "loading"}, {"files", AJob.Files}, {"refresh", AJob.Refresh}});
+  FLoadThread = std::thread([this, job = std::move(AJob)] {
+    std::string summary;
+    try {
+      FSession.RunLoad([&](TEvtLiteAdaptor& AStore) {
+        auto last = std::chrono::steady_clock::now() - std::chrono::seconds(1);
+        summary = FSettings.Loader(
+            AStore, job,
+            [&](uint64_t ARead, uint64_t ALoaded, int APercent, const std::string& AEntry) {
+              const auto now = std::chrono::steady_clock::now();
+              if (now - last < std::chrono::milliseconds(100)) return; // a few a second are enough
+              last = now;
+              FEvents.Publish({{"type", "progress"}, {"read", ARead}, {"loaded", ALoaded}, {"percent", APercent},
+                               {"entry", AEntry}});
+            },
+            FCancel);
+      });
+    } catch (const std::exception& e) {
+      summary += std::string("quorvex: ") + e.what() + "\n";
+    }
+    json lines = json::array();
+    size_t start = 0;
+    while (start < summary.size()) {
+      size_t end = summary.find('\n', start);
+      if (end == std::string::npos) end = summary.size();
+      if (end > start) lines.push_back(summary.substr(start, end - start));
+      start = end + 1;
+    }
+    FEvents.Publish({{"type", "loaded"}, {"cancelled", FCancel.load()}, {"notices", lines}});
+    FLoadRunning = false;
+  });
 }
 
 void TWebServer::Route() {
@@ -201,6 +295,12 @@ void TWebServer::Route() {
     return [AHandler](const httplib::Request& AReq, httplib::Response& ARes) {
       try {
         AHandler(AReq, ARes);
+      } catch (const EForbidden& e) {
+        SendError(ARes, 403, e.what());
+      } catch (const EConflict& e) {
+        SendError(ARes, 409, e.what());
+      } catch (const EStoreBusy& e) {
+        SendError(ARes, 503, e.what());
       } catch (const ERequestError& e) {
         SendError(ARes, 400, e.what());
       } catch (const ESQLNameError& e) {
@@ -266,6 +366,79 @@ void TWebServer::Route() {
                 }
                 SendJson(ARes, {{"filter", FilterToJson(filter)}});
               }));
+  server.Get("/api/files", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+               json entries = json::array();
+               const std::string dir = AReq.get_param_value("dir");
+               if (dir.empty()) {
+                 for (const std::string& root : FSettings.Roots)
+                   entries.push_back({{"name", root}, {"path", InsideRoots(root)}, {"folder", true}});
+                 SendJson(ARes, {{"dir", ""}, {"entries", std::move(entries)}});
+                 return;
+               }
+               const std::string real = InsideRoots(dir);
+               std::error_code error;
+               for (const auto& item : std::filesystem::directory_iterator(real, error)) {
+                 if (entries.size() >= 5000) break;
+                 const std::string name = item.path().filename().string();
+                 std::string lower = name;
+                 for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+                 const bool folder = item.is_directory(error);
+                 const bool log = !folder && (lower.ends_with(".evtx") || lower.ends_with(".evt"));
+                 if (folder || log)
+                   entries.push_back({{"name", name}, {"path", item.path().string()}, {"folder", folder},
+                                      {"size", folder ? 0 : static_cast<int64_t>(item.file_size(error))}});
+               }
+               if (error) throw ERequestError(dir + ": " + error.message());
+               std::sort(entries.begin(), entries.end(), [](const json& A, const json& B) {
+                 return std::make_pair(!A["folder"].get<bool>(), A["name"].get<std::string>()) <
+                        std::make_pair(!B["folder"].get<bool>(), B["name"].get<std::string>());
+               });
+               SendJson(ARes, {{"dir", real}, {"entries", std::move(entries)}});
+             }));
+  server.Post("/api/load", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                const auto files = body.find("files");
+                if (files == body.end() || !files->is_array() || files->empty() || files->size() > 1000)
+                  throw ERequestError("\"files\" must list the logs to load");
+                TLoadJob job;
+                for (const json& file : *files) {
+                  if (!file.is_string()) throw ERequestError("\"files\" must list paths");
+                  const std::string real = InsideRoots(file.get<std::string>());
+                  if (!std::filesystem::is_regular_file(real)) throw ERequestError(file.get<std::string>() + ": not a file");
+                  job.Files.push_back(real);
+                }
+                if (const auto scan = body.find("scan"); scan != body.end() && scan->is_boolean()) job.Scan = *scan;
+                StartLoad(std::move(job));
+                SendJson(ARes, {{"started", true}}, 202);
+              }));
+  server.Post("/api/refresh", api([this](const httplib::Request&, httplib::Response& ARes) {
+                TLoadJob job;
+                job.Refresh = true;
+                StartLoad(std::move(job));
+                SendJson(ARes, {{"started", true}}, 202);
+              }));
+  server.Post("/api/cancel", api([this](const httplib::Request&, httplib::Response& ARes) {
+                FCancel = true;
+                SendJson(ARes, {{"cancelled", FLoadRunning.load()}});
+              }));
+  server.Get("/api/events", [this](const httplib::Request& AReq, httplib::Response& ARes) {
+    // Server-sent events: progress, the end of a load with its notices, alerts. A client
+    // that reconnects gives the number it saw last.
+    uint64_t after = 0;
+    if (AReq.has_header("Last-Event-ID")) after = std::strtoull(AReq.get_header_value("Last-Event-ID").c_str(), nullptr, 10);
+    ARes.set_header("X-Accel-Buffering", "no");
+    ARes.set_chunked_content_provider("text/event-stream", [this, after](size_t, httplib::DataSink& ASink) mutable {
+      std::string message;
+      std::string chunk;
+      if (FEvents.Next(after, message, std::chrono::seconds(10)))
+        chunk = "id: " + std::to_string(after) + "\ndata: " + message + "\n\n";
+      else if (FEvents.Closed())
+        return false;
+      else
+        chunk = ": still here\n\n";
+      return ASink.write(chunk.data(), chunk.size());
+    });
+  });
   server.Get("/api/export", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                std::string type, extension;
                const TStoreRowFormat format = ExportFormat(AReq.get_param_value("format"), type, extension);

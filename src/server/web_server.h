@@ -11,6 +11,11 @@
 #include "server/store_session.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -24,10 +29,43 @@ class Server;
 
 namespace qvx::server {
 
+// A load the page asks for: logs to add, or the newer events of the store's logs.
+struct TLoadJob {
+  std::vector<std::string> Files;
+  bool Scan = false;
+  bool Refresh = false;
+};
+using TLoadProgress = std::function<void(uint64_t ARead, uint64_t ALoaded, int APercent, const std::string& AEntry)>;
+// Runs a load into the store; gives its summary and notices, one per line.
+using TLoader = std::function<std::string(TEvtLiteAdaptor& AStore, const TLoadJob& AJob, const TLoadProgress& AProgress,
+                                          const std::atomic<bool>& ACancel)>;
+
 struct TServeSettings {
   std::string Bind = "127.0.0.1";
   int Port = 0;      // 0: a free port
   std::string Token; // "": a random one
+  // Folders whose logs the page may list and load; nothing outside them is listed or
+  // opened (their real paths count: ".." and links that lead out are refused).
+  std::vector<std::string> Roots;
+  TLoader Loader; // unset: the page cannot load logs
+};
+
+// Messages for the page's event stream, numbered; the last few hundred are kept.
+class TEventHub {
+public:
+  void Publish(const nlohmann::json& AMessage);
+  // The first message after number AAfter (its number in AAfter), waiting up to AWait;
+  // false on timeout or when the hub is closed.
+  bool Next(uint64_t& AAfter, std::string& AMessage, std::chrono::milliseconds AWait);
+  void Close();
+  bool Closed() const { return FClosed; }
+
+private:
+  std::mutex FLock;
+  std::condition_variable FChanged;
+  std::deque<std::pair<uint64_t, std::string>> FMessages;
+  uint64_t FNext = 1;
+  std::atomic<bool> FClosed{false};
 };
 
 // One file of the page, built into the program.
@@ -58,8 +96,13 @@ public:
   // Requests answered so far, and those refused (token, host, size or JSON).
   uint64_t Requests() const { return FRequests; }
 
+  TEventHub& Events() { return FEvents; }
+
 private:
   void Route();
+  // The real path of APath when it lies inside a root; raises ERequestError otherwise.
+  std::string InsideRoots(const std::string& APath) const;
+  void StartLoad(TLoadJob AJob);
 
   TStoreSession& FSession;
   TServeSettings FSettings;
@@ -68,6 +111,10 @@ private:
   int FPort = 0;
   intptr_t FListenSocket = -1;
   std::atomic<uint64_t> FRequests{0};
+  TEventHub FEvents;
+  std::thread FLoadThread;
+  std::atomic<bool> FLoadRunning{false};
+  std::atomic<bool> FCancel{false};
 };
 
 // 32 hexadecimal digits from the system's random source.
