@@ -71,6 +71,7 @@ public:
   };
 
   explicit TEventFields(const TFieldNames& ANames) : FNames(ANames) {}
+  const TFieldNames& Names() const { return FNames; }
 
   // Reads the fields of one event's XML. AXml must stay unchanged while the fields are used.
   void Load(std::string_view AXml);

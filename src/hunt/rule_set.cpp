@@ -151,18 +151,18 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
 }
 
 void TRuleSet::Prepare() const {
-  auto build = [](TBindingList& AList) {
-    AList.Prefilter.reset();
-    if (AList.Bindings.size() >= TLiteralPrefilter::kMinBindings)
-      AList.Prefilter = std::make_unique<TLiteralPrefilter>(AList.Bindings);
-  };
   auto* self = const_cast<TRuleSet*>(this);
+  std::vector<TRuleBinding*> bindings;
+  bindings.reserve(FBindings.size());
+  for (const std::unique_ptr<TRuleBinding>& binding : FBindings) bindings.push_back(binding.get());
+  self->FLiterals = std::make_unique<TLiteralIndex>(bindings);
+  auto fields = [&](TBindingList& AList) { AList.ScanFields = FLiterals->FieldsOf(AList.Bindings); };
   for (auto& [channel, index] : self->FByChannel) {
-    for (auto& [id, list] : index.ById) build(list);
-    build(index.AnyId);
+    for (auto& [id, list] : index.ById) fields(list);
+    fields(index.AnyId);
   }
-  for (auto& [id, list] : self->FAnyChannel.ById) build(list);
-  build(self->FAnyChannel.AnyId);
+  for (auto& [id, list] : self->FAnyChannel.ById) fields(list);
+  fields(self->FAnyChannel.AnyId);
   FPrepared = true;
 }
 
@@ -202,15 +202,48 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
   FFields.Load(AXml);
+
+  // Every literal of the candidate rules, found in one pass over each value they read.
+  const TLiteralIndex& literals = *FRules.Literals();
+  if (FHits.Bits.size() != literals.LiteralCount()) {
+    FHits.Bits.assign(literals.LiteralCount(), 0);
+    FHits.Found.clear();
+  }
+  if (FSelected.size() != FRules.BindingCount()) FSelected.assign(FRules.BindingCount(), 0);
+  if (FScanned.size() < FFields.Names().Count() + 1) FScanned.resize(FFields.Names().Count() + 1, 0);
+  if (++FStamp == 0) {
+    std::fill(FScanned.begin(), FScanned.end(), 0);
+    std::fill(FSelected.begin(), FSelected.end(), 0);
+    FStamp = 1;
+  }
+  FHits.Clear();
+  const size_t keywordSlot = FScanned.size() - 1;
   for (const auto* list : candidates.Lists) {
     if (!list) continue;
-    const std::vector<const TRuleBinding*>& bindings = list->Bindings;
-    if (list->Prefilter) list->Prefilter->Select(FFields, FSelected);
-    for (size_t i = 0; i < bindings.size(); ++i) {
-      if (list->Prefilter && !FSelected[i]) continue;
-      const TRuleBinding* binding = bindings[i];
+    for (const uint32_t field : list->ScanFields) {
+      if (field == TLiteralIndex::kKeywordField) {
+        if (FScanned[keywordSlot] == FStamp) continue;
+        FScanned[keywordSlot] = FStamp;
+        for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(field, FFields.Value(v).Text, FHits);
+        continue;
+      }
+      if (FScanned[field] == FStamp) continue;
+      FScanned[field] = FStamp;
+      for (int v = FFields.First(field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
+        literals.Scan(field, FFields.Value(v).Text, FHits);
+    }
+  }
+  for (const uint32_t literal : FHits.Found)
+    for (const uint32_t binding : literals.NeededBy(literal)) FSelected[binding] = FStamp;
+
+  for (const auto* list : candidates.Lists) {
+    if (!list) continue;
+    for (const TRuleBinding* binding : list->Bindings) {
+      if (!binding->Always && FSelected[binding->Number] != FStamp) continue;
       if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
-      if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields)) continue;
+      if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, nullptr, binding->TestLiterals.data(),
+                     FHits.Bits.data()))
+        continue;
       // Matched: once more, noting the values that satisfied the searches.
       FRecord.clear();
       MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);

@@ -5,12 +5,14 @@
 // places its log source maps to (one binding per channel: the event IDs it can match and
 // the event field each of its fields reads). Bindings are indexed by channel and event
 // ID, so an event is tested only against the rules that can match it, and an event no
-// rule can match is not even read for fields. Rules that cannot be used are kept with
-// the reason, once each; loading goes on.
+// rule can match is not even read for fields. Every literal of the bound rules goes into
+// one index (literal_index.h): per event, the values are scanned once for all of them,
+// and only the rules whose literals were found are evaluated. Rules that cannot be used
+// are kept with the reason, once each; loading goes on.
 #pragma once
 
 #include "hunt/event_fields.h"
-#include "hunt/literal_prefilter.h"
+#include "hunt/literal_index.h"
 #include "hunt/log_mapping.h"
 #include "hunt/rule_binding.h"
 #include "hunt/sigma_match.h"
@@ -37,10 +39,10 @@ struct TUnusableRule {
 };
 
 // The bindings of one channel and event ID (or of any ID), in load order, with the
-// literal prefilter of a long list.
+// event fields whose values must be scanned for their literals.
 struct TBindingList {
   std::vector<const TRuleBinding*> Bindings;
-  std::unique_ptr<TLiteralPrefilter> Prefilter;
+  std::vector<uint32_t> ScanFields; // sorted; TLiteralIndex::kKeywordField (last) for every value
 };
 
 class TRuleSet {
@@ -67,9 +69,12 @@ public:
     const TBindingList* Lists[4] = {};
   };
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId) const;
-  // Builds the prefilters of the long lists; done by the first Candidates call when not
-  // called before. Rules loaded afterwards build them again.
+  // Builds the literal index; done by the first Candidates call when not called before.
+  // Rules loaded afterwards build it again.
   void Prepare() const;
+  // The literal index (null before Prepare).
+  const TLiteralIndex* Literals() const { return FLiterals.get(); }
+  size_t BindingCount() const { return FBindings.size(); }
 
 private:
   struct TChannelIndex {
@@ -92,6 +97,7 @@ private:
   size_t FFilteredOut = 0;
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   TChannelIndex FAnyChannel;
+  std::unique_ptr<TLiteralIndex> FLiterals;
   mutable std::string FKey;
   mutable bool FPrepared = false;
 };
@@ -121,7 +127,10 @@ private:
   std::vector<TDetection> FDetections; // kept with their room; the first FCount are this event's
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
-  std::vector<uint8_t> FSelected; // per binding of a list: its literal was found
+  TLiteralHits FHits;
+  std::vector<uint32_t> FScanned;  // per event field: the event its values were scanned for
+  std::vector<uint32_t> FSelected; // per binding: the event for which a literal it needs was found
+  uint32_t FStamp = 0;
   uint64_t FEvents = 0;
   uint64_t FTested = 0;
 };
