@@ -174,44 +174,41 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
   }
 
   // One automaton per field, over the literals in the order they came (so a budget cut
-  // keeps the same ones every time).
+  // keeps the same ones every time). Keyword literals get an automaton per set of rules
+  // that are tested together (ScansOf), as every value of the event goes through it.
   std::vector<std::vector<uint32_t>> byField;
-  std::vector<uint32_t> keywords;
+  FIndexed.assign(FLengths.size(), 0);
   for (uint32_t literal = 0; literal < FLengths.size(); ++literal) {
     const uint32_t field = FFields[literal];
     if (field == kKeywordField) {
-      keywords.push_back(literal);
+      FIndexed[literal] = 1; // a keyword set is within the budget (a rule's values are bounded)
       continue;
     }
     if (field >= byField.size()) byField.resize(field + 1);
     byField[field].push_back(literal);
   }
-  std::vector<uint8_t> indexed(FLengths.size(), 0);
-  auto build = [&](TAutomaton& AAutomaton, std::vector<uint32_t>& ALiterals) {
-    size_t states = 1;
-    size_t kept = 0;
-    for (const uint32_t literal : ALiterals)
-      if (states + FLengths[literal] <= kMaxStates) {
-        states += FLengths[literal];
-        ALiterals[kept++] = literal;
-        indexed[literal] = 1;
-      }
-    ALiterals.resize(kept);
-    BuildAutomaton(AAutomaton, ALiterals);
-  };
   FByField.assign(byField.size(), -1);
   for (size_t field = 0; field < byField.size(); ++field) {
-    if (byField[field].empty()) continue;
+    std::vector<uint32_t>& literals = byField[field];
+    if (literals.empty()) continue;
+    size_t states = 1;
+    size_t kept = 0;
+    for (const uint32_t literal : literals)
+      if (states + FLengths[literal] <= kMaxStates) {
+        states += FLengths[literal];
+        literals[kept++] = literal;
+        FIndexed[literal] = 1;
+      }
+    literals.resize(kept);
     FByField[field] = static_cast<int32_t>(FAutomata.size());
-    build(FAutomata.emplace_back(), byField[field]);
+    BuildAutomaton(FAutomata.emplace_back(), literals);
   }
-  if (!keywords.empty()) build(FKeywords, keywords);
 
   // Tests whose literal did not fit search the value themselves; then what each binding needs.
   FNeededBy.resize(FLengths.size());
   for (TRuleBinding* binding : ABindings) {
     for (uint32_t& coded : binding->TestLiterals)
-      if (coded != kNoLiteral && !indexed[coded >> 1]) coded = kNoLiteral;
+      if (coded != kNoLiteral && !FIndexed[coded >> 1]) coded = kNoLiteral;
     const std::optional<TNeed> need =
         TNeeds(*binding->Rule, binding->TestLiterals, FLengths).Node(binding->Rule->Condition);
     binding->Always = !need || need->empty();
@@ -221,8 +218,6 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
       if (list.empty() || list.back() != binding->Number) list.push_back(binding->Number);
     }
   }
-  FTexts.clear();
-  FTexts.shrink_to_fit();
   FIds.clear();
 }
 
@@ -239,85 +234,171 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   for (int b = 0; b < 256; ++b) AAutomaton.ClassOf[b] = classOf[static_cast<uint8_t>(FoldChar(static_cast<char>(b)))];
   AAutomaton.Classes = classes;
 
-  // The trie.
-  std::vector<uint32_t>& next = AAutomaton.Next;
-  std::vector<uint32_t>& own = AAutomaton.Own;
-  next.assign(classes, kNone);
-  own.assign(1, kNoLiteral);
+  // The trie, children as sibling lists.
+  std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral};
+  std::vector<uint16_t> inClass{0};
   for (const uint32_t literal : ALiterals) {
     uint32_t state = 0;
     for (const char c : FTexts[literal]) {
-      const size_t at = size_t{state} * classes + classOf[static_cast<uint8_t>(c)];
-      uint32_t target = next[at];
-      if (target == kNone) {
-        target = static_cast<uint32_t>(own.size());
+      const uint16_t cls = classOf[static_cast<uint8_t>(c)];
+      uint32_t child = head[state];
+      while (child != kNone && inClass[child] != cls) child = sibling[child];
+      if (child == kNone) {
+        child = static_cast<uint32_t>(own.size());
+        head.push_back(kNone);
+        sibling.push_back(head[state]);
         own.push_back(kNoLiteral);
-        next.resize(next.size() + classes, kNone);
-        next[at] = target;
+        inClass.push_back(cls);
+        head[state] = child;
       }
-      state = target;
+      state = child;
     }
     own[state] = literal;
   }
 
-  // Failure links breadth first, folded into a full transition table; each state's
-  // suffix link goes to the longest proper suffix that completes a literal.
+  // Numbered breadth first: a state's children get consecutive numbers.
   const size_t states = own.size();
-  std::vector<uint32_t> fail(states, 0);
-  AAutomaton.Suffix.assign(states, 0);
-  std::vector<uint32_t> order;
+  std::vector<uint32_t> order{0}, number(states, 0);
   order.reserve(states);
-  for (uint32_t c = 0; c < classes; ++c) {
-    if (next[c] == kNone)
-      next[c] = 0;
-    else
-      order.push_back(next[c]);
-  }
+  AAutomaton.FirstChild.assign(states, 0);
+  AAutomaton.ChildCount.assign(states, 0);
   for (size_t i = 0; i < order.size(); ++i) {
-    const uint32_t state = order[i];
-    const size_t row = size_t{state} * classes;
-    const size_t failRow = size_t{fail[state]} * classes;
-    for (uint32_t c = 0; c < classes; ++c) {
-      const uint32_t target = next[row + c];
-      const uint32_t viaFail = next[failRow + c];
-      if (target == kNone) {
-        next[row + c] = viaFail;
-        continue;
-      }
-      fail[target] = viaFail;
-      AAutomaton.Suffix[target] = own[viaFail] != kNoLiteral ? viaFail : AAutomaton.Suffix[viaFail];
-      order.push_back(target);
+    AAutomaton.FirstChild[i] = static_cast<uint32_t>(order.size());
+    for (uint32_t child = head[order[i]]; child != kNone; child = sibling[child]) {
+      number[child] = static_cast<uint32_t>(order.size());
+      order.push_back(child);
+      ++AAutomaton.ChildCount[i];
     }
   }
-  for (uint32_t& target : next)
-    if (own[target] != kNoLiteral || AAutomaton.Suffix[target] != 0) target |= kOutput;
+  AAutomaton.InClass.resize(states);
+  AAutomaton.Own.resize(states);
+  for (size_t i = 0; i < states; ++i) {
+    AAutomaton.InClass[i] = inClass[order[i]];
+    AAutomaton.Own[i] = own[order[i]];
+  }
+
+  // Failure and suffix links, in breadth-first order (a link always goes to a shallower state).
+  auto childOf = [&](uint32_t AState, uint16_t AClass) {
+    const uint32_t first = AAutomaton.FirstChild[AState];
+    for (uint32_t c = first; c < first + AAutomaton.ChildCount[AState]; ++c)
+      if (AAutomaton.InClass[c] == AClass) return c;
+    return kNone;
+  };
+  std::vector<uint32_t>& fail = AAutomaton.Fail;
+  std::vector<uint32_t>& suffix = AAutomaton.Suffix;
+  fail.assign(states, 0);
+  suffix.assign(states, 0);
+  for (uint32_t state = 0; state < states; ++state) {
+    const uint32_t first = AAutomaton.FirstChild[state];
+    for (uint32_t child = first; child < first + AAutomaton.ChildCount[state]; ++child) {
+      uint32_t link = 0;
+      if (state != 0) {
+        for (uint32_t f = fail[state];; f = fail[f]) {
+          const uint32_t next = childOf(f, AAutomaton.InClass[child]);
+          if (next != kNone) {
+            link = next;
+            break;
+          }
+          if (f == 0) break;
+        }
+      }
+      fail[child] = link;
+      suffix[child] = AAutomaton.Own[link] != kNoLiteral ? link : suffix[link];
+    }
+  }
+
+  // Full rows for the shallow states.
+  const bool narrow = states < kOutput16;
+  const size_t entryBytes = narrow ? 2 : 4;
+  const uint32_t dense =
+      static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
+  AAutomaton.DenseStates = dense;
+  std::vector<uint32_t> rows(size_t{dense} * classes, 0);
+  for (uint32_t state = 0; state < dense; ++state)
+    for (uint16_t c = 0; c < classes; ++c) {
+      const uint32_t child = childOf(state, c);
+      rows[size_t{state} * classes + c] =
+          child != kNone ? child : state == 0 ? 0 : rows[size_t{fail[state]} * classes + c];
+    }
+  for (uint32_t& row : rows)
+    if (AAutomaton.Own[row] != kNoLiteral || suffix[row] != 0) row |= narrow ? kOutput16 : kOutput;
+  if (narrow)
+    AAutomaton.Dense16.assign(rows.begin(), rows.end());
+  else
+    AAutomaton.Dense32 = std::move(rows);
 }
 
-std::vector<uint32_t> TLiteralIndex::FieldsOf(const std::vector<const TRuleBinding*>& ABindings) const {
-  std::vector<uint32_t> fields;
+std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const TRuleBinding*>& ABindings) {
+  std::vector<uint32_t> fields, keywords;
   for (const TRuleBinding* binding : ABindings)
-    for (const uint32_t coded : binding->TestLiterals)
-      if (coded != kNoLiteral) fields.push_back(FFields[coded >> 1]);
+    for (const uint32_t coded : binding->TestLiterals) {
+      if (coded == kNoLiteral) continue;
+      const uint32_t literal = coded >> 1;
+      if (FFields[literal] == kKeywordField)
+        keywords.push_back(literal);
+      else
+        fields.push_back(FFields[literal]);
+    }
   std::sort(fields.begin(), fields.end());
   fields.erase(std::unique(fields.begin(), fields.end()), fields.end());
-  return fields;
+  std::vector<TScan> scans;
+  for (const uint32_t field : fields) scans.push_back({static_cast<uint32_t>(FByField[field]), field});
+  if (!keywords.empty()) {
+    std::sort(keywords.begin(), keywords.end());
+    keywords.erase(std::unique(keywords.begin(), keywords.end()), keywords.end());
+    auto known =
+        std::find_if(FKeywordSets.begin(), FKeywordSets.end(), [&](const auto& A) { return A.first == keywords; });
+    if (known == FKeywordSets.end()) {
+      BuildAutomaton(FAutomata.emplace_back(), keywords);
+      FKeywordSets.emplace_back(keywords, static_cast<uint32_t>(FAutomata.size() - 1));
+      known = FKeywordSets.end() - 1;
+    }
+    scans.push_back({known->second, kKeywordField});
+  }
+  return scans;
 }
 
-void TLiteralIndex::Scan(uint32_t AField, std::string_view AText, TLiteralHits& AHits) const {
-  const TAutomaton* automaton = AutomatonOf(AField);
-  if (!automaton) return;
-  const uint32_t classes = automaton->Classes;
-  const uint32_t* next = automaton->Next.data();
-  const uint16_t* classOf = automaton->ClassOf;
+void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
+  const TAutomaton& automaton = FAutomata[AAutomaton];
+  if (!automaton.Dense16.empty())
+    ScanWith(automaton, automaton.Dense16.data(), AText, AHits);
+  else
+    ScanWith(automaton, automaton.Dense32.data(), AText, AHits);
+}
+
+template <typename TEntry>
+void TLiteralIndex::ScanWith(const TAutomaton& A, const TEntry* ARows, std::string_view AText,
+                             TLiteralHits& AHits) const {
+  constexpr uint32_t output = sizeof(TEntry) == 2 ? kOutput16 : kOutput;
+  const uint32_t classes = A.Classes;
+  const uint32_t dense = A.DenseStates;
   const size_t size = AText.size();
+  const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
   uint32_t state = 0;
   for (size_t i = 0; i < size; ++i) {
-    const uint32_t target = next[size_t{state} * classes + classOf[static_cast<uint8_t>(AText[i])]];
-    state = target & ~kOutput;
-    if (!(target & kOutput)) continue;
-    for (uint32_t at = automaton->Own[state] != kNoLiteral ? state : automaton->Suffix[state]; at;
-         at = automaton->Suffix[at]) {
-      const uint32_t literal = automaton->Own[at];
+    const uint16_t c = A.ClassOf[text[i]];
+    uint32_t target;
+    for (;;) {
+      if (state < dense) [[likely]] {
+        target = ARows[size_t{state} * classes + c];
+        break;
+      }
+      // A deep state: its own children, or down its failure link.
+      const uint32_t first = A.FirstChild[state];
+      const uint32_t last = first + A.ChildCount[state];
+      uint32_t child = first;
+      while (child < last && A.InClass[child] != c) ++child;
+      if (child < last) {
+        target = child | (A.Own[child] != kNoLiteral || A.Suffix[child] != 0 ? output : 0);
+        break;
+      }
+      state = A.Fail[state];
+    }
+    state = target & ~output;
+    if (!(target & output)) [[likely]]
+      continue;
+    for (uint32_t at = A.Own[state] != kNoLiteral ? state : A.Suffix[state]; at; at = A.Suffix[at]) {
+      const uint32_t literal = A.Own[at];
       const bool starts = i + 1 == FLengths[literal];
       const bool ends = i + 1 == size;
       const uint8_t bits = static_cast<uint8_t>(lhContains | (starts ? lhStarts : 0) | (ends ? lhEnds : 0) |
@@ -332,12 +413,11 @@ void TLiteralIndex::Scan(uint32_t AField, std::string_view AText, TLiteralHits& 
 size_t TLiteralIndex::MemoryBytes() const {
   size_t total = 0;
   auto add = [&](const TAutomaton& A) {
-    total += A.Next.size() * 4 + A.Own.size() * 4 + A.Suffix.size() * 4 + sizeof A;
+    total += sizeof A + A.Dense16.size() * 2 + A.Dense32.size() * 4 + A.Own.size() * (4 * 5 + 2);
   };
   for (const TAutomaton& automaton : FAutomata) add(automaton);
-  add(FKeywords);
-  for (const auto& list : FNeededBy) total += list.size() * 4;
-  return total + FLengths.size() * 12;
+  for (const auto& list : FNeededBy) total += list.size() * 4 + sizeof list;
+  return total + FLengths.size() * 8 + FByField.size() * 4;
 }
 
 } // namespace qvx::hunt

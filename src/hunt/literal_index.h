@@ -52,43 +52,58 @@ public:
   explicit TLiteralIndex(const std::vector<TRuleBinding*>& ABindings);
 
   uint32_t LiteralCount() const { return static_cast<uint32_t>(FLengths.size()); }
-  // The event fields (kKeywordField for keywords) whose literals ABindings' tests use,
-  // sorted: what must be scanned before they are evaluated.
-  std::vector<uint32_t> FieldsOf(const std::vector<const TRuleBinding*>& ABindings) const;
+  // What must be scanned before ABindings are evaluated: the automaton of each field
+  // their tests read literals of (Field: that field), and one of their keywords' literals
+  // (Field: kKeywordField, every value of the event). Built for these bindings when new.
+  struct TScan {
+    uint32_t Automaton = 0;
+    uint32_t Field = 0;
+  };
+  std::vector<TScan> ScansOf(const std::vector<const TRuleBinding*>& ABindings);
+  uint32_t AutomatonCount() const { return static_cast<uint32_t>(FAutomata.size()); }
   // The numbers of the bindings that need ALiteral.
   const std::vector<uint32_t>& NeededBy(uint32_t ALiteral) const { return FNeededBy[ALiteral]; }
-  // Scans AText (as the event has it; folded while scanned) for the literals of field
-  // AField, adding what it finds to AHits. Nothing when the field has no literals.
-  void Scan(uint32_t AField, std::string_view AText, TLiteralHits& AHits) const;
-  bool HasField(uint32_t AField) const { return AutomatonOf(AField) != nullptr; }
+  // Scans AText (as the event has it; folded while scanned) with automaton AAutomaton,
+  // adding the literals it finds to AHits.
+  void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   size_t MemoryBytes() const;
 
 private:
+  // States are numbered breadth first. The first DenseStates (the shallow ones, where
+  // scanning spends most of its time) have a full row of transitions, 16 bits wide when
+  // the automaton is small enough (so a small one stays in the first level cache); deeper
+  // states keep only their children (consecutive numbers) and fall back along their
+  // failure link.
   struct TAutomaton {
     uint32_t Classes = 1;
+    uint32_t DenseStates = 0;
     uint16_t ClassOf[256] = {};   // byte -> input class of its folded form (0: in no literal)
-    std::vector<uint32_t> Next;   // state * Classes + class -> state, kOutput when it ends literals
+    std::vector<uint16_t> Dense16; // state * Classes + class -> state | kOutput16 when it ends literals
+    std::vector<uint32_t> Dense32; // the same, for automata of 32768 states or more (kOutput)
+    std::vector<uint32_t> FirstChild, ChildCount;
+    std::vector<uint16_t> InClass; // state -> the class of the edge into it
+    std::vector<uint32_t> Fail;
     std::vector<uint32_t> Own;    // state -> the literal it completes, or kNoLiteral
     std::vector<uint32_t> Suffix; // state -> the next state down its suffixes that completes one, or 0
   };
   static constexpr uint32_t kOutput = 0x80000000;
+  static constexpr uint16_t kOutput16 = 0x8000;
+  static constexpr size_t kDenseBytes = 1u << 20; // per automaton
 
   uint32_t Intern(uint32_t AField, const std::string& AText);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals);
-  const TAutomaton* AutomatonOf(uint32_t AField) const {
-    if (AField == kKeywordField) return FKeywords.Next.empty() ? nullptr : &FKeywords;
-    return AField < FByField.size() && FByField[AField] >= 0 ? &FAutomata[static_cast<size_t>(FByField[AField])]
-                                                             : nullptr;
-  }
+  template <typename TEntry>
+  void ScanWith(const TAutomaton& AAutomaton, const TEntry* ARows, std::string_view AText, TLiteralHits& AHits) const;
 
-  std::vector<std::string> FTexts;   // per literal: folded text (kept while building)
+  std::vector<std::string> FTexts;   // per literal: folded text
   std::vector<uint32_t> FFields;     // per literal: its field
   std::vector<uint32_t> FLengths;    // per literal: length in bytes
+  std::vector<uint8_t> FIndexed;     // per literal: in its automaton (not over the budget)
   std::vector<std::vector<uint32_t>> FNeededBy;
   std::unordered_map<std::string, uint32_t> FIds; // field number + '\0' + text -> literal
   std::vector<TAutomaton> FAutomata;
   std::vector<int32_t> FByField;     // event field -> index in FAutomata, or -1
-  TAutomaton FKeywords;
+  std::vector<std::pair<std::vector<uint32_t>, uint32_t>> FKeywordSets; // keyword literals -> automaton
 };
 
 } // namespace qvx::hunt

@@ -156,7 +156,7 @@ void TRuleSet::Prepare() const {
   bindings.reserve(FBindings.size());
   for (const std::unique_ptr<TRuleBinding>& binding : FBindings) bindings.push_back(binding.get());
   self->FLiterals = std::make_unique<TLiteralIndex>(bindings);
-  auto fields = [&](TBindingList& AList) { AList.ScanFields = FLiterals->FieldsOf(AList.Bindings); };
+  auto fields = [&](TBindingList& AList) { AList.Scans = self->FLiterals->ScansOf(AList.Bindings); };
   for (auto& [channel, index] : self->FByChannel) {
     for (auto& [id, list] : index.ById) fields(list);
     fields(index.AnyId);
@@ -210,27 +210,24 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
     FHits.Found.clear();
   }
   if (FSelected.size() != FRules.BindingCount()) FSelected.assign(FRules.BindingCount(), 0);
-  if (FScanned.size() < FFields.Names().Count() + 1) FScanned.resize(FFields.Names().Count() + 1, 0);
+  if (FScanned.size() != literals.AutomatonCount()) FScanned.assign(literals.AutomatonCount(), 0);
   if (++FStamp == 0) {
     std::fill(FScanned.begin(), FScanned.end(), 0);
     std::fill(FSelected.begin(), FSelected.end(), 0);
     FStamp = 1;
   }
   FHits.Clear();
-  const size_t keywordSlot = FScanned.size() - 1;
   for (const auto* list : candidates.Lists) {
     if (!list) continue;
-    for (const uint32_t field : list->ScanFields) {
-      if (field == TLiteralIndex::kKeywordField) {
-        if (FScanned[keywordSlot] == FStamp) continue;
-        FScanned[keywordSlot] = FStamp;
-        for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(field, FFields.Value(v).Text, FHits);
+    for (const TLiteralIndex::TScan& scan : list->Scans) {
+      if (FScanned[scan.Automaton] == FStamp) continue;
+      FScanned[scan.Automaton] = FStamp;
+      if (scan.Field == TLiteralIndex::kKeywordField) {
+        for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
         continue;
       }
-      if (FScanned[field] == FStamp) continue;
-      FScanned[field] = FStamp;
-      for (int v = FFields.First(field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
-        literals.Scan(field, FFields.Value(v).Text, FHits);
+      for (int v = FFields.First(scan.Field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
+        literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
     }
   }
   for (const uint32_t literal : FHits.Found)

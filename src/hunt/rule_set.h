@@ -42,7 +42,7 @@ struct TUnusableRule {
 // event fields whose values must be scanned for their literals.
 struct TBindingList {
   std::vector<const TRuleBinding*> Bindings;
-  std::vector<uint32_t> ScanFields; // sorted; TLiteralIndex::kKeywordField (last) for every value
+  std::vector<TLiteralIndex::TScan> Scans;
 };
 
 class TRuleSet {
@@ -128,7 +128,7 @@ private:
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
   TLiteralHits FHits;
-  std::vector<uint32_t> FScanned;  // per event field: the event its values were scanned for
+  std::vector<uint32_t> FScanned;  // per automaton: the event the values were scanned for
   std::vector<uint32_t> FSelected; // per binding: the event for which a literal it needs was found
   uint32_t FStamp = 0;
   uint64_t FEvents = 0;
