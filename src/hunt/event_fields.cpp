@@ -12,18 +12,43 @@ std::string FoldText(std::string_view AText) {
   return folded;
 }
 
+uint32_t TFieldNames::Hash(std::string_view AName) {
+  uint32_t hash = 2166136261u;
+  for (const char c : AName) hash = (hash ^ static_cast<uint8_t>(FoldChar(c))) * 16777619u;
+  return hash;
+}
+
 uint32_t TFieldNames::Intern(std::string_view AName) {
   std::string key = FoldText(AName);
-  const auto [at, added] = FIds.emplace(std::move(key), static_cast<uint32_t>(FNames.size()));
-  if (added) FNames.emplace_back(AName);
+  const auto [at, added] = FIds.emplace(key, static_cast<uint32_t>(FNames.size()));
+  if (!added) return at->second;
+  FNames.emplace_back(AName);
+  FFolded.push_back(std::move(key));
+  if (FSlots.size() < FNames.size() * 2) {
+    FSlots.assign(std::max<size_t>(64, FSlots.size() * 4), 0);
+    for (uint32_t id = 0; id + 1 < FNames.size(); ++id) {
+      size_t slot = Hash(FFolded[id]) & (FSlots.size() - 1);
+      while (FSlots[slot]) slot = (slot + 1) & (FSlots.size() - 1);
+      FSlots[slot] = id + 1;
+    }
+  }
+  size_t slot = Hash(FFolded.back()) & (FSlots.size() - 1);
+  while (FSlots[slot]) slot = (slot + 1) & (FSlots.size() - 1);
+  FSlots[slot] = static_cast<uint32_t>(FNames.size());
   return at->second;
 }
 
 uint32_t TFieldNames::Find(std::string_view AName) const {
-  FKey.assign(AName);
-  for (char& c : FKey) c = FoldChar(c);
-  const auto at = FIds.find(FKey);
-  return at == FIds.end() ? kNone : at->second;
+  if (FSlots.empty()) return kNone;
+  for (size_t slot = Hash(AName) & (FSlots.size() - 1); FSlots[slot]; slot = (slot + 1) & (FSlots.size() - 1)) {
+    const uint32_t id = FSlots[slot] - 1;
+    const std::string& folded = FFolded[id];
+    if (folded.size() != AName.size()) continue;
+    size_t i = 0;
+    while (i < AName.size() && FoldChar(AName[i]) == folded[i]) ++i;
+    if (i == AName.size()) return id;
+  }
+  return kNone;
 }
 
 namespace {

@@ -51,9 +51,13 @@ public:
   uint32_t Count() const { return static_cast<uint32_t>(FNames.size()); }
 
 private:
+  static uint32_t Hash(std::string_view AName); // of the folded name
   std::unordered_map<std::string, uint32_t> FIds; // folded name -> number
   std::vector<std::string> FNames;
-  mutable std::string FKey;
+  std::vector<std::string> FFolded;
+  // Open addressing for Find, which runs for every value of every event: slot -> number
+  // + 1 (0: empty), a power of two at least twice the names.
+  std::vector<uint32_t> FSlots;
 };
 
 class TEventFields {

@@ -156,7 +156,12 @@ void TRuleSet::Prepare() const {
   bindings.reserve(FBindings.size());
   for (const std::unique_ptr<TRuleBinding>& binding : FBindings) bindings.push_back(binding.get());
   self->FLiterals = std::make_unique<TLiteralIndex>(bindings);
-  auto fields = [&](TBindingList& AList) { AList.Scans = self->FLiterals->ScansOf(AList.Bindings); };
+  auto fields = [&](TBindingList& AList) {
+    AList.Scans = self->FLiterals->ScansOf(AList.Bindings);
+    AList.Numbers.clear();
+    for (const TRuleBinding* binding : AList.Bindings)
+      AList.Numbers.push_back(binding->Number | (binding->Always ? TBindingList::kAlways : 0));
+  };
   for (auto& [channel, index] : self->FByChannel) {
     for (auto& [id, list] : index.ById) fields(list);
     fields(index.AnyId);
@@ -235,8 +240,10 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
 
   for (const auto* list : candidates.Lists) {
     if (!list) continue;
-    for (const TRuleBinding* binding : list->Bindings) {
-      if (!binding->Always && FSelected[binding->Number] != FStamp) continue;
+    const uint32_t* numbers = list->Numbers.data();
+    for (size_t i = 0; i < list->Numbers.size(); ++i) {
+      if (!(numbers[i] & TBindingList::kAlways) && FSelected[numbers[i]] != FStamp) continue;
+      const TRuleBinding* binding = list->Bindings[i];
       if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
       if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, nullptr, binding->TestLiterals.data(),
                      FHits.Bits.data()))

@@ -43,6 +43,9 @@ struct TUnusableRule {
 struct TBindingList {
   std::vector<const TRuleBinding*> Bindings;
   std::vector<TLiteralIndex::TScan> Scans;
+  // Per binding, in the same order: its number, with kAlways when it needs no literal.
+  std::vector<uint32_t> Numbers;
+  static constexpr uint32_t kAlways = 0x80000000;
 };
 
 class TRuleSet {
