@@ -171,12 +171,12 @@ void TRuleSet::Prepare() const {
   FPrepared = true;
 }
 
-TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId) const {
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
   if (!FPrepared) Prepare();
   TCandidates out;
-  FKey.assign(AChannel);
-  for (char& c : FKey) c = FoldChar(c);
-  if (const auto channel = FByChannel.find(FKey); channel != FByChannel.end()) {
+  AKey.assign(AChannel);
+  for (char& c : AKey) c = FoldChar(c);
+  if (const auto channel = FByChannel.find(AKey); channel != FByChannel.end()) {
     if (const auto id = channel->second.ById.find(AEventId); id != channel->second.ById.end())
       out.Lists[0] = &id->second;
     if (!channel->second.AnyId.Bindings.empty()) out.Lists[1] = &channel->second.AnyId;
@@ -203,7 +203,7 @@ bool WhereHolds(const TRuleBinding& ABinding, const TEventFields& AFields) {
 std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml) {
   ++FEvents;
   FCount = 0;
-  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId);
+  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FKey);
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
   FFields.Load(AXml);

@@ -67,13 +67,14 @@ public:
 
   // The bindings an event of AChannel (any case) with AEventId is tested against, in
   // up to four lists (the channel's by ID and for any ID, then those of rules that read
-  // every channel); null lists are empty.
+  // every channel); null lists are empty. AKey is the caller's room for the folded channel.
   struct TCandidates {
     const TBindingList* Lists[4] = {};
   };
-  TCandidates Candidates(std::string_view AChannel, uint32_t AEventId) const;
+  TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
   // Builds the literal index; done by the first Candidates call when not called before.
-  // Rules loaded afterwards build it again.
+  // Rules loaded afterwards build it again. Once it is built, hunters on several threads
+  // may share the rule set (loading more rules while they run is not allowed).
   void Prepare() const;
   // The literal index (null before Prepare).
   const TLiteralIndex* Literals() const { return FLiterals.get(); }
@@ -101,12 +102,12 @@ private:
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   TChannelIndex FAnyChannel;
   std::unique_ptr<TLiteralIndex> FLiterals;
-  mutable std::string FKey;
   mutable bool FPrepared = false;
 };
 
 // A detection: the rule, and the fields and values that satisfied its searches (views
-// good until the next event).
+// good until the next event). One hunter serves one thread; several may share a prepared
+// rule set.
 struct TDetection {
   const TSigmaRule* Rule = nullptr;
   std::vector<std::pair<std::string_view, std::string_view>> Matched;
@@ -133,6 +134,7 @@ private:
   TLiteralHits FHits;
   std::vector<uint32_t> FScanned;  // per automaton: the event the values were scanned for
   std::vector<uint32_t> FSelected; // per binding: the event for which a literal it needs was found
+  std::string FKey;
   uint32_t FStamp = 0;
   uint64_t FEvents = 0;
   uint64_t FTested = 0;

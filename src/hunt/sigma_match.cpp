@@ -218,7 +218,7 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
     switch (ATest.Regex->Search(text)) {
     case TSigmaRegex::rxMatch: return true;
     case TSigmaRegex::rxNoMatch: return false;
-    case TSigmaRegex::rxLimit: ++ARule.RegexLimitHits; return false;
+    case TSigmaRegex::rxLimit: ARule.RegexLimitHits.fetch_add(1, std::memory_order_relaxed); return false;
     }
     return false;
   case TValueTest::vkNetwork: {

@@ -14,6 +14,7 @@
 #include "hunt/sigma_yaml.h"
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -106,8 +107,9 @@ public:
   // The event IDs the condition needs one of, when it always needs one (empty: any).
   std::set<uint32_t> EventIds;
   uint32_t TestCount = 0; // value tests, numbered by TValueTest::Index
-  // Times a regular expression reached its limits while matching (the rule is reported).
-  mutable uint64_t RegexLimitHits = 0;
+  // Times a regular expression reached its limits while matching (the rule is reported;
+  // hunters on several threads may count at once).
+  mutable std::atomic<uint64_t> RegexLimitHits{0};
 };
 
 struct TCompileLimits {
