@@ -326,6 +326,18 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
     AAutomaton.Dense16.assign(rows.begin(), rows.end());
   else
     AAutomaton.Dense32 = std::move(rows);
+
+  const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
+                     std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
+  if (heads) {
+    AAutomaton.Heads.assign(65536 / 64, 0);
+    for (const uint32_t literal : ALiterals) {
+      uint32_t first4 = 0;
+      for (size_t i = 0; i < 4; ++i) first4 = first4 << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
+      const uint32_t hash = HeadHash(first4);
+      AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
+    }
+  }
 }
 
 std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const TRuleBinding*>& ABindings) {
@@ -360,6 +372,20 @@ std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const
 
 void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
   const TAutomaton& automaton = FAutomata[AAutomaton];
+  if (!automaton.Heads.empty()) {
+    const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
+    const uint64_t* heads = automaton.Heads.data();
+    uint32_t head = 0;
+    size_t i = 0;
+    bool candidate = false;
+    for (; i < AText.size() && i < 3; ++i) head = head << 8 | automaton.ClassOf[text[i]];
+    for (; i < AText.size() && !candidate; ++i) {
+      head = head << 8 | automaton.ClassOf[text[i]];
+      const uint32_t hash = HeadHash(head);
+      candidate = heads[hash >> 6] >> (hash & 63) & 1;
+    }
+    if (!candidate) return;
+  }
   if (!automaton.Dense16.empty())
     ScanWith(automaton, automaton.Dense16.data(), AText, AHits);
   else

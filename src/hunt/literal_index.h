@@ -85,7 +85,13 @@ private:
     std::vector<uint32_t> Fail;
     std::vector<uint32_t> Own;    // state -> the literal it completes, or kNoLiteral
     std::vector<uint32_t> Suffix; // state -> the next state down its suffixes that completes one, or 0
+    // For a few literals of 4 bytes or more: a bit per hash of the input classes of their
+    // first 4 bytes. A value none of whose 4-byte runs has its bit set holds none of them,
+    // and is passed over at a fraction of the cost of the automaton.
+    std::vector<uint64_t> Heads;
   };
+  static constexpr size_t kMaxHeadLiterals = 256;
+  static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
   static constexpr uint32_t kOutput = 0x80000000;
   static constexpr uint16_t kOutput16 = 0x8000;
   static constexpr size_t kDenseBytes = 1u << 20; // per automaton
