@@ -344,7 +344,7 @@ private:
     FPool->Release(ABatch);
   }
 
-  // Hands the event to the hunter threads.
+  // Hands the event to the hunter threads (taking its XML).
   void Queue(TEventItemX& AItem, const std::string& APath) {
     THuntBatch* batch = FPool->Filling();
     if (batch && batch->Count && batch->File != &APath) {
@@ -358,7 +358,7 @@ private:
     batch->File = &APath;
     if (batch->Events.size() <= batch->Count) batch->Events.emplace_back();
     TPendingEvent& event = batch->Events[batch->Count++];
-    event.Xml.assign(AItem.FEvtXML);
+    event.Xml.swap(AItem.FEvtXML); // the readers write each event's XML afresh: the old room is reused
     event.Channel.assign(AItem.FChannel);
     event.Computer.assign(AItem.FComputername);
     event.Record = AItem.FEventRecordID;

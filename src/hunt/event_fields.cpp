@@ -95,7 +95,16 @@ void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
     AppendXmlUnescaped(FDecoded, ARaw);
     value.Text = std::string_view(FDecoded.data() + start, FDecoded.size() - start);
   }
-  value.FieldId = FNames.Find(AName);
+  // Events of one kind name their values in the same order: the name at this place in
+  // the last event is tried before the table.
+  const size_t at = FValues.size() - 1;
+  if (at >= FNameCache.size()) FNameCache.resize(at + 1);
+  auto& [cachedName, cachedId] = FNameCache[at];
+  if (cachedName != AName) {
+    cachedName.assign(AName);
+    cachedId = FNames.Find(AName);
+  }
+  value.FieldId = cachedId;
   Link(value.FieldId, static_cast<int>(FValues.size() - 1));
 }
 

@@ -110,6 +110,7 @@ private:
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   std::string FAttrName;
+  std::vector<std::pair<std::string, uint32_t>> FNameCache; // per value place: last name and its number
   std::vector<std::unique_ptr<std::string>> FAttrNames;
 };
 

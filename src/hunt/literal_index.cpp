@@ -313,13 +313,15 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   const uint32_t dense =
       static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
   AAutomaton.DenseStates = dense;
+  // A row is its failure state's row with its own children put in.
   std::vector<uint32_t> rows(size_t{dense} * classes, 0);
-  for (uint32_t state = 0; state < dense; ++state)
-    for (uint16_t c = 0; c < classes; ++c) {
-      const uint32_t child = childOf(state, c);
-      rows[size_t{state} * classes + c] =
-          child != kNone ? child : state == 0 ? 0 : rows[size_t{fail[state]} * classes + c];
-    }
+  for (uint32_t state = 0; state < dense; ++state) {
+    uint32_t* row = rows.data() + size_t{state} * classes;
+    if (state != 0) std::copy_n(rows.data() + size_t{fail[state]} * classes, classes, row);
+    const uint32_t first = AAutomaton.FirstChild[state];
+    for (uint32_t child = first; child < first + AAutomaton.ChildCount[state]; ++child)
+      row[AAutomaton.InClass[child]] = child;
+  }
   for (uint32_t& row : rows)
     if (AAutomaton.Own[row] != kNoLiteral || suffix[row] != 0) row |= narrow ? kOutput16 : kOutput;
   if (narrow)

@@ -159,8 +159,18 @@ void TRuleSet::Prepare() const {
   auto fields = [&](TBindingList& AList) {
     AList.Scans = self->FLiterals->ScansOf(AList.Bindings);
     AList.Numbers.clear();
+    AList.AlwaysAt.clear();
+    AList.PlaceOf.clear();
     for (const TRuleBinding* binding : AList.Bindings)
       AList.Numbers.push_back(binding->Number | (binding->Always ? TBindingList::kAlways : 0));
+    if (AList.Bindings.size() < TBindingList::kLongList) return;
+    for (uint32_t i = 0; i < AList.Bindings.size(); ++i) {
+      if (AList.Bindings[i]->Always)
+        AList.AlwaysAt.push_back(i);
+      else
+        AList.PlaceOf.emplace_back(AList.Bindings[i]->Number, i);
+    }
+    std::sort(AList.PlaceOf.begin(), AList.PlaceOf.end());
   };
   for (auto& [channel, index] : self->FByChannel) {
     for (auto& [id, list] : index.ById) fields(list);
@@ -235,15 +245,33 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
         literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
     }
   }
+  FSelectedList.clear();
   for (const uint32_t literal : FHits.Found)
-    for (const uint32_t binding : literals.NeededBy(literal)) FSelected[binding] = FStamp;
+    for (const uint32_t binding : literals.NeededBy(literal))
+      if (FSelected[binding] != FStamp) {
+        FSelected[binding] = FStamp;
+        FSelectedList.push_back(binding);
+      }
 
   for (const auto* list : candidates.Lists) {
     if (!list) continue;
-    const uint32_t* numbers = list->Numbers.data();
-    for (size_t i = 0; i < list->Numbers.size(); ++i) {
-      if (!(numbers[i] & TBindingList::kAlways) && FSelected[numbers[i]] != FStamp) continue;
-      const TRuleBinding* binding = list->Bindings[i];
+    // The places to evaluate, in list order.
+    FPlaces.clear();
+    if (list->Bindings.size() >= TBindingList::kLongList) {
+      for (const uint32_t number : FSelectedList) {
+        const auto at = std::lower_bound(list->PlaceOf.begin(), list->PlaceOf.end(), std::make_pair(number, uint32_t{0}));
+        if (at != list->PlaceOf.end() && at->first == number) FPlaces.push_back(at->second);
+      }
+      const size_t selected = FPlaces.size();
+      FPlaces.insert(FPlaces.end(), list->AlwaysAt.begin(), list->AlwaysAt.end());
+      std::sort(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected));
+      std::inplace_merge(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected), FPlaces.end());
+    } else {
+      for (uint32_t i = 0; i < list->Numbers.size(); ++i)
+        if ((list->Numbers[i] & TBindingList::kAlways) || FSelected[list->Numbers[i]] == FStamp) FPlaces.push_back(i);
+    }
+    for (const uint32_t place : FPlaces) {
+      const TRuleBinding* binding = list->Bindings[place];
       if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
       if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, nullptr, binding->TestLiterals.data(),
                      FHits.Bits.data()))

@@ -46,6 +46,11 @@ struct TBindingList {
   // Per binding, in the same order: its number, with kAlways when it needs no literal.
   std::vector<uint32_t> Numbers;
   static constexpr uint32_t kAlways = 0x80000000;
+  // A long list is not walked whole per event: the places of the bindings that need no
+  // literal, and (number, place) of the others sorted by number.
+  static constexpr size_t kLongList = 64;
+  std::vector<uint32_t> AlwaysAt;
+  std::vector<std::pair<uint32_t, uint32_t>> PlaceOf;
 };
 
 class TRuleSet {
@@ -135,6 +140,8 @@ private:
   std::vector<uint32_t> FScanned;  // per automaton: the event the values were scanned for
   std::vector<uint32_t> FSelected; // per binding: the event for which a literal it needs was found
   std::string FKey;
+  std::vector<uint32_t> FSelectedList; // this event's selected bindings
+  std::vector<uint32_t> FPlaces;
   uint32_t FStamp = 0;
   uint64_t FEvents = 0;
   uint64_t FTested = 0;
