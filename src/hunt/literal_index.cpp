@@ -234,15 +234,16 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   for (int b = 0; b < 256; ++b) AAutomaton.ClassOf[b] = classOf[static_cast<uint8_t>(FoldChar(static_cast<char>(b)))];
   AAutomaton.Classes = classes;
 
-  // The trie, children as sibling lists.
-  std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral};
+  // The trie, children as sibling lists (the root's by class: it has the most).
+  std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral}, rootChild(classes, kNone);
   std::vector<uint16_t> inClass{0};
   for (const uint32_t literal : ALiterals) {
     uint32_t state = 0;
     for (const char c : FTexts[literal]) {
       const uint16_t cls = classOf[static_cast<uint8_t>(c)];
-      uint32_t child = head[state];
-      while (child != kNone && inClass[child] != cls) child = sibling[child];
+      uint32_t child = state == 0 ? rootChild[cls] : head[state];
+      if (state != 0)
+        while (child != kNone && inClass[child] != cls) child = sibling[child];
       if (child == kNone) {
         child = static_cast<uint32_t>(own.size());
         head.push_back(kNone);
@@ -250,6 +251,7 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
         own.push_back(kNoLiteral);
         inClass.push_back(cls);
         head[state] = child;
+        if (state == 0) rootChild[cls] = child;
       }
       state = child;
     }
@@ -258,14 +260,13 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
 
   // Numbered breadth first: a state's children get consecutive numbers.
   const size_t states = own.size();
-  std::vector<uint32_t> order{0}, number(states, 0);
+  std::vector<uint32_t> order{0};
   order.reserve(states);
   AAutomaton.FirstChild.assign(states, 0);
   AAutomaton.ChildCount.assign(states, 0);
   for (size_t i = 0; i < order.size(); ++i) {
     AAutomaton.FirstChild[i] = static_cast<uint32_t>(order.size());
     for (uint32_t child = head[order[i]]; child != kNone; child = sibling[child]) {
-      number[child] = static_cast<uint32_t>(order.size());
       order.push_back(child);
       ++AAutomaton.ChildCount[i];
     }
@@ -277,50 +278,49 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
     AAutomaton.Own[i] = own[order[i]];
   }
 
-  // Failure and suffix links, in breadth-first order (a link always goes to a shallower state).
+  // In breadth-first order (every link goes to a shallower state, done before): the full
+  // row of a shallow state, its failure state's row with its own children put in; the
+  // failure link of each child, read from a full row as soon as the chain reaches one;
+  // and its suffix link.
+  const bool narrow = states < kOutput16;
+  const size_t entryBytes = narrow ? 2 : 4;
+  const uint32_t dense =
+      static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
+  AAutomaton.DenseStates = dense;
+  std::vector<uint32_t> rows(size_t{dense} * classes, 0);
+  std::vector<uint32_t>& fail = AAutomaton.Fail;
+  std::vector<uint32_t>& suffix = AAutomaton.Suffix;
+  fail.assign(states, 0);
+  suffix.assign(states, 0);
   auto childOf = [&](uint32_t AState, uint16_t AClass) {
     const uint32_t first = AAutomaton.FirstChild[AState];
     for (uint32_t c = first; c < first + AAutomaton.ChildCount[AState]; ++c)
       if (AAutomaton.InClass[c] == AClass) return c;
     return kNone;
   };
-  std::vector<uint32_t>& fail = AAutomaton.Fail;
-  std::vector<uint32_t>& suffix = AAutomaton.Suffix;
-  fail.assign(states, 0);
-  suffix.assign(states, 0);
   for (uint32_t state = 0; state < states; ++state) {
     const uint32_t first = AAutomaton.FirstChild[state];
-    for (uint32_t child = first; child < first + AAutomaton.ChildCount[state]; ++child) {
+    const uint32_t last = first + AAutomaton.ChildCount[state];
+    if (state < dense) {
+      uint32_t* row = rows.data() + size_t{state} * classes;
+      if (state != 0) std::copy_n(rows.data() + size_t{fail[state]} * classes, classes, row);
+      for (uint32_t child = first; child < last; ++child) row[AAutomaton.InClass[child]] = child;
+    }
+    for (uint32_t child = first; child < last; ++child) {
       uint32_t link = 0;
       if (state != 0) {
-        for (uint32_t f = fail[state];; f = fail[f]) {
-          const uint32_t next = childOf(f, AAutomaton.InClass[child]);
-          if (next != kNone) {
-            link = next;
-            break;
-          }
-          if (f == 0) break;
+        const uint16_t c = AAutomaton.InClass[child];
+        uint32_t f = fail[state];
+        link = kNone;
+        while (f >= dense && link == kNone) {
+          link = childOf(f, c);
+          f = fail[f];
         }
+        if (link == kNone) link = rows[size_t{f} * classes + c];
       }
       fail[child] = link;
       suffix[child] = AAutomaton.Own[link] != kNoLiteral ? link : suffix[link];
     }
-  }
-
-  // Full rows for the shallow states.
-  const bool narrow = states < kOutput16;
-  const size_t entryBytes = narrow ? 2 : 4;
-  const uint32_t dense =
-      static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
-  AAutomaton.DenseStates = dense;
-  // A row is its failure state's row with its own children put in.
-  std::vector<uint32_t> rows(size_t{dense} * classes, 0);
-  for (uint32_t state = 0; state < dense; ++state) {
-    uint32_t* row = rows.data() + size_t{state} * classes;
-    if (state != 0) std::copy_n(rows.data() + size_t{fail[state]} * classes, classes, row);
-    const uint32_t first = AAutomaton.FirstChild[state];
-    for (uint32_t child = first; child < first + AAutomaton.ChildCount[state]; ++child)
-      row[AAutomaton.InClass[child]] = child;
   }
   for (uint32_t& row : rows)
     if (AAutomaton.Own[row] != kNoLiteral || suffix[row] != 0) row |= narrow ? kOutput16 : kOutput;
