@@ -2,6 +2,7 @@
 
 #include "engine/event_xml.h"
 
+#include <array>
 #include <cstring>
 
 namespace qvx::hunt {
@@ -13,9 +14,14 @@ std::string FoldText(std::string_view AText) {
 }
 
 uint32_t TFieldNames::Hash(std::string_view AName) {
-  uint32_t hash = 2166136261u;
-  for (const char c : AName) hash = (hash ^ static_cast<uint8_t>(FoldChar(c))) * 16777619u;
-  return hash;
+  // The length and three folded characters: names of events are short and differ there.
+  uint32_t hash = static_cast<uint32_t>(AName.size()) * 0x9E3779B1u;
+  if (!AName.empty()) {
+    hash ^= static_cast<uint8_t>(FoldChar(AName.front())) * 0x85EBCA6Bu;
+    hash ^= static_cast<uint8_t>(FoldChar(AName[AName.size() / 2])) * 0xC2B2AE35u;
+    hash ^= static_cast<uint8_t>(FoldChar(AName.back())) * 0x27D4EB2Fu;
+  }
+  return hash ^ hash >> 15;
 }
 
 uint32_t TFieldNames::Intern(std::string_view AName) {
@@ -55,9 +61,15 @@ namespace {
 
 enum TSection { scOther, scSystem, scEventData, scUserData };
 
+// Characters that end a tag or attribute name.
+constexpr std::array<bool, 256> kNameEnd = [] {
+  std::array<bool, 256> table{};
+  for (const char c : {' ', '\t', '\r', '\n', '/', '>', '='}) table[static_cast<uint8_t>(c)] = true;
+  return table;
+}();
+
 bool IsNameChar(char AChar) {
-  return AChar != ' ' && AChar != '\t' && AChar != '\r' && AChar != '\n' && AChar != '/' && AChar != '>' &&
-         AChar != '=';
+  return !kNameEnd[static_cast<uint8_t>(AChar)];
 }
 
 bool IsBlank(char AChar) {
@@ -66,8 +78,9 @@ bool IsBlank(char AChar) {
 
 // The local part of a qualified name ("ns:Name" -> "Name").
 std::string_view LocalName(std::string_view AName) {
-  const size_t colon = AName.find(':');
-  return colon == std::string_view::npos ? AName : AName.substr(colon + 1);
+  for (size_t i = 0; i < AName.size(); ++i)
+    if (AName[i] == ':') return AName.substr(i + 1);
+  return AName;
 }
 
 } // namespace
@@ -86,7 +99,7 @@ void TEventFields::Link(uint32_t AId, int AIndex) {
 void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
   TValue& value = FValues.emplace_back();
   value.Name = AName;
-  if (ARaw.find('&') == std::string_view::npos) {
+  if (std::memchr(ARaw.data(), '&', ARaw.size()) == nullptr) {
     value.Text = ARaw;
   } else {
     // FDecoded has room for the whole event (decoding only shortens), so views into it
@@ -100,7 +113,7 @@ void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
   const size_t at = FValues.size() - 1;
   if (at >= FNameCache.size()) FNameCache.resize(at + 1);
   auto& [cachedName, cachedId] = FNameCache[at];
-  if (cachedName != AName) {
+  if (cachedName.size() != AName.size() || std::memcmp(cachedName.data(), AName.data(), AName.size()) != 0) {
     cachedName.assign(AName);
     cachedId = FNames.Find(AName);
   }
