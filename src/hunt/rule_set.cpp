@@ -35,8 +35,9 @@ void TRuleSet::LoadPath(const std::string& APath) {
     if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error)) files.push_back(it->path().string());
   }
   std::sort(files.begin(), files.end());
-  // Reading YAML is most of the time a rule set takes to load: files are parsed on a few
-  // threads, a batch at a time (so memory stays bounded), and compiled in file order.
+  // Reading YAML is most of the time a rule set takes to load: files are parsed and their
+  // rules compiled on a few threads, a batch at a time (so memory stays bounded), and
+  // added in file order.
   const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
   constexpr size_t kBatch = 256;
   for (size_t first = 0; first < files.size(); first += kBatch) {
@@ -53,11 +54,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
         }
         std::ostringstream text;
         text << in.rdbuf();
-        try {
-          parsed[i].Documents = ParseYamlDocuments(text.str(), file);
-        } catch (const ESigmaError& e) {
-          parsed[i].Error = e.what();
-        }
+        Read(text.str(), file, parsed[i]);
       }
     };
     std::vector<std::thread> pool;
@@ -70,28 +67,41 @@ void TRuleSet::LoadPath(const std::string& APath) {
 
 void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
   TParsedFile parsed;
-  try {
-    parsed.Documents = ParseYamlDocuments(AText, AFile);
-  } catch (const ESigmaError& e) {
-    parsed.Error = e.what();
-  }
+  Read(AText, AFile, parsed);
   Compile(parsed, AFile);
 }
 
-void TRuleSet::Compile(const TParsedFile& AParsed, const std::string& AFile) {
+void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed) {
+  std::vector<TYamlNode> documents;
+  try {
+    documents = ParseYamlDocuments(AText, AFile);
+  } catch (const ESigmaError& e) {
+    AParsed.Error = e.what();
+    return;
+  }
+  for (const TYamlNode& document : documents) {
+    if (document.IsNull()) continue;
+    TCompiledRule& compiled = AParsed.Rules.emplace_back();
+    try {
+      compiled.Rule = CompileSigmaRule(document, AFile);
+    } catch (const ESigmaError& e) {
+      compiled.Title = document.TextOf("title");
+      compiled.Error = e.what();
+    }
+  }
+}
+
+void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
   if (!AParsed.Error.empty()) {
     FUnusable.push_back({AFile, {}, AParsed.Error});
     return;
   }
-  for (const TYamlNode& document : AParsed.Documents) {
-    if (document.IsNull()) continue;
-    std::unique_ptr<TSigmaRule> rule;
-    try {
-      rule = CompileSigmaRule(document, AFile);
-    } catch (const ESigmaError& e) {
-      FUnusable.push_back({AFile, document.TextOf("title"), e.what()});
+  for (TCompiledRule& compiled : AParsed.Rules) {
+    if (!compiled.Rule) {
+      FUnusable.push_back({AFile, compiled.Title, compiled.Error});
       continue;
     }
+    std::unique_ptr<TSigmaRule> rule = std::move(compiled.Rule);
     if (rule->Level < FFilter.MinLevel ||
         (!FFilter.Statuses.empty() &&
          std::find(FFilter.Statuses.begin(), FFilter.Statuses.end(), rule->Status) == FFilter.Statuses.end())) {

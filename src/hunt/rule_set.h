@@ -90,11 +90,17 @@ private:
     std::unordered_map<uint32_t, TBindingList> ById;
     TBindingList AnyId;
   };
+  // A rule file read and compiled (on any thread), document by document.
+  struct TCompiledRule {
+    std::unique_ptr<TSigmaRule> Rule; // null when it could not be compiled
+    std::string Title, Error;
+  };
   struct TParsedFile {
-    std::vector<TYamlNode> Documents;
+    std::vector<TCompiledRule> Rules;
     std::string Error; // why the file could not be read as YAML
   };
-  void Compile(const TParsedFile& AParsed, const std::string& AFile);
+  static void Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed);
+  void Compile(TParsedFile& AParsed, const std::string& AFile);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
 
   const TLogMapping& FMapping;
