@@ -94,7 +94,7 @@ private:
   static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
   static constexpr uint32_t kOutput = 0x80000000;
   static constexpr uint16_t kOutput16 = 0x8000;
-  static constexpr size_t kDenseBytes = 1u << 20; // per automaton
+  static constexpr size_t kDenseBytes = 256u << 10; // per automaton
 
   uint32_t Intern(uint32_t AField, const std::string& AText);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals);
