@@ -16,9 +16,12 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <mutex>
+#include <thread>
 
 namespace qvx::app {
 
@@ -91,6 +94,132 @@ void MatchedShort(const TDetection& ADetection, std::string& AOut) {
   }
 }
 
+// An event read ahead of the hunters, with what a detection line says about it.
+struct TPendingEvent {
+  std::string Xml, Channel, Computer;
+  uint64_t Record = 0;
+  uint32_t EventId = 0;
+  double Time = 0; // as shown
+  int Shift = 0;   // minutes east of UTC at that time
+};
+
+struct TFoundDetection {
+  size_t Event = 0; // in its batch
+  const TSigmaRule* Rule = nullptr;
+  std::vector<std::pair<std::string, std::string>> Matched;
+};
+
+struct THuntBatch {
+  static constexpr size_t kEvents = 256;
+  const std::string* File = nullptr;
+  std::vector<TPendingEvent> Events; // the first Count are this batch's (the others keep their room)
+  size_t Count = 0;
+  std::vector<TFoundDetection> Found;
+  bool Done = false;
+  bool Failed = false;
+};
+
+// Hunter threads: the reader fills batches of events in turn, each thread tests whole
+// batches with its own hunter (the prepared rule set is shared), and the reader writes
+// the detections of the batches in the order it read them. A ring of batches bounds the
+// memory: the reader waits for the oldest one when every batch is in use.
+class THuntPool {
+public:
+  THuntPool(const TRuleSet& ARules, unsigned AThreads) : FRing(2 * AThreads + 2) {
+    ARules.Prepare();
+    for (unsigned i = 0; i < AThreads; ++i) FHunters.push_back(std::make_unique<THunter>(ARules));
+    for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FHunters[i]); });
+  }
+  ~THuntPool() {
+    {
+      std::lock_guard<std::mutex> lock(FMutex);
+      FStop = true;
+    }
+    FWorkReady.notify_all();
+    for (std::thread& thread : FThreads) thread.join();
+  }
+  THuntPool(const THuntPool&) = delete;
+  THuntPool& operator=(const THuntPool&) = delete;
+
+  // The batch being filled; null when the oldest batch must be written first (Oldest).
+  THuntBatch* Filling() { return FFill - FWritten < FRing.size() ? &FRing[FFill % FRing.size()] : nullptr; }
+  // Hands the batch being filled to the hunters.
+  void Submit() {
+    {
+      std::lock_guard<std::mutex> lock(FMutex);
+      ++FFill;
+    }
+    FWorkReady.notify_one();
+  }
+  // The oldest batch not yet written, once tested; null when there is none. Release it
+  // after writing it.
+  THuntBatch* Oldest() {
+    if (FWritten == FFill) return nullptr;
+    THuntBatch& batch = FRing[FWritten % FRing.size()];
+    std::unique_lock<std::mutex> lock(FMutex);
+    FBatchDone.wait(lock, [&] { return batch.Done; });
+    return &batch;
+  }
+  void Release(THuntBatch& ABatch) {
+    ABatch.Count = 0;
+    ABatch.Done = false;
+    ABatch.Failed = false;
+    ++FWritten;
+  }
+  uint64_t EventsRead() const {
+    uint64_t n = 0;
+    for (const auto& hunter : FHunters) n += hunter->EventsRead();
+    return n;
+  }
+  uint64_t EventsTested() const {
+    uint64_t n = 0;
+    for (const auto& hunter : FHunters) n += hunter->EventsTested();
+    return n;
+  }
+
+private:
+  void Work(THunter& AHunter) {
+    for (;;) {
+      THuntBatch* batch = nullptr;
+      {
+        std::unique_lock<std::mutex> lock(FMutex);
+        FWorkReady.wait(lock, [&] { return FStop || FTaken < FFill; });
+        if (FTaken == FFill) return;
+        batch = &FRing[FTaken++ % FRing.size()];
+      }
+      try {
+        batch->Found.clear();
+        for (size_t i = 0; i < batch->Count; ++i) {
+          const TPendingEvent& event = batch->Events[i];
+          for (const TDetection& detection : AHunter.Test(event.Channel, event.EventId, event.Xml)) {
+            TFoundDetection& found = batch->Found.emplace_back();
+            found.Event = i;
+            found.Rule = detection.Rule;
+            for (const auto& [name, value] : detection.Matched) found.Matched.emplace_back(name, value);
+          }
+        }
+      } catch (...) {
+        batch->Failed = true; // out of memory: the reader reports it
+      }
+      {
+        std::lock_guard<std::mutex> lock(FMutex);
+        batch->Done = true;
+      }
+      FBatchDone.notify_all();
+    }
+  }
+
+  std::vector<THuntBatch> FRing;
+  std::vector<std::unique_ptr<THunter>> FHunters;
+  std::vector<std::thread> FThreads;
+  std::mutex FMutex;
+  std::condition_variable FWorkReady, FBatchDone;
+  size_t FFill = 0;    // batches handed over (reader)
+  size_t FTaken = 0;   // batches taken by a hunter (under FMutex)
+  size_t FWritten = 0; // batches written (reader)
+  bool FStop = false;
+};
+
 class THuntRun {
 public:
   THuntRun(const THuntOptions& AOptions, const TRuleSet& ARules, std::FILE* AOut, std::FILE* AErr)
@@ -101,6 +230,7 @@ public:
                AOptions.Width ? AOptions.Width : TerminalWidth(AOut)) {
     if (AOptions.Format == TOutputFormat::ofCsv)
       FBuffer.append("time,level,rule_title,rule_author,rule_id,computer,event_id,record,channel,file,matched\r\n");
+    if (AOptions.Threads > 0) FPool = std::make_unique<THuntPool>(ARules, AOptions.Threads);
   }
 
   void Input(const std::string& APath) {
@@ -123,13 +253,15 @@ public:
 
   // The closing summary; false when the output could not be written.
   bool Finish() {
+    WritePending();
     if (FOptions.Format == TOutputFormat::ofTable) FTable.Finish();
     const bool written = Flush() && std::fflush(FOut) == 0;
     if (FOptions.Quiet) return written;
     std::fprintf(FErr, "hunt: %llu detection%s in %llu events read (%llu tested against %zu rules)\n",
                  static_cast<unsigned long long>(FDetections), FDetections == 1 ? "" : "s",
-                 static_cast<unsigned long long>(FHunter.EventsRead()),
-                 static_cast<unsigned long long>(FHunter.EventsTested()), FRules.Rules().size());
+                 static_cast<unsigned long long>(FHunter.EventsRead() + (FPool ? FPool->EventsRead() : 0)),
+                 static_cast<unsigned long long>(FHunter.EventsTested() + (FPool ? FPool->EventsTested() : 0)),
+                 FRules.Rules().size());
     if (FDetections) {
       std::fputs("By level:\n", FErr);
       for (int level = slCritical; level >= slInformational; --level)
@@ -177,6 +309,64 @@ private:
     } catch (const std::exception& e) {
       Fail(APath + ": reading stopped: " + e.what());
     }
+    WritePending();
+  }
+
+  // The detections of the events handed to the hunter threads, in reading order.
+  void WritePending() {
+    if (!FPool) return;
+    if (THuntBatch* batch = FPool->Filling(); batch && batch->Count) FPool->Submit();
+    while (THuntBatch* batch = FPool->Oldest()) WriteBatch(*batch);
+  }
+
+  void WriteBatch(THuntBatch& ABatch) {
+    if (ABatch.Failed && FStatus == 0) Fail(*ABatch.File + ": testing events stopped: out of memory");
+    TDetection detection;
+    for (size_t i = 0; i < ABatch.Found.size();) {
+      const TPendingEvent& event = ABatch.Events[ABatch.Found[i].Event];
+      TEventInfo info;
+      info.Record = event.Record;
+      info.EventId = event.EventId;
+      AppendDayCountText(info.Time, event.Time);
+      AppendDayCountText(info.TimeIso, event.Time, 'T');
+      AppendOffsetText(info.TimeIso, event.Shift);
+      info.Computer = event.Computer;
+      info.Channel = event.Channel;
+      info.File = ABatch.File;
+      for (; i < ABatch.Found.size() && &ABatch.Events[ABatch.Found[i].Event] == &event; ++i) {
+        const TFoundDetection& found = ABatch.Found[i];
+        detection.Rule = found.Rule;
+        detection.Matched.clear();
+        for (const auto& [name, value] : found.Matched) detection.Matched.emplace_back(name, value);
+        Write(detection, info);
+      }
+    }
+    FPool->Release(ABatch);
+  }
+
+  // Hands the event to the hunter threads (taking its XML).
+  void Queue(TEventItemX& AItem, const std::string& APath) {
+    THuntBatch* batch = FPool->Filling();
+    if (batch && batch->Count && batch->File != &APath) {
+      FPool->Submit();
+      batch = FPool->Filling();
+    }
+    while (!batch) {
+      WriteBatch(*FPool->Oldest());
+      batch = FPool->Filling();
+    }
+    batch->File = &APath;
+    if (batch->Events.size() <= batch->Count) batch->Events.emplace_back();
+    TPendingEvent& event = batch->Events[batch->Count++];
+    event.Xml.swap(AItem.FEvtXML); // the readers write each event's XML afresh: the old room is reused
+    event.Channel.assign(AItem.FChannel);
+    event.Computer.assign(AItem.FComputername);
+    event.Record = AItem.FEventRecordID;
+    event.EventId = AItem.FEventID;
+    event.Time = AItem.GetTimeGenerated();
+    const TEventLogBase* owner = AItem.Owner();
+    event.Shift = owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0;
+    if (batch->Count == THuntBatch::kEvents) FPool->Submit();
   }
 
   void ReadSource(TEventLogBinXML& ASource, const std::string& APath) {
@@ -256,6 +446,10 @@ private:
   }
 
   void Test(TEventItemX& AItem, const std::string& APath) {
+    if (FPool) {
+      Queue(AItem, APath);
+      return;
+    }
     const auto detections = FHunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
     if (detections.empty()) return;
     TEventInfo info;
@@ -390,6 +584,7 @@ private:
   uint64_t FByLevel[slCritical + 1] = {};
   std::map<const TSigmaRule*, uint64_t> FByRule;
   int FStatus = 0;
+  std::unique_ptr<THuntPool> FPool; // null: events are tested as they are read
 };
 
 } // namespace

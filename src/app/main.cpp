@@ -301,7 +301,8 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"table", "csv", "jsonl"}));
   cmdHunt->add_option("--tz", hunt.TimeZone, "Time shift of the shown times (as for 'events')")->default_val("local");
   cmdHunt->add_flag("--scan", hunt.Scan, "Deep-scan the inputs for event chunks (images, devices, damaged files)");
-  cmdHunt->add_option("-t,--threads", hunt.Threads, "Threads decoding chunks ahead of the hunter (0 = none)")
+  cmdHunt->add_option("-t,--threads", hunt.Threads,
+                      "Threads decoding chunks, and as many testing rules, beside the reader (0 = none)")
       ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
   cmdHunt->add_option("--width", hunt.Width, "Table width in columns (default: the terminal's)");
   cmdHunt->add_flag("-q,--quiet", hunt.Quiet, "No summary on stderr");

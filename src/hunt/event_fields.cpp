@@ -2,6 +2,7 @@
 
 #include "engine/event_xml.h"
 
+#include <array>
 #include <cstring>
 
 namespace qvx::hunt {
@@ -12,27 +13,63 @@ std::string FoldText(std::string_view AText) {
   return folded;
 }
 
+uint32_t TFieldNames::Hash(std::string_view AName) {
+  // The length and three folded characters: names of events are short and differ there.
+  uint32_t hash = static_cast<uint32_t>(AName.size()) * 0x9E3779B1u;
+  if (!AName.empty()) {
+    hash ^= static_cast<uint8_t>(FoldChar(AName.front())) * 0x85EBCA6Bu;
+    hash ^= static_cast<uint8_t>(FoldChar(AName[AName.size() / 2])) * 0xC2B2AE35u;
+    hash ^= static_cast<uint8_t>(FoldChar(AName.back())) * 0x27D4EB2Fu;
+  }
+  return hash ^ hash >> 15;
+}
+
 uint32_t TFieldNames::Intern(std::string_view AName) {
   std::string key = FoldText(AName);
-  const auto [at, added] = FIds.emplace(std::move(key), static_cast<uint32_t>(FNames.size()));
-  if (added) FNames.emplace_back(AName);
+  const auto [at, added] = FIds.emplace(key, static_cast<uint32_t>(FNames.size()));
+  if (!added) return at->second;
+  FNames.emplace_back(AName);
+  FFolded.push_back(std::move(key));
+  if (FSlots.size() < FNames.size() * 2) {
+    FSlots.assign(std::max<size_t>(64, FSlots.size() * 4), 0);
+    for (uint32_t id = 0; id + 1 < FNames.size(); ++id) {
+      size_t slot = Hash(FFolded[id]) & (FSlots.size() - 1);
+      while (FSlots[slot]) slot = (slot + 1) & (FSlots.size() - 1);
+      FSlots[slot] = id + 1;
+    }
+  }
+  size_t slot = Hash(FFolded.back()) & (FSlots.size() - 1);
+  while (FSlots[slot]) slot = (slot + 1) & (FSlots.size() - 1);
+  FSlots[slot] = static_cast<uint32_t>(FNames.size());
   return at->second;
 }
 
 uint32_t TFieldNames::Find(std::string_view AName) const {
-  FKey.assign(AName);
-  for (char& c : FKey) c = FoldChar(c);
-  const auto at = FIds.find(FKey);
-  return at == FIds.end() ? kNone : at->second;
+  if (FSlots.empty()) return kNone;
+  for (size_t slot = Hash(AName) & (FSlots.size() - 1); FSlots[slot]; slot = (slot + 1) & (FSlots.size() - 1)) {
+    const uint32_t id = FSlots[slot] - 1;
+    const std::string& folded = FFolded[id];
+    if (folded.size() != AName.size()) continue;
+    size_t i = 0;
+    while (i < AName.size() && FoldChar(AName[i]) == folded[i]) ++i;
+    if (i == AName.size()) return id;
+  }
+  return kNone;
 }
 
 namespace {
 
 enum TSection { scOther, scSystem, scEventData, scUserData };
 
+// Characters that end a tag or attribute name.
+constexpr std::array<bool, 256> kNameEnd = [] {
+  std::array<bool, 256> table{};
+  for (const char c : {' ', '\t', '\r', '\n', '/', '>', '='}) table[static_cast<uint8_t>(c)] = true;
+  return table;
+}();
+
 bool IsNameChar(char AChar) {
-  return AChar != ' ' && AChar != '\t' && AChar != '\r' && AChar != '\n' && AChar != '/' && AChar != '>' &&
-         AChar != '=';
+  return !kNameEnd[static_cast<uint8_t>(AChar)];
 }
 
 bool IsBlank(char AChar) {
@@ -41,8 +78,9 @@ bool IsBlank(char AChar) {
 
 // The local part of a qualified name ("ns:Name" -> "Name").
 std::string_view LocalName(std::string_view AName) {
-  const size_t colon = AName.find(':');
-  return colon == std::string_view::npos ? AName : AName.substr(colon + 1);
+  for (size_t i = 0; i < AName.size(); ++i)
+    if (AName[i] == ':') return AName.substr(i + 1);
+  return AName;
 }
 
 } // namespace
@@ -61,7 +99,7 @@ void TEventFields::Link(uint32_t AId, int AIndex) {
 void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
   TValue& value = FValues.emplace_back();
   value.Name = AName;
-  if (ARaw.find('&') == std::string_view::npos) {
+  if (std::memchr(ARaw.data(), '&', ARaw.size()) == nullptr) {
     value.Text = ARaw;
   } else {
     // FDecoded has room for the whole event (decoding only shortens), so views into it
@@ -70,7 +108,16 @@ void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
     AppendXmlUnescaped(FDecoded, ARaw);
     value.Text = std::string_view(FDecoded.data() + start, FDecoded.size() - start);
   }
-  value.FieldId = FNames.Find(AName);
+  // Events of one kind name their values in the same order: the name at this place in
+  // the last event is tried before the table.
+  const size_t at = FValues.size() - 1;
+  if (at >= FNameCache.size()) FNameCache.resize(at + 1);
+  auto& [cachedName, cachedId] = FNameCache[at];
+  if (cachedName.size() != AName.size() || std::memcmp(cachedName.data(), AName.data(), AName.size()) != 0) {
+    cachedName.assign(AName);
+    cachedId = FNames.Find(AName);
+  }
+  value.FieldId = cachedId;
   Link(value.FieldId, static_cast<int>(FValues.size() - 1));
 }
 

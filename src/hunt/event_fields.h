@@ -51,9 +51,13 @@ public:
   uint32_t Count() const { return static_cast<uint32_t>(FNames.size()); }
 
 private:
+  static uint32_t Hash(std::string_view AName); // of the folded name
   std::unordered_map<std::string, uint32_t> FIds; // folded name -> number
   std::vector<std::string> FNames;
-  mutable std::string FKey;
+  std::vector<std::string> FFolded;
+  // Open addressing for Find, which runs for every value of every event: slot -> number
+  // + 1 (0: empty), a power of two at least twice the names.
+  std::vector<uint32_t> FSlots;
 };
 
 class TEventFields {
@@ -71,6 +75,7 @@ public:
   };
 
   explicit TEventFields(const TFieldNames& ANames) : FNames(ANames) {}
+  const TFieldNames& Names() const { return FNames; }
 
   // Reads the fields of one event's XML. AXml must stay unchanged while the fields are used.
   void Load(std::string_view AXml);
@@ -105,6 +110,7 @@ private:
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   std::string FAttrName;
+  std::vector<std::pair<std::string, uint32_t>> FNameCache; // per value place: last name and its number
   std::vector<std::unique_ptr<std::string>> FAttrNames;
 };
 

@@ -35,8 +35,9 @@ void TRuleSet::LoadPath(const std::string& APath) {
     if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error)) files.push_back(it->path().string());
   }
   std::sort(files.begin(), files.end());
-  // Reading YAML is most of the time a rule set takes to load: files are parsed on a few
-  // threads, a batch at a time (so memory stays bounded), and compiled in file order.
+  // Reading YAML is most of the time a rule set takes to load: files are parsed and their
+  // rules compiled on a few threads, a batch at a time (so memory stays bounded), and
+  // added in file order.
   const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
   constexpr size_t kBatch = 256;
   for (size_t first = 0; first < files.size(); first += kBatch) {
@@ -53,11 +54,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
         }
         std::ostringstream text;
         text << in.rdbuf();
-        try {
-          parsed[i].Documents = ParseYamlDocuments(text.str(), file);
-        } catch (const ESigmaError& e) {
-          parsed[i].Error = e.what();
-        }
+        Read(text.str(), file, parsed[i]);
       }
     };
     std::vector<std::thread> pool;
@@ -70,28 +67,41 @@ void TRuleSet::LoadPath(const std::string& APath) {
 
 void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
   TParsedFile parsed;
-  try {
-    parsed.Documents = ParseYamlDocuments(AText, AFile);
-  } catch (const ESigmaError& e) {
-    parsed.Error = e.what();
-  }
+  Read(AText, AFile, parsed);
   Compile(parsed, AFile);
 }
 
-void TRuleSet::Compile(const TParsedFile& AParsed, const std::string& AFile) {
+void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed) {
+  std::vector<TYamlNode> documents;
+  try {
+    documents = ParseYamlDocuments(AText, AFile);
+  } catch (const ESigmaError& e) {
+    AParsed.Error = e.what();
+    return;
+  }
+  for (const TYamlNode& document : documents) {
+    if (document.IsNull()) continue;
+    TCompiledRule& compiled = AParsed.Rules.emplace_back();
+    try {
+      compiled.Rule = CompileSigmaRule(document, AFile);
+    } catch (const ESigmaError& e) {
+      compiled.Title = document.TextOf("title");
+      compiled.Error = e.what();
+    }
+  }
+}
+
+void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
   if (!AParsed.Error.empty()) {
     FUnusable.push_back({AFile, {}, AParsed.Error});
     return;
   }
-  for (const TYamlNode& document : AParsed.Documents) {
-    if (document.IsNull()) continue;
-    std::unique_ptr<TSigmaRule> rule;
-    try {
-      rule = CompileSigmaRule(document, AFile);
-    } catch (const ESigmaError& e) {
-      FUnusable.push_back({AFile, document.TextOf("title"), e.what()});
+  for (TCompiledRule& compiled : AParsed.Rules) {
+    if (!compiled.Rule) {
+      FUnusable.push_back({AFile, compiled.Title, compiled.Error});
       continue;
     }
+    std::unique_ptr<TSigmaRule> rule = std::move(compiled.Rule);
     if (rule->Level < FFilter.MinLevel ||
         (!FFilter.Statuses.empty() &&
          std::find(FFilter.Statuses.begin(), FFilter.Statuses.end(), rule->Status) == FFilter.Statuses.end())) {
@@ -151,27 +161,42 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
 }
 
 void TRuleSet::Prepare() const {
-  auto build = [](TBindingList& AList) {
-    AList.Prefilter.reset();
-    if (AList.Bindings.size() >= TLiteralPrefilter::kMinBindings)
-      AList.Prefilter = std::make_unique<TLiteralPrefilter>(AList.Bindings);
-  };
   auto* self = const_cast<TRuleSet*>(this);
+  std::vector<TRuleBinding*> bindings;
+  bindings.reserve(FBindings.size());
+  for (const std::unique_ptr<TRuleBinding>& binding : FBindings) bindings.push_back(binding.get());
+  self->FLiterals = std::make_unique<TLiteralIndex>(bindings);
+  auto fields = [&](TBindingList& AList) {
+    AList.Scans = self->FLiterals->ScansOf(AList.Bindings);
+    AList.Numbers.clear();
+    AList.AlwaysAt.clear();
+    AList.PlaceOf.clear();
+    for (const TRuleBinding* binding : AList.Bindings)
+      AList.Numbers.push_back(binding->Number | (binding->Always ? TBindingList::kAlways : 0));
+    if (AList.Bindings.size() < TBindingList::kLongList) return;
+    for (uint32_t i = 0; i < AList.Bindings.size(); ++i) {
+      if (AList.Bindings[i]->Always)
+        AList.AlwaysAt.push_back(i);
+      else
+        AList.PlaceOf.emplace_back(AList.Bindings[i]->Number, i);
+    }
+    std::sort(AList.PlaceOf.begin(), AList.PlaceOf.end());
+  };
   for (auto& [channel, index] : self->FByChannel) {
-    for (auto& [id, list] : index.ById) build(list);
-    build(index.AnyId);
+    for (auto& [id, list] : index.ById) fields(list);
+    fields(index.AnyId);
   }
-  for (auto& [id, list] : self->FAnyChannel.ById) build(list);
-  build(self->FAnyChannel.AnyId);
+  for (auto& [id, list] : self->FAnyChannel.ById) fields(list);
+  fields(self->FAnyChannel.AnyId);
   FPrepared = true;
 }
 
-TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId) const {
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
   if (!FPrepared) Prepare();
   TCandidates out;
-  FKey.assign(AChannel);
-  for (char& c : FKey) c = FoldChar(c);
-  if (const auto channel = FByChannel.find(FKey); channel != FByChannel.end()) {
+  AKey.assign(AChannel);
+  for (char& c : AKey) c = FoldChar(c);
+  if (const auto channel = FByChannel.find(AKey); channel != FByChannel.end()) {
     if (const auto id = channel->second.ById.find(AEventId); id != channel->second.ById.end())
       out.Lists[0] = &id->second;
     if (!channel->second.AnyId.Bindings.empty()) out.Lists[1] = &channel->second.AnyId;
@@ -198,19 +223,69 @@ bool WhereHolds(const TRuleBinding& ABinding, const TEventFields& AFields) {
 std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml) {
   ++FEvents;
   FCount = 0;
-  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId);
+  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FKey);
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
   FFields.Load(AXml);
+
+  // Every literal of the candidate rules, found in one pass over each value they read.
+  const TLiteralIndex& literals = *FRules.Literals();
+  if (FHits.Bits.size() != literals.LiteralCount()) {
+    FHits.Bits.assign(literals.LiteralCount(), 0);
+    FHits.Found.clear();
+  }
+  if (FSelected.size() != FRules.BindingCount()) FSelected.assign(FRules.BindingCount(), 0);
+  if (FScanned.size() != literals.AutomatonCount()) FScanned.assign(literals.AutomatonCount(), 0);
+  if (++FStamp == 0) {
+    std::fill(FScanned.begin(), FScanned.end(), 0);
+    std::fill(FSelected.begin(), FSelected.end(), 0);
+    FStamp = 1;
+  }
+  FHits.Clear();
   for (const auto* list : candidates.Lists) {
     if (!list) continue;
-    const std::vector<const TRuleBinding*>& bindings = list->Bindings;
-    if (list->Prefilter) list->Prefilter->Select(FFields, FSelected);
-    for (size_t i = 0; i < bindings.size(); ++i) {
-      if (list->Prefilter && !FSelected[i]) continue;
-      const TRuleBinding* binding = bindings[i];
+    for (const TLiteralIndex::TScan& scan : list->Scans) {
+      if (FScanned[scan.Automaton] == FStamp) continue;
+      FScanned[scan.Automaton] = FStamp;
+      if (scan.Field == TLiteralIndex::kKeywordField) {
+        for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
+        continue;
+      }
+      for (int v = FFields.First(scan.Field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
+        literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
+    }
+  }
+  FSelectedList.clear();
+  for (const uint32_t literal : FHits.Found)
+    for (const uint32_t binding : literals.NeededBy(literal))
+      if (FSelected[binding] != FStamp) {
+        FSelected[binding] = FStamp;
+        FSelectedList.push_back(binding);
+      }
+
+  for (const auto* list : candidates.Lists) {
+    if (!list) continue;
+    // The places to evaluate, in list order.
+    FPlaces.clear();
+    if (list->Bindings.size() >= TBindingList::kLongList) {
+      for (const uint32_t number : FSelectedList) {
+        const auto at = std::lower_bound(list->PlaceOf.begin(), list->PlaceOf.end(), std::make_pair(number, uint32_t{0}));
+        if (at != list->PlaceOf.end() && at->first == number) FPlaces.push_back(at->second);
+      }
+      const size_t selected = FPlaces.size();
+      FPlaces.insert(FPlaces.end(), list->AlwaysAt.begin(), list->AlwaysAt.end());
+      std::sort(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected));
+      std::inplace_merge(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected), FPlaces.end());
+    } else {
+      for (uint32_t i = 0; i < list->Numbers.size(); ++i)
+        if ((list->Numbers[i] & TBindingList::kAlways) || FSelected[list->Numbers[i]] == FStamp) FPlaces.push_back(i);
+    }
+    for (const uint32_t place : FPlaces) {
+      const TRuleBinding* binding = list->Bindings[place];
       if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
-      if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields)) continue;
+      if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, nullptr, binding->TestLiterals.data(),
+                     FHits.Bits.data()))
+        continue;
       // Matched: once more, noting the values that satisfied the searches.
       FRecord.clear();
       MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);

@@ -5,12 +5,14 @@
 // places its log source maps to (one binding per channel: the event IDs it can match and
 // the event field each of its fields reads). Bindings are indexed by channel and event
 // ID, so an event is tested only against the rules that can match it, and an event no
-// rule can match is not even read for fields. Rules that cannot be used are kept with
-// the reason, once each; loading goes on.
+// rule can match is not even read for fields. Every literal of the bound rules goes into
+// one index (literal_index.h): per event, the values are scanned once for all of them,
+// and only the rules whose literals were found are evaluated. Rules that cannot be used
+// are kept with the reason, once each; loading goes on.
 #pragma once
 
 #include "hunt/event_fields.h"
-#include "hunt/literal_prefilter.h"
+#include "hunt/literal_index.h"
 #include "hunt/log_mapping.h"
 #include "hunt/rule_binding.h"
 #include "hunt/sigma_match.h"
@@ -37,10 +39,18 @@ struct TUnusableRule {
 };
 
 // The bindings of one channel and event ID (or of any ID), in load order, with the
-// literal prefilter of a long list.
+// event fields whose values must be scanned for their literals.
 struct TBindingList {
   std::vector<const TRuleBinding*> Bindings;
-  std::unique_ptr<TLiteralPrefilter> Prefilter;
+  std::vector<TLiteralIndex::TScan> Scans;
+  // Per binding, in the same order: its number, with kAlways when it needs no literal.
+  std::vector<uint32_t> Numbers;
+  static constexpr uint32_t kAlways = 0x80000000;
+  // A long list is not walked whole per event: the places of the bindings that need no
+  // literal, and (number, place) of the others sorted by number.
+  static constexpr size_t kLongList = 64;
+  std::vector<uint32_t> AlwaysAt;
+  std::vector<std::pair<uint32_t, uint32_t>> PlaceOf;
 };
 
 class TRuleSet {
@@ -62,25 +72,35 @@ public:
 
   // The bindings an event of AChannel (any case) with AEventId is tested against, in
   // up to four lists (the channel's by ID and for any ID, then those of rules that read
-  // every channel); null lists are empty.
+  // every channel); null lists are empty. AKey is the caller's room for the folded channel.
   struct TCandidates {
     const TBindingList* Lists[4] = {};
   };
-  TCandidates Candidates(std::string_view AChannel, uint32_t AEventId) const;
-  // Builds the prefilters of the long lists; done by the first Candidates call when not
-  // called before. Rules loaded afterwards build them again.
+  TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
+  // Builds the literal index; done by the first Candidates call when not called before.
+  // Rules loaded afterwards build it again. Once it is built, hunters on several threads
+  // may share the rule set (loading more rules while they run is not allowed).
   void Prepare() const;
+  // The literal index (null before Prepare).
+  const TLiteralIndex* Literals() const { return FLiterals.get(); }
+  size_t BindingCount() const { return FBindings.size(); }
 
 private:
   struct TChannelIndex {
     std::unordered_map<uint32_t, TBindingList> ById;
     TBindingList AnyId;
   };
+  // A rule file read and compiled (on any thread), document by document.
+  struct TCompiledRule {
+    std::unique_ptr<TSigmaRule> Rule; // null when it could not be compiled
+    std::string Title, Error;
+  };
   struct TParsedFile {
-    std::vector<TYamlNode> Documents;
+    std::vector<TCompiledRule> Rules;
     std::string Error; // why the file could not be read as YAML
   };
-  void Compile(const TParsedFile& AParsed, const std::string& AFile);
+  static void Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed);
+  void Compile(TParsedFile& AParsed, const std::string& AFile);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
 
   const TLogMapping& FMapping;
@@ -92,12 +112,13 @@ private:
   size_t FFilteredOut = 0;
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   TChannelIndex FAnyChannel;
-  mutable std::string FKey;
+  std::unique_ptr<TLiteralIndex> FLiterals;
   mutable bool FPrepared = false;
 };
 
 // A detection: the rule, and the fields and values that satisfied its searches (views
-// good until the next event).
+// good until the next event). One hunter serves one thread; several may share a prepared
+// rule set.
 struct TDetection {
   const TSigmaRule* Rule = nullptr;
   std::vector<std::pair<std::string_view, std::string_view>> Matched;
@@ -121,7 +142,13 @@ private:
   std::vector<TDetection> FDetections; // kept with their room; the first FCount are this event's
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
-  std::vector<uint8_t> FSelected; // per binding of a list: its literal was found
+  TLiteralHits FHits;
+  std::vector<uint32_t> FScanned;  // per automaton: the event the values were scanned for
+  std::vector<uint32_t> FSelected; // per binding: the event for which a literal it needs was found
+  std::string FKey;
+  std::vector<uint32_t> FSelectedList; // this event's selected bindings
+  std::vector<uint32_t> FPlaces;
+  uint32_t FStamp = 0;
   uint64_t FEvents = 0;
   uint64_t FTested = 0;
 };

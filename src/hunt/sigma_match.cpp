@@ -1,5 +1,7 @@
 #include "hunt/sigma_match.h"
 
+#include "hunt/literal_index.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <string.h>
@@ -81,7 +83,25 @@ struct TContext {
   const TSigmaRule& Rule;
   const uint32_t* SlotFields;
   const TEventFields& Fields;
+  const uint32_t* TestLiterals; // null: every test searches the values
+  const uint8_t* Hits;
 };
+
+// What the literal index says of ATest: 1 it matches a value, 0 it matches none, -1 it
+// cannot say (the values must be tried).
+int IndexedAnswer(const TContext& AContext, const TValueTest& ATest) {
+  if (!AContext.TestLiterals) return -1;
+  const uint32_t coded = AContext.TestLiterals[ATest.Index];
+  if (coded == TLiteralIndex::kNoLiteral) return -1;
+  const uint8_t hits = AContext.Hits[coded >> 1];
+  if (coded & 1) return hits ? -1 : 0; // a hint: the literal is needed, not enough
+  switch (ATest.Kind) {
+  case TValueTest::vkEquals: return (hits & lhEquals) != 0;
+  case TValueTest::vkStartsWith: return (hits & lhStarts) != 0;
+  case TValueTest::vkEndsWith: return (hits & lhEnds) != 0;
+  default: return (hits & lhContains) != 0;
+  }
+}
 
 // The first value of the field (AField: an event field number) that ATest matches, or -1.
 int MatchAnyValue(const TContext& AContext, const TValueTest& ATest, int AFirst) {
@@ -108,10 +128,12 @@ bool MatchField(const TContext& AContext, const TFieldTest& ATest, std::vector<T
   }
   for (const TValueTest& value : ATest.Values) {
     int hit = -1;
-    if (value.Kind == TValueTest::vkExists)
+    if (value.Kind == TValueTest::vkExists) {
       hit = value.ExistsWanted ? first : -1;
-    else
-      hit = MatchAnyValue(AContext, value, first);
+    } else {
+      const int answer = IndexedAnswer(AContext, value);
+      hit = answer == 0 ? -1 : answer == 1 ? first : MatchAnyValue(AContext, value, first);
+    }
     if (hit >= 0 && ARecord) ARecord->push_back({ATest.Slot, hit});
     if (ATest.All && hit < 0) return false;
     if (!ATest.All && hit >= 0) return true;
@@ -122,8 +144,9 @@ bool MatchField(const TContext& AContext, const TFieldTest& ATest, std::vector<T
 bool MatchKeywords(const TContext& AContext, const TFieldTest& ATest, std::vector<TMatchedValue>* ARecord) {
   const int count = AContext.Fields.ValueCount();
   for (const TValueTest& value : ATest.Values) {
-    int hit = -1;
-    for (int v = 0; v < count && hit < 0; ++v)
+    const int answer = IndexedAnswer(AContext, value);
+    int hit = answer == 1 ? 0 : -1;
+    for (int v = 0; v < count && hit < 0 && answer < 0; ++v)
       if (MatchValue(AContext.Rule, value, AContext.SlotFields, AContext.Fields, v)) hit = v;
     if (hit >= 0 && ARecord) ARecord->push_back({TMatchedValue::kKeywordSlot, hit});
     if (ATest.All && hit < 0) return false;
@@ -195,7 +218,7 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
     switch (ATest.Regex->Search(text)) {
     case TSigmaRegex::rxMatch: return true;
     case TSigmaRegex::rxNoMatch: return false;
-    case TSigmaRegex::rxLimit: ++ARule.RegexLimitHits; return false;
+    case TSigmaRegex::rxLimit: ARule.RegexLimitHits.fetch_add(1, std::memory_order_relaxed); return false;
     }
     return false;
   case TValueTest::vkNetwork: {
@@ -229,8 +252,8 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
 }
 
 bool MatchRule(const TSigmaRule& ARule, const uint32_t* ASlotFields, const TEventFields& AFields,
-               std::vector<TMatchedValue>* ARecord) {
-  const TContext context{ARule, ASlotFields, AFields};
+               std::vector<TMatchedValue>* ARecord, const uint32_t* ATestLiterals, const uint8_t* AHits) {
+  const TContext context{ARule, ASlotFields, AFields, ARecord ? nullptr : ATestLiterals, AHits};
   return MatchNode(context, ARule.Condition, ARecord);
 }
 

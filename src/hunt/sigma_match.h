@@ -21,8 +21,14 @@ struct TMatchedValue {
 // ASlotFields[I]. With ARecord, the values that satisfied its searches (outside any
 // "not") are appended to it. Never raises; a regular expression that reaches its limits
 // counts as not matching and is counted in ARule.RegexLimitHits.
+//
+// With ATestLiterals (a binding's, see literal_index.h) and AHits (the literals found in
+// the event's values that the binding reads), a value test with a literal reads the
+// answer from AHits instead of searching the values; the result is the same. Not with
+// ARecord, which needs to know which value matched.
 bool MatchRule(const TSigmaRule& ARule, const uint32_t* ASlotFields, const TEventFields& AFields,
-               std::vector<TMatchedValue>* ARecord = nullptr);
+               std::vector<TMatchedValue>* ARecord = nullptr, const uint32_t* ATestLiterals = nullptr,
+               const uint8_t* AHits = nullptr);
 
 // One value test against one value of an event (exists and null on absent fields are the
 // caller's). Exposed for the tests.

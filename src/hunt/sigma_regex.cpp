@@ -9,14 +9,29 @@ namespace qvx::hunt {
 
 struct TSigmaRegex::THandles {
   pcre2_code* Code = nullptr;
-  pcre2_match_data* Data = nullptr;
   pcre2_match_context* Context = nullptr;
   ~THandles() {
     pcre2_match_context_free(Context);
-    pcre2_match_data_free(Data);
     pcre2_code_free(Code);
   }
 };
+
+namespace {
+
+// The match data of this thread, shared by every pattern: one pair of offsets is all a
+// search needs (a match with more groups than room still counts as a match), and the
+// interpreter keeps its backtracking frames in it, so they are reused.
+pcre2_match_data* ThreadMatchData() {
+  struct THolder {
+    pcre2_match_data* Data = pcre2_match_data_create(1, nullptr);
+    ~THolder() { pcre2_match_data_free(Data); }
+  };
+  thread_local THolder holder;
+  if (!holder.Data) throw std::bad_alloc();
+  return holder.Data;
+}
+
+} // namespace
 
 TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultiline, bool ADotAll)
     : FHandles(std::make_unique<THandles>()) {
@@ -37,9 +52,8 @@ TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultil
                                 " at offset " + std::to_string(offset));
   }
   FJit = pcre2_jit_compile(FHandles->Code, PCRE2_JIT_COMPLETE) == 0;
-  FHandles->Data = pcre2_match_data_create(1, nullptr);
   FHandles->Context = pcre2_match_context_create(nullptr);
-  if (!FHandles->Data || !FHandles->Context) throw std::bad_alloc();
+  if (!FHandles->Context) throw std::bad_alloc();
   pcre2_set_match_limit(FHandles->Context, kMatchLimit);
   pcre2_set_depth_limit(FHandles->Context, kDepthLimit);
   pcre2_set_heap_limit(FHandles->Context, kHeapLimitKiB);
@@ -49,11 +63,12 @@ TSigmaRegex::~TSigmaRegex() = default;
 
 TSigmaRegex::TResult TSigmaRegex::Search(std::string_view AText) const {
   const auto subject = reinterpret_cast<PCRE2_SPTR>(AText.data());
-  int rc = FJit ? pcre2_jit_match(FHandles->Code, subject, AText.size(), 0, 0, FHandles->Data, FHandles->Context)
-                : pcre2_match(FHandles->Code, subject, AText.size(), 0, 0, FHandles->Data, FHandles->Context);
+  pcre2_match_data* data = ThreadMatchData();
+  int rc = FJit ? pcre2_jit_match(FHandles->Code, subject, AText.size(), 0, 0, data, FHandles->Context)
+                : pcre2_match(FHandles->Code, subject, AText.size(), 0, 0, data, FHandles->Context);
   // The JIT's own stack is small; the interpreter keeps its backtracking on the (limited) heap.
   if (FJit && rc == PCRE2_ERROR_JIT_STACKLIMIT)
-    rc = pcre2_match(FHandles->Code, subject, AText.size(), 0, PCRE2_NO_JIT, FHandles->Data, FHandles->Context);
+    rc = pcre2_match(FHandles->Code, subject, AText.size(), 0, PCRE2_NO_JIT, data, FHandles->Context);
   if (rc >= 0) return rxMatch;
   if (rc == PCRE2_ERROR_NOMATCH) return rxNoMatch;
   return rxLimit;

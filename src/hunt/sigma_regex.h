@@ -1,10 +1,10 @@
-// One compiled PCRE2 regular expression of a rule, with its own match data.
+// One compiled PCRE2 regular expression of a rule.
 //
 // The only holder of PCRE2 handles in the hunt library. The code is JIT-compiled when
-// the library can; matching reuses one match data block and one match context (so a
-// match allocates nothing) and runs under match, depth and heap limits, so a pattern
-// that would backtrack without end reports a failure instead of hanging. A pattern
-// serves one thread at a time.
+// the library can; matching reuses one match data block per thread and one match
+// context (so a match allocates nothing once a thread has matched) and runs under match,
+// depth and heap limits, so a pattern that would backtrack without end reports a failure
+// instead of hanging. Several threads may match with one pattern at once.
 #pragma once
 
 #include <cstdint>

@@ -864,6 +864,10 @@ void TRuleCompiler::CompileDetection(const TYamlNode& ADetection) {
         std::stable_sort(alt.Fields.begin(), alt.Fields.end(),
                          [&](const TFieldTest& A, const TFieldTest& B) { return cost(A) < cost(B); });
   if (auto ids = NodeEventIds(FRule.Condition, FRule)) FRule.EventIds = std::move(*ids);
+  for (TSearch& search : FRule.Searches)
+    for (TSearchAlt& alt : search.Alts)
+      for (TFieldTest& field : alt.Fields)
+        for (TValueTest& value : field.Values) value.Index = FRule.TestCount++;
 }
 
 std::string JoinText(const TYamlNode* ANode) {

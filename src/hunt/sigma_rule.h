@@ -14,6 +14,7 @@
 #include "hunt/sigma_yaml.h"
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -63,6 +64,7 @@ public:
   TKind RefKind = vkEquals;           // vkFieldRef: how the values compare
   uint16_t Grams[2] = {};             // vkContains: 4-gram hashes of the needle's two ends
   bool HasGrams = false;
+  uint32_t Index = 0;                 // the test's number in its rule (TSigmaRule::TestCount)
 };
 
 // A field and its values: any value (or, with All, every value) matches one of the
@@ -104,8 +106,10 @@ public:
   TCondNode Condition;
   // The event IDs the condition needs one of, when it always needs one (empty: any).
   std::set<uint32_t> EventIds;
-  // Times a regular expression reached its limits while matching (the rule is reported).
-  mutable uint64_t RegexLimitHits = 0;
+  uint32_t TestCount = 0; // value tests, numbered by TValueTest::Index
+  // Times a regular expression reached its limits while matching (the rule is reported;
+  // hunters on several threads may count at once).
+  mutable std::atomic<uint64_t> RegexLimitHits{0};
 };
 
 struct TCompileLimits {

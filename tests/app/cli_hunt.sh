@@ -82,4 +82,14 @@ check level-count test "$high" -eq "$(wc -l <"$tmp/d.jsonl")"
 check store-hunt test "$("$QVX" hunt -q -r "$tmp/rules" "$tmp/s.db" -f jsonl | wc -l)" -eq "$stored"
 check store-author sh -c "'$QVX' view '$tmp/s.db' --detections --width 200 | grep -q 'Log Cleared (John Tester)'"
 
+# Hunter threads write the same detections, in the same order, as testing while reading
+# (two logs in a folder: the batches of one file end where the next begins).
+mkdir -p "$tmp/many"
+"$QVX" demo -o "$tmp/many/a.evtx" --no-dump --records 3000 >/dev/null 2>&1
+cp "$tmp/logs/demo.evtx" "$tmp/many/b.evtx"
+"$QVX" hunt -q -t 0 -r "$tmp/rules" "$tmp/many" -f jsonl --tz UTC >"$tmp/t0.jsonl"
+"$QVX" hunt -q -t 3 -r "$tmp/rules" "$tmp/many" -f jsonl --tz UTC >"$tmp/t3.jsonl"
+check threads-some test "$(wc -l <"$tmp/t0.jsonl")" -gt 10
+check threads-same cmp -s "$tmp/t0.jsonl" "$tmp/t3.jsonl"
+
 exit $fail

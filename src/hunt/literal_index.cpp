@@ -1,0 +1,451 @@
+#include "hunt/literal_index.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace qvx::hunt {
+
+namespace {
+
+constexpr uint32_t kNone = 0xFFFFFFFF;
+// Literals longer than this are not indexed (their tests search the value themselves),
+// and a field's automaton stops taking literals past a budget of states, so a hostile
+// rule cannot make the tables grow without end.
+constexpr size_t kMaxLiteralBytes = 512;
+constexpr size_t kMaxStates = 1u << 20;
+
+// The folded text a value test compares with, "" when it has none to index: the needle
+// of a text comparison, the longest run of a wildcard pattern without '?'.
+std::string LiteralText(const TValueTest& ATest) {
+  switch (ATest.Kind) {
+  case TValueTest::vkEquals:
+  case TValueTest::vkContains:
+  case TValueTest::vkStartsWith:
+  case TValueTest::vkEndsWith: return FoldText(ATest.Needle);
+  case TValueTest::vkGlob: {
+    std::string best;
+    for (const TGlobSegment& segment : ATest.Segments) {
+      size_t start = 0;
+      for (size_t i = 0; i <= segment.Text.size(); ++i)
+        if (i == segment.Text.size() || segment.AnyAt[i]) {
+          if (i - start > best.size()) best = segment.Text.substr(start, i - start);
+          start = i + 1;
+        }
+    }
+    return FoldText(best);
+  }
+  default: return {};
+  }
+}
+
+// The test decides by the literal alone: folded text compared whole, at an end or anywhere.
+bool DecidedByLiteral(const TValueTest& ATest) {
+  return !ATest.Cased && (ATest.Kind == TValueTest::vkEquals || ATest.Kind == TValueTest::vkContains ||
+                          ATest.Kind == TValueTest::vkStartsWith || ATest.Kind == TValueTest::vkEndsWith);
+}
+
+// What a part of a rule needs: one of these literals is in the event.
+using TNeed = std::vector<uint32_t>;
+
+class TNeeds {
+public:
+  TNeeds(const TSigmaRule& ARule, const std::vector<uint32_t>& ATestLiterals, const std::vector<uint32_t>& ALengths)
+      : FRule(ARule), FTestLiterals(ATestLiterals), FLengths(ALengths) {}
+
+  std::optional<TNeed> Node(const TCondNode& ANode) const {
+    switch (ANode.Kind) {
+    case TCondNode::cnSearch: return Search(FRule.Searches[ANode.Search]);
+    case TCondNode::cnNot: return std::nullopt;
+    case TCondNode::cnOr: {
+      TNeed all;
+      for (const TCondNode& child : ANode.Children) {
+        std::optional<TNeed> need = Node(child);
+        if (!need) return std::nullopt;
+        all.insert(all.end(), need->begin(), need->end());
+      }
+      return all;
+    }
+    case TCondNode::cnAnd: {
+      std::optional<TNeed> best;
+      for (const TCondNode& child : ANode.Children) {
+        std::optional<TNeed> need = Node(child);
+        if (need && (!best || Better(*need, *best))) best = std::move(need);
+      }
+      return best;
+    }
+    }
+    return std::nullopt;
+  }
+
+private:
+  uint32_t Literal(const TValueTest& ATest) const {
+    const uint32_t coded = FTestLiterals[ATest.Index];
+    return coded == kNone ? kNone : coded >> 1;
+  }
+
+  std::optional<TNeed> Field(const TFieldTest& AField) const {
+    TNeed need;
+    if (AField.All) {
+      // Every value must match: the longest literal of one of them is enough.
+      uint32_t best = kNone;
+      for (const TValueTest& value : AField.Values) {
+        const uint32_t literal = Literal(value);
+        if (literal != kNone && (best == kNone || FLengths[literal] > FLengths[best])) best = literal;
+      }
+      if (best == kNone) return std::nullopt;
+      need.push_back(best);
+      return need;
+    }
+    for (const TValueTest& value : AField.Values) {
+      const uint32_t literal = Literal(value);
+      if (literal == kNone) return std::nullopt;
+      need.push_back(literal);
+    }
+    return need;
+  }
+
+  std::optional<TNeed> Search(const TSearch& ASearch) const {
+    TNeed all;
+    if (ASearch.Alts.empty()) return std::nullopt;
+    for (const TSearchAlt& alt : ASearch.Alts) {
+      std::optional<TNeed> best;
+      for (const TFieldTest& field : alt.Fields) {
+        std::optional<TNeed> need = Field(field);
+        if (need && (!best || Better(*need, *best))) best = std::move(need);
+      }
+      if (!best) return std::nullopt;
+      all.insert(all.end(), best->begin(), best->end());
+    }
+    return all;
+  }
+
+  // The more selective need: literals of 3 bytes or more, then fewer literals, then a
+  // longer shortest literal.
+  bool Better(const TNeed& A, const TNeed& B) const {
+    const size_t a = Shortest(A), b = Shortest(B);
+    if ((a >= 3) != (b >= 3)) return a >= 3;
+    if (A.size() != B.size()) return A.size() < B.size();
+    return a > b;
+  }
+  size_t Shortest(const TNeed& ANeed) const {
+    size_t shortest = SIZE_MAX;
+    for (const uint32_t literal : ANeed) shortest = std::min<size_t>(shortest, FLengths[literal]);
+    return shortest;
+  }
+
+  const TSigmaRule& FRule;
+  const std::vector<uint32_t>& FTestLiterals;
+  const std::vector<uint32_t>& FLengths;
+};
+
+} // namespace
+
+uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText) {
+  if (AText.empty() || AText.size() > kMaxLiteralBytes) return kNoLiteral;
+  std::string key = std::to_string(AField);
+  key.push_back('\0');
+  key.append(AText);
+  const auto [at, added] = FIds.emplace(std::move(key), static_cast<uint32_t>(FLengths.size()));
+  if (added) {
+    FTexts.push_back(AText);
+    FFields.push_back(AField);
+    FLengths.push_back(static_cast<uint32_t>(AText.size()));
+  }
+  return at->second;
+}
+
+TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
+  // The literal of every value test, per binding (the binding says which event field a
+  // rule's field reads).
+  for (size_t b = 0; b < ABindings.size(); ++b) {
+    TRuleBinding& binding = *ABindings[b];
+    const TSigmaRule& rule = *binding.Rule;
+    binding.Number = static_cast<uint32_t>(b);
+    binding.TestLiterals.assign(rule.TestCount, kNoLiteral);
+    for (const TSearch& search : rule.Searches)
+      for (const TSearchAlt& alt : search.Alts)
+        for (const TFieldTest& field : alt.Fields) {
+          const uint32_t fieldId = alt.Keywords ? kKeywordField : binding.SlotFields[field.Slot];
+          for (const TValueTest& value : field.Values) {
+            const uint32_t literal = Intern(fieldId, LiteralText(value));
+            if (literal != kNoLiteral) binding.TestLiterals[value.Index] = literal << 1 | (DecidedByLiteral(value) ? 0 : 1);
+          }
+        }
+  }
+
+  // One automaton per field, over the literals in the order they came (so a budget cut
+  // keeps the same ones every time). Keyword literals get an automaton per set of rules
+  // that are tested together (ScansOf), as every value of the event goes through it.
+  std::vector<std::vector<uint32_t>> byField;
+  FIndexed.assign(FLengths.size(), 0);
+  for (uint32_t literal = 0; literal < FLengths.size(); ++literal) {
+    const uint32_t field = FFields[literal];
+    if (field == kKeywordField) {
+      FIndexed[literal] = 1; // a keyword set is within the budget (a rule's values are bounded)
+      continue;
+    }
+    if (field >= byField.size()) byField.resize(field + 1);
+    byField[field].push_back(literal);
+  }
+  FByField.assign(byField.size(), -1);
+  for (size_t field = 0; field < byField.size(); ++field) {
+    std::vector<uint32_t>& literals = byField[field];
+    if (literals.empty()) continue;
+    size_t states = 1;
+    size_t kept = 0;
+    for (const uint32_t literal : literals)
+      if (states + FLengths[literal] <= kMaxStates) {
+        states += FLengths[literal];
+        literals[kept++] = literal;
+        FIndexed[literal] = 1;
+      }
+    literals.resize(kept);
+    FByField[field] = static_cast<int32_t>(FAutomata.size());
+    BuildAutomaton(FAutomata.emplace_back(), literals);
+  }
+
+  // Tests whose literal did not fit search the value themselves; then what each binding needs.
+  FNeededBy.resize(FLengths.size());
+  for (TRuleBinding* binding : ABindings) {
+    for (uint32_t& coded : binding->TestLiterals)
+      if (coded != kNoLiteral && !FIndexed[coded >> 1]) coded = kNoLiteral;
+    const std::optional<TNeed> need =
+        TNeeds(*binding->Rule, binding->TestLiterals, FLengths).Node(binding->Rule->Condition);
+    binding->Always = !need || need->empty();
+    if (binding->Always) continue;
+    for (const uint32_t literal : *need) {
+      std::vector<uint32_t>& list = FNeededBy[literal];
+      if (list.empty() || list.back() != binding->Number) list.push_back(binding->Number);
+    }
+  }
+  FIds.clear();
+}
+
+void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) {
+  // Input classes: one per byte that some literal holds (literals are folded, so an upper
+  // case letter falls into its lower case letter's class), 0 for the others.
+  bool used[256] = {};
+  for (const uint32_t literal : ALiterals)
+    for (const char c : FTexts[literal]) used[static_cast<uint8_t>(c)] = true;
+  uint16_t classOf[256] = {};
+  uint32_t classes = 1;
+  for (int b = 0; b < 256; ++b)
+    if (used[b]) classOf[b] = static_cast<uint16_t>(classes++);
+  for (int b = 0; b < 256; ++b) AAutomaton.ClassOf[b] = classOf[static_cast<uint8_t>(FoldChar(static_cast<char>(b)))];
+  AAutomaton.Classes = classes;
+
+  // The trie, children as sibling lists (the root's by class: it has the most).
+  std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral}, rootChild(classes, kNone);
+  std::vector<uint16_t> inClass{0};
+  for (const uint32_t literal : ALiterals) {
+    uint32_t state = 0;
+    for (const char c : FTexts[literal]) {
+      const uint16_t cls = classOf[static_cast<uint8_t>(c)];
+      uint32_t child = state == 0 ? rootChild[cls] : head[state];
+      if (state != 0)
+        while (child != kNone && inClass[child] != cls) child = sibling[child];
+      if (child == kNone) {
+        child = static_cast<uint32_t>(own.size());
+        head.push_back(kNone);
+        sibling.push_back(head[state]);
+        own.push_back(kNoLiteral);
+        inClass.push_back(cls);
+        head[state] = child;
+        if (state == 0) rootChild[cls] = child;
+      }
+      state = child;
+    }
+    own[state] = literal;
+  }
+
+  // Numbered breadth first: a state's children get consecutive numbers.
+  const size_t states = own.size();
+  std::vector<uint32_t> order{0};
+  order.reserve(states);
+  AAutomaton.FirstChild.assign(states, 0);
+  AAutomaton.ChildCount.assign(states, 0);
+  for (size_t i = 0; i < order.size(); ++i) {
+    AAutomaton.FirstChild[i] = static_cast<uint32_t>(order.size());
+    for (uint32_t child = head[order[i]]; child != kNone; child = sibling[child]) {
+      order.push_back(child);
+      ++AAutomaton.ChildCount[i];
+    }
+  }
+  AAutomaton.InClass.resize(states);
+  AAutomaton.Own.resize(states);
+  for (size_t i = 0; i < states; ++i) {
+    AAutomaton.InClass[i] = inClass[order[i]];
+    AAutomaton.Own[i] = own[order[i]];
+  }
+
+  // In breadth-first order (every link goes to a shallower state, done before): the full
+  // row of a shallow state, its failure state's row with its own children put in; the
+  // failure link of each child, read from a full row as soon as the chain reaches one;
+  // and its suffix link.
+  const bool narrow = states < kOutput16;
+  const size_t entryBytes = narrow ? 2 : 4;
+  const uint32_t dense =
+      static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
+  AAutomaton.DenseStates = dense;
+  std::vector<uint32_t> rows(size_t{dense} * classes, 0);
+  std::vector<uint32_t>& fail = AAutomaton.Fail;
+  std::vector<uint32_t>& suffix = AAutomaton.Suffix;
+  fail.assign(states, 0);
+  suffix.assign(states, 0);
+  auto childOf = [&](uint32_t AState, uint16_t AClass) {
+    const uint32_t first = AAutomaton.FirstChild[AState];
+    for (uint32_t c = first; c < first + AAutomaton.ChildCount[AState]; ++c)
+      if (AAutomaton.InClass[c] == AClass) return c;
+    return kNone;
+  };
+  for (uint32_t state = 0; state < states; ++state) {
+    const uint32_t first = AAutomaton.FirstChild[state];
+    const uint32_t last = first + AAutomaton.ChildCount[state];
+    if (state < dense) {
+      uint32_t* row = rows.data() + size_t{state} * classes;
+      if (state != 0) std::copy_n(rows.data() + size_t{fail[state]} * classes, classes, row);
+      for (uint32_t child = first; child < last; ++child) row[AAutomaton.InClass[child]] = child;
+    }
+    for (uint32_t child = first; child < last; ++child) {
+      uint32_t link = 0;
+      if (state != 0) {
+        const uint16_t c = AAutomaton.InClass[child];
+        uint32_t f = fail[state];
+        link = kNone;
+        while (f >= dense && link == kNone) {
+          link = childOf(f, c);
+          f = fail[f];
+        }
+        if (link == kNone) link = rows[size_t{f} * classes + c];
+      }
+      fail[child] = link;
+      suffix[child] = AAutomaton.Own[link] != kNoLiteral ? link : suffix[link];
+    }
+  }
+  for (uint32_t& row : rows)
+    if (AAutomaton.Own[row] != kNoLiteral || suffix[row] != 0) row |= narrow ? kOutput16 : kOutput;
+  if (narrow)
+    AAutomaton.Dense16.assign(rows.begin(), rows.end());
+  else
+    AAutomaton.Dense32 = std::move(rows);
+
+  const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
+                     std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
+  if (heads) {
+    AAutomaton.Heads.assign(65536 / 64, 0);
+    for (const uint32_t literal : ALiterals) {
+      uint32_t first4 = 0;
+      for (size_t i = 0; i < 4; ++i) first4 = first4 << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
+      const uint32_t hash = HeadHash(first4);
+      AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
+    }
+  }
+}
+
+std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const TRuleBinding*>& ABindings) {
+  std::vector<uint32_t> fields, keywords;
+  for (const TRuleBinding* binding : ABindings)
+    for (const uint32_t coded : binding->TestLiterals) {
+      if (coded == kNoLiteral) continue;
+      const uint32_t literal = coded >> 1;
+      if (FFields[literal] == kKeywordField)
+        keywords.push_back(literal);
+      else
+        fields.push_back(FFields[literal]);
+    }
+  std::sort(fields.begin(), fields.end());
+  fields.erase(std::unique(fields.begin(), fields.end()), fields.end());
+  std::vector<TScan> scans;
+  for (const uint32_t field : fields) scans.push_back({static_cast<uint32_t>(FByField[field]), field});
+  if (!keywords.empty()) {
+    std::sort(keywords.begin(), keywords.end());
+    keywords.erase(std::unique(keywords.begin(), keywords.end()), keywords.end());
+    auto known =
+        std::find_if(FKeywordSets.begin(), FKeywordSets.end(), [&](const auto& A) { return A.first == keywords; });
+    if (known == FKeywordSets.end()) {
+      BuildAutomaton(FAutomata.emplace_back(), keywords);
+      FKeywordSets.emplace_back(keywords, static_cast<uint32_t>(FAutomata.size() - 1));
+      known = FKeywordSets.end() - 1;
+    }
+    scans.push_back({known->second, kKeywordField});
+  }
+  return scans;
+}
+
+void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
+  const TAutomaton& automaton = FAutomata[AAutomaton];
+  if (!automaton.Heads.empty()) {
+    const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
+    const uint64_t* heads = automaton.Heads.data();
+    uint32_t head = 0;
+    size_t i = 0;
+    bool candidate = false;
+    for (; i < AText.size() && i < 3; ++i) head = head << 8 | automaton.ClassOf[text[i]];
+    for (; i < AText.size() && !candidate; ++i) {
+      head = head << 8 | automaton.ClassOf[text[i]];
+      const uint32_t hash = HeadHash(head);
+      candidate = heads[hash >> 6] >> (hash & 63) & 1;
+    }
+    if (!candidate) return;
+  }
+  if (!automaton.Dense16.empty())
+    ScanWith(automaton, automaton.Dense16.data(), AText, AHits);
+  else
+    ScanWith(automaton, automaton.Dense32.data(), AText, AHits);
+}
+
+template <typename TEntry>
+void TLiteralIndex::ScanWith(const TAutomaton& A, const TEntry* ARows, std::string_view AText,
+                             TLiteralHits& AHits) const {
+  constexpr uint32_t output = sizeof(TEntry) == 2 ? kOutput16 : kOutput;
+  const uint32_t classes = A.Classes;
+  const uint32_t dense = A.DenseStates;
+  const size_t size = AText.size();
+  const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
+  uint32_t state = 0;
+  for (size_t i = 0; i < size; ++i) {
+    const uint16_t c = A.ClassOf[text[i]];
+    uint32_t target;
+    for (;;) {
+      if (state < dense) [[likely]] {
+        target = ARows[size_t{state} * classes + c];
+        break;
+      }
+      // A deep state: its own children, or down its failure link.
+      const uint32_t first = A.FirstChild[state];
+      const uint32_t last = first + A.ChildCount[state];
+      uint32_t child = first;
+      while (child < last && A.InClass[child] != c) ++child;
+      if (child < last) {
+        target = child | (A.Own[child] != kNoLiteral || A.Suffix[child] != 0 ? output : 0);
+        break;
+      }
+      state = A.Fail[state];
+    }
+    state = target & ~output;
+    if (!(target & output)) [[likely]]
+      continue;
+    for (uint32_t at = A.Own[state] != kNoLiteral ? state : A.Suffix[state]; at; at = A.Suffix[at]) {
+      const uint32_t literal = A.Own[at];
+      const bool starts = i + 1 == FLengths[literal];
+      const bool ends = i + 1 == size;
+      const uint8_t bits = static_cast<uint8_t>(lhContains | (starts ? lhStarts : 0) | (ends ? lhEnds : 0) |
+                                                (starts && ends ? lhEquals : 0));
+      uint8_t& hit = AHits.Bits[literal];
+      if (!hit) AHits.Found.push_back(literal);
+      hit |= bits;
+    }
+  }
+}
+
+size_t TLiteralIndex::MemoryBytes() const {
+  size_t total = 0;
+  auto add = [&](const TAutomaton& A) {
+    total += sizeof A + A.Dense16.size() * 2 + A.Dense32.size() * 4 + A.Own.size() * (4 * 5 + 2);
+  };
+  for (const TAutomaton& automaton : FAutomata) add(automaton);
+  for (const auto& list : FNeededBy) total += list.size() * 4 + sizeof list;
+  return total + FLengths.size() * 8 + FByField.size() * 4;
+}
+
+} // namespace qvx::hunt

@@ -1,0 +1,115 @@
+// Every literal text of every bound rule, found in an event's values in one pass.
+//
+// The texts that value tests compare with (equals, contains, starts and ends with, and
+// the longest plain run of a wildcard pattern) are gathered per event field, case-folded,
+// into one Aho-Corasick automaton per field (and one for keyword tests, which look at
+// every value). Per event, each value of a field some candidate rule reads is scanned once
+// through its field's automaton, whatever the number of rules, and every text found is
+// noted with where it was: anywhere, at the start, at the end, or the whole value. Value
+// tests then read the answer instead of searching the value again: a test of folded text
+// is decided by it, and a cased test or a wildcard pattern is tried only when its text
+// was found.
+//
+// The same texts select the rules worth evaluating: from its tests each rule binding gets
+// a set of texts of which at least one must be in the event for it to match (a field test
+// needs one of its values' texts, an AND what its most selective part needs, an OR all of
+// what its parts need; "not", null, exists, numbers, field references and regular
+// expressions need nothing). A binding that needs nothing is evaluated on every event of
+// its channel and ID. Neither shortcut ever changes a result.
+#pragma once
+
+#include "hunt/event_fields.h"
+#include "hunt/rule_binding.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qvx::hunt {
+
+// Where a literal was found in a value (bits of TLiteralHits::Bits).
+enum TLiteralHit : uint8_t { lhContains = 1, lhStarts = 2, lhEnds = 4, lhEquals = 8 };
+
+// The literals found in one event: Bits[literal] (0 when not found), and the literals set.
+struct TLiteralHits {
+  std::vector<uint8_t> Bits;
+  std::vector<uint32_t> Found;
+  void Clear() {
+    for (const uint32_t literal : Found) Bits[literal] = 0;
+    Found.clear();
+  }
+};
+
+class TLiteralIndex {
+public:
+  static constexpr uint32_t kNoLiteral = 0xFFFFFFFF;
+  static constexpr uint32_t kKeywordField = 0xFFFFFFFE; // keyword tests: every value of the event
+
+  // Builds the automata from every binding's tests and sets the bindings' Number,
+  // TestLiterals, Needs and Always.
+  explicit TLiteralIndex(const std::vector<TRuleBinding*>& ABindings);
+
+  uint32_t LiteralCount() const { return static_cast<uint32_t>(FLengths.size()); }
+  // What must be scanned before ABindings are evaluated: the automaton of each field
+  // their tests read literals of (Field: that field), and one of their keywords' literals
+  // (Field: kKeywordField, every value of the event). Built for these bindings when new.
+  struct TScan {
+    uint32_t Automaton = 0;
+    uint32_t Field = 0;
+  };
+  std::vector<TScan> ScansOf(const std::vector<const TRuleBinding*>& ABindings);
+  uint32_t AutomatonCount() const { return static_cast<uint32_t>(FAutomata.size()); }
+  // The numbers of the bindings that need ALiteral.
+  const std::vector<uint32_t>& NeededBy(uint32_t ALiteral) const { return FNeededBy[ALiteral]; }
+  // Scans AText (as the event has it; folded while scanned) with automaton AAutomaton,
+  // adding the literals it finds to AHits.
+  void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
+  size_t MemoryBytes() const;
+
+private:
+  // States are numbered breadth first. The first DenseStates (the shallow ones, where
+  // scanning spends most of its time) have a full row of transitions, 16 bits wide when
+  // the automaton is small enough (so a small one stays in the first level cache); deeper
+  // states keep only their children (consecutive numbers) and fall back along their
+  // failure link.
+  struct TAutomaton {
+    uint32_t Classes = 1;
+    uint32_t DenseStates = 0;
+    uint16_t ClassOf[256] = {};   // byte -> input class of its folded form (0: in no literal)
+    std::vector<uint16_t> Dense16; // state * Classes + class -> state | kOutput16 when it ends literals
+    std::vector<uint32_t> Dense32; // the same, for automata of 32768 states or more (kOutput)
+    std::vector<uint32_t> FirstChild, ChildCount;
+    std::vector<uint16_t> InClass; // state -> the class of the edge into it
+    std::vector<uint32_t> Fail;
+    std::vector<uint32_t> Own;    // state -> the literal it completes, or kNoLiteral
+    std::vector<uint32_t> Suffix; // state -> the next state down its suffixes that completes one, or 0
+    // For a few literals of 4 bytes or more: a bit per hash of the input classes of their
+    // first 4 bytes. A value none of whose 4-byte runs has its bit set holds none of them,
+    // and is passed over at a fraction of the cost of the automaton.
+    std::vector<uint64_t> Heads;
+  };
+  static constexpr size_t kMaxHeadLiterals = 256;
+  static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
+  static constexpr uint32_t kOutput = 0x80000000;
+  static constexpr uint16_t kOutput16 = 0x8000;
+  static constexpr size_t kDenseBytes = 256u << 10; // per automaton
+
+  uint32_t Intern(uint32_t AField, const std::string& AText);
+  void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals);
+  template <typename TEntry>
+  void ScanWith(const TAutomaton& AAutomaton, const TEntry* ARows, std::string_view AText, TLiteralHits& AHits) const;
+
+  std::vector<std::string> FTexts;   // per literal: folded text
+  std::vector<uint32_t> FFields;     // per literal: its field
+  std::vector<uint32_t> FLengths;    // per literal: length in bytes
+  std::vector<uint8_t> FIndexed;     // per literal: in its automaton (not over the budget)
+  std::vector<std::vector<uint32_t>> FNeededBy;
+  std::unordered_map<std::string, uint32_t> FIds; // field number + '\0' + text -> literal
+  std::vector<TAutomaton> FAutomata;
+  std::vector<int32_t> FByField;     // event field -> index in FAutomata, or -1
+  std::vector<std::pair<std::vector<uint32_t>, uint32_t>> FKeywordSets; // keyword literals -> automaton
+};
+
+} // namespace qvx::hunt

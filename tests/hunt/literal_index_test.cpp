@@ -1,0 +1,132 @@
+// The literal index decides nothing by itself: for every event, the rules the hunter
+// reports (reading literal hits, skipping rules whose literals are absent) are exactly
+// those found by testing every candidate rule the plain way, value by value.
+#include "hunt/hunt_fixture.h"
+
+#include "app/demo_log.h"
+#include "engine/event_log_binxml.h"
+#include "support/evtx_fixtures.h"
+#include "support/test_paths.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+
+namespace qvx::test {
+namespace {
+
+using hunt::TEventFields;
+using hunt::TRuleSet;
+
+// Every candidate binding tested without the index, in the hunter's order.
+std::vector<const hunt::TSigmaRule*> Searched(const TRuleSet& ARules, TEventFields& AFields, const TEventItemX& AItem) {
+  std::vector<const hunt::TSigmaRule*> out;
+  std::string key;
+  const TRuleSet::TCandidates candidates = ARules.Candidates(AItem.FChannel, AItem.FEventID, key);
+  AFields.Load(AItem.FEvtXML);
+  for (const hunt::TBindingList* list : candidates.Lists) {
+    if (!list) continue;
+    for (const hunt::TRuleBinding* binding : list->Bindings) {
+      bool where = true;
+      for (const auto& [field, values] : binding->Where) {
+        bool found = false;
+        for (int v = AFields.First(field); v != TEventFields::kNoValue && !found; v = AFields.Value(v).Next)
+          found = std::find(values.begin(), values.end(), AFields.Lower(v)) != values.end();
+        where = where && found;
+      }
+      if (where && hunt::MatchRule(*binding->Rule, binding->SlotFields.data(), AFields)) out.push_back(binding->Rule);
+    }
+  }
+  return out;
+}
+
+// Hunts over AFile both ways; returns the number of detections (all equal).
+size_t CompareOver(const TRuleSet& ARules, const std::filesystem::path& AFile) {
+  TEventLogBinXML source;
+  source.SetTimeShift(2, 0, "UTC");
+  source.SetBackupFileName(AFile.string());
+  source.SetActive(true);
+  hunt::THunter hunter(ARules);
+  TEventFields fields(ARules.FieldNames());
+  size_t detections = 0;
+  while (TEventItemBase* item = source.EventNext()) {
+    if (item == TEventLogX::UndeliverableMarker()) continue;
+    auto& x = static_cast<TEventItemX&>(*item);
+    std::vector<const hunt::TSigmaRule*> indexed;
+    for (const hunt::TDetection& detection : hunter.Test(x.FChannel, x.FEventID, x.FEvtXML))
+      indexed.push_back(detection.Rule);
+    const std::vector<const hunt::TSigmaRule*> searched = Searched(ARules, fields, x);
+    EXPECT_EQ(indexed, searched) << AFile << ": record " << x.FEventRecordID;
+    detections += indexed.size();
+  }
+  return detections;
+}
+
+TEST(HuntLiteralIndex, AnswersAsSearchingWould) {
+  const std::vector<std::string> detections = {
+      // short literals, the whole value, at either end, overlapping and nested literals
+      "  sel:\n    CommandLine: a\n  condition: sel\n",
+      "  sel:\n    CommandLine|startswith: ab\n  condition: sel\n",
+      "  sel:\n    CommandLine|endswith:\n      - cmd.exe\n      - d.exe\n      - x\n  condition: sel\n",
+      "  sel:\n    CommandLine|contains: aaa\n  condition: sel\n",
+      "  sel:\n    CommandLine|contains|all:\n      - 'ab'\n      - 'abc'\n      - 'zz'\n  condition: sel\n",
+      "  sel:\n    Image|endswith: '\\cmd.exe'\n  filter:\n    CommandLine|contains: ' /c '\n"
+      "  condition: sel and not filter\n",
+      // case: folded by default, kept with cased
+      "  sel:\n    CommandLine|contains|cased: ABC\n  condition: sel\n",
+      "  sel:\n    Image: 'C:\\Windows\\System32\\CMD.EXE'\n  condition: sel\n",
+      // wildcard patterns with '?' and '*'
+      "  sel:\n    Image: 'C:\\W?ndows\\*\\c?d.exe'\n  condition: sel\n",
+      "  sel:\n    CommandLine: '*a?c*zz*'\n  condition: sel\n",
+      // keywords over every value, alone and with fields
+      "  keywords:\n    - 'evil'\n    - 'ab'\n  condition: keywords\n",
+      "  keywords:\n    - 'Cmd.Exe'\n  sel:\n    CommandLine|contains: 'c'\n  condition: keywords and sel\n",
+      // non-ASCII text, encodings, regular expressions beside literals, null and exists
+      "  sel:\n    CommandLine|contains: 'р'\n  condition: sel\n",
+      "  sel:\n    CommandLine|base64offset|contains: 'abc'\n  condition: sel\n",
+      "  sel:\n    CommandLine|re: '^a.c'\n    Image|endswith: '.exe'\n  condition: sel\n",
+      "  sel:\n    ParentImage: null\n    CommandLine|contains: ab\n  condition: sel\n",
+      "  sel:\n    ParentImage|exists: false\n  condition: sel\n",
+      "  sel:\n    CommandLine|windash|contains: ' -c '\n  condition: sel\n",
+  };
+  TRuleSet rules;
+  for (size_t i = 0; i < detections.size(); ++i) {
+    std::string file = std::to_string(i);
+    file.append(".yml");
+    rules.LoadText(RuleText(detections[i]), file);
+  }
+  rules.LoadText(RuleText("  keywords:\n    - 'zz'\n  condition: keywords\n", "    product: windows\n"), "any.yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+
+  const char* const images[] = {"C:\\Windows\\System32\\cmd.exe", "C:\\WINDOWS\\system32\\CMD.EXE",
+                                "C:\\Wxndows\\Temp\\cad.exe", "d.exe", "x", ""};
+  const char* const lines[] = {"a",        "A",        "ab",         "abc",           "ABC",       "aaaa",
+                               "aa",       "xabcx zz", "cmd.exe /c", "d.exe",         "evil",      "r\xD1\x80r",
+                               "p\xD1\x80", "YWJj",     "zzabc",      "/c whoami -c ", "x \xE2\x80\x93" "c ", ""};
+  TEvtxFileWriter writer;
+  for (const char* image : images)
+    for (const char* line : lines) {
+      writer.AddEvent(ProcessEvent(image, line));
+      writer.AddEvent(ProcessEvent(image, line, {{"ParentImage", line}}));
+    }
+  writer.AddEvent(HuntEvent("Application", 1, {{"", "some evil text"}, {"", "zz"}}, "App"));
+  const std::string path = WriteTempFile("literal_index.evtx", writer.Bytes());
+  EXPECT_GT(CompareOver(rules, path), 100u);
+}
+
+TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {
+  if (SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
+  TRuleSet rules;
+  rules.LoadPath((SigmaDir() / "rules" / "windows").string());
+  size_t detections = CompareOver(rules, WriteTempFile("demo.evtx", DemoLogBytes()));
+  std::error_code error;
+  const std::filesystem::path regression = SigmaDir() / "regression_data";
+  if (std::filesystem::is_directory(regression, error))
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(regression, error))
+      if (entry.path().extension() == ".evtx") detections += CompareOver(rules, entry.path());
+  EXPECT_GT(detections, 0u);
+}
+
+} // namespace
+} // namespace qvx::test
