@@ -388,6 +388,9 @@ int64_t TStoreSession::Bookmark(int64_t AId, bool AOn) {
 void TStoreSession::RunLoad(const std::function<void(TEvtLiteAdaptor&)>& ALoad) {
   std::lock_guard lock(FLock);
   FLoading = true;
+  // No statement of the view stays open across the load: a cancelled load interrupts the
+  // connection, and the interruption lasts while any statement is active.
+  FStore.Close();
   struct TDone {
     TStoreSession& Session;
     ~TDone() {

@@ -349,7 +349,8 @@ void TWebServer::Route() {
                 const json body = ParseBody(AReq);
                 const TViewQuery query = TViewQuery::FromJson(body);
                 TXMLQueryBuilder builder;
-                for (const json& log : FSession.Info()["logs"]) builder.EventLogFiles.push_back(log["file"]);
+                const json info = FSession.Info();
+                for (const json& log : info["logs"]) builder.EventLogFiles.push_back(log["file"]);
                 if (builder.EventLogFiles.empty()) builder.LogNames.push_back("Application");
                 const std::vector<std::string> notes = builder.AssignFilter(query.Filter);
                 SendJson(ARes, {{"xml", query.Filter.SaveToString()}, {"query", builder.BuildXML()}, {"notes", notes}});
@@ -384,6 +385,13 @@ void TWebServer::Route() {
                  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
                  const bool folder = item.is_directory(error);
                  const bool log = !folder && (lower.ends_with(".evtx") || lower.ends_with(".evt"));
+                 if (item.is_symlink(error)) { // only links that stay inside the roots are shown
+                   try {
+                     InsideRoots(item.path().string());
+                   } catch (const ERequestError&) {
+                     continue;
+                   }
+                 }
                  if (folder || log)
                    entries.push_back({{"name", name}, {"path", item.path().string()}, {"folder", folder},
                                       {"size", folder ? 0 : static_cast<int64_t>(item.file_size(error))}});

@@ -37,9 +37,16 @@ function check(ok, what, detail) {
 }
 const cli = (...args) => execFileSync(quorvex, args, { encoding: 'utf8' });
 
+// A large log in its own folder, opened from the page (the folder is a --root).
+const bigRecords = 200000;
+const bigFolder = path.join(outDir, 'more');
+fs.mkdirSync(bigFolder, { recursive: true });
+const big = path.join(bigFolder, 'big.evtx');
+
 (async () => {
+  if (!fs.existsSync(big)) cli('demo', '--no-dump', '--records', String(bigRecords), '--output', big);
   cli('open', log, '-s', reference, '-q');
-  const server = spawn(quorvex, ['serve', log, '--store', store, '--no-browser', '-q'], { stdio: ['ignore', 'pipe', 'inherit'] });
+  const server = spawn(quorvex, ['serve', log, '--store', store, '--no-browser', '-q', '--root', bigFolder], { stdio: ['ignore', 'pipe', 'inherit'] });
   const url = await new Promise((resolve, reject) => {
     let text = '';
     server.stdout.on('data', (d) => {
@@ -71,6 +78,8 @@ const cli = (...args) => execFileSync(quorvex, args, { encoding: 'utf8' });
     const firstRowCells = () => grid.getByRole('row').nth(1).getByRole('gridcell').allInnerTexts();
 
     await page.goto(url);
+    await until('the first rows', async () => /in the store/.test(await status.innerText()));
+    const before = Number(/· ([\d,]+) in the store/.exec(await status.innerText())[1].replace(/,/g, ''));
     check(!page.url().includes('token='), 'the token leaves the address bar', page.url());
     await grid.getByRole('gridcell').nth(3).waitFor();
     await shot('1-first-rows');
@@ -130,6 +139,23 @@ const cli = (...args) => execFileSync(quorvex, args, { encoding: 'utf8' });
     const exported = fs.readFileSync(await download.path(), 'utf8');
     const viewCsv = cli('view', reference, '--id', '4624', '--sort', 'EventID', '-f', 'csv');
     check(exported === viewCsv, 'the CSV export equals view -f csv', `${exported.length} vs ${viewCsv.length} bytes`);
+
+    // Opening a large log from the page: progress streams, and Cancel stops the load and
+    // keeps what was loaded.
+    await page.getByRole('button', { name: 'Open logs…' }).click();
+    const dialog = page.getByRole('dialog', { name: 'Open logs' });
+    await dialog.getByRole('button').first().click(); // the first root folder
+    await dialog.getByLabel(/^ big\.evtx/).check();
+    await dialog.getByRole('button', { name: 'Load selected' }).click();
+    await page.getByRole('progressbar', { name: 'Loading' }).waitFor();
+    await until('progress', async () => /events loaded/.test(await page.locator('#load-bar span').innerText()));
+    await shot('7-loading');
+    await page.getByRole('button', { name: 'Cancel' }).click();
+    await until('the cancelled load', async () => (await page.locator('#load-bar span').innerText()) === 'Load cancelled');
+    await until('the view after the load', async () => /in the store/.test(await status.innerText()));
+    const stored = Number(/· ([\d,]+) in the store/.exec(await status.innerText())[1].replace(/,/g, ''));
+    check(stored > before && stored < before + bigRecords, 'Cancel keeps part of the log', `${before} then ${stored}`);
+    await shot('8-cancelled');
     check(errors.length === 0, 'no script errors', errors.join('; '));
   } finally {
     await browser.close();

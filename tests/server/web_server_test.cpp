@@ -118,6 +118,7 @@ TEST_F(WebServer, EveryCallAnswers) {
 
   const json xml = Post("/api/filter/xml", {{"filter", {{"ids", "4624"}, {"sources", {{"values", {"a'b"}}}}}}});
   EXPECT_NE(xml["xml"].get<std::string>().find("QVEX_Filter"), std::string::npos);
+  EXPECT_NE(xml["query"].get<std::string>().find("file://"), std::string::npos) << xml["query"];
   const json back = Post("/api/filter/parse", {{"xml", xml["xml"]}});
   EXPECT_EQ(back["filter"]["ids"], "4624");
   EXPECT_EQ(back["filter"]["sources"]["values"][0], "a'b");
@@ -203,6 +204,105 @@ TEST_F(WebServer, ManyClientsPageAtOnce) {
     });
   for (std::thread& client : clients) client.join();
   EXPECT_EQ(failures, 0);
+}
+
+} // namespace
+} // namespace qvx::test
+
+namespace qvx::test {
+namespace {
+
+using nlohmann::json;
+
+std::string Escape(const std::string& AText) {
+  std::string out;
+  for (const unsigned char c : AText) {
+    char hex[4];
+    std::snprintf(hex, sizeof hex, "%%%02X", c);
+    out += std::isalnum(c) || c == '/' || c == '.' || c == '-' || c == '_' ? std::string(1, static_cast<char>(c)) : hex;
+  }
+  return out;
+}
+
+// Loading from the page: the folders the server was given, nothing outside them, the
+// load on its own thread with its events streamed, the store answering after it.
+TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-load-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder / "logs");
+  WriteDemoLog((folder / "first.evtx").string());
+  WriteDemoLog((folder / "logs" / "more.evtx").string());
+  std::filesystem::create_directory_symlink("/etc", folder / "logs" / "out");
+  app::TStoreOptions options;
+  options.Logs = {(folder / "first.evtx").string()};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  {
+    server::TStoreSession session(options.Store, 0);
+    server::TServeSettings settings;
+    settings.Roots = {(folder / "logs").string()};
+    settings.Loader = [&](TEvtLiteAdaptor& AStore, const server::TLoadJob& AJob, const server::TLoadProgress& AProgress,
+                          const std::atomic<bool>& ACancel) {
+      app::TStoreOptions load = options;
+      load.Logs = AJob.Files;
+      app::TLoadHooks hooks{AProgress, &ACancel};
+      std::FILE* notes = std::tmpfile();
+      app::LoadIntoOpenStore(load, AStore, AJob.Refresh, hooks, notes);
+      std::fclose(notes);
+      return std::string("loaded\n");
+    };
+    server::TWebServer web(session, settings);
+    web.Start();
+    httplib::Client client("127.0.0.1", web.Port());
+    client.set_bearer_token_auth(web.Token().c_str());
+    auto get = [&](const std::string& APath) { return client.Get(APath.c_str()); };
+    const std::string logs = (folder / "logs").string();
+
+    auto listing = get("/api/files?dir=" + Escape(logs));
+    ASSERT_TRUE(listing);
+    ASSERT_EQ(listing->status, 200) << listing->body;
+    const json entries = json::parse(listing->body)["entries"];
+    ASSERT_EQ(entries.size(), 1u) << entries; // the link to /etc is a folder outside: not listed as a log
+    EXPECT_EQ(entries[0]["name"], "more.evtx");
+    for (const std::string& outside : {logs + "/..", std::string("/etc"), logs + "/out", logs + "/../first.evtx"}) {
+      auto refused = get("/api/files?dir=" + Escape(outside));
+      ASSERT_TRUE(refused);
+      EXPECT_EQ(refused->status, 403) << outside << ": " << refused->body;
+    }
+    auto outsideLoad = client.Post("/api/load", json{{"files", {(folder / "first.evtx").string()}}}.dump(), "application/json");
+    ASSERT_TRUE(outsideLoad);
+    EXPECT_EQ(outsideLoad->status, 403);
+
+    // The event stream, read on a thread of its own until the load's end.
+    std::string stream;
+    std::thread reader([&] {
+      httplib::Client events("127.0.0.1", web.Port());
+      events.set_bearer_token_auth(web.Token().c_str());
+      events.set_read_timeout(30);
+      events.Get("/api/events", [&](const char* AData, size_t ALength) {
+        stream.append(AData, ALength);
+        return stream.find("\"type\":\"loaded\"") == std::string::npos;
+      });
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    auto started = client.Post("/api/load", json{{"files", {logs + "/more.evtx"}}}.dump(), "application/json");
+    ASSERT_TRUE(started);
+    EXPECT_EQ(started->status, 202) << started->body;
+    reader.join();
+    EXPECT_NE(stream.find("\"type\":\"loading\""), std::string::npos) << stream;
+    EXPECT_NE(stream.find("\"notices\":[\"loaded\"]"), std::string::npos) << stream;
+    int status = 503;
+    for (int i = 0; i < 100 && status == 503; ++i) {
+      auto info = get("/api/info");
+      status = info ? info->status : 0;
+      if (status == 200) EXPECT_EQ(json::parse(info->body)["total"], 600);
+      else std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(status, 200);
+    web.Stop();
+  }
+  std::filesystem::remove_all(folder);
 }
 
 } // namespace

@@ -44,6 +44,10 @@ export const api = {
   bookmark: (id: number, on: boolean) => call<{ bookmarks: number }>('/api/bookmark', { id, on }),
   filterToXml: (filter: FilterJson) => call<{ xml: string; query: string; notes: string[] }>('/api/filter/xml', { filter }),
   filterFromXml: (xml: string) => call<{ filter: FilterJson }>('/api/filter/parse', { xml }),
+  files: (dir: string) => call<{ dir: string; entries: unknown[] }>(`/api/files?dir=${encodeURIComponent(dir)}`),
+  load: (files: string[], scan: boolean) => call<{ started: boolean }>('/api/load', { files, scan }),
+  refresh: () => call<{ started: boolean }>('/api/refresh', {}),
+  cancel: () => call<{ cancelled: boolean }>('/api/cancel', {}),
   exportUrl: (view: ViewQuery, format: string) =>
     `/api/export?format=${encodeURIComponent(format)}&view=${encodeURIComponent(JSON.stringify(view))}`,
 };

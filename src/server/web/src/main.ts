@@ -7,6 +7,7 @@ import { Details } from './details';
 import { FilterForm } from './filter';
 import { Grid } from './grid';
 import { view } from './state';
+import { Loader } from './loader';
 import { StatsPanel } from './stats';
 
 function byId<T extends HTMLElement>(id: string): T {
@@ -65,8 +66,20 @@ async function start(): Promise<void> {
     bookmarks = count;
     showStatus(false);
   };
+  const loader = new Loader(byId('load-bar'), byId('notices'));
+  let loading = false;
+  loader.onStarted = () => {
+    loading = true;
+    status.textContent = 'Loading logs…';
+  };
+  loader.onLoaded = async () => {
+    loading = false;
+    info = await api.info();
+    await grid.reload(true);
+    void stats.refresh();
+  };
   await grid.reload();
-  byId('grid').focus();
+  if (!loading) byId('grid').focus();
 }
 
 void start();
