@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <map>
 #include <sstream>
 
 namespace qvx::server {
@@ -178,6 +179,7 @@ json TStoreSession::Info() {
   json columns = json::array();
   for (const TColumn& column : kColumns)
     columns.push_back({{"name", column.Name}, {"title", column.Title}, {"numeric", column.Numeric}});
+  if (FHasDetections) columns.push_back({{"name", "DetectionLevel"}, {"title", "Level"}, {"numeric", false}, {"sortable", false}});
   for (size_t i = 0; i < FStore.CustomCount(); ++i)
     columns.push_back({{"name", "CustomField" + std::to_string(i + 1)},
                        {"title", FStore.CustomFields()[i].Title.empty() ? "Custom " + std::to_string(i + 1)
@@ -288,6 +290,17 @@ json TStoreSession::Rows(const TViewQuery& AQuery, int64_t AOffset, int64_t ACou
       FStore.GetEventFields(FRow);
       AppendRow(rows, FRow);
     }
+  }
+  if (FHasDetections && !rows.empty()) {
+    // The highest detection level of each row of the page.
+    std::string ids;
+    for (const json& row : rows) ids.append(ids.empty() ? "" : ",").append(std::to_string(row["id"].get<int64_t>()));
+    TStatement levels(FStore, std::string("SELECT _ID, MAX(Level) FROM ") + TDetectionStore::kTable + " WHERE _ID IN (" +
+                                  ids + ") GROUP BY _ID");
+    std::map<int64_t, int> found;
+    while (levels.Step()) found[sqlite3_column_int64(*levels, 0)] = sqlite3_column_int(*levels, 1);
+    for (json& row : rows)
+      if (const auto it = found.find(row["id"].get<int64_t>()); it != found.end()) row["level"] = it->second;
   }
   return {{"count", count}, {"offset", AOffset}, {"rows", std::move(rows)}};
 }

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 namespace qvx::test {
@@ -301,6 +302,55 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
     }
     EXPECT_EQ(status, 200);
     web.Stop();
+  }
+  std::filesystem::remove_all(folder);
+}
+
+} // namespace
+} // namespace qvx::test
+
+namespace qvx::test {
+namespace {
+
+// A store loaded with Sigma rules: the level of each row, the view of rows with a
+// detection of a level, and the detections of an event with their author.
+TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
+  using nlohmann::json;
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-sigma-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  WriteDemoLog((folder / "demo.evtx").string());
+  {
+    std::ofstream rule(folder / "failed.yml");
+    rule << "title: Failed logon\nid: 11111111-2222-3333-4444-555555555555\nauthor: Test Author\nlevel: high\n"
+            "logsource:\n  product: windows\n  service: security\ndetection:\n  sel:\n    EventID: 4625\n"
+            "  condition: sel\n";
+  }
+  app::TStoreOptions options;
+  options.Logs = {(folder / "demo.evtx").string()};
+  options.Store = (folder / "s.db").string();
+  options.Rules = {(folder / "failed.yml").string()};
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  {
+    server::TStoreSession session(options.Store, 0);
+    const json info = session.Info();
+    EXPECT_TRUE(info["detections"].get<bool>());
+    server::TViewQuery high;
+    high.DetectionLevel = 3;
+    const json rows = session.Rows(high, 0, 1000);
+    server::TViewQuery failed;
+    failed.Filter.IDs = "4625";
+    EXPECT_EQ(rows["count"], session.Rows(failed, 0, 1)["count"]);
+    ASSERT_FALSE(rows["rows"].empty());
+    EXPECT_EQ(rows["rows"][0]["level"], 3);
+    high.DetectionLevel = 4;
+    EXPECT_EQ(session.Rows(high, 0, 1)["count"], 0);
+    const json event = session.Event(rows["rows"][0]["id"].get<int64_t>());
+    ASSERT_EQ(event["detections"].size(), 1u);
+    EXPECT_EQ(event["detections"][0]["author"], "Test Author");
+    EXPECT_FALSE(session.Rows({}, 0, 50)["rows"][0].contains("level") &&
+                 session.Rows({}, 0, 50)["rows"][0]["eventId"] != 4625);
   }
   std::filesystem::remove_all(folder);
 }

@@ -1,7 +1,7 @@
 // The JSON calls of quorvex serve. Every view of the page is one of these calls, which a
 // script can make too (with "Authorization: Bearer TOKEN").
 
-export interface Column { name: string; title: string; numeric: boolean }
+export interface Column { name: string; title: string; numeric: boolean; sortable?: boolean }
 export interface Info {
   store: string; timeZone: string; total: number; bookmarks: number;
   columns: Column[]; logs: { name: string; file: string }[]; detections: boolean;
@@ -9,7 +9,7 @@ export interface Info {
 export interface Row {
   id: number; time: string; type: string; typeCode: number; eventId: number; source: string;
   category: string; user: string; computer: string; record: number; log: number; descr: string;
-  bookmarked: boolean; custom?: (string | null)[]; color?: string;
+  bookmarked: boolean; custom?: (string | null)[]; color?: string; level?: number;
 }
 export interface Page { count: number; offset: number; rows: Row[] }
 export interface Detection { level: number; title: string; author: string; ruleId: string; matched: string }
@@ -22,7 +22,7 @@ export interface Stats {
   overTime: { start: string; count: number }[]; hourly: boolean;
 }
 export type FilterJson = Record<string, unknown>;
-export interface ViewQuery { filter: FilterJson; bookmarked: boolean; sort: string; descending: boolean }
+export interface ViewQuery { filter: FilterJson; bookmarked: boolean; sort: string; descending: boolean; detectionLevel?: number }
 
 async function call<T>(path: string, body?: unknown): Promise<T> {
   const response = await fetch(path, body === undefined ? { credentials: 'same-origin' } : {

@@ -8,6 +8,7 @@ import { view } from './state';
 const ROW_HEIGHT = 24;
 const PAGE = 60;
 const LAYOUT_KEY = 'quorvex.columns';
+const LEVELS = ['informational', 'low', 'medium', 'high', 'critical'];
 
 interface ColumnLayout { name: string; width: number; hidden: boolean }
 
@@ -140,7 +141,8 @@ export class Grid {
       const button = document.createElement('button');
       button.type = 'button';
       button.textContent = column.title + (sorted ? (view.query.descending ? ' ▼' : ' ▲') : '');
-      button.addEventListener('click', () => view.setSort(column.name, sorted ? !view.query.descending : false));
+      if (column.sortable === false) button.disabled = true;
+      else button.addEventListener('click', () => view.setSort(column.name, sorted ? !view.query.descending : false));
       const handle = el('span', 'resize');
       handle.addEventListener('pointerdown', (e) => this.resize(e, layout, cell));
       cell.addEventListener('dragstart', (e) => e.dataTransfer?.setData('text/plain', layout.name));
@@ -281,6 +283,7 @@ function cellText(row: Row, column: string): string {
     case 'RecordNumber': return String(row.record);
     case 'EventLog': return String(row.log);
     case 'Descr': return row.descr;
+    case 'DetectionLevel': return row.level === undefined ? '' : LEVELS[row.level] ?? String(row.level);
     default: {
       const n = Number(column.replace('CustomField', ''));
       return row.custom?.[n - 1] ?? '';

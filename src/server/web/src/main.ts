@@ -55,6 +55,9 @@ async function start(): Promise<void> {
   toggle('toggle-filter', byId('filter-pane'));
   toggle('toggle-stats', byId('stats-pane'), () => void stats.refresh());
   toggle('toggle-columns', byId('columns-pane'));
+  const levelPick = byId<HTMLSelectElement>('detection-level');
+  levelPick.parentElement!.hidden = !info.detections;
+  levelPick.addEventListener('change', () => view.setDetectionLevel(levelPick.value === '' ? undefined : Number(levelPick.value)));
   byId<HTMLInputElement>('only-bookmarks').addEventListener('change', (e) => view.setBookmarked((e.target as HTMLInputElement).checked));
   byId('export').addEventListener('click', () => {
     const link = document.createElement('a');
