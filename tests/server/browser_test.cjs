@@ -3,7 +3,7 @@
 // tabs, a bookmark, and the CSV export against `view -f csv`. A screenshot of each step
 // is kept in the output folder.
 //
-//   node browser_test.cjs QUORVEX SAMPLES_DIR OUTDIR
+//   node browser_test.cjs QUORVEX SAMPLES_DIR OUTDIR [RECORDS]
 // It opens a real Security log from the samples when they are present, else the demo log.
 'use strict';
 const path = require('path');
@@ -11,7 +11,7 @@ const fs = require('fs');
 const { spawn, execFileSync } = require('child_process');
 const { chromium } = require(path.join(__dirname, '../../src/server/web/node_modules/playwright-core'));
 
-const [quorvex, samples, outDir] = process.argv.slice(2);
+const [quorvex, samples, outDir, records] = process.argv.slice(2);
 const browserPath = process.env.QVX_CHROMIUM || '/usr/bin/chromium';
 if (!fs.existsSync(browserPath)) {
   console.log(`SKIP: no browser at ${browserPath} (install chromium)`);
@@ -38,10 +38,10 @@ function check(ok, what, detail) {
 const cli = (...args) => execFileSync(quorvex, args, { encoding: 'utf8' });
 
 // A large log in its own folder, opened from the page (the folder is a --root).
-const bigRecords = 200000;
+const bigRecords = Number(records || 1000000);
 const bigFolder = path.join(outDir, 'more');
 fs.mkdirSync(bigFolder, { recursive: true });
-const big = path.join(bigFolder, 'big.evtx');
+const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
 
 (async () => {
   if (!fs.existsSync(big)) cli('demo', '--no-dump', '--records', String(bigRecords), '--output', big);
@@ -145,7 +145,7 @@ const big = path.join(bigFolder, 'big.evtx');
     await page.getByRole('button', { name: 'Open logs…' }).click();
     const dialog = page.getByRole('dialog', { name: 'Open logs' });
     await dialog.getByRole('button').first().click(); // the first root folder
-    await dialog.getByLabel(/^ big\.evtx/).check();
+    await dialog.getByLabel(new RegExp(`^ big-${bigRecords}\\.evtx`)).check();
     await dialog.getByRole('button', { name: 'Load selected' }).click();
     await page.getByRole('progressbar', { name: 'Loading' }).waitFor();
     await until('progress', async () => /events loaded/.test(await page.locator('#load-bar span').innerText()));

@@ -301,6 +301,40 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
       else std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_EQ(status, 200);
+
+    // Twenty clients page while a larger load runs: each page is answered, with the rows
+    // or with 503 while the store is being written, never anything else; afterwards all
+    // see the new rows.
+    WriteDemoLog(logs + "/large.evtx", 60000);
+    auto second = client.Post("/api/load", json{{"files", {logs + "/large.evtx"}}}.dump(), "application/json");
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->status, 202);
+    auto again = client.Post("/api/refresh", "{}", "application/json");
+    ASSERT_TRUE(again);
+    EXPECT_TRUE(again->status == 409 || again->status == 202) << again->body; // the first may be done already
+    std::atomic<int> wrong{0}, busy{0};
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 20; ++c)
+      clients.emplace_back([&] {
+        httplib::Client each("127.0.0.1", web.Port());
+        each.set_bearer_token_auth(web.Token().c_str());
+        for (int page = 0; page < 10; ++page) {
+          auto result = each.Post("/api/rows", json{{"offset", page * 40}, {"count", 40}}.dump(), "application/json");
+          if (result && result->status == 503) ++busy;
+          else if (!result || result->status != 200) ++wrong;
+          std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+      });
+    for (std::thread& each : clients) each.join();
+    EXPECT_EQ(wrong, 0);
+    status = 503;
+    for (int i = 0; i < 600 && status == 503; ++i) {
+      auto info = get("/api/info");
+      status = info ? info->status : 0;
+      if (status == 200) EXPECT_EQ(json::parse(info->body)["total"], 60600);
+      else std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_EQ(status, 200);
     web.Stop();
   }
   std::filesystem::remove_all(folder);
