@@ -167,6 +167,8 @@ struct TStoreOptions {
 struct TLoadHooks {
   std::function<void(uint64_t ARead, uint64_t ALoaded, int APercent, const std::string& AEntry)> OnProgress;
   const std::atomic<bool>* Cancel = nullptr;
+  // An event of the load that an alert rule matched: its _ID and a line naming it.
+  std::function<void(int64_t AId, const std::string& AText)> OnAlert;
 };
 // Adds AOptions.Logs to an open store made by 'open' (or, with ARefresh, loads the newer
 // events of its logs). The summary and problems go to AErr. Returns the exit status.

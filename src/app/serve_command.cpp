@@ -124,7 +124,8 @@ int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     // Loads from the page run the same loader as 'open --append' and 'refresh'; what they
     // print becomes the page's notices.
     settings.Loader = [&AOptions](TEvtLiteAdaptor& AStore, const server::TLoadJob& AJob,
-                                  const server::TLoadProgress& AProgress, const std::atomic<bool>& ACancel) {
+                                  const server::TLoadProgress& AProgress, const server::TLoadAlert& AAlert,
+                                  const std::atomic<bool>& ACancel) {
       TStoreOptions options = AOptions.Store;
       options.Logs = AJob.Files;
       options.Scan = AJob.Scan;
@@ -133,6 +134,7 @@ int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
       TLoadHooks hooks;
       hooks.OnProgress = AProgress;
       hooks.Cancel = &ACancel;
+      hooks.OnAlert = AAlert;
       std::FILE* notes = std::tmpfile();
       if (!notes) throw std::runtime_error("cannot make a temporary file for the load's notices");
       LoadIntoOpenStore(options, AStore, AJob.Refresh, hooks, notes);

@@ -173,7 +173,7 @@ private:
 
 // Tests the rows after AFirstNewId against the alert file's rules.
 void RunAlerts(TEvtLiteAdaptor& AStore, const std::string& AFile, int64_t ALastOldId,
-               const std::vector<TStoredEntry>& AEntries, std::FILE* AErr) {
+               const std::vector<TStoredEntry>& AEntries, std::FILE* AErr, const TLoadHooks* AHooks) {
   TAlertPatterns patterns;
   patterns.LoadFromFile(AFile);
   uint64_t matched = 0, started = 0;
@@ -189,7 +189,12 @@ void RunAlerts(TEvtLiteAdaptor& AStore, const std::string& AFile, int64_t ALastO
   TStoreAlertRow row(AStore);
   TStoreRequestor requestor(AStore, AEntries);
   for (AStore.First(); !AStore.Eof(); AStore.Next())
-    if (patterns.TestEvent(row, &requestor)) ++matched;
+    if (patterns.TestEvent(row, &requestor)) {
+      ++matched;
+      if (AHooks && AHooks->OnAlert)
+        AHooks->OnAlert(AStore.FieldInt("_ID"), AStore.FieldText("TimeStamp") + "  " + AStore.FieldText("Source") + " " +
+                                                    std::to_string(AStore.FieldInt("EventID")));
+    }
   AStore.Close();
   std::fprintf(AErr, "alerts: %llu new event%s matched the %zu rule%s of %s; %llu program%s started\n",
                static_cast<unsigned long long>(matched), matched == 1 ? "" : "s", patterns.Count(),
@@ -352,7 +357,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
   }
   for (const std::string& error : view.Errors)
     std::fprintf(AErr, "quorvex: %s\n", error.c_str());
-  if (!AOptions.Alerts.empty()) RunAlerts(AStore, AOptions.Alerts, lastOldId, AEntries, AErr);
+  if (!AOptions.Alerts.empty()) RunAlerts(AStore, AOptions.Alerts, lastOldId, AEntries, AErr, AHooks);
   if (!AOptions.Rules.empty()) HuntStoreEvents(AStore, AOptions.Rules, lastOldId, AOptions.Quiet, AErr);
   return status;
 }

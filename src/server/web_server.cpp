@@ -217,6 +217,9 @@ void TWebServer::StartLoad(TLoadJob AJob) {
               FEvents.Publish({{"type", "progress"}, {"read", ARead}, {"loaded", ALoaded}, {"percent", APercent},
                                {"entry", AEntry}});
             },
+            [&](int64_t AId, const std::string& AText) {
+              FEvents.Publish({{"type", "alert"}, {"id", AId}, {"text", AText}});
+            },
             FCancel);
       });
     } catch (const std::exception& e) {

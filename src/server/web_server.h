@@ -37,8 +37,10 @@ struct TLoadJob {
 };
 using TLoadProgress = std::function<void(uint64_t ARead, uint64_t ALoaded, int APercent, const std::string& AEntry)>;
 // Runs a load into the store; gives its summary and notices, one per line.
+// An alert fired by an event of the load: its _ID and a line naming it.
+using TLoadAlert = std::function<void(int64_t AId, const std::string& AText)>;
 using TLoader = std::function<std::string(TEvtLiteAdaptor& AStore, const TLoadJob& AJob, const TLoadProgress& AProgress,
-                                          const std::atomic<bool>& ACancel)>;
+                                          const TLoadAlert& AAlert, const std::atomic<bool>& ACancel)>;
 
 struct TServeSettings {
   std::string Bind = "127.0.0.1";

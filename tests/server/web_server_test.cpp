@@ -239,15 +239,22 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
   options.Store = (folder / "s.db").string();
   options.Quiet = true;
   ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  // Loads from the page test an alert file: its matches stream as they fire.
+  {
+    std::ofstream alerts(folder / "alerts.xml");
+    alerts << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<AlertPatterns><Alert Source=\"Application Error\" "
+              "Id=\"4294967295\" EventType=\"0\" RunProgram=\"0\" ProgramName=\"\"/></AlertPatterns>\n";
+  }
+  options.Alerts = (folder / "alerts.xml").string();
   {
     server::TStoreSession session(options.Store, 0);
     server::TServeSettings settings;
     settings.Roots = {(folder / "logs").string()};
     settings.Loader = [&](TEvtLiteAdaptor& AStore, const server::TLoadJob& AJob, const server::TLoadProgress& AProgress,
-                          const std::atomic<bool>& ACancel) {
+                          const server::TLoadAlert& AAlert, const std::atomic<bool>& ACancel) {
       app::TStoreOptions load = options;
       load.Logs = AJob.Files;
-      app::TLoadHooks hooks{AProgress, &ACancel};
+      app::TLoadHooks hooks{AProgress, &ACancel, AAlert};
       std::FILE* notes = std::tmpfile();
       app::LoadIntoOpenStore(load, AStore, AJob.Refresh, hooks, notes);
       std::fclose(notes);
@@ -293,6 +300,8 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
     reader.join();
     EXPECT_NE(stream.find("\"type\":\"loading\""), std::string::npos) << stream;
     EXPECT_NE(stream.find("\"notices\":[\"loaded\"]"), std::string::npos) << stream;
+    EXPECT_NE(stream.find("\"type\":\"alert\""), std::string::npos) << stream;
+    EXPECT_NE(stream.find("Application Error 1000"), std::string::npos) << stream;
     int status = 503;
     for (int i = 0; i < 100 && status == 503; ++i) {
       auto info = get("/api/info");

@@ -80,6 +80,8 @@ export class Loader {
     } else if (m.type === 'progress') {
       if (m.percent >= 0) this.progress.value = m.percent;
       this.progressText.textContent = `${m.entry}: ${Number(m.loaded).toLocaleString('en-US')} events loaded`;
+    } else if (m.type === 'alert') {
+      this.notify([`Alert: ${m.text}`]);
     } else if (m.type === 'loaded') {
       this.progress.hidden = true;
       this.cancel.hidden = true;
