@@ -2,6 +2,7 @@
 // opened as it is, then shown in the browser by the web server.
 #include "app/commands.h"
 
+#include "descriptions/time_zones.h"
 #include "engine/event_log_binxml.h"
 #include "platform/process_spawn.h"
 #include "server/web_server.h"
@@ -103,6 +104,20 @@ int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     ApplyTimeZone(zone, zoneName);
     server::TStoreSession session(store, zone.ShiftMinutesAt(NowUtcDays()));
     session.SetTimeZoneName(zoneName);
+    {
+      // Each zone's offsets come from a source set to it, as 'events --tz' sets one.
+      nlohmann::json zones = nlohmann::json::array({"UTC", "local"});
+      TTimeZones known;
+      known.EnumTimeZones();
+      for (const TTimeZone& item : known.Items()) zones.push_back(item.KeyName);
+      session.SetZones(
+          [](const std::string& AName) -> server::TStoreSession::TShiftAt {
+            auto source = std::make_shared<TEventLogBinXML>();
+            ApplyTimeZone(*source, AName);
+            return [source](double AUtcDays) { return source->ShiftMinutesAt(AUtcDays); };
+          },
+          std::move(zones));
+    }
     if (!AOptions.Colors.empty()) {
       TColorCodes codes;
       codes.LoadFromFile(AOptions.Colors);

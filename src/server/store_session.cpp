@@ -173,6 +173,52 @@ TStoreSession::TStoreSession(const std::string& AStoreFile, int AShiftMinutes)
                  " (_Bmrk) WHERE _Bmrk = 1");
 }
 
+void TStoreSession::SetZones(std::function<TShiftAt(const std::string&)> AShiftOf, json AZones) {
+  std::lock_guard lock(FLock);
+  FShiftOf = std::move(AShiftOf);
+  FZones = std::move(AZones);
+  FStoreShift = FShiftOf(FZoneName.empty() ? "local" : FZoneName);
+}
+
+json TStoreSession::Zones() {
+  std::lock_guard lock(FLock);
+  return {{"store", FZoneName}, {"display", FDisplayName.empty() ? FZoneName : FDisplayName}, {"zones", FZones}};
+}
+
+void TStoreSession::SetDisplayZone(const std::string& AName) {
+  std::lock_guard lock(FLock);
+  if (!FShiftOf) throw ERequestError("this server shows times as stored");
+  if (AName.empty() || AName == FZoneName) {
+    FDisplayShift = nullptr;
+    FDisplayName.clear();
+    return;
+  }
+  try {
+    FDisplayShift = FShiftOf(AName);
+  } catch (const std::invalid_argument& e) {
+    throw ERequestError(e.what());
+  }
+  FDisplayName = AName;
+  FQueryKey.clear(); // date conditions of the filter now mean other stored times
+}
+
+std::string TStoreSession::ShownTime(const std::string& AStored) const {
+  double days = 0;
+  if (!FDisplayShift || !FStoreShift || !ParseDateTimeText(AStored, days)) return AStored;
+  // The stored time is the store zone's; its UTC time is found from the offset there
+  // (twice, so that a time next to a change of offset settles on the right side).
+  double utc = days - FStoreShift(days) / 1440.0;
+  utc = days - FStoreShift(utc) / 1440.0;
+  return StoreTimeStampText(utc + FDisplayShift(utc) / 1440.0);
+}
+
+double TStoreSession::StoreDays(double AShownDays) const {
+  if (!FDisplayShift || !FStoreShift) return AShownDays;
+  double utc = AShownDays - FDisplayShift(AShownDays) / 1440.0;
+  utc = AShownDays - FDisplayShift(utc) / 1440.0;
+  return utc + FStoreShift(utc) / 1440.0;
+}
+
 json TStoreSession::Info() {
   CheckIdle();
   std::lock_guard lock(FLock);
@@ -192,7 +238,7 @@ json TStoreSession::Info() {
     while (query.Step()) logs.push_back({{"name", query.TextAt(0)}, {"file", query.TextAt(1)}});
   }
   return {{"store", FStore.FileName()},
-          {"timeZone", FZoneName},
+          {"timeZone", FDisplayName.empty() ? FZoneName : FDisplayName},
           {"total", FStore.QueryIntValue("SELECT COUNT(*) FROM " + FStore.TableName())},
           {"bookmarks", FStore.GetBookmarkCount()},
           {"columns", std::move(columns)},
@@ -201,7 +247,13 @@ json TStoreSession::Info() {
 }
 
 std::string TStoreSession::WhereOf(const TViewQuery& AQuery) {
-  std::string where = AQuery.Filter.CreateSQLWhere(tfwSQLite, FShiftMinutes, FStore.FieldKindOf());
+  TEventFilter filter = AQuery.Filter;
+  // Dates typed or dragged in the page are the display zone's.
+  if (filter.ByDate || filter.ByTime) {
+    filter.FromTime = StoreDays(filter.FromTime);
+    filter.ToTime = StoreDays(filter.ToTime);
+  }
+  std::string where = filter.CreateSQLWhere(tfwSQLite, FShiftMinutes, FStore.FieldKindOf());
   auto add = [&](const std::string& AClause) { where = where.empty() ? AClause : "(" + where + ") AND " + AClause; };
   if (AQuery.Bookmarked) add("_Bmrk = 1");
   if (AQuery.DetectionLevel >= 0) {
@@ -254,7 +306,7 @@ void TStoreSession::Reach(int64_t AIndex) {
 
 void TStoreSession::AppendRow(json& ARows, const TEventData& ARow) const {
   json row = {{"id", ARow.ID},
-              {"time", ARow.TimeStamp},
+              {"time", ShownTime(ARow.TimeStamp)},
               {"type", ARow.TypeStr},
               {"typeCode", ARow.Type},
               {"eventId", ARow.EventID},
@@ -325,7 +377,7 @@ json TStoreSession::Event(int64_t AId) {
   const std::string xml = query.TextAt(9);
   json out = {{"id", AId},
               {"fields",
-               {{"time", query.TextAt(0)},
+               {{"time", ShownTime(query.TextAt(0))},
                 {"type", StoreTypeText(sqlite3_column_int64(*query, 1))},
                 {"eventId", sqlite3_column_int64(*query, 2)},
                 {"source", query.TextAt(3)},
@@ -376,7 +428,9 @@ json TStoreSession::Statistics(const TViewQuery& AQuery) {
   json byType = json::array(), sources = json::array(), overTime = json::array();
   for (const auto& [type, count] : stats.ByType) byType.push_back({{"type", StoreTypeText(type)}, {"count", count}});
   for (const auto& [source, count] : stats.TopSources) sources.push_back({{"source", Text(source)}, {"count", count}});
-  for (const auto& [bucket, count] : stats.OverTime) overTime.push_back({{"start", bucket}, {"count", count}});
+  for (const auto& [bucket, count] : stats.OverTime)
+    overTime.push_back({{"start", stats.Hourly && FDisplayShift ? ShownTime(bucket + ":00:00").substr(0, 13) : bucket},
+                        {"count", count}});
   return {{"total", stats.Total},
           {"byType", std::move(byType)},
           {"topSources", std::move(sources)},

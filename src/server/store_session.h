@@ -59,6 +59,17 @@ public:
   void SetColorCodes(TColorCodes ACodes) { FCodes = std::move(ACodes); }
   void SetTimeZoneName(std::string AName) { FZoneName = std::move(AName); }
 
+  // Time zones. The store holds times as shown in the zone it was loaded in; the page may
+  // show them in another. AShiftOf gives a zone's offset in minutes at a UTC day count
+  // (raising std::invalid_argument for an unknown zone); AZones lists the known zones.
+  using TShiftAt = std::function<int(double AUtcDays)>;
+  void SetZones(std::function<TShiftAt(const std::string&)> AShiftOf, nlohmann::json AZones);
+  // {"store": zone, "display": zone, "zones": [...]}
+  nlohmann::json Zones();
+  // Shows times in AName from now on ("" or the store's zone: as stored). Raises
+  // ERequestError for an unknown zone.
+  void SetDisplayZone(const std::string& AName);
+
   // {"store", "timeZone", "total", "columns": [{"name", "title", "numeric"}], "logs": [...],
   //  "detections": bool}
   nlohmann::json Info();
@@ -90,6 +101,10 @@ private:
   // Makes AQuery the dataset's query (a no-op when it already is); gives its row count.
   int64_t Select(const TViewQuery& AQuery);
   void AppendRow(nlohmann::json& ARows, const TEventData& ARow) const;
+  // A stored time text as the display zone shows it; a day count of the display zone in
+  // the store's zone.
+  std::string ShownTime(const std::string& AStored) const;
+  double StoreDays(double AShownDays) const;
 
   // Raises EStoreBusy while a load runs.
   void CheckIdle() const {
@@ -101,6 +116,10 @@ private:
   TEvtLiteAdaptor FStore;
   int FShiftMinutes = 0;
   std::string FZoneName;
+  std::function<TShiftAt(const std::string&)> FShiftOf;
+  nlohmann::json FZones = nlohmann::json::array();
+  TShiftAt FStoreShift, FDisplayShift; // FDisplayShift unset: times as stored
+  std::string FDisplayName;
   TColorCodes FCodes;
   bool FHasDetections = false;
   // Makes sure the open query can reach row AIndex at once: beyond the rows stepped so far,

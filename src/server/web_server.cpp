@@ -336,6 +336,14 @@ void TWebServer::Route() {
   server.Get(R"(/api/event/(\d{1,18}))", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                SendJson(ARes, FSession.Event(std::stoll(AReq.matches[1].str())));
              }));
+  server.Get("/api/zones", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Zones()); }));
+  server.Post("/api/zone", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+                const json body = ParseBody(AReq);
+                const auto zone = body.find("zone");
+                if (zone == body.end() || !zone->is_string()) throw ERequestError("\"zone\" must name a time zone");
+                FSession.SetDisplayZone(zone->get<std::string>());
+                SendJson(ARes, FSession.Zones());
+              }));
   server.Get("/api/distinct", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                SendJson(ARes, FSession.Distinct(AReq.get_param_value("column")));
              }));

@@ -128,6 +128,20 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     check(true, 'one bookmarked row in view', '');
     await shot('6-bookmarked');
 
+    // Another time zone: the same row shown nine hours later in Tokyo than in UTC.
+    const timeOf = async () => (await grid.getByRole('row').nth(1).getByRole('gridcell').allInnerTexts())[1];
+    await page.getByLabel('Time zone').selectOption('UTC');
+    await until('UTC times', async () => /time zone: UTC/.test(await status.innerText()));
+    const utc = await timeOf();
+    await page.getByLabel('Time zone').selectOption('Tokyo Standard Time');
+    await until('Tokyo times', async () => (await timeOf()) !== utc);
+    const hours = (Date.parse(`${(await timeOf()).replace(' ', 'T')}Z`) - Date.parse(`${utc.replace(' ', 'T')}Z`)) / 3600000;
+    check(hours === 9, 'times follow the chosen time zone', `${utc} then ${await timeOf()}`);
+    await shot('7-tokyo');
+    const asLoaded = await page.locator('#time-zone option', { hasText: 'as stored' }).first().getAttribute('value');
+    await page.getByLabel('Time zone').selectOption(asLoaded);
+    await until('the zone as loaded', async () => !/Tokyo/.test(await status.innerText()));
+
     // Export of the rows in view (the bookmark taken off again, as the reference has none).
     await page.getByLabel('Bookmarked only').uncheck();
     await statusStarts(`${Number(count).toLocaleString('en-US')} events`);
@@ -149,13 +163,13 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     await dialog.getByRole('button', { name: 'Load selected' }).click();
     await page.getByRole('progressbar', { name: 'Loading' }).waitFor();
     await until('progress', async () => /events loaded/.test(await page.locator('#load-bar span').innerText()));
-    await shot('7-loading');
+    await shot('8-loading');
     await page.getByRole('button', { name: 'Cancel' }).click();
     await until('the cancelled load', async () => (await page.locator('#load-bar span').innerText()) === 'Load cancelled');
     await until('the view after the load', async () => /in the store/.test(await status.innerText()));
     const stored = Number(/· ([\d,]+) in the store/.exec(await status.innerText())[1].replace(/,/g, ''));
     check(stored > before && stored < before + bigRecords, 'Cancel keeps part of the log', `${before} then ${stored}`);
-    await shot('8-cancelled');
+    await shot('9-cancelled');
     check(errors.length === 0, 'no script errors', errors.join('; '));
   } finally {
     await browser.close();

@@ -178,6 +178,31 @@ TEST_F(WebServer, FilterValuesHoldingSqlAreData) {
   EXPECT_EQ(Get("/api/info")["total"], 300);
 }
 
+TEST_F(WebServer, TimesShownInAnotherZoneAndFilteredThere) {
+  FSession->SetTimeZoneName("UTC"); // as the store was loaded
+  FSession->SetZones(
+      [](const std::string& AName) -> server::TStoreSession::TShiftAt {
+        if (AName == "UTC") return [](double) { return 0; };
+        if (AName == "+90") return [](double) { return 90; };
+        throw std::invalid_argument("unknown zone " + AName);
+      },
+      json::array({"UTC", "+90"}));
+  const std::string stored = Post("/api/rows", {{"count", 1}})["rows"][0]["time"];
+  const json zones = Post("/api/zone", {{"zone", "+90"}});
+  EXPECT_EQ(zones["display"], "+90");
+  const std::string shown = Post("/api/rows", {{"count", 1}})["rows"][0]["time"];
+  double storedDays = 0, shownDays = 0;
+  ASSERT_TRUE(ParseDateTimeText(stored, storedDays));
+  ASSERT_TRUE(ParseDateTimeText(shown, shownDays));
+  EXPECT_NEAR((shownDays - storedDays) * 1440, 90, 0.001) << stored << " / " << shown;
+  // A date range typed in the shown zone selects what it selects in the stored one.
+  const int64_t since = Post("/api/rows", {{"filter", {{"from", shown}}}})["count"];
+  EXPECT_EQ(Post("/api/zone", {{"zone", "Mars/Olympus"}}, 400)["error"], "unknown zone Mars/Olympus");
+  Post("/api/zone", {{"zone", ""}});
+  EXPECT_EQ(Post("/api/rows", {{"filter", {{"from", stored}}}})["count"], since);
+  EXPECT_GE(since, 1);
+}
+
 TEST_F(WebServer, ManyClientsPageAtOnce) {
   std::atomic<int> failures{0};
   std::vector<std::thread> clients;

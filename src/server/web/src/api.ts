@@ -48,6 +48,8 @@ export const api = {
   load: (files: string[], scan: boolean) => call<{ started: boolean }>('/api/load', { files, scan }),
   refresh: () => call<{ started: boolean }>('/api/refresh', {}),
   cancel: () => call<{ cancelled: boolean }>('/api/cancel', {}),
+  zones: () => call<{ store: string; display: string; zones: string[] }>('/api/zones'),
+  setZone: (zone: string) => call<{ store: string; display: string }>('/api/zone', { zone }),
   exportUrl: (view: ViewQuery, format: string) =>
     `/api/export?format=${encodeURIComponent(format)}&view=${encodeURIComponent(JSON.stringify(view))}`,
 };

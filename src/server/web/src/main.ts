@@ -55,6 +55,20 @@ async function start(): Promise<void> {
   toggle('toggle-filter', byId('filter-pane'));
   toggle('toggle-stats', byId('stats-pane'), () => void stats.refresh());
   toggle('toggle-columns', byId('columns-pane'));
+  const zonePick = byId<HTMLSelectElement>('time-zone');
+  try {
+    const zones = await api.zones();
+    zonePick.replaceChildren(...zones.zones.map((z) => new Option(z === zones.store ? `${z} (as stored)` : z, z, false, z === zones.display)));
+    if (!zones.zones.includes(zones.display)) zonePick.prepend(new Option(`${zones.display} (as stored)`, zones.display, true, true));
+  } catch {
+    zonePick.parentElement!.hidden = true;
+  }
+  zonePick.addEventListener('change', async () => {
+    await api.setZone(zonePick.value);
+    info = await api.info();
+    await grid.reload(true);
+    void stats.refresh();
+  });
   const levelPick = byId<HTMLSelectElement>('detection-level');
   levelPick.parentElement!.hidden = !info.detections;
   levelPick.addEventListener('change', () => view.setDetectionLevel(levelPick.value === '' ? undefined : Number(levelPick.value)));
