@@ -161,6 +161,10 @@ TStoreSession::TStoreSession(const std::string& AStoreFile, int AShiftMinutes)
   FStore.InitThreadDataSet();
   FStore.OpenExistingTable();
   FHasDetections = TDetectionStore::Exists(FStore.Handle());
+  // A viewer scans and sorts the whole table now and then (a filter, a first sort by a
+  // column): reading it mapped and sorting on two threads makes both markedly faster.
+  FStore.ExecSQL("PRAGMA mmap_size = 17179869184");
+  FStore.ExecSQL("PRAGMA threads = 2");
   // Counting and listing the rows of a million-row table reads every page of it unless an
   // index covers the _IDs: a store without any gets the narrowest useful one (the type's,
   // which sorting by type uses too). Once per store.

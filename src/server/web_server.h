@@ -75,6 +75,7 @@ struct TPageFile {
   std::string_view Path; // "/app.js"
   std::string_view Type; // "text/javascript; charset=utf-8"
   std::string_view Body;
+  std::string_view Gzipped; // the same, gzip-compressed at build time
 };
 // The page's files (index.html is served for "/").
 const std::vector<TPageFile>& PageFiles();

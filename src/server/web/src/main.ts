@@ -26,6 +26,7 @@ function toggle(buttonId: string, pane: HTMLElement, onShow?: () => void): void 
 async function start(): Promise<void> {
   const status = byId<HTMLElement>('status');
   let info: Info;
+  const zoneList = api.zones().catch(() => null); // asked for beside the rest, not after it
   try {
     info = await api.info();
   } catch (e) {
@@ -56,13 +57,15 @@ async function start(): Promise<void> {
   toggle('toggle-stats', byId('stats-pane'), () => void stats.refresh());
   toggle('toggle-columns', byId('columns-pane'));
   const zonePick = byId<HTMLSelectElement>('time-zone');
-  try {
-    const zones = await api.zones();
+  const fillZones = async () => {
+    const zones = await zoneList;
+    if (!zones) {
+      zonePick.parentElement!.hidden = true;
+      return;
+    }
     zonePick.replaceChildren(...zones.zones.map((z) => new Option(z === zones.store ? `${z} (as stored)` : z, z, false, z === zones.display)));
     if (!zones.zones.includes(zones.display)) zonePick.prepend(new Option(`${zones.display} (as stored)`, zones.display, true, true));
-  } catch {
-    zonePick.parentElement!.hidden = true;
-  }
+  };
   zonePick.addEventListener('change', async () => {
     await api.setZone(zonePick.value);
     info = await api.info();
@@ -95,7 +98,7 @@ async function start(): Promise<void> {
     await grid.reload(true);
     void stats.refresh();
   };
-  await grid.reload();
+  await Promise.all([grid.reload(), fillZones()]);
   if (!loading) byId('grid').focus();
 }
 
