@@ -662,7 +662,7 @@ std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel
 }
 
 int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
-                         TOutputFormat AFormat, unsigned AWidth, std::FILE* AOut) {
+                         TOutputFormat AFormat, unsigned AWidth, int64_t ALimit, std::FILE* AOut) {
   const int level = ALevel.empty() ? 0 : LevelNumber(ALevel);
   // The event filter selects events; the level selects their detections. Both are our own
   // text (the filter's SQL and a checked number).
@@ -670,7 +670,8 @@ int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, con
                           "e._ID, e.RecordNumber FROM QvxDetections d JOIN (SELECT * FROM " +
                           AStore.TableName() + (AWhere.empty() ? "" : " WHERE " + AWhere) +
                           ") e ON e._ID = d._ID WHERE d.Level >= " + std::to_string(level) +
-                          " ORDER BY e._ID, d.Level DESC, d.Title";
+                          " ORDER BY e._ID, d.Level DESC, d.Title" +
+                          (ALimit > 0 ? " LIMIT " + std::to_string(ALimit) : std::string());
   sqlite3_stmt* query = nullptr;
   if (sqlite3_prepare_v2(AStore.Handle(), sql.c_str(), -1, &query, nullptr) != SQLITE_OK)
     throw EEventStoreError(AStore.FileName() + ": cannot list detections: " + sqlite3_errmsg(AStore.Handle()));

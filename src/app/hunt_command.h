@@ -53,6 +53,6 @@ std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel
 // Lists the detections (of ALevel or above; "" for all) of the store's events that AWhere selects: time, level, rule with
 // its author, computer, event ID, matched values. Returns the exit status.
 int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
-                         TOutputFormat AFormat, unsigned AWidth, std::FILE* AOut);
+                         TOutputFormat AFormat, unsigned AWidth, int64_t ALimit, std::FILE* AOut);
 
 } // namespace qvx::app

@@ -94,7 +94,7 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
       const std::string detected = DetectionLevelSQL(store, AOptions.DetectionLevel);
       where = where.empty() ? detected : "(" + where + ") AND " + detected;
     }
-    if (AOptions.Detections) return PrintStoreDetections(store, where, AOptions.DetectionLevel, AOptions.Format, AOptions.Width, AOut);
+    if (AOptions.Detections) return PrintStoreDetections(store, where, AOptions.DetectionLevel, AOptions.Format, AOptions.Width, AOptions.Limit, AOut);
 
     if (AOptions.ClearBookmarks) {
       store.BookmarksEventClear();

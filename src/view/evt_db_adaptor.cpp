@@ -212,6 +212,9 @@ void TEvtSQLAdaptor::BookmarksEventClear() {
 }
 
 int64_t TEvtSQLAdaptor::BookmarksByCriteria(const std::string& AWhere) {
+  // The criteria run once before any bookmark changes: a condition that fails (a bad
+  // pattern, say) leaves the bookmarks as they were.
+  QueryIntValue(FormatSQL("SELECT COUNT(*) FROM %s WHERE %s", {FTableName, AWhere}));
   ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 0", {FTableName}));
   ExecSQL(FormatSQL("UPDATE %s SET _Bmrk = 1 WHERE %s", {FTableName, AWhere}));
   return QueryIntValue("SELECT Changes()");

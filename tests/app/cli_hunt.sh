@@ -77,6 +77,7 @@ summary=$("$QVX" open "$tmp/logs/demo.evtx" -s "$tmp/s.db" --rules "$tmp/rules" 
 check open-rules grep -q "hunt: [0-9]* detections in" <<<"$summary"
 stored=$("$QVX" view "$tmp/s.db" --detections -f jsonl | wc -l)
 check store-same test "$stored" -eq "$("$QVX" hunt -q -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl | wc -l)"
+check store-limit test "$("$QVX" view "$tmp/s.db" --detections -f jsonl -n 2 | wc -l)" -eq 2
 high=$("$QVX" view "$tmp/s.db" --detection-level high --count)
 check level-count test "$high" -eq "$(wc -l <"$tmp/d.jsonl")"
 check store-hunt test "$("$QVX" hunt -q -r "$tmp/rules" "$tmp/s.db" -f jsonl | wc -l)" -eq "$stored"

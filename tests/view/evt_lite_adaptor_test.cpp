@@ -200,6 +200,9 @@ TEST_F(EvtLiteAdaptor, NavigationMovesBackByRereadingRows) {
 TEST_F(EvtLiteAdaptor, BookmarksAndFlagFilter) {
   EXPECT_EQ(FStore.BookmarksByCriteria("[EventID] > 1000"), 2);
   EXPECT_EQ(FStore.GetBookmarkCount(), 2);
+  // Criteria that fail leave the bookmarks as they were.
+  EXPECT_THROW(FStore.BookmarksByCriteria("[Descr] REGEXP '('"), EEventStoreError);
+  EXPECT_EQ(FStore.GetBookmarkCount(), 2);
   EXPECT_EQ(FStore.BookmarksByCriteria("[EventID] = 12345"), 0);
   EXPECT_EQ(FStore.GetBookmarkCount(), 0);
   FStore.MakeSQL();
