@@ -43,14 +43,14 @@ bool IsImageInput(const std::string& APath) {
 }
 
 std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated) {
-  std::string imagePath, spec;
-  SplitVolume(APath, imagePath, spec);
+  std::string imagePath, volumeName;
+  SplitVolume(APath, imagePath, volumeName);
   const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
   if (AOffset >= 0) {
-    spec = std::to_string(AOffset);
-    spec.insert(spec.begin(), '+');
+    volumeName = std::to_string(AOffset);
+    volumeName.insert(volumeName.begin(), '+');
   }
-  const TImageVolume& volume = image->Volume(spec);
+  const TImageVolume& volume = image->Volume(volumeName);
   std::shared_ptr<const TReadStream> data = image->VolumeStream(volume);
   if (!AUnallocated) return std::make_unique<TSubStream>(data, 0, data->Size(), image->VolumeName(volume));
   const std::shared_ptr<TNtfsVolume> ntfs = image->Ntfs(volume);
@@ -60,10 +60,10 @@ std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t
 }
 
 std::vector<std::string> ImageLogsOf(const std::string& APath) {
-  std::string imagePath, spec;
-  SplitVolume(APath, imagePath, spec);
+  std::string imagePath, volumeName;
+  SplitVolume(APath, imagePath, volumeName);
   const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
-  const TImageVolume& volume = image->Volume(spec);
+  const TImageVolume& volume = image->Volume(volumeName);
   const std::shared_ptr<TNtfsVolume> ntfs = image->Ntfs(volume);
   const std::string prefix = imagePath + "@" + std::to_string(volume.Number) + "::";
   std::vector<std::string> logs;
@@ -84,8 +84,8 @@ std::vector<std::string> ImageLogsOf(const std::string& APath) {
 
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    std::string imagePath, spec;
-    SplitVolume(AOptions.Path, imagePath, spec);
+    std::string imagePath, volumeName;
+    SplitVolume(AOptions.Path, imagePath, volumeName);
     const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
     const TContainer& container = image->Container();
     std::fprintf(AOut, "Image            %s\n", image->Path().c_str());

@@ -43,7 +43,7 @@ public:
   const TPartitionTable& Table() const { return FTable; }
   const std::vector<TImageVolume>& Volumes() const { return FVolumes; }
 
-  // The volume of a volume spec ("2", "+1048576", or "" for the default). Raises
+  // The volume of a volume volume name ("2", "+1048576", or "" for the default). Raises
   // EImageError when there is no such volume, or no default.
   const TImageVolume& Volume(const std::string& ASpec);
   // The data of a volume.

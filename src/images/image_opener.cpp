@@ -26,9 +26,9 @@ private:
 // "2", or "+1048576" for a volume given by offset.
 std::string VolumeSpec(const TImageVolume& AVolume) {
   if (AVolume.Number) return std::to_string(AVolume.Number);
-  std::string spec = std::to_string(AVolume.Offset);
-  spec.insert(spec.begin(), '+');
-  return spec;
+  std::string volumeName = std::to_string(AVolume.Offset);
+  volumeName.insert(volumeName.begin(), '+');
+  return volumeName;
 }
 
 // The NTFS volume of an image as a file system for path lookups.
