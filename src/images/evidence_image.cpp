@@ -94,12 +94,12 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath) {
   return image;
 }
 
-const TImageVolume& TEvidenceImage::Volume(const std::string& ASpec) {
+const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
-  if (ASpec.starts_with("+")) {
+  if (AName.starts_with("+")) {
     char* end = nullptr;
-    const unsigned long long offset = std::strtoull(ASpec.c_str() + 1, &end, 10);
-    if (!end || *end || ASpec.size() < 2) RaiseImageError(FPath, kNoOffset, "volume offset " + ASpec.substr(1) + " is not a number");
+    const unsigned long long offset = std::strtoull(AName.c_str() + 1, &end, 10);
+    if (!end || *end || AName.size() < 2) RaiseImageError(FPath, kNoOffset, "volume offset " + AName.substr(1) + " is not a number");
     if (offset >= FContainer->Size()) RaiseImageError(FPath, offset, "volume offset past the end of the media");
     for (const TImageVolume& v : FExtraVolumes)
       if (v.Offset == offset) return v;
@@ -112,11 +112,11 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& ASpec) {
     FExtraVolumes.push_back(v);
     return FExtraVolumes.back();
   }
-  if (!ASpec.empty()) {
+  if (!AName.empty()) {
     char* end = nullptr;
-    const unsigned long n = std::strtoul(ASpec.c_str(), &end, 10);
+    const unsigned long n = std::strtoul(AName.c_str(), &end, 10);
     if (!end || *end || n == 0 || n > FVolumes.size())
-      RaiseImageError(FPath, kNoOffset, "no volume " + ASpec + " (the image has " + std::to_string(FVolumes.size()) + ")");
+      RaiseImageError(FPath, kNoOffset, "no volume " + AName + " (the image has " + std::to_string(FVolumes.size()) + ")");
     return FVolumes[n - 1];
   }
   if (FVolumes.empty()) {

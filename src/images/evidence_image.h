@@ -43,9 +43,9 @@ public:
   const TPartitionTable& Table() const { return FTable; }
   const std::vector<TImageVolume>& Volumes() const { return FVolumes; }
 
-  // The volume of a volume volume name ("2", "+1048576", or "" for the default). Raises
+  // The volume a volume name picks ("2", "+1048576", or "" for the default). Raises
   // EImageError when there is no such volume, or no default.
-  const TImageVolume& Volume(const std::string& ASpec);
+  const TImageVolume& Volume(const std::string& AName);
   // The data of a volume.
   std::shared_ptr<const TReadStream> VolumeStream(const TImageVolume& AVolume);
   // The NTFS file system of a volume (opened once). Raises EImageError when it is not
