@@ -106,6 +106,25 @@ TStoreRowFormat ExportFormat(const std::string& AName, std::string& AType, std::
   throw ERequestError("format: use csv, jsonl or xml");
 }
 
+// A Host header that names this server: "localhost" or an address literal, with our port.
+// A DNS name is refused, whatever it resolves to now: that is how a page of another site
+// would reach a server on this machine (DNS rebinding). Served beyond the loopback
+// (--bind), the server is reached by its address.
+bool HostIsOurs(const std::string& AHost, int APort) {
+  const std::string port = ":" + std::to_string(APort);
+  if (AHost.size() <= port.size() || AHost.compare(AHost.size() - port.size(), port.size(), port) != 0) return false;
+  const std::string name = AHost.substr(0, AHost.size() - port.size());
+  if (name == "localhost") return true;
+  if (name.size() > 2 && name.front() == '[' && name.back() == ']') // IPv6
+    return name.find_first_not_of("0123456789abcdefABCDEF:.", 1) == name.size() - 1;
+  int dots = 0;
+  for (const char c : name) {
+    if (c == '.') ++dots;
+    else if (c < '0' || c > '9') return false;
+  }
+  return dots == 3;
+}
+
 } // namespace
 
 void TEventHub::Publish(const json& AMessage) {
@@ -263,10 +282,7 @@ void TWebServer::Route() {
   server.set_pre_routing_handler([this](const httplib::Request& AReq, httplib::Response& ARes) {
     ++FRequests;
     using THandled = httplib::Server::HandlerResponse;
-    const std::string port = ":" + std::to_string(FPort);
-    const std::string host = AReq.get_header_value("Host");
-    const std::string bound = FSettings.Bind.find(':') != std::string::npos ? "[" + FSettings.Bind + "]" : FSettings.Bind;
-    if (host != "127.0.0.1" + port && host != "localhost" + port && host != "[::1]" + port && host != bound + port) {
+    if (!HostIsOurs(AReq.get_header_value("Host"), FPort)) {
       SendError(ARes, 403, "the Host header does not name this server");
       return THandled::Handled;
     }
