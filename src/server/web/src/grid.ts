@@ -2,7 +2,7 @@
 // in the page; they are asked of the server a page at a time and kept while in use.
 // ARIA grid roles throughout; the keyboard works as in a terminal viewer.
 import { elementScroll, observeElementOffset, observeElementRect, Virtualizer } from '@tanstack/virtual-core';
-import { api, Column, Row } from './api';
+import { api, Column, Page, Row } from './api';
 import { view } from './state';
 
 const ROW_HEIGHT = 24;
@@ -66,13 +66,19 @@ export class Grid {
     this.paintColumnsPane();
   }
 
-  async reload(keepSelection = false): Promise<void> {
+  // The first page of the view, asked for at once (the page does so before it knows its
+  // columns, to save a round trip).
+  static firstPage(): Promise<Page> {
+    return api.rows(view.query, 0, PAGE);
+  }
+
+  async reload(keepSelection = false, first?: Promise<Page>): Promise<void> {
     const generation = ++this.generation;
     this.pages.clear();
     this.pending.clear();
     this.onBusy(true);
     try {
-      const page = await api.rows(view.query, 0, PAGE);
+      const page = await (first ?? api.rows(view.query, 0, PAGE));
       if (generation !== this.generation) return;
       this.pages.set(0, page.rows);
       this.count = page.count;

@@ -26,7 +26,10 @@ function toggle(buttonId: string, pane: HTMLElement, onShow?: () => void): void 
 async function start(): Promise<void> {
   const status = byId<HTMLElement>('status');
   let info: Info;
-  const zoneList = api.zones().catch(() => null); // asked for beside the rest, not after it
+  // Asked for side by side, not one after the other.
+  const firstPage = Grid.firstPage();
+  firstPage.catch(() => undefined);
+  const zoneList = api.zones().catch(() => null);
   try {
     info = await api.info();
   } catch (e) {
@@ -98,7 +101,7 @@ async function start(): Promise<void> {
     await grid.reload(true);
     void stats.refresh();
   };
-  await Promise.all([grid.reload(), fillZones()]);
+  await Promise.all([grid.reload(false, firstPage), fillZones()]);
   if (!loading) byId('grid').focus();
 }
 
