@@ -292,7 +292,9 @@ int64_t TStoreSession::Select(const TViewQuery& AQuery) {
     return FQueryCount;
   }
   // The first page comes from stepping the query; the count from an index when the
-  // store has one that covers the filter.
+  // store has one that covers the filter. A view without an order is in _ID order, said
+  // outright: an index the planner picks for the filter would give its own order.
+  if (AQuery.Sort.empty()) FStore.SetOrderBy("[_ID] ASC");
   FStore.MakeSQL();
   FQueryCount = FStore.GetRecordCount();
   FLazy = true;
@@ -301,6 +303,10 @@ int64_t TStoreSession::Select(const TViewQuery& AQuery) {
 
 void TStoreSession::Reach(int64_t AIndex) {
   if (!FLazy || AIndex < FStore.RowsKnown() + kStepAhead) return;
+  // Without an order of the view's own, the _IDs are read through whatever index covers
+  // them and put in order afterwards, rather than walking the table in _ID order.
+  const bool ownOrder = FStore.OrderBy() != "[_ID] ASC";
+  if (!ownOrder) FStore.SetOrderBy("");
   FIdCache.emplace_front(FQueryKey, FStore.QueryIds());
   if (FIdCache.size() > kCachedQueries) FIdCache.pop_back();
   FQueryCount = static_cast<int64_t>(FIdCache.front().second.size());

@@ -134,6 +134,23 @@ TEST_F(WebServer, EveryCallAnswers) {
   EXPECT_EQ(Get("/api/event/999999", 400)["error"], "no event has the id 999999");
 }
 
+// A view without an order is in _ID order, whichever index the filter's query uses, and
+// the same whether its rows were stepped or its _IDs read at once.
+TEST_F(WebServer, ViewsWithoutAnOrderKeepTheLoadOrder) {
+  const json view = {{"filter", {{"types", {"error", "audit-failure"}}}}};
+  json body = view;
+  body["count"] = 1000;
+  const json rows = Post("/api/rows", body)["rows"];
+  ASSERT_GT(rows.size(), 10u);
+  for (size_t i = 1; i < rows.size(); ++i) EXPECT_LT(rows[i - 1]["id"].get<int64_t>(), rows[i]["id"].get<int64_t>());
+  json where = view;
+  where["id"] = rows.back()["id"];
+  EXPECT_EQ(Post("/api/position", where)["index"], rows.size() - 1); // answered from the _IDs read at once
+  body["offset"] = 5;
+  body["count"] = 1;
+  EXPECT_EQ(Post("/api/rows", body)["rows"][0]["id"], rows[5]["id"]);
+}
+
 TEST_F(WebServer, RefusesWhatItMustRefuse) {
   auto none = Client(false).Get("/api/info");
   ASSERT_TRUE(none);
