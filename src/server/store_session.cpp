@@ -185,11 +185,13 @@ void TStoreSession::SetZones(std::function<TShiftAt(const std::string&)> AShiftO
 }
 
 json TStoreSession::Zones() {
+  CheckIdle();
   std::lock_guard lock(FLock);
   return {{"store", FZoneName}, {"display", FDisplayName.empty() ? FZoneName : FDisplayName}, {"zones", FZones}};
 }
 
 void TStoreSession::SetDisplayZone(const std::string& AName) {
+  CheckIdle();
   std::lock_guard lock(FLock);
   if (!FShiftOf) throw ERequestError("this server shows times as stored");
   if (AName.empty() || AName == FZoneName) {
