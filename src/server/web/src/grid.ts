@@ -115,6 +115,9 @@ export class Grid {
       for (const key of [...this.pages.keys()]) if (Math.abs(key - here) > 20) this.pages.delete(key);
       this.paint();
       if (this.selected >= page * PAGE && this.selected < (page + 1) * PAGE) this.onSelect(this.rowAt(this.selected));
+    }).catch(() => {
+      // Not now (a load is running, say): asked for again when next in sight.
+      this.pending.delete(page);
     });
     this.pending.set(page, request);
     return request;
