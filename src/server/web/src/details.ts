@@ -49,10 +49,14 @@ export class Details {
       this.render();
       return;
     }
-    const event = await api.event(row.id);
-    if (wanted !== this.wanted) return;
-    this.event = event;
-    this.render();
+    try {
+      const event = await api.event(row.id);
+      if (wanted !== this.wanted) return;
+      this.event = event;
+      this.render();
+    } catch (e) {
+      if (wanted === this.wanted) this.panel.replaceChildren((e as Error).message);
+    }
   }
 
   private show(tab: Tab): void {

@@ -12,7 +12,11 @@ export class StatsPanel {
 
   async refresh(): Promise<void> {
     if (this.root.hidden) return;
-    this.render(await api.stats(view.query));
+    try {
+      this.render(await api.stats(view.query));
+    } catch (e) {
+      this.root.replaceChildren((e as Error).message);
+    }
   }
 
   private render(stats: Stats): void {
