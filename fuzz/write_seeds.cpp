@@ -165,6 +165,20 @@ int main(int argc, char** argv) {
   };
   for (const auto& [name, rule] : kRules) Write(dir / "fuzz_sigma_rule", name, Bytes(rule));
 
+  // Filters as the browser sends them.
+  const std::pair<const char*, const char*> kFilters[] = {
+      {"empty.json", "{}"},
+      {"ids.json", R"({"ids": "4624,4625-4630!4627", "idsExcept": false, "types": ["error", "audit-failure"]})"},
+      {"lists.json", R"({"sources": {"values": ["Disk", "O'Brien"], "exclude": true}, "users": {"values": ["SYSTEM"]},
+                        "computers": {"values": []}, "categories": {"values": ["Logon"], "exclude": false}})"},
+      {"descr.json", R"({"descr": {"text": "logon type:\s+10", "regex": true, "exclude": false}, "caseSensitive": true})"},
+      {"dates.json", R"({"from": "2024-03-01 00:00:00", "to": "2024-03-02", "dateExclude": true,
+                        "last": {"days": 1, "hours": 6, "exclude": false}})"},
+      {"conditions.json", R"({"params": [{"name": "TargetUserName", "op": "equals", "value": "bob"}],
+                             "columns": [{"number": 2, "op": "greater", "value": "10"}]})"},
+  };
+  for (const auto& [name, filter] : kFilters) Write(dir / "fuzz_filter_json", name, Bytes(filter));
+
   std::printf("qvx_fuzz_seeds: seeds written under %s\n", dir.string().c_str());
   return 0;
 }
