@@ -34,7 +34,7 @@ from bench_dump import (REPO, default_cache, default_samples, generated_file, la
                         measure, report_targets, warm)
 
 TARGET_EVENTS_VS_EVTXEXPORT = 10.0  # events/s at least 10x evtxexport's on the same file
-TARGET_SCAN_VS_CAT = 0.8  # scanning an image without chunks at >= 80% of cat's speed
+TARGET_SCAN_VS_CAT = 0.9  # scanning an image without chunks at >= 90% of cat's speed
 TARGET_SCAN_RSS_MIB = 16.0  # scan memory stays flat: a 4 MB buffer plus one chunk
 
 
@@ -167,8 +167,11 @@ def main() -> int:
         report["scan"]["empty"] = {"bytes": size, "cat": cat, "quorvex": scan}
         if cat["status"] == 0 and scan["status"] == 0:
             speed = cat["median_s"] / scan["median_s"]
+            best = min(cat["walls"]) / min(scan["walls"])
             report["scan"]["speed_vs_cat"] = speed
-            print(f"  ratio: scan speed = {speed:.2f} x cat's")
+            report["scan"]["speed_vs_cat_best"] = best
+            print(f"  ratio: scan speed = {speed:.2f} x cat's (medians), {best:.2f} x (best runs: "
+                  f"cat {min(cat['walls']):.3f} s, scan {min(scan['walls']):.3f} s)")
             verdicts.append((f"scan of an image without chunks at {speed:.2f}x cat's speed (target {TARGET_SCAN_VS_CAT})",
                              speed >= TARGET_SCAN_VS_CAT))
             verdicts.append((f"scan peak RSS {scan['peak_rss_mib']:.1f} MiB (target < {TARGET_SCAN_RSS_MIB:.0f})",

@@ -1,7 +1,8 @@
 // TElfChnunks: finds .evtx chunks in raw data (a damaged file, a volume, a disk).
 //
-// The source is read 4 MB at a time; consecutive buffers overlap by 64 KB so that a
-// chunk that crosses a buffer boundary lies whole in the next buffer. Chunks are
+// The source is read into a 4 MB buffer, in pieces of 512 KB each searched as soon as it
+// is read; consecutive buffers overlap by 64 KB so that a chunk that crosses a buffer
+// boundary lies whole in the next buffer. Chunks are
 // recognised by the 8 bytes "ElfChnk\0" followed, at offset 40, by the header size
 // 128, and handed out as pointers into the buffer, not copied.
 #pragma once
@@ -57,10 +58,14 @@ public:
 
   static constexpr uint32_t kBlockSize = 4194304;
   static constexpr uint32_t kOverlap = 65536;
+  // A buffer is read and searched this much at a time, so the search finds the bytes
+  // still in the processor's cache rather than in memory.
+  static constexpr uint32_t kReadPiece = 524288;
 
 private:
   void Open(std::unique_ptr<TReadStream> AStream);
-  bool ReadBlock();
+  void StartBlock();
+  bool FillBlock();
 
   bool FActive = false;
   std::string FSourceName;
@@ -70,6 +75,8 @@ private:
   uint32_t FExploreSize = 0;
   TPageBuffer FBlock{kBlockSize};
   bool FHaveBlock = false;
+  bool FBlockDone = false;  // the whole buffer has been read
+  uint32_t FFilled = 0;     // bytes of the buffer read so far
   bool FNextBlockAvailable = false;
   bool FLastBlock = false;
   uint32_t FChunkOffset = 0;

@@ -54,6 +54,22 @@ TEST(ElfChunkCarver, EmptyBuffersTickOncePerBuffer) {
   EXPECT_GE(run.Ticks, 2); // the first two buffers held no chunk
 }
 
+// A buffer is read and searched a piece at a time: a signature split between two pieces,
+// a chunk whose header is in one piece and its end in the next, one that ends exactly
+// where a piece ends, and a fake signature whose header size lies in the next piece are
+// all handled as if the buffer had been read at once.
+TEST(ElfChunkCarver, ChunksAcrossReadPiecesAreFoundOnce) {
+  constexpr size_t kPiece = TElfChnunks::kReadPiece;
+  TDiskImage image(6 * kPiece, 11);
+  const std::vector<size_t> offsets = {kPiece - 3, 2 * kPiece - 1000, 3 * kPiece - kEvtxChunkSize,
+                                       5 * kPiece - kEvtxChunkSize + 1};
+  image.PlaceFakeChunkSignature(4 * kPiece - 20);
+  for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(100 * (i + 1), 2));
+  TCarveRun run = Carve(WriteTempFile("pieces.bin", image.Bytes()));
+  EXPECT_EQ(run.Positions, std::vector<uint64_t>(offsets.begin(), offsets.end()));
+  EXPECT_EQ(run.FirstIds, (std::vector<uint64_t>{100, 200, 300, 400}));
+}
+
 TEST(ElfChunkCarver, SignatureWithWrongHeaderSizeIsSkipped) {
   TDiskImage image(2 * kMiB, 7);
   image.PlaceFakeChunkSignature(1000);
