@@ -130,6 +130,7 @@ CHECKED_FLAGS="-O2 -g"
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+export LSAN_OPTIONS="${LSAN_OPTIONS:-suppressions=$ROOT/scripts/lsan-suppressions.txt:print_suppressions=0}"
 
 # --- stages ----------------------------------------------------------------
 
