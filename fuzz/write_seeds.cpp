@@ -3,15 +3,19 @@
 // and a WEVT_TEMPLATE resource, registry hives, WEVT_TEMPLATE resources, message
 // templates with their arguments, classic .evt logs (plain and wrapped) and Sigma rules. Each goes to DIR/<target>/. The fixture writers of the
 // tests make them, so the seeds cover what the tests know of each format.
+#include "catalog/catalog_schema.h"
 #include "support/evt_writer.h"
 #include "support/hive_writer.h"
 #include "support/partition_writer.h"
 #include "support/pe_writer.h"
 #include "support/wevt_writer.h"
 
+#include <sqlite3.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -164,6 +168,45 @@ int main(int argc, char** argv) {
                   "title: two\ncorrelation: {type: event_count}\n"},
   };
   for (const auto& [name, rule] : kRules) Write(dir / "fuzz_sigma_rule", name, Bytes(rule));
+
+  // Message catalogs: one with a publisher, a classic source, their files and messages, and
+  // the same cut short. Written through SQLite with the catalog's own schema.
+  {
+    const fs::path catalogs = dir / "fuzz_catalog";
+    fs::create_directories(catalogs);
+    const fs::path file = catalogs / "small.qcat";
+    fs::remove(file);
+    sqlite3* db = nullptr;
+    if (sqlite3_open(file.string().c_str(), &db) == SQLITE_OK) {
+      const std::string fill =
+          std::string("PRAGMA page_size = 1024; PRAGMA application_id = ") + std::to_string(catalog::kApplicationId) +
+          ";" + catalog::kCatalogSchema +
+          "INSERT INTO catalog_info VALUES ('format', '" + catalog::kCatalogFormat + "'), ('schema_version', '" +
+          std::to_string(catalog::kCatalogSchemaVersion) +
+          "');"
+          "INSERT INTO origin VALUES (1, 'seed', 'Windows', 22621, '2024-01-01', 'en-US,de-DE');"
+          "INSERT INTO provider VALUES (1, 1, 0, 'Test-Provider-A', 'test-provider-a', "
+          "'{11111111-2222-3333-4444-555555555555}', ''), (2, 1, 1, 'ClassicSrc', 'classicsrc', '', 'Application');"
+          "INSERT INTO file VALUES (1, 1, 'windows\\system32\\a.dll', 'a.dll', '10.0.22621.1', 1),"
+          " (2, 1, 'windows\\system32\\c.dll', 'c.dll', '', 1);"
+          "INSERT INTO provider_file VALUES (1, 0, 0, 1), (2, 0, 0, 2), (2, 1, 0, 2), (2, 2, 0, 2);"
+          "INSERT INTO message_table VALUES (1, 'd1', 3), (2, 'd2', 2);"
+          "INSERT INTO file_table VALUES (1, 'en-US', 1), (2, 'en-US', 2), (2, 'de-DE', 2);"
+          "INSERT INTO message VALUES (1, 1, 'Logon of %1 from %2.%n'), (1, 100, 'Task one'),"
+          " (1, 2952790017, 'Started %1!s! (%%1000)'), (2, 1000, 'Parameter text'), (2, 1, 'Category one');"
+          "INSERT INTO event VALUES (1, 1, 0, 16, 4, 0, 100, 0, 1), (1, 1, 1, 16, 4, 1, 100, 0, 2952790017);"
+          "INSERT INTO task VALUES (1, 100, 100, 'TaskOne');"
+          "INSERT INTO opcode VALUES (1, 0, 1, 100, 'Start');"
+          "INSERT INTO keyword VALUES (1, 1, 100, 'Audit');"
+          "INSERT INTO level VALUES (1, 4, 100, 'Information');"
+          "INSERT INTO channel VALUES (1, 16, 100, 'Test/Operational');";
+      sqlite3_exec(db, fill.c_str(), nullptr, nullptr, nullptr);
+      sqlite3_close(db);
+      std::ifstream in(file, std::ios::binary);
+      std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      if (bytes.size() > 4096) Write(catalogs, "cut.qcat", std::vector<uint8_t>(bytes.begin(), bytes.begin() + 4096));
+    }
+  }
 
   // Filters as the browser sends them.
   const std::pair<const char*, const char*> kFilters[] = {
