@@ -73,8 +73,12 @@ const report = (name, value, unit, target, ok) => {
     let start = now();
     await page.reload({ waitUntil: 'commit' });
     await painted();
-    const first = now() - start;
-    report('first rows painted after navigation', first, 'ms', '<= 300', first <= 300);
+    const outside = now() - start;
+    // The page marks its first rows on the browser's own clock, which starts at the
+    // navigation; the time seen from here adds the round trips of this script's polling.
+    const first = await page.evaluate(() => performance.getEntriesByName('quorvex-first-rows')[0]?.startTime ?? -1);
+    report('first rows painted after navigation', first, 'ms', '<= 300', first >= 0 && first <= 300);
+    report('  the same seen from the test script', outside, 'ms', '(info)', true);
 
     const total = await viewport.evaluate((v) => v.scrollHeight);
     const jumps = [];

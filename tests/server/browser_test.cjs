@@ -158,7 +158,7 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     // keeps what was loaded.
     await page.getByRole('button', { name: 'Open logs…' }).click();
     const dialog = page.getByRole('dialog', { name: 'Open logs' });
-    await dialog.getByRole('button').first().click(); // the first root folder
+    await dialog.getByRole('button', { name: /📁/ }).first().click(); // the first root folder, once listed
     await dialog.getByLabel(new RegExp(`^ big-${bigRecords}\\.evtx`)).check();
     await dialog.getByRole('button', { name: 'Load selected' }).click();
     await page.getByRole('progressbar', { name: 'Loading' }).waitFor();
