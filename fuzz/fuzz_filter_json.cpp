@@ -6,7 +6,7 @@
 // columns, and survive a round trip through its JSON. Seeds: filters written by
 // qvx_fuzz_seeds (fuzz/write_seeds.cpp).
 #include "filter/filter_json.h"
-#include "view/evt_lite_adaptor.h"
+#include "filter_store.h"
 
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
@@ -17,44 +17,15 @@
 #include <cstdlib>
 #include <string>
 
-namespace {
-
-qvx::TEvtLiteAdaptor& Store() {
-  static qvx::TEvtLiteAdaptor* store = [] {
-    auto* made = new qvx::TEvtLiteAdaptor(":memory:");
-    made->SetCustomFields(std::vector<qvx::TDBCustomField>(3));
-    made->InitThreadDataSet();
-    made->EmptyTable();
-    return made;
-  }();
-  return *store;
-}
-
-void CheckCompiles(const std::string& AWhere) {
-  if (AWhere.empty()) return;
-  const std::string sql = "SELECT COUNT(*) FROM Events WHERE " + AWhere;
-  sqlite3_stmt* statement = nullptr;
-  const char* tail = nullptr;
-  const int code = sqlite3_prepare_v2(Store().Handle(), sql.c_str(), static_cast<int>(sql.size()), &statement, &tail);
-  if (code != SQLITE_OK || tail != sql.c_str() + sql.size()) {
-    std::fprintf(stderr, "filter WHERE text does not compile as one expression: %s\n%s\n",
-                 sqlite3_errmsg(Store().Handle()), sql.c_str());
-    std::abort();
-  }
-  sqlite3_finalize(statement);
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   const nlohmann::json request = nlohmann::json::parse(AData, AData + ASize, nullptr, false);
   if (request.is_discarded()) return 0;
   try {
     const qvx::TEventFilter filter = qvx::FilterFromJson(request);
-    CheckCompiles(filter.CreateSQLWhere(qvx::tfwSQLite, 0, Store().FieldKindOf()));
+    CheckWhereCompiles(filter.CreateSQLWhere(qvx::tfwSQLite, 0, FilterStore().FieldKindOf()));
     const qvx::TEventFilter again = qvx::FilterFromJson(qvx::FilterToJson(filter));
-    if (again.CreateSQLWhere(qvx::tfwSQLite, 0, Store().FieldKindOf()) !=
-        filter.CreateSQLWhere(qvx::tfwSQLite, 0, Store().FieldKindOf())) {
+    if (again.CreateSQLWhere(qvx::tfwSQLite, 0, FilterStore().FieldKindOf()) !=
+        filter.CreateSQLWhere(qvx::tfwSQLite, 0, FilterStore().FieldKindOf())) {
       std::fprintf(stderr, "a filter's JSON does not give the same filter back\n");
       std::abort();
     }

@@ -16,42 +16,10 @@
 #include "filter/event_filter.h"
 #include "filter/loading_filter.h"
 #include "filter/xml_query.h"
-#include "view/evt_lite_adaptor.h"
+#include "filter_store.h"
 
 #include <pugixml.hpp>
 #include <sqlite3.h>
-
-namespace {
-
-qvx::TEvtLiteAdaptor& Store() {
-  static qvx::TEvtLiteAdaptor* store = [] {
-    auto* made = new qvx::TEvtLiteAdaptor(":memory:");
-    made->SetCustomFields(std::vector<qvx::TDBCustomField>(3));
-    made->InitThreadDataSet();
-    made->EmptyTable();
-    return made;
-  }();
-  return *store;
-}
-
-// The WHERE text must compile, and nothing may follow the expression.
-void CheckCompiles(const std::string& AWhere) {
-  if (AWhere.empty()) return;
-  const std::string sql = "SELECT COUNT(*) FROM Events WHERE " + AWhere;
-  sqlite3_stmt* statement = nullptr;
-  const char* tail = nullptr;
-  const int code =
-      sqlite3_prepare_v2(Store().Handle(), sql.c_str(), static_cast<int>(sql.size()), &statement, &tail);
-  const bool whole = code == SQLITE_OK && tail == sql.c_str() + sql.size();
-  if (!whole) {
-    std::fprintf(stderr, "filter WHERE text does not compile as one expression: %s\n%s\n",
-                 sqlite3_errmsg(Store().Handle()), sql.c_str());
-    std::abort();
-  }
-  sqlite3_finalize(statement);
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   const std::string text(reinterpret_cast<const char*>(AData), ASize);
@@ -62,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   qvx::TEventFilter filter;
   try {
     filter.LoadFromString(text);
-    CheckCompiles(filter.CreateSQLWhere(qvx::tfwSQLite, 0, Store().FieldKindOf()));
+    CheckWhereCompiles(filter.CreateSQLWhere(qvx::tfwSQLite, 0, FilterStore().FieldKindOf()));
     filter.CreateSQLWhere(qvx::tfwMSSQL, 0);
   } catch (const std::exception&) {
   }
