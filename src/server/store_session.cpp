@@ -425,11 +425,14 @@ json TStoreSession::Distinct(const std::string& AColumn, size_t ALimit) {
     throw ERequestError("distinct values are listed for Source, CategoryName, UserName and Computer");
   CheckIdle();
   std::lock_guard lock(FLock);
+  const std::string key = std::string(*it) + "/" + std::to_string(ALimit);
+  if (const auto known = FDistinct.find(key); known != FDistinct.end()) return known->second;
   TStatement query(FStore, std::string("SELECT ") + *it + ", COUNT(*) AS n FROM " + FStore.TableName() + " GROUP BY " +
                                *it + " ORDER BY n DESC, " + *it + " LIMIT ?1");
   sqlite3_bind_int64(*query, 1, static_cast<int64_t>(ALimit));
   json values = json::array();
   while (query.Step()) values.push_back({{"value", Text(query.TextAt(0))}, {"count", sqlite3_column_int64(*query, 1)}});
+  FDistinct[key] = values;
   return values;
 }
 
@@ -475,6 +478,7 @@ void TStoreSession::RunLoad(const std::function<void(TEvtLiteAdaptor&)>& ALoad) 
     ~TDone() {
       Session.FQueryKey.clear();
       Session.FIdCache.clear();
+      Session.FDistinct.clear();
       Session.FStore.Close();
       Session.FHasDetections = TDetectionStore::Exists(Session.FStore.Handle());
       Session.FLoading = false;

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -132,6 +133,8 @@ private:
   // The row _IDs of the last few queries, newest first: going back to an earlier order or
   // filter costs no query. Dropped when rows change (bookmarks of a bookmarked view).
   std::list<std::pair<std::string, std::vector<int64_t>>> FIdCache;
+  // Distinct values by column: a scan of the whole table each, kept until the rows change.
+  std::map<std::string, nlohmann::json> FDistinct;
   TEventData FRow;
 };
 

@@ -327,6 +327,10 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
     ASSERT_TRUE(outsideLoad);
     EXPECT_EQ(outsideLoad->status, 403);
 
+    // Distinct values are kept between calls, and forgotten when a load adds rows.
+    auto distinct = [&] { return json::parse(get("/api/distinct?column=Source")->body)[0]["count"].get<int64_t>(); };
+    const int64_t before = distinct();
+
     // The event stream, read on a thread of its own until the load's end.
     std::string stream;
     std::thread reader([&] {
@@ -355,6 +359,7 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
       else std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     EXPECT_EQ(status, 200);
+    EXPECT_EQ(distinct(), 2 * before);
 
     // Twenty clients page while a larger load runs: each page is answered, with the rows
     // or with 503 while the store is being written, never anything else; afterwards all
