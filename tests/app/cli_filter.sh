@@ -2,15 +2,7 @@
 # Filter options of quorvex events, filter files, and quorvex xpath both ways.
 set -u
 QVX=$1
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail=0
-
-check() { # check NAME CONDITION-COMMAND...
-  local name=$1
-  shift
-  if "$@"; then echo "ok   $name"; else echo "FAIL $name"; fail=1; fi
-}
+. "$(dirname "$0")/../support/check.sh"
 
 "$QVX" demo -o "$tmp/demo.evtx" --no-dump >/dev/null 2>&1 || { echo "FAIL demo"; exit 1; }
 all=$("$QVX" events "$tmp/demo.evtx" -f jsonl -q | wc -l)

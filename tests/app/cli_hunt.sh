@@ -4,15 +4,7 @@
 # open --rules keeps detections that view --detections and --detection-level read.
 set -u
 QVX=$1
-tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
-fail=0
-
-check() { # check NAME CONDITION-COMMAND...
-  local name=$1
-  shift
-  if "$@"; then echo "ok   $name"; else echo "FAIL $name"; fail=1; fi
-}
+. "$(dirname "$0")/../support/check.sh"
 
 mkdir -p "$tmp/logs"
 "$QVX" demo -o "$tmp/logs/demo.evtx" --no-dump >/dev/null 2>&1 || { echo "FAIL demo"; exit 1; }

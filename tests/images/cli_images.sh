@@ -8,15 +8,8 @@ set -u
 QVX=$1
 FILL=$2
 GEN=$3
-tmp=$(mktemp -d)
-trap '[ -n "${KEEP:-}" ] || rm -rf "$tmp"' EXIT
-fail=0
+. "$(dirname "$0")/../support/check.sh"
 
-check() { # check NAME CONDITION-COMMAND...
-  local name=$1
-  shift
-  if "$@"; then echo "ok   $name"; else echo "FAIL $name"; fail=1; fi
-}
 have() { command -v "$1" >/dev/null 2>&1; }
 
 if ! have mkntfs || ! have sfdisk; then
