@@ -383,11 +383,14 @@ private:
     bool scan = false;
     const std::unique_ptr<TEventLogBinXML> source =
         OpenEvtxLog(APath, FOptions.TimeZone, FOptions.Threads, nullptr, FErr, scan);
+    // Rules read the event's XML: its data strings and description are not made.
+    source->SetSystemFieldsOnly(true);
     ReadSource(*source, APath);
   }
 
   void Scan(const std::string& APath) {
     TEventLogScan source;
+    source.SetSystemFieldsOnly(true);
     ApplyTimeZone(source, FOptions.TimeZone);
     source.SetReadAhead(FOptions.Threads);
     source.SetBackupFileName(APath);
