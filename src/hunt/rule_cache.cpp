@@ -29,7 +29,7 @@ namespace {
 
 constexpr char kMagic[8] = {'Q', 'V', 'X', 'R', 'U', 'L', 'E', 'C'};
 constexpr size_t kHeaderBytes = 28;
-constexpr int kMaxDepth = 256;
+constexpr int kMaxDepth = 200; // as deep as the YAML reader copies a tree
 constexpr size_t kMaxNodes = 200'000; // per rule file, as TYamlLimits::MaxNodes
 constexpr uint32_t kMaxEntries = 1'000'000;
 
