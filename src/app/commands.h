@@ -157,6 +157,7 @@ struct TStoreOptions {
   TLoadOptions Load;
   std::string Alerts;            // alert file tested against the new events
   std::vector<std::string> Rules; // Sigma rule files or folders run over the new events
+  bool RuleCache = true;          // parsed rule files kept in the user's cache folder
   unsigned Threads = 1;
   int Progress = -1;
   bool Quiet = false;

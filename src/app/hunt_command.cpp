@@ -613,8 +613,8 @@ int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
 }
 
 void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
-                     bool AQuiet, std::FILE* AErr) {
-  const std::unique_ptr<TRuleSet> rules = LoadHuntRules(ARulePaths, "informational", {});
+                     bool AQuiet, std::FILE* AErr, bool ARuleCache) {
+  const std::unique_ptr<TRuleSet> rules = LoadHuntRules(ARulePaths, "informational", {}, ARuleCache);
   THunter hunter(*rules);
   TDetectionStore detections(AStore.Handle(), AStore.FileName());
   AStore.SetFilterSQL("[_ID] > " + std::to_string(ALastOldId));

@@ -43,9 +43,10 @@ int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 void PrintUnusableRules(const hunt::TRuleSet& ARules, std::FILE* AErr);
 
 // Runs the rules of ARulePaths over the store's events after ALastOldId (its _ID) and
-// keeps the detections in its detection table; says how many on AErr.
+// keeps the detections in its detection table; says how many on AErr. ARuleCache as for
+// LoadHuntRules.
 void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
-                     bool AQuiet, std::FILE* AErr);
+                     bool AQuiet, std::FILE* AErr, bool ARuleCache = true);
 
 // Lists the detections (of ALevel or above; "" for all) of the store's events that AWhere selects: time, level, rule with
 // its author, computer, event ID, matched values. Returns the exit status.

@@ -203,6 +203,8 @@ int main(int argc, char** argv) {
                          "Run these Sigma rules (files or folders, repeatable) over the new events and keep their\n"
                          "detections in the store ('view --detections')")
         ->allow_extra_args(false);
+    ACommand->add_flag_callback("--no-rule-cache", [&] { store.RuleCache = false; },
+                                "Parse every rule file, neither reading nor writing the rule cache");
     ACommand->add_option("-t,--threads", store.Threads, "Threads decoding chunks ahead of the loader (0 = none)")
         ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
     ACommand->add_flag_callback("--progress", [&] { store.Progress = 1; }, "Always show progress on stderr");
@@ -304,7 +306,7 @@ int main(int argc, char** argv) {
       ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
   cmdHunt->add_option("--width", hunt.Width, "Table width in columns (default: the terminal's)");
   cmdHunt->add_flag("-q,--quiet", hunt.Quiet, "No summary on stderr");
-  cmdHunt->add_flag("!--no-rule-cache", hunt.RuleCache,
+  cmdHunt->add_flag_callback("--no-rule-cache", [&] { hunt.RuleCache = false; },
                     "Parse every rule file, neither reading nor writing the rule cache\n"
                     "($XDG_CACHE_HOME/quorvex or ~/.cache/quorvex)");
   cmdHunt->footer("One line per rule and event that matched: time, level, the rule's title with its author,\n"

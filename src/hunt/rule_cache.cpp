@@ -197,41 +197,37 @@ bool TRuleCache::Decode(std::string_view ABytes, TParsedRuleFile& AParsed) {
 
 void TRuleCache::Load() {
   FLoaded.clear();
+  FBuffer.clear();
+  auto ignore = [&](std::string ANote) {
+    FNote = FFile + ": " + std::move(ANote);
+    FBuffer.clear();
+    FBuffer.shrink_to_fit();
+  };
   std::error_code error;
   const uintmax_t size = fs::file_size(FFile, error);
   if (error) return; // no cache yet
-  if (size > kMaxFileBytes || size < kHeaderBytes) {
-    FNote = FFile + ": not a rule cache of a sensible size, ignored";
-    return;
-  }
-  std::string bytes(static_cast<size_t>(size), '\0');
+  if (size > kMaxFileBytes || size < kHeaderBytes) return ignore("not a rule cache of a sensible size, ignored");
+  // The entries point into the buffer, which stays as it is while the cache lives.
+  FBuffer.assign(static_cast<size_t>(size), '\0');
   {
     std::ifstream in(FFile, std::ios::binary);
-    if (!in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()))) {
-      FNote = FFile + ": cannot be read, ignored";
-      return;
-    }
+    if (!in.read(FBuffer.data(), static_cast<std::streamsize>(FBuffer.size()))) return ignore("cannot be read, ignored");
   }
-  TCursor header(std::string_view(bytes).substr(0, kHeaderBytes));
-  if (bytes.compare(0, 8, kMagic, 8) != 0) {
-    FNote = FFile + ": offset 0: not a rule cache, ignored";
+  const std::string_view bytes = FBuffer;
+  if (bytes.substr(0, 8) != std::string_view(kMagic, 8)) return ignore("offset 0: not a rule cache, ignored");
+  TCursor header(bytes.substr(8, kHeaderBytes - 8));
+  if (header.U32() != kVersion) { // another version: rebuilt without a word
+    FBuffer.clear();
     return;
   }
-  header.U64();
-  if (header.U32() != kVersion) return; // another version: rebuilt without a word
   const uint64_t payloadSize = header.U64();
   const uint64_t payloadHash = header.U64();
-  const std::string_view payload = std::string_view(bytes).substr(kHeaderBytes);
-  if (payloadSize != payload.size() || HashBytes(payload) != payloadHash) {
-    FNote = FFile + ": offset 12: damaged (size or hash does not match), ignored";
-    return;
-  }
+  const std::string_view payload = bytes.substr(kHeaderBytes);
+  if (payloadSize != payload.size() || HashBytes(payload) != payloadHash)
+    return ignore("offset 12: damaged (size or hash does not match), ignored");
   TCursor cursor(payload);
   const uint32_t count = cursor.U32();
-  if (count > kMaxEntries) {
-    FNote = FFile + ": offset 28: too many entries, ignored";
-    return;
-  }
+  if (count > kMaxEntries) return ignore("offset 28: too many entries, ignored");
   std::unordered_map<std::string, TEntry> loaded;
   for (uint32_t i = 0; i < count && cursor.Ok(); ++i) {
     TEntry entry;
@@ -242,11 +238,9 @@ void TRuleCache::Load() {
     entry.Bytes = cursor.Text();
     if (cursor.Ok()) loaded[entry.Key.Path] = std::move(entry);
   }
-  if (!cursor.AtEnd()) {
-    FNote = FFile + ": offset " + std::to_string(kHeaderBytes + payload.size() - cursor.Left()) +
-            ": entries do not fill the payload, ignored";
-    return;
-  }
+  if (!cursor.AtEnd())
+    return ignore("offset " + std::to_string(kHeaderBytes + payload.size() - cursor.Left()) +
+                  ": entries do not fill the payload, ignored");
   FLoaded = std::move(loaded);
 }
 
@@ -260,7 +254,7 @@ void TRuleCache::Put(const TRuleFileKey& AKey, std::string AEncoded) {
   FLoaded.erase(AKey.Path);
   TEntry& entry = FNext.emplace_back();
   entry.Key = AKey;
-  entry.Bytes = std::move(AEncoded);
+  entry.Bytes = FOwned.emplace_back(std::move(AEncoded));
   FChanged = true;
   ++FMisses;
 }

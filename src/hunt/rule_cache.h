@@ -34,6 +34,7 @@
 #include "hunt/sigma_yaml.h"
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -99,10 +100,12 @@ public:
 private:
   struct TEntry {
     TRuleFileKey Key;
-    std::string Bytes; // Encode's form
+    std::string_view Bytes; // Encode's form, in FBuffer or FOwned
   };
   std::string FFile;
   std::string FNote;
+  std::string FBuffer;          // the cache file as read
+  std::deque<std::string> FOwned; // entries encoded this time (stable places)
   std::unordered_map<std::string, TEntry> FLoaded; // by path
   std::vector<TEntry> FNext;
   bool FChanged = false;

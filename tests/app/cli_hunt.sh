@@ -99,6 +99,9 @@ check cache-same-detections sh -c "cmp -s '$tmp/c0.jsonl' '$tmp/c1.jsonl' && cmp
 check cache-same-summary sh -c "cmp -s '$tmp/c0.err' '$tmp/c2.err'"
 check cache-unusable grep -q "broken.yml:5: unknown modifier 'sideways'" "$tmp/c2.err"
 check no-cache-no-file test ! -e "$tmp/none"
+XDG_CACHE_HOME="$tmp/none" "$QVX" open "$tmp/logs/demo.evtx" -s "$tmp/nc.db" --rules "$tmp/rules" --no-rule-cache \
+  >/dev/null 2>&1
+check open-no-cache sh -c "test ! -e '$tmp/none' && test \"\$('$QVX' view '$tmp/nc.db' --detections -f jsonl | wc -l)\" -eq $stored"
 printf 'garbage' >"$(ls "$tmp/xdg/quorvex/"rules-*.bin)"
 "$QVX" hunt -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl --tz UTC >"$tmp/c3.jsonl" 2>"$tmp/c3.err"
 check damaged-cache-same cmp -s "$tmp/c0.jsonl" "$tmp/c3.jsonl"
