@@ -22,7 +22,7 @@ export interface Stats {
   overTime: { start: string; count: number }[]; hourly: boolean;
 }
 export type FilterJson = Record<string, unknown>;
-export interface ViewQuery { filter: FilterJson; bookmarked: boolean; sort: string; descending: boolean; detectionLevel?: number }
+export interface ViewQuery { filter: FilterJson; bookmarked: boolean; sort: string; descending: boolean }
 
 async function call<T>(path: string, body?: unknown): Promise<T> {
   const response = await fetch(path, body === undefined ? { credentials: 'same-origin' } : {

@@ -20,6 +20,11 @@ export class FilterForm {
     params: document.createElement('div'), columns: document.createElement('div'),
   };
 
+  // The detections criterion only means something in a store that was hunted.
+  showDetections(shown: boolean): void {
+    (this.form.querySelector('#detections-criteria') as HTMLFieldSetElement).hidden = !shown;
+  }
+
   constructor(private form: HTMLFormElement) {
     form.noValidate = true;
     const types = fieldset('Types');
@@ -49,6 +54,8 @@ export class FilterForm {
     range.append(text('from', 'From', 'YYYY-MM-DD hh:mm:ss'), text('to', 'To', 'YYYY-MM-DD hh:mm:ss'),
       check('date-exclude', 'Exclude the range', false), text('last-days', 'Last days', '0'), text('last-hours', 'Last hours', '0'));
     const detections = fieldset('Detections');
+    detections.id = 'detections-criteria';
+    detections.hidden = true; // shown when the store holds detections
     const level = document.createElement('select');
     level.name = 'min-detection-level';
     level.append(new Option('(any event)', ''), ...LEVELS.map((l) => new Option(l, l)));

@@ -40,6 +40,7 @@ async function start(): Promise<void> {
   const grid = new Grid(byId('grid'), byId('columns-pane'));
   const details = new Details(byId('details'));
   const filter = new FilterForm(byId<HTMLFormElement>('filter-pane'));
+  filter.showDetections(info.detections);
   const stats = new StatsPanel(byId('stats-pane'));
   stats.onRange = (from, to) => filter.setRange(from, to);
 
@@ -75,9 +76,6 @@ async function start(): Promise<void> {
     await grid.reload(true);
     void stats.refresh();
   });
-  const levelPick = byId<HTMLSelectElement>('detection-level');
-  levelPick.parentElement!.hidden = !info.detections;
-  levelPick.addEventListener('change', () => view.setDetectionLevel(levelPick.value === '' ? undefined : Number(levelPick.value)));
   byId<HTMLInputElement>('only-bookmarks').addEventListener('change', (e) => view.setBookmarked((e.target as HTMLInputElement).checked));
   byId('export').addEventListener('click', () => {
     const link = document.createElement('a');
@@ -98,6 +96,7 @@ async function start(): Promise<void> {
   loader.onLoaded = async () => {
     loading = false;
     info = await api.info();
+    filter.showDetections(info.detections);
     await grid.reload(true);
     void stats.refresh();
   };

@@ -13,10 +13,6 @@ class ViewState {
 
   setFilter(filter: FilterJson): void { this.query = { ...this.query, filter }; this.changed(); }
   setBookmarked(on: boolean): void { this.query = { ...this.query, bookmarked: on }; this.changed(); }
-  setDetectionLevel(level: number | undefined): void {
-    this.query = { ...this.query, detectionLevel: level };
-    this.changed();
-  }
   setSort(column: string, descending: boolean): void {
     this.query = { ...this.query, sort: column, descending };
     this.changed();
