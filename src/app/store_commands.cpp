@@ -29,6 +29,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <stdexcept>
 
 namespace qvx::app {
@@ -387,6 +388,8 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     // A disk image stands for every log of the installation in it, described from it.
     TStoreOptions options = AOptions;
     std::vector<std::string> logs;
+    std::set<std::string> optional; // logs of shadow copies: damage there skips the log only
+    int skipped = 0;
     for (const std::string& path : AOptions.Logs) {
       if (options.Scan || path.find("::") != std::string::npos || !IsImageInput(path) || IsClassicLog(path)) {
         logs.push_back(path);
@@ -404,6 +407,26 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       }
       for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
       if (options.Imaged.empty()) options.Imaged = path;
+      if (!options.Shadows) continue;
+      // Each shadow copy's logs too; a copy that cannot be read is reported and skipped.
+      std::vector<std::string> copies;
+      try {
+        copies = ImageShadowsOf(path);
+      } catch (const std::exception& e) {
+        std::fprintf(AErr, "quorvex: %s\n", e.what());
+        skipped = 1;
+      }
+      for (const std::string& copy : copies) {
+        try {
+          for (std::string& log : ImageLogsOf(copy)) {
+            optional.insert(log);
+            logs.push_back(std::move(log));
+          }
+        } catch (const std::exception& e) {
+          std::fprintf(AErr, "quorvex: %s\n", e.what());
+          skipped = 1;
+        }
+      }
     }
     options.Logs = std::move(logs);
     // Check every log before the store is touched.
@@ -417,7 +440,10 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
         try {
           TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
         } catch (const std::exception& e) {
-          throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
+          if (!optional.count(path)) throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
+          std::fprintf(AErr, "quorvex: %s (skipped)\n", e.what());
+          skipped = 1;
+          continue;
         }
       }
       entries.push_back(std::move(stored));
@@ -447,7 +473,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     std::copy(loading.begin(), loading.end(), kept.begin() + static_cast<std::ptrdiff_t>(first));
     SaveEntries(store, kept, SettingsOf(options));
     store.DoneThreadDataSet();
-    return status;
+    return std::max(status, skipped);
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
     return 1;

@@ -53,11 +53,20 @@ bool TEvidenceImage::SplitName(const std::string& AName, std::string& AImage, st
   AImage = AName.substr(0, sep);
   AVolume.clear();
   if (!FindImageFile(AImage)) {
-    const size_t at = AImage.rfind('@');
-    if (at == std::string::npos) return false;
-    AVolume = AImage.substr(at + 1);
-    AImage.resize(at);
-    if (!FindImageFile(AImage)) return false;
+    std::string shadow; // ":vssN"
+    if (const size_t colon = AImage.rfind(":vss"); colon != std::string::npos &&
+        AImage.find_first_not_of("0123456789", colon + 4) == std::string::npos) {
+      shadow = AImage.substr(colon);
+      AImage.resize(colon);
+    }
+    if (!FindImageFile(AImage)) {
+      const size_t at = AImage.rfind('@');
+      if (at == std::string::npos) return false;
+      AVolume = AImage.substr(at + 1);
+      AImage.resize(at);
+      if (!FindImageFile(AImage)) return false;
+    }
+    AVolume += shadow;
   }
   if (APath.empty()) APath.assign(1, '/');
   return true;
@@ -136,9 +145,58 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
   RaiseImageError(FPath, kNoOffset, std::to_string(ntfs.size()) + " NTFS volumes; choose one with " + FPath + "@VOLUME");
 }
 
-std::string TEvidenceImage::VolumeName(const TImageVolume& AVolume) const {
-  if (AVolume.Number == 0) return FPath + " volume at " + Hex(AVolume.Offset);
-  return FPath + " volume " + std::to_string(AVolume.Number);
+std::string TEvidenceImage::VolumeName(const TImageVolume& AVolume, uint32_t ACopy) const {
+  std::string name = AVolume.Number == 0 ? FPath + " volume at " + Hex(AVolume.Offset)
+                                         : FPath + " volume " + std::to_string(AVolume.Number);
+  if (ACopy) name += " shadow copy " + std::to_string(ACopy);
+  return name;
+}
+
+std::string TEvidenceImage::VolumeSpec(const TImageVolume& AVolume, uint32_t ACopy) {
+  // Built by appending: GCC 12 warns falsely on "+" + std::to_string(...).
+  std::string spec;
+  if (AVolume.Number == 0) spec.push_back('+');
+  spec.append(std::to_string(AVolume.Number ? AVolume.Number : AVolume.Offset));
+  if (ACopy) spec.append(":vss").append(std::to_string(ACopy));
+  return spec;
+}
+
+uint32_t TEvidenceImage::TakeShadow(std::string& AVolume, const std::string& AImage) {
+  const size_t colon = AVolume.rfind(":vss");
+  if (colon == std::string::npos) return 0;
+  const std::string digits = AVolume.substr(colon + 4);
+  char* end = nullptr;
+  const unsigned long n = std::strtoul(digits.c_str(), &end, 10);
+  if (digits.empty() || !end || *end || n == 0 || n > 100000)
+    RaiseImageError(AImage, kNoOffset, "shadow copy " + AVolume.substr(colon + 1) + " is not vss1, vss2, ...");
+  AVolume.resize(colon);
+  return static_cast<uint32_t>(n);
+}
+
+std::shared_ptr<TShadowCopies> TEvidenceImage::Shadows(const TImageVolume& AVolume) {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  if (auto it = FShadows.find(AVolume.Offset); it != FShadows.end()) return it->second;
+  std::shared_ptr<TShadowCopies> copies;
+  if (AVolume.FileSystem == "NTFS") {
+    copies = TShadowCopies::Open(VolumeStream(AVolume), VolumeName(AVolume));
+  } else {
+    copies = TShadowCopies::Open(std::make_shared<TSubStream>(FContainer, 0, 0, VolumeName(AVolume)), VolumeName(AVolume));
+  }
+  FShadows.emplace(AVolume.Offset, copies);
+  return copies;
+}
+
+std::shared_ptr<const TReadStream> TEvidenceImage::ShadowStream(const TImageVolume& AVolume, uint32_t ACopy) {
+  return Shadows(AVolume)->Store(ACopy, VolumeName(AVolume, ACopy));
+}
+
+std::shared_ptr<TNtfsVolume> TEvidenceImage::ShadowNtfs(const TImageVolume& AVolume, uint32_t ACopy) {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  const auto key = std::make_pair(AVolume.Offset, ACopy);
+  if (auto it = FShadowNtfs.find(key); it != FShadowNtfs.end()) return it->second;
+  std::shared_ptr<TNtfsVolume> volume = TNtfsVolume::Open(ShadowStream(AVolume, ACopy), VolumeName(AVolume, ACopy));
+  FShadowNtfs.emplace(key, volume);
+  return volume;
 }
 
 std::shared_ptr<const TReadStream> TEvidenceImage::VolumeStream(const TImageVolume& AVolume) {
