@@ -62,10 +62,24 @@ bool ListShadows(TEvidenceImage& AImage, const TImageVolume& AVolume, std::FILE*
       return true;
     }
     std::fprintf(AOut, "  Shadow copies (%u)\n", copies->Count());
-    for (const TShadowCopyInfo& c : copies->Copies())
-      std::fprintf(AOut, "    vss%-3u %-20s  %s@%s::/\n", c.Number, UtcText(c.CreationTime).c_str(), AImage.Path().c_str(),
-                   TEvidenceImage::VolumeSpec(AVolume, c.Number).c_str());
-    return true;
+    bool readable = true;
+    for (const TShadowCopyInfo& c : copies->Copies()) {
+      // The first sector read through the store shows whether the copy can be read at all.
+      std::string damage;
+      try {
+        uint8_t sector[512];
+        AImage.ShadowStream(AVolume, c.Number)->ReadAt(0, sector, sizeof sector);
+      } catch (const EImageError& e) {
+        damage = e.what();
+      }
+      std::fprintf(AOut, "    vss%-3u %-20s  %s@%s::/%s\n", c.Number, UtcText(c.CreationTime).c_str(), AImage.Path().c_str(),
+                   TEvidenceImage::VolumeSpec(AVolume, c.Number).c_str(), damage.empty() ? "" : "  (cannot be read)");
+      if (!damage.empty()) {
+        std::fprintf(AErr, "quorvex: %s\n", damage.c_str());
+        readable = false;
+      }
+    }
+    return readable;
   } catch (const EImageError& e) {
     std::fprintf(AOut, "  Shadow copies    (cannot be read)\n");
     std::fprintf(AErr, "quorvex: %s\n", e.what());

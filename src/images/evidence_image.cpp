@@ -141,7 +141,13 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
   if (installs.empty() && ntfs.size() == 1) return FVolumes[ntfs[0] - 1];
   if (installs.size() > 1)
     RaiseImageError(FPath, kNoOffset, std::to_string(installs.size()) + " Windows installations; choose one with " + FPath + "@VOLUME");
-  if (ntfs.empty()) RaiseImageError(FPath, kNoOffset, "no NTFS volume");
+  if (ntfs.empty()) {
+    // A BitLocker volume is most likely the one meant; say what it needs.
+    for (const TImageVolume& v : FVolumes)
+      if (v.FileSystem == "BitLocker")
+        RaiseImageError(VolumeName(v), kNoOffset, "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
+    RaiseImageError(FPath, kNoOffset, "no NTFS volume");
+  }
   RaiseImageError(FPath, kNoOffset, std::to_string(ntfs.size()) + " NTFS volumes; choose one with " + FPath + "@VOLUME");
 }
 

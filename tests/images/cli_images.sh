@@ -3,11 +3,13 @@
 # libntfs-3g), put in an MBR and a GPT disk (sfdisk), converted to E01 and split E01
 # (ewfacquire) and to VHDX, VMDK and QCOW2 (qemu-img). The same events must come out of
 # every container as out of the plain file; bad input gives one clear line; the image
-# is never changed. A missing tool skips what needs it.
+# is never changed. A missing tool skips what needs it. Shadow copies: qvx_vss_fill
+# gives a volume a shadow copy holding its state before System.evtx was overwritten.
 set -u
 QVX=$1
 FILL=$2
 GEN=$3
+VSS=${4:-}
 . "$(dirname "$0")/../support/check.sh"
 
 have() { command -v "$1" >/dev/null 2>&1; }
@@ -96,6 +98,122 @@ err=$("$QVX" imaged "$tmp/blank.raw" 2>&1 >/dev/null)
 check no-partitions test "$err" = "quorvex: $tmp/blank.raw: no partition table and no file system at offset 0x0"
 err=$("$QVX" events "$tmp/mbr.raw::/Windows/none.evtx" 2>&1 >/dev/null)
 check missing-file test "$err" = "quorvex: $tmp/mbr.raw volume 1::/Windows/none.evtx: no such file on the volume"
+
+# --offset is IMAGE@+BYTES.
+got=$("$QVX" events -q -f csv --tz UTC --offset 1048576 "$tmp/mbr.raw::/Windows/System32/winevt/Logs/System.evtx")
+check offset-events test "$got" = "$want_sys"
+check offset-imaged grep -q "^  Windows folder   $tmp/mbr.raw@+1048576::/Windows" <<<"$("$QVX" imaged --offset 1048576 "$tmp/mbr.raw")"
+"$QVX" open --offset 1048576 "$tmp/mbr.raw" -s "$tmp/offset.db" -q
+check offset-open test "$("$QVX" view "$tmp/offset.db" --count)" = "$("$QVX" view "$tmp/case.db" --count)"
+err=$("$QVX" events --offset 1048576 "$tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+check offset-and-volume test "$err" = "quorvex: $tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx: give the volume either as @1 or by --offset"
+
+# Volume Shadow Copies: the copy holds System.evtx as it was before it was overwritten.
+if [ -n "$VSS" ]; then
+  sys=/Windows/System32/winevt/Logs/System.evtx
+  # Another writer's log, larger than System.evtx: every old cluster is overwritten.
+  "$GEN" "$tmp/newer" 1500 3 >/dev/null || { echo "FAIL generator"; fail=1; }
+  mv "$tmp/newer/bench.evtx" "$tmp/newer.evtx"
+  cp "$tmp/vol.img" "$tmp/shadow.raw"
+  "$FILL" "$tmp/shadow.raw" --replace "$sys" "$tmp/newer.evtx" || { echo "FAIL replace"; fail=1; }
+  cp "$tmp/shadow.raw" "$tmp/shadow-store.raw"
+  cp "$tmp/shadow.raw" "$tmp/shadow-catalog.raw"
+  "$VSS" "$tmp/vol.img" "$tmp/shadow.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-store.raw" --damage store >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-catalog.raw" --damage catalog >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  for img in "$tmp"/shadow*.raw; do md5sum "$img"; done >"$tmp/shadow-before.md5"
+  want_new=$("$QVX" events -q -f csv --tz UTC "$tmp/newer.evtx")
+  out=$("$QVX" imaged "$tmp/shadow.raw")
+  check vss-imaged-status test $? -eq 0
+  check vss-imaged-count grep -q "^  Shadow copies (1)$" <<<"$out"
+  check vss-imaged-copy grep -q "^    vss1   2024-03-01T10:20:30Z  $tmp/shadow.raw@1:vss1::/$" <<<"$out"
+  check vss-imaged-none grep -q "^  Shadow copies    none$" <<<"$("$QVX" imaged "$tmp/mbr.raw")"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw::$sys")
+  check vss-current test "$got" = "$want_new"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw@1:vss1::$sys")
+  check vss-copy-recovers test "$got" = "$want_sys"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw:vss1::/WINDOWS/system32/winevt/Logs/system.evtx")
+  check vss-default-volume test "$got" = "$want_sys"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw:vss1::/Windows/System32/winevt/Logs/Application.evtx" --imaged "$tmp/shadow.raw:vss1")
+  check vss-described test "$got" = "$want_app"
+  check vss-imaged-copy-logs grep -q "^          528384  System.evtx$" <<<"$("$QVX" imaged "$tmp/shadow.raw@1:vss1" 2>&1)"
+  err=$("$QVX" events "$tmp/shadow.raw@1:vss2::$sys" 2>&1 >/dev/null)
+  check vss-no-copy test "$err" = "quorvex: $tmp/shadow.raw volume 1: no shadow copy 2 (the volume has 1)"
+  # open --shadows: both states of System.evtx, each log named with its copy.
+  "$QVX" open "$tmp/shadow.raw" -s "$tmp/shadows.db" --shadows -q
+  check vss-open-status test $? -eq 0
+  n_old=$(sed -n 's/.*: \([0-9]*\) events.*/\1/p' <<<"$("$QVX" events -f csv "$logs/System.evtx" 2>&1 >/dev/null)")
+  n_sys=$("$QVX" view "$tmp/shadows.db" --count)
+  "$QVX" open "$tmp/shadow.raw" -s "$tmp/noshadows.db" -q
+  n_cur=$("$QVX" view "$tmp/noshadows.db" --count)
+  check vss-open-count test "$n_sys" -eq "$((n_cur + n_old + 300))"
+  if command -v sqlite3 >/dev/null 2>&1; then
+    check vss-open-names grep -qxF "System|$tmp/shadow.raw@1:vss1::$sys" <<<"$(sqlite3 "$tmp/shadows.db" "SELECT LogName, FileName FROM QvxLogEntries")"
+  fi
+  # A copy whose store or catalog is damaged: one line naming it, the volume still loads.
+  for what in store catalog; do
+    img="$tmp/shadow-$what.raw"
+    err=$("$QVX" open "$img" -s "$tmp/damaged-$what.db" --shadows -q 2>&1)
+    check "vss-damaged-$what-status" test $? -eq 1
+    check "vss-damaged-$what-line" test "$(wc -l <<<"$err")" -eq 1
+    check "vss-damaged-$what-loads" test "$("$QVX" view "$tmp/damaged-$what.db" --count)" -eq "$n_cur"
+    err=$("$QVX" imaged "$img" 2>&1 >/dev/null)
+    check "vss-damaged-$what-imaged" test "$(wc -l <<<"$err")" -eq 1
+  done
+  check vss-damaged-store-names grep -q "^quorvex: $tmp/shadow-store.raw volume 1 shadow copy 1: " <<<"$("$QVX" events "$tmp/shadow-store.raw@1:vss1::$sys" 2>&1 >/dev/null)"
+  check vss-damaged-catalog-names test "$("$QVX" imaged "$tmp/shadow-catalog.raw" 2>&1 >/dev/null)" = \
+    "quorvex: $tmp/shadow-catalog.raw volume 1: shadow copy header or catalog cannot be read at offset 0x1E00 (invalid catalog header identifier)"
+  for img in "$tmp"/shadow*.raw; do md5sum "$img"; done >"$tmp/shadow-after.md5"
+  check vss-images-unchanged cmp -s "$tmp/shadow-before.md5" "$tmp/shadow-after.md5"
+fi
+
+# Bad volumes: one clear line naming the image and the problem, and a failing status.
+cp "$tmp/vol.img" "$tmp/bitlocker.raw"
+printf -- '-FVE-FS-' | dd of="$tmp/bitlocker.raw" bs=1 seek=3 conv=notrunc status=none
+for cmd in "imaged $tmp/bitlocker.raw" "events $tmp/bitlocker.raw::/Windows/System32/winevt/Logs/System.evtx" \
+           "open $tmp/bitlocker.raw -s $tmp/bitlocker.db"; do
+  err=$($QVX $cmd 2>&1 >/dev/null)
+  check "bitlocker-${cmd%% *}-status" test $? -eq 1
+  check "bitlocker-${cmd%% *}" test "$err" = "quorvex: $tmp/bitlocker.raw volume 1: BitLocker-encrypted volume; reading it needs libbde, not supported yet"
+done
+# The MFT's first records overwritten (the boot sector gives its cluster).
+cp "$tmp/vol.img" "$tmp/mft.raw"
+bps=$(od -An -tu2 -j11 -N2 "$tmp/vol.img" | tr -d ' ')
+spc=$(od -An -tu1 -j13 -N1 "$tmp/vol.img" | tr -d ' ')
+mft=$(od -An -tu8 -j48 -N8 "$tmp/vol.img" | tr -d ' ')
+head -c 4096 /dev/zero | tr '\0' '\356' | dd of="$tmp/mft.raw" bs=1 seek=$((mft * bps * spc)) conv=notrunc status=none
+for cmd in "imaged $tmp/mft.raw" "events $tmp/mft.raw::/Windows/System32/winevt/Logs/System.evtx" \
+           "open $tmp/mft.raw -s $tmp/mft.db"; do
+  err=$($QVX $cmd 2>&1 >/dev/null)
+  check "mft-${cmd%% *}-status" test $? -eq 1
+  check "mft-${cmd%% *}" grep -qx "quorvex: $tmp/mft.raw volume 1: NTFS volume whose boot sector or MFT cannot be read (.*)" <<<"$err"
+done
+# A differencing VHD whose parent is missing (qemu-img writes no differencing VHD or
+# VHDX, so a dynamic VHD is turned into one: disk type 4 and a parent name).
+if have qemu-img && have python3; then
+  qemu-img create -q -f vpc "$tmp/diff.vhd" 8M
+  python3 - "$tmp/diff.vhd" missing-parent.vhd <<'EOF_PY'
+import struct, sys
+path, parent = sys.argv[1], sys.argv[2]
+d = bytearray(open(path, 'rb').read())
+def footer(at):                                  # footer copies at the start and the end
+    struct.pack_into('>I', d, at + 60, 4)        # disk type: differencing
+    struct.pack_into('>I', d, at + 64, 0)        # checksum: one's complement of the byte sum
+    struct.pack_into('>I', d, at + 64, ~sum(d[at:at + 512]) & 0xFFFFFFFF)
+dyn = struct.unpack_from('>Q', d, 16)[0]          # the dynamic disk header's offset
+footer(0)
+footer(len(d) - 512)
+d[dyn + 64:dyn + 576] = parent.encode('utf-16-be').ljust(512, b'\0')  # parent name
+struct.pack_into('>I', d, dyn + 36, 0)
+struct.pack_into('>I', d, dyn + 36, ~sum(d[dyn:dyn + 1024]) & 0xFFFFFFFF)
+open(path, 'wb').write(d)
+EOF_PY
+  for cmd in "imaged $tmp/diff.vhd" "open $tmp/diff.vhd -s $tmp/diff.db"; do
+    err=$($QVX $cmd 2>&1 >/dev/null)
+    check "vhd-parent-${cmd%% *}-status" test $? -eq 1
+    check "vhd-parent-${cmd%% *}" test "$err" = "quorvex: $tmp/diff.vhd: differencing disk whose parent missing-parent.vhd is missing (looked beside it)"
+  done
+fi
 
 for img in "${images[@]}"; do md5sum "$img"; done >"$tmp/after.md5"
 check images-unchanged cmp -s "$tmp/before.md5" "$tmp/after.md5"

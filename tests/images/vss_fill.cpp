@@ -1,7 +1,7 @@
 // qvx_vss_fill: gives an NTFS volume one Volume Shadow Copy that holds an older state
 // of the same volume, for the shadow copy tests (no Debian tool makes shadow copies).
 //
-//   qvx_vss_fill OLD_VOLUME NEW_VOLUME [--damage]
+//   qvx_vss_fill OLD_VOLUME NEW_VOLUME [--damage store|catalog]
 //
 // OLD_VOLUME and NEW_VOLUME are the same volume before and after some change (the same
 // size, a multiple of 16 KiB). Every 16 KiB block that differs is copied from
@@ -9,8 +9,9 @@
 // back; NEW_VOLUME then gets the shadow copy header (at 0x1E00, inside $Boot), a catalog
 // naming the one store, and the store's header, block list, block range list and
 // bitmap. Reading the copy through libvshadow then gives OLD_VOLUME's data in every
-// block that changed. --damage breaks the store's block list header, so that the
-// catalog still lists the copy but its store cannot be read.
+// block that changed. --damage store breaks the store's block list header, so that the
+// catalog still lists the copy but its store cannot be read; --damage catalog breaks
+// the catalog block's header.
 //
 // Layout written (offsets from the volume's start; each record is one 16 KiB block that
 // starts with a 128-byte block header, as the libyal VSS format documentation gives):
@@ -88,8 +89,9 @@ bool Zero(const std::vector<uint8_t>& AData, uint64_t ABlock) {
 } // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 3) Die("usage: qvx_vss_fill OLD_VOLUME NEW_VOLUME [--damage]");
-  const bool damage = argc > 3 && std::string(argv[3]) == "--damage";
+  if (argc != 3 && !(argc == 5 && std::string(argv[3]) == "--damage"))
+    Die("usage: qvx_vss_fill OLD_VOLUME NEW_VOLUME [--damage store|catalog]");
+  const std::string damage = argc == 5 ? argv[4] : "";
   std::vector<uint8_t> oldData = ReadAll(argv[1]);
   std::vector<uint8_t> newData = ReadAll(argv[2]);
   if (oldData.size() != newData.size() || oldData.size() % kBlock || oldData.size() < 64 * kBlock)
@@ -200,7 +202,8 @@ int main(int argc, char** argv) {
   // Bitmap: all clear.
   PutBlockHeader(v, bitmap, 6, relative(bitmap), 0);
 
-  if (damage) std::memset(&v[lists[0]], 0xEE, 32);
+  if (damage == "store") std::memset(&v[lists[0]], 0xEE, 32);
+  if (damage == "catalog") std::memset(&v[catalog], 0xEE, 32);
 
   std::fstream out(argv[2], std::ios::binary | std::ios::in | std::ios::out);
   if (!out) Die(std::string("cannot write ") + argv[2]);
