@@ -137,6 +137,9 @@ if [ -n "$VSS" ]; then
   got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw:vss1::/Windows/System32/winevt/Logs/Application.evtx" --imaged "$tmp/shadow.raw:vss1")
   check vss-described test "$got" = "$want_app"
   check vss-imaged-copy-logs grep -q "^          528384  System.evtx$" <<<"$("$QVX" imaged "$tmp/shadow.raw@1:vss1" 2>&1)"
+  # Scanning the copy's data finds the old log's chunks.
+  got=$("$QVX" scan -q -f csv --tz UTC "$tmp/shadow.raw@1:vss1" | tail -n +2 | sort)
+  check vss-scan-copy test "$(comm -23 <(tail -n +2 <<<"$want_sys" | sort) <(echo "$got") | wc -l)" -eq 0
   err=$("$QVX" events "$tmp/shadow.raw@1:vss2::$sys" 2>&1 >/dev/null)
   check vss-no-copy test "$err" = "quorvex: $tmp/shadow.raw volume 1: no shadow copy 2 (the volume has 1)"
   # open --shadows: both states of System.evtx, each log named with its copy.
