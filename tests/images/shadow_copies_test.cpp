@@ -1,0 +1,136 @@
+#include "images/shadow_copies.h"
+
+#include "images/image_error.h"
+#include "support/partition_writer.h"
+#include "support/vss_writer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace qvx {
+namespace {
+
+using test::AddShadowCopy;
+using test::kVssBlock;
+using test::TMemoryStream;
+using test::TVssLayout;
+
+constexpr uint64_t kBlocks = 64; // a 1 MiB volume
+
+// The volume before: blocks 4-6 hold 'A'; after: they hold 'B' and block 9 'C'.
+struct TFixture {
+  std::vector<uint8_t> Old = std::vector<uint8_t>(kBlocks * kVssBlock);
+  std::vector<uint8_t> New;
+  TVssLayout Layout;
+  TFixture() {
+    std::memset(&Old[4 * kVssBlock], 'A', 3 * kVssBlock);
+    New = Old;
+    std::memset(&New[4 * kVssBlock], 'B', 3 * kVssBlock);
+    std::memset(&New[9 * kVssBlock], 'C', kVssBlock);
+    Layout = AddShadowCopy(Old, New);
+  }
+  std::shared_ptr<TShadowCopies> Open() const {
+    return TShadowCopies::Open(std::make_shared<TMemoryStream>(New, "vol"), "vol");
+  }
+};
+
+std::vector<uint8_t> ReadBlock(const TReadStream& AStream, uint64_t ABlock) {
+  std::vector<uint8_t> block(kVssBlock);
+  EXPECT_EQ(AStream.ReadAt(ABlock * kVssBlock, block.data(), block.size()), block.size());
+  return block;
+}
+
+std::vector<uint8_t> BlockOf(const std::vector<uint8_t>& AVolume, uint64_t ABlock) {
+  return {AVolume.begin() + static_cast<std::ptrdiff_t>(ABlock * kVssBlock),
+          AVolume.begin() + static_cast<std::ptrdiff_t>((ABlock + 1) * kVssBlock)};
+}
+
+// The message a shadow copy call raises, or "" when it raises none.
+template <class F>
+std::string ErrorOf(F AFunction) {
+  try {
+    AFunction();
+  } catch (const EImageError& e) {
+    return e.what();
+  }
+  return {};
+}
+
+TEST(ShadowCopies, ListsTheStoreWithItsCreationTime) {
+  TFixture f;
+  const auto copies = f.Open();
+  ASSERT_EQ(copies->Count(), 1u);
+  EXPECT_EQ(copies->Copies()[0].Number, 1u);
+  EXPECT_EQ(copies->Copies()[0].CreationTime, test::kVssCreationTime);
+  EXPECT_EQ(copies->Copies()[0].VolumeSize, kBlocks * kVssBlock);
+  EXPECT_EQ(copies->Copies()[0].Identifier.size(), 36u);
+}
+
+TEST(ShadowCopies, ReadsTheOldBlocksAndTheUnchangedOnesFromTheVolume) {
+  TFixture f;
+  ASSERT_EQ(f.Layout.Preserved.size(), 4u);
+  const auto store = f.Open()->Store(1, "vol shadow copy 1");
+  EXPECT_EQ(store->Size(), kBlocks * kVssBlock);
+  EXPECT_EQ(store->Path(), "vol shadow copy 1");
+  for (uint64_t b : {4, 5, 6, 9}) EXPECT_EQ(ReadBlock(*store, b), BlockOf(f.Old, b)) << "block " << b;
+  for (uint64_t b : {1, 3, 7, 20}) EXPECT_EQ(ReadBlock(*store, b), BlockOf(f.New, b)) << "block " << b;
+  // A read across a preserved and an unchanged block.
+  uint8_t pair[2] = {};
+  ASSERT_EQ(store->ReadAt(7 * kVssBlock - 1, pair, 2), 2u);
+  EXPECT_EQ(pair[0], 'A');
+  EXPECT_EQ(pair[1], 0);
+  EXPECT_EQ(store->ReadAt(kBlocks * kVssBlock, pair, 2), 0u);
+}
+
+TEST(ShadowCopies, AVolumeWithoutTheHeaderHasNone) {
+  const std::vector<uint8_t> blank(kBlocks * kVssBlock);
+  EXPECT_FALSE(TShadowCopies::HasHeader(TMemoryStream(blank)));
+  EXPECT_EQ(TShadowCopies::Open(std::make_shared<TMemoryStream>(blank), "vol")->Count(), 0u);
+  const std::vector<uint8_t> tiny(100);
+  EXPECT_EQ(TShadowCopies::Open(std::make_shared<TMemoryStream>(tiny), "vol")->Count(), 0u);
+}
+
+TEST(ShadowCopiesErrors, NoSuchCopy) {
+  TFixture f;
+  const auto copies = f.Open();
+  EXPECT_EQ(ErrorOf([&] { copies->Store(2, "vol shadow copy 2"); }), "vol: no shadow copy 2 (the volume has 1)");
+  EXPECT_EQ(ErrorOf([&] { copies->Store(0, "vol shadow copy 0"); }), "vol: no shadow copy 0 (the volume has 1)");
+}
+
+TEST(ShadowCopiesErrors, CatalogHeaderIdentifier) {
+  TFixture f;
+  f.New[f.Layout.Catalog] ^= 0xFF;
+  EXPECT_EQ(ErrorOf([&] { f.Open(); }),
+            "vol: shadow copy header or catalog cannot be read at offset 0x1E00 (invalid catalog header identifier)");
+}
+
+TEST(ShadowCopiesErrors, CatalogOffsetPastTheVolume) {
+  TFixture f;
+  for (int i = 0; i < 8; ++i) f.New[test::kVssHeaderOffset + 48 + i] = i == 7 ? 0x7F : 0xFF;
+  EXPECT_EQ(ErrorOf([&] { f.Open(); }),
+            "vol: shadow copy header or catalog cannot be read at offset 0x1E00 (unable to read catalog block data)");
+}
+
+TEST(ShadowCopiesErrors, BlockListHeaderIdentifier) {
+  TFixture f;
+  f.New[f.Layout.BlockLists[0]] ^= 0xFF;
+  const auto copies = f.Open(); // the catalog still lists the copy
+  ASSERT_EQ(copies->Count(), 1u);
+  EXPECT_EQ(ErrorOf([&] { ReadBlock(*copies->Store(1, "vol shadow copy 1"), 0); }),
+            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x0 (invalid store block list header identifier)");
+}
+
+TEST(ShadowCopiesErrors, DescriptorPastTheVolume) {
+  TFixture f;
+  // The first descriptor's offset in the volume, far past its end.
+  const uint64_t d = f.Layout.BlockLists[0] + 128;
+  for (int i = 0; i < 8; ++i) f.New[d + 16 + i] = i == 6 ? 0x01 : 0;
+  const auto store = f.Open()->Store(1, "vol shadow copy 1");
+  EXPECT_EQ(ErrorOf([&] { ReadBlock(*store, 4); }),
+            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x10000 (unable to read buffer from file IO handle)");
+  EXPECT_EQ(ReadBlock(*store, 20), BlockOf(f.New, 20)); // the other blocks still read
+}
+
+} // namespace
+} // namespace qvx
