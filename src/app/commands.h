@@ -124,7 +124,7 @@ std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t
 // EImageError when there is no installation or no log.
 std::vector<std::string> ImageLogsOf(const std::string& APath);
 // The shadow copies of the installation volume of an image ("IMAGE" or "IMAGE@VOLUME"),
-// as "IMAGE@N:vssM" names, oldest catalog entry first. Raises EImageError when the
+// as "IMAGE@N:vssM" names in the order `imaged` lists them. Raises EImageError when the
 // volume cannot be chosen or its shadow copy catalog cannot be read.
 std::vector<std::string> ImageShadowsOf(const std::string& APath);
 // The name APath ("IMAGE" or "IMAGE::PATH") with the volume at byte offset AOffset of

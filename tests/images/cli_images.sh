@@ -191,8 +191,9 @@ for cmd in "imaged $tmp/mft.raw" "events $tmp/mft.raw::/Windows/System32/winevt/
   check "mft-${cmd%% *}-status" test $? -eq 1
   check "mft-${cmd%% *}" grep -qx "quorvex: $tmp/mft.raw volume 1: NTFS volume whose boot sector or MFT cannot be read (.*)" <<<"$err"
 done
-# A differencing VHD whose parent is missing (qemu-img writes no differencing VHD or
-# VHDX, so a dynamic VHD is turned into one: disk type 4 and a parent name).
+# A differencing VHD and VHDX whose parent is missing (qemu-img writes neither, so
+# dynamic ones are turned into them: a VHD gets disk type 4 and a parent name, a VHDX
+# the HasParent flag and a parent locator).
 if have qemu-img && have python3; then
   qemu-img create -q -f vpc "$tmp/diff.vhd" 8M
   python3 - "$tmp/diff.vhd" missing-parent.vhd <<'EOF_PY'
@@ -211,10 +212,62 @@ struct.pack_into('>I', d, dyn + 36, 0)
 struct.pack_into('>I', d, dyn + 36, ~sum(d[dyn:dyn + 1024]) & 0xFFFFFFFF)
 open(path, 'wb').write(d)
 EOF_PY
-  for cmd in "imaged $tmp/diff.vhd" "open $tmp/diff.vhd -s $tmp/diff.db"; do
-    err=$($QVX $cmd 2>&1 >/dev/null)
-    check "vhd-parent-${cmd%% *}-status" test $? -eq 1
-    check "vhd-parent-${cmd%% *}" test "$err" = "quorvex: $tmp/diff.vhd: differencing disk whose parent missing-parent.vhd is missing (looked beside it)"
+  qemu-img create -q -f vhdx "$tmp/diff.vhdx" 8M
+  python3 - "$tmp/diff.vhdx" missing-parent.vhdx <<'EOF_PY'
+import struct, sys, uuid
+path, parent = sys.argv[1], sys.argv[2]
+d = bytearray(open(path, 'rb').read())
+META = uuid.UUID('8B7CA206-4790-4B9A-B8FE-575F050F886E').bytes_le
+PARAMS = uuid.UUID('CAA16737-FA36-4D43-B3B6-33F0AA44E76B').bytes_le
+LOCATOR = uuid.UUID('A8D35F2D-B30B-454D-ABF7-D3D84834AB0C').bytes_le
+VHDX_LOCATOR_TYPE = uuid.UUID('B04AEFB7-D19E-4A81-B789-25B8E9445913').bytes_le
+# Region table at 192 KiB: "regi", checksum, entry count, then 32-byte entries.
+rt = 192 * 1024
+assert d[rt:rt + 4] == b'regi'
+count = struct.unpack_from('<I', d, rt + 8)[0]
+meta = None
+for i in range(count):
+    e = rt + 16 + 32 * i
+    if d[e:e + 16] == META:
+        meta, meta_len = struct.unpack_from('<QI', d, e + 16)
+assert meta is not None
+# Metadata table: "metadata", reserved, entry count, then 32-byte entries.
+assert d[meta:meta + 8] == b'metadata'
+n = struct.unpack_from('<H', d, meta + 10)[0]
+end = 64 * 1024
+for i in range(n):
+    e = meta + 32 + 32 * i
+    guid = bytes(d[e:e + 16])
+    off, length, flags = struct.unpack_from('<III', d, e + 16)
+    end = max(end, off + length)
+    if guid == PARAMS:
+        struct.pack_into('<I', d, meta + off + 4, struct.unpack_from('<I', d, meta + off + 4)[0] | 2)  # HasParent
+# The parent locator: type, reserved, key/value count, entries, then UTF-16LE keys and values.
+pairs = [('parent_linkage', '{01234567-89ab-cdef-0123-456789abcdef}'),
+         ('relative_path', '.\\' + parent),
+         ('absolute_win32_path', 'C:\\images\\' + parent)]
+loc = bytearray(VHDX_LOCATOR_TYPE + struct.pack('<HH', 0, len(pairs)))
+strings = bytearray()
+base = 20 + 12 * len(pairs)
+for k, v in pairs:
+    kb, vb = k.encode('utf-16-le'), v.encode('utf-16-le')
+    ko = base + len(strings); strings += kb
+    vo = base + len(strings); strings += vb
+    loc += struct.pack('<IIHH', ko, vo, len(kb), len(vb))
+loc += strings
+end = (end + 4095) // 4096 * 4096
+d[meta + end:meta + end + len(loc)] = loc
+e = meta + 32 + 32 * n
+d[e:e + 32] = LOCATOR + struct.pack('<IIII', end, len(loc), 4, 0)  # flags: IsRequired
+struct.pack_into('<H', d, meta + 10, n + 1)
+open(path, 'wb').write(d)
+EOF_PY
+  for ext in vhd vhdx; do
+    for cmd in "imaged $tmp/diff.$ext" "open $tmp/diff.$ext -s $tmp/diff.db" "events $tmp/diff.$ext::/x.evtx"; do
+      err=$($QVX $cmd 2>&1 >/dev/null)
+      check "$ext-parent-${cmd%% *}-status" test $? -eq 1
+      check "$ext-parent-${cmd%% *}" test "$err" = "quorvex: $tmp/diff.$ext: differencing disk whose parent missing-parent.$ext is missing (looked beside it)"
+    done
   done
 fi
 
