@@ -122,11 +122,12 @@ int main(int argc, char** argv) {
 
   auto* cmdScan = app.add_subcommand("scan", "Deep-scan a damaged file, a disk image or a device for event chunks");
   cmdScan->add_option("path", events.Path,
-                      "A file, a disk image or a block device such as /dev/sdb (reading a device needs permission)")
+                      "A file, a disk image or a block device such as /dev/sdb (reading a device needs permission);\n"
+                      "IMAGE@N scans volume N of an image, IMAGE@N:vssM its shadow copy M")
       ->required();
   addOutputOptions(cmdScan);
   cmdScan->add_option("--offset", events.Offset,
-                      "Scan only the volume that starts at this byte offset of the image (IMAGE@N scans volume N)");
+                      "Scan only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)");
   cmdScan->add_flag("--unallocated", events.Unallocated,
                     "Scan only the unallocated clusters of the image's NTFS volume, where deleted logs survive");
   cmdScan->footer("Chunks are listed in the order they lie in the data, each from its last event back to its\n"
@@ -221,7 +222,9 @@ int main(int argc, char** argv) {
     AddLoadOptions(*ACommand, store.Load);
   };
   auto* cmdOpen = app.add_subcommand("open", "Load logs into an event store file for viewing, filtering and alerts");
-  cmdOpen->add_option("logs", store.Logs, ".evtx or .evt files (with --scan: images, devices, damaged files)")
+  cmdOpen->add_option("logs", store.Logs,
+                      ".evtx or .evt files, or disk images (every log of the installation in each, IMAGE@VOLUME\n"
+                      "or IMAGE@VOLUME:vssN for one volume or shadow copy; with --scan: images, devices, damaged files)")
       ->required();
   cmdOpen->add_option("-s,--store", store.Store, "The store file to create (an existing store is replaced)")->required();
   cmdOpen->add_flag("--append", store.Append, "Add the logs to the store's events instead of replacing them");

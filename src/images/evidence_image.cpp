@@ -182,12 +182,11 @@ uint32_t TEvidenceImage::TakeShadow(std::string& AVolume, const std::string& AIm
 std::shared_ptr<TShadowCopies> TEvidenceImage::Shadows(const TImageVolume& AVolume) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
   if (auto it = FShadows.find(AVolume.Offset); it != FShadows.end()) return it->second;
-  std::shared_ptr<TShadowCopies> copies;
-  if (AVolume.FileSystem == "NTFS") {
-    copies = TShadowCopies::Open(VolumeStream(AVolume), VolumeName(AVolume));
-  } else {
-    copies = TShadowCopies::Open(std::make_shared<TSubStream>(FContainer, 0, 0, VolumeName(AVolume)), VolumeName(AVolume));
-  }
+  // Only NTFS keeps shadow copies; any other volume is given as empty data, which has none.
+  std::shared_ptr<const TReadStream> data = AVolume.FileSystem == "NTFS"
+                                                ? VolumeStream(AVolume)
+                                                : std::make_shared<TSubStream>(FContainer, AVolume.Offset, 0, VolumeName(AVolume));
+  std::shared_ptr<TShadowCopies> copies = TShadowCopies::Open(std::move(data), VolumeName(AVolume));
   FShadows.emplace(AVolume.Offset, copies);
   return copies;
 }
