@@ -163,6 +163,18 @@ if [ -n "$VSS" ]; then
     err=$("$QVX" imaged "$img" 2>&1 >/dev/null)
     check "vss-damaged-$what-imaged" test "$(wc -l <<<"$err")" -eq 1
   done
+  # A log in the copy that is no log: that log is reported and skipped, the rest loads.
+  cp "$tmp/vol.img" "$tmp/garbled-old.raw"
+  head -c "$(stat -c %s "$logs/System.evtx")" /dev/zero | tr '\0' 'x' >"$tmp/garbage.bin"
+  "$FILL" "$tmp/garbled-old.raw" --replace "$sys" "$tmp/garbage.bin" || { echo "FAIL replace"; fail=1; }
+  cp "$tmp/garbled-old.raw" "$tmp/garbled.raw"
+  "$FILL" "$tmp/garbled.raw" --replace "$sys" "$tmp/newer.evtx" || { echo "FAIL replace"; fail=1; }
+  "$VSS" "$tmp/garbled-old.raw" "$tmp/garbled.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  err=$("$QVX" open "$tmp/garbled.raw" -s "$tmp/garbled.db" --shadows -q 2>&1)
+  check vss-garbled-log-status test $? -eq 1
+  check vss-garbled-log-line test "$err" = "quorvex: $tmp/garbled.raw@1:vss1::$sys: not an .evtx file: no \"ElfFile\" signature at offset 0x0; skipped"
+  check vss-garbled-log-one test "$(wc -l <<<"$err")" -eq 1
+  check vss-garbled-log-loads test "$("$QVX" view "$tmp/garbled.db" --count)" -eq "$((n_cur + 300))"
   check vss-damaged-store-names grep -q "^quorvex: $tmp/shadow-store.raw volume 1 shadow copy 1: " <<<"$("$QVX" events "$tmp/shadow-store.raw@1:vss1::$sys" 2>&1 >/dev/null)"
   check vss-damaged-catalog-names test "$("$QVX" imaged "$tmp/shadow-catalog.raw" 2>&1 >/dev/null)" = \
     "quorvex: $tmp/shadow-catalog.raw volume 1: shadow copy header or catalog cannot be read at offset 0x1E00 (invalid catalog header identifier)"
