@@ -119,7 +119,7 @@ if [ -n "$VSS" ]; then
   cp "$tmp/shadow.raw" "$tmp/shadow-store.raw"
   cp "$tmp/shadow.raw" "$tmp/shadow-catalog.raw"
   "$VSS" "$tmp/vol.img" "$tmp/shadow.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
-  "$VSS" "$tmp/vol.img" "$tmp/shadow-store.raw" --damage store >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-store.raw" --copies 2 --damage store >/dev/null || { echo "FAIL vss_fill"; fail=1; }
   "$VSS" "$tmp/vol.img" "$tmp/shadow-catalog.raw" --damage catalog >/dev/null || { echo "FAIL vss_fill"; fail=1; }
   for img in "$tmp"/shadow*.raw; do md5sum "$img"; done >"$tmp/shadow-before.md5"
   want_new=$("$QVX" events -q -f csv --tz UTC "$tmp/newer.evtx")
@@ -153,16 +153,23 @@ if [ -n "$VSS" ]; then
   if command -v sqlite3 >/dev/null 2>&1; then
     check vss-open-names grep -qxF "System|$tmp/shadow.raw@1:vss1::$sys" <<<"$(sqlite3 "$tmp/shadows.db" "SELECT LogName, FileName FROM QvxLogEntries")"
   fi
-  # A copy whose store or catalog is damaged: one line naming it, the volume still loads.
+  # Copy 1 of 2 whose store is damaged, and a damaged catalog: one line naming it, the
+  # volume (and copy 2) still load.
   for what in store catalog; do
     img="$tmp/shadow-$what.raw"
     err=$("$QVX" open "$img" -s "$tmp/damaged-$what.db" --shadows -q 2>&1)
     check "vss-damaged-$what-status" test $? -eq 1
     check "vss-damaged-$what-line" test "$(wc -l <<<"$err")" -eq 1
-    check "vss-damaged-$what-loads" test "$("$QVX" view "$tmp/damaged-$what.db" --count)" -eq "$n_cur"
     err=$("$QVX" imaged "$img" 2>&1 >/dev/null)
     check "vss-damaged-$what-imaged" test "$(wc -l <<<"$err")" -eq 1
   done
+  check vss-damaged-store-loads test "$("$QVX" view "$tmp/damaged-store.db" --count)" -eq "$((n_cur + n_old + 300))"
+  check vss-damaged-catalog-loads test "$("$QVX" view "$tmp/damaged-catalog.db" --count)" -eq "$n_cur"
+  out=$("$QVX" imaged "$tmp/shadow-store.raw" 2>/dev/null)
+  check vss-damaged-store-listed grep -q "^    vss1   2024-03-01T10:20:30Z  $tmp/shadow-store.raw@1:vss1::/  (cannot be read)$" <<<"$out"
+  check vss-damaged-store-other grep -q "^    vss2   2024-03-02T10:20:30Z  $tmp/shadow-store.raw@1:vss2::/$" <<<"$out"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow-store.raw@1:vss2::$sys")
+  check vss-damaged-store-copy2 test "$got" = "$want_sys"
   # A log in the copy that is no log: that log is reported and skipped, the rest loads.
   cp "$tmp/vol.img" "$tmp/garbled-old.raw"
   head -c "$(stat -c %s "$logs/System.evtx")" /dev/zero | tr '\0' 'x' >"$tmp/garbage.bin"

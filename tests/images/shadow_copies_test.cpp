@@ -91,6 +91,36 @@ TEST(ShadowCopies, AVolumeWithoutTheHeaderHasNone) {
   EXPECT_EQ(TShadowCopies::Open(std::make_shared<TMemoryStream>(tiny), "vol")->Count(), 0u);
 }
 
+TEST(ShadowCopies, ListsTwoCopiesADayApartEachWithTheOldBlocks) {
+  TFixture f;
+  std::vector<uint8_t> volume = f.Old;
+  std::memset(&volume[4 * kVssBlock], 'B', 3 * kVssBlock);
+  std::memset(&volume[9 * kVssBlock], 'C', kVssBlock);
+  test::AddShadowCopies(f.Old, volume, 2);
+  const auto copies = TShadowCopies::Open(std::make_shared<TMemoryStream>(volume, "vol"), "vol");
+  ASSERT_EQ(copies->Count(), 2u);
+  EXPECT_EQ(copies->Copies()[1].CreationTime - copies->Copies()[0].CreationTime, 864000000000u);
+  EXPECT_NE(copies->Copies()[0].Identifier, copies->Copies()[1].Identifier);
+  for (uint32_t n : {1u, 2u}) {
+    const auto store = copies->Store(n, "vol shadow copy " + std::to_string(n));
+    EXPECT_EQ(ReadBlock(*store, 5), BlockOf(f.Old, 5)) << "copy " << n;
+    EXPECT_EQ(ReadBlock(*store, 20), BlockOf(volume, 20)) << "copy " << n;
+  }
+}
+
+TEST(ShadowCopiesErrors, ADamagedCopyLeavesTheNewerOneReadable) {
+  TFixture f;
+  std::vector<uint8_t> volume = f.Old;
+  std::memset(&volume[4 * kVssBlock], 'B', 3 * kVssBlock);
+  const std::vector<TVssLayout> layouts = test::AddShadowCopies(f.Old, volume, 2);
+  volume[layouts[0].BlockLists[0]] ^= 0xFF;
+  const auto copies = TShadowCopies::Open(std::make_shared<TMemoryStream>(volume, "vol"), "vol");
+  ASSERT_EQ(copies->Count(), 2u);
+  EXPECT_EQ(ErrorOf([&] { ReadBlock(*copies->Store(1, "vol shadow copy 1"), 0); }),
+            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x0 (invalid store block list header identifier)");
+  EXPECT_EQ(ReadBlock(*copies->Store(2, "vol shadow copy 2"), 5), BlockOf(f.Old, 5));
+}
+
 TEST(ShadowCopiesErrors, NoSuchCopy) {
   TFixture f;
   const auto copies = f.Open();

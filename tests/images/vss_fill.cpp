@@ -1,13 +1,13 @@
-// qvx_vss_fill: gives an NTFS volume one Volume Shadow Copy that holds an older state
-// of the same volume, for the shadow copy tests (no Debian tool makes shadow copies).
+// qvx_vss_fill: gives an NTFS volume Volume Shadow Copies that hold an older state of
+// the same volume, for the shadow copy tests (no Debian tool makes shadow copies).
 //
-//   qvx_vss_fill OLD_VOLUME NEW_VOLUME [--damage store|catalog]
+//   qvx_vss_fill OLD_VOLUME NEW_VOLUME [--copies N] [--damage store|catalog]
 //
 // OLD_VOLUME and NEW_VOLUME are the same volume before and after some change (the same
-// size, a multiple of 16 KiB). NEW_VOLUME gets a shadow copy whose data is OLD_VOLUME's
-// in every 16 KiB block that differs (tests/support/vss_writer.h has the layout).
-// --damage store breaks the store's block list header, so that the catalog still lists
-// the copy but its store cannot be read; --damage catalog breaks the catalog's header.
+// size, a multiple of 16 KiB). NEW_VOLUME gets N shadow copies (default 1) whose data is
+// OLD_VOLUME's in every 16 KiB block that differs (tests/support/vss_writer.h has the
+// layout). --damage store breaks copy 1's block list header, so that the catalog still
+// lists it but its store cannot be read; --damage catalog breaks the catalog's header.
 #include "support/vss_writer.h"
 
 #include <cstdio>
@@ -35,22 +35,28 @@ std::vector<uint8_t> ReadAll(const char* APath) {
 } // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 && !(argc == 5 && std::string(argv[3]) == "--damage"))
-    Die("usage: qvx_vss_fill OLD_VOLUME NEW_VOLUME [--damage store|catalog]");
-  const std::string damage = argc == 5 ? argv[4] : "";
+  if (argc < 3) Die("usage: qvx_vss_fill OLD_VOLUME NEW_VOLUME [--copies N] [--damage store|catalog]");
+  unsigned copies = 1;
+  std::string damage;
+  for (int i = 3; i + 1 < argc; i += 2) {
+    const std::string option = argv[i];
+    if (option == "--copies") copies = static_cast<unsigned>(std::strtoul(argv[i + 1], nullptr, 10));
+    else if (option == "--damage") damage = argv[i + 1];
+    else Die("unknown option " + option);
+  }
   const std::vector<uint8_t> oldData = ReadAll(argv[1]);
   std::vector<uint8_t> newData = ReadAll(argv[2]);
-  qvx::test::TVssLayout layout;
+  std::vector<qvx::test::TVssLayout> layouts;
   try {
-    layout = qvx::test::AddShadowCopy(oldData, newData);
+    layouts = qvx::test::AddShadowCopies(oldData, newData, copies);
   } catch (const std::exception& e) {
     Die(e.what());
   }
-  if (damage == "store") std::memset(&newData[layout.BlockLists[0]], 0xEE, 32);
-  if (damage == "catalog") std::memset(&newData[layout.Catalog], 0xEE, 32);
+  if (damage == "store") std::memset(&newData[layouts[0].BlockLists[0]], 0xEE, 32);
+  if (damage == "catalog") std::memset(&newData[layouts[0].Catalog], 0xEE, 32);
   std::fstream out(argv[2], std::ios::binary | std::ios::in | std::ios::out);
   out.write(reinterpret_cast<const char*>(newData.data()), static_cast<std::streamsize>(newData.size()));
   if (!out) Die(std::string("cannot write ") + argv[2]);
-  std::printf("%zu blocks preserved\n", layout.Preserved.size());
+  std::printf("%zu blocks preserved in %u copies\n", layouts[0].Preserved.size(), copies);
   return 0;
 }

@@ -40,12 +40,17 @@ struct TVssLayout {
   std::vector<uint64_t> Preserved; // offsets of the blocks that changed
 };
 
-// Gives ANew (the volume now) one shadow copy that holds AOld (the same volume before)
-// in every 16 KiB block that differs: the old blocks go into blocks that are zero in
-// both, from the end of the volume (the last block, with the backup boot sector, is
-// left alone). Raises std::runtime_error when the sizes differ or are no multiple of
-// 16 KiB, when nothing differs, or when there is no room for the store.
-TVssLayout AddShadowCopy(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew,
-                         uint64_t ACreationTime = kVssCreationTime);
+// Gives ANew (the volume now) ACopies shadow copies that each hold AOld (the same
+// volume before) in every 16 KiB block that differs, one store each with its own copy
+// of the old blocks: the stores go into blocks that are zero in both, from the end of
+// the volume (the last block, with the backup boot sector, is left alone). Copy N is
+// created ACreationTime plus N - 1 days. Raises std::runtime_error when the sizes differ
+// or are no multiple of 16 KiB, when nothing differs, or when there is no room.
+std::vector<TVssLayout> AddShadowCopies(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew, unsigned ACopies,
+                                        uint64_t ACreationTime = kVssCreationTime);
+inline TVssLayout AddShadowCopy(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew,
+                                uint64_t ACreationTime = kVssCreationTime) {
+  return AddShadowCopies(AOld, ANew, 1, ACreationTime)[0];
+}
 
 } // namespace qvx::test
