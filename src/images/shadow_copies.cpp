@@ -140,6 +140,12 @@ std::shared_ptr<const TReadStream> TShadowCopies::Store(uint32_t ANumber, const 
   libvshadow_store_t* store = nullptr;
   if (libvshadow_volume_get_store(Vol(FVolume), static_cast<int>(ANumber - 1), &store, &error) != 1)
     Fail(error, ADisplayName, kNoOffset, "the shadow copy's store cannot be read");
+  // A store kept on another volume (a shadow storage association) cannot be read from this one.
+  if (libvshadow_store_has_in_volume_data(store, &error) == 0) {
+    FreeStore(store);
+    RaiseImageError(ADisplayName, kNoOffset, "the shadow copy's store lies on another volume");
+  }
+  libvshadow_error_free(&error);
   size64_t size = 0;
   if (libvshadow_store_get_volume_size(store, &size, &error) != 1 || size == 0) {
     libvshadow_error_free(&error);
