@@ -212,7 +212,8 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     source.SetBackupFileName(AOptions.Path);
     // "IMAGE@2" and "IMAGE@2:vss1" (no file of that name) are a volume's data too.
     if (AOptions.Offset >= 0 || AOptions.Unallocated ||
-        (!std::filesystem::exists(AOptions.Path) && AOptions.Path.find("::") == std::string::npos && IsImageInput(AOptions.Path)))
+        (!std::filesystem::exists(AOptions.Path) && AOptions.Path.find("::") == std::string::npos &&
+         IsImageInput(AOptions.Path)))
       source.SetStream(OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated));
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");

@@ -72,8 +72,9 @@ bool ListShadows(TEvidenceImage& AImage, const TImageVolume& AVolume, std::FILE*
       } catch (const EImageError& e) {
         damage = e.what();
       }
-      std::fprintf(AOut, "    vss%-3u %-20s  %s@%s::/%s\n", c.Number, UtcText(c.CreationTime).c_str(), AImage.Path().c_str(),
-                   TEvidenceImage::VolumeSpec(AVolume, c.Number).c_str(), damage.empty() ? "" : "  (cannot be read)");
+      std::fprintf(AOut, "    vss%-3u %-20s  %s@%s::/%s\n", c.Number, UtcText(c.CreationTime).c_str(),
+                   AImage.Path().c_str(), TEvidenceImage::VolumeSpec(AVolume, c.Number).c_str(),
+                   damage.empty() ? "" : "  (cannot be read)");
       if (!damage.empty()) {
         std::fprintf(AErr, "quorvex: %s\n", damage.c_str());
         readable = false;
@@ -102,13 +103,15 @@ std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t
   const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
   const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
   if (AOffset >= 0) {
-    if (!volumeName.empty()) RaiseImageError(imagePath, kNoOffset, "give the volume either as @" + volumeName + " or by --offset");
+    if (!volumeName.empty())
+      RaiseImageError(imagePath, kNoOffset, "give the volume either as @" + volumeName + " or by --offset");
     volumeName = std::to_string(AOffset);
     volumeName.insert(volumeName.begin(), '+');
   }
   const TImageVolume& volume = image->Volume(volumeName);
   const std::string name = image->VolumeName(volume, copy);
-  std::shared_ptr<const TReadStream> data = copy ? image->ShadowStream(volume, copy) : image->VolumeStream(volume);
+  std::shared_ptr<const TReadStream> data =
+      copy ? image->ShadowStream(volume, copy) : image->VolumeStream(volume);
   if (!AUnallocated) return std::make_unique<TSubStream>(data, 0, data->Size(), name);
   const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
   std::vector<TExtentStream::TExtent> extents;
@@ -136,7 +139,9 @@ std::vector<std::string> ImageLogsOf(const std::string& APath) {
       logs.push_back(prefix + folder + "/" + e.Name);
     }
   }
-  if (logs.empty()) RaiseImageError(image->VolumeName(volume, copy), kNoOffset, "no .evtx or .evt logs in the Windows folder");
+  if (logs.empty())
+    RaiseImageError(image->VolumeName(volume, copy), kNoOffset,
+                    "no .evtx or .evt logs in the Windows folder");
   return logs;
 }
 
@@ -161,7 +166,8 @@ std::string WithVolumeOffset(const std::string& APath, int64_t AOffset) {
     std::string split, volume, path;
     if (TEvidenceImage::SplitName(image + "::/", split, volume, path))
       throw std::runtime_error(APath + ": give the volume either as @" + volume + " or by --offset");
-    throw std::runtime_error("--offset " + std::to_string(AOffset) + ": " + image + " is no disk image file or device");
+    throw std::runtime_error("--offset " + std::to_string(AOffset) + ": " + image +
+                             " is no disk image file or device");
   }
   if (sep == std::string::npos) return APath + at;
   return image + at + APath.substr(sep);
@@ -202,8 +208,12 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
         continue;
       }
       const std::string spec = TEvidenceImage::VolumeSpec(v, copy);
-      if (v.Number) std::fprintf(AOut, "\nVolume %u (%s)%s\n", v.Number, v.FileSystem.c_str(), copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
-      else std::fprintf(AOut, "\nVolume at offset %llu (%s)%s\n", static_cast<unsigned long long>(v.Offset), v.FileSystem.c_str(), copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
+      if (v.Number)
+        std::fprintf(AOut, "\nVolume %u (%s)%s\n", v.Number, v.FileSystem.c_str(),
+                     copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
+      else
+        std::fprintf(AOut, "\nVolume at offset %llu (%s)%s\n", static_cast<unsigned long long>(v.Offset),
+                     v.FileSystem.c_str(), copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
       try {
         const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(v, copy) : image->Ntfs(v);
         const std::string label = ntfs->Label();
@@ -214,7 +224,8 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
           if (!copy && !ListShadows(*image, v, AOut, AErr)) status = 1;
           continue;
         }
-        std::fprintf(AOut, "  Windows folder   %s@%s::/%s\n", image->Path().c_str(), spec.c_str(), windows.Name.c_str());
+        std::fprintf(AOut, "  Windows folder   %s@%s::/%s\n", image->Path().c_str(), spec.c_str(),
+                     windows.Name.c_str());
         TNtfsEntry hive;
         std::fprintf(AOut, "  Registry         %s\n",
                      ntfs->Find("/Windows/System32/config/SOFTWARE", hive) ? "SOFTWARE and SYSTEM hives" : "(no SOFTWARE hive)");

@@ -440,10 +440,12 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
         try {
           TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
         } catch (const std::exception& e) {
-          if (!optional.count(path)) throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
+          if (!optional.count(path))
+            throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
           // The header checks' hint names dump's option; a skipped log needs none.
           std::string message = e.what();
-          if (const size_t hint = message.find(" (use --carve"); hint != std::string::npos) message.resize(hint);
+          if (const size_t hint = message.find(" (use --carve"); hint != std::string::npos)
+            message.resize(hint);
           std::fprintf(AErr, "quorvex: %s; skipped\n", message.c_str());
           skipped = 1;
           continue;

@@ -54,7 +54,8 @@ bool TEvidenceImage::SplitName(const std::string& AName, std::string& AImage, st
   AVolume.clear();
   if (!FindImageFile(AImage)) {
     std::string shadow; // ":vssN"
-    if (const size_t colon = AImage.rfind(":vss"); colon != std::string::npos &&
+    if (const size_t colon = AImage.rfind(":vss");
+        colon != std::string::npos &&
         AImage.find_first_not_of("0123456789", colon + 4) == std::string::npos) {
       shadow = AImage.substr(colon);
       AImage.resize(colon);
@@ -145,7 +146,8 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
     // A BitLocker volume is most likely the one meant; say what it needs.
     for (const TImageVolume& v : FVolumes)
       if (v.FileSystem == "BitLocker")
-        RaiseImageError(VolumeName(v), kNoOffset, "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
+        RaiseImageError(VolumeName(v), kNoOffset,
+                        "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
     RaiseImageError(FPath, kNoOffset, "no NTFS volume");
   }
   RaiseImageError(FPath, kNoOffset, std::to_string(ntfs.size()) + " NTFS volumes; choose one with " + FPath + "@VOLUME");
@@ -174,7 +176,8 @@ uint32_t TEvidenceImage::TakeShadow(std::string& AVolume, const std::string& AIm
   char* end = nullptr;
   const unsigned long n = std::strtoul(digits.c_str(), &end, 10);
   if (digits.empty() || !end || *end || n == 0 || n > 100000)
-    RaiseImageError(AImage, kNoOffset, "shadow copy " + AVolume.substr(colon + 1) + " is not vss1, vss2, ...");
+    RaiseImageError(AImage, kNoOffset,
+                    "shadow copy " + AVolume.substr(colon + 1) + " is not vss1, vss2, ...");
   AVolume.resize(colon);
   return static_cast<uint32_t>(n);
 }
@@ -183,9 +186,10 @@ std::shared_ptr<TShadowCopies> TEvidenceImage::Shadows(const TImageVolume& AVolu
   std::lock_guard<std::recursive_mutex> lock(FLock);
   if (auto it = FShadows.find(AVolume.Offset); it != FShadows.end()) return it->second;
   // Only NTFS keeps shadow copies; any other volume is given as empty data, which has none.
-  std::shared_ptr<const TReadStream> data = AVolume.FileSystem == "NTFS"
-                                                ? VolumeStream(AVolume)
-                                                : std::make_shared<TSubStream>(FContainer, AVolume.Offset, 0, VolumeName(AVolume));
+  std::shared_ptr<const TReadStream> data =
+      AVolume.FileSystem == "NTFS"
+          ? VolumeStream(AVolume)
+          : std::make_shared<TSubStream>(FContainer, AVolume.Offset, 0, VolumeName(AVolume));
   std::shared_ptr<TShadowCopies> copies = TShadowCopies::Open(std::move(data), VolumeName(AVolume));
   FShadows.emplace(AVolume.Offset, copies);
   return copies;
@@ -199,7 +203,8 @@ std::shared_ptr<TNtfsVolume> TEvidenceImage::ShadowNtfs(const TImageVolume& AVol
   std::lock_guard<std::recursive_mutex> lock(FLock);
   const auto key = std::make_pair(AVolume.Offset, ACopy);
   if (auto it = FShadowNtfs.find(key); it != FShadowNtfs.end()) return it->second;
-  std::shared_ptr<TNtfsVolume> volume = TNtfsVolume::Open(ShadowStream(AVolume, ACopy), VolumeName(AVolume, ACopy));
+  std::shared_ptr<TNtfsVolume> volume =
+      TNtfsVolume::Open(ShadowStream(AVolume, ACopy), VolumeName(AVolume, ACopy));
   FShadowNtfs.emplace(key, volume);
   return volume;
 }

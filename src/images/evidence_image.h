@@ -87,7 +87,7 @@ private:
   std::vector<TImageVolume> FVolumes;
   std::vector<TImageVolume> FExtraVolumes; // volumes given by offset
   std::map<uint64_t, std::shared_ptr<TNtfsVolume>> FNtfs; // by volume offset
-  std::map<uint64_t, std::shared_ptr<TShadowCopies>> FShadows; // by volume offset
+  std::map<uint64_t, std::shared_ptr<TShadowCopies>> FShadows;                       // by volume offset
   std::map<std::pair<uint64_t, uint32_t>, std::shared_ptr<TNtfsVolume>> FShadowNtfs; // by offset, copy
   std::optional<std::vector<uint32_t>> FInstallations;
   std::recursive_mutex FLock;

@@ -83,7 +83,8 @@ std::unique_ptr<TReadStream> OpenImageStream(const std::string& AName) {
     // "IMAGE@2::" alone is the volume's data (for scanning one partition), and
     // "IMAGE@2:vss1::" the data of its shadow copy.
     if (path == "/" && AName.ends_with("::"))
-      return std::make_unique<TSharedStream>(copy ? evidence->ShadowStream(v, copy) : evidence->VolumeStream(v), AName);
+      return std::make_unique<TSharedStream>(
+          copy ? evidence->ShadowStream(v, copy) : evidence->VolumeStream(v), AName);
     return (copy ? evidence->ShadowNtfs(v, copy) : evidence->Ntfs(v))->OpenFile(path);
   }
   if (TEvidenceImage::IsContainerFile(AName)) return std::make_unique<TSharedStream>(TEvidenceImage::Open(AName)->Media(), AName);

@@ -21,17 +21,20 @@ constexpr uint8_t kVssIdentifier[16] = {0x6B, 0x87, 0x08, 0x38, 0x76, 0xC1, 0x48
 // Bound on the stores listed: a catalog block holds at most 127 entries, two per store.
 constexpr int kMaxStores = 512;
 
-libvshadow_volume_t* Vol(void* AVolume) { return static_cast<libvshadow_volume_t*>(AVolume); }
+libvshadow_volume_t* Vol(void* AVolume) {
+  return static_cast<libvshadow_volume_t*>(AVolume);
+}
 
-[[noreturn]] void Fail(libvshadow_error_t*& AError, const std::string& AWhere, uint64_t AOffset, const std::string& AProblem) {
+[[noreturn]] void Fail(libvshadow_error_t*& AError, const std::string& AWhere, uint64_t AOffset,
+                       const std::string& AProblem) {
   RaiseLibyal(AError, libvshadow_error_backtrace_sprint, libvshadow_error_free, AWhere, AOffset, AProblem);
 }
 
 std::string GuidText(const uint8_t* AGuid) {
   char text[40];
-  std::snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", AGuid[3], AGuid[2],
-                AGuid[1], AGuid[0], AGuid[5], AGuid[4], AGuid[7], AGuid[6], AGuid[8], AGuid[9], AGuid[10], AGuid[11],
-                AGuid[12], AGuid[13], AGuid[14], AGuid[15]);
+  std::snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
+                AGuid[3], AGuid[2], AGuid[1], AGuid[0], AGuid[5], AGuid[4], AGuid[7], AGuid[6], AGuid[8],
+                AGuid[9], AGuid[10], AGuid[11], AGuid[12], AGuid[13], AGuid[14], AGuid[15]);
   return text;
 }
 
@@ -46,7 +49,8 @@ void FreeStore(libvshadow_store_t*& AStore) {
 // One store read as the volume it preserves, through the volume's lock.
 class TShadowCopies::TStoreStream : public TReadStream {
 public:
-  TStoreStream(std::shared_ptr<TShadowCopies> AOwner, libvshadow_store_t* AStore, uint64_t ASize, std::string AName)
+  TStoreStream(std::shared_ptr<TShadowCopies> AOwner, libvshadow_store_t* AStore, uint64_t ASize,
+               std::string AName)
       : FOwner(std::move(AOwner)), FStore(AStore), FSize(ASize), FName(std::move(AName)) {}
   ~TStoreStream() override {
     std::lock_guard<std::recursive_mutex> lock(FOwner->FLock);
@@ -57,7 +61,8 @@ public:
     ALength = static_cast<size_t>(std::min<uint64_t>(ALength, FSize - AOffset));
     std::lock_guard<std::recursive_mutex> lock(FOwner->FLock);
     libvshadow_error_t* error = nullptr;
-    const ssize_t got = libvshadow_store_read_buffer_at_offset(FStore, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    const ssize_t got = libvshadow_store_read_buffer_at_offset(FStore, ABuffer, ALength,
+                                                               static_cast<off64_t>(AOffset), &error);
     if (got < 0) Fail(error, FName, AOffset, "cannot read the shadow copy's data");
     return static_cast<size_t>(got);
   }
@@ -74,14 +79,17 @@ private:
 bool TShadowCopies::HasHeader(const TReadStream& AStream) {
   uint8_t id[sizeof kVssIdentifier] = {};
   try {
-    if (AStream.Size() < kHeaderOffset + sizeof id || AStream.ReadAt(kHeaderOffset, id, sizeof id) != sizeof id) return false;
+    if (AStream.Size() < kHeaderOffset + sizeof id ||
+        AStream.ReadAt(kHeaderOffset, id, sizeof id) != sizeof id)
+      return false;
   } catch (const std::exception&) {
     return false;
   }
   return std::memcmp(id, kVssIdentifier, sizeof id) == 0;
 }
 
-std::shared_ptr<TShadowCopies> TShadowCopies::Open(std::shared_ptr<const TReadStream> AStream, const std::string& AName) {
+std::shared_ptr<TShadowCopies> TShadowCopies::Open(std::shared_ptr<const TReadStream> AStream,
+                                                   const std::string& AName) {
   std::shared_ptr<TShadowCopies> copies(new TShadowCopies());
   copies->FName = AName;
   copies->FStream = AStream;
@@ -89,7 +97,8 @@ std::shared_ptr<TShadowCopies> TShadowCopies::Open(std::shared_ptr<const TReadSt
   copies->FBfio = std::make_unique<TBfioHandle>(AStream);
   libvshadow_error_t* error = nullptr;
   libvshadow_volume_t* handle = nullptr;
-  if (libvshadow_volume_initialize(&handle, &error) != 1) Fail(error, AName, kNoOffset, "cannot set up the shadow copy reader");
+  if (libvshadow_volume_initialize(&handle, &error) != 1)
+    Fail(error, AName, kNoOffset, "cannot set up the shadow copy reader");
   copies->FVolume = handle;
   if (libvshadow_volume_open_file_io_handle(handle, copies->FBfio->Get(), LIBVSHADOW_OPEN_READ, &error) != 1)
     Fail(error, AName, kHeaderOffset, "shadow copy header or catalog cannot be read");
@@ -107,7 +116,8 @@ std::shared_ptr<TShadowCopies> TShadowCopies::Open(std::shared_ptr<const TReadSt
       if (libvshadow_store_get_creation_time(store, &filetime, &error) == 1) info.CreationTime = filetime;
       libvshadow_error_free(&error);
       uint8_t guid[16] = {};
-      if (libvshadow_store_get_copy_identifier(store, guid, sizeof guid, &error) == 1) info.Identifier = GuidText(guid);
+      if (libvshadow_store_get_copy_identifier(store, guid, sizeof guid, &error) == 1)
+        info.Identifier = GuidText(guid);
       libvshadow_error_free(&error);
       size64_t size = 0;
       if (libvshadow_store_get_volume_size(store, &size, &error) == 1) info.VolumeSize = size;
@@ -134,8 +144,9 @@ TShadowCopies::~TShadowCopies() {
 std::shared_ptr<const TReadStream> TShadowCopies::Store(uint32_t ANumber, const std::string& ADisplayName) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
   if (ANumber == 0 || ANumber > FInfos.size())
-    RaiseImageError(FName, kNoOffset, "no shadow copy " + std::to_string(ANumber) + " (the volume has " +
-                                          std::to_string(FInfos.size()) + ")");
+    RaiseImageError(FName, kNoOffset,
+                    "no shadow copy " + std::to_string(ANumber) + " (the volume has " +
+                        std::to_string(FInfos.size()) + ")");
   libvshadow_error_t* error = nullptr;
   libvshadow_store_t* store = nullptr;
   if (libvshadow_volume_get_store(Vol(FVolume), static_cast<int>(ANumber - 1), &store, &error) != 1)

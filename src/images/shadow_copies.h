@@ -19,10 +19,10 @@ namespace qvx {
 class TBfioHandle;
 
 struct TShadowCopyInfo {
-  uint32_t Number = 0;        // 1-based, in the order libvshadow lists the stores ("vss1")
-  uint64_t CreationTime = 0;  // FILETIME, UTC
-  std::string Identifier;     // the shadow copy's GUID in text form, or ""
-  uint64_t VolumeSize = 0;    // bytes of the volume the copy holds
+  uint32_t Number = 0;       // 1-based, in the order libvshadow lists the stores ("vss1")
+  uint64_t CreationTime = 0; // FILETIME, UTC
+  std::string Identifier;    // the shadow copy's GUID in text form, or ""
+  uint64_t VolumeSize = 0;   // bytes of the volume the copy holds
 };
 
 class TShadowCopies : public std::enable_shared_from_this<TShadowCopies> {
@@ -31,7 +31,8 @@ public:
   // messages ("disk.E01 volume 2"). A volume without the shadow copy header has no
   // copies (Count() 0). Raises EImageError naming the volume when the header is there
   // but its catalog or a store cannot be read.
-  static std::shared_ptr<TShadowCopies> Open(std::shared_ptr<const TReadStream> AStream, const std::string& AName);
+  static std::shared_ptr<TShadowCopies> Open(std::shared_ptr<const TReadStream> AStream,
+                                             const std::string& AName);
   ~TShadowCopies();
   TShadowCopies(const TShadowCopies&) = delete;
   TShadowCopies& operator=(const TShadowCopies&) = delete;

@@ -47,8 +47,7 @@ std::vector<uint8_t> BlockOf(const std::vector<uint8_t>& AVolume, uint64_t ABloc
 }
 
 // The message a shadow copy call raises, or "" when it raises none.
-template <class F>
-std::string ErrorOf(F AFunction) {
+template <class F> std::string ErrorOf(F AFunction) {
   try {
     AFunction();
   } catch (const EImageError& e) {
@@ -73,8 +72,10 @@ TEST(ShadowCopies, ReadsTheOldBlocksAndTheUnchangedOnesFromTheVolume) {
   const auto store = f.Open()->Store(1, "vol shadow copy 1");
   EXPECT_EQ(store->Size(), kBlocks * kVssBlock);
   EXPECT_EQ(store->Path(), "vol shadow copy 1");
-  for (uint64_t b : {4, 5, 6, 9}) EXPECT_EQ(ReadBlock(*store, b), BlockOf(f.Old, b)) << "block " << b;
-  for (uint64_t b : {1, 3, 7, 20}) EXPECT_EQ(ReadBlock(*store, b), BlockOf(f.New, b)) << "block " << b;
+  for (uint64_t b : {4, 5, 6, 9})
+    EXPECT_EQ(ReadBlock(*store, b), BlockOf(f.Old, b)) << "block " << b;
+  for (uint64_t b : {1, 3, 7, 20})
+    EXPECT_EQ(ReadBlock(*store, b), BlockOf(f.New, b)) << "block " << b;
   // A read across a preserved and an unchanged block.
   uint8_t pair[2] = {};
   ASSERT_EQ(store->ReadAt(7 * kVssBlock - 1, pair, 2), 2u);
@@ -117,29 +118,33 @@ TEST(ShadowCopiesErrors, ADamagedCopyLeavesTheNewerOneReadable) {
   const auto copies = TShadowCopies::Open(std::make_shared<TMemoryStream>(volume, "vol"), "vol");
   ASSERT_EQ(copies->Count(), 2u);
   EXPECT_EQ(ErrorOf([&] { ReadBlock(*copies->Store(1, "vol shadow copy 1"), 0); }),
-            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x0 (invalid store block list header identifier)");
+            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x0 (invalid store block list "
+            "header identifier)");
   EXPECT_EQ(ReadBlock(*copies->Store(2, "vol shadow copy 2"), 5), BlockOf(f.Old, 5));
 }
 
 TEST(ShadowCopiesErrors, NoSuchCopy) {
   TFixture f;
   const auto copies = f.Open();
-  EXPECT_EQ(ErrorOf([&] { copies->Store(2, "vol shadow copy 2"); }), "vol: no shadow copy 2 (the volume has 1)");
-  EXPECT_EQ(ErrorOf([&] { copies->Store(0, "vol shadow copy 0"); }), "vol: no shadow copy 0 (the volume has 1)");
+  EXPECT_EQ(ErrorOf([&] { copies->Store(2, "vol shadow copy 2"); }),
+            "vol: no shadow copy 2 (the volume has 1)");
+  EXPECT_EQ(ErrorOf([&] { copies->Store(0, "vol shadow copy 0"); }),
+            "vol: no shadow copy 0 (the volume has 1)");
 }
 
 TEST(ShadowCopiesErrors, CatalogHeaderIdentifier) {
   TFixture f;
   f.New[f.Layout.Catalog] ^= 0xFF;
-  EXPECT_EQ(ErrorOf([&] { f.Open(); }),
-            "vol: shadow copy header or catalog cannot be read at offset 0x1E00 (invalid catalog header identifier)");
+  EXPECT_EQ(ErrorOf([&] { f.Open(); }), "vol: shadow copy header or catalog cannot be read at offset 0x1E00 "
+                                        "(invalid catalog header identifier)");
 }
 
 TEST(ShadowCopiesErrors, CatalogOffsetPastTheVolume) {
   TFixture f;
-  for (int i = 0; i < 8; ++i) f.New[test::kVssHeaderOffset + 48 + i] = i == 7 ? 0x7F : 0xFF;
-  EXPECT_EQ(ErrorOf([&] { f.Open(); }),
-            "vol: shadow copy header or catalog cannot be read at offset 0x1E00 (unable to read catalog block data)");
+  for (int i = 0; i < 8; ++i)
+    f.New[test::kVssHeaderOffset + 48 + i] = i == 7 ? 0x7F : 0xFF;
+  EXPECT_EQ(ErrorOf([&] { f.Open(); }), "vol: shadow copy header or catalog cannot be read at offset 0x1E00 "
+                                        "(unable to read catalog block data)");
 }
 
 TEST(ShadowCopiesErrors, BlockListHeaderIdentifier) {
@@ -148,17 +153,20 @@ TEST(ShadowCopiesErrors, BlockListHeaderIdentifier) {
   const auto copies = f.Open(); // the catalog still lists the copy
   ASSERT_EQ(copies->Count(), 1u);
   EXPECT_EQ(ErrorOf([&] { ReadBlock(*copies->Store(1, "vol shadow copy 1"), 0); }),
-            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x0 (invalid store block list header identifier)");
+            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x0 (invalid store block list "
+            "header identifier)");
 }
 
 TEST(ShadowCopiesErrors, DescriptorPastTheVolume) {
   TFixture f;
   // The first descriptor's offset in the volume, far past its end.
   const uint64_t d = f.Layout.BlockLists[0] + 128;
-  for (int i = 0; i < 8; ++i) f.New[d + 16 + i] = i == 6 ? 0x01 : 0;
+  for (int i = 0; i < 8; ++i)
+    f.New[d + 16 + i] = i == 6 ? 0x01 : 0;
   const auto store = f.Open()->Store(1, "vol shadow copy 1");
   EXPECT_EQ(ErrorOf([&] { ReadBlock(*store, 4); }),
-            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x10000 (unable to read buffer from file IO handle)");
+            "vol shadow copy 1: cannot read the shadow copy's data at offset 0x10000 (unable to read buffer "
+            "from file IO handle)");
   EXPECT_EQ(ReadBlock(*store, 20), BlockOf(f.New, 20)); // the other blocks still read
 }
 

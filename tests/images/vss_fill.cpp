@@ -40,9 +40,12 @@ int main(int argc, char** argv) {
   std::string damage;
   for (int i = 3; i + 1 < argc; i += 2) {
     const std::string option = argv[i];
-    if (option == "--copies") copies = static_cast<unsigned>(std::strtoul(argv[i + 1], nullptr, 10));
-    else if (option == "--damage") damage = argv[i + 1];
-    else Die("unknown option " + option);
+    if (option == "--copies")
+      copies = static_cast<unsigned>(std::strtoul(argv[i + 1], nullptr, 10));
+    else if (option == "--damage")
+      damage = argv[i + 1];
+    else
+      Die("unknown option " + option);
   }
   const std::vector<uint8_t> oldData = ReadAll(argv[1]);
   std::vector<uint8_t> newData = ReadAll(argv[2]);

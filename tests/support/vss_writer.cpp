@@ -14,17 +14,21 @@ constexpr uint8_t kVssGuid[16] = {0x6B, 0x87, 0x08, 0x38, 0x76, 0xC1, 0x48, 0x4E
                                   0xB7, 0xAE, 0x04, 0x04, 0x6E, 0x6C, 0xC7, 0x52};
 
 void Put32(std::vector<uint8_t>& AData, uint64_t AAt, uint32_t AValue) {
-  for (int i = 0; i < 4; ++i) AData[AAt + i] = static_cast<uint8_t>(AValue >> (8 * i));
+  for (int i = 0; i < 4; ++i)
+    AData[AAt + i] = static_cast<uint8_t>(AValue >> (8 * i));
 }
 void Put64(std::vector<uint8_t>& AData, uint64_t AAt, uint64_t AValue) {
-  for (int i = 0; i < 8; ++i) AData[AAt + i] = static_cast<uint8_t>(AValue >> (8 * i));
+  for (int i = 0; i < 8; ++i)
+    AData[AAt + i] = static_cast<uint8_t>(AValue >> (8 * i));
 }
 void PutGuid(std::vector<uint8_t>& AData, uint64_t AAt, uint8_t ASeed) {
-  for (int i = 0; i < 16; ++i) AData[AAt + i] = static_cast<uint8_t>(ASeed + 17 * i);
+  for (int i = 0; i < 16; ++i)
+    AData[AAt + i] = static_cast<uint8_t>(ASeed + 17 * i);
 }
 
 // A 128-byte store or catalog block header.
-void PutBlockHeader(std::vector<uint8_t>& AData, uint64_t AAt, uint32_t AType, uint64_t ARelative, uint64_t AInfoSize) {
+void PutBlockHeader(std::vector<uint8_t>& AData, uint64_t AAt, uint32_t AType, uint64_t ARelative,
+                    uint64_t AInfoSize) {
   std::memcpy(&AData[AAt], kVssGuid, 16); // VSS identifier
   Put32(AData, AAt + 16, 1);              // version
   Put32(AData, AAt + 20, AType);          // record type
@@ -42,15 +46,16 @@ bool Zero(const std::vector<uint8_t>& AData, uint64_t ABlock) {
 
 } // namespace
 
-std::vector<TVssLayout> AddShadowCopies(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew, unsigned ACopies,
-                                        uint64_t ACreationTime) {
+std::vector<TVssLayout> AddShadowCopies(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew,
+                                        unsigned ACopies, uint64_t ACreationTime) {
   if (AOld.size() != ANew.size() || AOld.size() % kVssBlock || AOld.size() < 16 * kVssBlock)
     throw std::runtime_error("the volumes must have one size, a multiple of 16 KiB");
   if (ACopies == 0 || ACopies > 63) throw std::runtime_error("one catalog block holds 1 to 63 copies");
   const uint64_t blocks = AOld.size() / kVssBlock;
   std::vector<uint64_t> preserved;
   for (uint64_t b = 0; b < blocks; ++b)
-    if (std::memcmp(&AOld[b * kVssBlock], &ANew[b * kVssBlock], kVssBlock) != 0) preserved.push_back(b * kVssBlock);
+    if (std::memcmp(&AOld[b * kVssBlock], &ANew[b * kVssBlock], kVssBlock) != 0)
+      preserved.push_back(b * kVssBlock);
   if (preserved.empty()) throw std::runtime_error("the volumes do not differ");
   const uint64_t changed = preserved.size();
   const uint64_t listBlocks = (changed + kDescriptorsPerBlock - 1) / kDescriptorsPerBlock;
@@ -86,40 +91,44 @@ std::vector<TVssLayout> AddShadowCopies(const std::vector<uint8_t>& AOld, std::v
     layout.Preserved = preserved;
     const uint64_t storeStart = free[next - 1] * kVssBlock;
     layout.StoreHeader = take();
-    for (uint64_t i = 0; i < listBlocks; ++i) layout.BlockLists.push_back(take());
+    for (uint64_t i = 0; i < listBlocks; ++i)
+      layout.BlockLists.push_back(take());
     layout.Ranges = take();
     layout.Bitmap = take();
-    for (uint64_t i = 0; i < changed; ++i) layout.Data.push_back(take());
+    for (uint64_t i = 0; i < changed; ++i)
+      layout.Data.push_back(take());
     const uint64_t storeEnd = free[next] * kVssBlock + kVssBlock;
     auto relative = [&](uint64_t AOffset) { return AOffset - storeStart; };
     const auto seed = static_cast<uint8_t>(0x40 + copy);
 
     uint64_t e = catalog + 128 + 256 * copy;
-    Put64(v, e, 2);                   // entry type 2
-    Put64(v, e + 8, AOld.size());     // volume size
-    PutGuid(v, e + 16, seed);         // store identifier
-    Put64(v, e + 32, copy + 1);       // sequence number
-    Put64(v, e + 40, 0x40);           // flags, as Windows 7 writes them
+    Put64(v, e, 2);                                           // entry type 2
+    Put64(v, e + 8, AOld.size());                             // volume size
+    PutGuid(v, e + 16, seed);                                 // store identifier
+    Put64(v, e + 32, copy + 1);                               // sequence number
+    Put64(v, e + 40, 0x40);                                   // flags, as Windows 7 writes them
     Put64(v, e + 48, ACreationTime + copy * 864000000000ull); // creation time, a day apart
     e += 128;
-    Put64(v, e, 3);                   // entry type 3
-    Put64(v, e + 8, layout.BlockLists[0]); // store block list offset
-    PutGuid(v, e + 16, seed);         // store identifier
-    Put64(v, e + 32, layout.StoreHeader); // store header offset
-    Put64(v, e + 40, layout.Ranges);  // store block range list offset
-    Put64(v, e + 48, layout.Bitmap);  // store bitmap offset
-    Put64(v, e + 56, 0);              // NTFS file reference of the store file
+    Put64(v, e, 3);                          // entry type 3
+    Put64(v, e + 8, layout.BlockLists[0]);   // store block list offset
+    PutGuid(v, e + 16, seed);                // store identifier
+    Put64(v, e + 32, layout.StoreHeader);    // store header offset
+    Put64(v, e + 40, layout.Ranges);         // store block range list offset
+    Put64(v, e + 48, layout.Bitmap);         // store bitmap offset
+    Put64(v, e + 56, 0);                     // NTFS file reference of the store file
     Put64(v, e + 64, storeEnd - storeStart); // allocated size
-    Put64(v, e + 72, 0);              // previous bitmap: none
+    Put64(v, e + 72, 0);                     // previous bitmap: none
 
     const std::u16string machine = u"QVX-TEST";
     const uint64_t info = layout.StoreHeader + 128;
-    PutGuid(v, info, 0x70);           // unknown identifier
+    PutGuid(v, info, 0x70);                                   // unknown identifier
     PutGuid(v, info + 16, static_cast<uint8_t>(0x80 + copy)); // shadow copy identifier
     PutGuid(v, info + 32, static_cast<uint8_t>(0x90 + copy)); // shadow copy set identifier
-    Put32(v, info + 48, 0x0d);        // type: client accessible writers
-    Put32(v, info + 52, 1);           // provider
-    Put32(v, info + 56, 0x0042000d);  // attributes: persistent, client accessible, no auto release, differential, auto recover
+    Put32(v, info + 48, 0x0d);                                // type: client accessible writers
+    Put32(v, info + 52, 1);                                   // provider
+    Put32(
+        v, info + 56,
+        0x0042000d); // attributes: persistent, client accessible, no auto release, differential, auto recover
     uint64_t at = info + 64;
     for (int twice = 0; twice < 2; ++twice) { // operating machine, then service machine: size, UTF-16LE
       v[at] = static_cast<uint8_t>(machine.size() * 2);

@@ -46,8 +46,8 @@ struct TVssLayout {
 // the volume (the last block, with the backup boot sector, is left alone). Copy N is
 // created ACreationTime plus N - 1 days. Raises std::runtime_error when the sizes differ
 // or are no multiple of 16 KiB, when nothing differs, or when there is no room.
-std::vector<TVssLayout> AddShadowCopies(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew, unsigned ACopies,
-                                        uint64_t ACreationTime = kVssCreationTime);
+std::vector<TVssLayout> AddShadowCopies(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew,
+                                        unsigned ACopies, uint64_t ACreationTime = kVssCreationTime);
 inline TVssLayout AddShadowCopy(const std::vector<uint8_t>& AOld, std::vector<uint8_t>& ANew,
                                 uint64_t ACreationTime = kVssCreationTime) {
   return AddShadowCopies(AOld, ANew, 1, ACreationTime)[0];
