@@ -248,6 +248,8 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
       } catch (const EImageError& e) {
         std::fprintf(AErr, "quorvex: %s\n", e.what());
         status = 1;
+        // The copies of a damaged volume may still hold it as it was.
+        if (!copy && v.FileSystem == "NTFS" && !ListShadows(*image, v, AOut, AErr)) status = 1;
       }
     }
     return status;

@@ -16,6 +16,7 @@
 #include "engine/event_log_binxml.h"
 #include "catalog/message_catalog.h"
 #include "imaged/imaged_pc.h"
+#include "images/image_error.h"
 #include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
 #include "view/log_view_engine.h"
@@ -405,27 +406,48 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
         logs.push_back(path);
         continue;
       }
-      for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
-      if (options.Imaged.empty()) options.Imaged = path;
-      if (!options.Shadows) continue;
+      if (!options.Shadows) {
+        for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
+        if (options.Imaged.empty()) options.Imaged = path;
+        continue;
+      }
+      // With --shadows a damaged volume is reported and its copies still read: they may
+      // hold the logs (and the MFT) as they were before the damage.
+      std::string current; // why the volume itself cannot be read
+      try {
+        for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
+        if (options.Imaged.empty()) options.Imaged = path;
+      } catch (const EImageError& e) {
+        current = e.what();
+      }
       // Each shadow copy's logs too; a copy that cannot be read is reported and skipped.
       std::vector<std::string> copies;
       try {
         copies = ImageShadowsOf(path);
       } catch (const std::exception& e) {
+        if (!current.empty()) throw std::runtime_error(current);
         std::fprintf(AErr, "quorvex: %s\n", e.what());
         skipped = 1;
       }
+      bool fromCopies = false;
       for (const std::string& copy : copies) {
         try {
           for (std::string& log : ImageLogsOf(copy)) {
             optional.insert(log);
             logs.push_back(std::move(log));
+            fromCopies = true;
           }
+          // Descriptions come from the last readable copy listed when the volume is damaged.
+          if (!current.empty() && AOptions.Imaged.empty()) options.Imaged = copy;
         } catch (const std::exception& e) {
           std::fprintf(AErr, "quorvex: %s\n", e.what());
           skipped = 1;
         }
+      }
+      if (!current.empty()) {
+        if (!fromCopies) throw std::runtime_error(current);
+        std::fprintf(AErr, "quorvex: %s\n", current.c_str());
+        skipped = 1;
       }
     }
     options.Logs = std::move(logs);

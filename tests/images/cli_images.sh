@@ -185,8 +185,26 @@ if [ -n "$VSS" ]; then
   check vss-damaged-store-names grep -q "^quorvex: $tmp/shadow-store.raw volume 1 shadow copy 1: " <<<"$("$QVX" events "$tmp/shadow-store.raw@1:vss1::$sys" 2>&1 >/dev/null)"
   check vss-damaged-catalog-names test "$("$QVX" imaged "$tmp/shadow-catalog.raw" 2>&1 >/dev/null)" = \
     "quorvex: $tmp/shadow-catalog.raw volume 1: shadow copy header or catalog cannot be read at offset 0x1E00 (invalid catalog header identifier)"
+  # The volume's MFT damaged after the copy was taken: the copy still gives its logs.
+  cp "$tmp/vol.img" "$tmp/shadow-mft.raw"
+  bps=$(od -An -tu2 -j11 -N2 "$tmp/vol.img" | tr -d ' ')
+  spc=$(od -An -tu1 -j13 -N1 "$tmp/vol.img" | tr -d ' ')
+  mft=$(od -An -tu8 -j48 -N8 "$tmp/vol.img" | tr -d ' ')
+  head -c 4096 /dev/zero | tr '\0' '\356' | dd of="$tmp/shadow-mft.raw" bs=1 seek=$((mft * bps * spc)) conv=notrunc status=none
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-mft.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  md5sum "$tmp/shadow-mft.raw" >>"$tmp/shadow-before.md5"
+  out=$("$QVX" imaged "$tmp/shadow-mft.raw" 2>"$tmp/err")
+  check vss-mft-imaged-status test $? -eq 1
+  check vss-mft-imaged-error grep -qx "quorvex: $tmp/shadow-mft.raw volume 1: NTFS volume whose boot sector or MFT cannot be read (.*)" "$tmp/err"
+  check vss-mft-imaged-copy grep -q "^    vss1   2024-03-01T10:20:30Z  $tmp/shadow-mft.raw@1:vss1::/$" <<<"$out"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow-mft.raw@1:vss1::$sys")
+  check vss-mft-copy-recovers test "$got" = "$want_sys"
+  err=$("$QVX" open "$tmp/shadow-mft.raw" -s "$tmp/mft-shadows.db" --shadows -q 2>&1)
+  check vss-mft-open-status test $? -eq 1
+  check vss-mft-open-line test "$err" = "$(cat "$tmp/err")"
+  check vss-mft-open-loads test "$("$QVX" view "$tmp/mft-shadows.db" --count)" -eq "$((n_old + 300))"
   for img in "$tmp"/shadow*.raw; do md5sum "$img"; done >"$tmp/shadow-after.md5"
-  check vss-images-unchanged cmp -s "$tmp/shadow-before.md5" "$tmp/shadow-after.md5"
+  check vss-images-unchanged cmp -s <(sort "$tmp/shadow-before.md5") <(sort "$tmp/shadow-after.md5")
 fi
 
 # Bad volumes: one clear line naming the image and the problem, and a failing status.
