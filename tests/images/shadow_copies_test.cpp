@@ -170,5 +170,31 @@ TEST(ShadowCopiesErrors, DescriptorPastTheVolume) {
   EXPECT_EQ(ReadBlock(*store, 20), BlockOf(f.New, 20)); // the other blocks still read
 }
 
+TEST(ShadowCopiesErrors, DamagedRecordsRaiseOrReadNeverCrash) {
+  const TFixture f;
+  // Each record the catalog names, damaged a few bytes at a time (a fixed seed): opening
+  // and reading every block either works or raises EImageError naming the volume.
+  std::vector<uint64_t> records = {test::kVssHeaderOffset, f.Layout.Catalog, f.Layout.StoreHeader, f.Layout.Ranges,
+                                   f.Layout.Bitmap};
+  records.insert(records.end(), f.Layout.BlockLists.begin(), f.Layout.BlockLists.end());
+  uint32_t seed = 12345;
+  auto next = [&] { return seed = seed * 1103515245u + 12345u; };
+  for (int round = 0; round < 300; ++round) {
+    std::vector<uint8_t> volume = f.New;
+    const uint64_t record = records[next() % records.size()];
+    for (int i = 0; i < 4; ++i) volume[record + (next() >> 8) % 256] = static_cast<uint8_t>(next() >> 16);
+    try {
+      const auto copies = TShadowCopies::Open(std::make_shared<TMemoryStream>(volume, "vol"), "vol");
+      for (uint32_t n = 1; n <= copies->Count(); ++n) {
+        const auto store = copies->Store(n, "vol shadow copy");
+        std::vector<uint8_t> block(kVssBlock);
+        for (uint64_t b = 0; b < kBlocks; ++b) store->ReadAt(b * kVssBlock, block.data(), block.size());
+      }
+    } catch (const EImageError& e) {
+      EXPECT_EQ(std::string(e.what()).rfind("vol", 0), 0u) << e.what();
+    }
+  }
+}
+
 } // namespace
 } // namespace qvx
