@@ -18,7 +18,8 @@ namespace {
 constexpr uint64_t kHeaderOffset = 0x1E00;
 constexpr uint8_t kVssIdentifier[16] = {0x6B, 0x87, 0x08, 0x38, 0x76, 0xC1, 0x48, 0x4E,
                                         0xB7, 0xAE, 0x04, 0x04, 0x6E, 0x6C, 0xC7, 0x52};
-// Bound on the stores listed: a catalog block holds at most 127 entries, two per store.
+// Bound on the stores listed: Windows keeps at most 64 copies of a volume (512 on newer
+// servers); a damaged catalog may claim more.
 constexpr int kMaxStores = 512;
 
 libvshadow_volume_t* Vol(void* AVolume) {
