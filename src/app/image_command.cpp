@@ -73,7 +73,7 @@ bool ListShadows(TEvidenceImage& AImage, const TImageVolume& AVolume, std::FILE*
         damage = e.what();
       }
       std::fprintf(AOut, "    vss%-3u %-20s  %s@%s::/%s\n", c.Number, UtcText(c.CreationTime).c_str(),
-                   AImage.Path().c_str(), TEvidenceImage::VolumeSpec(AVolume, c.Number).c_str(),
+                   AImage.Path().c_str(), TEvidenceImage::VolumeRef(AVolume, c.Number).c_str(),
                    damage.empty() ? "" : "  (cannot be read)");
       if (!damage.empty()) {
         std::fprintf(AErr, "quorvex: %s\n", damage.c_str());
@@ -126,7 +126,7 @@ std::vector<std::string> ImageLogsOf(const std::string& APath) {
   const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
   const TImageVolume& volume = image->Volume(volumeName);
   const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
-  const std::string prefix = imagePath + "@" + TEvidenceImage::VolumeSpec(volume, copy) + "::";
+  const std::string prefix = imagePath + "@" + TEvidenceImage::VolumeRef(volume, copy) + "::";
   std::vector<std::string> logs;
   for (const char* folder : {"/Windows/System32/winevt/Logs", "/Windows/System32/config"}) {
     std::vector<TNtfsEntry> entries = ntfs->List(folder);
@@ -153,7 +153,7 @@ std::vector<std::string> ImageShadowsOf(const std::string& APath) {
   const TImageVolume& volume = image->Volume(volumeName);
   std::vector<std::string> copies;
   for (const TShadowCopyInfo& c : image->Shadows(volume)->Copies())
-    copies.push_back(imagePath + "@" + TEvidenceImage::VolumeSpec(volume, c.Number));
+    copies.push_back(imagePath + "@" + TEvidenceImage::VolumeRef(volume, c.Number));
   return copies;
 }
 
@@ -207,7 +207,7 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
         if (detailed.size() == 1) image->Ntfs(v); // raises why the named volume is not readable
         continue;
       }
-      const std::string spec = TEvidenceImage::VolumeSpec(v, copy);
+      const std::string ref = TEvidenceImage::VolumeRef(v, copy);
       if (v.Number)
         std::fprintf(AOut, "\nVolume %u (%s)%s\n", v.Number, v.FileSystem.c_str(),
                      copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
@@ -224,7 +224,7 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
           if (!copy && !ListShadows(*image, v, AOut, AErr)) status = 1;
           continue;
         }
-        std::fprintf(AOut, "  Windows folder   %s@%s::/%s\n", image->Path().c_str(), spec.c_str(),
+        std::fprintf(AOut, "  Windows folder   %s@%s::/%s\n", image->Path().c_str(), ref.c_str(),
                      windows.Name.c_str());
         TNtfsEntry hive;
         std::fprintf(AOut, "  Registry         %s\n",

@@ -160,13 +160,13 @@ std::string TEvidenceImage::VolumeName(const TImageVolume& AVolume, uint32_t ACo
   return name;
 }
 
-std::string TEvidenceImage::VolumeSpec(const TImageVolume& AVolume, uint32_t ACopy) {
+std::string TEvidenceImage::VolumeRef(const TImageVolume& AVolume, uint32_t ACopy) {
   // Built by appending: GCC 12 warns falsely on "+" + std::to_string(...).
-  std::string spec;
-  if (AVolume.Number == 0) spec.push_back('+');
-  spec.append(std::to_string(AVolume.Number ? AVolume.Number : AVolume.Offset));
-  if (ACopy) spec.append(":vss").append(std::to_string(ACopy));
-  return spec;
+  std::string ref;
+  if (AVolume.Number == 0) ref.push_back('+');
+  ref.append(std::to_string(AVolume.Number ? AVolume.Number : AVolume.Offset));
+  if (ACopy) ref.append(":vss").append(std::to_string(ACopy));
+  return ref;
 }
 
 uint32_t TEvidenceImage::TakeShadow(std::string& AVolume, const std::string& AImage) {

@@ -59,7 +59,7 @@ public:
   // (ACopy > 0) "disk.E01 volume 2 shadow copy 1".
   std::string VolumeName(const TImageVolume& AVolume, uint32_t ACopy = 0) const;
   // The volume's part of a name: "2", "+1048576", and with a shadow copy "2:vss1".
-  static std::string VolumeSpec(const TImageVolume& AVolume, uint32_t ACopy = 0);
+  static std::string VolumeRef(const TImageVolume& AVolume, uint32_t ACopy = 0);
   // The shadow copies of a volume (read once). A volume that is not NTFS, or has no
   // shadow copy header, has none. Raises EImageError when the catalog is damaged.
   std::shared_ptr<TShadowCopies> Shadows(const TImageVolume& AVolume);

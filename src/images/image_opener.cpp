@@ -51,7 +51,7 @@ std::shared_ptr<TFileSystem> ImageFileSystem(const std::string& AName, std::stri
     const uint32_t copy = TEvidenceImage::TakeShadow(volume, image);
     const TImageVolume& v = evidence->Volume(volume);
     // One spelling per volume, so that folder listings are cached once.
-    APrefix = image + "@" + TEvidenceImage::VolumeSpec(v, copy) + "::";
+    APrefix = image + "@" + TEvidenceImage::VolumeRef(v, copy) + "::";
     return std::make_shared<TNtfsFileSystem>(copy ? evidence->ShadowNtfs(v, copy) : evidence->Ntfs(v));
   } catch (const std::exception&) {
     return nullptr; // the name then names nothing; opening it says why
@@ -71,7 +71,7 @@ std::string ImageRootOf(const std::string& AImage) {
   const uint32_t copy = TEvidenceImage::TakeShadow(volume, image);
   const TImageVolume& v = evidence->Volume(volume);
   copy ? evidence->ShadowNtfs(v, copy) : evidence->Ntfs(v); // raises when the volume cannot be read
-  return image + "@" + TEvidenceImage::VolumeSpec(v, copy) + "::/";
+  return image + "@" + TEvidenceImage::VolumeRef(v, copy) + "::/";
 }
 
 std::unique_ptr<TReadStream> OpenImageStream(const std::string& AName) {

@@ -89,10 +89,10 @@ TEST(EvidenceImageShadow, SpellsVolumesAndCopies) {
   numbered.Number = 2;
   TImageVolume byOffset;
   byOffset.Offset = 1048576;
-  EXPECT_EQ(TEvidenceImage::VolumeSpec(numbered), "2");
-  EXPECT_EQ(TEvidenceImage::VolumeSpec(numbered, 3), "2:vss3");
-  EXPECT_EQ(TEvidenceImage::VolumeSpec(byOffset), "+1048576");
-  EXPECT_EQ(TEvidenceImage::VolumeSpec(byOffset, 1), "+1048576:vss1");
+  EXPECT_EQ(TEvidenceImage::VolumeRef(numbered), "2");
+  EXPECT_EQ(TEvidenceImage::VolumeRef(numbered, 3), "2:vss3");
+  EXPECT_EQ(TEvidenceImage::VolumeRef(byOffset), "+1048576");
+  EXPECT_EQ(TEvidenceImage::VolumeRef(byOffset, 1), "+1048576:vss1");
 }
 
 } // namespace

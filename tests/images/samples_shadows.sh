@@ -29,10 +29,10 @@ for img in "${images[@]}"; do
   fi
   while read -r copy; do
     [ -n "$copy" ] || continue
-    spec=${copy%::/}
-    spec=${spec%  (cannot be read)}
-    listing=$("$QVX" imaged "$spec" 2>/dev/null)
-    check "$name-${spec##*@}" grep -q "^Volume .*, shadow copy " <<<"$listing"
+    ref=${copy%::/}
+    ref=${ref%  (cannot be read)}
+    listing=$("$QVX" imaged "$ref" 2>/dev/null)
+    check "$name-${ref##*@}" grep -q "^Volume .*, shadow copy " <<<"$listing"
   done < <(sed -n 's/^    vss[0-9]* .*  \([^ ]*::\/\).*$/\1/p' <<<"$out")
 done
 exit $fail
