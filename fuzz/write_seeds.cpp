@@ -4,6 +4,7 @@
 // templates with their arguments, classic .evt logs (plain and wrapped) and Sigma rules. Each goes to DIR/<target>/. The fixture writers of the
 // tests make them, so the seeds cover what the tests know of each format.
 #include "catalog/catalog_schema.h"
+#include "hunt/rule_cache.h"
 #include "support/evt_writer.h"
 #include "support/hive_writer.h"
 #include "support/partition_writer.h"
@@ -168,6 +169,22 @@ int main(int argc, char** argv) {
                   "title: two\ncorrelation: {type: event_count}\n"},
   };
   for (const auto& [name, rule] : kRules) Write(dir / "fuzz_sigma_rule", name, Bytes(rule));
+  // The same rules as rule cache entries (parsed documents), and a file that is not YAML.
+  for (const auto& [name, rule] : kRules) {
+    qvx::hunt::TParsedRuleFile parsed;
+    parsed.Documents = qvx::hunt::ParseYamlDocuments(rule, name);
+    std::string entry;
+    qvx::hunt::TRuleCache::Encode(parsed, entry);
+    Write(dir / "fuzz_rule_cache", std::string(name) + ".bin", Bytes(entry));
+  }
+  {
+    qvx::hunt::TParsedRuleFile failed;
+    failed.Failed = true;
+    failed.Error = "r.yml:2: YAML error: end of sequence flow not found";
+    std::string entry;
+    qvx::hunt::TRuleCache::Encode(failed, entry);
+    Write(dir / "fuzz_rule_cache", "failed.bin", Bytes(entry));
+  }
 
   // Message catalogs: one with a publisher, a classic source, their files and messages, and
   // the same cut short. Written through SQLite with the catalog's own schema.

@@ -167,6 +167,7 @@ struct TStoreOptions {
   TLoadOptions Load;
   std::string Alerts;            // alert file tested against the new events
   std::vector<std::string> Rules; // Sigma rule files or folders run over the new events
+  bool RuleCache = true;          // parsed rule files kept in the user's cache folder
   unsigned Threads = 1;
   int Progress = -1;
   bool Quiet = false;
@@ -204,8 +205,8 @@ struct TViewOptions {
   bool Bookmark = false;     // bookmark exactly the rows the filter selects
   bool ClearBookmarks = false;
   bool Bookmarked = false;   // only bookmarked rows
-  std::string DetectionLevel; // only rows with a detection of this level or above ("" = any row)
-  bool Detections = false;    // list the detections of the rows instead of the rows
+  bool Detections = false;    // list the detections of the rows instead of the rows (of the
+                              // filter's detection level or above; any level when it has none)
 };
 
 // Shows the rows of a store. Returns the exit status.

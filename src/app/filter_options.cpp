@@ -72,7 +72,8 @@ void ParsePeriod(const char* AOption, const std::string& AText, int32_t& ADays, 
 
 bool TFilterOptions::Any() const {
   return !Types.empty() || !Sources.empty() || !Users.empty() || !Computers.empty() || !Ids.empty() ||
-         !Descr.empty() || !Regex.empty() || !From.empty() || !To.empty() || !Last.empty() || !FilterFile.empty();
+         !Descr.empty() || !Regex.empty() || !From.empty() || !To.empty() || !Last.empty() || !FilterFile.empty() ||
+         !MinDetectionLevel.empty();
 }
 
 void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions) {
@@ -101,6 +102,14 @@ void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions) {
       ->group(group);
   ACommand.add_option("--save-filter", AOptions.SaveFilter, "Save the filter built from these options to a file")
       ->group(group);
+}
+
+void AddDetectionLevelOption(CLI::App& ACommand, TFilterOptions& AOptions) {
+  ACommand
+      .add_option("--min-detection-level,--detection-level", AOptions.MinDetectionLevel,
+                  "Only events with a Sigma detection of this level or above: informational, low, medium,\n"
+                  "high, critical (kept in saved filters)")
+      ->group("Filter");
 }
 
 TEventFilter BuildFilter(const TFilterOptions& AOptions) {
@@ -152,6 +161,9 @@ TEventFilter BuildFilter(const TFilterOptions& AOptions) {
     if (AOptions.To.size() == 10) filter.ToTime += (86400.0 - 1) / 86400.0;
   }
   if (!AOptions.Last.empty()) ParsePeriod("--last", AOptions.Last, filter.LastDays, filter.LastHours);
+  if (!AOptions.MinDetectionLevel.empty() && !ParseDetectionLevel(AOptions.MinDetectionLevel, filter.MinDetectionLevel))
+    throw std::invalid_argument("--min-detection-level " + AOptions.MinDetectionLevel +
+                                ": not a level (informational, low, medium, high, critical)");
   if (!AOptions.SaveFilter.empty()) filter.SaveToFile(AOptions.SaveFilter);
   return filter;
 }

@@ -15,6 +15,7 @@ namespace qvx::app {
 struct TFilterOptions {
   std::string Types, Sources, Users, Computers, Ids, Descr, Regex, From, To, Last;
   bool CaseSensitive = false;
+  std::string MinDetectionLevel; // view: events with a Sigma detection of this level or above
   std::string FilterFile; // loaded first; the other options then add to it
   std::string SaveFilter; // where to save the filter built
   bool Any() const;
@@ -22,6 +23,9 @@ struct TFilterOptions {
 
 // Adds the options to ACommand.
 void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions);
+// Adds --min-detection-level (and its older name --detection-level): for commands over a
+// store, whose detections the filter can select by.
+void AddDetectionLevelOption(CLI::App& ACommand, TFilterOptions& AOptions);
 
 // The filter the options describe. Raises std::invalid_argument (naming the option) for
 // a value that cannot be read, std::runtime_error for a filter file that cannot be

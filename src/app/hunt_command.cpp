@@ -29,7 +29,7 @@ namespace fs = std::filesystem;
 using namespace qvx::hunt;
 
 std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, const std::string& AMinLevel,
-                                        const std::vector<std::string>& AStatuses) {
+                                        const std::vector<std::string>& AStatuses, bool ARuleCache) {
   TRuleFilter filter;
   if (!ParseLevel(AMinLevel, filter.MinLevel))
     throw std::runtime_error("--min-level " + AMinLevel + ": not a level (informational, low, medium, high, critical)");
@@ -43,11 +43,13 @@ std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, 
     filter.Statuses.push_back(std::move(folded));
   }
   auto rules = std::make_unique<TRuleSet>(TLogMapping::Windows(), filter);
+  if (ARuleCache) rules->SetCacheFolder(TRuleCache::DefaultFolder());
   for (const std::string& path : APaths) rules->LoadPath(path);
   return rules;
 }
 
 void PrintUnusableRules(const TRuleSet& ARules, std::FILE* AErr) {
+  for (const std::string& note : ARules.CacheNotes()) std::fprintf(AErr, "rule cache: %s\n", note.c_str());
   const auto& unusable = ARules.Unusable();
   if (unusable.empty()) return;
   std::fprintf(AErr, "%zu rule%s could not be used:\n", unusable.size(), unusable.size() == 1 ? "" : "s");
@@ -381,11 +383,14 @@ private:
     bool scan = false;
     const std::unique_ptr<TEventLogBinXML> source =
         OpenEvtxLog(APath, FOptions.TimeZone, FOptions.Threads, nullptr, FErr, scan);
+    // Rules read the event's XML: its data strings and description are not made.
+    source->SetSystemFieldsOnly(true);
     ReadSource(*source, APath);
   }
 
   void Scan(const std::string& APath) {
     TEventLogScan source;
+    source.SetSystemFieldsOnly(true);
     ApplyTimeZone(source, FOptions.TimeZone);
     source.SetReadAhead(FOptions.Threads);
     source.SetBackupFileName(APath);
@@ -592,7 +597,7 @@ private:
 int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
     if (AOptions.Format == TOutputFormat::ofXml) throw std::runtime_error("hunt writes table, csv or jsonl");
-    const std::unique_ptr<TRuleSet> rules = LoadHuntRules(AOptions.Rules, AOptions.MinLevel, AOptions.Statuses);
+    const std::unique_ptr<TRuleSet> rules = LoadHuntRules(AOptions.Rules, AOptions.MinLevel, AOptions.Statuses, AOptions.RuleCache);
     if (rules->Rules().empty()) {
       PrintUnusableRules(*rules, AErr);
       throw std::runtime_error("no rule to hunt with");
@@ -608,8 +613,8 @@ int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
 }
 
 void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
-                     bool AQuiet, std::FILE* AErr) {
-  const std::unique_ptr<TRuleSet> rules = LoadHuntRules(ARulePaths, "informational", {});
+                     bool AQuiet, std::FILE* AErr, bool ARuleCache) {
+  const std::unique_ptr<TRuleSet> rules = LoadHuntRules(ARulePaths, "informational", {}, ARuleCache);
   THunter hunter(*rules);
   TDetectionStore detections(AStore.Handle(), AStore.FileName());
   AStore.SetFilterSQL("[_ID] > " + std::to_string(ALastOldId));
@@ -654,12 +659,6 @@ int LevelNumber(const std::string& ALevel) {
 }
 
 } // namespace
-
-std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel) {
-  if (!TDetectionStore::Exists(AStore.Handle()))
-    throw std::runtime_error(AStore.FileName() + ": the store holds no detections (load it with --rules)");
-  return TDetectionStore::LevelAtLeastSQL(ALevel.empty() ? 0 : LevelNumber(ALevel));
-}
 
 int PrintStoreDetections(TEvtLiteAdaptor& AStore, const std::string& AWhere, const std::string& ALevel,
                          TOutputFormat AFormat, unsigned AWidth, int64_t ALimit, std::FILE* AOut) {

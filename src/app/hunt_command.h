@@ -25,13 +25,15 @@ struct THuntOptions {
   unsigned Threads = 1;
   unsigned Width = 0;
   bool Quiet = false;                // no summary on stderr
+  bool RuleCache = true;             // parsed rule files kept in the user's cache folder
 };
 
 // Loads the rules of AOptions (rule files and folders), reporting those that cannot be
-// used on AErr once each. Raises std::runtime_error for a --min-level or --status value
+// used on AErr once each. With ARuleCache, parsed rule files are kept in and taken from
+// the rule cache of the user's cache folder (hunt/rule_cache.h). Raises std::runtime_error for a --min-level or --status value
 // that is not a level or status, and ESigmaError for a rule path that does not exist.
 std::unique_ptr<hunt::TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, const std::string& AMinLevel,
-                                              const std::vector<std::string>& AStatuses);
+                                              const std::vector<std::string>& AStatuses, bool ARuleCache = true);
 
 // Prints one line per (rule, event) that matched, then a summary by level and rule and
 // the rules that could not be used. Returns the exit status.
@@ -41,14 +43,10 @@ int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 void PrintUnusableRules(const hunt::TRuleSet& ARules, std::FILE* AErr);
 
 // Runs the rules of ARulePaths over the store's events after ALastOldId (its _ID) and
-// keeps the detections in its detection table; says how many on AErr.
+// keeps the detections in its detection table; says how many on AErr. ARuleCache as for
+// LoadHuntRules.
 void HuntStoreEvents(TEvtLiteAdaptor& AStore, const std::vector<std::string>& ARulePaths, int64_t ALastOldId,
-                     bool AQuiet, std::FILE* AErr);
-
-// The condition "has a detection of level ALevel or above" ("" = any level) over the
-// store's events. Raises std::runtime_error for a level that is not one, or a store
-// without detections.
-std::string DetectionLevelSQL(TEvtLiteAdaptor& AStore, const std::string& ALevel);
+                     bool AQuiet, std::FILE* AErr, bool ARuleCache = true);
 
 // Lists the detections (of ALevel or above; "" for all) of the store's events that AWhere selects: time, level, rule with
 // its author, computer, event ID, matched values. Returns the exit status.

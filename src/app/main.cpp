@@ -213,6 +213,8 @@ int main(int argc, char** argv) {
                          "Run these Sigma rules (files or folders, repeatable) over the new events and keep their\n"
                          "detections in the store ('view --detections')")
         ->allow_extra_args(false);
+    ACommand->add_flag_callback("--no-rule-cache", [&] { store.RuleCache = false; },
+                                "Parse every rule file, neither reading nor writing the rule cache");
     ACommand->add_option("-t,--threads", store.Threads, "Threads decoding chunks ahead of the loader (0 = none)")
         ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
     ACommand->add_flag_callback("--progress", [&] { store.Progress = 1; }, "Always show progress on stderr");
@@ -291,9 +293,7 @@ int main(int argc, char** argv) {
   cmdView->add_flag("--bookmarked", view.Bookmarked, "Only bookmarked events");
   cmdView->add_flag("--detections", view.Detections,
                     "List the Sigma detections of the events (time, level, rule and author, matched values)");
-  cmdView->add_option("--detection-level", view.DetectionLevel,
-                      "Only events with a detection of this level or above (informational, low, medium, high,\n"
-                      "critical)");
+  AddDetectionLevelOption(*cmdView, view.Filter);
   cmdView->footer("Examples:\n"
                   "  quorvex open Security.evtx System.evtx -s case.db\n"
                   "  quorvex view case.db --type error,warning --sort Date --desc -n 50\n"
@@ -324,6 +324,9 @@ int main(int argc, char** argv) {
       ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
   cmdHunt->add_option("--width", hunt.Width, "Table width in columns (default: the terminal's)");
   cmdHunt->add_flag("-q,--quiet", hunt.Quiet, "No summary on stderr");
+  cmdHunt->add_flag_callback("--no-rule-cache", [&] { hunt.RuleCache = false; },
+                    "Parse every rule file, neither reading nor writing the rule cache\n"
+                    "($XDG_CACHE_HOME/quorvex or ~/.cache/quorvex)");
   cmdHunt->footer("One line per rule and event that matched: time, level, the rule's title with its author,\n"
                   "computer, event ID and the values that matched. stderr closes the run with the counts by\n"
                   "level and rule and lists the rules that could not be used, with the reason.\n"

@@ -360,7 +360,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
   for (const std::string& error : view.Errors)
     std::fprintf(AErr, "quorvex: %s\n", error.c_str());
   if (!AOptions.Alerts.empty()) RunAlerts(AStore, AOptions.Alerts, lastOldId, AEntries, AErr, AHooks);
-  if (!AOptions.Rules.empty()) HuntStoreEvents(AStore, AOptions.Rules, lastOldId, AOptions.Quiet, AErr);
+  if (!AOptions.Rules.empty()) HuntStoreEvents(AStore, AOptions.Rules, lastOldId, AOptions.Quiet, AErr, AOptions.RuleCache);
   return status;
 }
 

@@ -7,6 +7,7 @@
 #include "app/text_table.h"
 
 #include "engine/event_log_binxml.h"
+#include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
 #include "view/store_rows.h"
 #include "view/store_statistics.h"
@@ -80,7 +81,11 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
 
     // The filter: the store's times are shown times, so "the last N hours" is counted in
     // the zone the store was loaded with.
-    const TEventFilter filter = BuildFilter(AOptions.Filter);
+    TEventFilter filter = BuildFilter(AOptions.Filter);
+    // Listing detections lists those of events that have one.
+    if (AOptions.Detections && filter.MinDetectionLevel == dlNone) filter.MinDetectionLevel = dlInformational;
+    if (filter.MinDetectionLevel != dlNone && !TDetectionStore::Exists(store.Handle()))
+      throw std::runtime_error(store.FileName() + ": the store holds no detections (load it with --rules)");
     int shift = 0;
     {
       TEventLogBinXML zone;
@@ -90,11 +95,9 @@ int RunView(const TViewOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     }
     std::string where = filter.CreateSQLWhere(tfwSQLite, shift, store.FieldKindOf());
     if (AOptions.Bookmarked) where = where.empty() ? "_Bmrk = 1" : "(" + where + ") AND _Bmrk = 1";
-    if (!AOptions.DetectionLevel.empty() || AOptions.Detections) {
-      const std::string detected = DetectionLevelSQL(store, AOptions.DetectionLevel);
-      where = where.empty() ? detected : "(" + where + ") AND " + detected;
-    }
-    if (AOptions.Detections) return PrintStoreDetections(store, where, AOptions.DetectionLevel, AOptions.Format, AOptions.Width, AOptions.Limit, AOut);
+    if (AOptions.Detections)
+      return PrintStoreDetections(store, where, DetectionLevelName(filter.MinDetectionLevel), AOptions.Format,
+                                  AOptions.Width, AOptions.Limit, AOut);
 
     if (AOptions.ClearBookmarks) {
       store.BookmarksEventClear();

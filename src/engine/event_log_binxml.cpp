@@ -277,6 +277,7 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, con
 void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFields) {
   ReadSystemFields(AEvent, AFields);
   ResolveTaskAndUser(AFields);
+  if (FSystemFieldsOnly) return;
 
   try {
     ReadEventDataValues(AEvent, AFields.Strings, &AFields.BinaryData);

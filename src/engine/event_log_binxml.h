@@ -51,6 +51,10 @@ public:
   // default). Events, issues and markers come out exactly as without; only the time
   // differs. Takes effect at the next open.
   void SetReadAhead(unsigned AThreads) { FReadAheadThreads = AThreads; }
+  // Fills only what the System element says (IDs, times, channel, computer, task, user)
+  // and the event's XML: no data strings and no description. For readers that look at
+  // the XML themselves (quorvex hunt).
+  void SetSystemFieldsOnly(bool AOn) { FSystemFieldsOnly = AOn; }
 
   // The file structure while open (null when closed). Not to be used from outside
   // while chunks are read ahead.
@@ -81,6 +85,7 @@ protected:
   std::string FChunkXML;
   uint32_t FEventIndex = 0;
   unsigned FReadAheadThreads = 0;
+  bool FSystemFieldsOnly = false;
   std::unique_ptr<TReadAhead> FReadAhead;
 };
 

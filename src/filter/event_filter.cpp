@@ -4,6 +4,7 @@
 
 #include <pugixml.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -287,6 +288,34 @@ std::string EventIdsToSQL(const std::string& AText) {
   return result;
 }
 
+// --- detection levels ---------------------------------------------------------------
+
+namespace {
+constexpr const char* kDetectionLevelNames[] = {"informational", "low", "medium", "high", "critical"};
+}
+
+const char* DetectionLevelName(int32_t ALevel) {
+  return ALevel >= dlInformational && ALevel <= dlCritical ? kDetectionLevelNames[ALevel] : "";
+}
+
+bool ParseDetectionLevel(std::string_view AText, int32_t& ALevel) {
+  if (AText.size() == 1 && AText[0] >= '0' && AText[0] <= '4') {
+    ALevel = AText[0] - '0';
+    return true;
+  }
+  for (int32_t level = dlInformational; level <= dlCritical; ++level) {
+    const std::string_view name = kDetectionLevelNames[level];
+    if (name.size() == AText.size() &&
+        std::equal(name.begin(), name.end(), AText.begin(), [](char A, char B) {
+          return A == ((B >= 'A' && B <= 'Z') ? static_cast<char>(B - 'A' + 'a') : B);
+        })) {
+      ALevel = level;
+      return true;
+    }
+  }
+  return false;
+}
+
 // --- TEventFilter -------------------------------------------------------------------
 
 void TEventFilter::Clear() {
@@ -305,6 +334,7 @@ void TEventFilter::Clear() {
   LastDays = LastHours = 0;
   LastHoursExclude = false;
   CaseSensitive = false;
+  MinDetectionLevel = dlNone;
   DescrFilter.clear();
   CustomColFilter.clear();
 }
@@ -321,7 +351,7 @@ bool TEventFilter::IsEmpty() const {
                     EVT_CRITICAL;
   return (types == 0 || types == 7) && Sources.empty() && Categories.empty() && Users.empty() && Computers.empty() &&
          IDs.empty() && DescrText.empty() && !ByDate && !ByTime && LastDays == 0 && LastHours == 0 &&
-         CustomColFilter.empty() && DescrFilter.empty();
+         CustomColFilter.empty() && DescrFilter.empty() && MinDetectionLevel == dlNone;
 }
 
 std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeShift,
@@ -437,6 +467,12 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
   for (const TCustomColFilterCond& condition : CustomColFilter)
     clauses.push_back(CustomColumnClause(condition, CaseSensitive, AFieldKind, AKind));
 
+  // 12. A detection of a level or above: the level is a number 0..4, nothing else of
+  // the filter enters the text.
+  if (MinDetectionLevel != dlNone)
+    clauses.push_back(std::string("[_ID] IN (SELECT [_ID] FROM ") + kDetectionTable + " WHERE [Level] >= " +
+                      Int(std::clamp<int32_t>(MinDetectionLevel, dlInformational, dlCritical)) + ")");
+
   std::string where;
   for (const std::string& clause : clauses) {
     if (clause.empty()) continue;
@@ -485,6 +521,13 @@ public:
     const auto [ptr, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (ec != std::errc() || ptr != text.data() + text.size() || text.empty()) Fail(Path(AName), text, "an integer");
     AValue = value;
+  }
+  void DetectionLevel(const char* AName, int32_t& AValue) const {
+    const pugi::xml_node node = FFilter.child(AName);
+    if (!node) return;
+    const std::string text = Trim(node.text().as_string());
+    if (text.empty() || text == "none") AValue = dlNone;
+    else if (!ParseDetectionLevel(text, AValue)) Fail(Path(AName), text, "a detection level (informational, low, medium, high, critical)");
   }
   void Text(const char* AName, std::string& AValue) const {
     if (const pugi::xml_node node = FFilter.child(AName)) AValue = node.text().as_string();
@@ -581,6 +624,7 @@ std::string TEventFilter::SaveToString() const {
     node.append_child("Value").text().set(condition.Value.c_str());
   }
   flag("CaseSensitive", CaseSensitive);
+  if (MinDetectionLevel != dlNone) put("MinDetectionLevel", DetectionLevelName(MinDetectionLevel));
   std::ostringstream out;
   document.save(out, "  ", pugi::format_default, pugi::encoding_utf8);
   return out.str();
@@ -649,6 +693,7 @@ void TEventFilter::LoadFromString(const std::string& AXml, const std::string& AW
                                   read.ConditionInt(condition, "DescrParams", "Operator"),
                                   condition.child("Value").text().as_string()});
   read.Bool("CaseSensitive", loaded.CaseSensitive);
+  read.DetectionLevel("MinDetectionLevel", loaded.MinDetectionLevel);
   loaded.AssignTo(*this);
 }
 

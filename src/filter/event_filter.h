@@ -15,6 +15,11 @@
 // its LIKE pattern brackets them. The only names written into the text are the store's
 // fixed columns and "CustomField" with a condition's number, checked against the store.
 //
+// The detection level criterion selects events that have a Sigma detection (table
+// QvxDetections of the store, linked to the events by _ID) of a level or above; the level
+// is one of five fixed words kept as its number 0..4, the only thing of it that enters
+// the text.
+//
 // Filter files (UTF-8 XML):
 //   <QVEX_Filter version="1"><Filter> one element per criterion </Filter></QVEX_Filter>
 // Booleans are 0 or 1, integers decimal. FromTime and ToTime are written as local-free
@@ -27,6 +32,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qvx {
@@ -60,6 +66,15 @@ struct TDescrParamCond {
   std::string Value;
   friend bool operator==(const TDescrParamCond&, const TDescrParamCond&) = default;
 };
+
+// Levels of Sigma detections as the store keeps them (QvxDetections.Level).
+enum TDetectionLevel : int32_t { dlNone = -1, dlInformational, dlLow, dlMedium, dlHigh, dlCritical };
+// "informational", "low", "medium", "high", "critical"; "" for dlNone or another number.
+const char* DetectionLevelName(int32_t ALevel);
+// A level name (any case) or its number "0".."4"; false for anything else.
+bool ParseDetectionLevel(std::string_view AText, int32_t& ALevel);
+// The store's table of detections.
+inline constexpr const char* kDetectionTable = "QvxDetections";
 
 // The store's field type of a custom column, for the flavour of its conditions;
 // fkMissing when the store has no column of that name.
@@ -125,6 +140,8 @@ public:
   std::vector<TDescrParamCond> DescrFilter;
   TCustomColFilter CustomColFilter;
   bool CaseSensitive = false;
+  // Only events with a detection of this level or above (TDetectionLevel); dlNone: any.
+  int32_t MinDetectionLevel = dlNone;
   uint8_t SearchDir = 0;
 };
 

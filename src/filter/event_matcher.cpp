@@ -32,6 +32,8 @@ TEventMatcher::TEventMatcher(const TEventFilter& AFilter, double ANowUtcDays) : 
   if (!FFilter.DescrFilter.empty() || !FFilter.CustomColFilter.empty())
     throw std::invalid_argument(
         "conditions on description parameters or custom columns need an event store (quorvex open)");
+  if (FFilter.MinDetectionLevel != dlNone)
+    throw std::invalid_argument("a detection level needs an event store loaded with Sigma rules (quorvex open --rules)");
   const std::pair<bool, TEventType> types[] = {
       {FFilter.EVT_VERBOSE, EVT_VERBOSE},           {FFilter.EVT_INFORMATION, EVT_INFORMATION},
       {FFilter.EVT_WARNING, EVT_WARNING},           {FFilter.EVT_ERROR, EVT_ERROR},

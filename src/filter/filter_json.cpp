@@ -101,7 +101,8 @@ TEventFilter FilterFromJson(const json& AJson) {
   if (!AJson.is_object()) throw EFilterJsonError("filter: must be a JSON object");
   static const char* const kKnown[] = {"types", "sources", "categories", "users",   "computers",
                                        "ids",   "idsExcept", "descr",    "caseSensitive", "from",
-                                       "to",    "dateExclude", "last",   "params",  "columns"};
+                                       "to",    "dateExclude", "last",   "params",  "columns",
+                                       "minDetectionLevel"};
   for (const auto& item : AJson.items()) {
     const std::string& name = item.key();
     if (std::none_of(std::begin(kKnown), std::end(kKnown), [&](const char* AKnown) { return name == AKnown; }))
@@ -183,6 +184,15 @@ TEventFilter FilterFromJson(const json& AJson) {
     if (const json* value = Member(item, "value")) condition.Value = Text(*value, "columns[].value");
     filter.CustomColFilter.push_back(std::move(condition));
   }
+  if (const json* level = Member(AJson, "minDetectionLevel")) {
+    // A level name, or its number 0..4 as the store keeps it.
+    const bool named = level->is_string() && ParseDetectionLevel(level->get<std::string>(), filter.MinDetectionLevel);
+    const bool numbered = level->is_number_integer() && level->get<int64_t>() >= dlInformational &&
+                          level->get<int64_t>() <= dlCritical;
+    if (numbered) filter.MinDetectionLevel = static_cast<int32_t>(level->get<int64_t>());
+    if (!level->is_null() && !named && !numbered)
+      Fail("minDetectionLevel", "must be informational, low, medium, high or critical (or 0 to 4)");
+  }
   return filter;
 }
 
@@ -223,6 +233,8 @@ json FilterToJson(const TEventFilter& AFilter) {
     out["params"].push_back({{"name", c.Name}, {"op", ConditionOperName(c.Oper)}, {"value", c.Value}});
   for (const TCustomColFilterCond& c : AFilter.CustomColFilter)
     out["columns"].push_back({{"number", c.Number}, {"op", ConditionOperName(c.Oper)}, {"value", c.Value}});
+  if (AFilter.MinDetectionLevel >= dlInformational && AFilter.MinDetectionLevel <= dlCritical)
+    out["minDetectionLevel"] = DetectionLevelName(AFilter.MinDetectionLevel);
   return out;
 }
 

@@ -9,7 +9,8 @@
 //     "from": "2024-03-01 00:00:00", "to": "2024-03-02", "dateExclude": false,
 //     "last": {"days": 1, "hours": 6, "exclude": false},
 //     "params":  [{"name": "TargetUserName", "op": "equals", "value": "bob"}],
-//     "columns": [{"number": 1, "op": "contains", "value": "x"}]
+//     "columns": [{"number": 1, "op": "contains", "value": "x"}],
+//     "minDetectionLevel": "high"                         // or 0..4; events with a Sigma detection
 //   }
 //
 // Every member is optional. Values are only ever data of the filter object: they reach

@@ -698,6 +698,7 @@ std::vector<std::string> TXMLQueryBuilder::AssignFilter(const TEventFilter& AFil
   if (AFilter.ByDate || AFilter.ByTime) add("date and time range");
   if (AFilter.LastHoursExclude && hours > 0) add("period to leave out");
   if (!AFilter.DescrFilter.empty() || !AFilter.CustomColFilter.empty()) add("conditions on columns");
+  if (AFilter.MinDetectionLevel != dlNone) add("detection level");
   if (!lost.empty()) notes.push_back("left out (a query cannot say them): " + lost);
   return notes;
 }

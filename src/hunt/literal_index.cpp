@@ -1,7 +1,10 @@
 #include "hunt/literal_index.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <optional>
+#include <thread>
 
 namespace qvx::hunt {
 
@@ -142,9 +145,9 @@ private:
 
 uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText) {
   if (AText.empty() || AText.size() > kMaxLiteralBytes) return kNoLiteral;
-  std::string key = std::to_string(AField);
-  key.push_back('\0');
-  key.append(AText);
+  std::string key(sizeof AField + AText.size(), '\0');
+  std::memcpy(key.data(), &AField, sizeof AField);
+  std::memcpy(key.data() + sizeof AField, AText.data(), AText.size());
   const auto [at, added] = FIds.emplace(std::move(key), static_cast<uint32_t>(FLengths.size()));
   if (added) {
     FTexts.push_back(AText);
@@ -157,6 +160,9 @@ uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText) {
 TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
   // The literal of every value test, per binding (the binding says which event field a
   // rule's field reads).
+  size_t tests = 0;
+  for (const TRuleBinding* binding : ABindings) tests += binding->Rule->TestCount;
+  FIds.reserve(tests);
   for (size_t b = 0; b < ABindings.size(); ++b) {
     TRuleBinding& binding = *ABindings[b];
     const TSigmaRule& rule = *binding.Rule;
@@ -188,6 +194,7 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
     byField[field].push_back(literal);
   }
   FByField.assign(byField.size(), -1);
+  std::vector<uint32_t> fields; // with literals, in field order
   for (size_t field = 0; field < byField.size(); ++field) {
     std::vector<uint32_t>& literals = byField[field];
     if (literals.empty()) continue;
@@ -200,9 +207,31 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
         FIndexed[literal] = 1;
       }
     literals.resize(kept);
-    FByField[field] = static_cast<int32_t>(FAutomata.size());
-    BuildAutomaton(FAutomata.emplace_back(), literals);
+    FByField[field] = static_cast<int32_t>(fields.size());
+    fields.push_back(static_cast<uint32_t>(field));
   }
+  // The automata are independent of each other (each reads the literal texts and writes
+  // only itself): built on a few threads, the largest first, into their fixed places.
+  FAutomata.resize(fields.size());
+  std::vector<uint32_t> jobs(fields.size());
+  for (uint32_t i = 0; i < jobs.size(); ++i) jobs[i] = i;
+  auto size = [&](uint32_t AJob) {
+    size_t bytes = 0;
+    for (const uint32_t literal : byField[fields[AJob]]) bytes += FLengths[literal];
+    return bytes;
+  };
+  std::vector<size_t> sizes(jobs.size());
+  for (uint32_t i = 0; i < jobs.size(); ++i) sizes[i] = size(i);
+  std::stable_sort(jobs.begin(), jobs.end(), [&](uint32_t A, uint32_t B) { return sizes[A] > sizes[B]; });
+  std::atomic<size_t> next{0};
+  auto work = [&] {
+    for (size_t i; (i = next++) < jobs.size();) BuildAutomaton(FAutomata[jobs[i]], byField[fields[jobs[i]]]);
+  };
+  const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
+  std::vector<std::thread> pool;
+  for (size_t t = 1; t < threads && t < jobs.size(); ++t) pool.emplace_back(work);
+  work();
+  for (std::thread& thread : pool) thread.join();
 
   // Tests whose literal did not fit search the value themselves; then what each binding needs.
   FNeededBy.resize(FLengths.size());

@@ -1,5 +1,7 @@
 #include "hunt/rule_set.h"
 
+#include "hunt/rule_cache.h"
+
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -18,26 +20,30 @@ void TRuleSet::LoadPath(const std::string& APath) {
   std::error_code error;
   const fs::file_status status = fs::status(APath, error);
   if (error || !fs::exists(status)) RaiseSigmaError(APath, 0, "no such rule file or folder");
-  if (!fs::is_directory(status)) {
-    std::ifstream in(APath, std::ios::binary);
-    if (!in) RaiseSigmaError(APath, 0, "cannot be read");
-    std::ostringstream text;
-    text << in.rdbuf();
-    LoadText(text.str(), APath);
-    return;
-  }
   std::vector<std::string> files;
-  fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error);
-  if (error) RaiseSigmaError(APath, 0, "cannot be read: " + error.message());
-  for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
-    if (error) break;
-    const std::string extension = FoldText(it->path().extension().string());
-    if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error)) files.push_back(it->path().string());
+  if (!fs::is_directory(status)) {
+    if (!std::ifstream(APath, std::ios::binary)) RaiseSigmaError(APath, 0, "cannot be read");
+    files.push_back(APath);
+  } else {
+    fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error);
+    if (error) RaiseSigmaError(APath, 0, "cannot be read: " + error.message());
+    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
+      if (error) break;
+      const std::string extension = FoldText(it->path().extension().string());
+      if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error))
+        files.push_back(it->path().string());
+    }
+    std::sort(files.begin(), files.end());
   }
-  std::sort(files.begin(), files.end());
-  // Reading YAML is most of the time a rule set takes to load: files are parsed and their
-  // rules compiled on a few threads, a batch at a time (so memory stays bounded), and
-  // added in file order.
+  std::unique_ptr<TRuleCache> cache;
+  if (!FCacheFolder.empty()) {
+    cache = std::make_unique<TRuleCache>(TRuleCache::FileFor(FCacheFolder, APath));
+    cache->Load();
+    if (!cache->Note().empty()) FCacheNotes.push_back(cache->Note());
+  }
+  // Reading YAML is most of the time a rule set takes to load: files are parsed (or
+  // found in the cache) and their rules compiled on a few threads, a batch at a time (so
+  // memory stays bounded), and added in file order.
   const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
   constexpr size_t kBatch = 256;
   for (size_t first = 0; first < files.size(); first += kBatch) {
@@ -47,21 +53,49 @@ void TRuleSet::LoadPath(const std::string& APath) {
     auto work = [&] {
       for (size_t i; (i = next++) < count;) {
         const std::string& file = files[first + i];
+        TParsedFile& out = parsed[i];
         std::ifstream in(file, std::ios::binary);
         if (!in) {
-          parsed[i].Error = file + ": cannot be read";
+          out.Error = file + ": cannot be read";
           continue;
         }
-        std::ostringstream text;
-        text << in.rdbuf();
-        Read(text.str(), file, parsed[i]);
+        std::ostringstream stream;
+        stream << in.rdbuf();
+        const std::string text = std::move(stream).str();
+        if (!cache) {
+          Read(text, file, out);
+          continue;
+        }
+        std::error_code timeError;
+        const fs::file_time_type changed = fs::last_write_time(file, timeError);
+        out.Key = {file, text.size(), timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count()),
+                   HashBytes(text)};
+        TParsedRuleFile yaml;
+        out.Cached = cache->Find(out.Key, yaml);
+        if (!out.Cached) {
+          yaml = ParseFile(text, file);
+          TRuleCache::Encode(yaml, out.Encoded);
+        }
+        CompileDocuments(yaml, file, out);
       }
     };
     std::vector<std::thread> pool;
     for (size_t t = 1; t < threads && t < count; ++t) pool.emplace_back(work);
     work();
     for (std::thread& thread : pool) thread.join();
-    for (size_t i = 0; i < count; ++i) Compile(parsed[i], files[first + i]);
+    for (size_t i = 0; i < count; ++i) {
+      Compile(parsed[i], files[first + i]);
+      if (!cache || parsed[i].Key.Path.empty()) continue;
+      if (parsed[i].Cached)
+        cache->Keep(parsed[i].Key);
+      else
+        cache->Put(parsed[i].Key, std::move(parsed[i].Encoded));
+    }
+  }
+  if (cache) {
+    FCacheHits += cache->Hits();
+    FCacheMisses += cache->Misses();
+    if (!cache->Save()) FCacheNotes.push_back(cache->File() + ": the rule cache could not be written");
   }
 }
 
@@ -71,15 +105,28 @@ void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
   Compile(parsed, AFile);
 }
 
-void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed) {
-  std::vector<TYamlNode> documents;
+TParsedRuleFile TRuleSet::ParseFile(const std::string& AText, const std::string& AFile) {
+  TParsedRuleFile parsed;
   try {
-    documents = ParseYamlDocuments(AText, AFile);
+    parsed.Documents = ParseYamlDocuments(AText, AFile);
   } catch (const ESigmaError& e) {
-    AParsed.Error = e.what();
+    parsed.Failed = true;
+    parsed.Error = e.what();
+    parsed.Documents.clear();
+  }
+  return parsed;
+}
+
+void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed) {
+  CompileDocuments(ParseFile(AText, AFile), AFile, AParsed);
+}
+
+void TRuleSet::CompileDocuments(const TParsedRuleFile& AYaml, const std::string& AFile, TParsedFile& AParsed) {
+  if (AYaml.Failed) {
+    AParsed.Error = AYaml.Error;
     return;
   }
-  for (const TYamlNode& document : documents) {
+  for (const TYamlNode& document : AYaml.Documents) {
     if (document.IsNull()) continue;
     TCompiledRule& compiled = AParsed.Rules.emplace_back();
     try {

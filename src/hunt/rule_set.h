@@ -14,6 +14,7 @@
 #include "hunt/event_fields.h"
 #include "hunt/literal_index.h"
 #include "hunt/log_mapping.h"
+#include "hunt/rule_cache.h"
 #include "hunt/rule_binding.h"
 #include "hunt/sigma_match.h"
 #include "hunt/sigma_rule.h"
@@ -60,8 +61,16 @@ public:
   TRuleSet& operator=(const TRuleSet&) = delete;
 
   // Loads a rule file, or every .yml/.yaml file under a folder (sorted, recursively).
-  // Raises ESigmaError only when APath does not exist or cannot be read.
+  // Raises ESigmaError only when APath does not exist or cannot be read. With a cache
+  // folder set, parsed files are taken from and kept in a rule cache there (rule_cache.h).
   void LoadPath(const std::string& APath);
+  // The folder of the rule cache LoadPath uses ("" = none, the default).
+  void SetCacheFolder(std::string AFolder) { FCacheFolder = std::move(AFolder); }
+  // Rule files found in the cache and parsed, and what went wrong with the cache (a
+  // damaged file ignored, a file not written); the rules are loaded either way.
+  size_t CacheHits() const { return FCacheHits; }
+  size_t CacheMisses() const { return FCacheMisses; }
+  const std::vector<std::string>& CacheNotes() const { return FCacheNotes; }
   // Loads the rules of one file's text.
   void LoadText(const std::string& AText, const std::string& AFile);
 
@@ -98,7 +107,12 @@ private:
   struct TParsedFile {
     std::vector<TCompiledRule> Rules;
     std::string Error; // why the file could not be read as YAML
+    TRuleFileKey Key;    // with a cache: the file's version
+    bool Cached = false; // found in the cache
+    std::string Encoded; // not found: its cache entry
   };
+  static TParsedRuleFile ParseFile(const std::string& AText, const std::string& AFile);
+  static void CompileDocuments(const TParsedRuleFile& AYaml, const std::string& AFile, TParsedFile& AParsed);
   static void Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed);
   void Compile(TParsedFile& AParsed, const std::string& AFile);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
@@ -114,6 +128,9 @@ private:
   TChannelIndex FAnyChannel;
   std::unique_ptr<TLiteralIndex> FLiterals;
   mutable bool FPrepared = false;
+  std::string FCacheFolder;
+  size_t FCacheHits = 0, FCacheMisses = 0;
+  std::vector<std::string> FCacheNotes;
 };
 
 // A detection: the rule, and the fields and values that satisfied its searches (views

@@ -143,7 +143,9 @@ TViewQuery TViewQuery::FromJson(const json& AJson) {
   if (const json* value = member("detectionLevel")) {
     if (!value->is_number_integer() || value->get<int64_t>() < 0 || value->get<int64_t>() > TDetectionStore::kMaxLevel)
       throw ERequestError("\"detectionLevel\" must be a level from 0 (informational) to 4 (critical)");
-    query.DetectionLevel = static_cast<int>(value->get<int64_t>());
+    // The older member, kept for scripts: the same criterion as the filter's
+    // minDetectionLevel (the higher of the two holds).
+    query.Filter.MinDetectionLevel = std::max(query.Filter.MinDetectionLevel, static_cast<int32_t>(value->get<int64_t>()));
   }
   if (const json* value = member("sort")) {
     if (!value->is_string()) throw ERequestError("\"sort\" must be a column name");
@@ -259,13 +261,11 @@ std::string TStoreSession::WhereOf(const TViewQuery& AQuery) {
     filter.FromTime = StoreDays(filter.FromTime);
     filter.ToTime = StoreDays(filter.ToTime);
   }
+  if (filter.MinDetectionLevel != dlNone && !FHasDetections)
+    throw ERequestError("the store holds no detections (load it with --rules)");
   std::string where = filter.CreateSQLWhere(tfwSQLite, FShiftMinutes, FStore.FieldKindOf());
   auto add = [&](const std::string& AClause) { where = where.empty() ? AClause : "(" + where + ") AND " + AClause; };
   if (AQuery.Bookmarked) add("_Bmrk = 1");
-  if (AQuery.DetectionLevel >= 0) {
-    if (!FHasDetections) throw ERequestError("the store holds no detections (load it with --rules)");
-    add(TDetectionStore::LevelAtLeastSQL(AQuery.DetectionLevel));
-  }
   return where;
 }
 

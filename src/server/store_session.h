@@ -36,7 +36,6 @@ public:
 struct TViewQuery {
   TEventFilter Filter;
   bool Bookmarked = false;
-  int DetectionLevel = -1; // -1: any row
   std::string Sort;        // a store column; "" keeps the load order
   bool Descending = false;
 

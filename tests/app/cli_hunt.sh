@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # quorvex hunt: Sigma rules over a log, a folder and a store; the table names each rule's
 # author; JSON Lines has the documented fields; unusable rules are listed with the reason;
-# open --rules keeps detections that view --detections and --detection-level read.
+# open --rules keeps detections that view --detections and --detection-level read; the
+# rule cache gives the same output as parsing every file; the detection level is a
+# filter criterion that filter files keep.
 set -u
 QVX=$1
 . "$(dirname "$0")/../support/check.sh"
+export XDG_CACHE_HOME="$tmp/xdg" # the rule cache of these runs, not the user's
 
 mkdir -p "$tmp/logs"
 "$QVX" demo -o "$tmp/logs/demo.evtx" --no-dump >/dev/null 2>&1 || { echo "FAIL demo"; exit 1; }
@@ -74,6 +77,35 @@ high=$("$QVX" view "$tmp/s.db" --detection-level high --count)
 check level-count test "$high" -eq "$(wc -l <"$tmp/d.jsonl")"
 check store-hunt test "$("$QVX" hunt -q -r "$tmp/rules" "$tmp/s.db" -f jsonl | wc -l)" -eq "$stored"
 check store-author sh -c "'$QVX' view '$tmp/s.db' --detections --width 200 | grep -q 'Log Cleared (John Tester)'"
+
+low=$("$QVX" view "$tmp/s.db" --min-detection-level low --count)
+check min-level-count test "$low" -ge "$high"
+"$QVX" view "$tmp/s.db" --min-detection-level high --save-filter "$tmp/high.xml" --count >/dev/null
+check filter-file-level grep -q "<MinDetectionLevel>high</MinDetectionLevel>" "$tmp/high.xml"
+check filter-file-count test "$("$QVX" view "$tmp/s.db" --filter "$tmp/high.xml" --count)" -eq "$high"
+check bad-detection-level sh -c "'$QVX' view '$tmp/s.db' --min-detection-level 'high) OR (1=1' --count 2>&1 | grep -q 'not a level'"
+"$QVX" open "$tmp/logs/demo.evtx" -s "$tmp/plain.db" >/dev/null 2>&1
+check no-detections-table sh -c "'$QVX' view '$tmp/plain.db' --min-detection-level low --count 2>&1 | grep -q 'holds no detections'"
+
+# The rule cache: a second run reads it and writes the same detections and the same
+# unusable rules as a run that parses every file; --no-rule-cache neither reads nor writes it.
+rm -rf "$tmp/xdg"
+"$QVX" hunt -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl --tz UTC >"$tmp/c1.jsonl" 2>"$tmp/c1.err"
+check cache-written sh -c "ls '$tmp/xdg/quorvex/'rules-*.bin >/dev/null"
+"$QVX" hunt -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl --tz UTC >"$tmp/c2.jsonl" 2>"$tmp/c2.err"
+XDG_CACHE_HOME="$tmp/none" "$QVX" hunt --no-rule-cache -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl --tz UTC \
+  >"$tmp/c0.jsonl" 2>"$tmp/c0.err"
+check cache-same-detections sh -c "cmp -s '$tmp/c0.jsonl' '$tmp/c1.jsonl' && cmp -s '$tmp/c0.jsonl' '$tmp/c2.jsonl'"
+check cache-same-summary sh -c "cmp -s '$tmp/c0.err' '$tmp/c2.err'"
+check cache-unusable grep -q "broken.yml:5: unknown modifier 'sideways'" "$tmp/c2.err"
+check no-cache-no-file test ! -e "$tmp/none"
+XDG_CACHE_HOME="$tmp/none" "$QVX" open "$tmp/logs/demo.evtx" -s "$tmp/nc.db" --rules "$tmp/rules" --no-rule-cache \
+  >/dev/null 2>&1
+check open-no-cache sh -c "test ! -e '$tmp/none' && test \"\$('$QVX' view '$tmp/nc.db' --detections -f jsonl | wc -l)\" -eq $stored"
+printf 'garbage' >"$(ls "$tmp/xdg/quorvex/"rules-*.bin)"
+"$QVX" hunt -r "$tmp/rules" "$tmp/logs/demo.evtx" -f jsonl --tz UTC >"$tmp/c3.jsonl" 2>"$tmp/c3.err"
+check damaged-cache-same cmp -s "$tmp/c0.jsonl" "$tmp/c3.jsonl"
+check damaged-cache-named grep -q "rule cache: .*not a rule cache of a sensible size, ignored" "$tmp/c3.err"
 
 # Hunter threads write the same detections, in the same order, as testing while reading
 # (two logs in a folder: the batches of one file end where the next begins).

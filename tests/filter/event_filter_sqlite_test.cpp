@@ -124,6 +124,28 @@ TEST_F(EventFilterSQLite, EveryClauseIsValidSqlAndSelectsWhatItSays) {
   EXPECT_EQ(Run(filter), "4625");
 }
 
+TEST_F(EventFilterSQLite, DetectionLevelsSelectEventsByTheirDetections) {
+  // The store's table of detections, linked to the events by _ID: 4624 has a low and a
+  // high detection, 7036 a medium one, 4625 none.
+  Exec("CREATE TABLE QvxDetections (_ID INTEGER NOT NULL, RuleId TEXT, Title TEXT, Author TEXT, Level INTEGER, "
+       "Matched TEXT)");
+  Exec("INSERT INTO QvxDetections (_ID, Level) SELECT _ID, 1 FROM Events WHERE EventID = 4624");
+  Exec("INSERT INTO QvxDetections (_ID, Level) SELECT _ID, 3 FROM Events WHERE EventID = 4624");
+  Exec("INSERT INTO QvxDetections (_ID, Level) SELECT _ID, 2 FROM Events WHERE EventID = 7036");
+  TEventFilter filter;
+  const std::pair<int32_t, const char*> cases[] = {{dlNone, "4624,4625,7036"}, {dlInformational, "4624,7036"},
+                                                   {dlLow, "4624,7036"},          {dlMedium, "4624,7036"},
+                                                   {dlHigh, "4624"},              {dlCritical, ""}};
+  for (const auto& [level, ids] : cases) {
+    filter.MinDetectionLevel = level;
+    EXPECT_EQ(Run(filter), ids) << level;
+  }
+  filter.MinDetectionLevel = dlMedium;
+  filter.Computers = {"PC1"};
+  filter.IDs = "7036";
+  EXPECT_EQ(Run(filter), "7036");
+}
+
 TEST_F(EventFilterSQLite, CustomColumnConditionsOfEveryFlavourRun) {
   const TFieldKindOf kinds = [](const std::string& AField) {
     return AField == "CustomField1" ? TFieldKind::fkNumeric

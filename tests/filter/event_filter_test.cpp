@@ -157,6 +157,7 @@ TEST(EventFilterFile, RoundTripsEveryCriterion) {
   filter.CustomColFilter = {{1, coGreater, "5"}};
   filter.DescrFilter = {{"Logon Type", coEquals, "3"}};
   filter.CaseSensitive = true;
+  filter.MinDetectionLevel = dlLow;
   const auto path = (test::ScratchDir() / "f.xml").string();
   filter.SaveToFile(path);
   TEventFilter loaded;
@@ -168,6 +169,60 @@ TEST(EventFilterFile, RoundTripsEveryCriterion) {
   EXPECT_NE(text.find("<QVEX_Filter version=\"1\">"), std::string::npos);
   EXPECT_NE(text.find("<IDsExclude>1</IDsExclude>"), std::string::npos);
   EXPECT_NE(text.find("<FromTime>2024-03-01T08:00:00.250</FromTime>"), std::string::npos);
+}
+
+TEST(EventFilterDetections, TheLevelIsANumberInTheText) {
+  TEventFilter filter;
+  EXPECT_EQ(filter.MinDetectionLevel, dlNone);
+  filter.MinDetectionLevel = dlHigh;
+  EXPECT_FALSE(filter.IsEmpty());
+  EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0), "([_ID] IN (SELECT [_ID] FROM QvxDetections WHERE [Level] >= 3))");
+  filter.IDs = "4625";
+  EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0),
+            "(EventID = 4625) AND ([_ID] IN (SELECT [_ID] FROM QvxDetections WHERE [Level] >= 3))");
+  // A number set by code outside the levels is held to them.
+  filter.IDs.clear();
+  filter.MinDetectionLevel = 99;
+  EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0), "([_ID] IN (SELECT [_ID] FROM QvxDetections WHERE [Level] >= 4))");
+  filter.Clear();
+  EXPECT_EQ(filter.MinDetectionLevel, dlNone);
+  EXPECT_TRUE(filter.IsEmpty());
+
+  int32_t level = dlNone;
+  EXPECT_TRUE(ParseDetectionLevel("Medium", level));
+  EXPECT_EQ(level, dlMedium);
+  EXPECT_TRUE(ParseDetectionLevel("0", level));
+  EXPECT_EQ(level, dlInformational);
+  for (const char* bad : {"", "5", "-1", "med", "high ", "critical'--", "10"}) EXPECT_FALSE(ParseDetectionLevel(bad, level)) << bad;
+  EXPECT_STREQ(DetectionLevelName(dlCritical), "critical");
+  EXPECT_STREQ(DetectionLevelName(dlNone), "");
+}
+
+TEST(EventFilterDetections, FilterFilesKeepTheLevel) {
+  TEventFilter filter;
+  filter.MinDetectionLevel = dlMedium;
+  const std::string text = filter.SaveToString();
+  EXPECT_NE(text.find("<MinDetectionLevel>medium</MinDetectionLevel>"), std::string::npos) << text;
+  TEventFilter loaded;
+  loaded.LoadFromString(text);
+  EXPECT_EQ(loaded.MinDetectionLevel, dlMedium);
+  EXPECT_EQ(loaded.SaveToString(), text);
+  // Files without the element (older ones) select by no level; a file can say it by number.
+  TEventFilter plain;
+  EXPECT_EQ(plain.SaveToString().find("MinDetectionLevel"), std::string::npos);
+  loaded.LoadFromString(plain.SaveToString());
+  EXPECT_EQ(loaded.MinDetectionLevel, dlNone);
+  loaded.LoadFromString("<QVEX_Filter><Filter><MinDetectionLevel> 4 </MinDetectionLevel></Filter></QVEX_Filter>");
+  EXPECT_EQ(loaded.MinDetectionLevel, dlCritical);
+  try {
+    loaded.LoadFromString("<QVEX_Filter><Filter><MinDetectionLevel>2) OR (1=1</MinDetectionLevel></Filter></QVEX_Filter>",
+                          "f.xml");
+    ADD_FAILURE() << "a level that is not one was loaded";
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "f.xml: element QVEX_Filter/Filter/MinDetectionLevel: \"2) OR (1=1\" is not a detection "
+                           "level (informational, low, medium, high, critical)");
+  }
+  EXPECT_EQ(loaded.MinDetectionLevel, dlCritical);
 }
 
 TEST(EventFilterFile, BadFilesNameFileAndElementAndChangeNothing) {

@@ -430,14 +430,14 @@ TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
     const json info = session.Info();
     EXPECT_TRUE(info["detections"].get<bool>());
     server::TViewQuery high;
-    high.DetectionLevel = 3;
+    high.Filter.MinDetectionLevel = dlHigh;
     const json rows = session.Rows(high, 0, 1000);
     server::TViewQuery failed;
     failed.Filter.IDs = "4625";
     EXPECT_EQ(rows["count"], session.Rows(failed, 0, 1)["count"]);
     ASSERT_FALSE(rows["rows"].empty());
     EXPECT_EQ(rows["rows"][0]["level"], 3);
-    high.DetectionLevel = 4;
+    high.Filter.MinDetectionLevel = dlCritical;
     EXPECT_EQ(session.Rows(high, 0, 1)["count"], 0);
     const json event = session.Event(rows["rows"][0]["id"].get<int64_t>());
     ASSERT_EQ(event["detections"].size(), 1u);

@@ -8,6 +8,7 @@ const LISTS: [string, string, string][] = [
   ['sources', 'Source', 'Sources'], ['categories', 'CategoryName', 'Categories'],
   ['users', 'UserName', 'Users'], ['computers', 'Computer', 'Computers'],
 ];
+const LEVELS = ['informational', 'low', 'medium', 'high', 'critical'];
 const OPS = ['equals', 'notEqual', 'contains', 'notContains', 'matches', 'notMatches', 'inList', 'notInList', 'greater', 'less'];
 
 let unique = 0;
@@ -47,7 +48,14 @@ export class FilterForm {
     const range = fieldset('Date and time');
     range.append(text('from', 'From', 'YYYY-MM-DD hh:mm:ss'), text('to', 'To', 'YYYY-MM-DD hh:mm:ss'),
       check('date-exclude', 'Exclude the range', false), text('last-days', 'Last days', '0'), text('last-hours', 'Last hours', '0'));
-    form.append(ids, descr, range);
+    const detections = fieldset('Detections');
+    const level = document.createElement('select');
+    level.name = 'min-detection-level';
+    level.append(new Option('(any event)', ''), ...LEVELS.map((l) => new Option(l, l)));
+    const levelLabel = document.createElement('label');
+    levelLabel.append('Detections at least ', level);
+    detections.append(levelLabel);
+    form.append(ids, descr, range, detections);
     for (const kind of ['params', 'columns'] as const) {
       const set = fieldset(kind === 'params' ? 'Description parameter conditions' : 'Custom column conditions');
       const add = button(kind === 'params' ? 'Add parameter condition' : 'Add column condition');
@@ -169,6 +177,8 @@ export class FilterForm {
     if ((from || to) && this.input('date-exclude').checked) filter.dateExclude = true;
     const days = Number(this.input('last-days').value || 0), hours = Number(this.input('last-hours').value || 0);
     if (days || hours) filter.last = { days, hours };
+    const level = (this.form.querySelector('[name="min-detection-level"]') as HTMLSelectElement).value;
+    if (level) filter.minDetectionLevel = level;
     for (const kind of ['params', 'columns'] as const) {
       const list = [...this.conditions[kind].children].map((row) => {
         const [first, , value] = [...row.querySelectorAll('input')] as HTMLInputElement[];
@@ -200,6 +210,8 @@ export class FilterForm {
     this.input('date-exclude').checked = Boolean(f.dateExclude);
     this.input('last-days').value = f.last?.days ? String(f.last.days) : '';
     this.input('last-hours').value = f.last?.hours ? String(f.last.hours) : '';
+    const level = typeof f.minDetectionLevel === 'number' ? LEVELS[f.minDetectionLevel] : f.minDetectionLevel;
+    (this.form.querySelector('[name="min-detection-level"]') as HTMLSelectElement).value = level ?? '';
     for (const kind of ['params', 'columns'] as const) {
       this.conditions[kind].replaceChildren();
       for (const c of f[kind] ?? []) this.addCondition(kind, c);
@@ -229,6 +241,7 @@ export class FilterForm {
     if (f.descr) parts.push(`description ${f.descr.exclude ? 'without' : 'with'} "${f.descr.text}"`);
     if (f.from || f.to) parts.push(`${f.dateExclude ? 'outside' : 'from'} ${f.from ?? '…'} to ${f.to ?? '…'}`);
     if (f.last) parts.push(`last ${f.last.days || 0} d ${f.last.hours || 0} h`);
+    if (f.minDetectionLevel !== undefined) parts.push(`detections at least ${f.minDetectionLevel}`);
     if (f.params) parts.push(`${f.params.length} parameter condition(s)`);
     if (f.columns) parts.push(`${f.columns.length} column condition(s)`);
     return parts.length ? parts.join('; ') : 'no filter';

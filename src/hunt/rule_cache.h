@@ -1,0 +1,115 @@
+// A cache of parsed rule files, so that a rule set loads without reading YAML again.
+//
+// Reading YAML is most of the time a rule set takes to load; compiling the parsed tree is
+// quick. The cache keeps, per rule file, the YAML documents as TYamlNode trees (or the
+// reason the file could not be read as YAML), keyed by the file's path, size, change time
+// and a hash of its bytes; rules are compiled from them as from freshly parsed text, so a
+// cached load gives the same rules, detections and unusable rules as an uncached one.
+//
+// One cache file per rule path loaded (file or folder), in the user's cache folder
+// ($XDG_CACHE_HOME/quorvex or ~/.cache/quorvex), named after a hash of the absolute path:
+//
+//   offset size  field
+//   0      8     magic "QVXRULEC"
+//   8      4     format version (kVersion), u32 little-endian
+//   12     8     payload size, u64
+//   20     8     payload hash (FNV-1a 64), u64
+//   28     ...   payload: entry count u32, then per entry
+//                  path (u32 length, bytes), size u64, change time i64, content hash u64,
+//                  state u8 (0 documents, 1 error), then
+//                    error: u32 length, bytes
+//                    documents: u32 count, then nodes
+//                  node: kind u8 (TYamlNode::TKind), line u32, then
+//                    scalar: u32 length, bytes;  list: u32 count, nodes;
+//                    map: u32 count, (u32 key length, key bytes, node) each
+//
+// The cache file is untrusted: it is read whole under a size limit, every length and
+// count is checked against the bytes left, nesting and node counts are bounded, and a
+// wrong magic, version, size or hash drops the whole file. An entry whose key does not
+// match the rule file (or whose trees do not read back) is ignored and the file parsed
+// again. Writing goes to a temporary file renamed over the old one, so readers never
+// see half a cache; a cache that cannot be written is simply not kept.
+#pragma once
+
+#include "hunt/sigma_yaml.h"
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qvx::hunt {
+
+// FNV-1a 64 of a text.
+uint64_t HashBytes(std::string_view AText);
+
+// What identifies one version of a rule file.
+struct TRuleFileKey {
+  std::string Path;
+  uint64_t Size = 0;
+  int64_t ChangeTime = 0;
+  uint64_t Hash = 0;
+  friend bool operator==(const TRuleFileKey&, const TRuleFileKey&) = default;
+};
+
+// A parsed rule file: its documents, or why it could not be read as YAML.
+struct TParsedRuleFile {
+  bool Failed = false;
+  std::string Error;
+  std::vector<TYamlNode> Documents;
+};
+
+class TRuleCache {
+public:
+  static constexpr uint32_t kVersion = 1;
+  static constexpr uint64_t kMaxFileBytes = 256ull << 20;
+
+  // The user's cache folder for quorvex; "" when neither XDG_CACHE_HOME nor HOME is set.
+  static std::string DefaultFolder();
+  // The cache file of a rule path (file or folder) inside AFolder.
+  static std::string FileFor(const std::string& AFolder, const std::string& ARulePath);
+
+  // A cache backed by AFile (not read yet).
+  explicit TRuleCache(std::string AFile) : FFile(std::move(AFile)) {}
+
+  // Reads the cache file. A missing, damaged or foreign file leaves the cache empty (and
+  // Note() says why for a damaged one); never raises.
+  void Load();
+  // The parsed file of AKey when the cache holds exactly that version of it; false
+  // otherwise (also when its entry does not read back). Safe on several threads at once.
+  bool Find(const TRuleFileKey& AKey, TParsedRuleFile& AParsed) const;
+  // Keeps a parsed file (Encode's form) for the next save.
+  void Put(const TRuleFileKey& AKey, std::string AEncoded);
+  // Keeps the entry Find found for AKey for the next save.
+  void Keep(const TRuleFileKey& AKey);
+  // Writes the entries put or kept since Load when anything changed (entries not used
+  // this time are dropped). Returns false when the file could not be written.
+  bool Save();
+
+  size_t Hits() const { return FHits; }
+  size_t Misses() const { return FMisses; }
+  const std::string& Note() const { return FNote; }
+  const std::string& File() const { return FFile; }
+
+  // The serialised form of a parsed file, and back (false for bytes that do not read).
+  static void Encode(const TParsedRuleFile& AParsed, std::string& AOut);
+  static bool Decode(std::string_view ABytes, TParsedRuleFile& AParsed);
+
+private:
+  struct TEntry {
+    TRuleFileKey Key;
+    std::string_view Bytes; // Encode's form, in FBuffer or FOwned
+  };
+  std::string FFile;
+  std::string FNote;
+  std::string FBuffer;          // the cache file as read
+  std::deque<std::string> FOwned; // entries encoded this time (stable places)
+  std::unordered_map<std::string, TEntry> FLoaded; // by path
+  std::vector<TEntry> FNext;
+  bool FChanged = false;
+  size_t FHits = 0, FMisses = 0;
+};
+
+} // namespace qvx::hunt

@@ -1,0 +1,40 @@
+// The filter object as JSON: the detection level criterion.
+#include "filter/filter_json.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace qvx {
+namespace {
+
+using nlohmann::json;
+
+TEST(FilterJsonDetections, TheLevelByNameOrNumberRoundTrips) {
+  EXPECT_EQ(FilterFromJson(json::parse(R"({"minDetectionLevel": "high"})")).MinDetectionLevel, dlHigh);
+  EXPECT_EQ(FilterFromJson(json::parse(R"({"minDetectionLevel": "LOW"})")).MinDetectionLevel, dlLow);
+  EXPECT_EQ(FilterFromJson(json::parse(R"({"minDetectionLevel": 0})")).MinDetectionLevel, dlInformational);
+  EXPECT_EQ(FilterFromJson(json::parse(R"({"minDetectionLevel": null})")).MinDetectionLevel, dlNone);
+  EXPECT_EQ(FilterFromJson(json::parse("{}")).MinDetectionLevel, dlNone);
+  TEventFilter filter;
+  EXPECT_FALSE(FilterToJson(filter).contains("minDetectionLevel"));
+  filter.MinDetectionLevel = dlCritical;
+  const json out = FilterToJson(filter);
+  EXPECT_EQ(out["minDetectionLevel"], "critical");
+  EXPECT_EQ(FilterFromJson(out).MinDetectionLevel, dlCritical);
+}
+
+TEST(FilterJsonDetections, AnythingElseIsRefusedNamingTheMember) {
+  for (const char* bad : {R"({"minDetectionLevel": "3) OR 1=1 --"})", R"({"minDetectionLevel": 5})",
+                          R"({"minDetectionLevel": -1})", R"({"minDetectionLevel": 2.5})", R"({"minDetectionLevel": [2]})",
+                          R"({"minDetectionLevel": true})"}) {
+    try {
+      FilterFromJson(json::parse(bad));
+      ADD_FAILURE() << "accepted: " << bad;
+    } catch (const EFilterJsonError& e) {
+      EXPECT_NE(std::string(e.what()).find("minDetectionLevel"), std::string::npos) << e.what();
+    }
+  }
+}
+
+} // namespace
+} // namespace qvx

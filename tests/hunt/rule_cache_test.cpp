@@ -1,0 +1,224 @@
+// The rule cache: parsed rule files round-trip, a damaged cache never crashes and is
+// ignored, a changed rule file is parsed again, and cached loads give the same rules,
+// unusable rules and detections as uncached ones.
+#include "hunt/hunt_fixture.h"
+#include "hunt/rule_cache.h"
+
+#include "support/evtx_fixtures.h"
+#include "support/test_paths.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace qvx::test {
+namespace {
+
+namespace fs = std::filesystem;
+using hunt::TParsedRuleFile;
+using hunt::TRuleCache;
+using hunt::TRuleSet;
+
+void WriteText(const fs::path& APath, const std::string& AText) {
+  std::ofstream out(APath, std::ios::binary | std::ios::trunc);
+  out << AText;
+}
+
+std::string ReadText(const fs::path& APath) {
+  std::ifstream in(APath, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// A folder of rules: two that match ProcessEvent("C:\\x\\evil.exe", ...), one whose
+// condition names no search (unusable), one that is not YAML (unusable at parse time).
+fs::path RuleFolder(const fs::path& AScratch) {
+  const fs::path dir = AScratch / "rules";
+  fs::create_directories(dir / "sub");
+  WriteText(dir / "a.yml", RuleText("  sel:\n    Image|endswith: '\\evil.exe'\n  condition: sel\n"));
+  WriteText(dir / "sub" / "b.yml",
+            RuleText("  sel:\n    CommandLine|contains|all:\n      - '-enc'\n      - 'AAAA'\n  condition: sel\n"));
+  WriteText(dir / "c.yml", RuleText("  sel:\n    Image: x\n  condition: sel and other\n"));
+  WriteText(dir / "d.yaml", "title: [unclosed\n");
+  return dir;
+}
+
+std::string LogFile() {
+  TEvtxFileWriter writer;
+  writer.AddEvent(ProcessEvent("C:\\x\\evil.exe", "evil.exe -enc AAAA"));
+  writer.AddEvent(ProcessEvent("C:\\x\\good.exe", "good.exe"));
+  writer.AddEvent(ProcessEvent("C:\\y\\EVIL.EXE", "x"));
+  return WriteTempFile("cache.evtx", writer.Bytes());
+}
+
+struct TLoaded {
+  std::vector<std::string> Reasons;
+  std::vector<std::string> Titles;
+  std::vector<std::string> Detections;
+  size_t Hits = 0, Misses = 0;
+  std::vector<std::string> Notes;
+};
+
+TLoaded Load(const fs::path& ARules, const std::string& ACacheFolder, const std::string& ALog) {
+  TRuleSet rules;
+  rules.SetCacheFolder(ACacheFolder);
+  rules.LoadPath(ARules.string());
+  TLoaded out;
+  for (const auto& unusable : rules.Unusable()) out.Reasons.push_back(unusable.Reason);
+  for (const auto& rule : rules.Rules()) out.Titles.push_back(rule->File + "|" + rule->Title);
+  out.Detections = HuntFile(rules, ALog);
+  out.Hits = rules.CacheHits();
+  out.Misses = rules.CacheMisses();
+  out.Notes = rules.CacheNotes();
+  return out;
+}
+
+void ExpectSame(const TLoaded& A, const TLoaded& B) {
+  EXPECT_EQ(A.Reasons, B.Reasons);
+  EXPECT_EQ(A.Titles, B.Titles);
+  EXPECT_EQ(A.Detections, B.Detections);
+}
+
+TEST(RuleCache, CachedLoadsGiveTheSameRulesAndDetections) {
+  const fs::path scratch = ScratchDir();
+  const fs::path rules = RuleFolder(scratch);
+  const std::string cache = (scratch / "cache").string();
+  const std::string log = LogFile();
+  const TLoaded plain = Load(rules, "", log);
+  ASSERT_EQ(plain.Reasons.size(), 2u);
+  ASSERT_EQ(plain.Detections.size(), 3u); // evil.exe by both rules, EVIL.EXE by the first
+  EXPECT_EQ(plain.Hits + plain.Misses, 0u);
+
+  const TLoaded first = Load(rules, cache, log);
+  EXPECT_EQ(first.Hits, 0u);
+  EXPECT_EQ(first.Misses, 4u);
+  ExpectSame(plain, first);
+  ASSERT_TRUE(fs::exists(TRuleCache::FileFor(cache, rules.string())));
+
+  const TLoaded second = Load(rules, cache, log);
+  EXPECT_EQ(second.Hits, 4u);
+  EXPECT_EQ(second.Misses, 0u);
+  EXPECT_TRUE(second.Notes.empty());
+  ExpectSame(plain, second);
+  // The unusable rules are still named, with their reasons, from the cache.
+  EXPECT_NE(second.Reasons[1].find("YAML error"), std::string::npos) << second.Reasons[1];
+}
+
+TEST(RuleCache, AChangedRuleFileIsParsedAgain) {
+  const fs::path scratch = ScratchDir();
+  const fs::path rules = RuleFolder(scratch);
+  const std::string cache = (scratch / "cache").string();
+  const std::string log = LogFile();
+  Load(rules, cache, log);
+  // Same size and same change time, other bytes: only the content hash tells.
+  const fs::path a = rules / "a.yml";
+  const auto changed = fs::last_write_time(a);
+  std::string text = ReadText(a);
+  const size_t at = text.find("evil.exe");
+  ASSERT_NE(at, std::string::npos);
+  text.replace(at, 8, "good.exe");
+  WriteText(a, text);
+  fs::last_write_time(a, changed);
+  const TLoaded after = Load(rules, cache, log);
+  EXPECT_EQ(after.Misses, 1u);
+  EXPECT_EQ(after.Hits, 3u);
+  ExpectSame(Load(rules, "", log), after);
+  EXPECT_EQ(after.Detections.size(), 2u); // good.exe by a.yml, evil.exe -enc by b.yml
+
+  // A file removed is dropped, a file added is parsed.
+  fs::remove(rules / "c.yml");
+  WriteText(rules / "e.yml", RuleText("  sel:\n    Image|contains: 'y\\'\n  condition: sel\n"));
+  const TLoaded again = Load(rules, cache, log);
+  EXPECT_EQ(again.Misses, 1u);
+  EXPECT_EQ(again.Hits, 3u);
+  ExpectSame(Load(rules, "", log), again);
+  EXPECT_EQ(Load(rules, cache, log).Hits, 4u);
+}
+
+TEST(RuleCache, ADamagedCacheIsIgnoredWhole) {
+  const fs::path scratch = ScratchDir();
+  const fs::path rules = RuleFolder(scratch);
+  const std::string cache = (scratch / "cache").string();
+  const std::string log = LogFile();
+  const TLoaded plain = Load(rules, "", log);
+  Load(rules, cache, log);
+  const std::string file = TRuleCache::FileFor(cache, rules.string());
+  const std::string good = ReadText(file);
+  ASSERT_GT(good.size(), 40u);
+
+  struct TCase {
+    std::string Bytes, Note;
+  };
+  std::string flipped = good;
+  flipped[good.size() / 2] ^= 0x20;
+  std::string magic = good;
+  magic[0] = 'X';
+  const std::vector<TCase> cases = {
+      {flipped, "offset 12: damaged (size or hash does not match), ignored"},
+      {good.substr(0, good.size() - 3), "offset 12: damaged (size or hash does not match), ignored"},
+      {good.substr(0, 10), "not a rule cache of a sensible size, ignored"},
+      {magic, "offset 0: not a rule cache, ignored"},
+  };
+  for (const TCase& c : cases) {
+    WriteText(file, c.Bytes);
+    const TLoaded damaged = Load(rules, cache, log);
+    EXPECT_EQ(damaged.Hits, 0u);
+    ASSERT_EQ(damaged.Notes.size(), 1u);
+    EXPECT_EQ(damaged.Notes[0], file + ": " + c.Note);
+    ExpectSame(plain, damaged);
+    // ... and is written anew.
+    EXPECT_EQ(Load(rules, cache, log).Hits, 4u);
+  }
+}
+
+TEST(RuleCache, EntriesThatDoNotReadBackAreRefused) {
+  TParsedRuleFile parsed;
+  parsed.Documents = hunt::ParseYamlDocuments(
+      RuleText("  sel:\n    Image|endswith:\n      - a\n      - b\n  condition: sel\n") + "---\ntitle: two\n", "r.yml");
+  std::string bytes;
+  TRuleCache::Encode(parsed, bytes);
+  TParsedRuleFile back;
+  ASSERT_TRUE(TRuleCache::Decode(bytes, back));
+  std::string again;
+  TRuleCache::Encode(back, again);
+  EXPECT_EQ(bytes, again);
+  ASSERT_EQ(back.Documents.size(), 2u);
+  EXPECT_EQ(back.Documents[0].TextOf("title"), "Test Rule");
+  EXPECT_EQ(back.Documents[0].Find("detection")->Line, 10);
+
+  // Every cut and every changed byte either reads back or is refused; none crashes or
+  // asks for memory it has no bytes for.
+  for (size_t cut = 0; cut < bytes.size(); ++cut) EXPECT_FALSE(TRuleCache::Decode(bytes.substr(0, cut), back));
+  for (size_t at = 0; at < bytes.size(); ++at)
+    for (const uint8_t value : {0x00, 0x01, 0x03, 0x7F, 0xFF}) {
+      std::string damaged = bytes;
+      damaged[at] = static_cast<char>(value);
+      TRuleCache::Decode(damaged, back);
+    }
+  // A huge count with no bytes behind it.
+  const std::string huge = std::string("\x00\xFF\xFF\xFF\x7F", 5);
+  EXPECT_FALSE(TRuleCache::Decode(huge, back));
+  // Nesting beyond the limit.
+  std::string deep(1, '\0');
+  deep += std::string("\x01\x00\x00\x00", 4);
+  for (int i = 0; i < 300; ++i) deep += std::string("\x02\x01\x00\x00\x00\x01\x00\x00\x00", 9);
+  EXPECT_FALSE(TRuleCache::Decode(deep, back));
+}
+
+TEST(RuleCache, TheWholeWindowsRuleSetLoadsTheSameFromTheCache) {
+  if (SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
+  const fs::path rules = SigmaDir() / "rules" / "windows";
+  const std::string cache = (ScratchDir() / "cache").string();
+  const std::string log = LogFile();
+  const TLoaded plain = Load(rules, "", log);
+  const TLoaded first = Load(rules, cache, log);
+  const TLoaded second = Load(rules, cache, log);
+  EXPECT_EQ(second.Misses, 0u);
+  EXPECT_EQ(second.Hits, first.Misses);
+  EXPECT_GT(second.Hits, 1000u);
+  ExpectSame(plain, first);
+  ExpectSame(plain, second);
+}
+
+} // namespace
+} // namespace qvx::test
