@@ -5,6 +5,13 @@
             same files inside an E01 image (IMAGE::PATH); target: image <= 1.5 x folder
     raw:    quorvex scan RAW   against   cat RAW            target: >= 90% of cat's speed
     E01:    quorvex scan E01   against   ewfexport -u -f raw -t - E01     target: >= 70%
+    shadow: (--shadows) quorvex events on every log as a Volume Shadow Copy inside the E01
+            holds it (IMAGE@1:vss1::PATH), against the same logs from a folder; target:
+            shadow copy <= 2 x folder
+
+With --shadows every log on the volume is overwritten by a log of another writer
+(qvx_bench_fixtures) after the copy was taken, and qvx_vss_fill keeps the old blocks in
+one store, so every block of the old logs is read through the store.
 
 The image: an NTFS volume of --size MB (mkntfs, filled with libntfs-3g by qvx_ntfs_fill)
 holding logs written by 'quorvex demo' and a file of random bytes over half the volume (so
@@ -46,7 +53,7 @@ def peak_rss_mb(cmd):
     return max(before, resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss) / 1024
 
 
-def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int):
+def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int, shadows: bool):
     quorvex = build_dir / "src/app/quorvex"
     fill = build_dir / "tests/qvx_ntfs_fill"
     tree = work / "inst/Windows/System32/winevt/Logs"
@@ -60,6 +67,20 @@ def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int):
         f.truncate(size_mb * 1024 * 1024)
     run(["mkntfs", "-F", "-q", "-Q", "-p", "2048", str(vol)])
     run([str(fill), str(vol), str(work / "inst")])
+    old_tree = None
+    if shadows:
+        # The copy holds the demo logs; the volume and the folder then hold another writer's.
+        old_tree = work / "old-logs"
+        shutil.copytree(tree, old_tree)
+        old_vol = work / "old.img"
+        shutil.copyfile(vol, old_vol)
+        run([str(build_dir / "bench/qvx_bench_fixtures"), str(work / "newer"), str(records), "3"])
+        newer = work / "newer/bench.evtx"
+        for log in sorted(tree.iterdir()):
+            run([str(fill), str(vol), "--replace", f"/Windows/System32/winevt/Logs/{log.name}", str(newer)])
+            shutil.copyfile(newer, log)
+        run([str(build_dir / "tests/qvx_vss_fill"), str(old_vol), str(vol)])
+        old_vol.unlink()
     raw = work / "disk.raw"
     with open(raw, "wb") as f:
         f.truncate((size_mb + 2) * 1024 * 1024)
@@ -68,7 +89,7 @@ def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int):
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     vol.unlink()
     run(["ewfacquire", "-u", "-t", str(work / "disk"), str(raw)])
-    return quorvex, raw, work / "disk.E01", tree
+    return quorvex, raw, work / "disk.E01", tree, old_tree
 
 
 def main():
@@ -78,6 +99,7 @@ def main():
     ap.add_argument("--logs", type=int, default=8, help="logs in the installation (default 8)")
     ap.add_argument("--records", type=int, default=20000, help="records per log (default 20000)")
     ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--shadows", action="store_true", help="also time the logs read through a shadow copy")
     args = ap.parse_args()
     for tool in ("mkntfs", "sfdisk", "ewfacquire", "ewfexport"):
         if not shutil.which(tool):
@@ -85,7 +107,8 @@ def main():
     with tempfile.TemporaryDirectory(prefix="quorvex-bench-images-") as tmp:
         work = Path(tmp)
         print(f"building a {args.size} MB image with {args.logs} logs of {args.records} records ...", flush=True)
-        quorvex, raw, e01, tree = build(work, Path(args.build), args.size, args.logs, args.records)
+        quorvex, raw, e01, tree, old_tree = build(work, Path(args.build), args.size, args.logs, args.records,
+                                                  args.shadows)
         names = sorted(p.name for p in tree.iterdir())
         folder_cmd = " ; ".join(f"{quorvex} events -q -f csv '{tree / n}' > /dev/null" for n in names)
         image_cmd = " ; ".join(
@@ -110,6 +133,17 @@ def main():
         print(f"scan raw speed / cat        = {r2 * 100:.0f}% (target >= 90%)  {'ok' if r2 >= 0.9 else 'MISSED'}")
         print(f"scan E01 speed / ewfexport  = {r3 * 100:.0f}% (target >= 70%)  {'ok' if r3 >= 0.7 else 'MISSED'}")
         print(f"scan E01 peak RSS           = {rss:.0f} MB")
+        if old_tree:
+            old_cmd = " ; ".join(f"{quorvex} events -q -f csv '{old_tree / n}' > /dev/null" for n in names)
+            copy_cmd = " ; ".join(
+                f"{quorvex} events -q -f csv '{e01}@1:vss1::/Windows/System32/winevt/Logs/{n}' > /dev/null"
+                for n in names)
+            t_old = timed(old_cmd, args.runs, shell=True)
+            t_copy = timed(copy_cmd, args.runs, shell=True)
+            print(f"  {'old logs: folder':18s} {t_old:8.3f} s")
+            print(f"  {'old logs: E01 vss1':18s} {t_copy:8.3f} s")
+            r4 = t_copy / t_old
+            print(f"logs from shadow copy / folder = {r4:.2f}x (target <= 2)  {'ok' if r4 <= 2 else 'MISSED'}")
 
 
 if __name__ == "__main__":

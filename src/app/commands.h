@@ -119,9 +119,18 @@ bool IsImageInput(const std::string& APath);
 // gives the volume by its byte offset), or only its unallocated clusters. Raises
 // EImageError naming the image and the problem.
 std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated);
-// Every .evtx and .evt log of the installation in an image ("IMAGE" or "IMAGE@VOLUME"),
-// as IMAGE@N::PATH names. Raises EImageError when there is no installation or no log.
+// Every .evtx and .evt log of the installation in an image ("IMAGE", "IMAGE@VOLUME" or
+// either with ":vssN" for a shadow copy), as IMAGE@N[:vssN]::PATH names. Raises
+// EImageError when there is no installation or no log.
 std::vector<std::string> ImageLogsOf(const std::string& APath);
+// The shadow copies of the installation volume of an image ("IMAGE" or "IMAGE@VOLUME"),
+// as "IMAGE@N:vssM" names in the order `imaged` lists them. Raises EImageError when the
+// volume cannot be chosen or its shadow copy catalog cannot be read.
+std::vector<std::string> ImageShadowsOf(const std::string& APath);
+// The name APath ("IMAGE" or "IMAGE::PATH") with the volume at byte offset AOffset of
+// the image: "IMAGE@+AOffset[::PATH]" (--offset). Raises std::runtime_error when APath
+// names no image file or already names a volume.
+std::string WithVolumeOffset(const std::string& APath, int64_t AOffset);
 // Lists a disk image's container, partitions and volumes, and each NTFS volume's
 // Windows folder and logs.
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
@@ -150,6 +159,7 @@ struct TStoreOptions {
   std::string Store;             // the store file
   bool Append = false;           // open: add the logs to the store's
   bool Scan = false;             // open: deep-scan the logs (images, devices, damaged files)
+  bool Shadows = false;          // open: an image's logs in its shadow copies too
   std::string TimeZone = "local";
   std::string Imaged;
   std::vector<std::string> Catalogs;

@@ -14,6 +14,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 
 namespace qvx::app {
@@ -209,7 +210,10 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     ApplyTimeZone(source, AOptions.TimeZone);
     source.SetReadAhead(AOptions.Threads);
     source.SetBackupFileName(AOptions.Path);
-    if (AOptions.Offset >= 0 || AOptions.Unallocated)
+    // "IMAGE@2" and "IMAGE@2:vss1" (no file of that name) are a volume's data too.
+    if (AOptions.Offset >= 0 || AOptions.Unallocated ||
+        (!std::filesystem::exists(AOptions.Path) && AOptions.Path.find("::") == std::string::npos &&
+         IsImageInput(AOptions.Path)))
       source.SetStream(OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated));
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");

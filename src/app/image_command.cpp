@@ -2,6 +2,7 @@
 // data of one of its volumes.
 #include "app/commands.h"
 
+#include "engine/evtx/evtx_time.h"
 #include "images/evidence_image.h"
 #include "images/image_error.h"
 
@@ -21,16 +22,70 @@ std::string SizeText(uint64_t ABytes) {
   return text;
 }
 
-// "IMAGE" or "IMAGE@VOLUME" split into its parts.
+// "IMAGE", "IMAGE@VOLUME" or either with ":vssN" split into its parts (AVolume keeps
+// the ":vssN").
 void SplitVolume(const std::string& APath, std::string& AImage, std::string& AVolume) {
   AImage = APath;
   AVolume.clear();
   struct stat st;
   if (::stat(APath.c_str(), &st) == 0) return;
+  std::string image, volume, path;
+  if (TEvidenceImage::SplitName(APath + "::/", image, volume, path)) {
+    AImage = image;
+    AVolume = volume;
+    return;
+  }
   const size_t at = APath.rfind('@');
   if (at == std::string::npos) return;
   AImage = APath.substr(0, at);
   AVolume = APath.substr(at + 1);
+}
+
+// A FILETIME as ISO 8601 UTC to the second: "2024-03-01T10:20:30Z".
+std::string UtcText(uint64_t AFiletime) {
+  if (AFiletime == 0) return "(no time)";
+  std::string text = FiletimeToText(AFiletime);
+  if (const size_t dot = text.find('.'); dot != std::string::npos) {
+    text.resize(dot);
+    text.push_back('Z');
+  }
+  return text;
+}
+
+// Lists the shadow copies of an NTFS volume; false when their catalog cannot be read
+// (the reason goes to AErr).
+bool ListShadows(TEvidenceImage& AImage, const TImageVolume& AVolume, std::FILE* AOut, std::FILE* AErr) {
+  try {
+    const std::shared_ptr<TShadowCopies> copies = AImage.Shadows(AVolume);
+    if (copies->Count() == 0) {
+      std::fprintf(AOut, "  Shadow copies    none\n");
+      return true;
+    }
+    std::fprintf(AOut, "  Shadow copies (%u)\n", copies->Count());
+    bool readable = true;
+    for (const TShadowCopyInfo& c : copies->Copies()) {
+      // The first sector read through the store shows whether the copy can be read at all.
+      std::string damage;
+      try {
+        uint8_t sector[512];
+        AImage.ShadowStream(AVolume, c.Number)->ReadAt(0, sector, sizeof sector);
+      } catch (const EImageError& e) {
+        damage = e.what();
+      }
+      std::fprintf(AOut, "    vss%-3u %-20s  %s@%s::/%s\n", c.Number, UtcText(c.CreationTime).c_str(),
+                   AImage.Path().c_str(), TEvidenceImage::VolumeRef(AVolume, c.Number).c_str(),
+                   damage.empty() ? "" : "  (cannot be read)");
+      if (!damage.empty()) {
+        std::fprintf(AErr, "quorvex: %s\n", damage.c_str());
+        readable = false;
+      }
+    }
+    return readable;
+  } catch (const EImageError& e) {
+    std::fprintf(AOut, "  Shadow copies    (cannot be read)\n");
+    std::fprintf(AErr, "quorvex: %s\n", e.what());
+    return false;
+  }
 }
 
 } // namespace
@@ -46,26 +101,32 @@ std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t
   std::string imagePath, volumeName;
   SplitVolume(APath, imagePath, volumeName);
   const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
+  const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
   if (AOffset >= 0) {
+    if (!volumeName.empty())
+      RaiseImageError(imagePath, kNoOffset, "give the volume either as @" + volumeName + " or by --offset");
     volumeName = std::to_string(AOffset);
     volumeName.insert(volumeName.begin(), '+');
   }
   const TImageVolume& volume = image->Volume(volumeName);
-  std::shared_ptr<const TReadStream> data = image->VolumeStream(volume);
-  if (!AUnallocated) return std::make_unique<TSubStream>(data, 0, data->Size(), image->VolumeName(volume));
-  const std::shared_ptr<TNtfsVolume> ntfs = image->Ntfs(volume);
+  const std::string name = image->VolumeName(volume, copy);
+  std::shared_ptr<const TReadStream> data =
+      copy ? image->ShadowStream(volume, copy) : image->VolumeStream(volume);
+  if (!AUnallocated) return std::make_unique<TSubStream>(data, 0, data->Size(), name);
+  const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
   std::vector<TExtentStream::TExtent> extents;
   for (const auto& [offset, length] : ntfs->UnallocatedRanges()) extents.push_back({offset, length});
-  return std::make_unique<TExtentStream>(data, std::move(extents), image->VolumeName(volume) + " (unallocated clusters)");
+  return std::make_unique<TExtentStream>(data, std::move(extents), name + " (unallocated clusters)");
 }
 
 std::vector<std::string> ImageLogsOf(const std::string& APath) {
   std::string imagePath, volumeName;
   SplitVolume(APath, imagePath, volumeName);
   const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
+  const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
   const TImageVolume& volume = image->Volume(volumeName);
-  const std::shared_ptr<TNtfsVolume> ntfs = image->Ntfs(volume);
-  const std::string prefix = imagePath + "@" + std::to_string(volume.Number) + "::";
+  const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
+  const std::string prefix = imagePath + "@" + TEvidenceImage::VolumeRef(volume, copy) + "::";
   std::vector<std::string> logs;
   for (const char* folder : {"/Windows/System32/winevt/Logs", "/Windows/System32/config"}) {
     std::vector<TNtfsEntry> entries = ntfs->List(folder);
@@ -78,8 +139,38 @@ std::vector<std::string> ImageLogsOf(const std::string& APath) {
       logs.push_back(prefix + folder + "/" + e.Name);
     }
   }
-  if (logs.empty()) RaiseImageError(image->VolumeName(volume), kNoOffset, "no .evtx or .evt logs in the Windows folder");
+  if (logs.empty())
+    RaiseImageError(image->VolumeName(volume, copy), kNoOffset,
+                    "no .evtx or .evt logs in the Windows folder");
   return logs;
+}
+
+std::vector<std::string> ImageShadowsOf(const std::string& APath) {
+  std::string imagePath, volumeName;
+  SplitVolume(APath, imagePath, volumeName);
+  const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
+  if (TEvidenceImage::TakeShadow(volumeName, imagePath)) return {};
+  const TImageVolume& volume = image->Volume(volumeName);
+  std::vector<std::string> copies;
+  for (const TShadowCopyInfo& c : image->Shadows(volume)->Copies())
+    copies.push_back(imagePath + "@" + TEvidenceImage::VolumeRef(volume, c.Number));
+  return copies;
+}
+
+std::string WithVolumeOffset(const std::string& APath, int64_t AOffset) {
+  const std::string at = "@+" + std::to_string(AOffset);
+  const size_t sep = APath.find("::");
+  const std::string image = APath.substr(0, sep);
+  struct stat st;
+  if (::stat(image.c_str(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode))) {
+    std::string split, volume, path;
+    if (TEvidenceImage::SplitName(image + "::/", split, volume, path))
+      throw std::runtime_error(APath + ": give the volume either as @" + volume + " or by --offset");
+    throw std::runtime_error("--offset " + std::to_string(AOffset) + ": " + image +
+                             " is no disk image file or device");
+  }
+  if (sep == std::string::npos) return APath + at;
+  return image + at + APath.substr(sep);
 }
 
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
@@ -107,19 +198,34 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
                    static_cast<unsigned long long>(v.Offset), SizeText(v.Length).c_str(),
                    v.FileSystem.empty() ? "-" : v.FileSystem.c_str(), v.Type.c_str());
     int status = 0;
-    for (const TImageVolume& v : image->Volumes()) {
-      if (v.FileSystem != "NTFS" && v.FileSystem != "BitLocker") continue;
-      std::fprintf(AOut, "\nVolume %u (%s)\n", v.Number, v.FileSystem.c_str());
+    // IMAGE@VOLUME (or --offset) details that volume only, IMAGE@VOLUME:vssN its copy.
+    const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
+    std::vector<TImageVolume> detailed = image->Volumes();
+    if (!volumeName.empty() || copy) detailed = {image->Volume(volumeName)};
+    for (const TImageVolume& v : detailed) {
+      if (v.FileSystem != "NTFS" && v.FileSystem != "BitLocker") {
+        if (detailed.size() == 1) image->Ntfs(v); // raises why the named volume is not readable
+        continue;
+      }
+      const std::string ref = TEvidenceImage::VolumeRef(v, copy);
+      if (v.Number)
+        std::fprintf(AOut, "\nVolume %u (%s)%s\n", v.Number, v.FileSystem.c_str(),
+                     copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
+      else
+        std::fprintf(AOut, "\nVolume at offset %llu (%s)%s\n", static_cast<unsigned long long>(v.Offset),
+                     v.FileSystem.c_str(), copy ? (", shadow copy " + std::to_string(copy)).c_str() : "");
       try {
-        const std::shared_ptr<TNtfsVolume> ntfs = image->Ntfs(v);
+        const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(v, copy) : image->Ntfs(v);
         const std::string label = ntfs->Label();
         if (!label.empty()) std::fprintf(AOut, "  Label            %s\n", label.c_str());
         TNtfsEntry windows;
         if (!ntfs->Find("/Windows", windows) || !windows.Folder) {
           std::fprintf(AOut, "  Windows folder   (none)\n");
+          if (!copy && !ListShadows(*image, v, AOut, AErr)) status = 1;
           continue;
         }
-        std::fprintf(AOut, "  Windows folder   %s@%u::/%s\n", image->Path().c_str(), v.Number, windows.Name.c_str());
+        std::fprintf(AOut, "  Windows folder   %s@%s::/%s\n", image->Path().c_str(), ref.c_str(),
+                     windows.Name.c_str());
         TNtfsEntry hive;
         std::fprintf(AOut, "  Registry         %s\n",
                      ntfs->Find("/Windows/System32/config/SOFTWARE", hive) ? "SOFTWARE and SYSTEM hives" : "(no SOFTWARE hive)");
@@ -138,10 +244,12 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
         std::sort(logs.begin(), logs.end(), [](const TNtfsEntry& a, const TNtfsEntry& b) { return a.Name < b.Name; });
         std::fprintf(AOut, "  Logs (%zu)\n", logs.size());
         for (const TNtfsEntry& e : logs) std::fprintf(AOut, "    %12llu  %s\n", static_cast<unsigned long long>(e.Size), e.Name.c_str());
-        std::fprintf(AOut, "  Shadow copies    %s\n", ntfs->HasShadowCopies() ? "present" : "none");
+        if (!copy && !ListShadows(*image, v, AOut, AErr)) status = 1;
       } catch (const EImageError& e) {
         std::fprintf(AErr, "quorvex: %s\n", e.what());
         status = 1;
+        // The copies of a damaged volume may still hold it as it was.
+        if (!copy && v.FileSystem == "NTFS" && !ListShadows(*image, v, AOut, AErr)) status = 1;
       }
     }
     return status;

@@ -81,14 +81,16 @@ int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     return 2;
   }
   std::unique_ptr<TImagedPC> computer;
+  int imageStatus = 0;
   if (IsImageInput(AOptions.Path) && AOptions.Only.empty()) {
-    // The image's structure, then the installation on it as for a folder.
-    const int status = RunImagedImage(AOptions, AOut, AErr);
-    if (status != 0) return status;
+    // The image's structure, then the installation on it as for a folder. Damage met
+    // in the listing (a volume, a shadow copy) was reported; the installation is still
+    // listed when it can be read, and the exit status tells of the damage.
+    imageStatus = RunImagedImage(AOptions, AOut, AErr);
     try {
       computer = OpenImaged(AOptions.Path);
     } catch (const std::exception&) {
-      return 0; // no installation to describe: the listing above says what the image holds
+      return imageStatus; // no installation to describe: the listing above says what the image holds
     }
     std::fprintf(AOut, "\nInstallation\n");
   }
@@ -149,7 +151,7 @@ int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     Heading(AOut, "Users", pc.Users().size());
     for (const auto& [sid, name] : pc.Users()) std::fprintf(AOut, "  %-48s %s\n", sid.c_str(), name.c_str());
   }
-  return 0;
+  return imageStatus;
 }
 
 } // namespace qvx::app

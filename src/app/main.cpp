@@ -106,9 +106,12 @@ int main(int argc, char** argv) {
   auto* cmdEvents = app.add_subcommand("events", "List the events of an .evtx or classic .evt file, newest first");
   cmdEvents->add_option("file", events.Path,
                          "The .evtx file, or a classic .evt file (recognised by its header); inside a disk image "
-                         "as IMAGE::/Windows/System32/winevt/Logs/System.evtx")
+                         "as IMAGE::/Windows/System32/winevt/Logs/System.evtx, IMAGE@2::PATH (volume 2) or\n"
+                         "IMAGE@2:vss1::PATH (volume 2 as its shadow copy 1 holds it)")
       ->required();
   addOutputOptions(cmdEvents);
+  cmdEvents->add_option("--offset", events.Offset,
+                        "The file lies on the volume that starts at this byte offset of the image (as IMAGE@+BYTES::PATH)");
   cmdEvents->footer("Columns of the table: time, type, event ID, source, task, user, computer, record number and\n"
                     "channel. CSV and JSON Lines add level, qualifiers, version, opcode, keywords, the user's SID,\n"
                     "the description and the event data values; XML gives each event's XML.\n"
@@ -119,11 +122,12 @@ int main(int argc, char** argv) {
 
   auto* cmdScan = app.add_subcommand("scan", "Deep-scan a damaged file, a disk image or a device for event chunks");
   cmdScan->add_option("path", events.Path,
-                      "A file, a disk image or a block device such as /dev/sdb (reading a device needs permission)")
+                      "A file, a disk image or a block device such as /dev/sdb (reading a device needs permission);\n"
+                      "IMAGE@N scans volume N of an image, IMAGE@N:vssM its shadow copy M")
       ->required();
   addOutputOptions(cmdScan);
   cmdScan->add_option("--offset", events.Offset,
-                      "Scan only the volume that starts at this byte offset of the image (IMAGE@N scans volume N)");
+                      "Scan only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)");
   cmdScan->add_flag("--unallocated", events.Unallocated,
                     "Scan only the unallocated clusters of the image's NTFS volume, where deleted logs survive");
   cmdScan->footer("Chunks are listed in the order they lie in the data, each from its last event back to its\n"
@@ -139,9 +143,15 @@ int main(int argc, char** argv) {
                         "image (E01, VHD/VHDX, VMDK, QCOW2, raw) or block device")
       ->required();
   cmdImaged->add_option("--only", imaged.Only, "One section: logs, channels, publishers, sources or users");
+  int64_t imagedOffset = -1;
+  cmdImaged->add_option("--offset", imagedOffset,
+                        "Only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)");
   cmdImaged->footer("Reads the installation's SOFTWARE and SYSTEM hives (never writes them) and lists its logs\n"
                     "folder, channels with their publishers, publishers and classic event sources with their\n"
                     "message files (mapped into the image), and the users of its profile list.\n"
+                    "A disk image is listed first: container, partitions, volumes, and each NTFS volume's Windows\n"
+                    "folder, logs and Volume Shadow Copies (vss1, vss2, ... with their creation time in UTC).\n"
+                    "A copy's files are named IMAGE@VOLUME:vssN::PATH; IMAGE@VOLUME:vssN lists that copy.\n"
                     "Then: quorvex events LOG --imaged DIR  describes LOG's events as that Windows would.");
 
   TCatalogOptions catalog;
@@ -214,11 +224,19 @@ int main(int argc, char** argv) {
     AddLoadOptions(*ACommand, store.Load);
   };
   auto* cmdOpen = app.add_subcommand("open", "Load logs into an event store file for viewing, filtering and alerts");
-  cmdOpen->add_option("logs", store.Logs, ".evtx or .evt files (with --scan: images, devices, damaged files)")
+  cmdOpen->add_option("logs", store.Logs,
+                      ".evtx or .evt files, or disk images (every log of the installation in each, IMAGE@VOLUME\n"
+                      "or IMAGE@VOLUME:vssN for one volume or shadow copy; with --scan: images, devices, damaged files)")
       ->required();
   cmdOpen->add_option("-s,--store", store.Store, "The store file to create (an existing store is replaced)")->required();
   cmdOpen->add_flag("--append", store.Append, "Add the logs to the store's events instead of replacing them");
   cmdOpen->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");
+  cmdOpen->add_flag("--shadows", store.Shadows,
+                    "For a disk image: load the logs of each Volume Shadow Copy of its installation volume too\n"
+                    "(named IMAGE@VOLUME:vssN::PATH in the store); a copy that cannot be read is reported and skipped");
+  int64_t openOffset = -1;
+  cmdOpen->add_option("--offset", openOffset,
+                      "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
   addLoadOptions(cmdOpen);
   cmdOpen->footer("Loading runs on a worker thread; Ctrl-C stops it and keeps what was loaded (\"User break.\").\n"
                   "Afterwards stderr shows the counts by type, the notices of the loading filter and the\n"
@@ -330,6 +348,16 @@ int main(int argc, char** argv) {
     if (dump.Threads == 0) dump.Threads = std::max(1u, std::thread::hardware_concurrency());
     dump.Order = order == "file" ? TChunkOrder::coFile : TChunkOrder::coNewestFirst;
     return RunDump(dump, stdout, stderr);
+  }
+  // --offset is a front to IMAGE@+BYTES.
+  try {
+    if (*cmdEvents && events.Offset >= 0) events.Path = WithVolumeOffset(events.Path, events.Offset);
+    if (*cmdImaged && imagedOffset >= 0) imaged.Path = WithVolumeOffset(imaged.Path, imagedOffset);
+    if (*cmdOpen && openOffset >= 0)
+      for (std::string& log : store.Logs) log = WithVolumeOffset(log, openOffset);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "quorvex: %s\n", e.what());
+    return 1;
   }
   if (*cmdEvents || *cmdScan) {
     events.Format = eventsFormat == "csv"     ? TOutputFormat::ofCsv

@@ -16,6 +16,7 @@
 #include "engine/event_log_binxml.h"
 #include "catalog/message_catalog.h"
 #include "imaged/imaged_pc.h"
+#include "images/image_error.h"
 #include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
 #include "view/log_view_engine.h"
@@ -29,6 +30,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <stdexcept>
 
 namespace qvx::app {
@@ -387,6 +389,8 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     // A disk image stands for every log of the installation in it, described from it.
     TStoreOptions options = AOptions;
     std::vector<std::string> logs;
+    std::set<std::string> optional; // logs of shadow copies: damage there skips the log only
+    int skipped = 0;
     for (const std::string& path : AOptions.Logs) {
       if (options.Scan || path.find("::") != std::string::npos || !IsImageInput(path) || IsClassicLog(path)) {
         logs.push_back(path);
@@ -402,8 +406,49 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
         logs.push_back(path);
         continue;
       }
-      for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
-      if (options.Imaged.empty()) options.Imaged = path;
+      if (!options.Shadows) {
+        for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
+        if (options.Imaged.empty()) options.Imaged = path;
+        continue;
+      }
+      // With --shadows a damaged volume is reported and its copies still read: they may
+      // hold the logs (and the MFT) as they were before the damage.
+      std::string current; // why the volume itself cannot be read
+      try {
+        for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
+        if (options.Imaged.empty()) options.Imaged = path;
+      } catch (const EImageError& e) {
+        current = e.what();
+      }
+      // Each shadow copy's logs too; a copy that cannot be read is reported and skipped.
+      std::vector<std::string> copies;
+      try {
+        copies = ImageShadowsOf(path);
+      } catch (const std::exception& e) {
+        if (!current.empty()) throw std::runtime_error(current);
+        std::fprintf(AErr, "quorvex: %s\n", e.what());
+        skipped = 1;
+      }
+      bool fromCopies = false;
+      for (const std::string& copy : copies) {
+        try {
+          for (std::string& log : ImageLogsOf(copy)) {
+            optional.insert(log);
+            logs.push_back(std::move(log));
+            fromCopies = true;
+          }
+          // Descriptions come from the last readable copy listed when the volume is damaged.
+          if (!current.empty() && AOptions.Imaged.empty()) options.Imaged = copy;
+        } catch (const std::exception& e) {
+          std::fprintf(AErr, "quorvex: %s\n", e.what());
+          skipped = 1;
+        }
+      }
+      if (!current.empty()) {
+        if (!fromCopies) throw std::runtime_error(current);
+        std::fprintf(AErr, "quorvex: %s\n", current.c_str());
+        skipped = 1;
+      }
     }
     options.Logs = std::move(logs);
     // Check every log before the store is touched.
@@ -417,7 +462,15 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
         try {
           TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
         } catch (const std::exception& e) {
-          throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
+          if (!optional.count(path))
+            throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
+          // The header checks' hint names dump's option; a skipped log needs none.
+          std::string message = e.what();
+          if (const size_t hint = message.find(" (use --carve"); hint != std::string::npos)
+            message.resize(hint);
+          std::fprintf(AErr, "quorvex: %s; skipped\n", message.c_str());
+          skipped = 1;
+          continue;
         }
       }
       entries.push_back(std::move(stored));
@@ -447,7 +500,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     std::copy(loading.begin(), loading.end(), kept.begin() + static_cast<std::ptrdiff_t>(first));
     SaveEntries(store, kept, SettingsOf(options));
     store.DoneThreadDataSet();
-    return status;
+    return std::max(status, skipped);
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
     return 1;

@@ -54,6 +54,26 @@ TContainerFormat DetectContainer(const std::string& APath) {
 
 namespace {
 
+// Owns one libyal handle: closes and frees it when the container goes, and also when
+// the container's constructor raises after the handle was made (a differencing disk
+// whose parent is missing, a truncated E01), which a destructor would not see.
+template <class THandle, class TError, int (*Close)(THandle*, TError**), int (*Free)(THandle**, TError**),
+          void (*FreeError)(TError**)>
+struct TLibyalHandle {
+  THandle* Handle = nullptr;
+  TLibyalHandle() = default;
+  TLibyalHandle(const TLibyalHandle&) = delete;
+  TLibyalHandle& operator=(const TLibyalHandle&) = delete;
+  ~TLibyalHandle() {
+    if (!Handle) return;
+    TError* error = nullptr;
+    Close(Handle, &error); // fails harmlessly on a handle that was never opened
+    FreeError(&error);
+    Free(&Handle, &error);
+    FreeError(&error);
+  }
+};
+
 // A raw image: the file itself, read without a library.
 class TRawContainer : public TContainer {
 public:
@@ -86,30 +106,22 @@ public:
       }
     } globbed{names, count};
     FSegments = count > 1 ? count : 0;
-    if (libewf_handle_initialize(&FHandle, &error) != 1) Fail(error, kNoOffset, "cannot set up the EWF reader");
-    if (libewf_handle_open(FHandle, names, count, LIBEWF_OPEN_READ, &error) != 1)
+    if (libewf_handle_initialize(&FHandle.Handle, &error) != 1) Fail(error, kNoOffset, "cannot set up the EWF reader");
+    if (libewf_handle_open(FHandle.Handle, names, count, LIBEWF_OPEN_READ, &error) != 1)
       Fail(error, kNoOffset, "not a readable EWF image");
     size64_t size = 0;
-    if (libewf_handle_get_media_size(FHandle, &size, &error) != 1) Fail(error, kNoOffset, "no media size");
+    if (libewf_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, kNoOffset, "no media size");
     FMediaSize = size;
     uint8_t md5[64] = {};
-    if (libewf_handle_get_utf8_hash_value_md5(FHandle, md5, sizeof md5, &error) == 1)
+    if (libewf_handle_get_utf8_hash_value_md5(FHandle.Handle, md5, sizeof md5, &error) == 1)
       FStoredHash = "MD5 " + std::string(reinterpret_cast<const char*>(md5));
-    libewf_error_free(&error);
-  }
-  ~TEwfImage() override {
-    libewf_error_t* error = nullptr;
-    if (FHandle) {
-      libewf_handle_close(FHandle, &error);
-      libewf_handle_free(&FHandle, &error);
-    }
     libewf_error_free(&error);
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
     if (AOffset >= FMediaSize) return 0;
     std::lock_guard<std::mutex> lock(FLock);
     libewf_error_t* error = nullptr;
-    const ssize_t got = libewf_handle_read_random(FHandle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    const ssize_t got = libewf_handle_read_random(FHandle.Handle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
     if (got < 0) Fail(error, AOffset, "cannot read the media data");
     return static_cast<size_t>(got);
   }
@@ -118,7 +130,7 @@ private:
   [[noreturn]] void Fail(libewf_error_t*& AError, uint64_t AOffset, const char* AProblem) const {
     RaiseLibyal(AError, libewf_error_backtrace_sprint, libewf_error_free, FPath, AOffset, AProblem);
   }
-  libewf_handle_t* FHandle = nullptr;
+  TLibyalHandle<libewf_handle_t, libewf_error_t, libewf_handle_close, libewf_handle_free, libewf_error_free> FHandle;
   mutable std::mutex FLock;
 };
 
@@ -128,31 +140,23 @@ class TVhdiImage : public TContainer {
 public:
   TVhdiImage(const std::string& APath, int ADepth) : TContainer(APath, TContainerFormat::cfVhd) {
     libvhdi_error_t* error = nullptr;
-    if (libvhdi_file_initialize(&FFile, &error) != 1) Fail(error, "cannot set up the VHD reader");
-    if (libvhdi_file_open(FFile, APath.c_str(), LIBVHDI_OPEN_READ, &error) != 1) Fail(error, "not a readable VHD or VHDX image");
+    if (libvhdi_file_initialize(&FFile.Handle, &error) != 1) Fail(error, "cannot set up the VHD reader");
+    if (libvhdi_file_open(FFile.Handle, APath.c_str(), LIBVHDI_OPEN_READ, &error) != 1) Fail(error, "not a readable VHD or VHDX image");
     int type = 0;
-    if (libvhdi_file_get_file_type(FFile, &type, &error) == 1 && type == LIBVHDI_FILE_TYPE_VHDX) FFormat = TContainerFormat::cfVhdx;
+    if (libvhdi_file_get_file_type(FFile.Handle, &type, &error) == 1 && type == LIBVHDI_FILE_TYPE_VHDX) FFormat = TContainerFormat::cfVhdx;
     libvhdi_error_free(&error);
     uint32_t disk = 0;
-    if (libvhdi_file_get_disk_type(FFile, &disk, &error) == 1 && disk == LIBVHDI_DISK_TYPE_DIFFERENTIAL) OpenParent(ADepth);
+    if (libvhdi_file_get_disk_type(FFile.Handle, &disk, &error) == 1 && disk == LIBVHDI_DISK_TYPE_DIFFERENTIAL) OpenParent(ADepth);
     libvhdi_error_free(&error);
     size64_t size = 0;
-    if (libvhdi_file_get_media_size(FFile, &size, &error) != 1) Fail(error, "no media size");
+    if (libvhdi_file_get_media_size(FFile.Handle, &size, &error) != 1) Fail(error, "no media size");
     FMediaSize = size;
-  }
-  ~TVhdiImage() override {
-    libvhdi_error_t* error = nullptr;
-    if (FFile) {
-      libvhdi_file_close(FFile, &error);
-      libvhdi_file_free(&FFile, &error);
-    }
-    libvhdi_error_free(&error);
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
     if (AOffset >= FMediaSize) return 0;
     std::lock_guard<std::mutex> lock(FLock);
     libvhdi_error_t* error = nullptr;
-    const ssize_t got = libvhdi_file_read_buffer_at_offset(FFile, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    const ssize_t got = libvhdi_file_read_buffer_at_offset(FFile.Handle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
     if (got < 0) RaiseLibyal(error, libvhdi_error_backtrace_sprint, libvhdi_error_free, FPath, AOffset, "cannot read the media data");
     return static_cast<size_t>(got);
   }
@@ -163,7 +167,7 @@ private:
   void OpenParent(int ADepth) {
     libvhdi_error_t* error = nullptr;
     uint8_t name[1024] = {};
-    if (libvhdi_file_get_utf8_parent_filename(FFile, name, sizeof name, &error) != 1)
+    if (libvhdi_file_get_utf8_parent_filename(FFile.Handle, name, sizeof name, &error) != 1)
       Fail(error, "differencing disk without a parent name");
     std::string parent(reinterpret_cast<const char*>(name));
     const size_t slash = parent.find_last_of("/\\");
@@ -174,13 +178,15 @@ private:
     if (!std::filesystem::exists(beside, exists))
       RaiseImageError(FPath, kNoOffset, "differencing disk whose parent " + parent + " is missing (looked beside it)");
     FParent = std::make_unique<TVhdiImage>(beside.string(), ADepth + 1);
-    if (libvhdi_file_set_parent_file(FFile, FParent->FFile, &error) != 1) Fail(error, "cannot use the parent disk " + parent);
+    if (libvhdi_file_set_parent_file(FFile.Handle, FParent->FFile.Handle, &error) != 1) Fail(error, "cannot use the parent disk " + parent);
   }
   [[noreturn]] void Fail(libvhdi_error_t*& AError, const std::string& AProblem) const {
     RaiseLibyal(AError, libvhdi_error_backtrace_sprint, libvhdi_error_free, FPath, kNoOffset, AProblem);
   }
-  libvhdi_file_t* FFile = nullptr;
+  // The parent first: members go in reverse order, so the child's handle is freed
+  // before the parent it reads from.
   std::unique_ptr<TVhdiImage> FParent;
+  TLibyalHandle<libvhdi_file_t, libvhdi_error_t, libvhdi_file_close, libvhdi_file_free, libvhdi_error_free> FFile;
   mutable std::mutex FLock;
 };
 
@@ -190,26 +196,18 @@ class TVmdkImage : public TContainer {
 public:
   explicit TVmdkImage(const std::string& APath) : TContainer(APath, TContainerFormat::cfVmdk) {
     libvmdk_error_t* error = nullptr;
-    if (libvmdk_handle_initialize(&FHandle, &error) != 1) Fail(error, "cannot set up the VMDK reader");
-    if (libvmdk_handle_open(FHandle, APath.c_str(), LIBVMDK_OPEN_READ, &error) != 1) Fail(error, "not a readable VMDK image");
-    if (libvmdk_handle_open_extent_data_files(FHandle, &error) != 1) Fail(error, "cannot open the extent files");
+    if (libvmdk_handle_initialize(&FHandle.Handle, &error) != 1) Fail(error, "cannot set up the VMDK reader");
+    if (libvmdk_handle_open(FHandle.Handle, APath.c_str(), LIBVMDK_OPEN_READ, &error) != 1) Fail(error, "not a readable VMDK image");
+    if (libvmdk_handle_open_extent_data_files(FHandle.Handle, &error) != 1) Fail(error, "cannot open the extent files");
     size64_t size = 0;
-    if (libvmdk_handle_get_media_size(FHandle, &size, &error) != 1) Fail(error, "no media size");
+    if (libvmdk_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, "no media size");
     FMediaSize = size;
-  }
-  ~TVmdkImage() override {
-    libvmdk_error_t* error = nullptr;
-    if (FHandle) {
-      libvmdk_handle_close(FHandle, &error);
-      libvmdk_handle_free(&FHandle, &error);
-    }
-    libvmdk_error_free(&error);
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
     if (AOffset >= FMediaSize) return 0;
     std::lock_guard<std::mutex> lock(FLock);
     libvmdk_error_t* error = nullptr;
-    const ssize_t got = libvmdk_handle_read_buffer_at_offset(FHandle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    const ssize_t got = libvmdk_handle_read_buffer_at_offset(FHandle.Handle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
     if (got < 0) RaiseLibyal(error, libvmdk_error_backtrace_sprint, libvmdk_error_free, FPath, AOffset, "cannot read the media data");
     return static_cast<size_t>(got);
   }
@@ -218,7 +216,7 @@ private:
   [[noreturn]] void Fail(libvmdk_error_t*& AError, const char* AProblem) const {
     RaiseLibyal(AError, libvmdk_error_backtrace_sprint, libvmdk_error_free, FPath, kNoOffset, AProblem);
   }
-  libvmdk_handle_t* FHandle = nullptr;
+  TLibyalHandle<libvmdk_handle_t, libvmdk_error_t, libvmdk_handle_close, libvmdk_handle_free, libvmdk_error_free> FHandle;
   mutable std::mutex FLock;
 };
 
@@ -228,25 +226,17 @@ class TQcowImage : public TContainer {
 public:
   explicit TQcowImage(const std::string& APath) : TContainer(APath, TContainerFormat::cfQcow) {
     libqcow_error_t* error = nullptr;
-    if (libqcow_file_initialize(&FFile, &error) != 1) Fail(error, "cannot set up the QCOW reader");
-    if (libqcow_file_open(FFile, APath.c_str(), LIBQCOW_OPEN_READ, &error) != 1) Fail(error, "not a readable QCOW image");
+    if (libqcow_file_initialize(&FFile.Handle, &error) != 1) Fail(error, "cannot set up the QCOW reader");
+    if (libqcow_file_open(FFile.Handle, APath.c_str(), LIBQCOW_OPEN_READ, &error) != 1) Fail(error, "not a readable QCOW image");
     size64_t size = 0;
-    if (libqcow_file_get_media_size(FFile, &size, &error) != 1) Fail(error, "no media size");
+    if (libqcow_file_get_media_size(FFile.Handle, &size, &error) != 1) Fail(error, "no media size");
     FMediaSize = size;
-  }
-  ~TQcowImage() override {
-    libqcow_error_t* error = nullptr;
-    if (FFile) {
-      libqcow_file_close(FFile, &error);
-      libqcow_file_free(&FFile, &error);
-    }
-    libqcow_error_free(&error);
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
     if (AOffset >= FMediaSize) return 0;
     std::lock_guard<std::mutex> lock(FLock);
     libqcow_error_t* error = nullptr;
-    const ssize_t got = libqcow_file_read_buffer_at_offset(FFile, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    const ssize_t got = libqcow_file_read_buffer_at_offset(FFile.Handle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
     if (got < 0) RaiseLibyal(error, libqcow_error_backtrace_sprint, libqcow_error_free, FPath, AOffset, "cannot read the media data");
     return static_cast<size_t>(got);
   }
@@ -255,7 +245,7 @@ private:
   [[noreturn]] void Fail(libqcow_error_t*& AError, const char* AProblem) const {
     RaiseLibyal(AError, libqcow_error_backtrace_sprint, libqcow_error_free, FPath, kNoOffset, AProblem);
   }
-  libqcow_file_t* FFile = nullptr;
+  TLibyalHandle<libqcow_file_t, libqcow_error_t, libqcow_file_close, libqcow_file_free, libqcow_error_free> FFile;
   mutable std::mutex FLock;
 };
 
@@ -278,25 +268,17 @@ public:
       }
     } globbed{names, count};
     FSegments = count > 1 ? count : 0;
-    if (libsmraw_handle_initialize(&FHandle, &error) != 1) Fail(error, "cannot set up the split raw reader");
-    if (libsmraw_handle_open(FHandle, names, count, LIBSMRAW_OPEN_READ, &error) != 1) Fail(error, "cannot open the pieces");
+    if (libsmraw_handle_initialize(&FHandle.Handle, &error) != 1) Fail(error, "cannot set up the split raw reader");
+    if (libsmraw_handle_open(FHandle.Handle, names, count, LIBSMRAW_OPEN_READ, &error) != 1) Fail(error, "cannot open the pieces");
     size64_t size = 0;
-    if (libsmraw_handle_get_media_size(FHandle, &size, &error) != 1) Fail(error, "no media size");
+    if (libsmraw_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, "no media size");
     FMediaSize = size;
-  }
-  ~TSmrawImage() override {
-    libsmraw_error_t* error = nullptr;
-    if (FHandle) {
-      libsmraw_handle_close(FHandle, &error);
-      libsmraw_handle_free(&FHandle, &error);
-    }
-    libsmraw_error_free(&error);
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
     if (AOffset >= FMediaSize) return 0;
     std::lock_guard<std::mutex> lock(FLock);
     libsmraw_error_t* error = nullptr;
-    const ssize_t got = libsmraw_handle_read_buffer_at_offset(FHandle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
+    const ssize_t got = libsmraw_handle_read_buffer_at_offset(FHandle.Handle, ABuffer, ALength, static_cast<off64_t>(AOffset), &error);
     if (got < 0) RaiseLibyal(error, libsmraw_error_backtrace_sprint, libsmraw_error_free, FPath, AOffset, "cannot read the media data");
     return static_cast<size_t>(got);
   }
@@ -305,7 +287,7 @@ private:
   [[noreturn]] void Fail(libsmraw_error_t*& AError, const char* AProblem) const {
     RaiseLibyal(AError, libsmraw_error_backtrace_sprint, libsmraw_error_free, FPath, kNoOffset, AProblem);
   }
-  libsmraw_handle_t* FHandle = nullptr;
+  TLibyalHandle<libsmraw_handle_t, libsmraw_error_t, libsmraw_handle_close, libsmraw_handle_free, libsmraw_error_free> FHandle;
   mutable std::mutex FLock;
 };
 

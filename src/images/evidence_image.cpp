@@ -53,11 +53,21 @@ bool TEvidenceImage::SplitName(const std::string& AName, std::string& AImage, st
   AImage = AName.substr(0, sep);
   AVolume.clear();
   if (!FindImageFile(AImage)) {
-    const size_t at = AImage.rfind('@');
-    if (at == std::string::npos) return false;
-    AVolume = AImage.substr(at + 1);
-    AImage.resize(at);
-    if (!FindImageFile(AImage)) return false;
+    std::string shadow; // ":vssN"
+    if (const size_t colon = AImage.rfind(":vss");
+        colon != std::string::npos &&
+        AImage.find_first_not_of("0123456789", colon + 4) == std::string::npos) {
+      shadow = AImage.substr(colon);
+      AImage.resize(colon);
+    }
+    if (!FindImageFile(AImage)) {
+      const size_t at = AImage.rfind('@');
+      if (at == std::string::npos) return false;
+      AVolume = AImage.substr(at + 1);
+      AImage.resize(at);
+      if (!FindImageFile(AImage)) return false;
+    }
+    AVolume += shadow;
   }
   if (APath.empty()) APath.assign(1, '/');
   return true;
@@ -132,13 +142,71 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
   if (installs.empty() && ntfs.size() == 1) return FVolumes[ntfs[0] - 1];
   if (installs.size() > 1)
     RaiseImageError(FPath, kNoOffset, std::to_string(installs.size()) + " Windows installations; choose one with " + FPath + "@VOLUME");
-  if (ntfs.empty()) RaiseImageError(FPath, kNoOffset, "no NTFS volume");
+  if (ntfs.empty()) {
+    // A BitLocker volume is most likely the one meant; say what it needs.
+    for (const TImageVolume& v : FVolumes)
+      if (v.FileSystem == "BitLocker")
+        RaiseImageError(VolumeName(v), kNoOffset,
+                        "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
+    RaiseImageError(FPath, kNoOffset, "no NTFS volume");
+  }
   RaiseImageError(FPath, kNoOffset, std::to_string(ntfs.size()) + " NTFS volumes; choose one with " + FPath + "@VOLUME");
 }
 
-std::string TEvidenceImage::VolumeName(const TImageVolume& AVolume) const {
-  if (AVolume.Number == 0) return FPath + " volume at " + Hex(AVolume.Offset);
-  return FPath + " volume " + std::to_string(AVolume.Number);
+std::string TEvidenceImage::VolumeName(const TImageVolume& AVolume, uint32_t ACopy) const {
+  std::string name = AVolume.Number == 0 ? FPath + " volume at " + Hex(AVolume.Offset)
+                                         : FPath + " volume " + std::to_string(AVolume.Number);
+  if (ACopy) name += " shadow copy " + std::to_string(ACopy);
+  return name;
+}
+
+std::string TEvidenceImage::VolumeRef(const TImageVolume& AVolume, uint32_t ACopy) {
+  // Built by appending: GCC 12 warns falsely on "+" + std::to_string(...).
+  std::string ref;
+  if (AVolume.Number == 0) ref.push_back('+');
+  ref.append(std::to_string(AVolume.Number ? AVolume.Number : AVolume.Offset));
+  if (ACopy) ref.append(":vss").append(std::to_string(ACopy));
+  return ref;
+}
+
+uint32_t TEvidenceImage::TakeShadow(std::string& AVolume, const std::string& AImage) {
+  const size_t colon = AVolume.rfind(":vss");
+  if (colon == std::string::npos) return 0;
+  const std::string digits = AVolume.substr(colon + 4);
+  char* end = nullptr;
+  const unsigned long n = std::strtoul(digits.c_str(), &end, 10);
+  if (digits.empty() || !end || *end || n == 0 || n > 100000)
+    RaiseImageError(AImage, kNoOffset,
+                    "shadow copy " + AVolume.substr(colon + 1) + " is not vss1, vss2, ...");
+  AVolume.resize(colon);
+  return static_cast<uint32_t>(n);
+}
+
+std::shared_ptr<TShadowCopies> TEvidenceImage::Shadows(const TImageVolume& AVolume) {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  if (auto it = FShadows.find(AVolume.Offset); it != FShadows.end()) return it->second;
+  // Only NTFS keeps shadow copies; any other volume is given as empty data, which has none.
+  std::shared_ptr<const TReadStream> data =
+      AVolume.FileSystem == "NTFS"
+          ? VolumeStream(AVolume)
+          : std::make_shared<TSubStream>(FContainer, AVolume.Offset, 0, VolumeName(AVolume));
+  std::shared_ptr<TShadowCopies> copies = TShadowCopies::Open(std::move(data), VolumeName(AVolume));
+  FShadows.emplace(AVolume.Offset, copies);
+  return copies;
+}
+
+std::shared_ptr<const TReadStream> TEvidenceImage::ShadowStream(const TImageVolume& AVolume, uint32_t ACopy) {
+  return Shadows(AVolume)->Store(ACopy, VolumeName(AVolume, ACopy));
+}
+
+std::shared_ptr<TNtfsVolume> TEvidenceImage::ShadowNtfs(const TImageVolume& AVolume, uint32_t ACopy) {
+  std::lock_guard<std::recursive_mutex> lock(FLock);
+  const auto key = std::make_pair(AVolume.Offset, ACopy);
+  if (auto it = FShadowNtfs.find(key); it != FShadowNtfs.end()) return it->second;
+  std::shared_ptr<TNtfsVolume> volume =
+      TNtfsVolume::Open(ShadowStream(AVolume, ACopy), VolumeName(AVolume, ACopy));
+  FShadowNtfs.emplace(key, volume);
+  return volume;
 }
 
 std::shared_ptr<const TReadStream> TEvidenceImage::VolumeStream(const TImageVolume& AVolume) {

@@ -5,12 +5,16 @@
 // "disk.E01::/Windows/System32/winevt/Logs/System.evtx" or "disk.vhdx@2::/Windows".
 // VOLUME is a volume's number as `quorvex imaged` lists it, or "+BYTES" for a volume
 // that starts at that offset of the media; without it the volume holding the Windows
-// installation is taken (or the only NTFS volume).
+// installation is taken (or the only NTFS volume). A Volume Shadow Copy of a volume is
+// named by ":vssN" after the volume: "disk.E01@2:vss1::/Windows" (copy 1 of volume 2),
+// "disk.E01:vss1::/Windows" (copy 1 of the default volume); copies are numbered as
+// `quorvex imaged` lists them.
 #pragma once
 
 #include "images/containers.h"
 #include "images/ntfs_volume.h"
 #include "images/partition_table.h"
+#include "images/shadow_copies.h"
 
 #include <cstdint>
 #include <map>
@@ -51,13 +55,26 @@ public:
   // The NTFS file system of a volume (opened once). Raises EImageError when it is not
   // NTFS or cannot be read.
   std::shared_ptr<TNtfsVolume> Ntfs(const TImageVolume& AVolume);
-  // The name of a volume in messages: "disk.E01 volume 2".
-  std::string VolumeName(const TImageVolume& AVolume) const;
+  // The name of a volume in messages: "disk.E01 volume 2", and with a shadow copy
+  // (ACopy > 0) "disk.E01 volume 2 shadow copy 1".
+  std::string VolumeName(const TImageVolume& AVolume, uint32_t ACopy = 0) const;
+  // The volume's part of a name: "2", "+1048576", and with a shadow copy "2:vss1".
+  static std::string VolumeRef(const TImageVolume& AVolume, uint32_t ACopy = 0);
+  // The shadow copies of a volume (read once). A volume that is not NTFS, or has no
+  // shadow copy header, has none. Raises EImageError when the catalog is damaged.
+  std::shared_ptr<TShadowCopies> Shadows(const TImageVolume& AVolume);
+  // The data of shadow copy ACopy (1-based) of a volume, and its NTFS file system
+  // (opened once). Raise EImageError naming the copy and the problem.
+  std::shared_ptr<const TReadStream> ShadowStream(const TImageVolume& AVolume, uint32_t ACopy);
+  std::shared_ptr<TNtfsVolume> ShadowNtfs(const TImageVolume& AVolume, uint32_t ACopy);
+  // Takes a ":vssN" suffix off a volume name ("2:vss1" becomes "2") and returns N; 0
+  // when there is none. Raises EImageError (naming AImage) for ":vss" without a number.
+  static uint32_t TakeShadow(std::string& AVolume, const std::string& AImage);
   // Numbers of the NTFS volumes that hold \Windows\System32\config\SOFTWARE.
   std::vector<uint32_t> Installations();
 
-  // Splits "IMAGE[@VOLUME]::PATH" when IMAGE names an existing file or device; false
-  // otherwise (also for "file::$DATA" stream names).
+  // Splits "IMAGE[@VOLUME][:vssN]::PATH" when IMAGE names an existing file or device;
+  // false otherwise (also for "file::$DATA" stream names). AVolume keeps the ":vssN".
   static bool SplitName(const std::string& AName, std::string& AImage, std::string& AVolume, std::string& APath);
   // True when APath is a file whose container format is one of the image formats (not raw).
   static bool IsContainerFile(const std::string& APath);
@@ -70,6 +87,8 @@ private:
   std::vector<TImageVolume> FVolumes;
   std::vector<TImageVolume> FExtraVolumes; // volumes given by offset
   std::map<uint64_t, std::shared_ptr<TNtfsVolume>> FNtfs; // by volume offset
+  std::map<uint64_t, std::shared_ptr<TShadowCopies>> FShadows;                       // by volume offset
+  std::map<std::pair<uint64_t, uint32_t>, std::shared_ptr<TNtfsVolume>> FShadowNtfs; // by offset, copy
   std::optional<std::vector<uint32_t>> FInstallations;
   std::recursive_mutex FLock;
 };

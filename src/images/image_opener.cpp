@@ -23,14 +23,6 @@ private:
   std::string FName;
 };
 
-// "2", or "+1048576" for a volume given by offset.
-std::string VolumeSpec(const TImageVolume& AVolume) {
-  if (AVolume.Number) return std::to_string(AVolume.Number);
-  std::string volumeName = std::to_string(AVolume.Offset);
-  volumeName.insert(volumeName.begin(), '+');
-  return volumeName;
-}
-
 // The NTFS volume of an image as a file system for path lookups.
 class TNtfsFileSystem : public TFileSystem {
 public:
@@ -56,10 +48,11 @@ std::shared_ptr<TFileSystem> ImageFileSystem(const std::string& AName, std::stri
   if (!TEvidenceImage::SplitName(AName, image, volume, APath)) return nullptr;
   try {
     const std::shared_ptr<TEvidenceImage> evidence = TEvidenceImage::Open(image);
+    const uint32_t copy = TEvidenceImage::TakeShadow(volume, image);
     const TImageVolume& v = evidence->Volume(volume);
     // One spelling per volume, so that folder listings are cached once.
-    APrefix = image + "@" + VolumeSpec(v) + "::";
-    return std::make_shared<TNtfsFileSystem>(evidence->Ntfs(v));
+    APrefix = image + "@" + TEvidenceImage::VolumeRef(v, copy) + "::";
+    return std::make_shared<TNtfsFileSystem>(copy ? evidence->ShadowNtfs(v, copy) : evidence->Ntfs(v));
   } catch (const std::exception&) {
     return nullptr; // the name then names nothing; opening it says why
   }
@@ -69,24 +62,30 @@ std::shared_ptr<TFileSystem> ImageFileSystem(const std::string& AName, std::stri
 
 std::string ImageRootOf(const std::string& AImage) {
   std::string image = AImage, volume;
-  if (const size_t at = image.rfind('@'); at != std::string::npos && !TEvidenceImage::IsContainerFile(image)) {
+  if ((image.rfind('@') != std::string::npos || image.rfind(":vss") != std::string::npos) &&
+      !TEvidenceImage::IsContainerFile(image)) {
     std::string dummy, path;
     if (TEvidenceImage::SplitName(image + "::/", dummy, volume, path)) image = dummy;
   }
   const std::shared_ptr<TEvidenceImage> evidence = TEvidenceImage::Open(image);
+  const uint32_t copy = TEvidenceImage::TakeShadow(volume, image);
   const TImageVolume& v = evidence->Volume(volume);
-  evidence->Ntfs(v); // raises when the volume cannot be read
-  return image + "@" + VolumeSpec(v) + "::/";
+  copy ? evidence->ShadowNtfs(v, copy) : evidence->Ntfs(v); // raises when the volume cannot be read
+  return image + "@" + TEvidenceImage::VolumeRef(v, copy) + "::/";
 }
 
 std::unique_ptr<TReadStream> OpenImageStream(const std::string& AName) {
   std::string image, volume, path;
   if (TEvidenceImage::SplitName(AName, image, volume, path)) {
     const std::shared_ptr<TEvidenceImage> evidence = TEvidenceImage::Open(image);
+    const uint32_t copy = TEvidenceImage::TakeShadow(volume, image);
     const TImageVolume& v = evidence->Volume(volume);
-    // "IMAGE@2::" alone is the volume's data (for scanning one partition).
-    if (path == "/" && AName.ends_with("::")) return std::make_unique<TSharedStream>(evidence->VolumeStream(v), AName);
-    return evidence->Ntfs(v)->OpenFile(path);
+    // "IMAGE@2::" alone is the volume's data (for scanning one partition), and
+    // "IMAGE@2:vss1::" the data of its shadow copy.
+    if (path == "/" && AName.ends_with("::"))
+      return std::make_unique<TSharedStream>(
+          copy ? evidence->ShadowStream(v, copy) : evidence->VolumeStream(v), AName);
+    return (copy ? evidence->ShadowNtfs(v, copy) : evidence->Ntfs(v))->OpenFile(path);
   }
   if (TEvidenceImage::IsContainerFile(AName)) return std::make_unique<TSharedStream>(TEvidenceImage::Open(AName)->Media(), AName);
   return nullptr;

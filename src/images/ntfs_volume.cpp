@@ -157,14 +157,6 @@ std::string TNtfsVolume::Label() {
   return reinterpret_cast<const char*>(name);
 }
 
-bool TNtfsVolume::HasShadowCopies() {
-  std::lock_guard<std::recursive_mutex> lock(FLock);
-  libfsntfs_error_t* error = nullptr;
-  const int has = libfsntfs_volume_has_volume_shadow_snapshots(Vol(FVolume), &error);
-  libfsntfs_error_free(&error);
-  return has == 1;
-}
-
 void* TNtfsVolume::Entry(const std::string& APath) {
   libfsntfs_error_t* error = nullptr;
   libfsntfs_file_entry_t* root = nullptr;

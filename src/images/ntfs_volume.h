@@ -38,7 +38,6 @@ public:
   const std::shared_ptr<const TReadStream>& Stream() const { return FStream; }
   uint32_t ClusterSize() const { return FClusterSize; }
   std::string Label();
-  bool HasShadowCopies();
 
   // The entry at APath ("/" or "\" separators; each part first as written, then
   // without regard to case). False when there is none.

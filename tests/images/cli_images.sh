@@ -3,11 +3,13 @@
 # libntfs-3g), put in an MBR and a GPT disk (sfdisk), converted to E01 and split E01
 # (ewfacquire) and to VHDX, VMDK and QCOW2 (qemu-img). The same events must come out of
 # every container as out of the plain file; bad input gives one clear line; the image
-# is never changed. A missing tool skips what needs it.
+# is never changed. A missing tool skips what needs it. Shadow copies: qvx_vss_fill
+# gives a volume a shadow copy holding its state before System.evtx was overwritten.
 set -u
 QVX=$1
 FILL=$2
 GEN=$3
+VSS=${4:-}
 . "$(dirname "$0")/../support/check.sh"
 
 have() { command -v "$1" >/dev/null 2>&1; }
@@ -96,6 +98,215 @@ err=$("$QVX" imaged "$tmp/blank.raw" 2>&1 >/dev/null)
 check no-partitions test "$err" = "quorvex: $tmp/blank.raw: no partition table and no file system at offset 0x0"
 err=$("$QVX" events "$tmp/mbr.raw::/Windows/none.evtx" 2>&1 >/dev/null)
 check missing-file test "$err" = "quorvex: $tmp/mbr.raw volume 1::/Windows/none.evtx: no such file on the volume"
+
+# --offset is IMAGE@+BYTES.
+got=$("$QVX" events -q -f csv --tz UTC --offset 1048576 "$tmp/mbr.raw::/Windows/System32/winevt/Logs/System.evtx")
+check offset-events test "$got" = "$want_sys"
+check offset-imaged grep -q "^  Windows folder   $tmp/mbr.raw@+1048576::/Windows" <<<"$("$QVX" imaged --offset 1048576 "$tmp/mbr.raw")"
+"$QVX" open --offset 1048576 "$tmp/mbr.raw" -s "$tmp/offset.db" -q
+check offset-open test "$("$QVX" view "$tmp/offset.db" --count)" = "$("$QVX" view "$tmp/case.db" --count)"
+err=$("$QVX" events --offset 1048576 "$tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+check offset-and-volume test "$err" = "quorvex: $tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx: give the volume either as @1 or by --offset"
+
+# Volume Shadow Copies: the copy holds System.evtx as it was before it was overwritten.
+if [ -n "$VSS" ]; then
+  sys=/Windows/System32/winevt/Logs/System.evtx
+  # Another writer's log, larger than System.evtx: every old cluster is overwritten.
+  "$GEN" "$tmp/newer" 1500 3 >/dev/null || { echo "FAIL generator"; fail=1; }
+  mv "$tmp/newer/bench.evtx" "$tmp/newer.evtx"
+  cp "$tmp/vol.img" "$tmp/shadow.raw"
+  "$FILL" "$tmp/shadow.raw" --replace "$sys" "$tmp/newer.evtx" || { echo "FAIL replace"; fail=1; }
+  cp "$tmp/shadow.raw" "$tmp/shadow-store.raw"
+  cp "$tmp/shadow.raw" "$tmp/shadow-catalog.raw"
+  "$VSS" "$tmp/vol.img" "$tmp/shadow.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-store.raw" --copies 2 --damage store >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-catalog.raw" --damage catalog >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  for img in "$tmp"/shadow*.raw; do md5sum "$img"; done >"$tmp/shadow-before.md5"
+  want_new=$("$QVX" events -q -f csv --tz UTC "$tmp/newer.evtx")
+  out=$("$QVX" imaged "$tmp/shadow.raw")
+  check vss-imaged-status test $? -eq 0
+  check vss-imaged-count grep -q "^  Shadow copies (1)$" <<<"$out"
+  check vss-imaged-copy grep -q "^    vss1   2024-03-01T10:20:30Z  $tmp/shadow.raw@1:vss1::/$" <<<"$out"
+  check vss-imaged-none grep -q "^  Shadow copies    none$" <<<"$("$QVX" imaged "$tmp/mbr.raw")"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw::$sys")
+  check vss-current test "$got" = "$want_new"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw@1:vss1::$sys")
+  check vss-copy-recovers test "$got" = "$want_sys"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw:vss1::/WINDOWS/system32/winevt/Logs/system.evtx")
+  check vss-default-volume test "$got" = "$want_sys"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow.raw:vss1::/Windows/System32/winevt/Logs/Application.evtx" --imaged "$tmp/shadow.raw:vss1")
+  check vss-described test "$got" = "$want_app"
+  check vss-imaged-copy-logs grep -q "^          528384  System.evtx$" <<<"$("$QVX" imaged "$tmp/shadow.raw@1:vss1" 2>&1)"
+  # Scanning the copy's data finds the old log's chunks.
+  got=$("$QVX" scan -q -f csv --tz UTC "$tmp/shadow.raw@1:vss1" | tail -n +2 | sort)
+  check vss-scan-copy test "$(comm -23 <(tail -n +2 <<<"$want_sys" | sort) <(echo "$got") | wc -l)" -eq 0
+  err=$("$QVX" events "$tmp/shadow.raw@1:vss2::$sys" 2>&1 >/dev/null)
+  check vss-no-copy test "$err" = "quorvex: $tmp/shadow.raw volume 1: no shadow copy 2 (the volume has 1)"
+  # open --shadows: both states of System.evtx, each log named with its copy.
+  "$QVX" open "$tmp/shadow.raw" -s "$tmp/shadows.db" --shadows -q
+  check vss-open-status test $? -eq 0
+  n_old=$(sed -n 's/.*: \([0-9]*\) events.*/\1/p' <<<"$("$QVX" events -f csv "$logs/System.evtx" 2>&1 >/dev/null)")
+  n_sys=$("$QVX" view "$tmp/shadows.db" --count)
+  "$QVX" open "$tmp/shadow.raw" -s "$tmp/noshadows.db" -q
+  n_cur=$("$QVX" view "$tmp/noshadows.db" --count)
+  check vss-open-count test "$n_sys" -eq "$((n_cur + n_old + 300))"
+  if command -v sqlite3 >/dev/null 2>&1; then
+    check vss-open-names grep -qxF "System|$tmp/shadow.raw@1:vss1::$sys" <<<"$(sqlite3 "$tmp/shadows.db" "SELECT LogName, FileName FROM QvxLogEntries")"
+  fi
+  # Copy 1 of 2 whose store is damaged, and a damaged catalog: one line naming it, the
+  # volume (and copy 2) still load.
+  for what in store catalog; do
+    img="$tmp/shadow-$what.raw"
+    err=$("$QVX" open "$img" -s "$tmp/damaged-$what.db" --shadows -q 2>&1)
+    check "vss-damaged-$what-status" test $? -eq 1
+    check "vss-damaged-$what-line" test "$(wc -l <<<"$err")" -eq 1
+    err=$("$QVX" imaged "$img" 2>&1 >/dev/null)
+    check "vss-damaged-$what-imaged" test "$(wc -l <<<"$err")" -eq 1
+  done
+  check vss-damaged-store-loads test "$("$QVX" view "$tmp/damaged-store.db" --count)" -eq "$((n_cur + n_old + 300))"
+  check vss-damaged-catalog-loads test "$("$QVX" view "$tmp/damaged-catalog.db" --count)" -eq "$n_cur"
+  out=$("$QVX" imaged "$tmp/shadow-store.raw" 2>/dev/null)
+  check vss-damaged-store-listed grep -q "^    vss1   2024-03-01T10:20:30Z  $tmp/shadow-store.raw@1:vss1::/  (cannot be read)$" <<<"$out"
+  check vss-damaged-store-other grep -q "^    vss2   2024-03-02T10:20:30Z  $tmp/shadow-store.raw@1:vss2::/$" <<<"$out"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow-store.raw@1:vss2::$sys")
+  check vss-damaged-store-copy2 test "$got" = "$want_sys"
+  # A log in the copy that is no log: that log is reported and skipped, the rest loads.
+  cp "$tmp/vol.img" "$tmp/garbled-old.raw"
+  head -c "$(stat -c %s "$logs/System.evtx")" /dev/zero | tr '\0' 'x' >"$tmp/garbage.bin"
+  "$FILL" "$tmp/garbled-old.raw" --replace "$sys" "$tmp/garbage.bin" || { echo "FAIL replace"; fail=1; }
+  cp "$tmp/garbled-old.raw" "$tmp/garbled.raw"
+  "$FILL" "$tmp/garbled.raw" --replace "$sys" "$tmp/newer.evtx" || { echo "FAIL replace"; fail=1; }
+  "$VSS" "$tmp/garbled-old.raw" "$tmp/garbled.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  err=$("$QVX" open "$tmp/garbled.raw" -s "$tmp/garbled.db" --shadows -q 2>&1)
+  check vss-garbled-log-status test $? -eq 1
+  check vss-garbled-log-line test "$err" = "quorvex: $tmp/garbled.raw@1:vss1::$sys: not an .evtx file: no \"ElfFile\" signature at offset 0x0; skipped"
+  check vss-garbled-log-one test "$(wc -l <<<"$err")" -eq 1
+  check vss-garbled-log-loads test "$("$QVX" view "$tmp/garbled.db" --count)" -eq "$((n_cur + 300))"
+  check vss-damaged-store-names grep -q "^quorvex: $tmp/shadow-store.raw volume 1 shadow copy 1: " <<<"$("$QVX" events "$tmp/shadow-store.raw@1:vss1::$sys" 2>&1 >/dev/null)"
+  check vss-damaged-catalog-names test "$("$QVX" imaged "$tmp/shadow-catalog.raw" 2>&1 >/dev/null)" = \
+    "quorvex: $tmp/shadow-catalog.raw volume 1: shadow copy header or catalog cannot be read at offset 0x1E00 (invalid catalog header identifier)"
+  # The volume's MFT damaged after the copy was taken: the copy still gives its logs.
+  cp "$tmp/vol.img" "$tmp/shadow-mft.raw"
+  bps=$(od -An -tu2 -j11 -N2 "$tmp/vol.img" | tr -d ' ')
+  spc=$(od -An -tu1 -j13 -N1 "$tmp/vol.img" | tr -d ' ')
+  mft=$(od -An -tu8 -j48 -N8 "$tmp/vol.img" | tr -d ' ')
+  head -c 4096 /dev/zero | tr '\0' '\356' | dd of="$tmp/shadow-mft.raw" bs=1 seek=$((mft * bps * spc)) conv=notrunc status=none
+  "$VSS" "$tmp/vol.img" "$tmp/shadow-mft.raw" >/dev/null || { echo "FAIL vss_fill"; fail=1; }
+  md5sum "$tmp/shadow-mft.raw" >>"$tmp/shadow-before.md5"
+  out=$("$QVX" imaged "$tmp/shadow-mft.raw" 2>"$tmp/err")
+  check vss-mft-imaged-status test $? -eq 1
+  check vss-mft-imaged-error grep -qx "quorvex: $tmp/shadow-mft.raw volume 1: NTFS volume whose boot sector or MFT cannot be read (.*)" "$tmp/err"
+  check vss-mft-imaged-copy grep -q "^    vss1   2024-03-01T10:20:30Z  $tmp/shadow-mft.raw@1:vss1::/$" <<<"$out"
+  got=$("$QVX" events -q -f csv --tz UTC "$tmp/shadow-mft.raw@1:vss1::$sys")
+  check vss-mft-copy-recovers test "$got" = "$want_sys"
+  err=$("$QVX" open "$tmp/shadow-mft.raw" -s "$tmp/mft-shadows.db" --shadows -q 2>&1)
+  check vss-mft-open-status test $? -eq 1
+  check vss-mft-open-line test "$err" = "$(cat "$tmp/err")"
+  check vss-mft-open-loads test "$("$QVX" view "$tmp/mft-shadows.db" --count)" -eq "$((n_old + 300))"
+  for img in "$tmp"/shadow*.raw; do md5sum "$img"; done >"$tmp/shadow-after.md5"
+  check vss-images-unchanged cmp -s <(sort "$tmp/shadow-before.md5") <(sort "$tmp/shadow-after.md5")
+fi
+
+# Bad volumes: one clear line naming the image and the problem, and a failing status.
+cp "$tmp/vol.img" "$tmp/bitlocker.raw"
+printf -- '-FVE-FS-' | dd of="$tmp/bitlocker.raw" bs=1 seek=3 conv=notrunc status=none
+for cmd in "imaged $tmp/bitlocker.raw" "events $tmp/bitlocker.raw::/Windows/System32/winevt/Logs/System.evtx" \
+           "open $tmp/bitlocker.raw -s $tmp/bitlocker.db"; do
+  err=$($QVX $cmd 2>&1 >/dev/null)
+  check "bitlocker-${cmd%% *}-status" test $? -eq 1
+  check "bitlocker-${cmd%% *}" test "$err" = "quorvex: $tmp/bitlocker.raw volume 1: BitLocker-encrypted volume; reading it needs libbde, not supported yet"
+done
+# The MFT's first records overwritten (the boot sector gives its cluster).
+cp "$tmp/vol.img" "$tmp/mft.raw"
+bps=$(od -An -tu2 -j11 -N2 "$tmp/vol.img" | tr -d ' ')
+spc=$(od -An -tu1 -j13 -N1 "$tmp/vol.img" | tr -d ' ')
+mft=$(od -An -tu8 -j48 -N8 "$tmp/vol.img" | tr -d ' ')
+head -c 4096 /dev/zero | tr '\0' '\356' | dd of="$tmp/mft.raw" bs=1 seek=$((mft * bps * spc)) conv=notrunc status=none
+for cmd in "imaged $tmp/mft.raw" "events $tmp/mft.raw::/Windows/System32/winevt/Logs/System.evtx" \
+           "open $tmp/mft.raw -s $tmp/mft.db"; do
+  err=$($QVX $cmd 2>&1 >/dev/null)
+  check "mft-${cmd%% *}-status" test $? -eq 1
+  check "mft-${cmd%% *}" grep -qx "quorvex: $tmp/mft.raw volume 1: NTFS volume whose boot sector or MFT cannot be read (.*)" <<<"$err"
+done
+# A differencing VHD and VHDX whose parent is missing (qemu-img writes neither, so
+# dynamic ones are turned into them: a VHD gets disk type 4 and a parent name, a VHDX
+# the HasParent flag and a parent locator).
+if have qemu-img && have python3; then
+  qemu-img create -q -f vpc "$tmp/diff.vhd" 8M
+  python3 - "$tmp/diff.vhd" missing-parent.vhd <<'EOF_PY'
+import struct, sys
+path, parent = sys.argv[1], sys.argv[2]
+d = bytearray(open(path, 'rb').read())
+def footer(at):                                  # footer copies at the start and the end
+    struct.pack_into('>I', d, at + 60, 4)        # disk type: differencing
+    struct.pack_into('>I', d, at + 64, 0)        # checksum: one's complement of the byte sum
+    struct.pack_into('>I', d, at + 64, ~sum(d[at:at + 512]) & 0xFFFFFFFF)
+dyn = struct.unpack_from('>Q', d, 16)[0]          # the dynamic disk header's offset
+footer(0)
+footer(len(d) - 512)
+d[dyn + 64:dyn + 576] = parent.encode('utf-16-be').ljust(512, b'\0')  # parent name
+struct.pack_into('>I', d, dyn + 36, 0)
+struct.pack_into('>I', d, dyn + 36, ~sum(d[dyn:dyn + 1024]) & 0xFFFFFFFF)
+open(path, 'wb').write(d)
+EOF_PY
+  qemu-img create -q -f vhdx "$tmp/diff.vhdx" 8M
+  python3 - "$tmp/diff.vhdx" missing-parent.vhdx <<'EOF_PY'
+import struct, sys, uuid
+path, parent = sys.argv[1], sys.argv[2]
+d = bytearray(open(path, 'rb').read())
+META = uuid.UUID('8B7CA206-4790-4B9A-B8FE-575F050F886E').bytes_le
+PARAMS = uuid.UUID('CAA16737-FA36-4D43-B3B6-33F0AA44E76B').bytes_le
+LOCATOR = uuid.UUID('A8D35F2D-B30B-454D-ABF7-D3D84834AB0C').bytes_le
+VHDX_LOCATOR_TYPE = uuid.UUID('B04AEFB7-D19E-4A81-B789-25B8E9445913').bytes_le
+# Region table at 192 KiB: "regi", checksum, entry count, then 32-byte entries.
+rt = 192 * 1024
+assert d[rt:rt + 4] == b'regi'
+count = struct.unpack_from('<I', d, rt + 8)[0]
+meta = None
+for i in range(count):
+    e = rt + 16 + 32 * i
+    if d[e:e + 16] == META:
+        meta, meta_len = struct.unpack_from('<QI', d, e + 16)
+assert meta is not None
+# Metadata table: "metadata", reserved, entry count, then 32-byte entries.
+assert d[meta:meta + 8] == b'metadata'
+n = struct.unpack_from('<H', d, meta + 10)[0]
+end = 64 * 1024
+for i in range(n):
+    e = meta + 32 + 32 * i
+    guid = bytes(d[e:e + 16])
+    off, length, flags = struct.unpack_from('<III', d, e + 16)
+    end = max(end, off + length)
+    if guid == PARAMS:
+        struct.pack_into('<I', d, meta + off + 4, struct.unpack_from('<I', d, meta + off + 4)[0] | 2)  # HasParent
+# The parent locator: type, reserved, key/value count, entries, then UTF-16LE keys and values.
+pairs = [('parent_linkage', '{01234567-89ab-cdef-0123-456789abcdef}'),
+         ('relative_path', '.\\' + parent),
+         ('absolute_win32_path', 'C:\\images\\' + parent)]
+loc = bytearray(VHDX_LOCATOR_TYPE + struct.pack('<HH', 0, len(pairs)))
+strings = bytearray()
+base = 20 + 12 * len(pairs)
+for k, v in pairs:
+    kb, vb = k.encode('utf-16-le'), v.encode('utf-16-le')
+    ko = base + len(strings); strings += kb
+    vo = base + len(strings); strings += vb
+    loc += struct.pack('<IIHH', ko, vo, len(kb), len(vb))
+loc += strings
+end = (end + 4095) // 4096 * 4096
+d[meta + end:meta + end + len(loc)] = loc
+e = meta + 32 + 32 * n
+d[e:e + 32] = LOCATOR + struct.pack('<IIII', end, len(loc), 4, 0)  # flags: IsRequired
+struct.pack_into('<H', d, meta + 10, n + 1)
+open(path, 'wb').write(d)
+EOF_PY
+  for ext in vhd vhdx; do
+    for cmd in "imaged $tmp/diff.$ext" "open $tmp/diff.$ext -s $tmp/diff.db" "events $tmp/diff.$ext::/x.evtx"; do
+      err=$($QVX $cmd 2>&1 >/dev/null)
+      check "$ext-parent-${cmd%% *}-status" test $? -eq 1
+      check "$ext-parent-${cmd%% *}" test "$err" = "quorvex: $tmp/diff.$ext: differencing disk whose parent missing-parent.$ext is missing (looked beside it)"
+    done
+  done
+fi
 
 for img in "${images[@]}"; do md5sum "$img"; done >"$tmp/after.md5"
 check images-unchanged cmp -s "$tmp/before.md5" "$tmp/after.md5"

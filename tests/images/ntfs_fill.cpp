@@ -2,13 +2,17 @@
 // libntfs-3g (no mounting), for the disk image tests.
 //
 //   qvx_ntfs_fill VOLUME SOURCE_DIR [--delete PATH_ON_VOLUME]...
+//   qvx_ntfs_fill VOLUME --replace PATH_ON_VOLUME FILE
 //
 // SOURCE_DIR's files and folders are copied to the volume's root; each --delete then
-// removes a file again, leaving its clusters unallocated but not wiped.
+// removes a file again, leaving its clusters unallocated but not wiped. --replace
+// writes FILE's bytes over an existing file's data from its start (in place where the
+// clusters are already allocated) and cuts the file to FILE's size.
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -123,12 +127,32 @@ void Delete(ntfs_volume* AVolume, const std::string& APath) {
   std::free(name);
 }
 
+void Replace(ntfs_volume* AVolume, const std::string& APath, const char* AFile) {
+  ntfs_inode* ni = Lookup(AVolume, APath);
+  if (!ni) Die("no file " + APath);
+  ntfs_attr* data = ntfs_attr_open(ni, AT_DATA, AT_UNNAMED, 0);
+  if (!data) Die("no data attribute for " + APath);
+  std::ifstream in(AFile, std::ios::binary);
+  const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const s64 size = static_cast<s64>(bytes.size());
+  if (ntfs_attr_pwrite(data, 0, size, bytes.data()) != size) Die("cannot write " + APath);
+  if (size < data->data_size && ntfs_attr_truncate(data, size) != 0) Die("cannot cut " + APath);
+  ntfs_attr_close(data);
+  ntfs_inode_close(ni);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
   if (argc < 3) Die("usage: qvx_ntfs_fill VOLUME SOURCE_DIR [--delete PATH]...");
   ntfs_volume* volume = ntfs_mount(argv[1], NTFS_MNT_NONE);
   if (!volume) Die(std::string("cannot open the NTFS volume ") + argv[1]);
+  if (std::string(argv[2]) == "--replace") {
+    if (argc != 5) Die("usage: qvx_ntfs_fill VOLUME --replace PATH FILE");
+    Replace(volume, argv[3], argv[4]);
+    if (ntfs_umount(volume, FALSE) != 0) Die("cannot close the volume");
+    return 0;
+  }
   CopyTree(volume, argv[2], "/", FILE_root);
   if (ntfs_umount(volume, FALSE) != 0) Die("cannot close the volume");
   // Deleting in a second session: names created in this one are found only after the
