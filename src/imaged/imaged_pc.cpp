@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <filesystem>
 
 namespace qvx {
@@ -500,14 +499,14 @@ std::unique_ptr<TImagedPC> OpenLiveComputer() {
   if (winDir.empty())
     throw EImagedPCException("the registry of this computer names no Windows folder (SystemRoot)");
   // Folder variables that registrations use besides those the registry itself lists.
-  static constexpr const char* kVariables[] = {"ProgramData",        "ALLUSERSPROFILE",         "CommonProgramFiles",
-                                               "CommonProgramFiles(x86)", "CommonProgramW6432", "ProgramFiles",
-                                               "ProgramFiles(x86)",  "ProgramW6432",            "SystemDrive",
-                                               "SystemRoot",         "windir"};
+  static constexpr const char* kVariables[] = {
+      "ProgramData",  "ALLUSERSPROFILE",   "CommonProgramFiles", "CommonProgramFiles(x86)", "CommonProgramW6432",
+      "ProgramFiles", "ProgramFiles(x86)", "ProgramW6432",       "SystemDrive",             "SystemRoot",
+      "windir"};
   TNameValueList variables;
   for (const char* name : kVariables)
-    if (const char* value = std::getenv(name); value && *value)
-      variables.emplace_back("%" + Lower(name) + "%", value);
+    if (std::string value = EnvironmentVariable(name); !value.empty())
+      variables.emplace_back("%" + Lower(name) + "%", std::move(value));
   auto computer = std::make_unique<TImagedPC>();
   computer->SetMapping(winDir);
   computer->ActivateFrom(*registry, variables);
