@@ -75,6 +75,8 @@ bool THiveRegistry::ReadStringValues(const std::string& AKey,
 }
 
 TRegistryDirect* THiveView::Select(const std::string& AKey) const {
+  if (FLastHive && AKey == FLastKey) return FLastHive;
+  FLastHive = nullptr;
   std::string_view key = AKey;
   while (key.starts_with('\\')) key.remove_prefix(1);
   TRegistryDirect* hive = nullptr;
@@ -92,11 +94,13 @@ TRegistryDirect* THiveView::Select(const std::string& AKey) const {
     path.append(rest);
   }
   if (!hive || !hive->HiveOpen()) return nullptr;
-  if (path == "\\") {
+  if (path == "\\")
     hive->CloseKey();
-    return hive;
-  }
-  return hive->OpenKey(path) ? hive : nullptr;
+  else if (!hive->OpenKey(path))
+    return nullptr;
+  FLastKey = AKey;
+  FLastHive = hive;
+  return hive;
 }
 
 bool THiveView::GetKeyNames(const std::string& AKey, std::vector<std::string>& ANames) const {

@@ -17,7 +17,8 @@ namespace qvx {
 
 // Two hives already open (SOFTWARE and SYSTEM) as a registry, with THiveRegistry's key
 // rules. Takes no lock: the caller holds HiveLock for the view's life. Each read moves the
-// hives' current keys; the hives must outlive the view.
+// hives' current keys, and reads of one key in a row open it once: nothing else may move
+// them while the view is used. The hives must outlive the view.
 class THiveView : public TComputerRegistry {
 public:
   THiveView(TRegistryDirect& ASoftware, TRegistryDirect& ASystem) : FSoftware(ASoftware), FSystem(ASystem) {}
@@ -33,6 +34,8 @@ private:
   TRegistryDirect* Select(const std::string& AKey) const;
   TRegistryDirect& FSoftware;
   TRegistryDirect& FSystem;
+  mutable std::string FLastKey;               // the key AKey last selected ...
+  mutable TRegistryDirect* FLastHive = nullptr; // ... and its hive (null: none)
 };
 
 class THiveRegistry : public TComputerRegistry {
