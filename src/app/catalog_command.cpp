@@ -13,20 +13,15 @@ namespace qvx::app {
 
 int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    if (AOptions.Live == !AOptions.Imaged.empty())
-      throw std::runtime_error("catalog build: give either --imaged DIR or --live");
-    if (AOptions.Live) {
-#ifdef _WIN32
-      // The running system's modules are read through its own folders.
-      throw std::runtime_error("catalog build --live: not available in this build; copy the Windows folder and "
-                               "use --imaged");
-#else
-      throw std::runtime_error("catalog build --live reads the running Windows system and works on Windows only; "
-                               "here give an installation with --imaged DIR (a mounted image or a copied Windows "
-                               "folder)");
-#endif
-    }
-    const std::unique_ptr<TImagedPC> computer = OpenImaged(AOptions.Imaged);
+    if (AOptions.Live && !AOptions.Imaged.empty())
+      throw std::runtime_error("catalog build: --live and --imaged are mutually exclusive");
+    if (!AOptions.Live && AOptions.Imaged.empty())
+      throw std::runtime_error("catalog build: give --imaged DIR|IMAGE or --live");
+    // The running system: its live registry and its own disk, read as an installation is.
+    const std::unique_ptr<TImagedPC> computer = AOptions.Live ? OpenLiveComputer() : OpenImaged(AOptions.Imaged);
+    if (!computer)
+      throw std::runtime_error("catalog build --live reads the running Windows system; on this platform use "
+                               "--imaged DIR|IMAGE");
     TCatalogBuildOptions options;
     options.Languages = AOptions.Languages;
     options.Name = AOptions.Name;
@@ -36,7 +31,7 @@ int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE*
       if (!AOptions.Quiet) std::fprintf(AErr, "  issue: %s\n", AText.c_str());
     };
     const auto start = std::chrono::steady_clock::now();
-    const TCatalogBuildStats stats = BuildCatalog(*computer, computer->MapWinDir(), AOptions.Output, options);
+    const TCatalogBuildStats stats = BuildCatalog(*computer, AOptions.Output, options);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::string languages;
     for (const std::string& language : stats.Languages) languages += (languages.empty() ? "" : ",") + language;

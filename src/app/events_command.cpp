@@ -132,6 +132,12 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
     } catch (const std::exception& e) {
       throw std::runtime_error(std::string("--imaged ") + e.what());
     }
+  } else {
+    // Registered files are mapped below the Windows folder; a relative folder would be
+    // taken for a name in System32.
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(root, error);
+    if (!error) root = absolute.string();
   }
   computer->SetMapping(FindWindowsFolder(root));
   try {

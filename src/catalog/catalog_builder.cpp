@@ -5,7 +5,6 @@
 #include "catalog/sqlite_handle.h"
 #include "descriptions/message_files.h"
 #include "descriptions/pe_message_source.h"
-#include "imaged/hive_registry.h"
 #include "imaged/imaged_pc.h"
 
 #include <algorithm>
@@ -49,9 +48,8 @@ struct TFileRecord {
 
 class TBuilder {
 public:
-  TBuilder(TImagedPC& AComputer, const std::string& AWinDir, TSqliteDb& ADb, const TCatalogBuildOptions& AOptions,
-           TCatalogBuildStats& AStats)
-      : FComputer(AComputer), FWinDir(AWinDir), FDb(ADb), FOptions(AOptions), FStats(AStats),
+  TBuilder(TImagedPC& AComputer, TSqliteDb& ADb, const TCatalogBuildOptions& AOptions, TCatalogBuildStats& AStats)
+      : FComputer(AComputer), FDb(ADb), FOptions(AOptions), FStats(AStats),
         FInsertProvider(ADb, "INSERT INTO provider(origin_id,kind,name,name_key,guid,log) VALUES(?,?,?,?,?,?)"),
         FInsertFile(ADb, "INSERT INTO file(origin_id,path,name,version,loaded) VALUES(?,?,?,?,?)"),
         FInsertProviderFile(ADb, "INSERT OR IGNORE INTO provider_file(provider_id,role,position,file_id) VALUES(?,?,?,?)"),
@@ -100,18 +98,9 @@ public:
 
 private:
   void WriteOrigin() {
-    std::string product, build;
-    try {
-      const THiveRegistry registry(FWinDir);
-      const std::string key = "\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
-      registry.ReadString(key, "ProductName", product);
-      registry.ReadString(key, "CurrentBuildNumber", build);
-      std::string display;
-      if (registry.ReadString(key, "DisplayVersion", display) && !display.empty() && !product.empty())
-        product += " " + display;
-    } catch (const std::exception&) {
-      // The hives were read once already; a product name is a nicety.
-    }
+    std::string product = FComputer.ProductName();
+    const std::string& build = FComputer.CurrentBuild();
+    if (!FComputer.DisplayVersion().empty() && !product.empty()) product += " " + FComputer.DisplayVersion();
     int64_t buildNumber = 0;
     for (char c : build) {
       if (c < '0' || c > '9' || buildNumber > 100000000) break;
@@ -260,7 +249,6 @@ private:
   }
 
   TImagedPC& FComputer;
-  std::string FWinDir;
   TSqliteDb& FDb;
   const TCatalogBuildOptions& FOptions;
   TCatalogBuildStats& FStats;
@@ -274,8 +262,7 @@ private:
 
 } // namespace
 
-TCatalogBuildStats BuildCatalog(TImagedPC& AComputer, const std::string& AWinDir, const std::string& AOutput,
-                                const TCatalogBuildOptions& AOptions) {
+TCatalogBuildStats BuildCatalog(TImagedPC& AComputer, const std::string& AOutput, const TCatalogBuildOptions& AOptions) {
   namespace fs = std::filesystem;
   if (!AComputer.Active()) RaiseCatalogError(AOutput, "the installation is not open");
   const std::string partial = AOutput + ".partial";
@@ -287,7 +274,7 @@ TCatalogBuildStats BuildCatalog(TImagedPC& AComputer, const std::string& AWinDir
       TSqliteDb db(partial, true);
       WriteCatalogHeader(db);
       db.Exec("BEGIN");
-      TBuilder(AComputer, AWinDir, db, AOptions, stats).Run();
+      TBuilder(AComputer, db, AOptions, stats).Run();
       db.Exec("COMMIT");
     }
     fs::rename(partial, AOutput, error);

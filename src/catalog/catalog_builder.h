@@ -40,10 +40,11 @@ struct TCatalogBuildStats {
   std::vector<std::string> Languages;
 };
 
-// Writes the catalog of the active imaged computer AComputer (whose Windows folder is
-// AWinDir) to AOutput, replacing it. The file appears only when complete: it is written
-// next to AOutput and renamed at the end. Raises ECatalogError naming AOutput.
-TCatalogBuildStats BuildCatalog(TImagedPC& AComputer, const std::string& AWinDir, const std::string& AOutput,
-                                const TCatalogBuildOptions& AOptions);
+// Writes the catalog of the active computer AComputer to AOutput, replacing it: an
+// installation read from its hives (TImagedPC::SetActive) or the running system read from
+// its live registry (OpenLiveComputer); the enumeration is the same for both. The file
+// appears only when complete: it is written next to AOutput and renamed at the end.
+// Raises ECatalogError naming AOutput.
+TCatalogBuildStats BuildCatalog(TImagedPC& AComputer, const std::string& AOutput, const TCatalogBuildOptions& AOptions);
 
 } // namespace qvx

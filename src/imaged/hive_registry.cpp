@@ -48,20 +48,44 @@ THiveRegistry::THiveRegistry(const std::string& AWinDir) {
   std::lock_guard<std::mutex> lock(HiveLock());
   FSoftware = OpenHiveOf(AWinDir, "software");
   FSystem = OpenHiveOf(AWinDir, "system");
+  FView = std::make_unique<THiveView>(*FSoftware, *FSystem);
 }
 
 THiveRegistry::~THiveRegistry() = default;
 
-TRegistryDirect* THiveRegistry::Select(const std::string& AKey) const {
+bool THiveRegistry::GetKeyNames(const std::string& AKey, std::vector<std::string>& ANames) const {
+  std::lock_guard<std::mutex> lock(HiveLock());
+  return FView->GetKeyNames(AKey, ANames);
+}
+
+bool THiveRegistry::ReadString(const std::string& AKey, const std::string& AName, std::string& AValue) const {
+  std::lock_guard<std::mutex> lock(HiveLock());
+  return FView->ReadString(AKey, AName, AValue);
+}
+
+bool THiveRegistry::ReadBinary(const std::string& AKey, const std::string& AName, std::vector<uint8_t>& AValue) const {
+  std::lock_guard<std::mutex> lock(HiveLock());
+  return FView->ReadBinary(AKey, AName, AValue);
+}
+
+bool THiveRegistry::ReadStringValues(const std::string& AKey,
+                                     std::vector<std::pair<std::string, std::string>>& AValues) const {
+  std::lock_guard<std::mutex> lock(HiveLock());
+  return FView->ReadStringValues(AKey, AValues);
+}
+
+TRegistryDirect* THiveView::Select(const std::string& AKey) const {
+  if (FLastHive && AKey == FLastKey) return FLastHive;
+  FLastHive = nullptr;
   std::string_view key = AKey;
   while (key.starts_with('\\')) key.remove_prefix(1);
   TRegistryDirect* hive = nullptr;
   std::string path = "\\";
   if (StartsNoCase(key, "SOFTWARE") && (key.size() == 8 || key[8] == '\\')) {
-    hive = FSoftware.get();
+    hive = &FSoftware;
     path.append(key.substr(8));
   } else if (StartsNoCase(key, "SYSTEM") && (key.size() == 6 || key[6] == '\\')) {
-    hive = FSystem.get();
+    hive = &FSystem;
     std::string_view rest = key.substr(6);
     if (StartsNoCase(rest, "\\CurrentControlSet") && (rest.size() == 18 || rest[18] == '\\')) {
       path.append("ControlSet001");
@@ -69,16 +93,17 @@ TRegistryDirect* THiveRegistry::Select(const std::string& AKey) const {
     }
     path.append(rest);
   }
-  if (!hive) return nullptr;
-  if (path == "\\") {
+  if (!hive || !hive->HiveOpen()) return nullptr;
+  if (path == "\\")
     hive->CloseKey();
-    return hive;
-  }
-  return hive->OpenKey(path) ? hive : nullptr;
+  else if (!hive->OpenKey(path))
+    return nullptr;
+  FLastKey = AKey;
+  FLastHive = hive;
+  return hive;
 }
 
-bool THiveRegistry::GetKeyNames(const std::string& AKey, std::vector<std::string>& ANames) const {
-  std::lock_guard<std::mutex> lock(HiveLock());
+bool THiveView::GetKeyNames(const std::string& AKey, std::vector<std::string>& ANames) const {
   ANames.clear();
   TRegistryDirect* hive = Select(AKey);
   if (!hive) return false;
@@ -86,23 +111,20 @@ bool THiveRegistry::GetKeyNames(const std::string& AKey, std::vector<std::string
   return true;
 }
 
-bool THiveRegistry::ReadString(const std::string& AKey, const std::string& AName, std::string& AValue) const {
-  std::lock_guard<std::mutex> lock(HiveLock());
+bool THiveView::ReadString(const std::string& AKey, const std::string& AName, std::string& AValue) const {
   AValue.clear();
   TRegistryDirect* hive = Select(AKey);
   return hive && hive->TryReadString(AName, AValue);
 }
 
-bool THiveRegistry::ReadBinary(const std::string& AKey, const std::string& AName, std::vector<uint8_t>& AValue) const {
-  std::lock_guard<std::mutex> lock(HiveLock());
+bool THiveView::ReadBinary(const std::string& AKey, const std::string& AName, std::vector<uint8_t>& AValue) const {
   AValue.clear();
   TRegistryDirect* hive = Select(AKey);
   return hive && hive->ReadBinary(AName, AValue);
 }
 
-bool THiveRegistry::ReadStringValues(const std::string& AKey,
-                                     std::vector<std::pair<std::string, std::string>>& AValues) const {
-  std::lock_guard<std::mutex> lock(HiveLock());
+bool THiveView::ReadStringValues(const std::string& AKey,
+                                 std::vector<std::pair<std::string, std::string>>& AValues) const {
   AValues.clear();
   TRegistryDirect* hive = Select(AKey);
   if (!hive) return false;

@@ -15,6 +15,29 @@
 
 namespace qvx {
 
+// Two hives already open (SOFTWARE and SYSTEM) as a registry, with THiveRegistry's key
+// rules. Takes no lock: the caller holds HiveLock for the view's life. Each read moves the
+// hives' current keys, and reads of one key in a row open it once: nothing else may move
+// them while the view is used. The hives must outlive the view.
+class THiveView : public TComputerRegistry {
+public:
+  THiveView(TRegistryDirect& ASoftware, TRegistryDirect& ASystem) : FSoftware(ASoftware), FSystem(ASystem) {}
+
+  bool GetKeyNames(const std::string& AKey, std::vector<std::string>& ANames) const override;
+  bool ReadString(const std::string& AKey, const std::string& AName, std::string& AValue) const override;
+  bool ReadBinary(const std::string& AKey, const std::string& AName, std::vector<uint8_t>& AValue) const override;
+  bool ReadStringValues(const std::string& AKey,
+                        std::vector<std::pair<std::string, std::string>>& AValues) const override;
+
+private:
+  // The hive that holds AKey, with AKey made its current key; null when missing.
+  TRegistryDirect* Select(const std::string& AKey) const;
+  TRegistryDirect& FSoftware;
+  TRegistryDirect& FSystem;
+  mutable std::string FLastKey;               // the key AKey last selected ...
+  mutable TRegistryDirect* FLastHive = nullptr; // ... and its hive (null: none)
+};
+
 class THiveRegistry : public TComputerRegistry {
 public:
   // Opens the hives of the Windows folder AWinDir (names matched without regard to
@@ -29,10 +52,9 @@ public:
                         std::vector<std::pair<std::string, std::string>>& AValues) const override;
 
 private:
-  // The hive that holds AKey, with AKey made its current key; null when missing.
-  TRegistryDirect* Select(const std::string& AKey) const;
   std::unique_ptr<TRegistryDirect> FSoftware;
   std::unique_ptr<TRegistryDirect> FSystem;
+  std::unique_ptr<THiveView> FView;
 };
 
 } // namespace qvx

@@ -1,7 +1,7 @@
 #include "imaged/imaged_pc.h"
 
 #include "descriptions/format_message.h"
-#include "imaged/hive_time_zones.h"
+#include "imaged/hive_registry.h"
 #include "platform/file_names.h"
 
 #include <algorithm>
@@ -26,8 +26,9 @@ constexpr const char* kChannels32Key = "\\Wow6432Node\\Microsoft\\Windows\\Curre
 constexpr const char* kProfileListKey = "\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
 constexpr const char* kWindowsNtKey = "\\Microsoft\\Windows NT\\CurrentVersion";
 constexpr const char* kWindowsKey = "\\Microsoft\\Windows\\CurrentVersion";
-constexpr const char* kEventLogKey = "\\ControlSet001\\Services\\EventLog";
-constexpr const char* kUILanguagesKey = "\\ControlSet001\\Control\\MUI\\UILanguages";
+// The hives' own keys lie below these; a hive view reads "CurrentControlSet" as ControlSet001.
+constexpr const char* kSoftware = "\\SOFTWARE";
+constexpr const char* kEventLogKey = "\\SYSTEM\\CurrentControlSet\\Services\\EventLog";
 
 std::string Lower(std::string_view AText) {
   std::string lower(AText);
@@ -138,37 +139,44 @@ void TImagedPC::Activate() {
   std::lock_guard<std::mutex> lock(HiveLock());
   FMessageFiles.Paths().Clear();
 
-  OpenHiveFile(*FSoftware, "software");
   struct TCloser {
     TRegistryDirect& Hive;
     ~TCloser() { Hive.CloseHive(); }
   };
-  {
-    TCloser closer{*FSoftware};
-    TRegistryDirect& hive = *FSoftware;
-    FInstallationDrive.clear();
-    if (hive.OpenKey(kWindowsNtKey)) {
-      const std::string root = hive.ReadString("SystemRoot");
-      if (root.size() >= 2 && root[1] == ':') FInstallationDrive = root.substr(0, 2);
-    }
-    ReadFoldersMapping(hive);
-    ReadPublishers(hive, kPublishersKey);
-    ReadPublishers(hive, kPublishers32Key);
-    ReadChannels(hive, kChannelsKey);
-    ReadChannels(hive, kChannels32Key);
-    ReadUsers(hive);
-    hive.CloseKey();
-    FTimeZones.EnumTimeZones(THiveTimeZoneRegistry(hive));
-  }
-
+  OpenHiveFile(*FSoftware, "software");
+  TCloser softwareCloser{*FSoftware};
   OpenHiveFile(*FSystem, "system");
-  {
-    TCloser closer{*FSystem};
-    ReadClassicSources(*FSystem);
-    std::vector<std::string> languages;
-    if (FSystem->OpenKey(kUILanguagesKey)) FSystem->GetKeyNames(languages);
-    FMessageFiles.SetUILanguages(std::move(languages));
-  }
+  TCloser systemCloser{*FSystem};
+  ReadFrom(THiveView(*FSoftware, *FSystem), {});
+}
+
+void TImagedPC::ActivateFrom(const TComputerRegistry& ARegistry, const TNameValueList& AVariables) {
+  if (FActive) Deactivate();
+  if (FMapWinDir.empty()) return;
+  FMessageFiles.Paths().Clear();
+  ReadFrom(ARegistry, AVariables);
+}
+
+void TImagedPC::ReadFrom(const TComputerRegistry& ARegistry, const TNameValueList& AVariables) {
+  const std::string ntKey = std::string(kSoftware) + kWindowsNtKey;
+  FInstallationDrive.clear();
+  std::string root;
+  if (ARegistry.ReadString(ntKey, "SystemRoot", root) && root.size() >= 2 && root[1] == ':')
+    FInstallationDrive = root.substr(0, 2);
+  ARegistry.ReadString(ntKey, "ProductName", FProductName);
+  ARegistry.ReadString(ntKey, "CurrentBuildNumber", FCurrentBuild);
+  ARegistry.ReadString(ntKey, "DisplayVersion", FDisplayVersion);
+  ReadFoldersMapping(ARegistry);
+  for (const auto& [name, folder] : AVariables)
+    if (!name.empty() && !folder.empty()) FFoldersMapping.emplace_back(Lower(name), folder);
+  ReadPublishers(ARegistry, std::string(kSoftware) + kPublishersKey);
+  ReadPublishers(ARegistry, std::string(kSoftware) + kPublishers32Key);
+  ReadChannels(ARegistry, std::string(kSoftware) + kChannelsKey);
+  ReadChannels(ARegistry, std::string(kSoftware) + kChannels32Key);
+  ReadUsers(ARegistry);
+  FTimeZones.EnumTimeZones(ARegistry);
+  ReadClassicSources(ARegistry);
+  FMessageFiles.SetUILanguages(ReadUILanguages(ARegistry));
 
   F64Bit = false;
   for (const auto& [name, folder] : FFoldersMapping)
@@ -177,16 +185,17 @@ void TImagedPC::Activate() {
   FActive = true;
 }
 
-void TImagedPC::ReadFoldersMapping(TRegistryDirect& AHive) {
+void TImagedPC::ReadFoldersMapping(const TComputerRegistry& ARegistry) {
   FFoldersMapping.clear();
   FFoldersMapping.emplace_back("%systemdrive%", FRootFolder);
   FFoldersMapping.emplace_back("%systemroot%", FMapWinDir);
   FFoldersMapping.emplace_back("%windir%", FMapWinDir);
   if (!FInstallationDrive.empty()) FFoldersMapping.emplace_back(FInstallationDrive, FRootFolder);
-  if (!AHive.OpenKey(kWindowsKey)) return;
+  const std::string key = std::string(kSoftware) + kWindowsKey;
   auto add = [&](const char* AVariable, const char* AValue, const char* AFallback) {
-    std::string value = AHive.ReadString(AValue);
-    if (value.empty() && AFallback) value = AHive.ReadString(AFallback);
+    std::string value;
+    ARegistry.ReadString(key, AValue, value);
+    if (value.empty() && AFallback) ARegistry.ReadString(key, AFallback, value);
     if (value.empty()) return;
     if (!FInstallationDrive.empty()) {
       const std::string lower = Lower(value);
@@ -203,27 +212,24 @@ void TImagedPC::ReadFoldersMapping(TRegistryDirect& AHive) {
   add("%commonprogramw6432%", "CommonW6432Dir", nullptr);
 }
 
-void TImagedPC::ReadPublishers(TRegistryDirect& AHive, const std::string& AKey) {
-  if (!AHive.OpenKey(AKey)) return;
+void TImagedPC::ReadPublishers(const TComputerRegistry& ARegistry, const std::string& AKey) {
   std::vector<std::string> guids;
-  AHive.GetKeyNames(guids);
+  if (!ARegistry.GetKeyNames(AKey, guids)) return;
+  TNameValueList values;
   for (const std::string& guid : guids) {
     std::string key = AKey;
     key.push_back('\\');
     key.append(guid);
-    if (!AHive.OpenKey(key)) continue;
-    const std::string name = AHive.ReadString("");
+    if (!ARegistry.ReadStringValues(key, values)) continue;
+    std::string name;
+    ARegistry.ReadString(key, "", name);
     FPublishers.emplace_back(guid, name);
     TSourceProperties properties;
     std::string line = "GUID=";
     line.append(guid);
     properties.push_back(std::move(line));
-    std::vector<std::string> values;
-    AHive.GetValueNames(values);
-    for (const std::string& value : values) {
-      if (value.empty()) continue;
-      std::string data;
-      if (!AHive.TryReadString(value, data) || data.empty()) continue;
+    for (const auto& [value, data] : values) {
+      if (value.empty() || data.empty()) continue;
       std::string renamed = value;
       if (value == "MessageFileName") renamed = "EventMessageFile";
       else if (value == "ResourceFileName") renamed = "CategoryMessageFile";
@@ -235,34 +241,35 @@ void TImagedPC::ReadPublishers(TRegistryDirect& AHive, const std::string& AKey) 
   }
 }
 
-void TImagedPC::ReadChannels(TRegistryDirect& AHive, const std::string& AKey) {
-  if (!AHive.OpenKey(AKey)) return;
+void TImagedPC::ReadChannels(const TComputerRegistry& ARegistry, const std::string& AKey) {
   std::vector<std::string> channels;
-  AHive.GetKeyNames(channels);
+  if (!ARegistry.GetKeyNames(AKey, channels)) return;
   for (const std::string& channel : channels) {
     std::string key = AKey;
     key.push_back('\\');
     key.append(channel);
     std::string owner;
-    if (AHive.OpenKey(key)) owner = AHive.ReadString("OwningPublisher");
+    ARegistry.ReadString(key, "OwningPublisher", owner);
     FChannels.emplace_back(channel, owner);
   }
   std::stable_sort(FChannels.begin(), FChannels.end(),
                    [](const auto& A, const auto& B) { return Lower(A.first) < Lower(B.first); });
 }
 
-void TImagedPC::ReadUsers(TRegistryDirect& AHive) {
-  if (!AHive.OpenKey(kProfileListKey)) return;
+void TImagedPC::ReadUsers(const TComputerRegistry& ARegistry) {
+  const std::string listKey = std::string(kSoftware) + kProfileListKey;
   std::vector<std::string> sids;
-  AHive.GetKeyNames(sids);
+  if (!ARegistry.GetKeyNames(listKey, sids)) return;
   for (const std::string& sid : sids) {
     // Short well-known identifiers (S-1-5-18 and the like) are not users.
     if (std::count(sid.begin(), sid.end(), '-') < 4) continue;
-    std::string key = kProfileListKey;
+    std::string key = listKey;
     key.push_back('\\');
     key.append(sid);
-    if (!AHive.OpenKey(key)) continue;
-    const std::string path = AHive.ReadString("ProfileImagePath");
+    std::vector<std::string> subkeys;
+    if (!ARegistry.GetKeyNames(key, subkeys)) continue;
+    std::string path;
+    ARegistry.ReadString(key, "ProfileImagePath", path);
     const size_t slash = path.find_last_of("\\/");
     const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
     FUserSIDS.AddUserName(sid, name);
@@ -270,28 +277,24 @@ void TImagedPC::ReadUsers(TRegistryDirect& AHive) {
   }
 }
 
-void TImagedPC::ReadClassicSources(TRegistryDirect& AHive) {
-  if (!AHive.OpenKey(kEventLogKey)) return;
+void TImagedPC::ReadClassicSources(const TComputerRegistry& ARegistry) {
   std::vector<std::string> logs;
-  AHive.GetKeyNames(logs);
+  if (!ARegistry.GetKeyNames(kEventLogKey, logs)) return;
+  TNameValueList values;
   for (const std::string& log : logs) {
     std::string logKey = kEventLogKey;
     logKey.push_back('\\');
     logKey.append(log);
-    if (!AHive.OpenKey(logKey)) continue;
     std::vector<std::string> sources;
-    AHive.GetKeyNames(sources);
+    if (!ARegistry.GetKeyNames(logKey, sources)) continue;
     for (const std::string& source : sources) {
       std::string key = logKey;
       key.push_back('\\');
       key.append(source);
-      if (!AHive.OpenKey(key)) continue;
+      if (!ARegistry.ReadStringValues(key, values)) continue;
       TSourceProperties properties;
-      std::vector<std::string> values;
-      AHive.GetValueNames(values);
-      for (const std::string& value : values) {
-        std::string data;
-        if (value.empty() || !AHive.TryReadString(value, data) || data.empty()) continue;
+      for (const auto& [value, data] : values) {
+        if (value.empty() || data.empty()) continue;
         AddFileLines(properties, value, data);
       }
       if (FSourceProperties.AddProperties(source, std::move(properties))) FClassicSources.emplace_back(log, source);
@@ -309,6 +312,9 @@ void TImagedPC::Deactivate() {
   FClassicSources.clear();
   FProviders = std::make_unique<TGuidProviders>();
   FFoldersMapping.clear();
+  FProductName.clear();
+  FCurrentBuild.clear();
+  FDisplayVersion.clear();
   FTimeZones = TTimeZones();
   FMessageFiles.Paths().Clear();
   FActive = false;
@@ -483,6 +489,28 @@ bool TImagedPC::GetParam(const std::string& ASource, uint32_t AId, std::string& 
     return true;
   }
   return false;
+}
+
+std::unique_ptr<TImagedPC> OpenLiveComputer() {
+  const std::unique_ptr<TComputerRegistry> registry = OpenLiveRegistry("");
+  if (!registry) return nullptr;
+  std::string winDir;
+  registry->ReadString(std::string(kSoftware) + kWindowsNtKey, "SystemRoot", winDir);
+  if (winDir.empty())
+    throw EImagedPCException("the registry of this computer names no Windows folder (SystemRoot)");
+  // Folder variables that registrations use besides those the registry itself lists.
+  static constexpr const char* kVariables[] = {
+      "ProgramData",  "ALLUSERSPROFILE",   "CommonProgramFiles", "CommonProgramFiles(x86)", "CommonProgramW6432",
+      "ProgramFiles", "ProgramFiles(x86)", "ProgramW6432",       "SystemDrive",             "SystemRoot",
+      "windir"};
+  TNameValueList variables;
+  for (const char* name : kVariables)
+    if (std::string value = EnvironmentVariable(name); !value.empty())
+      variables.emplace_back("%" + Lower(name) + "%", std::move(value));
+  auto computer = std::make_unique<TImagedPC>();
+  computer->SetMapping(winDir);
+  computer->ActivateFrom(*registry, variables);
+  return computer;
 }
 
 } // namespace qvx

@@ -6,7 +6,9 @@
 // drive lie inside the image, its publishers and their message files (native view,
 // then the 32-bit view), channels, classic event sources (always ControlSet001), the
 // account names of its profile list, its UI languages and its time zone table. The
-// hives are closed again at the end of activation.
+// hives are closed again at the end of activation. The same tables can be read from any
+// other registry with the same keys (ActivateFrom): the running Windows system's live
+// registry, whose files then lie on its own disk (OpenLiveComputer).
 //
 // Paths read from the image's registry are mapped onto the image and lower-cased;
 // files are then found without regard to case (see TPathResolver). Lookups never
@@ -62,6 +64,14 @@ public:
   // hive is missing, too large or not a hive); with no Windows folder set nothing
   // happens. False empties every table. Writing the current value does nothing.
   void SetActive(bool AValue);
+  // Activates from ARegistry instead of the hive files, reading the same keys through
+  // their full paths ("\SOFTWARE\Microsoft\…", "\SYSTEM\CurrentControlSet\…"): the
+  // running system's registry (OpenLiveComputer), or any other that a caller provides.
+  // The Windows folder set by SetMapping is where message files are looked for; the
+  // folder variables AVariables ("%programdata%" = folder) are mapped after the
+  // registry's own. Missing keys leave their tables empty; never raises. With no Windows
+  // folder set nothing happens. An active computer is deactivated first.
+  void ActivateFrom(const TComputerRegistry& ARegistry, const TNameValueList& AVariables = {});
 
   // The registration of a publisher (by name) or classic source as name=value lines, a
   // publisher's beginning with "GUID=", one line per file, file paths mapped onto the
@@ -93,6 +103,11 @@ public:
   // The folder of the installation's logs: System32\winevt\Logs.
   std::string LogsLocation() const;
   const std::string& InstallationDrive() const { return FInstallationDrive; }
+  // SOFTWARE\Microsoft\Windows NT\CurrentVersion's ProductName, CurrentBuildNumber and
+  // DisplayVersion; empty when missing.
+  const std::string& ProductName() const { return FProductName; }
+  const std::string& CurrentBuild() const { return FCurrentBuild; }
+  const std::string& DisplayVersion() const { return FDisplayVersion; }
   bool Is64Bit() const { return F64Bit; }
 
   // Folder variable or drive = folder inside the image, in mapping order.
@@ -118,11 +133,13 @@ private:
   void Deactivate();
   // Opens the hive file System32\config\<AName> in AReader, with the three checks.
   void OpenHiveFile(TRegistryDirect& AReader, const char* AName);
-  void ReadFoldersMapping(TRegistryDirect& AHive);
-  void ReadPublishers(TRegistryDirect& AHive, const std::string& AKey);
-  void ReadChannels(TRegistryDirect& AHive, const std::string& AKey);
-  void ReadUsers(TRegistryDirect& AHive);
-  void ReadClassicSources(TRegistryDirect& AHive);
+  // Fills every table from ARegistry (the hives' view or another registry).
+  void ReadFrom(const TComputerRegistry& ARegistry, const TNameValueList& AVariables);
+  void ReadFoldersMapping(const TComputerRegistry& ARegistry);
+  void ReadPublishers(const TComputerRegistry& ARegistry, const std::string& AKey);
+  void ReadChannels(const TComputerRegistry& ARegistry, const std::string& AKey);
+  void ReadUsers(const TComputerRegistry& ARegistry);
+  void ReadClassicSources(const TComputerRegistry& ARegistry);
   // Maps one file value onto the image (lower case).
   std::string MapFile(const std::string& AValue) const;
   // The template of AMessageId in the file APath alone.
@@ -147,8 +164,18 @@ private:
   std::unique_ptr<TGuidProviders> FProviders;
   TNameValueList FFoldersMapping;
   std::string FInstallationDrive;
+  std::string FProductName;
+  std::string FCurrentBuild;
+  std::string FDisplayVersion;
   TTimeZones FTimeZones;
   TMessageFiles FMessageFiles;
 };
+
+// The running Windows system as the computer that describes events: its live registry
+// (OpenLiveRegistry), its Windows folder (the registry's SystemRoot) and the process's
+// folder variables (%ProgramData%, %CommonProgramFiles% and the like), activated. Null
+// where the platform has no live registry (only Windows has one). Raises
+// EImagedPCException when the registry names no Windows folder.
+std::unique_ptr<TImagedPC> OpenLiveComputer();
 
 } // namespace qvx

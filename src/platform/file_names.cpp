@@ -1,11 +1,25 @@
 #include "platform/file_names.h"
 
+#include "platform/utf16.h"
+
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
 namespace qvx {
 
 namespace fs = std::filesystem;
+
+std::string EnvironmentVariable(const std::string& AName) {
+#ifdef _WIN32
+  const std::u16string name = Utf8ToUtf16(AName);
+  const wchar_t* value = _wgetenv(reinterpret_cast<const wchar_t*>(name.c_str()));
+  return value ? Utf16ToUtf8(std::u16string_view(reinterpret_cast<const char16_t*>(value))) : std::string();
+#else
+  const char* value = std::getenv(AName.c_str());
+  return value ? std::string(value) : std::string();
+#endif
+}
 
 std::string NativeSeparators(std::string_view APath) {
   std::string path(APath);

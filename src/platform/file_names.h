@@ -76,5 +76,8 @@ private:
 std::string NativeSeparators(std::string_view APath);
 // The name folded for comparisons that ignore case (UTF-8 in and out).
 std::string FoldCase(std::string_view AName);
+// The value of the process's environment variable AName as UTF-8 (on Windows read as
+// UTF-16, whatever the code page); "" when it is not set.
+std::string EnvironmentVariable(const std::string& AName);
 
 } // namespace qvx

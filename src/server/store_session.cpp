@@ -3,6 +3,7 @@
 #include "engine/event_model.h"
 #include "filter/filter_json.h"
 #include "view/detection_store.h"
+#include "view/rendering_info.h"
 #include "view/store_statistics.h"
 
 #include <pugixml.hpp>
@@ -402,6 +403,11 @@ json TStoreSession::Event(int64_t AId) {
               {"description", query.TextAt(10)},
               {"data", DataItems(xml)},
               {"xml", PrettyXml(xml)}};
+  // Names from a catalog or an imaged computer, kept in the XML's RenderingInfo.
+  std::string opcode, keywords;
+  ReadRenderingNames(xml, opcode, keywords);
+  if (!opcode.empty()) out["fields"]["opcodeName"] = opcode;
+  if (!keywords.empty()) out["fields"]["keywordNames"] = keywords;
   json detections = json::array();
   if (FHasDetections) {
     TStatement found(FStore, std::string("SELECT Level, Title, Author, RuleId, Matched FROM ") + TDetectionStore::kTable +

@@ -3,6 +3,7 @@
 #include "descriptions/time_zones.h"
 #include "engine/event_log_x.h"
 #include "engine/event_model.h"
+#include "view/rendering_info.h"
 
 #include <cstdio>
 #include <string_view>
@@ -78,6 +79,10 @@ void TLiteRecord::FromEvent(TEventItemBase& AItem, int32_t ALogIndex) {
     RecordNumber = static_cast<uint32_t>(AItem.FRecordNumber);
   EventLog = ALogIndex;
   EvtXML = AItem.FEvtXML;
+  // Opcode and keyword names from a catalog or an imaged computer have no column: they
+  // travel in the XML, where Windows puts them for forwarded events.
+  TRenderingNames names;
+  if (RenderingNamesOf(AItem, names)) AddRenderingInfo(EvtXML, names);
   Descr = AItem.FEvtMessage;
 }
 

@@ -79,7 +79,8 @@ struct TLiteRecord {
   std::vector<std::string> CustomFields;
 
   // Fills the row from an event read by a source: its time as the source shows it,
-  // its user and category names resolved.
+  // its user and category names resolved; opcode and keyword names known from offline
+  // descriptions are added to its XML as a RenderingInfo element (view/rendering_info.h).
   void FromEvent(TEventItemBase& AItem, int32_t ALogIndex);
 };
 

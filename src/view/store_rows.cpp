@@ -1,16 +1,21 @@
 #include "view/store_rows.h"
 
 #include "platform/text_escape.h"
+#include "view/rendering_info.h"
 
 namespace qvx {
 
 std::string_view StoreRowsHeader(TStoreRowFormat AFormat) {
   return AFormat == TStoreRowFormat::srfCsv
-             ? "Id,Time,Type,EventID,Source,Category,User,Computer,RecordNumber,Log,Bookmarked,Description\r\n"
+             ? "Id,Time,Type,EventID,Source,Category,User,Computer,RecordNumber,Log,Bookmarked,Description,OpcodeName,"
+               "KeywordNames\r\n"
              : "";
 }
 
 void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat AFormat) {
+  // Opcode and keyword names have no column: the XML's RenderingInfo holds them.
+  std::string opcode, keywords;
+  if (AFormat != TStoreRowFormat::srfXml) ReadRenderingNames(ARow.EvtXML, opcode, keywords);
   switch (AFormat) {
   case TStoreRowFormat::srfCsv:
     AOut.append(std::to_string(ARow.ID)).push_back(',');
@@ -25,6 +30,10 @@ void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat A
     AOut.append(std::to_string(ARow.RecordNumber)).append(",").append(std::to_string(ARow.EventLog));
     AOut.append(ARow.Bookmarked ? ",1," : ",0,");
     AppendCsvField(AOut, ARow.Descr);
+    AOut.push_back(',');
+    AppendCsvField(AOut, opcode);
+    AOut.push_back(',');
+    AppendCsvField(AOut, keywords);
     AOut.append("\r\n");
     break;
   case TStoreRowFormat::srfJsonl:
@@ -46,6 +55,15 @@ void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat A
     AOut.append(ARow.Bookmarked ? ",\"bookmarked\":true" : ",\"bookmarked\":false");
     AOut.append(",\"description\":");
     AppendJsonString(AOut, ARow.Descr);
+    // As the events command writes them: present only when known.
+    if (!opcode.empty()) {
+      AOut.append(",\"opcode_name\":");
+      AppendJsonString(AOut, opcode);
+    }
+    if (!keywords.empty()) {
+      AOut.append(",\"keyword_names\":");
+      AppendJsonString(AOut, keywords);
+    }
     AOut.append("}\n");
     break;
   case TStoreRowFormat::srfXml:

@@ -13,7 +13,9 @@ enum class TStoreRowFormat { srfCsv, srfJsonl, srfXml };
 
 // The CSV header line (CRLF ended); "" for the other formats.
 std::string_view StoreRowsHeader(TStoreRowFormat AFormat);
-// Appends one row, line end included.
+// Appends one row, line end included. CSV and JSON Lines end with the opcode and keyword
+// names of the row's RenderingInfo element (JSON: "opcode_name", "keyword_names", only
+// when known), as the events command writes them.
 void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat AFormat);
 
 } // namespace qvx

@@ -6,10 +6,12 @@
 #include "catalog/sqlite_handle.h"
 #include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
+#include "imaged/hive_registry.h"
 #include "imaged/imaged_pc.h"
 #include "support/evt_writer.h"
 #include "support/hive_writer.h"
 #include "support/imaged_fixture.h"
+#include "support/memory_registry.h"
 #include "support/pe_writer.h"
 #include "support/wevt_writer.h"
 #include "support/test_paths.h"
@@ -50,7 +52,7 @@ TCatalogBuildStats Build(const fs::path& AWinDir, const fs::path& AOut, TCatalog
   TImagedPC computer;
   computer.SetMapping(AWinDir.string());
   computer.SetActive(true);
-  return BuildCatalog(computer, AWinDir.string(), AOut.string(), AOptions);
+  return BuildCatalog(computer, AOut.string(), AOptions);
 }
 
 std::string Message(const TDescribed& AEvents, uint64_t ARecord) {
@@ -94,6 +96,81 @@ TEST_F(MessageCatalog, DescribesTheLogExactlyAsTheInstallationDoes) {
   EXPECT_EQ(Message(fromCatalog, 4), "Provider A event one v1: x y");
   EXPECT_EQ(std::get<2>(fromCatalog[3]), "Task Five");
   EXPECT_EQ(Message(fromCatalog, 6), "Vom Satelliten sat");
+}
+
+// Every row of every table of the catalog APath, as text (the origin's creation time left out).
+std::string DumpCatalog(const fs::path& APath) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(APath.string().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return "(cannot open)";
+  }
+  std::vector<std::string> tables;
+  sqlite3_stmt* list = nullptr;
+  sqlite3_prepare_v2(db, "SELECT name FROM sqlite_master WHERE type='table' ORDER BY name", -1, &list, nullptr);
+  while (sqlite3_step(list) == SQLITE_ROW) tables.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(list, 0)));
+  sqlite3_finalize(list);
+  std::string dump;
+  for (const std::string& table : tables) {
+    dump += "[" + table + "]\n";
+    sqlite3_stmt* rows = nullptr;
+    if (sqlite3_prepare_v2(db, ("SELECT * FROM \"" + table + "\"").c_str(), -1, &rows, nullptr) != SQLITE_OK)
+      dump += "(cannot read)\n";
+    std::vector<std::string> lines;
+    while (rows && sqlite3_step(rows) == SQLITE_ROW) {
+      std::string line;
+      for (int i = 0; i < sqlite3_column_count(rows); ++i) {
+        if (std::string_view(sqlite3_column_name(rows, i)) == "created") continue;
+        const unsigned char* text = sqlite3_column_text(rows, i);
+        line += text ? reinterpret_cast<const char*>(text) : "NULL";
+        line += '|';
+      }
+      lines.push_back(std::move(line));
+    }
+    sqlite3_finalize(rows);
+    std::sort(lines.begin(), lines.end());
+    for (const std::string& line : lines) dump += line + "\n";
+  }
+  sqlite3_close(db);
+  return dump;
+}
+
+// --live reads the running system's registry and disk through the same enumeration: an
+// installation whose registry comes from memory instead of its hives gives the same catalog.
+TEST_F(MessageCatalog, ARegistryThatIsNotAHiveGivesTheSameCatalog) {
+  const TCatalogBuildStats fromHives = Build(Tree.WinDir, Dir / "hives.qcat");
+  test::TMemoryRegistry registry;
+  {
+    const THiveRegistry hives(Tree.WinDir.string());
+    registry.CopyFrom(hives, "\\SOFTWARE");
+    registry.CopyFrom(hives, "\\SYSTEM\\CurrentControlSet");
+  }
+  fs::remove(Tree.WinDir / "System32" / "config" / "SOFTWARE");
+  fs::remove(Tree.WinDir / "System32" / "config" / "SYSTEM");
+  TImagedPC live;
+  live.SetMapping(Tree.WinDir.string());
+  live.ActivateFrom(registry);
+  const TCatalogBuildStats fromRegistry = BuildCatalog(live, (Dir / "registry.qcat").string(), {});
+  EXPECT_EQ(fromRegistry.Publishers, fromHives.Publishers);
+  EXPECT_EQ(fromRegistry.ClassicSources, fromHives.ClassicSources);
+  EXPECT_EQ(fromRegistry.Events, fromHives.Events);
+  EXPECT_EQ(fromRegistry.Messages, fromHives.Messages);
+  const std::string dump = DumpCatalog(Dir / "hives.qcat");
+  EXPECT_NE(dump.find("Provider A event one v1"), std::string::npos);
+  EXPECT_EQ(DumpCatalog(Dir / "registry.qcat"), dump);
+
+  // The origin is named from the product the registry gives.
+  const std::string nt = "\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
+  registry.PutString(nt, "ProductName", "Windows Test");
+  registry.PutString(nt, "CurrentBuildNumber", "22631");
+  registry.PutString(nt, "DisplayVersion", "23H2");
+  live.ActivateFrom(registry);
+  BuildCatalog(live, (Dir / "named.qcat").string(), {});
+  const TCatalogInfo info = ReadCatalogInfo((Dir / "named.qcat").string());
+  ASSERT_EQ(info.Origins.size(), 1u);
+  EXPECT_EQ(info.Origins[0].Name, "Windows Test 23H2 build 22631");
+  EXPECT_EQ(info.Origins[0].Product, "Windows Test 23H2");
+  EXPECT_EQ(info.Origins[0].Build, 22631);
 }
 
 TEST_F(MessageCatalog, TextsTheCatalogLacksFallBackAsWithoutIt) {

@@ -3,6 +3,8 @@
 #include "imaged/imaged_pc.h"
 
 #include "engine/event_log_binxml.h"
+#include "imaged/hive_registry.h"
+#include "support/memory_registry.h"
 #include "support/hive_writer.h"
 #include "support/imaged_fixture.h"
 #include "support/pe_writer.h"
@@ -130,6 +132,76 @@ TEST_F(ImagedPC, DeactivationEmptiesEveryTable) {
   Computer.SetActive(true);
   EXPECT_TRUE(Computer.GetEventSourceProperties("ClassicSrc", properties));
 }
+
+// The installation's registry copied into memory, as the live system's registry is read:
+// full key paths, "CurrentControlSet" as the system names it, no hive file behind it.
+test::TMemoryRegistry CopyOfRegistry(const fs::path& AWinDir) {
+  const THiveRegistry hives(AWinDir.string());
+  test::TMemoryRegistry copy;
+  copy.CopyFrom(hives, "\\SOFTWARE");
+  copy.CopyFrom(hives, "\\SYSTEM\\CurrentControlSet");
+  return copy;
+}
+
+TEST_F(ImagedPC, AnotherRegistryGivesTheTablesOfTheHives) {
+  const test::TMemoryRegistry registry = CopyOfRegistry(Tree.WinDir);
+  // The hives are gone: everything comes from the registry given.
+  fs::remove(Tree.WinDir / "System32" / "config" / "SOFTWARE");
+  fs::remove(Tree.WinDir / "System32" / "config" / "SYSTEM");
+  TImagedPC live;
+  live.SetMapping(Tree.WinDir.string());
+  live.ActivateFrom(registry);
+  ASSERT_TRUE(live.Active());
+  EXPECT_EQ(live.InstallationDrive(), Computer.InstallationDrive());
+  EXPECT_EQ(live.Is64Bit(), Computer.Is64Bit());
+  EXPECT_EQ(live.UILanguages(), Computer.UILanguages());
+  EXPECT_EQ(live.FoldersMapping(), Computer.FoldersMapping());
+  EXPECT_EQ(live.Publishers(), Computer.Publishers());
+  EXPECT_EQ(live.ClassicSources(), Computer.ClassicSources());
+  EXPECT_EQ(live.Channels(), Computer.Channels());
+  EXPECT_EQ(live.Users(), Computer.Users());
+  EXPECT_EQ(live.ProductName(), Computer.ProductName());
+  EXPECT_EQ(live.CurrentBuild(), Computer.CurrentBuild());
+  EXPECT_EQ(live.TimeZones().Count(), Computer.TimeZones().Count());
+  EXPECT_GT(live.Publishers().size(), 0u);
+  EXPECT_GT(live.ClassicSources().size(), 0u);
+  for (const auto& [log, source] : Computer.ClassicSources()) {
+    TSourceProperties expected, got;
+    Computer.GetEventSourceProperties(source, expected);
+    live.GetEventSourceProperties(source, got);
+    EXPECT_EQ(got, expected) << source;
+  }
+  std::string text;
+  ASSERT_TRUE(live.GetEventMessage("Test-Provider-A", 1, 1, text));
+  EXPECT_EQ(text, "Provider A event one v1: %1 %2");
+  // Deactivation and activating again from the registry start afresh.
+  live.SetActive(false);
+  EXPECT_TRUE(live.Publishers().empty());
+  live.ActivateFrom(registry);
+  EXPECT_EQ(live.Publishers(), Computer.Publishers());
+}
+
+TEST_F(ImagedPC, FolderVariablesOfTheRunningSystemMapRegisteredFiles) {
+  test::TMemoryRegistry registry = CopyOfRegistry(Tree.WinDir);
+  registry.PutString("\\SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\DataSrc", "EventMessageFile",
+                     "%ProgramData%\\Vendor\\Data.dll");
+  test::WriteMessageDll(Tree.Root / "ProgramData" / "Vendor" / "Data.dll", {{7, u"From program data %1\r\n"}});
+  TImagedPC live;
+  live.SetMapping(Tree.WinDir.string());
+  live.ActivateFrom(registry);
+  std::string text;
+  // The registry names no such folder: the file is not found.
+  EXPECT_FALSE(live.GetEventMessage("DataSrc", 7, 0, text));
+  live.ActivateFrom(registry, {{"%ProgramData%", (Tree.Root / "ProgramData").string()}});
+  ASSERT_TRUE(live.GetEventMessage("DataSrc", 7, 0, text));
+  EXPECT_EQ(text, "From program data %1");
+  // The registry's own folders come first.
+  EXPECT_EQ(live.FoldersMapping().back().first, "%programdata%");
+}
+
+#ifndef _WIN32
+TEST(ImagedPCLive, OnlyWindowsHasARunningSystemToRead) { EXPECT_EQ(OpenLiveComputer(), nullptr); }
+#endif
 
 TEST(ImagedPCActivation, FailsWithTheFourMessagesAndStaysInactive) {
   TImagedPC empty;

@@ -3,9 +3,11 @@
 #include "app/commands.h"
 #include "app/demo_log.h"
 #include "server/web_server.h"
+#include "view/rendering_info.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <sqlite3.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -444,6 +446,48 @@ TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
     EXPECT_EQ(event["detections"][0]["author"], "Test Author");
     EXPECT_FALSE(session.Rows({}, 0, 50)["rows"][0].contains("level") &&
                  session.Rows({}, 0, 50)["rows"][0]["eventId"] != 4625);
+  }
+  std::filesystem::remove_all(folder);
+}
+
+// An event stored with RenderingInfo names (from a catalog): the details carry them, the
+// data items read as before.
+TEST(WebServerEvent, RenderingInfoNamesComeWithTheDetails) {
+  const std::filesystem::path folder =
+      std::filesystem::temp_directory_path() / ("qvx-web-names-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(folder);
+  WriteDemoLog((folder / "demo.evtx").string());
+  app::TStoreOptions options;
+  options.Logs = {(folder / "demo.evtx").string()};
+  options.Store = (folder / "demo.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  json before;
+  {
+    server::TStoreSession session(options.Store, 0);
+    before = session.Event(1);
+  }
+  EXPECT_FALSE(before["fields"].contains("opcodeName"));
+  std::string xml = before["xml"];
+  TRenderingNames names;
+  names.Opcode = "Info";
+  names.Keywords = "Audit Success, Other";
+  ASSERT_TRUE(AddRenderingInfo(xml, names));
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(options.Store.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* update = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db, "UPDATE Events SET EvtXML = ?1 WHERE _ID = 1", -1, &update, nullptr), SQLITE_OK);
+  sqlite3_bind_text(update, 1, xml.c_str(), -1, SQLITE_TRANSIENT);
+  EXPECT_EQ(sqlite3_step(update), SQLITE_DONE);
+  sqlite3_finalize(update);
+  sqlite3_close(db);
+  {
+    server::TStoreSession session(options.Store, 0);
+    const json after = session.Event(1);
+    EXPECT_EQ(after["fields"]["opcodeName"], "Info");
+    EXPECT_EQ(after["fields"]["keywordNames"], "Audit Success, Other");
+    EXPECT_EQ(after["data"], before["data"]);
+    EXPECT_NE(after["xml"].get<std::string>().find("<RenderingInfo>"), std::string::npos);
   }
   std::filesystem::remove_all(folder);
 }

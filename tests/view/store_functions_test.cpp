@@ -1,5 +1,6 @@
 // The event store's SQL functions, run through real SQL on an in-memory connection.
 #include "view/store_functions.h"
+#include "view/rendering_info.h"
 
 #include "filter/event_filter.h"
 
@@ -351,6 +352,27 @@ TEST_F(StoreFunctionsCustom, XmlPaths) {
   EXPECT_EQ(Field(4624, 3, "System/@Name/Bad", "", 0), "NULL");
   EXPECT_EQ(Field(4624, 3, "EventData/Data[x]", "", 0), "NULL");
   EXPECT_EQ(Field(4624, 3, "", "", 0), "NULL");
+}
+
+// An event stored with the names of a catalog (RenderingInfo after EventData): its data
+// reads as before, and the names by path.
+TEST_F(StoreFunctionsCustom, RenderingInfoNamesByPathAndDataAsBefore) {
+  std::string xml = kEventXml;
+  TRenderingNames names;
+  names.Opcode = "Info";
+  names.Keywords = "Audit Success, B";
+  ASSERT_TRUE(AddRenderingInfo(xml, names));
+  sqlite3_stmt* statement = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(FDb, "INSERT INTO E VALUES (4625, ?, ?)", -1, &statement, nullptr), SQLITE_OK);
+  sqlite3_bind_text(statement, 1, xml.c_str(), -1, SQLITE_TRANSIENT);
+  sqlite3_bind_text(statement, 2, kLogonDescr, -1, SQLITE_STATIC);
+  EXPECT_EQ(sqlite3_step(statement), SQLITE_DONE);
+  sqlite3_finalize(statement);
+  EXPECT_EQ(Field(4625, 3, "Event/RenderingInfo/Opcode", "", 0), "Info");
+  EXPECT_EQ(Field(4625, 3, "RenderingInfo/Keywords/Keyword[2]", "", 0), "B");
+  for (const char* path : {"System/Execution/@ProcessID", "EventData/Data[2]", "Event/System/Computer"})
+    EXPECT_EQ(Field(4625, 3, path, "", 0), Field(4624, 3, path, "", 0)) << path;
+  EXPECT_EQ(Field(4625, 0, "TargetUserName", "", 0), "alice & bob <x> AB");
 }
 
 TEST_F(StoreFunctionsCustom, FormatsTextIntegerAndReal) {
