@@ -637,7 +637,8 @@ std::vector<TRuleCompiler::TToken> TRuleCompiler::Tokenize(const std::string& AT
       continue;
     }
     const size_t start = i;
-    while (i < AText.size() && !std::strchr(" \t\r\n()|", AText[i])) ++i;
+    // (string_view: strchr would find a NUL byte of the text as the set's terminator)
+    while (i < AText.size() && std::string_view(" \t\r\n()|").find(AText[i]) == std::string_view::npos) ++i;
     tokens.push_back({AText.substr(start, i - start)});
   }
   return tokens;

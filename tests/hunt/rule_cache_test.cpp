@@ -3,6 +3,7 @@
 // unusable rules and detections as uncached ones.
 #include "hunt/hunt_fixture.h"
 #include "hunt/rule_cache.h"
+#include "hunt/sigma_rule.h"
 
 #include "support/evtx_fixtures.h"
 #include "support/test_paths.h"
@@ -203,6 +204,22 @@ TEST(RuleCache, EntriesThatDoNotReadBackAreRefused) {
   deep += std::string("\x01\x00\x00\x00", 4);
   for (int i = 0; i < 300; ++i) deep += std::string("\x02\x01\x00\x00\x00\x01\x00\x00\x00", 9);
   EXPECT_FALSE(TRuleCache::Decode(deep, back));
+}
+
+// A cache entry may hold bytes no YAML file can (NUL in a condition): the rule compiles or
+// is refused, in time and memory bounded by its text.
+TEST(RuleCache, ANulByteInAConditionIsRefusedNotLoopedOn) {
+  TParsedRuleFile parsed;
+  parsed.Documents = hunt::ParseYamlDocuments(RuleText("  sel:\n    Image: a\n  condition: sel\n"), "r.yml");
+  std::string bytes;
+  TRuleCache::Encode(parsed, bytes);
+  const size_t at = bytes.rfind("sel");
+  ASSERT_NE(at, std::string::npos);
+  bytes[at + 1] = '\0';
+  TParsedRuleFile back;
+  ASSERT_TRUE(TRuleCache::Decode(bytes, back));
+  ASSERT_EQ(back.Documents.size(), 1u);
+  EXPECT_THROW(hunt::CompileSigmaRule(back.Documents[0], "r.yml"), hunt::ESigmaError);
 }
 
 TEST(RuleCache, TheWholeWindowsRuleSetLoadsTheSameFromTheCache) {
