@@ -128,6 +128,8 @@ const std::string& TUserNameCache::AddUserName(const uint8_t* ASid, size_t ALeng
 
 const std::string& TUserNameCache::AddUserName(std::string_view ASidText) {
   if (ASidText.empty()) return kNotAvailable;
+  // Events write SIDs in the canonical form the index keeps: most need no conversion.
+  if (const size_t* position = FindValue(FIndex, ASidText)) return FLines[*position].Account;
   if (!TextToSid(ASidText, FSid)) return kEmpty;
   return AddUserName(FSid.data(), FSid.size());
 }

@@ -125,6 +125,10 @@ void Pad(std::string& AOut, std::string_view AText, size_t AUnits, const TInsert
 }
 
 void AppendString(std::string& AOut, std::string_view AText, const TInsertFormat& AFormat) {
+  if (AFormat.FPrecision < 0 && AFormat.FWidth <= 0) {
+    AOut.append(AText); // nothing to cut or pad: no need to count units
+    return;
+  }
   size_t units = Utf16Length(AText);
   if (AFormat.FPrecision >= 0 && units > static_cast<uint64_t>(AFormat.FPrecision)) {
     std::u16string wide = Utf8ToUtf16(AText);
@@ -216,7 +220,6 @@ bool FormatMessageText(std::string_view ATemplate, const std::vector<std::string
   AOut.clear();
   const uint32_t maxWidth = AFlags & fmMaxWidthMask;
   const bool ignoreInserts = (AFlags & fmIgnoreInserts) != 0;
-  size_t units = 0, countedBytes = 0; // UTF-16 units in AOut[0, countedBytes)
   size_t pos = 0;
   while (pos < ATemplate.size()) {
     const char c = ATemplate[pos];
@@ -276,9 +279,8 @@ bool FormatMessageText(std::string_view ATemplate, const std::vector<std::string
       } else {
         AOut.append(value);
       }
-      units += Utf16Length(std::string_view(AOut).substr(countedBytes));
-      countedBytes = AOut.size();
-      if (units > kFormatMessageMaxUnits) return false;
+      // A UTF-16 unit takes at least one byte: only a longer text needs counting.
+      if (AOut.size() > kFormatMessageMaxUnits && Utf16Length(AOut) > kFormatMessageMaxUnits) return false;
       continue;
     }
     pos += 2;
@@ -294,7 +296,7 @@ bool FormatMessageText(std::string_view ATemplate, const std::vector<std::string
     }
   }
   if (maxWidth != 0 && maxWidth != fmMaxWidthMask) AOut = WrapLines(AOut, maxWidth);
-  return Utf16Length(AOut) <= kFormatMessageMaxUnits;
+  return AOut.size() <= kFormatMessageMaxUnits || Utf16Length(AOut) <= kFormatMessageMaxUnits;
 }
 
 std::string StripTrailingLineBreak(std::string_view AText) {

@@ -329,7 +329,7 @@ std::string TMessageFiles::ExpandParameterInserts(std::string_view AText, std::s
     if (end > at + 2 && end - at - 2 <= 18) number = std::stoll(text.substr(at + 2, end - at - 2));
     std::string value;
     if (number >= 0 && findParameter(static_cast<uint32_t>(number), value)) {
-      if (Utf16Length(value) > kMaxParameterUnits) value = Utf16ToUtf8(Utf8ToUtf16(value).substr(0, kMaxParameterUnits));
+      if (value.size() > kMaxParameterUnits && Utf16Length(value) > kMaxParameterUnits) value = Utf16ToUtf8(Utf8ToUtf16(value).substr(0, kMaxParameterUnits));
       AArguments.push_back(std::move(value));
       const std::string reference = text.substr(at, end - at);
       std::string replacement = "%";
