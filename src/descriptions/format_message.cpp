@@ -231,8 +231,11 @@ bool FormatMessageText(std::string_view ATemplate, const std::vector<std::string
       continue;
     }
     if (c != '%') {
-      AOut.push_back(c);
-      ++pos;
+      // Plain text up to the next insert or line break, in one piece.
+      size_t end = pos + 1;
+      while (end < ATemplate.size() && ATemplate[end] != '%' && ATemplate[end] != '\r' && ATemplate[end] != '\n') ++end;
+      AOut.append(ATemplate.data() + pos, end - pos);
+      pos = end;
       continue;
     }
     if (pos + 1 >= ATemplate.size()) return false; // Windows: ERROR_INVALID_PARAMETER

@@ -5,6 +5,7 @@
 #include "imaged/imaged_pc.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 
@@ -87,7 +88,22 @@ void TEventLogX::ResolveTaskAndUser(TEventXmlFields& AFields) {
   // Names come from the publisher's metadata, looked up once per provider, task, opcode
   // and keywords; an event costs one hash lookup and a short scan, no allocation.
   const auto opcode = static_cast<uint8_t>(TextToInt(AFields.OpCode));
-  const uint64_t keywords = AFields.Keywords.empty() ? 0 : std::strtoull(AFields.Keywords.c_str(), nullptr, 16);
+  // "0x8020000000000000" as written in the XML (strtoull and its locale cost more than the
+  // rest of the lookup); digits past 16 are ignored as overflow would be.
+  uint64_t keywords = 0;
+  {
+    std::string_view hex = AFields.Keywords;
+    if (hex.size() >= 2 && hex[0] == '0' && (hex[1] == 'x' || hex[1] == 'X')) hex.remove_prefix(2);
+    for (size_t i = 0; i < hex.size() && i < 16; ++i) {
+      const char c = hex[i];
+      const int digit = c >= '0' && c <= '9'   ? c - '0'
+                        : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                        : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                               : -1;
+      if (digit < 0) break;
+      keywords = keywords << 4 | static_cast<uint64_t>(digit);
+    }
+  }
   auto provider = FNameCache.find(std::string_view(AFields.ProviderName));
   if (provider == FNameCache.end()) provider = FNameCache.emplace(AFields.ProviderName, std::vector<TNameEntry>()).first;
   std::vector<TNameEntry>& entries = provider->second;
@@ -114,14 +130,16 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
   // A classic source's message id holds the qualifiers in its upper 16 bits; a
   // publisher's depends on the event's version, which joins the cache key.
   const uint32_t id = (static_cast<uint32_t>(AEventIdQual) << 16) | (AEventId & 0xFFFF);
-  FCacheSource = ASourceName;
   // Catalog texts alone are kept apart from the system's, which fill what they lack.
-  if (!UsesImagedDescriptions()) FCacheSource.insert(0, "\x01" "catalog\x01");
+  FCacheSource.assign(UsesImagedDescriptions() ? "" : "\x01" "catalog\x01");
+  FCacheSource.append(ASourceName);
   if (AVersion != 0) {
-    FCacheSource.append("/v");
-    FCacheSource.append(std::to_string(AVersion));
+    char digits[4];
+    FCacheSource.append("/v").append(digits, std::to_chars(digits, digits + sizeof digits, AVersion).ptr);
   }
   std::string_view cached;
+  // The template: the cached text itself (the cache never drops an entry), or FTemplate.
+  std::string_view text;
   if (FEventDescriptionCache->GetDescription(FCacheSource, id, cached)) {
     if (cached == kDescriptionNotFound) {
       // Without the imaged computer, what the catalogs lack is looked up as without them.
@@ -129,7 +147,7 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
       AText.assign(1, kNoDescriptionMark);
       return true;
     }
-    FTemplate.assign(cached);
+    text = cached;
   } else {
     const uint32_t first = detail::EqualsNoCase(ASourceName, kKernelGeneralSource) ? id + kKernelGeneralIdOffset : id;
     bool found = !ASourceName.empty() && computer.GetEventMessage(ASourceName, first, AVersion, FTemplate);
@@ -144,9 +162,10 @@ bool TEventLogX::DescribeFromImaged(std::string& AText, const std::string& ASour
     for (size_t pos = FTemplate.find("\r\n\r\n"); pos != std::string::npos; pos = FTemplate.find("\r\n\r\n", pos + 2))
       FTemplate.erase(pos, 2);
     FEventDescriptionCache->AddDescription(FCacheSource, id, FTemplate);
+    text = FTemplate;
   }
   const auto parameter = [&](uint32_t AId, std::string& AValue) { return computer.GetParam(ASourceName, AId, AValue); };
-  if (!FInsertFiles.ApplyInserts(FTemplate, {}, AStrings, AText, parameter))
+  if (!FInsertFiles.ApplyInserts(text, {}, AStrings, AText, parameter))
     AText.assign(1, kNoDescriptionMark);
   return true;
 }
@@ -192,7 +211,7 @@ void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
   item.FUserName = AFields.UserName;
   item.FComputername = AFields.Computer;
   item.FChannel = AFields.Channel;
-  item.FEvtMessage = AFields.EvtMessage;
+  item.FEvtMessage.swap(AFields.EvtMessage); // the fields are cleared before the next event
   item.FEvtXML.swap(AXml); // the next event reuses the old buffer
   const int64_t recordId = TextToInt(AFields.EventRecordID);
   item.FRecordNumber = static_cast<int32_t>(recordId);
@@ -214,7 +233,7 @@ void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
   item.FVersion = static_cast<uint8_t>(TextToInt(AFields.Version));
   item.FLevel = static_cast<uint8_t>(TextToInt(AFields.Level));
   item.FOpCode = static_cast<uint8_t>(TextToInt(AFields.OpCode));
-  item.FDescriptionFound = AFields.EvtMessage.empty() || AFields.EvtMessage[0] != kNoDescriptionMark;
+  item.FDescriptionFound = item.FEvtMessage.empty() || item.FEvtMessage[0] != kNoDescriptionMark;
 }
 
 } // namespace qvx
