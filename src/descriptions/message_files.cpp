@@ -350,9 +350,14 @@ bool TMessageFiles::ApplyInserts(std::string_view ATemplate, std::string_view AP
     AText.assign(ATemplate);
     return true;
   }
-  // The record's strings are UTF-16 whatever the message file declares.
-  std::string tmpl(ATemplate);
-  for (size_t pos = tmpl.find("!S!"); pos != std::string::npos; pos = tmpl.find("!S!", pos + 3)) tmpl[pos + 1] = 's';
+  // The record's strings are UTF-16 whatever the message file declares (a copy only for
+  // the templates that say otherwise).
+  std::string_view tmpl = ATemplate;
+  if (size_t pos = ATemplate.find("!S!"); pos != std::string_view::npos) {
+    FTemplate.assign(ATemplate);
+    for (; pos != std::string::npos; pos = FTemplate.find("!S!", pos + 3)) FTemplate[pos + 1] = 's';
+    tmpl = FTemplate;
+  }
   if (!FormatMessageText(tmpl, AStrings, 0, AText)) return false;
   if (AText.find("%%") == std::string::npos) return true;
   FArguments = AStrings;

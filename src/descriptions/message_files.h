@@ -160,6 +160,7 @@ private:
   uint64_t FModulesLoaded = 0;
   TPeMessageSource FModule;
   std::vector<std::string> FArguments;
+  std::string FTemplate; // a template with "!S!" inserts rewritten
 };
 
 } // namespace qvx
