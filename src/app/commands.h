@@ -4,6 +4,7 @@
 #include "app/event_output.h"
 #include "app/filter_options.h"
 #include "app/evtx_source.h"
+#include "images/image_inputs.h"
 
 #include <atomic>
 #include <cstdint>
@@ -112,25 +113,6 @@ int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE*
 int RunCatalogInfo(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 int RunCatalogMerge(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 
-// True when APath (or APath without an "@VOLUME" suffix) is a file or block device: a
-// disk image rather than a Windows folder.
-bool IsImageInput(const std::string& APath);
-// The data of a volume of an image for scanning ("IMAGE" or "IMAGE@VOLUME"; AOffset >= 0
-// gives the volume by its byte offset), or only its unallocated clusters. Raises
-// EImageError naming the image and the problem.
-std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated);
-// Every .evtx and .evt log of the installation in an image ("IMAGE", "IMAGE@VOLUME" or
-// either with ":vssN" for a shadow copy), as IMAGE@N[:vssN]::PATH names. Raises
-// EImageError when there is no installation or no log.
-std::vector<std::string> ImageLogsOf(const std::string& APath);
-// The shadow copies of the installation volume of an image ("IMAGE" or "IMAGE@VOLUME"),
-// as "IMAGE@N:vssM" names in the order `imaged` lists them. Raises EImageError when the
-// volume cannot be chosen or its shadow copy catalog cannot be read.
-std::vector<std::string> ImageShadowsOf(const std::string& APath);
-// The name APath ("IMAGE" or "IMAGE::PATH") with the volume at byte offset AOffset of
-// the image: "IMAGE@+AOffset[::PATH]" (--offset). Raises std::runtime_error when APath
-// names no image file or already names a volume.
-std::string WithVolumeOffset(const std::string& APath, int64_t AOffset);
 // Lists a disk image's container, partitions and volumes, and each NTFS volume's
 // Windows folder and logs.
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr);

@@ -250,7 +250,20 @@ public:
       for (const std::string& file : files) File(file);
       return;
     }
-    File(APath);
+    // A disk image stands for the logs of its installation (and of its shadow copies).
+    std::optional<TImageLogs> image;
+    try {
+      if (!FOptions.Scan) image = ExpandImageInput(APath, FOptions.Shadows);
+    } catch (const std::exception& e) {
+      Fail(e.what());
+      return;
+    }
+    if (!image) {
+      File(APath);
+      return;
+    }
+    for (const std::string& problem : image->Problems) Fail(problem);
+    for (const std::string& log : image->Logs) File(log);
   }
 
   // The closing summary; false when the output could not be written.

@@ -16,12 +16,13 @@ namespace qvx::app {
 
 struct THuntOptions {
   std::vector<std::string> Rules;   // rule files or folders
-  std::vector<std::string> Inputs;  // .evtx, .evt, folders of logs, stores; with Scan any data
+  std::vector<std::string> Inputs;  // .evtx, .evt, folders of logs, stores, disk images; with Scan any data
   std::string MinLevel = "informational";
   std::vector<std::string> Statuses; // rule statuses to use (empty: all)
   TOutputFormat Format = TOutputFormat::ofTable;
   std::string TimeZone = "local";
   bool Scan = false;                 // deep-scan the inputs for event chunks
+  bool Shadows = false;              // a disk image's shadow copies' logs too
   unsigned Threads = 1;
   unsigned Width = 0;
   bool Quiet = false;                // no summary on stderr

@@ -22,25 +22,6 @@ std::string SizeText(uint64_t ABytes) {
   return text;
 }
 
-// "IMAGE", "IMAGE@VOLUME" or either with ":vssN" split into its parts (AVolume keeps
-// the ":vssN").
-void SplitVolume(const std::string& APath, std::string& AImage, std::string& AVolume) {
-  AImage = APath;
-  AVolume.clear();
-  struct stat st;
-  if (::stat(APath.c_str(), &st) == 0) return;
-  std::string image, volume, path;
-  if (TEvidenceImage::SplitName(APath + "::/", image, volume, path)) {
-    AImage = image;
-    AVolume = volume;
-    return;
-  }
-  const size_t at = APath.rfind('@');
-  if (at == std::string::npos) return;
-  AImage = APath.substr(0, at);
-  AVolume = APath.substr(at + 1);
-}
-
 // A FILETIME as ISO 8601 UTC to the second: "2024-03-01T10:20:30Z".
 std::string UtcText(uint64_t AFiletime) {
   if (AFiletime == 0) return "(no time)";
@@ -89,89 +70,6 @@ bool ListShadows(TEvidenceImage& AImage, const TImageVolume& AVolume, std::FILE*
 }
 
 } // namespace
-
-bool IsImageInput(const std::string& APath) {
-  std::string image, volume;
-  SplitVolume(APath, image, volume);
-  struct stat st;
-  return ::stat(image.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISBLK(st.st_mode));
-}
-
-std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated) {
-  std::string imagePath, volumeName;
-  SplitVolume(APath, imagePath, volumeName);
-  const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
-  const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
-  if (AOffset >= 0) {
-    if (!volumeName.empty())
-      RaiseImageError(imagePath, kNoOffset, "give the volume either as @" + volumeName + " or by --offset");
-    volumeName = std::to_string(AOffset);
-    volumeName.insert(volumeName.begin(), '+');
-  }
-  const TImageVolume& volume = image->Volume(volumeName);
-  const std::string name = image->VolumeName(volume, copy);
-  std::shared_ptr<const TReadStream> data =
-      copy ? image->ShadowStream(volume, copy) : image->VolumeStream(volume);
-  if (!AUnallocated) return std::make_unique<TSubStream>(data, 0, data->Size(), name);
-  const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
-  std::vector<TExtentStream::TExtent> extents;
-  for (const auto& [offset, length] : ntfs->UnallocatedRanges()) extents.push_back({offset, length});
-  return std::make_unique<TExtentStream>(data, std::move(extents), name + " (unallocated clusters)");
-}
-
-std::vector<std::string> ImageLogsOf(const std::string& APath) {
-  std::string imagePath, volumeName;
-  SplitVolume(APath, imagePath, volumeName);
-  const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
-  const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
-  const TImageVolume& volume = image->Volume(volumeName);
-  const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
-  const std::string prefix = imagePath + "@" + TEvidenceImage::VolumeRef(volume, copy) + "::";
-  std::vector<std::string> logs;
-  for (const char* folder : {"/Windows/System32/winevt/Logs", "/Windows/System32/config"}) {
-    std::vector<TNtfsEntry> entries = ntfs->List(folder);
-    std::sort(entries.begin(), entries.end(), [](const TNtfsEntry& a, const TNtfsEntry& b) { return a.Name < b.Name; });
-    for (const TNtfsEntry& e : entries) {
-      std::string lower = e.Name;
-      std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
-      // Empty logs (a channel that never logged) hold only a header; nothing to load.
-      if (e.Folder || e.Size == 0 || !(lower.ends_with(".evtx") || lower.ends_with(".evt"))) continue;
-      logs.push_back(prefix + folder + "/" + e.Name);
-    }
-  }
-  if (logs.empty())
-    RaiseImageError(image->VolumeName(volume, copy), kNoOffset,
-                    "no .evtx or .evt logs in the Windows folder");
-  return logs;
-}
-
-std::vector<std::string> ImageShadowsOf(const std::string& APath) {
-  std::string imagePath, volumeName;
-  SplitVolume(APath, imagePath, volumeName);
-  const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
-  if (TEvidenceImage::TakeShadow(volumeName, imagePath)) return {};
-  const TImageVolume& volume = image->Volume(volumeName);
-  std::vector<std::string> copies;
-  for (const TShadowCopyInfo& c : image->Shadows(volume)->Copies())
-    copies.push_back(imagePath + "@" + TEvidenceImage::VolumeRef(volume, c.Number));
-  return copies;
-}
-
-std::string WithVolumeOffset(const std::string& APath, int64_t AOffset) {
-  const std::string at = "@+" + std::to_string(AOffset);
-  const size_t sep = APath.find("::");
-  const std::string image = APath.substr(0, sep);
-  struct stat st;
-  if (::stat(image.c_str(), &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode))) {
-    std::string split, volume, path;
-    if (TEvidenceImage::SplitName(image + "::/", split, volume, path))
-      throw std::runtime_error(APath + ": give the volume either as @" + volume + " or by --offset");
-    throw std::runtime_error("--offset " + std::to_string(AOffset) + ": " + image +
-                             " is no disk image file or device");
-  }
-  if (sep == std::string::npos) return APath + at;
-  return image + at + APath.substr(sep);
-}
 
 int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {

@@ -199,7 +199,13 @@ int main(int argc, char** argv) {
 
   // open / refresh / view: the event store.
   TStoreOptions store;
+  int64_t openOffset = -1;
   auto addLoadOptions = [&](CLI::App* ACommand) {
+    ACommand->add_flag("--shadows", store.Shadows,
+                       "For a disk image: load the logs of each Volume Shadow Copy of its installation volume too\n"
+                       "(named IMAGE@VOLUME:vssN::PATH in the store); a copy that cannot be read is reported and skipped");
+    ACommand->add_option("--offset", openOffset,
+                         "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
     ACommand->add_option("--tz", store.TimeZone, "Time shift of the stored times (as for 'events'; default local)");
     ACommand->add_option("--imaged", store.Imaged, "Describe the events from this offline Windows installation");
     ACommand->add_option("--catalog", store.Catalogs,
@@ -231,12 +237,6 @@ int main(int argc, char** argv) {
   cmdOpen->add_option("-s,--store", store.Store, "The store file to create (an existing store is replaced)")->required();
   cmdOpen->add_flag("--append", store.Append, "Add the logs to the store's events instead of replacing them");
   cmdOpen->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");
-  cmdOpen->add_flag("--shadows", store.Shadows,
-                    "For a disk image: load the logs of each Volume Shadow Copy of its installation volume too\n"
-                    "(named IMAGE@VOLUME:vssN::PATH in the store); a copy that cannot be read is reported and skipped");
-  int64_t openOffset = -1;
-  cmdOpen->add_option("--offset", openOffset,
-                      "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
   addLoadOptions(cmdOpen);
   cmdOpen->footer("Loading runs on a worker thread; Ctrl-C stops it and keeps what was loaded (\"User break.\").\n"
                   "Afterwards stderr shows the counts by type, the notices of the loading filter and the\n"
@@ -250,7 +250,9 @@ int main(int argc, char** argv) {
   TServeOptions serve;
   auto* cmdServe = app.add_subcommand("serve", "Show logs or a store in the browser: events grid, details, filter, "
                                                "statistics, bookmarks, export");
-  cmdServe->add_option("inputs", store.Logs, ".evtx or .evt files to load (with --scan: any data), or one store (.db)")
+  cmdServe->add_option("inputs", store.Logs,
+                       ".evtx or .evt files or disk images to load (as for 'open'; with --scan: any data), or one\n"
+                       "store (.db)")
       ->required();
   cmdServe->add_option("-s,--store", store.Store, "Load into this store file and keep it (default: a temporary store)");
   cmdServe->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");
@@ -304,7 +306,9 @@ int main(int argc, char** argv) {
   THuntOptions hunt;
   std::string huntFormat = "table";
   auto* cmdHunt = app.add_subcommand("hunt", "Run Sigma rules over logs, folders of logs, scans and stores");
-  cmdHunt->add_option("inputs", hunt.Inputs, ".evtx or .evt files, folders of them, or stores (with --scan: any data)")
+  cmdHunt->add_option("inputs", hunt.Inputs,
+                      ".evtx or .evt files, folders of them, stores, or disk images (every log of the installation\n"
+                      "in each, as for 'open'; with --scan: any data)")
       ->required();
   cmdHunt->add_option("-r,--rules", hunt.Rules, "A Sigma rule file or a folder of rules (repeatable)")
       ->required()
@@ -319,6 +323,11 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"table", "csv", "jsonl"}));
   cmdHunt->add_option("--tz", hunt.TimeZone, "Time shift of the shown times (as for 'events')")->default_val("local");
   cmdHunt->add_flag("--scan", hunt.Scan, "Deep-scan the inputs for event chunks (images, devices, damaged files)");
+  cmdHunt->add_flag("--shadows", hunt.Shadows,
+                    "For a disk image: also hunt in the logs of each Volume Shadow Copy of its installation volume");
+  int64_t huntOffset = -1;
+  cmdHunt->add_option("--offset", huntOffset,
+                      "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
   cmdHunt->add_option("-t,--threads", hunt.Threads,
                       "Threads decoding chunks, and as many testing rules, beside the reader (0 = none)")
       ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
@@ -351,10 +360,12 @@ int main(int argc, char** argv) {
   }
   // --offset is a front to IMAGE@+BYTES.
   try {
-    if (*cmdEvents && events.Offset >= 0) events.Path = WithVolumeOffset(events.Path, events.Offset);
-    if (*cmdImaged && imagedOffset >= 0) imaged.Path = WithVolumeOffset(imaged.Path, imagedOffset);
-    if (*cmdOpen && openOffset >= 0)
-      for (std::string& log : store.Logs) log = WithVolumeOffset(log, openOffset);
+    if (*cmdEvents && events.Offset >= 0) events.Path = qvx::WithVolumeOffset(events.Path, events.Offset);
+    if (*cmdImaged && imagedOffset >= 0) imaged.Path = qvx::WithVolumeOffset(imaged.Path, imagedOffset);
+    if ((*cmdOpen || *cmdServe) && openOffset >= 0)
+      for (std::string& log : store.Logs) log = qvx::WithVolumeOffset(log, openOffset);
+    if (*cmdHunt && huntOffset >= 0)
+      for (std::string& input : hunt.Inputs) input = qvx::WithVolumeOffset(input, huntOffset);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "quorvex: %s\n", e.what());
     return 1;

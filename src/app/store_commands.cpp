@@ -392,63 +392,19 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
     std::set<std::string> optional; // logs of shadow copies: damage there skips the log only
     int skipped = 0;
     for (const std::string& path : AOptions.Logs) {
-      if (options.Scan || path.find("::") != std::string::npos || !IsImageInput(path) || IsClassicLog(path)) {
+      std::optional<TImageLogs> image;
+      if (!options.Scan) image = ExpandImageInput(path, options.Shadows);
+      if (!image) {
         logs.push_back(path);
         continue;
       }
-      bool evtx = false;
-      try {
-        TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
-        evtx = true;
-      } catch (const std::exception&) {
-      }
-      if (evtx) {
-        logs.push_back(path);
-        continue;
-      }
-      if (!options.Shadows) {
-        for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
-        if (options.Imaged.empty()) options.Imaged = path;
-        continue;
-      }
-      // With --shadows a damaged volume is reported and its copies still read: they may
-      // hold the logs (and the MFT) as they were before the damage.
-      std::string current; // why the volume itself cannot be read
-      try {
-        for (std::string& log : ImageLogsOf(path)) logs.push_back(std::move(log));
-        if (options.Imaged.empty()) options.Imaged = path;
-      } catch (const EImageError& e) {
-        current = e.what();
-      }
-      // Each shadow copy's logs too; a copy that cannot be read is reported and skipped.
-      std::vector<std::string> copies;
-      try {
-        copies = ImageShadowsOf(path);
-      } catch (const std::exception& e) {
-        if (!current.empty()) throw std::runtime_error(current);
-        std::fprintf(AErr, "quorvex: %s\n", e.what());
+      for (const std::string& problem : image->Problems) {
+        std::fprintf(AErr, "quorvex: %s\n", problem.c_str());
         skipped = 1;
       }
-      bool fromCopies = false;
-      for (const std::string& copy : copies) {
-        try {
-          for (std::string& log : ImageLogsOf(copy)) {
-            optional.insert(log);
-            logs.push_back(std::move(log));
-            fromCopies = true;
-          }
-          // Descriptions come from the last readable copy listed when the volume is damaged.
-          if (!current.empty() && AOptions.Imaged.empty()) options.Imaged = copy;
-        } catch (const std::exception& e) {
-          std::fprintf(AErr, "quorvex: %s\n", e.what());
-          skipped = 1;
-        }
-      }
-      if (!current.empty()) {
-        if (!fromCopies) throw std::runtime_error(current);
-        std::fprintf(AErr, "quorvex: %s\n", current.c_str());
-        skipped = 1;
-      }
+      optional.insert(image->FromCopies.begin(), image->FromCopies.end());
+      for (std::string& log : image->Logs) logs.push_back(std::move(log));
+      if (options.Imaged.empty()) options.Imaged = image->Imaged; // the first image describes
     }
     options.Logs = std::move(logs);
     // Check every log before the store is touched.

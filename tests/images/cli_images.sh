@@ -76,6 +76,24 @@ done
 check open-image-status test $? -eq 0
 check open-image-count test "$("$QVX" view "$tmp/case.db" --count)" = "$(($(sed -n 's/.*: \([0-9]*\) events.*/\1/p' <<<"$("$QVX" events -f csv "$logs/System.evtx" 2>&1 >/dev/null)") + 300))"
 
+# hunt IMAGE hunts in every log of the installation, as open loads them.
+cat >"$tmp/every.yml" <<'EOF_RULE'
+title: Every event
+id: 5b0c8f3e-1d1f-4c1a-9f2e-000000000001
+status: test
+author: Quorvex tests
+level: low
+logsource:
+  product: windows
+detection:
+  selection:
+    EventID|exists: true
+  condition: selection
+EOF_RULE
+hunted=$("$QVX" hunt -q -f jsonl --no-rule-cache -r "$tmp/every.yml" "$tmp/mbr.raw")
+check hunt-image-count test "$(wc -l <<<"$hunted")" = "$("$QVX" view "$tmp/case.db" --count)"
+check hunt-image-files grep -q "\"file\":\"$tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx\"" <<<"$hunted"
+
 # A deleted log survives in the unallocated clusters.
 want_del=$("$QVX" events -q -f csv --tz UTC "$tmp/deleted.evtx" | tail -n +2 | sort)
 got=$("$QVX" scan -q -f csv --tz UTC --unallocated "$tmp/mbr.raw" | tail -n +2 | sort)
@@ -153,6 +171,16 @@ if [ -n "$VSS" ]; then
   if command -v sqlite3 >/dev/null 2>&1; then
     check vss-open-names grep -qxF "System|$tmp/shadow.raw@1:vss1::$sys" <<<"$(sqlite3 "$tmp/shadows.db" "SELECT LogName, FileName FROM QvxLogEntries")"
   fi
+  # hunt and serve take --shadows as open does.
+  n=$("$QVX" hunt -q -f jsonl --no-rule-cache -r "$tmp/every.yml" --shadows "$tmp/shadow.raw" | grep -c ":vss1::$sys")
+  check vss-hunt-copy test "$n" -eq "$n_old"
+  n=$("$QVX" hunt -q -f jsonl --no-rule-cache -r "$tmp/every.yml" --shadows "$tmp/shadow.raw" | wc -l)
+  check vss-hunt-count test "$n" -eq "$n_sys"
+  "$QVX" serve "$tmp/shadow.raw" --shadows -s "$tmp/served.db" --no-browser --no-progress >"$tmp/serve.out" 2>&1 &
+  pid=$!
+  for _ in $(seq 300); do grep -q "^Quorvex is serving" "$tmp/serve.out" && break; sleep 0.1; done
+  kill -INT "$pid"; wait "$pid"
+  check vss-serve-count test "$("$QVX" view "$tmp/served.db" --count)" -eq "$n_sys"
   # Copy 1 of 2 whose store is damaged, and a damaged catalog: one line naming it, the
   # volume (and copy 2) still load.
   for what in store catalog; do
