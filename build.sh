@@ -123,6 +123,9 @@ PY
   seeds_bin="$(dirname "$bin")/../../fuzz/qvx_fuzz_seeds"
   [[ -x "$seeds_bin" ]] || die "$seeds_bin is missing: it writes the seeds of the other targets"
   "$seeds_bin" "$dir" >/dev/null || die "'$seeds_bin $dir' failed"
+  # Disk images: small NTFS volumes made with mkntfs, in sparse form.
+  python3 "$ROOT/scripts/fuzz_image_seeds.py" "$dir/fuzz_image" "$dir/evtx/demo.evtx" ||
+    die "could not write the disk image seeds"
 }
 
 # The sanitizer and fuzz builds keep assert() on (RelWithDebInfo without -DNDEBUG). Line
@@ -197,7 +200,7 @@ stage_fuzz() {
   build "$BUILD" --target quorvex qvx_fuzz_seeds
   make_seeds "$QUORVEX" "$BUILD_FUZZ/seeds"
 
-  local t rc log
+  local t rc log maxlen
   mkdir -p "$BUILD_FUZZ/artifacts" "$BUILD_FUZZ/logs"
   for t in "${targets[@]}"; do
     [[ -d "$BUILD_FUZZ/seeds/$t" ]] || die "no seeds for $t (scripts/fuzz_seeds.py makes them)"
@@ -205,11 +208,13 @@ stage_fuzz() {
     log="$BUILD_FUZZ/logs/$t.log"
     say "fuzzing $t for ${FUZZ_SECONDS}s (log: $log)"
     rc=0
+    maxlen=65536
+    [[ "$t" == fuzz_image ]] && maxlen=1048576 # a disk's sectors in use, not one record
     # libFuzzer's own limits stop a slow input; the outer timeout also stops a run that hangs
     # where those cannot reach (a crash report that never finishes), so CI always ends.
     timeout -k 10 "$((FUZZ_SECONDS + 120))" \
       "$BUILD_FUZZ/fuzz/$t" -max_total_time="$FUZZ_SECONDS" -rss_limit_mb=1024 -timeout=10 \
-      -max_len=65536 -print_final_stats=1 -artifact_prefix="$BUILD_FUZZ/artifacts/$t-" \
+      -max_len="$maxlen" -print_final_stats=1 -artifact_prefix="$BUILD_FUZZ/artifacts/$t-" \
       "$BUILD_FUZZ/corpus/$t" "$BUILD_FUZZ/seeds/$t" >"$log" 2>&1 || rc=$?
     if ((rc == 124 || rc == 137)); then
       tail -n 80 "$log" >&2

@@ -73,11 +73,14 @@ bool TEvidenceImage::SplitName(const std::string& AName, std::string& AImage, st
   return true;
 }
 
-std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath) {
+std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, bool AShared) {
   static std::mutex cacheLock;
   static std::map<std::string, std::shared_ptr<TEvidenceImage>> cache;
-  std::lock_guard<std::mutex> guard(cacheLock);
-  if (auto it = cache.find(APath); it != cache.end()) return it->second;
+  std::unique_lock<std::mutex> guard(cacheLock, std::defer_lock);
+  if (AShared) {
+    guard.lock();
+    if (auto it = cache.find(APath); it != cache.end()) return it->second;
+  }
 
   std::shared_ptr<TEvidenceImage> image(new TEvidenceImage());
   image->FPath = APath;
@@ -100,7 +103,7 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath) {
       image->FVolumes.push_back(std::move(v));
     }
   }
-  cache.emplace(APath, image);
+  if (AShared) cache.emplace(APath, image);
   return image;
 }
 

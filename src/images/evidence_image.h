@@ -37,9 +37,10 @@ struct TImageVolume {
 
 class TEvidenceImage {
 public:
-  // Opens the image APath (shared: a second Open of the same name gives the same
-  // object). Raises EImageError (or ENTException) naming the image and the problem.
-  static std::shared_ptr<TEvidenceImage> Open(const std::string& APath);
+  // Opens the image APath (with AShared, a second Open of the same name gives the same
+  // object, kept for the run). Raises EImageError (or ENTException) naming the image and
+  // the problem.
+  static std::shared_ptr<TEvidenceImage> Open(const std::string& APath, bool AShared = true);
 
   const std::string& Path() const { return FPath; }
   const TContainer& Container() const { return *FContainer; }
