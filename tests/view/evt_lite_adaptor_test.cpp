@@ -221,6 +221,90 @@ TEST_F(EvtLiteAdaptor, FilterTextRunsForReal) {
   EXPECT_EQ(Column("EventID"), "4625;");
 }
 
+// Rows of a buffered operation, enough to fill the writer's queue several times over.
+void AppendNumbered(TEvtLiteAdaptor& AStore, int ACount) {
+  for (int i = 0; i < ACount; ++i) {
+    TLiteRecord row = Row(i % 14, "2024-03-01 10:00:00.000", i, "Src", "d");
+    row.EvtXML = "<Event>" + std::to_string(i) + "</Event>";
+    row.Descr = std::string(static_cast<size_t>(i % 97), 'x');
+    row.RecordNumber = 5000 - i;
+    AStore.AppendLiteEvent(row);
+  }
+}
+
+std::string TableText(TEvtLiteAdaptor& AStore) {
+  sqlite3_stmt* query = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(AStore.Handle(), "SELECT * FROM Events ORDER BY _ID", -1, &query, nullptr),
+            SQLITE_OK);
+  std::string text;
+  while (sqlite3_step(query) == SQLITE_ROW) {
+    for (int c = 0; c < sqlite3_column_count(query); ++c) {
+      const unsigned char* value = sqlite3_column_text(query, c);
+      text.append(value ? reinterpret_cast<const char*>(value) : "NULL").push_back('|');
+    }
+    text.push_back('\n');
+  }
+  sqlite3_finalize(query);
+  return text;
+}
+
+TEST(EvtLiteAdaptorWriter, BufferedRowsGoInInOrderAsWithoutTheWriter) {
+  TEvtLiteAdaptor piped(":memory:"), direct(":memory:");
+  direct.SetPipelined(false);
+  for (TEvtLiteAdaptor* store : {&piped, &direct}) {
+    store->InitThreadDataSet();
+    store->EmptyTable();
+    store->BeginBufferedOperation();
+    AppendNumbered(*store, 2003); // 50 full batches and a part of one
+    store->EndBufferedOpearion();
+  }
+  EXPECT_TRUE(piped.Pipelined());
+  EXPECT_EQ(piped.QueryIntValue("SELECT COUNT(*) FROM Events"), 2003);
+  EXPECT_EQ(piped.QueryIntValue("SELECT EventID FROM Events WHERE _ID = 2003"), 2002);
+  EXPECT_EQ(TableText(piped), TableText(direct));
+}
+
+TEST(EvtLiteAdaptorWriter, RowsHandedOverAreSeenByTheNextStatement) {
+  TEvtLiteAdaptor store(":memory:");
+  store.InitThreadDataSet();
+  store.EmptyTable();
+  store.BeginBufferedOperation();
+  AppendNumbered(store, 400); // ten full batches: all handed over, none pending
+  EXPECT_EQ(store.QueryIntValue("SELECT COUNT(*) FROM Events"), 400);
+  AppendNumbered(store, 5);
+  store.EndBufferedOpearion();
+  EXPECT_EQ(store.QueryIntValue("SELECT COUNT(*) FROM Events"), 405);
+}
+
+TEST(EvtLiteAdaptorWriter, AnInsertThatFailsIsRaisedWithTheStoreName) {
+  for (const bool pipelined : {true, false}) {
+    const auto dir = test::ScratchDir();
+    const std::string path = (dir / "refusing.db").string();
+    TEvtLiteAdaptor store(path);
+    store.SetPipelined(pipelined);
+    store.InitThreadDataSet();
+    store.EmptyTable();
+    store.ExecSQL("CREATE TRIGGER refuse BEFORE INSERT ON Events WHEN NEW.EventID = 666 "
+                  "BEGIN SELECT RAISE(ABORT, 'row refused'); END");
+    store.BeginBufferedOperation();
+    std::string message;
+    try {
+      AppendNumbered(store, 1000); // EventID 666 is in the 17th batch
+      store.EndBufferedOpearion();
+    } catch (const EEventStoreError& e) {
+      message = e.what();
+    }
+    EXPECT_NE(message.find(path + ": cannot add events: row refused"), std::string::npos)
+        << "pipelined " << pipelined << ": " << message;
+    // The store goes on: later rows go in and the operation ends.
+    store.ExecSQL("DROP TRIGGER refuse");
+    AppendNumbered(store, 80);
+    store.EndBufferedOpearion();
+    EXPECT_GE(store.QueryIntValue("SELECT COUNT(*) FROM Events WHERE EventID < 80"), 80);
+    store.DoneThreadDataSet();
+  }
+}
+
 TEST(EvtLiteAdaptorFiles, RefusesWhatIsNotAStore) {
   const auto dir = test::ScratchDir();
   const std::string path = (dir / "not-a-store.db").string();
