@@ -255,10 +255,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
       source = std::move(classic);
     } else {
       bool carve = scan;
-      if (!scan) {
-        TEvtxSource check(AEntry.FileName, false, TChunkOrder::coNewestFirst);
-        carve = check.Carving();
-      }
+      if (!scan) carve = TEvtxSource::NeedsCarving(AEntry.FileName);
       std::unique_ptr<TEventLogBinXML> x;
       if (carve) {
         auto s = std::make_unique<TEventLogScan>();
@@ -402,7 +399,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       }
       bool evtx = false;
       try {
-        TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
+        TEvtxSource::NeedsCarving(path);
         evtx = true;
       } catch (const std::exception&) {
       }
@@ -464,7 +461,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       stored.Scan = options.Scan;
       if (!options.Scan && !IsClassicLog(path)) {
         try {
-          TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
+          TEvtxSource::NeedsCarving(path);
         } catch (const std::exception& e) {
           if (!optional.count(path))
             throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");
