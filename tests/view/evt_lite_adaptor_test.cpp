@@ -305,6 +305,25 @@ TEST(EvtLiteAdaptorWriter, AnInsertThatFailsIsRaisedWithTheStoreName) {
   }
 }
 
+TEST(EvtLiteAdaptorFiles, NewStoreHas16KiBPagesAndAn8MiBCache) {
+  const auto dir = test::ScratchDir();
+  TEvtLiteAdaptor store((dir / "pages.db").string());
+  store.InitThreadDataSet();
+  store.EmptyTable();
+  EXPECT_EQ(store.QueryIntValue("PRAGMA page_size"), 16384);
+  // 20 MB of rows in one transaction: the cache stays near 8 MiB (it held 32 when the
+  // size in KiB was turned into pages before the page size was set).
+  store.BeginBufferedOperation();
+  TLiteRecord row = Row(4, "2024-03-01 10:00:00.000", 1, "S", "d");
+  row.EvtXML.assign(10000, 'x');
+  for (int i = 0; i < 2000; ++i) store.AppendLiteEvent(row);
+  store.EndBufferedOpearion();
+  int used = 0, highest = 0;
+  ASSERT_EQ(sqlite3_db_status(store.Handle(), SQLITE_DBSTATUS_CACHE_USED, &used, &highest, 0), SQLITE_OK);
+  EXPECT_GT(used, 4 << 20);
+  EXPECT_LT(used, 10 << 20);
+}
+
 TEST(EvtLiteAdaptorFiles, RefusesWhatIsNotAStore) {
   const auto dir = test::ScratchDir();
   const std::string path = (dir / "not-a-store.db").string();
