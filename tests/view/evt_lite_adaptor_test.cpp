@@ -3,6 +3,7 @@
 #include "view/evt_mssql_adaptor.h"
 #include "view/log_view_engine.h"
 
+#include "descriptions/time_zones.h"
 #include "engine/event_log_binxml.h"
 #include "engine/event_log_x.h"
 #include "engine/evtx/evtx_writer.h"
@@ -322,6 +323,22 @@ TEST(EvtLiteAdaptorFiles, NewStoreHas16KiBPagesAndAn8MiBCache) {
   ASSERT_EQ(sqlite3_db_status(store.Handle(), SQLITE_DBSTATUS_CACHE_USED, &used, &highest, 0), SQLITE_OK);
   EXPECT_GT(used, 4 << 20);
   EXPECT_LT(used, 10 << 20);
+}
+
+TEST(StoreTimeTexts, FieldsAreCutToTheirWidthsAsPrintfWould) {
+  // Day counts from 1899-12-30: the epoch, a leap day, the last millisecond of a year,
+  // and years of five digits that keep their last four.
+  for (const double days : {0.0, 1.5, 45351.999999, 45657.9999999, 2958465.5, 3000000.25, 40000000.0}) {
+    const TSystemTime t = DaysToSystemTime(days);
+    char expected[40];
+    std::snprintf(expected, sizeof expected, "%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear % 10000u,
+                  t.wMonth % 100u, t.wDay % 100u, t.wHour % 100u, t.wMinute % 100u, t.wSecond % 100u,
+                  t.wMilliseconds % 1000u);
+    EXPECT_EQ(StoreTimeStampText(days), expected) << days;
+    EXPECT_EQ(StoreDateText(days), std::string(expected, 10)) << days;
+    EXPECT_EQ(StoreTimeText(days), std::string(expected + 11, 8)) << days;
+  }
+  EXPECT_EQ(StoreTimeStampText(45352.5), "2024-03-01 12:00:00.000");
 }
 
 TEST(EvtLiteAdaptorFiles, RefusesWhatIsNotAStore) {
