@@ -74,7 +74,11 @@ public:
   // fill again (or an empty one). Raises the error of a batch that failed, once.
   void Push(std::vector<TLiteRecord>& ABatch) {
     std::unique_lock<std::mutex> guard(FLock);
-    FChanged.wait(guard, [&] { return FQueue.size() < kDepth; });
+    if (FQueue.size() >= kDepth) {
+      FPusherWaits = true;
+      FChanged.wait(guard, [&] { return FQueue.size() + kWakeAt <= kDepth; });
+      FPusherWaits = false;
+    }
     if (FError) std::rethrow_exception(std::exchange(FError, nullptr));
     std::vector<TLiteRecord> spare;
     if (!FSpare.empty()) {
@@ -83,44 +87,53 @@ public:
     }
     FQueue.push_back(std::move(ABatch));
     ABatch = std::move(spare);
-    FChanged.notify_all();
+    if (FQueue.size() == kWakeAt) FChanged.notify_all();
   }
 
   // Waits until every batch handed over is inserted (or dropped after an error); raises
   // that error, once.
   void Drain() {
     std::unique_lock<std::mutex> guard(FLock);
+    FFlush = true;
+    FChanged.notify_all();
     FChanged.wait(guard, [&] { return FQueue.empty() && !FBusy; });
+    FFlush = false;
     if (FError) std::rethrow_exception(std::exchange(FError, nullptr));
   }
 
 private:
   // Enough to ride over a slow write without holding much: 16 batches of at most 40 rows.
+  // The writer is woken when 4 are waiting (or at the end), the loader when 4 places are
+  // free: a wake-up per batch cost more than the locking.
   static constexpr size_t kDepth = 16;
+  static constexpr size_t kWakeAt = 4;
 
   void Run() {
     std::unique_lock<std::mutex> guard(FLock);
     while (true) {
-      FChanged.wait(guard, [&] { return !FQueue.empty() || FStop; });
-      if (FQueue.empty()) return;
-      std::vector<TLiteRecord> batch = std::move(FQueue.front());
-      FQueue.pop_front();
-      FBusy = true;
-      const bool failed = FError != nullptr;
-      guard.unlock();
-      std::exception_ptr error;
-      if (!failed) { // after a failure the batches are dropped until the loader hears of it
-        try {
-          FInsert(batch);
-        } catch (...) {
-          error = std::current_exception();
+      FChanged.wait(guard, [&] { return FQueue.size() >= kWakeAt || (FFlush && !FQueue.empty()) || FStop; });
+      if (FQueue.empty()) return; // stopping
+      while (!FQueue.empty()) {
+        std::vector<TLiteRecord> batch = std::move(FQueue.front());
+        FQueue.pop_front();
+        FBusy = true;
+        const bool failed = FError != nullptr;
+        guard.unlock();
+        std::exception_ptr error;
+        if (!failed) { // after a failure the batches are dropped until the loader hears of it
+          try {
+            FInsert(batch);
+          } catch (...) {
+            error = std::current_exception();
+          }
         }
+        guard.lock();
+        if (error && !FError) FError = error;
+        FSpare.push_back(std::move(batch));
+        FBusy = false;
+        if (FPusherWaits && FQueue.size() + kWakeAt <= kDepth) FChanged.notify_all();
       }
-      guard.lock();
-      if (error && !FError) FError = error;
-      FSpare.push_back(std::move(batch));
-      FBusy = false;
-      FChanged.notify_all();
+      FChanged.notify_all(); // a Drain waits for the queue to empty
     }
   }
 
@@ -131,6 +144,8 @@ private:
   std::vector<std::vector<TLiteRecord>> FSpare;
   bool FBusy = false;
   bool FStop = false;
+  bool FFlush = false;       // a Drain waits: insert what is queued, however little
+  bool FPusherWaits = false; // the loader waits for room in the queue
   std::exception_ptr FError;
   std::thread FThread;
 };
