@@ -477,6 +477,33 @@ TEST(LogViewEngine, LoadingFilterAndLimits) {
   EXPECT_NE(run.View.NoticeText.find("Log: Only the recent 2 events were loaded."), std::string::npos);
 }
 
+TEST(LogViewEngine, OneTransactionOverTheLogsAndAFailedLogSkipped) {
+  TEngineRun run;
+  run.View.Entries.AddEventLogFileEntry("Second", "second.evtx", true);
+  run.View.Entries.AddEventLogFileEntry("Third", "third.evtx", true);
+  run.View.Entries.Normalized = true;
+  for (uint32_t i = 1000; i > 0; --i)
+    run.Steps.push_back({i, 45000.0 + i / 1e5, EVT_ERROR});
+  // The second log cannot be opened; the first and third load, in order, and the rows
+  // of all are written when the load ends (no transaction left open).
+  TWorkThread worker(&run.View);
+  run.View.OpenSource = [&](TLogEntry& AEntry) -> std::unique_ptr<TEventLogBase> {
+    if (AEntry.LogName == "Second") throw std::runtime_error("cannot be opened");
+    auto log = std::make_unique<TScriptedLog>();
+    log->Steps = run.Steps;
+    return log;
+  };
+  worker.Post(1);
+  worker.WaitIdle();
+  EXPECT_EQ(run.Rows(), 2000);
+  EXPECT_EQ(run.Store.QueryIntValue("SELECT COUNT(DISTINCT EventLog) FROM Events"), 2);
+  EXPECT_EQ(run.Store.QueryIntValue("SELECT EventLog FROM Events WHERE _ID = 1001"), 2);
+  EXPECT_EQ(run.Store.QueryIntValue("SELECT RecordNumber FROM Events WHERE _ID = 1001"), 1000);
+  ASSERT_EQ(run.View.Errors.size(), 1u);
+  EXPECT_EQ(run.View.Errors[0], "Second: cannot be opened");
+  EXPECT_EQ(sqlite3_get_autocommit(run.Store.Handle()), 1);
+}
+
 TEST(LogViewEngine, StopMidLogKeepsLoadedEvents) {
   TEngineRun run;
   for (uint32_t i = 1000; i > 0; --i)
