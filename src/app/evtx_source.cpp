@@ -29,34 +29,48 @@ std::string HeaderFault(TEvtxFile& AFile) {
          Hex(kFileOfsHeaderBlockSize);
 }
 
+// The header checks: raises std::runtime_error naming the file when it is no .evtx file;
+// true when its chunks must be found by scanning (AFile's header is not valid, or the
+// chunks that follow it are not those it names), with the reason added to ANotices.
+bool CheckHeader(const std::string& APath, TEvtxFile& AFile, const TReadStream& ARaw,
+                 std::vector<std::string>& ANotices) {
+  if (!AFile.HeaderValid()) {
+    const auto& header = AFile.HeaderBytes();
+    if (header.size() < evtx::kFileHeaderReadSize)
+      throw std::runtime_error(APath + ": not an .evtx file: the file is " + std::to_string(ARaw.Size()) +
+                               " bytes, shorter than the 128-byte file header (use --carve to search it for chunks)");
+    if (std::memcmp(header.data(), evtx::kFileMagic, evtx::kMagicCompareLength) != 0)
+      throw std::runtime_error(APath + ": not an .evtx file: no \"ElfFile\" signature at offset 0x0 "
+                                       "(use --carve to search it for chunks)");
+    ANotices.push_back(APath + ": file header not valid: " + HeaderFault(AFile) +
+                       "; reading the chunks found by scanning the file");
+    return true;
+  }
+  if (AFile.Count() < 0) {
+    ANotices.push_back(APath + ": the header names " + std::to_string(AFile.ChunkCount()) + " chunks but " +
+                       std::to_string(AFile.ChunksFound()) +
+                       " follow it; reading the chunks found by scanning the file");
+    return true;
+  }
+  return false;
+}
+
 } // namespace
+
+bool TEvtxSource::NeedsCarving(const std::string& APath) {
+  const std::unique_ptr<TReadStream> raw = OpenReadStream(APath);
+  TEvtxFile file(raw.get());
+  std::vector<std::string> notices;
+  return CheckHeader(APath, file, *raw, notices);
+}
 
 TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {
   FRaw = OpenReadStream(APath);
   FFile = std::make_unique<TEvtxFile>(FRaw.get());
-  if (!ACarve) {
-    if (!FFile->HeaderValid()) {
-      const auto& header = FFile->HeaderBytes();
-      if (header.size() < evtx::kFileHeaderReadSize)
-        throw std::runtime_error(APath + ": not an .evtx file: the file is " + std::to_string(FRaw->Size()) +
-                                 " bytes, shorter than the 128-byte file header (use --carve to search it for chunks)");
-      if (std::memcmp(header.data(), evtx::kFileMagic, evtx::kMagicCompareLength) != 0)
-        throw std::runtime_error(APath + ": not an .evtx file: no \"ElfFile\" signature at offset 0x0 "
-                                         "(use --carve to search it for chunks)");
-      FNotices.push_back(APath + ": file header not valid: " + HeaderFault(*FFile) +
-                         "; reading the chunks found by scanning the file");
-      FCarving = true;
-    } else if (FFile->Count() < 0) {
-      FNotices.push_back(APath + ": the header names " + std::to_string(FFile->ChunkCount()) + " chunks but " +
-                         std::to_string(FFile->ChunksFound()) +
-                         " follow it; reading the chunks found by scanning the file");
-      FCarving = true;
-    }
-  } else {
-    FCarving = true;
-  }
+  FCarving = ACarve || CheckHeader(APath, *FFile, *FRaw, FNotices);
   if (FCarving) {
-    FCarver.OpenFile(APath);
+    FCarver = std::make_unique<TElfChnunks>();
+    FCarver->OpenFile(APath);
     return;
   }
   for (int i = 0; i < FFile->Count(); ++i) FStarts.push_back(FFile->GetChunk(i)->Start);
@@ -68,7 +82,7 @@ TChunkReader::TProducer TEvtxSource::Producer() {
     if (FCarving) {
       AJob.Bytes.resize(evtx::kChunkSize);
       for (;;) {
-        TCarvedChunk c = FCarver.GetNextChunk();
+        TCarvedChunk c = FCarver->GetNextChunk();
         if (c.Result == TCarveResult::crEnd) return false;
         if (c.Result == TCarveResult::crNoneInBlock) continue;
         std::memcpy(AJob.Bytes.data(), c.Data, evtx::kChunkSize);

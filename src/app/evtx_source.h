@@ -22,6 +22,12 @@ public:
   // the carver are collected in Notices().
   TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder);
 
+  // The checks of the constructor (ACarve false) without making the carver: raises as it
+  // does; true when the file's chunks must be found by scanning it. A load that checks
+  // every log before it starts, and again as it opens each one, uses this: the carver's
+  // 4 MiB buffer is mapped and filled with zeros when it is made.
+  static bool NeedsCarving(const std::string& APath);
+
   // A producer for TChunkReader::Run.
   TChunkReader::TProducer Producer();
 
@@ -29,14 +35,14 @@ public:
   const std::vector<std::string>& Notices() const { return FNotices; }
   TEvtxFile& File() { return *FFile; }
   const TReadStream& Raw() const { return *FRaw; }
-  const TElfChnunks& Carver() const { return FCarver; }
+  const TElfChnunks& Carver() const { return *FCarver; } // only when Carving()
   uint64_t ChunkTotal() const { return FStarts.size(); }
 
 private:
   std::string FPath;
   std::unique_ptr<TReadStream> FRaw;
   std::unique_ptr<TEvtxFile> FFile;
-  TElfChnunks FCarver;
+  std::unique_ptr<TElfChnunks> FCarver; // made only when carving
   bool FCarving = false;
   std::vector<uint64_t> FStarts; // chunk positions in reading order (file mode)
   size_t FNext = 0;

@@ -237,34 +237,35 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     view.Entries.AddEventLogFileEntry(stored.Entry.LogName, stored.Entry.FileName, true) = stored.Entry;
   view.Entries.Normalized = true; // the command line's list is the view's, repeats included
 
-  // Sources, by entry.
-  std::map<const TEventLogBase*, TEventLogScan*> scans;
-  std::map<const TEventLogBase*, TEventLogBinXML*> files;
+  // The source being read (one at a time: an entry's source is gone before the next one
+  // opens). Kept by kind, not by address in a map: a new source may lie where an old one
+  // of the other kind was, and reading that one's progress crashed the load.
+  TEventLogScan* currentScan = nullptr;
+  TEventLogBinXML* currentFile = nullptr;
   std::string classicChannel;
   view.OpenSource = [&](TLogEntry& AEntry) -> std::unique_ptr<TEventLogBase> {
     const size_t index = static_cast<size_t>(&AEntry - &view.Entries.GetItem(0));
     const bool scan = index < AEntries.size() && AEntries[index].Scan;
     std::unique_ptr<TEventLogBase> source;
+    currentScan = nullptr;
+    currentFile = nullptr;
     if (!scan && IsClassicLog(AEntry.FileName)) {
       auto classic = std::make_unique<TNTEventLog>();
       classic->SetSourceName(AEntry.LogName);
       source = std::move(classic);
     } else {
       bool carve = scan;
-      if (!scan) {
-        TEvtxSource check(AEntry.FileName, false, TChunkOrder::coNewestFirst);
-        carve = check.Carving();
-      }
+      if (!scan) carve = TEvtxSource::NeedsCarving(AEntry.FileName);
       std::unique_ptr<TEventLogBinXML> x;
       if (carve) {
         auto s = std::make_unique<TEventLogScan>();
-        scans[s.get()] = s.get();
+        currentScan = s.get();
         x = std::move(s);
       } else {
         x = std::make_unique<TEventLogBinXML>();
       }
       x->SetReadAhead(AOptions.Threads);
-      files[x.get()] = x.get();
+      currentFile = x.get();
       source = std::move(x);
     }
     source->SetImagedDescrServer(imaged.get());
@@ -276,13 +277,13 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     return source;
   };
   view.ProgressOf = [&](TEventLogBase& ASource) -> int {
-    if (auto it = scans.find(&ASource); it != scans.end()) {
-      const uint64_t total = it->second->ElfChunks().SourceSize();
-      return total ? static_cast<int>(it->second->BytesScanned() * 100 / total) : -1;
+    if (currentScan && &ASource == currentScan) {
+      const uint64_t total = currentScan->ElfChunks().SourceSize();
+      return total ? static_cast<int>(currentScan->BytesScanned() * 100 / total) : -1;
     }
-    if (auto it = files.find(&ASource); it != files.end() && it->second->EvtxFile()) {
-      const uint64_t count = it->second->EvtxFile()->Count();
-      return count ? static_cast<int>(std::min<uint64_t>(100, it->second->ChunkIndex() * 100 / count)) : -1;
+    if (currentFile && &ASource == currentFile && currentFile->EvtxFile()) {
+      const uint64_t count = currentFile->EvtxFile()->Count();
+      return count ? static_cast<int>(std::min<uint64_t>(100, currentFile->ChunkIndex() * 100 / count)) : -1;
     }
     return -1;
   };
@@ -416,7 +417,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       stored.Scan = options.Scan;
       if (!options.Scan && !IsClassicLog(path)) {
         try {
-          TEvtxSource check(path, false, TChunkOrder::coNewestFirst);
+          TEvtxSource::NeedsCarving(path);
         } catch (const std::exception& e) {
           if (!optional.count(path))
             throw std::runtime_error(std::string(e.what()) + " (or open it with --scan)");

@@ -5,8 +5,15 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <exception>
+#include <functional>
+#include <mutex>
 #include <strings.h>
+#include <thread>
+#include <utility>
 
 namespace qvx {
 
@@ -19,9 +26,13 @@ const char* TEvtLiteAdaptor::kSelectTemplate =
     "Failure'  ELSE ''   END as [TypeStr], [TimeStamp], [Date], [Time], [EventID], [Source], [CategoryName], "
     "[UserName], [Computer], [RecordNumber], [EventLog], [EvtXML], [Descr],  %s [_Bmrk], [_Flt]  FROM %s ";
 
+// The page size counts only for a new file: rows of 1.5-2 KB fill 16 KiB pages with little
+// left over, where 4 KiB ones kept a third of each page empty. A cache size given in KiB
+// is turned into pages at the page size of the moment, so it comes after the page size:
+// 8 MiB either way.
 const char* const TEvtLiteAdaptor::kPragmas[6] = {
     "PRAGMA journal_mode = OFF", "PRAGMA synchronous  = OFF", "PRAGMA locking_mode  = EXCLUSIVE",
-    "PRAGMA cache_size = 2048",  "PRAGMA page_size  = 4096",  "PRAGMA temp_store = FILE",
+    "PRAGMA page_size  = 16384",  "PRAGMA cache_size = -8192",  "PRAGMA temp_store = FILE",
 };
 
 namespace {
@@ -35,6 +46,109 @@ struct TStatement {
 };
 
 } // namespace
+
+// Inserts full batches on a thread of its own, in the order they are handed over, through
+// a short queue; the batches' buffers go round between the two sides, so a row's strings
+// keep their capacity from one batch to the next.
+class TEvtLiteAdaptor::TBatchWriter {
+public:
+  using TInsert = std::function<void(const std::vector<TLiteRecord>&)>;
+
+  explicit TBatchWriter(TInsert AInsert) : FInsert(std::move(AInsert)) {
+    FThread = std::thread([this] { Run(); });
+  }
+
+  ~TBatchWriter() {
+    {
+      std::lock_guard<std::mutex> guard(FLock);
+      FStop = true;
+    }
+    FChanged.notify_all();
+    FThread.join();
+  }
+
+  TBatchWriter(const TBatchWriter&) = delete;
+  TBatchWriter& operator=(const TBatchWriter&) = delete;
+
+  // Queues ABatch (full) and gives in its place an earlier batch, already inserted, to
+  // fill again (or an empty one). Raises the error of a batch that failed, once.
+  void Push(std::vector<TLiteRecord>& ABatch) {
+    std::unique_lock<std::mutex> guard(FLock);
+    if (FQueue.size() >= kDepth) {
+      FPusherWaits = true;
+      FChanged.wait(guard, [&] { return FQueue.size() + kWakeAt <= kDepth; });
+      FPusherWaits = false;
+    }
+    if (FError) std::rethrow_exception(std::exchange(FError, nullptr));
+    std::vector<TLiteRecord> spare;
+    if (!FSpare.empty()) {
+      spare = std::move(FSpare.back());
+      FSpare.pop_back();
+    }
+    FQueue.push_back(std::move(ABatch));
+    ABatch = std::move(spare);
+    if (FQueue.size() == kWakeAt) FChanged.notify_all();
+  }
+
+  // Waits until every batch handed over is inserted (or dropped after an error); raises
+  // that error, once.
+  void Drain() {
+    std::unique_lock<std::mutex> guard(FLock);
+    FFlush = true;
+    FChanged.notify_all();
+    FChanged.wait(guard, [&] { return FQueue.empty() && !FBusy; });
+    FFlush = false;
+    if (FError) std::rethrow_exception(std::exchange(FError, nullptr));
+  }
+
+private:
+  // Enough to ride over a slow write without holding much: 16 batches of at most 40 rows.
+  // The writer is woken when 4 are waiting (or at the end), the loader when 4 places are
+  // free: a wake-up per batch cost more than the locking.
+  static constexpr size_t kDepth = 16;
+  static constexpr size_t kWakeAt = 4;
+
+  void Run() {
+    std::unique_lock<std::mutex> guard(FLock);
+    while (true) {
+      FChanged.wait(guard, [&] { return FQueue.size() >= kWakeAt || (FFlush && !FQueue.empty()) || FStop; });
+      if (FQueue.empty()) return; // stopping
+      while (!FQueue.empty()) {
+        std::vector<TLiteRecord> batch = std::move(FQueue.front());
+        FQueue.pop_front();
+        FBusy = true;
+        const bool failed = FError != nullptr;
+        guard.unlock();
+        std::exception_ptr error;
+        if (!failed) { // after a failure the batches are dropped until the loader hears of it
+          try {
+            FInsert(batch);
+          } catch (...) {
+            error = std::current_exception();
+          }
+        }
+        guard.lock();
+        if (error && !FError) FError = error;
+        FSpare.push_back(std::move(batch));
+        FBusy = false;
+        if (FPusherWaits && FQueue.size() + kWakeAt <= kDepth) FChanged.notify_all();
+      }
+      FChanged.notify_all(); // a Drain waits for the queue to empty
+    }
+  }
+
+  TInsert FInsert;
+  std::mutex FLock;
+  std::condition_variable FChanged;
+  std::deque<std::vector<TLiteRecord>> FQueue;
+  std::vector<std::vector<TLiteRecord>> FSpare;
+  bool FBusy = false;
+  bool FStop = false;
+  bool FFlush = false;       // a Drain waits: insert what is queued, however little
+  bool FPusherWaits = false; // the loader waits for room in the queue
+  std::exception_ptr FError;
+  std::thread FThread;
+};
 
 TEvtLiteAdaptor::TEvtLiteAdaptor(std::string AFileName) : FFileName(std::move(AFileName)) {}
 
@@ -88,6 +202,12 @@ void TEvtLiteAdaptor::InitThreadDataSet() {
 void TEvtLiteAdaptor::DoneThreadDataSet() {
   if (!FDb) return;
   FreeQuery();
+  try {
+    FinishWriter();
+  } catch (...) {
+    // The rows the writer could not insert are lost, as a failed insert's are; the
+    // pending ones still go in, and the store is closed either way.
+  }
   if (FPendingCount) InsertPending();
   if (FInTransaction) {
     FInTransaction = false;
@@ -107,6 +227,7 @@ size_t TEvtLiteAdaptor::BatchSizeFor(size_t ACustomCount) {
 
 sqlite3_stmt* TEvtLiteAdaptor::Prepare(const std::string& ASql) const {
   if (!FDb) throw EEventStoreError(FFileName + ": the event store is not open");
+  FinishWriter(); // every statement sees the rows handed over before it
   sqlite3_stmt* statement = nullptr;
   const char* tail = nullptr;
   const int code = sqlite3_prepare_v2(FDb, ASql.c_str(), static_cast<int>(ASql.size()), &statement, &tail);
@@ -175,6 +296,7 @@ void TEvtLiteAdaptor::CreateTable() {
 
 void TEvtLiteAdaptor::EmptyTable() {
   FreeQuery();
+  FinishWriter();
   sqlite3_finalize(FInsertFull);
   FInsertFull = nullptr;
   ExecSQL(FormatSQL("DROP TABLE IF EXISTS %s", {FTableName}));
@@ -243,6 +365,7 @@ void TEvtLiteAdaptor::DropCFIndexes() {
 
 void TEvtLiteAdaptor::Cleanup() {
   FreeQuery();
+  FinishWriter();
   FPendingCount = 0;
 }
 
@@ -293,7 +416,11 @@ TLiteRecord& TEvtLiteAdaptor::NewLiteEvent() {
 }
 
 void TEvtLiteAdaptor::CommitLiteEvent() {
-  if (++FPendingCount >= FBatchSize) InsertPending();
+  if (++FPendingCount < FBatchSize) return;
+  if (FInTransaction && FPipelined)
+    HandOverPending();
+  else
+    InsertPending();
 }
 
 void TEvtLiteAdaptor::AppendLiteEvent(const TLiteRecord& ARecord) {
@@ -303,8 +430,48 @@ void TEvtLiteAdaptor::AppendLiteEvent(const TLiteRecord& ARecord) {
   CommitLiteEvent();
 }
 
+void TEvtLiteAdaptor::SetPipelined(bool AValue) {
+  FinishWriter();
+  FPipelined = AValue;
+}
+
+void TEvtLiteAdaptor::InsertRows(sqlite3_stmt* AStatement, const std::vector<TLiteRecord>& ARows,
+                                 size_t ACount) const {
+  int n = 0;
+  auto text = [&](const std::string& AValue) {
+    sqlite3_bind_text(AStatement, ++n, AValue.data(), static_cast<int>(AValue.size()), SQLITE_STATIC);
+  };
+  for (size_t r = 0; r < ACount; ++r) {
+    const TLiteRecord& record = ARows[r];
+    sqlite3_bind_int(AStatement, ++n, record.Type);
+    text(record.TimeStamp);
+    text(record.Date);
+    text(record.Time);
+    sqlite3_bind_int64(AStatement, ++n, record.EventID);
+    text(record.Source);
+    text(record.CategoryName);
+    text(record.UserName);
+    text(record.Computer);
+    sqlite3_bind_int64(AStatement, ++n, record.RecordNumber);
+    sqlite3_bind_int(AStatement, ++n, record.EventLog);
+    text(record.EvtXML);
+    text(record.Descr);
+    for (size_t c = 0; c < FCustomFields.size(); ++c) {
+      if (c < record.CustomFields.size() && !record.CustomFields[c].empty())
+        text(record.CustomFields[c]);
+      else
+        sqlite3_bind_null(AStatement, ++n);
+    }
+  }
+  const int code = sqlite3_step(AStatement);
+  sqlite3_reset(AStatement);
+  sqlite3_clear_bindings(AStatement);
+  if (code != SQLITE_DONE) Fail("cannot add events", code);
+}
+
 void TEvtLiteAdaptor::InsertPending() {
   if (!FPendingCount) return;
+  FinishWriter(); // rows keep their order
   const bool full = FPendingCount == FBatchSize;
   sqlite3_stmt* statement = nullptr;
   if (full) {
@@ -313,38 +480,35 @@ void TEvtLiteAdaptor::InsertPending() {
   } else {
     statement = InsertStatement(FPendingCount);
   }
-  int n = 0;
-  auto text = [&](const std::string& AValue) {
-    sqlite3_bind_text(statement, ++n, AValue.data(), static_cast<int>(AValue.size()), SQLITE_STATIC);
-  };
-  for (size_t r = 0; r < FPendingCount; ++r) {
-    const TLiteRecord& record = FPending[r];
-    sqlite3_bind_int(statement, ++n, record.Type);
-    text(record.TimeStamp);
-    text(record.Date);
-    text(record.Time);
-    sqlite3_bind_int64(statement, ++n, record.EventID);
-    text(record.Source);
-    text(record.CategoryName);
-    text(record.UserName);
-    text(record.Computer);
-    sqlite3_bind_int64(statement, ++n, record.RecordNumber);
-    sqlite3_bind_int(statement, ++n, record.EventLog);
-    text(record.EvtXML);
-    text(record.Descr);
-    for (size_t c = 0; c < FCustomFields.size(); ++c) {
-      if (c < record.CustomFields.size() && !record.CustomFields[c].empty())
-        text(record.CustomFields[c]);
-      else
-        sqlite3_bind_null(statement, ++n);
-    }
-  }
-  const int code = sqlite3_step(statement);
-  sqlite3_reset(statement);
-  sqlite3_clear_bindings(statement);
-  if (!full) sqlite3_finalize(statement);
+  const size_t count = FPendingCount;
   FPendingCount = 0;
-  if (code != SQLITE_DONE) Fail("cannot add events", code);
+  try {
+    InsertRows(statement, FPending, count);
+  } catch (...) {
+    if (!full) sqlite3_finalize(statement);
+    throw;
+  }
+  if (!full) sqlite3_finalize(statement);
+}
+
+void TEvtLiteAdaptor::HandOverPending() {
+  if (!FInsertFull) FInsertFull = InsertStatement(FBatchSize);
+  if (!FWriter) {
+    sqlite3_stmt* statement = FInsertFull;
+    const size_t count = FBatchSize;
+    FWriter = std::make_unique<TBatchWriter>(
+        [this, statement, count](const std::vector<TLiteRecord>& ARows) { InsertRows(statement, ARows, count); });
+  }
+  FPendingCount = 0;
+  FWriter->Push(FPending);
+  if (FPending.size() < FBatchSize) FPending.resize(FBatchSize);
+}
+
+void TEvtLiteAdaptor::FinishWriter() const {
+  if (!FWriter) return;
+  // The writer ends whether or not its last batches went in; the error is raised after.
+  std::unique_ptr<TBatchWriter> writer = std::move(FWriter);
+  writer->Drain();
 }
 
 void TEvtLiteAdaptor::FinishBatchInsert() {
@@ -358,6 +522,7 @@ void TEvtLiteAdaptor::BeginBufferedOperation() {
 }
 
 void TEvtLiteAdaptor::EndBufferedOpearion() {
+  FinishWriter();
   InsertPending();
   if (!FInTransaction) return;
   FInTransaction = false;

@@ -1,6 +1,7 @@
 // The event store over SQLite: a private database file that trades durability for
 // speed (no journal, no synchronous writes, an exclusive lock) and inserts rows several
-// dozen at a time in one statement.
+// dozen at a time in one statement. Inside a buffered operation full batches are inserted
+// by a writer thread of the store while the loader fills the next ones.
 //
 // The dataset over the current query is read lazily: rows are stepped as the caller
 // moves forward and only their _ID is kept, so the first page of a sorted million-row
@@ -10,6 +11,7 @@
 #include "view/evt_db_adaptor.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -49,7 +51,13 @@ public:
   void PrepareMerge() override;
 
   // Batched insertion. Rows reach the table when a batch is full and at FinishBatchInsert.
+  // Inside a buffered operation a full batch goes to the writer thread (when Pipelined()):
+  // an insert that fails there is raised by a later CommitLiteEvent, by the end of the
+  // operation or by the next statement prepared, and the batches handed over after it are
+  // dropped. Any other use of the store waits until the writer has inserted what it holds.
   size_t BatchSize() const { return FBatchSize; }
+  bool Pipelined() const { return FPipelined; }
+  void SetPipelined(bool AValue);
   static size_t BatchSizeFor(size_t ACustomCount);
   void StartBatchInsert();
   void AppendLiteEvent(const TLiteRecord& ARecord);
@@ -129,6 +137,13 @@ private:
   void DropIndexes(bool ACustomOnly);
   sqlite3_stmt* InsertStatement(size_t ARows);
   void InsertPending();
+  // Binds ACount rows of ARows to AStatement and runs it; raises EEventStoreError.
+  void InsertRows(sqlite3_stmt* AStatement, const std::vector<TLiteRecord>& ARows, size_t ACount) const;
+  // Hands the full pending batch to the writer thread (started when there is none).
+  void HandOverPending();
+  // Waits until the writer thread has inserted what it was given and ends it; raises the
+  // error of a batch that failed. Safe to call on a const store (Prepare does).
+  void FinishWriter() const;
   // Steps the query until row AIndex (0-based) is read; false when the query ends first.
   bool StepTo(int64_t AIndex);
   // Makes row AIndex current (stepping or reading it by its _ID).
@@ -143,6 +158,9 @@ private:
   size_t FPendingCount = 0;
   sqlite3_stmt* FInsertFull = nullptr; // the statement of a full batch
   bool FInTransaction = false;
+  bool FPipelined = true;
+  class TBatchWriter;
+  mutable std::unique_ptr<TBatchWriter> FWriter; // inserts full batches during a buffered operation
 
   sqlite3_stmt* FQuery = nullptr;
   sqlite3_stmt* FLookup = nullptr;

@@ -285,13 +285,31 @@ void TWorkThread::LoadEntries() {
     if (view.Events.OnLoadingStarted) view.Events.OnLoadingStarted();
   });
   if (!view.Entries.Normalized) view.Entries.Normalize();
+  // One transaction for the whole load: the rows of one log are written while the next
+  // one is read, rather than all at its end.
+  bool buffered = false;
+  try {
+    view.Store->BeginBufferedOperation();
+    buffered = true;
+  } catch (const std::exception& e) {
+    view.Errors.emplace_back(e.what());
+    view.NoticeLevel = 2;
+  }
   for (size_t i = static_cast<size_t>(std::max(0, view.Entries.LastLoadedEntryIndex));
-       i < view.Entries.Count(); ++i) {
+       buffered && i < view.Entries.Count(); ++i) {
     if (Terminated() || FBreaked) break;
     try {
       LoadEntry(i);
     } catch (const std::exception& e) {
       view.Errors.emplace_back(view.Entries.GetItem(i).GetDescription() + ": " + e.what());
+      view.NoticeLevel = 2;
+    }
+  }
+  if (buffered) {
+    try {
+      view.Store->EndBufferedOpearion();
+    } catch (const std::exception& e) {
+      view.Errors.emplace_back(e.what());
       view.NoticeLevel = 2;
     }
   }
@@ -366,7 +384,6 @@ void TWorkThread::LoadEntry(size_t AIndex) {
     });
   };
 
-  store.BeginBufferedOperation();
   try {
     while (true) {
       if (Terminated()) break;
@@ -468,7 +485,7 @@ void TWorkThread::LoadEntry(size_t AIndex) {
     // Damage the source could not step over ends the entry; what was read stands.
     source->IssueList().AddIssue(std::string("reading stopped: ") + e.what());
   }
-  store.EndBufferedOpearion();
+  // The log's last rows stay pending: the next log's fill the same batch.
   progress();
   for (const std::string& line : source->IssueList().Lines())
     view.Issues.push_back(description + ": " + line);

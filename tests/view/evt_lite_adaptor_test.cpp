@@ -3,6 +3,7 @@
 #include "view/evt_mssql_adaptor.h"
 #include "view/log_view_engine.h"
 
+#include "descriptions/time_zones.h"
 #include "engine/event_log_binxml.h"
 #include "engine/event_log_x.h"
 #include "engine/evtx/evtx_writer.h"
@@ -221,6 +222,125 @@ TEST_F(EvtLiteAdaptor, FilterTextRunsForReal) {
   EXPECT_EQ(Column("EventID"), "4625;");
 }
 
+// Rows of a buffered operation, enough to fill the writer's queue several times over.
+void AppendNumbered(TEvtLiteAdaptor& AStore, int ACount) {
+  for (int i = 0; i < ACount; ++i) {
+    TLiteRecord row = Row(i % 14, "2024-03-01 10:00:00.000", i, "Src", "d");
+    row.EvtXML = "<Event>" + std::to_string(i) + "</Event>";
+    row.Descr = std::string(static_cast<size_t>(i % 97), 'x');
+    row.RecordNumber = 5000 - i;
+    AStore.AppendLiteEvent(row);
+  }
+}
+
+std::string TableText(TEvtLiteAdaptor& AStore) {
+  sqlite3_stmt* query = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(AStore.Handle(), "SELECT * FROM Events ORDER BY _ID", -1, &query, nullptr),
+            SQLITE_OK);
+  std::string text;
+  while (sqlite3_step(query) == SQLITE_ROW) {
+    for (int c = 0; c < sqlite3_column_count(query); ++c) {
+      const unsigned char* value = sqlite3_column_text(query, c);
+      text.append(value ? reinterpret_cast<const char*>(value) : "NULL").push_back('|');
+    }
+    text.push_back('\n');
+  }
+  sqlite3_finalize(query);
+  return text;
+}
+
+TEST(EvtLiteAdaptorWriter, BufferedRowsGoInInOrderAsWithoutTheWriter) {
+  TEvtLiteAdaptor piped(":memory:"), direct(":memory:");
+  direct.SetPipelined(false);
+  for (TEvtLiteAdaptor* store : {&piped, &direct}) {
+    store->InitThreadDataSet();
+    store->EmptyTable();
+    store->BeginBufferedOperation();
+    AppendNumbered(*store, 2003); // 50 full batches and a part of one
+    store->EndBufferedOpearion();
+  }
+  EXPECT_TRUE(piped.Pipelined());
+  EXPECT_EQ(piped.QueryIntValue("SELECT COUNT(*) FROM Events"), 2003);
+  EXPECT_EQ(piped.QueryIntValue("SELECT EventID FROM Events WHERE _ID = 2003"), 2002);
+  EXPECT_EQ(TableText(piped), TableText(direct));
+}
+
+TEST(EvtLiteAdaptorWriter, RowsHandedOverAreSeenByTheNextStatement) {
+  TEvtLiteAdaptor store(":memory:");
+  store.InitThreadDataSet();
+  store.EmptyTable();
+  store.BeginBufferedOperation();
+  AppendNumbered(store, 400); // ten full batches: all handed over, none pending
+  EXPECT_EQ(store.QueryIntValue("SELECT COUNT(*) FROM Events"), 400);
+  AppendNumbered(store, 5);
+  store.EndBufferedOpearion();
+  EXPECT_EQ(store.QueryIntValue("SELECT COUNT(*) FROM Events"), 405);
+}
+
+TEST(EvtLiteAdaptorWriter, AnInsertThatFailsIsRaisedWithTheStoreName) {
+  for (const bool pipelined : {true, false}) {
+    const auto dir = test::ScratchDir();
+    const std::string path = (dir / "refusing.db").string();
+    TEvtLiteAdaptor store(path);
+    store.SetPipelined(pipelined);
+    store.InitThreadDataSet();
+    store.EmptyTable();
+    store.ExecSQL("CREATE TRIGGER refuse BEFORE INSERT ON Events WHEN NEW.EventID = 666 "
+                  "BEGIN SELECT RAISE(ABORT, 'row refused'); END");
+    store.BeginBufferedOperation();
+    std::string message;
+    try {
+      AppendNumbered(store, 1000); // EventID 666 is in the 17th batch
+      store.EndBufferedOpearion();
+    } catch (const EEventStoreError& e) {
+      message = e.what();
+    }
+    EXPECT_NE(message.find(path + ": cannot add events: row refused"), std::string::npos)
+        << "pipelined " << pipelined << ": " << message;
+    // The store goes on: later rows go in and the operation ends.
+    store.ExecSQL("DROP TRIGGER refuse");
+    AppendNumbered(store, 80);
+    store.EndBufferedOpearion();
+    EXPECT_GE(store.QueryIntValue("SELECT COUNT(*) FROM Events WHERE EventID < 80"), 80);
+    store.DoneThreadDataSet();
+  }
+}
+
+TEST(EvtLiteAdaptorFiles, NewStoreHas16KiBPagesAndAn8MiBCache) {
+  const auto dir = test::ScratchDir();
+  TEvtLiteAdaptor store((dir / "pages.db").string());
+  store.InitThreadDataSet();
+  store.EmptyTable();
+  EXPECT_EQ(store.QueryIntValue("PRAGMA page_size"), 16384);
+  // 20 MB of rows in one transaction: the cache stays near 8 MiB (it held 32 when the
+  // size in KiB was turned into pages before the page size was set).
+  store.BeginBufferedOperation();
+  TLiteRecord row = Row(4, "2024-03-01 10:00:00.000", 1, "S", "d");
+  row.EvtXML.assign(10000, 'x');
+  for (int i = 0; i < 2000; ++i) store.AppendLiteEvent(row);
+  store.EndBufferedOpearion();
+  int used = 0, highest = 0;
+  ASSERT_EQ(sqlite3_db_status(store.Handle(), SQLITE_DBSTATUS_CACHE_USED, &used, &highest, 0), SQLITE_OK);
+  EXPECT_GT(used, 4 << 20);
+  EXPECT_LT(used, 10 << 20);
+}
+
+TEST(StoreTimeTexts, FieldsAreCutToTheirWidthsAsPrintfWould) {
+  // Day counts from 1899-12-30: the epoch, a leap day, the last millisecond of a year,
+  // and years of five digits that keep their last four.
+  for (const double days : {0.0, 1.5, 45351.999999, 45657.9999999, 2958465.5, 3000000.25, 40000000.0}) {
+    const TSystemTime t = DaysToSystemTime(days);
+    char expected[40];
+    std::snprintf(expected, sizeof expected, "%04u-%02u-%02u %02u:%02u:%02u.%03u", t.wYear % 10000u,
+                  t.wMonth % 100u, t.wDay % 100u, t.wHour % 100u, t.wMinute % 100u, t.wSecond % 100u,
+                  t.wMilliseconds % 1000u);
+    EXPECT_EQ(StoreTimeStampText(days), expected) << days;
+    EXPECT_EQ(StoreDateText(days), std::string(expected, 10)) << days;
+    EXPECT_EQ(StoreTimeText(days), std::string(expected + 11, 8)) << days;
+  }
+  EXPECT_EQ(StoreTimeStampText(45352.5), "2024-03-01 12:00:00.000");
+}
+
 TEST(EvtLiteAdaptorFiles, RefusesWhatIsNotAStore) {
   const auto dir = test::ScratchDir();
   const std::string path = (dir / "not-a-store.db").string();
@@ -355,6 +475,33 @@ TEST(LogViewEngine, LoadingFilterAndLimits) {
   EXPECT_EQ(run.Rows(), 2);
   EXPECT_NE(run.View.NoticeText.find("Only events of these types were loaded: Error."), std::string::npos);
   EXPECT_NE(run.View.NoticeText.find("Log: Only the recent 2 events were loaded."), std::string::npos);
+}
+
+TEST(LogViewEngine, OneTransactionOverTheLogsAndAFailedLogSkipped) {
+  TEngineRun run;
+  run.View.Entries.AddEventLogFileEntry("Second", "second.evtx", true);
+  run.View.Entries.AddEventLogFileEntry("Third", "third.evtx", true);
+  run.View.Entries.Normalized = true;
+  for (uint32_t i = 1000; i > 0; --i)
+    run.Steps.push_back({i, 45000.0 + i / 1e5, EVT_ERROR});
+  // The second log cannot be opened; the first and third load, in order, and the rows
+  // of all are written when the load ends (no transaction left open).
+  TWorkThread worker(&run.View);
+  run.View.OpenSource = [&](TLogEntry& AEntry) -> std::unique_ptr<TEventLogBase> {
+    if (AEntry.LogName == "Second") throw std::runtime_error("cannot be opened");
+    auto log = std::make_unique<TScriptedLog>();
+    log->Steps = run.Steps;
+    return log;
+  };
+  worker.Post(1);
+  worker.WaitIdle();
+  EXPECT_EQ(run.Rows(), 2000);
+  EXPECT_EQ(run.Store.QueryIntValue("SELECT COUNT(DISTINCT EventLog) FROM Events"), 2);
+  EXPECT_EQ(run.Store.QueryIntValue("SELECT EventLog FROM Events WHERE _ID = 1001"), 2);
+  EXPECT_EQ(run.Store.QueryIntValue("SELECT RecordNumber FROM Events WHERE _ID = 1001"), 1000);
+  ASSERT_EQ(run.View.Errors.size(), 1u);
+  EXPECT_EQ(run.View.Errors[0], "Second: cannot be opened");
+  EXPECT_EQ(sqlite3_get_autocommit(run.Store.Handle()), 1);
 }
 
 TEST(LogViewEngine, StopMidLogKeepsLoadedEvents) {
