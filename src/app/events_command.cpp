@@ -164,9 +164,9 @@ std::unique_ptr<TEventLogBinXML> OpenEvtxLog(const std::string& APath, const std
                                              TImagedPC* AImaged, std::FILE* AErr, bool& AScan) {
   // The checks of the file header name the fault; a header whose chunk count does not
   // match the chunks that follow it is read with the deep scan.
-  TEvtxSource check(APath, false, TChunkOrder::coNewestFirst);
-  for (const std::string& notice : check.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
-  AScan = check.Carving();
+  std::vector<std::string> notices;
+  AScan = TEvtxSource::NeedsCarving(APath, &notices);
+  for (const std::string& notice : notices) std::fprintf(AErr, "%s\n", notice.c_str());
   std::unique_ptr<TEventLogBinXML> source;
   if (AScan)
     source = std::make_unique<TEventLogScan>();

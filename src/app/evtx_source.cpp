@@ -57,11 +57,11 @@ bool CheckHeader(const std::string& APath, TEvtxFile& AFile, const TReadStream& 
 
 } // namespace
 
-bool TEvtxSource::NeedsCarving(const std::string& APath) {
+bool TEvtxSource::NeedsCarving(const std::string& APath, std::vector<std::string>* ANotices) {
   const std::unique_ptr<TReadStream> raw = OpenReadStream(APath);
   TEvtxFile file(raw.get());
   std::vector<std::string> notices;
-  return CheckHeader(APath, file, *raw, notices);
+  return CheckHeader(APath, file, *raw, ANotices ? *ANotices : notices);
 }
 
 TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {

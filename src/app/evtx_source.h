@@ -26,7 +26,8 @@ public:
   // does; true when the file's chunks must be found by scanning it. A load that checks
   // every log before it starts, and again as it opens each one, uses this: the carver's
   // 4 MiB buffer is mapped and filled with zeros when it is made.
-  static bool NeedsCarving(const std::string& APath);
+  // ANotices, when given, receives what the checks noticed without stopping.
+  static bool NeedsCarving(const std::string& APath, std::vector<std::string>* ANotices = nullptr);
 
   // A producer for TChunkReader::Run.
   TChunkReader::TProducer Producer();
