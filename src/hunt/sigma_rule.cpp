@@ -279,6 +279,21 @@ std::vector<TPatternChar> ParsePattern(std::string_view AValue, bool AWildcards)
 TValueTest TestForPattern(const std::vector<TPatternChar>& APattern, bool ACased, const std::string& AShown) {
   TValueTest test;
   test.Cased = ACased;
+  // Most values are plain text with a star at one end or both: their test is made
+  // without building segments.
+  const bool leading = !APattern.empty() && APattern.front().Kind == TPatternChar::pcStar;
+  const bool trailing = APattern.size() > size_t{leading} && APattern.back().Kind == TPatternChar::pcStar;
+  const size_t from = leading ? 1 : 0, to = APattern.size() - (trailing ? 1 : 0);
+  if (std::none_of(APattern.begin() + static_cast<ptrdiff_t>(from), APattern.begin() + static_cast<ptrdiff_t>(to),
+                   [](const TPatternChar& p) { return p.Kind != TPatternChar::pcLiteral; })) {
+    test.Kind = leading && trailing ? TValueTest::vkContains
+                : leading           ? TValueTest::vkEndsWith
+                : trailing          ? TValueTest::vkStartsWith
+                                    : TValueTest::vkEquals;
+    test.Needle.reserve(to - from);
+    for (size_t i = from; i < to; ++i) test.Needle.push_back(ACased ? APattern[i].Char : FoldChar(APattern[i].Char));
+    return test;
+  }
   std::vector<TGlobSegment> segments(1);
   for (const TPatternChar& p : APattern) {
     if (p.Kind == TPatternChar::pcStar) {
@@ -341,8 +356,14 @@ private:
   [[noreturn]] void Fail(int ALine, const std::string& AText) const { RaiseSigmaError(FFile, ALine, AText); }
 
   uint32_t SlotOf(const std::string& AName) {
+    auto same = [](std::string_view A, std::string_view B) {
+      if (A.size() != B.size()) return false;
+      for (size_t i = 0; i < A.size(); ++i)
+        if (FoldChar(A[i]) != FoldChar(B[i])) return false;
+      return true;
+    };
     for (size_t i = 0; i < FRule.SlotNames.size(); ++i)
-      if (FoldText(FRule.SlotNames[i]) == FoldText(AName)) return static_cast<uint32_t>(i);
+      if (same(FRule.SlotNames[i], AName)) return static_cast<uint32_t>(i);
     FRule.SlotNames.push_back(AName);
     return static_cast<uint32_t>(FRule.SlotNames.size() - 1);
   }
@@ -414,6 +435,7 @@ TModifiers TRuleCompiler::ParseModifiers(const std::vector<std::string>& ANames,
 void TRuleCompiler::AddValueTests(const TModifiers& AMods, const TYamlNode& AValue, bool AKeyword,
                                   std::vector<TValueTest>& AOut) {
   if (AValue.IsList()) {
+    AOut.reserve(AOut.size() + AValue.Items.size());
     for (const TYamlNode& item : AValue.Items) {
       if (item.IsList() || item.IsMap()) Fail(item.Line, "a value list may hold only plain values");
       AddValueTest(AMods, item, AKeyword, AOut);
