@@ -38,6 +38,13 @@ inline char FoldChar(char AChar) {
   return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar;
 }
 std::string FoldText(std::string_view AText);
+// Whether A and B are the same text in ASCII lower case (nothing copied).
+inline bool EqualFolded(std::string_view A, std::string_view B) {
+  if (A.size() != B.size()) return false;
+  for (size_t i = 0; i < A.size(); ++i)
+    if (FoldChar(A[i]) != FoldChar(B[i])) return false;
+  return true;
+}
 
 // Field names as numbers: the names that rules test, looked up without regard to case.
 class TFieldNames {

@@ -215,7 +215,7 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
     for (const std::string& slot : ARule.SlotNames) {
       std::string name = slot;
       for (const auto& [from, to] : variant.Fields)
-        if (FoldText(from) == FoldText(slot)) name = to;
+        if (EqualFolded(from, slot)) name = to;
       binding->SlotFields.push_back(FNames.Intern(name));
     }
     for (const auto& [field, values] : variant.Where) {

@@ -356,14 +356,8 @@ private:
   [[noreturn]] void Fail(int ALine, const std::string& AText) const { RaiseSigmaError(FFile, ALine, AText); }
 
   uint32_t SlotOf(const std::string& AName) {
-    auto same = [](std::string_view A, std::string_view B) {
-      if (A.size() != B.size()) return false;
-      for (size_t i = 0; i < A.size(); ++i)
-        if (FoldChar(A[i]) != FoldChar(B[i])) return false;
-      return true;
-    };
     for (size_t i = 0; i < FRule.SlotNames.size(); ++i)
-      if (same(FRule.SlotNames[i], AName)) return static_cast<uint32_t>(i);
+      if (EqualFolded(FRule.SlotNames[i], AName)) return static_cast<uint32_t>(i);
     FRule.SlotNames.push_back(AName);
     return static_cast<uint32_t>(FRule.SlotNames.size() - 1);
   }
@@ -385,7 +379,7 @@ private:
   TCondNode ParsePrimary(int ADepth);
   TCondNode SearchesMatching(const std::string& APattern, bool AAll);
   bool AtWord(const char* AWord) const {
-    return FPos < FTokens.size() && FoldText(FTokens[FPos].Text) == AWord;
+    return FPos < FTokens.size() && EqualFolded(FTokens[FPos].Text, AWord);
   }
 
   const std::string& FFile;
@@ -755,14 +749,14 @@ TCondNode TRuleCompiler::ParsePrimary(int ADepth) {
   if (token == ")") Fail(FConditionLine, "a ')' in the condition without its '('");
   const std::string word = FoldText(token);
   if ((word == "1" || word == "all" || word == "any") && FPos + 1 < FTokens.size() &&
-      FoldText(FTokens[FPos + 1].Text) == "of") {
+      EqualFolded(FTokens[FPos + 1].Text, "of")) {
     if (FPos + 2 >= FTokens.size()) Fail(FConditionLine, "'" + token + " of' needs a search or 'them'");
     const std::string pattern = FTokens[FPos + 2].Text;
     if (pattern == "(" || pattern == ")") Fail(FConditionLine, "'" + token + " of' needs a search or 'them'");
     FPos += 3;
     return SearchesMatching(pattern, word == "all");
   }
-  if (FPos + 1 < FTokens.size() && FoldText(FTokens[FPos + 1].Text) == "of")
+  if (FPos + 1 < FTokens.size() && EqualFolded(FTokens[FPos + 1].Text, "of"))
     Fail(FConditionLine, "'" + token + " of' is not supported (only '1 of' and 'all of')");
   if (word == "and" || word == "or" || word == "of")
     Fail(FConditionLine, "'" + token + "' where a search was expected in the condition");
@@ -785,7 +779,7 @@ std::optional<std::set<uint32_t>> SearchEventIds(const TSearch& ASearch, const T
     if (alt.Keywords) return std::nullopt;
     bool found = false;
     for (const TFieldTest& field : alt.Fields) {
-      if (FoldText(ARule.SlotNames[field.Slot]) != "eventid" || (field.All && field.Values.size() > 1)) continue;
+      if (!EqualFolded(ARule.SlotNames[field.Slot], "eventid") || (field.All && field.Values.size() > 1)) continue;
       std::set<uint32_t> these;
       bool plain = true;
       for (const TValueTest& value : field.Values) {
