@@ -150,9 +150,13 @@ void TEventFields::Load(std::string_view AXml) {
   const size_t size = AXml.size();
   size_t pos = 0;
   while (pos < size) {
-    const void* found = std::memchr(text + pos, '<', size - pos);
-    if (!found) break;
-    size_t at = static_cast<const char*>(found) - text;
+    // Rendered events put one tag right after another: the next '<' is most often here.
+    size_t at = pos;
+    if (text[pos] != '<') {
+      const void* found = std::memchr(text + pos, '<', size - pos);
+      if (!found) break;
+      at = static_cast<const char*>(found) - text;
+    }
     if (at + 1 >= size) break;
     const char kind = text[at + 1];
     if (kind == '?' || kind == '!') {
