@@ -150,7 +150,11 @@ void TEventFields::Load(std::string_view AXml) {
   const size_t size = AXml.size();
   size_t pos = 0;
   while (pos < size) {
-    // Rendered events put one tag right after another: the next '<' is most often here.
+    // Rendered events put one tag right after another, at most a line break apart: the
+    // next '<' is most often here. (A leaf's text runs from its start tag to its end tag,
+    // so blanks stepped over here are not lost.)
+    while (pos < size && IsBlank(text[pos])) ++pos;
+    if (pos >= size) break;
     size_t at = pos;
     if (text[pos] != '<') {
       const void* found = std::memchr(text + pos, '<', size - pos);

@@ -290,8 +290,8 @@ TValueTest TestForPattern(const std::vector<TPatternChar>& APattern, bool ACased
                 : leading           ? TValueTest::vkEndsWith
                 : trailing          ? TValueTest::vkStartsWith
                                     : TValueTest::vkEquals;
-    test.Needle.reserve(to - from);
-    for (size_t i = from; i < to; ++i) test.Needle.push_back(ACased ? APattern[i].Char : FoldChar(APattern[i].Char));
+    test.Needle.resize(to - from);
+    for (size_t i = from; i < to; ++i) test.Needle[i - from] = ACased ? APattern[i].Char : FoldChar(APattern[i].Char);
     return test;
   }
   std::vector<TGlobSegment> segments(1);
@@ -365,6 +365,10 @@ private:
   TModifiers ParseModifiers(const std::vector<std::string>& ANames, int ALine) const;
   void AddValueTests(const TModifiers& AMods, const TYamlNode& AValue, bool AKeyword, std::vector<TValueTest>& AOut);
   void AddValueTest(const TModifiers& AMods, const TYamlNode& AValue, bool AKeyword, std::vector<TValueTest>& AOut);
+  // The test of one text value (after its transformations), AWildcards: '*', '?' and
+  // '\' escapes are read.
+  void AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
+                   std::vector<TValueTest>& AOut);
   TFieldTest CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword);
   TSearch CompileSearch(const std::string& AName, const TYamlNode& AValue);
 
@@ -510,6 +514,10 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
   }
 
   // Text: the transformations in the order written, then the comparison.
+  if (AMods.Transforms.empty()) {
+    AddTextTest(AMods, AValue.Text, true, AKeyword, AOut);
+    return;
+  }
   std::vector<std::string> variants{AValue.Text};
   bool encoded = false;
   for (const std::string& transform : AMods.Transforms) {
@@ -536,28 +544,35 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     variants = std::move(next);
     if (variants.size() > 4096) Fail(line, "the modifiers make too many forms of a value");
   }
-  for (const std::string& value : variants) {
-    std::vector<TPatternChar> pattern = ParsePattern(value, !encoded);
-    const bool contains = AMods.Contains || AKeyword;
-    if (contains || AMods.EndsWith)
-      if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
-        pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});
-    if (contains || AMods.StartsWith)
-      if (pattern.empty() || pattern.back().Kind != TPatternChar::pcStar)
-        pattern.push_back({'*', TPatternChar::pcStar});
-    TValueTest test = TestForPattern(pattern, AMods.Cased, value);
-    if (test.Kind == TValueTest::vkContains && test.Needle.size() >= 4) {
-      // Two 4-grams of the needle, looked up in the value's 4-gram table before searching.
-      const std::string folded = FoldText(test.Needle);
-      uint32_t head, tail;
-      std::memcpy(&head, folded.data(), 4);
-      std::memcpy(&tail, folded.data() + folded.size() - 4, 4);
-      test.Grams[0] = static_cast<uint16_t>(GramHash(head));
-      test.Grams[1] = static_cast<uint16_t>(GramHash(tail));
-      test.HasGrams = true;
+  for (const std::string& value : variants) AddTextTest(AMods, value, !encoded, AKeyword, AOut);
+}
+
+void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
+                                std::vector<TValueTest>& AOut) {
+  std::vector<TPatternChar> pattern = ParsePattern(AValue, AWildcards);
+  const bool contains = AMods.Contains || AKeyword;
+  if (contains || AMods.EndsWith)
+    if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
+      pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});
+  if (contains || AMods.StartsWith)
+    if (pattern.empty() || pattern.back().Kind != TPatternChar::pcStar)
+      pattern.push_back({'*', TPatternChar::pcStar});
+  TValueTest test = TestForPattern(pattern, AMods.Cased, AValue);
+  if (test.Kind == TValueTest::vkContains && test.Needle.size() >= 4) {
+    // Two 4-grams of the folded needle, looked up in the value's 4-gram table before searching.
+    char head[4], tail[4];
+    for (size_t i = 0; i < 4; ++i) {
+      head[i] = FoldChar(test.Needle[i]);
+      tail[i] = FoldChar(test.Needle[test.Needle.size() - 4 + i]);
     }
-    AOut.push_back(std::move(test));
+    uint32_t headGram, tailGram;
+    std::memcpy(&headGram, head, 4);
+    std::memcpy(&tailGram, tail, 4);
+    test.Grams[0] = static_cast<uint16_t>(GramHash(headGram));
+    test.Grams[1] = static_cast<uint16_t>(GramHash(tailGram));
+    test.HasGrams = true;
   }
+  AOut.push_back(std::move(test));
 }
 
 TFieldTest TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword) {
