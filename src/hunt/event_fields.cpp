@@ -185,7 +185,22 @@ void TEventFields::Load(std::string_view AXml) {
       pos = static_cast<const char*>(close) - text + 1;
       continue;
     }
-    // Start tag.
+    // Start tag. The commonest by far, <Data Name="N"> in EventData, is read at once
+    // (anything else about it, such as more attributes, takes the general way below).
+    static constexpr std::string_view kDataName = "<Data Name=\"";
+    if (section == scEventData && depth == 2 && size - at > kDataName.size() &&
+        std::memcmp(text + at, kDataName.data(), kDataName.size()) == 0) {
+      const size_t nameStart = at + kDataName.size();
+      const void* quote = std::memchr(text + nameStart, '"', size - nameStart);
+      const size_t nameEnd = quote ? static_cast<size_t>(static_cast<const char*>(quote) - text) : size;
+      if (nameEnd + 1 < size && text[nameEnd + 1] == '>') {
+        stack[depth - 1].HasChild = true;
+        stack[depth] = TOpen{AXml.substr(nameStart, nameEnd - nameStart), nameEnd + 2, false};
+        ++depth;
+        pos = nameEnd + 2;
+        continue;
+      }
+    }
     size_t p = at + 1;
     const size_t nameStart = p;
     while (p < size && IsNameChar(text[p])) ++p;

@@ -407,9 +407,12 @@ std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const
 
 const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
   TAutomaton& automaton = *FAutomata[AAutomaton];
+  if (automaton.Ready.load(std::memory_order_acquire)) [[likely]]
+    return automaton;
   std::call_once(automaton.Built, [&] {
     BuildAutomaton(automaton, automaton.Literals);
     automaton.Literals = {};
+    automaton.Ready.store(true, std::memory_order_release);
   });
   return automaton;
 }

@@ -25,6 +25,7 @@
 #include "hunt/event_fields.h"
 #include "hunt/rule_binding.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -83,6 +84,7 @@ private:
   struct TAutomaton {
     std::vector<uint32_t> Literals; // what it finds (dropped once built)
     std::once_flag Built;
+    std::atomic<bool> Ready{false}; // built (checked first: call_once costs more per scan)
     uint32_t Classes = 1;
     uint32_t DenseStates = 0;
     uint16_t ClassOf[256] = {};   // byte -> input class of its folded form (0: in no literal)
