@@ -234,6 +234,8 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
 }
 
 void TRuleSet::Prepare() const {
+  const std::lock_guard<std::mutex> lock(FPrepareMutex);
+  if (FPrepared.load(std::memory_order_relaxed)) return;
   auto* self = const_cast<TRuleSet*>(this);
   std::vector<TRuleBinding*> bindings;
   bindings.reserve(FBindings.size());
@@ -261,11 +263,12 @@ void TRuleSet::Prepare() const {
   }
   for (auto& [id, list] : self->FAnyChannel.ById) fields(list);
   fields(self->FAnyChannel.AnyId);
-  FPrepared = true;
+  FPrepared.store(true, std::memory_order_release);
 }
 
 TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
-  if (!FPrepared) Prepare();
+  if (!FPrepared.load(std::memory_order_acquire)) [[unlikely]]
+    Prepare();
   TCandidates out;
   AKey.assign(AChannel);
   for (char& c : AKey) c = FoldChar(c);
