@@ -255,8 +255,7 @@ void TEventFields::Load(std::string_view AXml) {
       } else if (section == scSystem && depth == 2) {
         // Element_Attribute names live in a small buffer of their own; they are few and
         // always the same, so they are kept once.
-        FAttrName.assign(element).append("_").append(attr);
-        Add(InternAttrName(FAttrName), value);
+        Add(SystemAttrName(element, attr), value);
       } else if (section == scUserData) {
         Add(LocalName(attr), value);
       }
@@ -272,12 +271,20 @@ void TEventFields::Load(std::string_view AXml) {
   }
 }
 
-std::string_view TEventFields::InternAttrName(const std::string& AName) {
-  for (const std::unique_ptr<std::string>& known : FAttrNames)
-    if (*known == AName) return *known;
+std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::string_view AAttr) {
+  auto same = [&](const TAttrName& A) { return A.Element == AElement && A.Attr == AAttr; };
+  if (FAttrNext < FAttrNames.size() && same(FAttrNames[FAttrNext])) return FAttrNames[FAttrNext++].Name;
+  for (size_t i = 0; i < FAttrNames.size(); ++i)
+    if (same(FAttrNames[i])) {
+      FAttrNext = i + 1;
+      return FAttrNames[i].Name;
+    }
   if (FAttrNames.size() >= 256) return "System_Attribute"; // hostile XML: do not grow without end
-  FAttrNames.push_back(std::make_unique<std::string>(AName));
-  return *FAttrNames.back();
+  std::string name(AElement);
+  name.append("_").append(AAttr);
+  FAttrNames.push_back({std::string(AElement), std::string(AAttr), std::move(name)});
+  FAttrNext = FAttrNames.size();
+  return FAttrNames.back().Name;
 }
 
 std::string_view TEventFields::Lower(int AIndex) const {
