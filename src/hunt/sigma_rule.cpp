@@ -549,15 +549,29 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
 
 void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
                                 std::vector<TValueTest>& AOut) {
-  std::vector<TPatternChar> pattern = ParsePattern(AValue, AWildcards);
   const bool contains = AMods.Contains || AKeyword;
-  if (contains || AMods.EndsWith)
-    if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
-      pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});
-  if (contains || AMods.StartsWith)
-    if (pattern.empty() || pattern.back().Kind != TPatternChar::pcStar)
-      pattern.push_back({'*', TPatternChar::pcStar});
-  TValueTest test = TestForPattern(pattern, AMods.Cased, AValue);
+  TValueTest test;
+  if (!AValue.empty() && (!AWildcards || AValue.find_first_of("*?\\") == std::string::npos)) {
+    // No wildcard and no escape (most values): the text is the needle as it stands, as
+    // TestForPattern would make it.
+    test.Kind = contains           ? TValueTest::vkContains
+                : AMods.EndsWith   ? TValueTest::vkEndsWith
+                : AMods.StartsWith ? TValueTest::vkStartsWith
+                                   : TValueTest::vkEquals;
+    test.Cased = AMods.Cased;
+    test.Needle = AValue;
+    if (!AMods.Cased)
+      for (char& c : test.Needle) c = FoldChar(c);
+  } else {
+    std::vector<TPatternChar> pattern = ParsePattern(AValue, AWildcards);
+    if (contains || AMods.EndsWith)
+      if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
+        pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});
+    if (contains || AMods.StartsWith)
+      if (pattern.empty() || pattern.back().Kind != TPatternChar::pcStar)
+        pattern.push_back({'*', TPatternChar::pcStar});
+    test = TestForPattern(pattern, AMods.Cased, AValue);
+  }
   if (test.Kind == TValueTest::vkContains && test.Needle.size() >= 4) {
     // Two 4-grams of the folded needle, looked up in the value's 4-gram table before searching.
     char head[4], tail[4];
