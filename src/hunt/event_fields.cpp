@@ -138,10 +138,11 @@ void TEventFields::Load(std::string_view AXml) {
     FGeneration = 1;
   }
 
+  // Entries below depth are always set before they are read (not cleared per event).
   struct TOpen {
     std::string_view Name;      // the field name the element's text goes to ("" for none)
-    size_t TextStart = 0;
-    bool HasChild = false;
+    size_t TextStart;
+    bool HasChild;
   };
   TOpen stack[kMaxDepth];
   int depth = 0;
@@ -202,9 +203,15 @@ void TEventFields::Load(std::string_view AXml) {
       }
     }
     size_t p = at + 1;
-    const size_t nameStart = p;
-    while (p < size && IsNameChar(text[p])) ++p;
-    const std::string_view element = LocalName(AXml.substr(nameStart, p - nameStart));
+    // The local part of the name, after the first ':' ("ns:Name" -> "Name").
+    size_t nameStart = p;
+    bool prefixed = false;
+    for (; p < size && IsNameChar(text[p]); ++p)
+      if (text[p] == ':' && !prefixed) {
+        prefixed = true;
+        nameStart = p + 1;
+      }
+    const std::string_view element = AXml.substr(nameStart, p - nameStart);
     if (depth > 0 && depth <= kMaxDepth) stack[depth - 1].HasChild = true;
     if (depth == 1) {
       section = element == "System"      ? scSystem
