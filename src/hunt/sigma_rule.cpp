@@ -551,7 +551,10 @@ void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AVal
                                 std::vector<TValueTest>& AOut) {
   const bool contains = AMods.Contains || AKeyword;
   TValueTest test;
-  if (!AValue.empty() && (!AWildcards || AValue.find_first_of("*?\\") == std::string::npos)) {
+  const bool plain = !AWildcards || std::none_of(AValue.begin(), AValue.end(), [](char c) {
+                      return c == '*' || c == '?' || c == '\\';
+                    });
+  if (!AValue.empty() && plain) {
     // No wildcard and no escape (most values): the text is the needle as it stands, as
     // TestForPattern would make it.
     test.Kind = contains           ? TValueTest::vkContains
