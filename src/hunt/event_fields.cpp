@@ -25,6 +25,7 @@ uint32_t TFieldNames::Hash(std::string_view AName) {
 }
 
 uint32_t TFieldNames::Intern(std::string_view AName) {
+  if (const uint32_t known = Find(AName); known != kNone) return known; // most calls: nothing made
   std::string key = FoldText(AName);
   const auto [at, added] = FIds.emplace(key, static_cast<uint32_t>(FNames.size()));
   if (!added) return at->second;

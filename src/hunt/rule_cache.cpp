@@ -249,6 +249,7 @@ void TRuleCache::Load() {
   const uint32_t count = cursor.U32();
   if (count > kMaxEntries) return ignore("offset 28: too many entries, ignored");
   std::unordered_map<std::string, TEntry> loaded;
+  loaded.reserve(std::min<size_t>(count, payload.size() / 40));
   for (uint32_t i = 0; i < count && cursor.Ok(); ++i) {
     TEntry entry;
     entry.Key.Path = cursor.Text();
@@ -258,7 +259,10 @@ void TRuleCache::Load() {
     entry.Key.StatusTime = static_cast<int64_t>(cursor.U64());
     entry.Key.Identity = cursor.U64();
     entry.Bytes = cursor.Text();
-    if (cursor.Ok()) loaded[entry.Key.Path] = std::move(entry);
+    if (cursor.Ok()) {
+      std::string path = entry.Key.Path;
+      loaded.insert_or_assign(std::move(path), std::move(entry));
+    }
   }
   if (!cursor.AtEnd())
     return ignore("offset " + std::to_string(kHeaderBytes + payload.size() - cursor.Left()) +
