@@ -127,8 +127,9 @@ struct THuntBatch {
 // memory: the reader waits for the oldest one when every batch is in use.
 class THuntPool {
 public:
+  // The rule set is prepared by the first hunter to test an event, while the reader
+  // starts on the log (preparing it uses one core, and the reader the other).
   THuntPool(const TRuleSet& ARules, unsigned AThreads) : FRing(2 * AThreads + 2) {
-    ARules.Prepare();
     for (unsigned i = 0; i < AThreads; ++i) FHunters.push_back(std::make_unique<THunter>(ARules));
     for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FHunters[i]); });
   }

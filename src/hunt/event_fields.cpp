@@ -25,6 +25,7 @@ uint32_t TFieldNames::Hash(std::string_view AName) {
 }
 
 uint32_t TFieldNames::Intern(std::string_view AName) {
+  if (const uint32_t known = Find(AName); known != kNone) return known; // most calls: nothing made
   std::string key = FoldText(AName);
   const auto [at, added] = FIds.emplace(key, static_cast<uint32_t>(FNames.size()));
   if (!added) return at->second;
@@ -138,10 +139,11 @@ void TEventFields::Load(std::string_view AXml) {
     FGeneration = 1;
   }
 
+  // Entries below depth are always set before they are read (not cleared per event).
   struct TOpen {
     std::string_view Name;      // the field name the element's text goes to ("" for none)
-    size_t TextStart = 0;
-    bool HasChild = false;
+    size_t TextStart;
+    bool HasChild;
   };
   TOpen stack[kMaxDepth];
   int depth = 0;
@@ -150,9 +152,17 @@ void TEventFields::Load(std::string_view AXml) {
   const size_t size = AXml.size();
   size_t pos = 0;
   while (pos < size) {
-    const void* found = std::memchr(text + pos, '<', size - pos);
-    if (!found) break;
-    size_t at = static_cast<const char*>(found) - text;
+    // Rendered events put one tag right after another, at most a line break apart: the
+    // next '<' is most often here. (A leaf's text runs from its start tag to its end tag,
+    // so blanks stepped over here are not lost.)
+    while (pos < size && IsBlank(text[pos])) ++pos;
+    if (pos >= size) break;
+    size_t at = pos;
+    if (text[pos] != '<') {
+      const void* found = std::memchr(text + pos, '<', size - pos);
+      if (!found) break;
+      at = static_cast<const char*>(found) - text;
+    }
     if (at + 1 >= size) break;
     const char kind = text[at + 1];
     if (kind == '?' || kind == '!') {
@@ -177,11 +187,32 @@ void TEventFields::Load(std::string_view AXml) {
       pos = static_cast<const char*>(close) - text + 1;
       continue;
     }
-    // Start tag.
+    // Start tag. The commonest by far, <Data Name="N"> in EventData, is read at once
+    // (anything else about it, such as more attributes, takes the general way below).
+    static constexpr std::string_view kDataName = "<Data Name=\"";
+    if (section == scEventData && depth == 2 && size - at > kDataName.size() &&
+        std::memcmp(text + at, kDataName.data(), kDataName.size()) == 0) {
+      const size_t nameStart = at + kDataName.size();
+      const void* quote = std::memchr(text + nameStart, '"', size - nameStart);
+      const size_t nameEnd = quote ? static_cast<size_t>(static_cast<const char*>(quote) - text) : size;
+      if (nameEnd + 1 < size && text[nameEnd + 1] == '>') {
+        stack[depth - 1].HasChild = true;
+        stack[depth] = TOpen{AXml.substr(nameStart, nameEnd - nameStart), nameEnd + 2, false};
+        ++depth;
+        pos = nameEnd + 2;
+        continue;
+      }
+    }
     size_t p = at + 1;
-    const size_t nameStart = p;
-    while (p < size && IsNameChar(text[p])) ++p;
-    const std::string_view element = LocalName(AXml.substr(nameStart, p - nameStart));
+    // The local part of the name, after the first ':' ("ns:Name" -> "Name").
+    size_t nameStart = p;
+    bool prefixed = false;
+    for (; p < size && IsNameChar(text[p]); ++p)
+      if (text[p] == ':' && !prefixed) {
+        prefixed = true;
+        nameStart = p + 1;
+      }
+    const std::string_view element = AXml.substr(nameStart, p - nameStart);
     if (depth > 0 && depth <= kMaxDepth) stack[depth - 1].HasChild = true;
     if (depth == 1) {
       section = element == "System"      ? scSystem
@@ -232,8 +263,7 @@ void TEventFields::Load(std::string_view AXml) {
       } else if (section == scSystem && depth == 2) {
         // Element_Attribute names live in a small buffer of their own; they are few and
         // always the same, so they are kept once.
-        FAttrName.assign(element).append("_").append(attr);
-        Add(InternAttrName(FAttrName), value);
+        Add(SystemAttrName(element, attr), value);
       } else if (section == scUserData) {
         Add(LocalName(attr), value);
       }
@@ -249,12 +279,20 @@ void TEventFields::Load(std::string_view AXml) {
   }
 }
 
-std::string_view TEventFields::InternAttrName(const std::string& AName) {
-  for (const std::unique_ptr<std::string>& known : FAttrNames)
-    if (*known == AName) return *known;
+std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::string_view AAttr) {
+  auto same = [&](const TAttrName& A) { return A.Element == AElement && A.Attr == AAttr; };
+  if (FAttrNext < FAttrNames.size() && same(FAttrNames[FAttrNext])) return FAttrNames[FAttrNext++].Name;
+  for (size_t i = 0; i < FAttrNames.size(); ++i)
+    if (same(FAttrNames[i])) {
+      FAttrNext = i + 1;
+      return FAttrNames[i].Name;
+    }
   if (FAttrNames.size() >= 256) return "System_Attribute"; // hostile XML: do not grow without end
-  FAttrNames.push_back(std::make_unique<std::string>(AName));
-  return *FAttrNames.back();
+  std::string name(AElement);
+  name.append("_").append(AAttr);
+  FAttrNames.push_back({std::string(AElement), std::string(AAttr), std::move(name)});
+  FAttrNext = FAttrNames.size();
+  return FAttrNames.back().Name;
 }
 
 std::string_view TEventFields::Lower(int AIndex) const {

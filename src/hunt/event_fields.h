@@ -20,7 +20,7 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -38,6 +38,13 @@ inline char FoldChar(char AChar) {
   return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar;
 }
 std::string FoldText(std::string_view AText);
+// Whether A and B are the same text in ASCII lower case (nothing copied).
+inline bool EqualFolded(std::string_view A, std::string_view B) {
+  if (A.size() != B.size()) return false;
+  for (size_t i = 0; i < A.size(); ++i)
+    if (FoldChar(A[i]) != FoldChar(B[i])) return false;
+  return true;
+}
 
 // Field names as numbers: the names that rules test, looked up without regard to case.
 class TFieldNames {
@@ -97,8 +104,8 @@ public:
 private:
   void Add(std::string_view AName, std::string_view ARaw);
   void Link(uint32_t AId, int AIndex);
-  // The lasting copy of a System Element_Attribute name.
-  std::string_view InternAttrName(const std::string& AName);
+  // The lasting copy of the System name AElement_AAttr.
+  std::string_view SystemAttrName(std::string_view AElement, std::string_view AAttr);
 
   const TFieldNames& FNames;
   std::vector<TValue> FValues;
@@ -109,9 +116,12 @@ private:
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
-  std::string FAttrName;
   std::vector<std::pair<std::string, uint32_t>> FNameCache; // per value place: last name and its number
-  std::vector<std::unique_ptr<std::string>> FAttrNames;
+  struct TAttrName {
+    std::string Element, Attr, Name;
+  };
+  std::deque<TAttrName> FAttrNames; // (stable places: values point at the names)
+  size_t FAttrNext = 0;             // where the next one was last time (events repeat their order)
 };
 
 } // namespace qvx::hunt

@@ -1,10 +1,8 @@
 #include "hunt/literal_index.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <optional>
-#include <thread>
 
 namespace qvx::hunt {
 
@@ -18,27 +16,31 @@ constexpr size_t kMaxLiteralBytes = 512;
 constexpr size_t kMaxStates = 1u << 20;
 
 // The folded text a value test compares with, "" when it has none to index: the needle
-// of a text comparison, the longest run of a wildcard pattern without '?'.
-std::string LiteralText(const TValueTest& ATest) {
+// of a text comparison, the longest run of a wildcard pattern without '?'. Written into
+// AOut (its room reused from test to test).
+void LiteralText(const TValueTest& ATest, std::string& AOut) {
+  AOut.clear();
   switch (ATest.Kind) {
   case TValueTest::vkEquals:
   case TValueTest::vkContains:
   case TValueTest::vkStartsWith:
-  case TValueTest::vkEndsWith: return FoldText(ATest.Needle);
+  case TValueTest::vkEndsWith: AOut.assign(ATest.Needle); break;
   case TValueTest::vkGlob: {
-    std::string best;
+    std::string_view best;
     for (const TGlobSegment& segment : ATest.Segments) {
       size_t start = 0;
       for (size_t i = 0; i <= segment.Text.size(); ++i)
         if (i == segment.Text.size() || segment.AnyAt[i]) {
-          if (i - start > best.size()) best = segment.Text.substr(start, i - start);
+          if (i - start > best.size()) best = std::string_view(segment.Text).substr(start, i - start);
           start = i + 1;
         }
     }
-    return FoldText(best);
+    AOut.assign(best);
+    break;
   }
-  default: return {};
+  default: return;
   }
+  for (char& c : AOut) c = FoldChar(c);
 }
 
 // The test decides by the literal alone: folded text compared whole, at an end or anywhere.
@@ -143,18 +145,33 @@ private:
 
 } // namespace
 
-uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText) {
+uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText, std::vector<uint32_t>& ASlots) {
   if (AText.empty() || AText.size() > kMaxLiteralBytes) return kNoLiteral;
-  std::string key(sizeof AField + AText.size(), '\0');
-  std::memcpy(key.data(), &AField, sizeof AField);
-  std::memcpy(key.data() + sizeof AField, AText.data(), AText.size());
-  const auto [at, added] = FIds.emplace(std::move(key), static_cast<uint32_t>(FLengths.size()));
-  if (added) {
-    FTexts.push_back(AText);
-    FFields.push_back(AField);
-    FLengths.push_back(static_cast<uint32_t>(AText.size()));
+  // Open addressing over the literals so far (slot: literal + 1, 0 empty), a power of
+  // two kept at least twice the literals.
+  auto slotOf = [](uint32_t AFieldOf, std::string_view ATextOf) {
+    return std::hash<std::string_view>{}(ATextOf) ^ (size_t{AFieldOf} * 0x9E3779B97F4A7C15ull);
+  };
+  if ((FLengths.size() + 1) * 2 > ASlots.size()) {
+    ASlots.assign(std::max<size_t>(64, ASlots.size() * 2), 0);
+    for (uint32_t known = 0; known < FLengths.size(); ++known) {
+      size_t at = slotOf(FFields[known], FTexts[known]) & (ASlots.size() - 1);
+      while (ASlots[at]) at = (at + 1) & (ASlots.size() - 1);
+      ASlots[at] = known + 1;
+    }
   }
-  return at->second;
+  const size_t mask = ASlots.size() - 1;
+  size_t slot = slotOf(AField, AText) & mask;
+  for (; ASlots[slot]; slot = (slot + 1) & mask) {
+    const uint32_t literal = ASlots[slot] - 1;
+    if (FFields[literal] == AField && FTexts[literal] == AText) return literal;
+  }
+  const uint32_t literal = static_cast<uint32_t>(FLengths.size());
+  ASlots[slot] = literal + 1;
+  FTexts.push_back(AText);
+  FFields.push_back(AField);
+  FLengths.push_back(static_cast<uint32_t>(AText.size()));
+  return literal;
 }
 
 TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
@@ -162,7 +179,10 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
   // rule's field reads).
   size_t tests = 0;
   for (const TRuleBinding* binding : ABindings) tests += binding->Rule->TestCount;
-  FIds.reserve(tests);
+  size_t slots = 64;
+  while (slots < 2 * tests) slots *= 2;
+  std::vector<uint32_t> interned(slots, 0);
+  std::string text;
   for (size_t b = 0; b < ABindings.size(); ++b) {
     TRuleBinding& binding = *ABindings[b];
     const TSigmaRule& rule = *binding.Rule;
@@ -173,7 +193,8 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
         for (const TFieldTest& field : alt.Fields) {
           const uint32_t fieldId = alt.Keywords ? kKeywordField : binding.SlotFields[field.Slot];
           for (const TValueTest& value : field.Values) {
-            const uint32_t literal = Intern(fieldId, LiteralText(value));
+            LiteralText(value, text);
+            const uint32_t literal = Intern(fieldId, text, interned);
             if (literal != kNoLiteral) binding.TestLiterals[value.Index] = literal << 1 | (DecidedByLiteral(value) ? 0 : 1);
           }
         }
@@ -210,28 +231,11 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
     FByField[field] = static_cast<int32_t>(fields.size());
     fields.push_back(static_cast<uint32_t>(field));
   }
-  // The automata are independent of each other (each reads the literal texts and writes
-  // only itself): built on a few threads, the largest first, into their fixed places.
-  FAutomata.resize(fields.size());
-  std::vector<uint32_t> jobs(fields.size());
-  for (uint32_t i = 0; i < jobs.size(); ++i) jobs[i] = i;
-  auto size = [&](uint32_t AJob) {
-    size_t bytes = 0;
-    for (const uint32_t literal : byField[fields[AJob]]) bytes += FLengths[literal];
-    return bytes;
-  };
-  std::vector<size_t> sizes(jobs.size());
-  for (uint32_t i = 0; i < jobs.size(); ++i) sizes[i] = size(i);
-  std::stable_sort(jobs.begin(), jobs.end(), [&](uint32_t A, uint32_t B) { return sizes[A] > sizes[B]; });
-  std::atomic<size_t> next{0};
-  auto work = [&] {
-    for (size_t i; (i = next++) < jobs.size();) BuildAutomaton(FAutomata[jobs[i]], byField[fields[jobs[i]]]);
-  };
-  const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
-  std::vector<std::thread> pool;
-  for (size_t t = 1; t < threads && t < jobs.size(); ++t) pool.emplace_back(work);
-  work();
-  for (std::thread& thread : pool) thread.join();
+  FAutomata.reserve(fields.size());
+  for (const uint32_t field : fields) {
+    FAutomata.push_back(std::make_unique<TAutomaton>());
+    FAutomata.back()->Literals = std::move(byField[field]);
+  }
 
   // Tests whose literal did not fit search the value themselves; then what each binding needs.
   FNeededBy.resize(FLengths.size());
@@ -247,10 +251,9 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
       if (list.empty() || list.back() != binding->Number) list.push_back(binding->Number);
     }
   }
-  FIds.clear();
 }
 
-void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) {
+void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const {
   // Input classes: one per byte that some literal holds (literals are folded, so an upper
   // case letter falls into its lower case letter's class), 0 for the others.
   bool used[256] = {};
@@ -392,7 +395,8 @@ std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const
     auto known =
         std::find_if(FKeywordSets.begin(), FKeywordSets.end(), [&](const auto& A) { return A.first == keywords; });
     if (known == FKeywordSets.end()) {
-      BuildAutomaton(FAutomata.emplace_back(), keywords);
+      FAutomata.push_back(std::make_unique<TAutomaton>());
+      FAutomata.back()->Literals = keywords;
       FKeywordSets.emplace_back(keywords, static_cast<uint32_t>(FAutomata.size() - 1));
       known = FKeywordSets.end() - 1;
     }
@@ -401,8 +405,20 @@ std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const
   return scans;
 }
 
+const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
+  TAutomaton& automaton = *FAutomata[AAutomaton];
+  if (automaton.Ready.load(std::memory_order_acquire)) [[likely]]
+    return automaton;
+  std::call_once(automaton.Built, [&] {
+    BuildAutomaton(automaton, automaton.Literals);
+    automaton.Literals = {};
+    automaton.Ready.store(true, std::memory_order_release);
+  });
+  return automaton;
+}
+
 void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
-  const TAutomaton& automaton = FAutomata[AAutomaton];
+  const TAutomaton& automaton = Built(AAutomaton);
   if (!automaton.Heads.empty()) {
     const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
     const uint64_t* heads = automaton.Heads.data();
@@ -472,7 +488,7 @@ size_t TLiteralIndex::MemoryBytes() const {
   auto add = [&](const TAutomaton& A) {
     total += sizeof A + A.Dense16.size() * 2 + A.Dense32.size() * 4 + A.Own.size() * (4 * 5 + 2);
   };
-  for (const TAutomaton& automaton : FAutomata) add(automaton);
+  for (const auto& automaton : FAutomata) add(*automaton);
   for (const auto& list : FNeededBy) total += list.size() * 4 + sizeof list;
   return total + FLengths.size() * 8 + FByField.size() * 4;
 }

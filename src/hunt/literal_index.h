@@ -16,15 +16,21 @@
 // what its parts need; "not", null, exists, numbers, field references and regular
 // expressions need nothing). A binding that needs nothing is evaluated on every event of
 // its channel and ID. Neither shortcut ever changes a result.
+//
+// An automaton is built the first time a value is scanned with it (on whichever thread
+// that is), so a log that holds few kinds of events pays only for the fields their rules
+// read, and a rule set loads without building any.
 #pragma once
 
 #include "hunt/event_fields.h"
 #include "hunt/rule_binding.h"
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace qvx::hunt {
@@ -64,7 +70,8 @@ public:
   // The numbers of the bindings that need ALiteral.
   const std::vector<uint32_t>& NeededBy(uint32_t ALiteral) const { return FNeededBy[ALiteral]; }
   // Scans AText (as the event has it; folded while scanned) with automaton AAutomaton,
-  // adding the literals it finds to AHits.
+  // adding the literals it finds to AHits. Builds the automaton first when it is new;
+  // safe on several threads at once.
   void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   size_t MemoryBytes() const;
 
@@ -75,6 +82,9 @@ private:
   // states keep only their children (consecutive numbers) and fall back along their
   // failure link.
   struct TAutomaton {
+    std::vector<uint32_t> Literals; // what it finds (dropped once built)
+    std::once_flag Built;
+    std::atomic<bool> Ready{false}; // built (checked first: call_once costs more per scan)
     uint32_t Classes = 1;
     uint32_t DenseStates = 0;
     uint16_t ClassOf[256] = {};   // byte -> input class of its folded form (0: in no literal)
@@ -96,8 +106,9 @@ private:
   static constexpr uint16_t kOutput16 = 0x8000;
   static constexpr size_t kDenseBytes = 256u << 10; // per automaton
 
-  uint32_t Intern(uint32_t AField, const std::string& AText);
-  void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals);
+  uint32_t Intern(uint32_t AField, const std::string& AText, std::vector<uint32_t>& ASlots);
+  void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const;
+  const TAutomaton& Built(uint32_t AAutomaton) const;
   template <typename TEntry>
   void ScanWith(const TAutomaton& AAutomaton, const TEntry* ARows, std::string_view AText, TLiteralHits& AHits) const;
 
@@ -106,8 +117,7 @@ private:
   std::vector<uint32_t> FLengths;    // per literal: length in bytes
   std::vector<uint8_t> FIndexed;     // per literal: in its automaton (not over the budget)
   std::vector<std::vector<uint32_t>> FNeededBy;
-  std::unordered_map<std::string, uint32_t> FIds; // field number + '\0' + text -> literal
-  std::vector<TAutomaton> FAutomata;
+  std::vector<std::unique_ptr<TAutomaton>> FAutomata; // (not movable: once flags)
   std::vector<int32_t> FByField;     // event field -> index in FAutomata, or -1
   std::vector<std::pair<std::vector<uint32_t>, uint32_t>> FKeywordSets; // keyword literals -> automaton
 };

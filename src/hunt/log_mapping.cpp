@@ -110,7 +110,7 @@ std::vector<TLogSourceVariant> TLogMapping::Resolve(const std::string& AProduct,
     for (const TLogSourceVariant& variant : *found) {
       // A service narrows a category to its own channels.
       if (serviceChannels && std::none_of(serviceChannels->begin(), serviceChannels->end(), [&](const std::string& c) {
-            return FoldText(c) == FoldText(variant.Channel);
+            return EqualFolded(c, variant.Channel);
           }))
         continue;
       variants.push_back(variant);

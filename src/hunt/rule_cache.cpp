@@ -25,6 +25,26 @@ uint64_t HashBytes(std::string_view AText) {
   return hash;
 }
 
+uint64_t HashWords(std::string_view AText) {
+  uint64_t hash = 0x9E3779B97F4A7C15ull ^ AText.size();
+  size_t at = 0;
+  auto mix = [&](uint64_t AWord) {
+    hash = (hash ^ AWord) * 0xFF51AFD7ED558CCDull;
+    hash ^= hash >> 32;
+  };
+  for (; at + 8 <= AText.size(); at += 8) {
+    uint64_t word;
+    std::memcpy(&word, AText.data() + at, 8);
+    mix(word);
+  }
+  uint64_t tail = 0;
+  std::memcpy(&tail, AText.data() + at, AText.size() - at);
+  mix(tail);
+  hash ^= hash >> 29;
+  hash *= 0xC4CEB9FE1A85EC53ull;
+  return hash ^ hash >> 32;
+}
+
 namespace {
 
 constexpr char kMagic[8] = {'Q', 'V', 'X', 'R', 'U', 'L', 'E', 'C'};
@@ -223,20 +243,26 @@ void TRuleCache::Load() {
   const uint64_t payloadSize = header.U64();
   const uint64_t payloadHash = header.U64();
   const std::string_view payload = bytes.substr(kHeaderBytes);
-  if (payloadSize != payload.size() || HashBytes(payload) != payloadHash)
+  if (payloadSize != payload.size() || HashWords(payload) != payloadHash)
     return ignore("offset 12: damaged (size or hash does not match), ignored");
   TCursor cursor(payload);
   const uint32_t count = cursor.U32();
   if (count > kMaxEntries) return ignore("offset 28: too many entries, ignored");
   std::unordered_map<std::string, TEntry> loaded;
+  loaded.reserve(std::min<size_t>(count, payload.size() / 40));
   for (uint32_t i = 0; i < count && cursor.Ok(); ++i) {
     TEntry entry;
     entry.Key.Path = cursor.Text();
     entry.Key.Size = cursor.U64();
     entry.Key.ChangeTime = static_cast<int64_t>(cursor.U64());
     entry.Key.Hash = cursor.U64();
+    entry.Key.StatusTime = static_cast<int64_t>(cursor.U64());
+    entry.Key.Identity = cursor.U64();
     entry.Bytes = cursor.Text();
-    if (cursor.Ok()) loaded[entry.Key.Path] = std::move(entry);
+    if (cursor.Ok()) {
+      std::string path = entry.Key.Path;
+      loaded.insert_or_assign(std::move(path), std::move(entry));
+    }
   }
   if (!cursor.AtEnd())
     return ignore("offset " + std::to_string(kHeaderBytes + payload.size() - cursor.Left()) +
@@ -248,6 +274,19 @@ bool TRuleCache::Find(const TRuleFileKey& AKey, TParsedRuleFile& AParsed) const 
   const auto found = FLoaded.find(AKey.Path);
   if (found == FLoaded.end() || !(found->second.Key == AKey)) return false;
   return Decode(found->second.Bytes, AParsed);
+}
+
+bool TRuleCache::FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
+                            TParsedRuleFile& AParsed) const {
+  const auto found = FLoaded.find(APath);
+  if (found == FLoaded.end()) return false;
+  const TRuleFileKey& key = found->second.Key;
+  if ((key.StatusTime == 0 && key.Identity == 0) || key.Size != AStamp.Size || key.ChangeTime != AStamp.ChangeTime ||
+      key.StatusTime != AStamp.StatusTime || key.Identity != AStamp.Identity)
+    return false;
+  if (!Decode(found->second.Bytes, AParsed)) return false;
+  AKey = key;
+  return true;
 }
 
 void TRuleCache::Put(const TRuleFileKey& AKey, std::string AEncoded) {
@@ -262,6 +301,12 @@ void TRuleCache::Put(const TRuleFileKey& AKey, std::string AEncoded) {
 void TRuleCache::Keep(const TRuleFileKey& AKey) {
   const auto found = FLoaded.find(AKey.Path);
   if (found == FLoaded.end()) return;
+  TRuleFileKey& key = found->second.Key;
+  if (key.StatusTime != AKey.StatusTime || key.Identity != AKey.Identity) {
+    key.StatusTime = AKey.StatusTime;
+    key.Identity = AKey.Identity;
+    FChanged = true;
+  }
   FNext.push_back(std::move(found->second));
   FLoaded.erase(found);
   ++FHits;
@@ -277,13 +322,15 @@ bool TRuleCache::Save() {
     PutU64(payload, entry.Key.Size);
     PutU64(payload, static_cast<uint64_t>(entry.Key.ChangeTime));
     PutU64(payload, entry.Key.Hash);
+    PutU64(payload, static_cast<uint64_t>(entry.Key.StatusTime));
+    PutU64(payload, entry.Key.Identity);
     PutText(payload, entry.Bytes);
   }
   if (payload.size() > kMaxFileBytes - kHeaderBytes) return false;
   std::string bytes(kMagic, 8);
   PutU32(bytes, kVersion);
   PutU64(bytes, payload.size());
-  PutU64(bytes, HashBytes(payload));
+  PutU64(bytes, HashWords(payload));
   bytes += payload;
 
   std::error_code error;

@@ -1,9 +1,11 @@
 #include "hunt/rule_set.h"
 
 #include "hunt/rule_cache.h"
+#include "platform/file_stamp.h"
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <filesystem>
 #include <fstream>
@@ -46,6 +48,10 @@ void TRuleSet::LoadPath(const std::string& APath) {
   // memory stays bounded), and added in file order.
   const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
   constexpr size_t kBatch = 256;
+  constexpr int64_t kSettleNs = 2'000'000'000;
+  const int64_t loadTime = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                               std::chrono::system_clock::now().time_since_epoch())
+                               .count();
   for (size_t first = 0; first < files.size(); first += kBatch) {
     const size_t count = std::min(kBatch, files.size() - first);
     std::vector<TParsedFile> parsed(count);
@@ -54,6 +60,16 @@ void TRuleSet::LoadPath(const std::string& APath) {
       for (size_t i; (i = next++) < count;) {
         const std::string& file = files[first + i];
         TParsedFile& out = parsed[i];
+        TFileStamp stamp;
+        const bool stamped = cache && ReadFileStamp(file, stamp);
+        if (stamped) {
+          TParsedRuleFile yaml;
+          if (cache->FindUnread(file, stamp, out.Key, yaml)) {
+            out.Cached = true;
+            CompileDocuments(yaml, file, out);
+            continue;
+          }
+        }
         std::ifstream in(file, std::ios::binary);
         if (!in) {
           out.Error = file + ": cannot be read";
@@ -66,10 +82,20 @@ void TRuleSet::LoadPath(const std::string& APath) {
           Read(text, file, out);
           continue;
         }
-        std::error_code timeError;
-        const fs::file_time_type changed = fs::last_write_time(file, timeError);
-        out.Key = {file, text.size(), timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count()),
-                   HashBytes(text)};
+        out.Key = {file, text.size(), 0, HashBytes(text)};
+        if (stamped) {
+          out.Key.ChangeTime = stamp.ChangeTime;
+          // A file changed in the last seconds may change again within the clock's
+          // granularity without its stamp showing it: it is read again until it is older.
+          if (stamp.Size == text.size() && stamp.StatusTime < loadTime - kSettleNs) {
+            out.Key.StatusTime = stamp.StatusTime;
+            out.Key.Identity = stamp.Identity;
+          }
+        } else {
+          std::error_code timeError;
+          const fs::file_time_type changed = fs::last_write_time(file, timeError);
+          out.Key.ChangeTime = timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count());
+        }
         TParsedRuleFile yaml;
         out.Cached = cache->Find(out.Key, yaml);
         if (!out.Cached) {
@@ -189,7 +215,7 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
     for (const std::string& slot : ARule.SlotNames) {
       std::string name = slot;
       for (const auto& [from, to] : variant.Fields)
-        if (FoldText(from) == FoldText(slot)) name = to;
+        if (EqualFolded(from, slot)) name = to;
       binding->SlotFields.push_back(FNames.Intern(name));
     }
     for (const auto& [field, values] : variant.Where) {
@@ -208,6 +234,8 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
 }
 
 void TRuleSet::Prepare() const {
+  const std::lock_guard<std::mutex> lock(FPrepareMutex);
+  if (FPrepared.load(std::memory_order_relaxed)) return;
   auto* self = const_cast<TRuleSet*>(this);
   std::vector<TRuleBinding*> bindings;
   bindings.reserve(FBindings.size());
@@ -235,11 +263,12 @@ void TRuleSet::Prepare() const {
   }
   for (auto& [id, list] : self->FAnyChannel.ById) fields(list);
   fields(self->FAnyChannel.AnyId);
-  FPrepared = true;
+  FPrepared.store(true, std::memory_order_release);
 }
 
 TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
-  if (!FPrepared) Prepare();
+  if (!FPrepared.load(std::memory_order_acquire)) [[unlikely]]
+    Prepare();
   TCandidates out;
   AKey.assign(AChannel);
   for (char& c : AKey) c = FoldChar(c);

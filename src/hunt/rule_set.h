@@ -19,7 +19,9 @@
 #include "hunt/sigma_match.h"
 #include "hunt/sigma_rule.h"
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -86,9 +88,10 @@ public:
     const TBindingList* Lists[4] = {};
   };
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
-  // Builds the literal index; done by the first Candidates call when not called before.
-  // Rules loaded afterwards build it again. Once it is built, hunters on several threads
-  // may share the rule set (loading more rules while they run is not allowed).
+  // Builds the literal index; done by the first Candidates call when not called before
+  // (by one thread: hunters that start together wait for it). Rules loaded afterwards
+  // build it again. Hunters on several threads may share the rule set (loading more
+  // rules while they run is not allowed).
   void Prepare() const;
   // The literal index (null before Prepare).
   const TLiteralIndex* Literals() const { return FLiterals.get(); }
@@ -127,7 +130,8 @@ private:
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   TChannelIndex FAnyChannel;
   std::unique_ptr<TLiteralIndex> FLiterals;
-  mutable bool FPrepared = false;
+  mutable std::atomic<bool> FPrepared{false};
+  mutable std::mutex FPrepareMutex;
   std::string FCacheFolder;
   size_t FCacheHits = 0, FCacheMisses = 0;
   std::vector<std::string> FCacheNotes;

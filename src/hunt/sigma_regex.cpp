@@ -3,6 +3,7 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <mutex>
 #include <stdexcept>
 
 namespace qvx::hunt {
@@ -10,6 +11,8 @@ namespace qvx::hunt {
 struct TSigmaRegex::THandles {
   pcre2_code* Code = nullptr;
   pcre2_match_context* Context = nullptr;
+  std::once_flag Jitted;
+  bool Jit = false;
   ~THandles() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -51,7 +54,6 @@ TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultil
     throw std::invalid_argument(std::string("regular expression: ") + reinterpret_cast<const char*>(buffer) +
                                 " at offset " + std::to_string(offset));
   }
-  FJit = pcre2_jit_compile(FHandles->Code, PCRE2_JIT_COMPLETE) == 0;
   FHandles->Context = pcre2_match_context_create(nullptr);
   if (!FHandles->Context) throw std::bad_alloc();
   pcre2_set_match_limit(FHandles->Context, kMatchLimit);
@@ -61,13 +63,20 @@ TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultil
 
 TSigmaRegex::~TSigmaRegex() = default;
 
+bool TSigmaRegex::IsJit() const {
+  THandles& handles = *FHandles;
+  std::call_once(handles.Jitted, [&] { handles.Jit = pcre2_jit_compile(handles.Code, PCRE2_JIT_COMPLETE) == 0; });
+  return handles.Jit;
+}
+
 TSigmaRegex::TResult TSigmaRegex::Search(std::string_view AText) const {
   const auto subject = reinterpret_cast<PCRE2_SPTR>(AText.data());
   pcre2_match_data* data = ThreadMatchData();
-  int rc = FJit ? pcre2_jit_match(FHandles->Code, subject, AText.size(), 0, 0, data, FHandles->Context)
+  const bool jit = IsJit();
+  int rc = jit ? pcre2_jit_match(FHandles->Code, subject, AText.size(), 0, 0, data, FHandles->Context)
                 : pcre2_match(FHandles->Code, subject, AText.size(), 0, 0, data, FHandles->Context);
   // The JIT's own stack is small; the interpreter keeps its backtracking on the (limited) heap.
-  if (FJit && rc == PCRE2_ERROR_JIT_STACKLIMIT)
+  if (jit && rc == PCRE2_ERROR_JIT_STACKLIMIT)
     rc = pcre2_match(FHandles->Code, subject, AText.size(), 0, PCRE2_NO_JIT, data, FHandles->Context);
   if (rc >= 0) return rxMatch;
   if (rc == PCRE2_ERROR_NOMATCH) return rxNoMatch;

@@ -1,7 +1,9 @@
 // One compiled PCRE2 regular expression of a rule.
 //
 // The only holder of PCRE2 handles in the hunt library. The code is JIT-compiled when
-// the library can; matching reuses one match data block per thread and one match
+// the library can, at the first search (most patterns of a rule set never see an event
+// of their log source, and JIT compiling them all took a tenth of a rule set's load);
+// matching reuses one match data block per thread and one match
 // context (so a match allocates nothing once a thread has matched) and runs under match,
 // depth and heap limits, so a pattern that would backtrack without end reports a failure
 // instead of hanging. Several threads may match with one pattern at once.
@@ -31,12 +33,12 @@ public:
 
   // Whether the pattern matches anywhere in AText. rxLimit when a limit was reached.
   TResult Search(std::string_view AText) const;
-  bool IsJit() const { return FJit; }
+  // Whether the code is JIT-compiled (done here when not yet).
+  bool IsJit() const;
 
 private:
   struct THandles;
   std::unique_ptr<THandles> FHandles;
-  bool FJit = false;
 };
 
 } // namespace qvx::hunt

@@ -279,6 +279,21 @@ std::vector<TPatternChar> ParsePattern(std::string_view AValue, bool AWildcards)
 TValueTest TestForPattern(const std::vector<TPatternChar>& APattern, bool ACased, const std::string& AShown) {
   TValueTest test;
   test.Cased = ACased;
+  // Most values are plain text with a star at one end or both: their test is made
+  // without building segments.
+  const bool leading = !APattern.empty() && APattern.front().Kind == TPatternChar::pcStar;
+  const bool trailing = APattern.size() > size_t{leading} && APattern.back().Kind == TPatternChar::pcStar;
+  const size_t from = leading ? 1 : 0, to = APattern.size() - (trailing ? 1 : 0);
+  if (std::none_of(APattern.begin() + static_cast<ptrdiff_t>(from), APattern.begin() + static_cast<ptrdiff_t>(to),
+                   [](const TPatternChar& p) { return p.Kind != TPatternChar::pcLiteral; })) {
+    test.Kind = leading && trailing ? TValueTest::vkContains
+                : leading           ? TValueTest::vkEndsWith
+                : trailing          ? TValueTest::vkStartsWith
+                                    : TValueTest::vkEquals;
+    test.Needle.resize(to - from);
+    for (size_t i = from; i < to; ++i) test.Needle[i - from] = ACased ? APattern[i].Char : FoldChar(APattern[i].Char);
+    return test;
+  }
   std::vector<TGlobSegment> segments(1);
   for (const TPatternChar& p : APattern) {
     if (p.Kind == TPatternChar::pcStar) {
@@ -342,7 +357,7 @@ private:
 
   uint32_t SlotOf(const std::string& AName) {
     for (size_t i = 0; i < FRule.SlotNames.size(); ++i)
-      if (FoldText(FRule.SlotNames[i]) == FoldText(AName)) return static_cast<uint32_t>(i);
+      if (EqualFolded(FRule.SlotNames[i], AName)) return static_cast<uint32_t>(i);
     FRule.SlotNames.push_back(AName);
     return static_cast<uint32_t>(FRule.SlotNames.size() - 1);
   }
@@ -350,6 +365,10 @@ private:
   TModifiers ParseModifiers(const std::vector<std::string>& ANames, int ALine) const;
   void AddValueTests(const TModifiers& AMods, const TYamlNode& AValue, bool AKeyword, std::vector<TValueTest>& AOut);
   void AddValueTest(const TModifiers& AMods, const TYamlNode& AValue, bool AKeyword, std::vector<TValueTest>& AOut);
+  // The test of one text value (after its transformations), AWildcards: '*', '?' and
+  // '\' escapes are read.
+  void AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
+                   std::vector<TValueTest>& AOut);
   TFieldTest CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword);
   TSearch CompileSearch(const std::string& AName, const TYamlNode& AValue);
 
@@ -364,7 +383,7 @@ private:
   TCondNode ParsePrimary(int ADepth);
   TCondNode SearchesMatching(const std::string& APattern, bool AAll);
   bool AtWord(const char* AWord) const {
-    return FPos < FTokens.size() && FoldText(FTokens[FPos].Text) == AWord;
+    return FPos < FTokens.size() && EqualFolded(FTokens[FPos].Text, AWord);
   }
 
   const std::string& FFile;
@@ -414,6 +433,7 @@ TModifiers TRuleCompiler::ParseModifiers(const std::vector<std::string>& ANames,
 void TRuleCompiler::AddValueTests(const TModifiers& AMods, const TYamlNode& AValue, bool AKeyword,
                                   std::vector<TValueTest>& AOut) {
   if (AValue.IsList()) {
+    AOut.reserve(AOut.size() + AValue.Items.size());
     for (const TYamlNode& item : AValue.Items) {
       if (item.IsList() || item.IsMap()) Fail(item.Line, "a value list may hold only plain values");
       AddValueTest(AMods, item, AKeyword, AOut);
@@ -494,6 +514,10 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
   }
 
   // Text: the transformations in the order written, then the comparison.
+  if (AMods.Transforms.empty()) {
+    AddTextTest(AMods, AValue.Text, true, AKeyword, AOut);
+    return;
+  }
   std::vector<std::string> variants{AValue.Text};
   bool encoded = false;
   for (const std::string& transform : AMods.Transforms) {
@@ -520,28 +544,52 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     variants = std::move(next);
     if (variants.size() > 4096) Fail(line, "the modifiers make too many forms of a value");
   }
-  for (const std::string& value : variants) {
-    std::vector<TPatternChar> pattern = ParsePattern(value, !encoded);
-    const bool contains = AMods.Contains || AKeyword;
+  for (const std::string& value : variants) AddTextTest(AMods, value, !encoded, AKeyword, AOut);
+}
+
+void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
+                                std::vector<TValueTest>& AOut) {
+  const bool contains = AMods.Contains || AKeyword;
+  TValueTest test;
+  const bool plain = !AWildcards || std::none_of(AValue.begin(), AValue.end(), [](char c) {
+                      return c == '*' || c == '?' || c == '\\';
+                    });
+  if (!AValue.empty() && plain) {
+    // No wildcard and no escape (most values): the text is the needle as it stands, as
+    // TestForPattern would make it.
+    test.Kind = contains           ? TValueTest::vkContains
+                : AMods.EndsWith   ? TValueTest::vkEndsWith
+                : AMods.StartsWith ? TValueTest::vkStartsWith
+                                   : TValueTest::vkEquals;
+    test.Cased = AMods.Cased;
+    test.Needle = AValue;
+    if (!AMods.Cased)
+      for (char& c : test.Needle) c = FoldChar(c);
+  } else {
+    std::vector<TPatternChar> pattern = ParsePattern(AValue, AWildcards);
     if (contains || AMods.EndsWith)
       if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
         pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});
     if (contains || AMods.StartsWith)
       if (pattern.empty() || pattern.back().Kind != TPatternChar::pcStar)
         pattern.push_back({'*', TPatternChar::pcStar});
-    TValueTest test = TestForPattern(pattern, AMods.Cased, value);
-    if (test.Kind == TValueTest::vkContains && test.Needle.size() >= 4) {
-      // Two 4-grams of the needle, looked up in the value's 4-gram table before searching.
-      const std::string folded = FoldText(test.Needle);
-      uint32_t head, tail;
-      std::memcpy(&head, folded.data(), 4);
-      std::memcpy(&tail, folded.data() + folded.size() - 4, 4);
-      test.Grams[0] = static_cast<uint16_t>(GramHash(head));
-      test.Grams[1] = static_cast<uint16_t>(GramHash(tail));
-      test.HasGrams = true;
-    }
-    AOut.push_back(std::move(test));
+    test = TestForPattern(pattern, AMods.Cased, AValue);
   }
+  if (test.Kind == TValueTest::vkContains && test.Needle.size() >= 4) {
+    // Two 4-grams of the folded needle, looked up in the value's 4-gram table before searching.
+    char head[4], tail[4];
+    for (size_t i = 0; i < 4; ++i) {
+      head[i] = FoldChar(test.Needle[i]);
+      tail[i] = FoldChar(test.Needle[test.Needle.size() - 4 + i]);
+    }
+    uint32_t headGram, tailGram;
+    std::memcpy(&headGram, head, 4);
+    std::memcpy(&tailGram, tail, 4);
+    test.Grams[0] = static_cast<uint16_t>(GramHash(headGram));
+    test.Grams[1] = static_cast<uint16_t>(GramHash(tailGram));
+    test.HasGrams = true;
+  }
+  AOut.push_back(std::move(test));
 }
 
 TFieldTest TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword) {
@@ -733,14 +781,14 @@ TCondNode TRuleCompiler::ParsePrimary(int ADepth) {
   if (token == ")") Fail(FConditionLine, "a ')' in the condition without its '('");
   const std::string word = FoldText(token);
   if ((word == "1" || word == "all" || word == "any") && FPos + 1 < FTokens.size() &&
-      FoldText(FTokens[FPos + 1].Text) == "of") {
+      EqualFolded(FTokens[FPos + 1].Text, "of")) {
     if (FPos + 2 >= FTokens.size()) Fail(FConditionLine, "'" + token + " of' needs a search or 'them'");
     const std::string pattern = FTokens[FPos + 2].Text;
     if (pattern == "(" || pattern == ")") Fail(FConditionLine, "'" + token + " of' needs a search or 'them'");
     FPos += 3;
     return SearchesMatching(pattern, word == "all");
   }
-  if (FPos + 1 < FTokens.size() && FoldText(FTokens[FPos + 1].Text) == "of")
+  if (FPos + 1 < FTokens.size() && EqualFolded(FTokens[FPos + 1].Text, "of"))
     Fail(FConditionLine, "'" + token + " of' is not supported (only '1 of' and 'all of')");
   if (word == "and" || word == "or" || word == "of")
     Fail(FConditionLine, "'" + token + "' where a search was expected in the condition");
@@ -763,7 +811,7 @@ std::optional<std::set<uint32_t>> SearchEventIds(const TSearch& ASearch, const T
     if (alt.Keywords) return std::nullopt;
     bool found = false;
     for (const TFieldTest& field : alt.Fields) {
-      if (FoldText(ARule.SlotNames[field.Slot]) != "eventid" || (field.All && field.Values.size() > 1)) continue;
+      if (!EqualFolded(ARule.SlotNames[field.Slot], "eventid") || (field.All && field.Values.size() > 1)) continue;
       std::set<uint32_t> these;
       bool plain = true;
       for (const TValueTest& value : field.Values) {

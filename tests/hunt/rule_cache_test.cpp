@@ -4,6 +4,7 @@
 #include "hunt/hunt_fixture.h"
 #include "hunt/rule_cache.h"
 #include "hunt/sigma_rule.h"
+#include "platform/file_stamp.h"
 
 #include "support/evtx_fixtures.h"
 #include "support/test_paths.h"
@@ -134,6 +135,71 @@ TEST(RuleCache, AChangedRuleFileIsParsedAgain) {
   EXPECT_EQ(again.Hits, 3u);
   ExpectSame(Load(rules, "", log), again);
   EXPECT_EQ(Load(rules, cache, log).Hits, 4u);
+}
+
+// A rule file whose stamp is its entry's is taken without being read; a stamp that
+// differs in any part, or an entry without one, sends the caller to the file.
+TEST(RuleCache, OnlyAnEntryOfTheSameStampIsTakenUnread) {
+  const fs::path scratch = ScratchDir();
+  const std::string file = (scratch / "stamps.bin").string();
+  TParsedRuleFile parsed;
+  parsed.Documents = hunt::ParseYamlDocuments(RuleText("  sel:\n    Image: a\n  condition: sel\n"), "r.yml");
+  std::string bytes;
+  TRuleCache::Encode(parsed, bytes);
+  hunt::TRuleFileKey stamped{"/r/a.yml", 100, 5000, 77, 6000, 42};
+  hunt::TRuleFileKey bare{"/r/b.yml", 100, 5000, 78};
+  {
+    TRuleCache cache(file);
+    cache.Load();
+    cache.Put(stamped, bytes);
+    cache.Put(bare, bytes);
+    ASSERT_TRUE(cache.Save());
+  }
+  TRuleCache cache(file);
+  cache.Load();
+  EXPECT_TRUE(cache.Note().empty()) << cache.Note();
+  const TFileStamp same{100, 5000, 6000, 42};
+  hunt::TRuleFileKey key;
+  TParsedRuleFile back;
+  ASSERT_TRUE(cache.FindUnread("/r/a.yml", same, key, back));
+  EXPECT_EQ(key, stamped);
+  EXPECT_EQ(key.StatusTime, 6000);
+  EXPECT_EQ(key.Identity, 42u);
+  ASSERT_EQ(back.Documents.size(), 1u);
+  EXPECT_EQ(back.Documents[0].TextOf("title"), "Test Rule");
+  for (const TFileStamp& other : {TFileStamp{101, 5000, 6000, 42}, TFileStamp{100, 5001, 6000, 42},
+                                  TFileStamp{100, 5000, 6001, 42}, TFileStamp{100, 5000, 6000, 43}})
+    EXPECT_FALSE(cache.FindUnread("/r/a.yml", other, key, back));
+  EXPECT_FALSE(cache.FindUnread("/r/b.yml", TFileStamp{100, 5000, 0, 0}, key, back));
+  EXPECT_FALSE(cache.FindUnread("/r/c.yml", same, key, back));
+  // The content hash still finds both.
+  EXPECT_TRUE(cache.Find(stamped, back));
+  EXPECT_TRUE(cache.Find(bare, back));
+}
+
+TEST(FileStamp, ARegularFileHasOneAFolderNone) {
+  const fs::path scratch = ScratchDir();
+  const fs::path file = scratch / "stamp.txt";
+  WriteText(file, "12345");
+  TFileStamp stamp;
+#ifdef _WIN32
+  EXPECT_FALSE(ReadFileStamp(file.string(), stamp));
+#else
+  ASSERT_TRUE(ReadFileStamp(file.string(), stamp));
+  EXPECT_EQ(stamp.Size, 5u);
+  EXPECT_NE(stamp.StatusTime, 0);
+  EXPECT_NE(stamp.Identity, 0u);
+  // Written again and given its old change time back: the entry's change time moves on.
+  TFileStamp before = stamp;
+  const auto changed = fs::last_write_time(file);
+  WriteText(file, "54321");
+  fs::last_write_time(file, changed);
+  ASSERT_TRUE(ReadFileStamp(file.string(), stamp));
+  EXPECT_EQ(stamp.ChangeTime, before.ChangeTime);
+  EXPECT_GE(stamp.StatusTime, before.StatusTime);
+#endif
+  EXPECT_FALSE(ReadFileStamp(scratch.string(), stamp));
+  EXPECT_FALSE(ReadFileStamp((scratch / "none").string(), stamp));
 }
 
 TEST(RuleCache, ADamagedCacheIsIgnoredWhole) {
