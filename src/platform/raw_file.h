@@ -31,10 +31,6 @@ public:
   void Close();
   const std::string& Path() const override { return FPath; }
   bool IsDevice() const { return FIsDevice; }
-#ifndef _WIN32
-  // The open descriptor, for TFileMapping.
-  int Descriptor() const { return FFd; }
-#endif
 
   // Size in bytes, measured once at open: the file size, or the device length.
   // 0 when the system cannot tell.

@@ -2,7 +2,6 @@
 
 #include "engine/evtx/evtx_layout.h"
 #include "platform/byte_reader.h"
-#include "platform/raw_file.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -61,11 +60,12 @@ __attribute__((target("avx2"))) const uint8_t* FindSignatureAvx2(const uint8_t* 
   const __m256i first = _mm256_set1_epi8('E');
   const __m256i last = _mm256_set1_epi8('k');
   while (static_cast<size_t>(end - p) >= kStep + sizeof kChunkSignature) {
-    const __m256i a = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)), first),
-                                       _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + kLast)), last));
-    const __m256i b =
-        _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32)), first),
-                         _mm256_cmpeq_epi8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 32 + kLast)), last));
+    const auto* v = reinterpret_cast<const __m256i*>(p);
+    const auto* w = reinterpret_cast<const __m256i*>(p + kLast);
+    const __m256i a = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_loadu_si256(v), first),
+                                       _mm256_cmpeq_epi8(_mm256_loadu_si256(w), last));
+    const __m256i b = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_loadu_si256(v + 1), first),
+                                       _mm256_cmpeq_epi8(_mm256_loadu_si256(w + 1), last));
     const __m256i any = _mm256_or_si256(a, b);
     if (!_mm256_testz_si256(any, any)) {
       for (size_t i = 0; i < kStep; ++i)
@@ -129,15 +129,6 @@ void TElfChnunks::Open(std::unique_ptr<TReadStream> AStream) {
   FBlockStart = 0;
   FBytesRead = 0;
   FSourceSize = FHandle->Size();
-  FReleasedTo = 0;
-  FMapping.reset();
-  // A regular file is searched where the system keeps it rather than copied out.
-  if (const auto* raw = dynamic_cast<const TRawFile*>(FHandle.get())) {
-    FMapping = std::make_unique<TFileMapping>(*raw);
-    if (!FMapping->Data()) FMapping.reset();
-  }
-  // Windows of a mapping hold no copy: smaller ones keep less of the file in the process.
-  FBlockSize = FMapping ? kMappedWindow : kBlockSize;
   FNumOfBlocks = static_cast<uint32_t>(FSourceSize / (FBlockSize - kOverlap) + 1);
   FCurrentBlock = 0;
 }
@@ -168,8 +159,6 @@ bool TElfChnunks::OpenDisk(const std::string& ADiskName) {
 }
 
 void TElfChnunks::Close() {
-  FMapping.reset();
-  FData = nullptr;
   FHandle.reset();
   FActive = false;
 }
@@ -181,38 +170,13 @@ void TElfChnunks::StartBlock() {
   FHaveBlock = true;
   FChunkOffset = 0;
   ++FCurrentBlock;
-  if (FMapping && FBlockStart > FReleasedTo) {
-    // The pages before this window were searched (the overlap is still to come).
-    FMapping->Release(FReleasedTo, static_cast<size_t>(FBlockStart - FReleasedTo));
-    FReleasedTo = FBlockStart;
-  }
 }
 
 bool TElfChnunks::FillBlock() {
-  size_t want = 0;
+  const size_t want = std::min<size_t>(kReadPiece, FBlockSize - FFilled);
   size_t got = 0;
-  if (FMapping && FFilled == 0) {
-    // The whole window at once: there is no copy to keep in the processor's cache.
-    want = static_cast<size_t>(std::min<uint64_t>(FBlockSize, FMapping->Size() - std::min(FBlockStart, FMapping->Size())));
-    if (FMapping->Prepare(FBlockStart, want)) {
-      FData = FMapping->Data() + FBlockStart;
-      if (want == FBlockSize) {
-        const uint64_t next = FBlockStart + FBlockSize - kOverlap;
-        FMapping->PrepareLater(next, static_cast<size_t>(std::min<uint64_t>(FBlockSize, FMapping->Size() - next)));
-      }
-      got = want;
-      want = FBlockSize; // a short window is the end of the data
-    } else {
-      FMapping.reset(); // the file changed under us: read it from here on
-    }
-  }
-  if (!FMapping) {
-    if (!FBlock) FBlock = std::make_unique<TPageBuffer>(kBlockSize);
-    FData = FBlock->Data();
-    want = std::min<size_t>(kReadPiece, FBlockSize - FFilled);
-  }
   try {
-    if (!FMapping) got = FHandle->ReadAt(FBlockStart + FFilled, FBlock->Data() + FFilled, want);
+    got = FHandle->ReadAt(FBlockStart + FFilled, FBlock.Data() + FFilled, want);
   } catch (const std::exception&) {
     FReadBlockSize = FExploreSize = 0;
     FNextBlockAvailable = false;
@@ -259,7 +223,7 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
     } else {
       lastStart = FLastBlock ? uint64_t{FExploreSize} : uint64_t{FExploreSize} - 1;
     }
-    const uint8_t* base = FData;
+    const uint8_t* base = FBlock.Data();
     uint64_t from = FChunkOffset;
     while (any && from <= lastStart) {
       size_t span = static_cast<size_t>(lastStart - from + sizeof kChunkSignature);

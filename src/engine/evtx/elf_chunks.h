@@ -2,14 +2,11 @@
 //
 // The source is read into a 4 MB buffer, in pieces of 512 KB each searched as soon as it
 // is read; consecutive buffers overlap by 64 KB so that a chunk that crosses a buffer
-// boundary lies whole in the next buffer. A regular file is not read but mapped: each
-// "buffer" is then a 2 MB window of the mapping, its pages made present in one call and
-// given back once the search has passed them, so nothing is copied and memory stays flat. Chunks are
+// boundary lies whole in the next buffer. Chunks are
 // recognised by the 8 bytes "ElfChnk\0" followed, at offset 40, by the header size
 // 128, and handed out as pointers into the buffer, not copied.
 #pragma once
 
-#include "platform/file_mapping.h"
 #include "platform/page_buffer.h"
 #include "platform/read_stream.h"
 
@@ -60,7 +57,6 @@ public:
   const std::string& SourceName() const { return FSourceName; }
 
   static constexpr uint32_t kBlockSize = 4194304;
-  static constexpr uint32_t kMappedWindow = 2097152;
   static constexpr uint32_t kOverlap = 65536;
   // A buffer is read and searched this much at a time, so the search finds the bytes
   // still in the processor's cache rather than in memory.
@@ -77,10 +73,7 @@ private:
   uint32_t FBlockSize = kBlockSize;
   uint32_t FReadBlockSize = 0;
   uint32_t FExploreSize = 0;
-  std::unique_ptr<TPageBuffer> FBlock;   // the read buffer, made on first read
-  std::unique_ptr<TFileMapping> FMapping; // a regular file's mapping, while it serves
-  const uint8_t* FData = nullptr;         // the current buffer: FBlock's or a window of FMapping
-  uint64_t FReleasedTo = 0;               // FMapping's pages before this are given back
+  TPageBuffer FBlock{kBlockSize};
   bool FHaveBlock = false;
   bool FBlockDone = false;  // the whole buffer has been read
   uint32_t FFilled = 0;     // bytes of the buffer read so far

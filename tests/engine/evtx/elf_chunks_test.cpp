@@ -4,9 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/raw_file.h"
-#include "platform/read_stream.h"
-
 #include <cstring>
 
 namespace qvx {
@@ -20,17 +17,9 @@ struct TCarveRun {
   int Ticks = 0; // buffers that held no further chunk
 };
 
-// A regular file is searched through a mapping; any other stream (a partition, a file
-// inside an image) is read into a buffer. AAsStream carves APath the second way.
-TCarveRun Carve(const std::string& APath, bool AAsStream = false) {
+TCarveRun Carve(const std::string& APath) {
   TElfChnunks carver;
-  if (AAsStream) {
-    auto file = std::make_shared<TRawFile>(TRawFile::Open(APath));
-    const uint64_t size = file->Size();
-    EXPECT_TRUE(carver.OpenStream(std::make_unique<TSubStream>(file, 0, size, APath), TElfSourceType::stFile));
-  } else {
-    EXPECT_TRUE(carver.OpenFile(APath));
-  }
+  EXPECT_TRUE(carver.OpenFile(APath));
   TCarveRun run;
   for (;;) {
     TCarvedChunk c = carver.GetNextChunk();
@@ -49,34 +38,10 @@ TCarveRun Carve(const std::string& APath, bool AAsStream = false) {
 
 TEST(ElfChunkCarver, FindsChunksAtOddOffsetsAndAcrossBufferBoundariesOnce) {
   TSampleDiskImage image = MakeSampleDiskImage();
-  const std::string path = WriteTempFile("image.bin", image.FBytes);
+  TCarveRun run = Carve(WriteTempFile("image.bin", image.FBytes));
   std::vector<uint64_t> expected(image.FChunkOffsets.begin(), image.FChunkOffsets.end());
-  for (bool asStream : {false, true}) {
-    TCarveRun run = Carve(path, asStream);
-    EXPECT_EQ(run.Positions, expected) << (asStream ? "read" : "mapped");
-    EXPECT_EQ(run.FirstIds, image.FChunkFirstIds) << (asStream ? "read" : "mapped");
-  }
-}
-
-// Mapped windows are 2 MB, read buffers 4 MB: chunks across either kind of boundary, and
-// one ending exactly at the end of the data, are found once both ways.
-TEST(ElfChunkCarver, MappedAndReadScansFindTheSameChunks) {
-  constexpr size_t kWindow = TElfChnunks::kMappedWindow;
-  constexpr size_t kStep = kWindow - TElfChnunks::kOverlap; // where the second window starts
-  TDiskImage image(3 * kWindow + 5000, 13);
-  const std::vector<size_t> offsets = {kStep - 70000,
-                                       kWindow - 1000,
-                                       2 * kStep - kEvtxChunkSize,
-                                       TElfChnunks::kBlockSize - TElfChnunks::kOverlap - 3,
-                                       3 * kWindow + 5000 - kEvtxChunkSize};
-  image.PlaceFakeChunkSignature(kStep - 100);
-  for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(10 * (i + 1), 2));
-  const std::string path = WriteTempFile("windows.bin", image.Bytes());
-  for (bool asStream : {false, true}) {
-    TCarveRun run = Carve(path, asStream);
-    EXPECT_EQ(run.Positions, std::vector<uint64_t>(offsets.begin(), offsets.end())) << (asStream ? "read" : "mapped");
-    EXPECT_EQ(run.FirstIds, (std::vector<uint64_t>{10, 20, 30, 40, 50})) << (asStream ? "read" : "mapped");
-  }
+  EXPECT_EQ(run.Positions, expected);
+  EXPECT_EQ(run.FirstIds, image.FChunkFirstIds);
 }
 
 TEST(ElfChunkCarver, EmptyBuffersTickOncePerBuffer) {
@@ -100,12 +65,9 @@ TEST(ElfChunkCarver, ChunksAcrossReadPiecesAreFoundOnce) {
                                        5 * kPiece - kEvtxChunkSize + 1};
   image.PlaceFakeChunkSignature(4 * kPiece - 20);
   for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(100 * (i + 1), 2));
-  const std::string path = WriteTempFile("pieces.bin", image.Bytes());
-  for (bool asStream : {false, true}) {
-    TCarveRun run = Carve(path, asStream);
-    EXPECT_EQ(run.Positions, std::vector<uint64_t>(offsets.begin(), offsets.end())) << (asStream ? "read" : "mapped");
-    EXPECT_EQ(run.FirstIds, (std::vector<uint64_t>{100, 200, 300, 400})) << (asStream ? "read" : "mapped");
-  }
+  TCarveRun run = Carve(WriteTempFile("pieces.bin", image.Bytes()));
+  EXPECT_EQ(run.Positions, std::vector<uint64_t>(offsets.begin(), offsets.end()));
+  EXPECT_EQ(run.FirstIds, (std::vector<uint64_t>{100, 200, 300, 400}));
 }
 
 TEST(ElfChunkCarver, SignatureWithWrongHeaderSizeIsSkipped) {
