@@ -279,9 +279,17 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std
 }
 
 void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFields) {
+  // The value strings of an earlier event are kept past ReadSystemFields (which empties
+  // the list) for ReadEventDataValues to fill again without allocating.
+  TStringList values;
+  values.swap(AFields.Strings);
   ReadSystemFields(AEvent, AFields);
+  AFields.Strings.swap(values);
   ResolveTaskAndUser(AFields);
-  if (FSystemFieldsOnly) return;
+  if (FSystemFieldsOnly) {
+    AFields.Strings.clear();
+    return;
+  }
 
   try {
     ReadEventDataValues(AEvent, AFields.Strings, &AFields.BinaryData);

@@ -153,8 +153,21 @@ int HexDigit(char AChar) {
   return -1;
 }
 
+// The list's next value, emptied: a string that an earlier event left there is reused
+// with its capacity (the reader swaps the list with the previous event's), so values do
+// not go back to the allocator event after event. The list is cut to ACount at the end.
+std::string& NextValue(TStringList& AValues, size_t& ACount) {
+  if (ACount < AValues.size()) {
+    std::string& value = AValues[ACount++];
+    value.clear();
+    return value;
+  }
+  ++ACount;
+  return AValues.emplace_back();
+}
+
 // Every attribute value (xmlns declarations aside) of a tag's attribute text.
-void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues) {
+void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, size_t& ACount) {
   size_t pos = 0;
   while (pos < AAttributes.size()) {
     const size_t eq = FindByte(AAttributes, '=', pos);
@@ -167,10 +180,8 @@ void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues) 
     while (!name.empty() && (name.front() == ' ' || name.front() == '\t' || name.front() == '\r' ||
                              name.front() == '\n'))
       name.remove_prefix(1);
-    if (name != "xmlns" && name.substr(0, 6) != "xmlns:") {
-      AValues.emplace_back();
-      AppendXmlUnescaped(AValues.back(), AAttributes.substr(eq + 2, end - eq - 2));
-    }
+    if (name != "xmlns" && name.substr(0, 6) != "xmlns:")
+      AppendXmlUnescaped(NextValue(AValues, ACount), AAttributes.substr(eq + 2, end - eq - 2));
     pos = end + 1;
   }
 }
@@ -316,7 +327,12 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
 }
 
 void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>* ABinary) {
-  AValues.clear();
+  size_t count = 0;
+  struct TCut {
+    TStringList& Values;
+    size_t& Count;
+    ~TCut() { Values.resize(Count); }
+  } cut{AValues, count};
   if (ABinary) ABinary->clear();
   const size_t systemEnd = FindText(AXml, "</System>");
   const size_t from = systemEnd == std::string_view::npos ? 0 : systemEnd + 9;
@@ -326,8 +342,7 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
     TElement item;
     size_t pos = 0;
     while (FindElement(data, "Data", item, pos)) {
-      AValues.emplace_back();
-      AppendXmlUnescaped(AValues.back(), item.Content);
+      AppendXmlUnescaped(NextValue(AValues, count), item.Content);
       pos = item.End;
     }
     if (ABinary && FindElement(data, "Binary", item)) {
@@ -348,10 +363,7 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
   while (pos < data.size()) {
     const size_t lt = FindByte(data, '<', pos);
     const std::string_view text = data.substr(pos, lt == std::string_view::npos ? std::string_view::npos : lt - pos);
-    if (!IsBlankText(text)) {
-      AValues.emplace_back();
-      AppendXmlUnescaped(AValues.back(), text);
-    }
+    if (!IsBlankText(text)) AppendXmlUnescaped(NextValue(AValues, count), text);
     if (lt == std::string_view::npos) break;
     const size_t gt = FindByte(data, '>', lt);
     if (gt == std::string_view::npos) break;
@@ -360,7 +372,7 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
       while (nameEnd < gt && !IsNameEnd(data[nameEnd])) ++nameEnd;
       size_t attrEnd = gt;
       if (attrEnd > nameEnd && data[attrEnd - 1] == '/') --attrEnd;
-      CollectAttributeValues(data.substr(nameEnd, attrEnd - nameEnd), AValues);
+      CollectAttributeValues(data.substr(nameEnd, attrEnd - nameEnd), AValues, count);
     }
     pos = gt + 1;
   }
