@@ -51,10 +51,19 @@ struct TElement {
 };
 
 // Finds the first element <AName …> at or after AFrom.
-bool FindElement(std::string_view AXml, std::string_view AName, TElement& AElement, size_t AFrom = 0) {
+// AFar: the element may lie far from AFrom (a section, <Binary> after every <Data>): the
+// search skips ahead by "<Name" instead of stopping at every tag.
+bool FindElement(std::string_view AXml, std::string_view AName, TElement& AElement, size_t AFrom = 0,
+                 bool AFar = false) {
   size_t pos = AFrom;
+  char needle[24];
+  const bool far = AFar && AName.size() < sizeof needle;
+  if (far) {
+    needle[0] = '<';
+    std::memcpy(needle + 1, AName.data(), AName.size());
+  }
   for (;;) {
-    pos = FindByte(AXml, '<', pos);
+    pos = far ? FindText(AXml, std::string_view(needle, AName.size() + 1), pos) : FindByte(AXml, '<', pos);
     if (pos == std::string_view::npos || pos + 1 + AName.size() >= AXml.size()) return false;
     // The first letter turns away closing tags and other elements without a call.
     if (AXml[pos + 1] == AName[0] && NameAt(AXml, pos + 1, AName) && IsNameEnd(AXml[pos + 1 + AName.size()]))
@@ -337,7 +346,7 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
   const size_t systemEnd = FindText(AXml, "</System>");
   const size_t from = systemEnd == std::string_view::npos ? 0 : systemEnd + 9;
   TElement section;
-  if (FindElement(AXml, "EventData", section, from)) {
+  if (FindElement(AXml, "EventData", section, from, true)) {
     const std::string_view data = section.Content;
     TElement item;
     size_t pos = 0;
@@ -345,7 +354,7 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
       AppendXmlUnescaped(NextValue(AValues, count), item.Content);
       pos = item.End;
     }
-    if (ABinary && FindElement(data, "Binary", item)) {
+    if (ABinary && FindElement(data, "Binary", item, 0, true)) {
       const std::string_view hex = item.Content;
       for (size_t i = 0; i + 1 < hex.size(); i += 2) {
         const int hi = HexDigit(hex[i]), lo = HexDigit(hex[i + 1]);
@@ -355,7 +364,7 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
     }
     return;
   }
-  if (!FindElement(AXml, "UserData", section, from)) return;
+  if (!FindElement(AXml, "UserData", section, from, true)) return;
   // Every attribute value and text node inside <UserData>, in document order: the
   // values that the provider's template put there.
   const std::string_view data = section.Content;
