@@ -6,7 +6,8 @@ Events (a saved log read event by event, fields and data values out):
     evtxexport FILE                      Debian libevtx-utils, its text listing of each
                                          event's fields and strings
     evtx_dump.py FILE                    Debian python3-evtx (XML; skipped when too slow)
-on the largest .evtx sample and on a generated log of about --size-mb MB. Every command
+on the largest .evtx sample, a log of about --real-mb MB made of the samples' chunks
+(bench/real_log.py) and a generated log of about --size-mb MB. Every command
 handles the same events; events/s = the event count (from quorvex's output) / wall time.
 
 Deep scan:
@@ -30,10 +31,10 @@ import sys
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
-from bench_dump import (REPO, default_cache, default_samples, generated_file, largest_sample,  # noqa: E402
-                        measure, report_targets, warm)
+from bench_dump import (JUDGED_KINDS, REPO, default_cache, default_samples, generated_file,  # noqa: E402
+                        largest_sample, measure, real_file, report_targets, warm)
 
-TARGET_EVENTS_VS_EVTXEXPORT = 10.0  # events/s at least 10x evtxexport's on the same file
+TARGET_EVENTS_VS_EVTXEXPORT = 40.0  # events/s at least 40x evtxexport's on the real-chunks and generated logs
 TARGET_SCAN_VS_CAT = 0.9  # scanning an image without chunks at >= 90% of cat's speed
 TARGET_SCAN_RSS_MIB = 16.0  # scan memory stays flat: a 4 MB buffer plus one chunk
 
@@ -94,6 +95,7 @@ def main() -> int:
     ap.add_argument("--quorvex", default=str(REPO / "build" / "src" / "app" / "quorvex"))
     ap.add_argument("--samples", type=Path, default=default_samples())
     ap.add_argument("--size-mb", type=float, default=200)
+    ap.add_argument("--real-mb", type=float, default=64, help="log made of the samples' chunks, MB (0: none)")
     ap.add_argument("--image-mb", type=int, default=1024)
     ap.add_argument("--cache-dir", type=Path, default=default_cache())
     ap.add_argument("--runs", type=int, default=3)
@@ -115,6 +117,9 @@ def main() -> int:
     sample = largest_sample(args.samples)
     if sample:
         files.append(("sample", sample))
+    real = real_file(args.samples, args.real_mb, args.cache_dir)
+    if real:
+        files.append(("real", real))
     generated = generated_file(q, args.size_mb, args.cache_dir, False) if args.size_mb > 0 else None
     if generated:
         files.append(("generated", generated))
@@ -145,8 +150,10 @@ def main() -> int:
             ratio = res["evtxexport"]["median_s"] / res["quorvex"]["median_s"]
             entry["events_per_s_vs_evtxexport"] = ratio
             ok = ratio >= TARGET_EVENTS_VS_EVTXEXPORT
-            verdicts.append((f"events/s vs evtxexport on {kind}: {ratio:.1f}x (target {TARGET_EVENTS_VS_EVTXEXPORT:.0f}x)",
-                             ok))
+            # The largest sample is a few MB: start-up is much of its run, so it is shown, not judged.
+            if kind in JUDGED_KINDS:
+                verdicts.append((f"events/s vs evtxexport on {kind}: {ratio:.1f}x "
+                                 f"(target {TARGET_EVENTS_VS_EVTXEXPORT:.0f}x)", ok))
             print(f"  ratio: quorvex events/s = {ratio:.1f}x evtxexport's")
         if "evtx_dump.py" in res and res["evtx_dump.py"]["status"] == 0:
             print(f"  ratio: quorvex events/s = {res['evtx_dump.py']['median_s'] / res['quorvex']['median_s']:.1f}x "

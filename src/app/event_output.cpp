@@ -25,25 +25,30 @@ bool TEventWriter::Finish() {
 
 namespace {
 
+// The digits are written from the end of a small buffer and appended in one call.
 void AppendDigits(std::string& AOut, unsigned AValue, int AWidth) {
-  char buf[12];
+  char buf[24];
+  char* end = buf + sizeof buf;
+  char* p = end;
   int n = 0;
   do {
-    buf[n++] = static_cast<char>('0' + AValue % 10);
+    *--p = static_cast<char>('0' + AValue % 10);
     AValue /= 10;
-  } while (AValue && n < 11);
-  for (int i = n; i < AWidth; ++i) AOut += '0';
-  while (n) AOut += buf[--n];
+  } while (AValue && ++n < 11);
+  const int width = AWidth < 12 ? AWidth : 12;
+  while (end - p < width) *--p = '0';
+  AOut.append(p, static_cast<size_t>(end - p));
 }
 
 void AppendUnsigned(std::string& AOut, uint64_t AValue) {
   char buf[24];
-  int n = 0;
+  char* end = buf + sizeof buf;
+  char* p = end;
   do {
-    buf[n++] = static_cast<char>('0' + AValue % 10);
+    *--p = static_cast<char>('0' + AValue % 10);
     AValue /= 10;
   } while (AValue);
-  while (n) AOut += buf[--n];
+  AOut.append(p, static_cast<size_t>(end - p));
 }
 
 // --- table ----------------------------------------------------------------------

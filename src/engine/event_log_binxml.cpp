@@ -40,7 +40,8 @@ size_t FindLast(const std::string& AText, std::string_view ANeedle, size_t AEnd,
     const void* hit = LastByte(data + AAnchor, ANeedle[AAnchor], end - ANeedle.size() + 1);
     if (!hit) return std::string::npos;
     const size_t pos = static_cast<size_t>(static_cast<const char*>(hit) - data) - AAnchor;
-    if (std::memcmp(data + pos, ANeedle.data(), ANeedle.size()) == 0) return pos;
+    // The first byte turns most candidates away without a call ('x' of a hex value).
+    if (data[pos] == ANeedle[0] && std::memcmp(data + pos, ANeedle.data(), ANeedle.size()) == 0) return pos;
     end = pos + ANeedle.size() - 1;
   }
   return std::string::npos;
@@ -246,10 +247,11 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
     }
     AcceptChunk("Chunk #" + std::to_string(FChunkIndex) + " at offset " + HexText(FChunk.Position));
   }
-  TakeEvent(AXml, AFields, "Inconsistent data in chunk #" + std::to_string(FChunkIndex) + " ignored");
+  TakeEvent(AXml, AFields, "Inconsistent data in chunk #", static_cast<int64_t>(FChunkIndex));
 }
 
-void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, const std::string& AEmptyIssue) {
+void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std::string_view AEmptyIssue,
+                                int64_t AChunkNumber) {
   static constexpr std::string_view kOpen = "<Event xmlns";
   static constexpr std::string_view kClose = "</Event>";
   const size_t close = FindLast(FChunkXML, kClose, FChunkXML.size());
@@ -268,16 +270,26 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, con
     return;
   }
   AXml.assign(1, '*');
-  FIssueList->AddIssue(AEmptyIssue);
+  std::string issue(AEmptyIssue);
+  if (AChunkNumber >= 0) issue.append(std::to_string(AChunkNumber)).append(" ignored");
+  FIssueList->AddIssue(issue);
   FEventIndex = 0;
   FChunkXML.clear();
   ++FChunkIndex;
 }
 
 void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFields) {
+  // The value strings of an earlier event are kept past ReadSystemFields (which empties
+  // the list) for ReadEventDataValues to fill again without allocating.
+  TStringList values;
+  values.swap(AFields.Strings);
   ReadSystemFields(AEvent, AFields);
+  AFields.Strings.swap(values);
   ResolveTaskAndUser(AFields);
-  if (FSystemFieldsOnly) return;
+  if (FSystemFieldsOnly) {
+    AFields.Strings.clear();
+    return;
+  }
 
   try {
     ReadEventDataValues(AEvent, AFields.Strings, &AFields.BinaryData);

@@ -67,7 +67,9 @@ protected:
 
   // Takes the last event out of FChunkXML into AXml and fills AFields; when the chunk
   // holds no event, AXml is "*" and AEmptyIssue is recorded.
-  void TakeEvent(std::string& AXml, TEventXmlFields& AFields, const std::string& AEmptyIssue);
+  // AEmptyIssue names the chunk when it holds no further event; AChunkNumber, when not
+  // negative, is appended to it and " ignored" after it (the text is made only then).
+  void TakeEvent(std::string& AXml, TEventXmlFields& AFields, std::string_view AEmptyIssue, int64_t AChunkNumber = -1);
   // Renders FJob's chunk into FChunk (here, or on the read-ahead threads).
   void RenderJob();
   // Takes FChunk's XML into FChunkXML and records what could not be rendered.

@@ -6,6 +6,38 @@ namespace qvx {
 
 namespace {
 
+// AText.find(AChar, AFrom). The distances in event XML are short (a tag name, a value):
+// the first bytes are looked at here, memchr takes over beyond them.
+inline size_t FindByte(std::string_view AText, char AChar, size_t AFrom) {
+  const size_t size = AText.size();
+  const char* data = AText.data();
+  const size_t near = AFrom + 24 < size ? AFrom + 24 : size;
+  for (size_t i = AFrom; i < near; ++i)
+    if (data[i] == AChar) return i;
+  if (near >= size) return std::string_view::npos;
+  const void* hit = std::memchr(data + near, AChar, size - near);
+  return hit ? static_cast<size_t>(static_cast<const char*>(hit) - data) : std::string_view::npos;
+}
+
+// AText.find(ANeedle, AFrom), through memmem: it skips ahead by the needle, where find
+// stops at every '<' of the XML to compare.
+inline size_t FindText(std::string_view AText, std::string_view ANeedle, size_t AFrom = 0) {
+  if (AFrom > AText.size()) return std::string_view::npos;
+#if defined(__GLIBC__)
+  const void* hit = memmem(AText.data() + AFrom, AText.size() - AFrom, ANeedle.data(), ANeedle.size());
+  return hit ? static_cast<size_t>(static_cast<const char*>(hit) - AText.data()) : std::string_view::npos;
+#else
+  return AText.find(ANeedle, AFrom);
+#endif
+}
+
+// AText holds AName at AAt (the caller checked it fits). Names are short: no call.
+inline bool NameAt(std::string_view AText, size_t AAt, std::string_view AName) {
+  for (size_t i = 0; i < AName.size(); ++i)
+    if (AText[AAt + i] != AName[i]) return false;
+  return true;
+}
+
 bool IsNameEnd(char AChar) {
   return AChar == '>' || AChar == '/' || AChar == ' ' || AChar == '\t' || AChar == '\r' || AChar == '\n';
 }
@@ -19,16 +51,27 @@ struct TElement {
 };
 
 // Finds the first element <AName …> at or after AFrom.
-bool FindElement(std::string_view AXml, std::string_view AName, TElement& AElement, size_t AFrom = 0) {
+// AFar: the element may lie far from AFrom (a section, <Binary> after every <Data>): the
+// search skips ahead by "<Name" instead of stopping at every tag.
+bool FindElement(std::string_view AXml, std::string_view AName, TElement& AElement, size_t AFrom = 0,
+                 bool AFar = false) {
   size_t pos = AFrom;
+  char needle[24];
+  const bool far = AFar && AName.size() < sizeof needle;
+  if (far) {
+    needle[0] = '<';
+    std::memcpy(needle + 1, AName.data(), AName.size());
+  }
   for (;;) {
-    pos = AXml.find('<', pos);
+    pos = far ? FindText(AXml, std::string_view(needle, AName.size() + 1), pos) : FindByte(AXml, '<', pos);
     if (pos == std::string_view::npos || pos + 1 + AName.size() >= AXml.size()) return false;
-    if (AXml.compare(pos + 1, AName.size(), AName) == 0 && IsNameEnd(AXml[pos + 1 + AName.size()])) break;
+    // The first letter turns away closing tags and other elements without a call.
+    if (AXml[pos + 1] == AName[0] && NameAt(AXml, pos + 1, AName) && IsNameEnd(AXml[pos + 1 + AName.size()]))
+      break;
     ++pos;
   }
   const size_t attrStart = pos + 1 + AName.size();
-  const size_t close = AXml.find('>', attrStart);
+  const size_t close = FindByte(AXml, '>', attrStart);
   if (close == std::string_view::npos) return false;
   if (AXml[close - 1] == '/') {
     AElement.Attributes = AXml.substr(attrStart, close - 1 - attrStart);
@@ -39,16 +82,25 @@ bool FindElement(std::string_view AXml, std::string_view AName, TElement& AEleme
   AElement.Attributes = AXml.substr(attrStart, close - attrStart);
   // The closing tag of the same name; elements of the system section do not nest
   // inside themselves.
-  std::string closing = "</";
-  closing.append(AName);
-  closing += '>';
-  const size_t end = AXml.find(closing, close + 1);
+  // Looked for from each '<' on, as find would: the closing tag usually follows the text.
+  const size_t closingSize = AName.size() + 3;
+  size_t end = close + 1;
+  for (;;) {
+    end = FindByte(AXml, '<', end);
+    if (end == std::string_view::npos || AXml.size() - end < closingSize) {
+      end = std::string_view::npos;
+      break;
+    }
+    if (AXml[end + 1] == '/' && NameAt(AXml, end + 2, AName) && AXml[end + 2 + AName.size()] == '>')
+      break;
+    ++end;
+  }
   if (end == std::string_view::npos) {
     AElement.Content = AXml.substr(close + 1);
     AElement.End = AXml.size();
   } else {
     AElement.Content = AXml.substr(close + 1, end - close - 1);
-    AElement.End = end + closing.size();
+    AElement.End = end + closingSize;
   }
   return true;
 }
@@ -63,7 +115,7 @@ bool FindAttribute(std::string_view AAttributes, std::string_view AName, std::st
     if (startOk && p + 1 < AAttributes.size() && AAttributes[p] == '=' &&
         (AAttributes[p + 1] == '"' || AAttributes[p + 1] == '\'')) {
       const char quote = AAttributes[p + 1];
-      const size_t end = AAttributes.find(quote, p + 2);
+      const size_t end = FindByte(AAttributes, quote, p + 2);
       if (end == std::string_view::npos) return false;
       AValue = AAttributes.substr(p + 2, end - p - 2);
       return true;
@@ -110,24 +162,35 @@ int HexDigit(char AChar) {
   return -1;
 }
 
+// The list's next value, emptied: a string that an earlier event left there is reused
+// with its capacity (the reader swaps the list with the previous event's), so values do
+// not go back to the allocator event after event. The list is cut to ACount at the end.
+std::string& NextValue(TStringList& AValues, size_t& ACount) {
+  if (ACount < AValues.size()) {
+    std::string& value = AValues[ACount++];
+    value.clear();
+    return value;
+  }
+  ++ACount;
+  return AValues.emplace_back();
+}
+
 // Every attribute value (xmlns declarations aside) of a tag's attribute text.
-void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues) {
+void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, size_t& ACount) {
   size_t pos = 0;
   while (pos < AAttributes.size()) {
-    const size_t eq = AAttributes.find('=', pos);
+    const size_t eq = FindByte(AAttributes, '=', pos);
     if (eq == std::string_view::npos || eq + 1 >= AAttributes.size()) return;
     const char quote = AAttributes[eq + 1];
     if (quote != '"' && quote != '\'') return;
-    const size_t end = AAttributes.find(quote, eq + 2);
+    const size_t end = FindByte(AAttributes, quote, eq + 2);
     if (end == std::string_view::npos) return;
     std::string_view name = AAttributes.substr(pos, eq - pos);
     while (!name.empty() && (name.front() == ' ' || name.front() == '\t' || name.front() == '\r' ||
                              name.front() == '\n'))
       name.remove_prefix(1);
-    if (name != "xmlns" && name.substr(0, 6) != "xmlns:") {
-      AValues.emplace_back();
-      AppendXmlUnescaped(AValues.back(), AAttributes.substr(eq + 2, end - eq - 2));
-    }
+    if (name != "xmlns" && name.substr(0, 6) != "xmlns:")
+      AppendXmlUnescaped(NextValue(AValues, ACount), AAttributes.substr(eq + 2, end - eq - 2));
     pos = end + 1;
   }
 }
@@ -194,9 +257,9 @@ void AppendXmlUnescaped(std::string& AOut, std::string_view AText) {
 
 void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
   AFields.ClearSystem();
-  const size_t start = AXml.find("<System>");
+  const size_t start = AXml.find("<System>"); // near the start: find stops at few '<' before it
   if (start == std::string_view::npos) return;
-  const size_t end = AXml.find("</System>", start);
+  const size_t end = FindText(AXml, "</System>", start);
   const std::string_view system =
       AXml.substr(start + 8, end == std::string_view::npos ? std::string_view::npos : end - start - 8);
 
@@ -205,13 +268,12 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
   unsigned seen = 0;
   size_t pos = 0;
   while (pos < system.size()) {
-    const void* hit = std::memchr(system.data() + pos, '<', system.size() - pos);
-    if (!hit) break;
-    const size_t lt = static_cast<size_t>(static_cast<const char*>(hit) - system.data());
+    const size_t lt = FindByte(system, '<', pos);
+    if (lt == std::string_view::npos) break;
     size_t nameEnd = lt + 1;
     while (nameEnd < system.size() && !IsNameEnd(system[nameEnd])) ++nameEnd;
     const std::string_view name = system.substr(lt + 1, nameEnd - lt - 1);
-    const size_t gt = system.find('>', nameEnd);
+    const size_t gt = FindByte(system, '>', nameEnd);
     if (gt == std::string_view::npos) break;
     pos = gt + 1;
     if (name.empty() || name[0] == '/') continue;
@@ -219,7 +281,7 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
     const std::string_view attributes = system.substr(nameEnd, (selfClosed ? gt - 1 : gt) - nameEnd);
     auto content = [&]() -> std::string_view {
       if (selfClosed) return {};
-      const size_t next = system.find('<', gt + 1);
+      const size_t next = FindByte(system, '<', gt + 1);
       return system.substr(gt + 1, next == std::string_view::npos ? std::string_view::npos : next - gt - 1);
     };
     auto first = [&](unsigned ABit) {
@@ -274,21 +336,25 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
 }
 
 void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>* ABinary) {
-  AValues.clear();
+  size_t count = 0;
+  struct TCut {
+    TStringList& Values;
+    size_t& Count;
+    ~TCut() { Values.resize(Count); }
+  } cut{AValues, count};
   if (ABinary) ABinary->clear();
-  const size_t systemEnd = AXml.find("</System>");
+  const size_t systemEnd = FindText(AXml, "</System>");
   const size_t from = systemEnd == std::string_view::npos ? 0 : systemEnd + 9;
   TElement section;
-  if (FindElement(AXml, "EventData", section, from)) {
+  if (FindElement(AXml, "EventData", section, from, true)) {
     const std::string_view data = section.Content;
     TElement item;
     size_t pos = 0;
     while (FindElement(data, "Data", item, pos)) {
-      AValues.emplace_back();
-      AppendXmlUnescaped(AValues.back(), item.Content);
+      AppendXmlUnescaped(NextValue(AValues, count), item.Content);
       pos = item.End;
     }
-    if (ABinary && FindElement(data, "Binary", item)) {
+    if (ABinary && FindElement(data, "Binary", item, 0, true)) {
       const std::string_view hex = item.Content;
       for (size_t i = 0; i + 1 < hex.size(); i += 2) {
         const int hi = HexDigit(hex[i]), lo = HexDigit(hex[i + 1]);
@@ -298,27 +364,24 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
     }
     return;
   }
-  if (!FindElement(AXml, "UserData", section, from)) return;
+  if (!FindElement(AXml, "UserData", section, from, true)) return;
   // Every attribute value and text node inside <UserData>, in document order: the
   // values that the provider's template put there.
   const std::string_view data = section.Content;
   size_t pos = 0;
   while (pos < data.size()) {
-    const size_t lt = data.find('<', pos);
+    const size_t lt = FindByte(data, '<', pos);
     const std::string_view text = data.substr(pos, lt == std::string_view::npos ? std::string_view::npos : lt - pos);
-    if (!IsBlankText(text)) {
-      AValues.emplace_back();
-      AppendXmlUnescaped(AValues.back(), text);
-    }
+    if (!IsBlankText(text)) AppendXmlUnescaped(NextValue(AValues, count), text);
     if (lt == std::string_view::npos) break;
-    const size_t gt = data.find('>', lt);
+    const size_t gt = FindByte(data, '>', lt);
     if (gt == std::string_view::npos) break;
     if (data[lt + 1] != '/' && data[lt + 1] != '?' && data[lt + 1] != '!') {
       size_t nameEnd = lt + 1;
       while (nameEnd < gt && !IsNameEnd(data[nameEnd])) ++nameEnd;
       size_t attrEnd = gt;
       if (attrEnd > nameEnd && data[attrEnd - 1] == '/') --attrEnd;
-      CollectAttributeValues(data.substr(nameEnd, attrEnd - nameEnd), AValues);
+      CollectAttributeValues(data.substr(nameEnd, attrEnd - nameEnd), AValues, count);
     }
     pos = gt + 1;
   }

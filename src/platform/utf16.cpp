@@ -4,6 +4,10 @@
 
 #include <cstring>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace qvx {
 namespace {
 
@@ -68,13 +72,48 @@ inline char* PutEntity(char* d, const char* AText, size_t ALength) {
 
 // Writes straight into the string's storage: it is grown once for the worst case and
 // cut back to what was written.
+#if defined(__SSE2__)
+// True when the 8 units at p are ASCII that is written as it is (with Escape: none of
+// NUL & ' " < >); their low bytes are then stored at d.
+template <bool Escape> inline bool PutPlainBlock(const uint8_t* p, char* d) {
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  const __m128i zero = _mm_setzero_si128();
+  // Units of 0x80 and above have a bit of 0xFF80 set.
+  __m128i bad = _mm_andnot_si128(_mm_cmpeq_epi16(_mm_and_si128(v, _mm_set1_epi16(static_cast<short>(0xFF80))), zero),
+                                 _mm_set1_epi16(-1));
+  if constexpr (Escape) {
+    bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, zero));
+    bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('&')));
+    bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('\'')));
+    bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('"')));
+    bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('<')));
+    bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('>')));
+  }
+  if (_mm_movemask_epi8(bad) != 0) return false;
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(v, v));
+  return true;
+}
+#endif
+
 template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
   const size_t start = AOut.size();
   AOut.resize(start + kMaxBytesPerUnit * count);
   char* const base = AOut.data();
   char* d = base + start;
   size_t i = 0;
+  // Units handled one at a time up to here before blocks of 8 are tried again.
+  size_t single = 0;
   while (i < count) {
+#if defined(__SSE2__)
+    if (i >= single) {
+      if (count - i >= 8 && PutPlainBlock<Escape>(p + 2 * i, d)) {
+        i += 8;
+        d += 8;
+        continue;
+      }
+      single = i + 8; // text that is not plain ASCII tends to go on for a while
+    }
+#endif
     uint16_t u = LoadU16(p + 2 * i);
     if (u < 0x80) {
       ++i;

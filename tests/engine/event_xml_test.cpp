@@ -76,6 +76,17 @@ TEST(EventXmlData, NoDataSectionGivesNoValues) {
   EXPECT_TRUE(values.empty());
 }
 
+// The list's strings are filled again in place (their capacity kept): values of an
+// earlier, longer event must not show through, in EventData or UserData.
+TEST(EventXmlData, StaleValuesOfAnEarlierEventAreReplacedWhole) {
+  TStringList values{std::string(100, 'x'), std::string(40, 'y'), "3", "4", "5"};
+  ReadEventDataValues("<Event><System></System><EventData><Data>ab</Data><Data></Data></EventData></Event>", values);
+  EXPECT_EQ(values, (TStringList{"ab", ""}));
+  values.assign(6, std::string(64, 'z'));
+  ReadEventDataValues("<Event><System></System><UserData><A v=\"1\">t</A></UserData></Event>", values);
+  EXPECT_EQ(values, (TStringList{"1", "t"}));
+}
+
 TEST(EventXmlUnescape, BadEntitiesStayAsWritten) {
   std::string out;
   AppendXmlUnescaped(out, "&bogus; & &#xZZ; &#55296; &#x1F600;");
