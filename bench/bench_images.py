@@ -160,7 +160,7 @@ def main():
         t_scan_e01 = timed(scan + [str(empty_e01)], args.runs)
         t_logs_raw = timed(scan + [str(raw)], args.runs)
         t_logs_e01 = timed(scan + [str(e01)], args.runs)
-        events = count_lines(scan + [str(raw)]) - 1
+        events = count_lines([str(quorvex), "scan", "-q", "-f", "jsonl", "--no-progress", str(raw)])
         rss_e01 = peak_rss_mb(scan + [str(e01)])
         rss_empty = peak_rss_mb(scan + [str(empty_e01)])
         mb = raw.stat().st_size / 1e6
