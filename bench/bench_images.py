@@ -54,7 +54,7 @@ def timed(cmd, runs, shell=False):
 def peak_rss_mb(cmd):
     """The command's own peak RSS (RUSAGE_CHILDREN would give the largest of every child
     so far, ewfacquire's included)."""
-    if shutil.which("time") or os.path.exists("/usr/bin/time"):
+    if os.path.exists("/usr/bin/time"):
         res = subprocess.run(["/usr/bin/time", "-f", "%M"] + cmd, stdout=subprocess.DEVNULL,
                              stderr=subprocess.PIPE, check=True)
         return int(res.stderr.decode().strip().splitlines()[-1]) / 1024
@@ -65,25 +65,36 @@ def count_lines(cmd):
     return subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, check=True).stdout.count(b"\n")
 
 
-def empty_images(work: Path, fill: Path, size_mb: int, filler: Path):
-    """A disk of the same size and layout whose volume holds only the random filler: no log."""
-    (work / "empty/inst").mkdir(parents=True)
-    shutil.copyfile(filler, work / "empty/inst/filler.bin")
-    vol = work / "empty/vol.img"
+def new_volume(vol: Path, fill: Path, tree: Path, size_mb: int):
+    """An NTFS volume of size_mb MB (mkntfs) holding the files of tree (libntfs-3g)."""
     with open(vol, "wb") as f:
         f.truncate(size_mb * 1024 * 1024)
     run(["mkntfs", "-F", "-q", "-Q", "-p", "2048", str(vol)])
-    run([str(fill), str(vol), str(work / "empty/inst")])
-    raw = work / "empty/disk.raw"
+    run([str(fill), str(vol), str(tree)])
+
+
+def acquire_disk(vol: Path, stem: Path, size_mb: int):
+    """The volume in an MBR disk (stem.raw, 1 MB in) and that disk acquired as stem.E01;
+    the volume file is removed."""
+    raw = stem.with_suffix(".raw")
     with open(raw, "wb") as f:
         f.truncate((size_mb + 2) * 1024 * 1024)
     run(["dd", f"if={vol}", f"of={raw}", "bs=1M", "seek=1", "conv=notrunc", "status=none"])
     subprocess.run(["sfdisk", "-q", str(raw)], input=f"2048,{size_mb * 2048},7\n".encode(), check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     vol.unlink()
+    run(["ewfacquire", "-u", "-t", str(stem), str(raw)])
+    return raw, stem.with_suffix(".E01")
+
+
+def empty_images(work: Path, fill: Path, size_mb: int, filler: Path):
+    """A disk of the same size and layout whose volume holds only the random filler: no log."""
+    (work / "empty/inst").mkdir(parents=True)
+    shutil.copyfile(filler, work / "empty/inst/filler.bin")
+    vol = work / "empty/vol.img"
+    new_volume(vol, fill, work / "empty/inst", size_mb)
     (work / "empty/inst/filler.bin").unlink()
-    run(["ewfacquire", "-u", "-t", str(work / "empty/disk"), str(raw)])
-    return raw, work / "empty/disk.E01"
+    return acquire_disk(vol, work / "empty/disk", size_mb)
 
 
 def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int, shadows: bool):
@@ -96,10 +107,7 @@ def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int, sh
     with open(work / "inst/filler.bin", "wb") as f:
         f.write(os.urandom(size_mb * 1024 * 1024 // 2))
     vol = work / "vol.img"
-    with open(vol, "wb") as f:
-        f.truncate(size_mb * 1024 * 1024)
-    run(["mkntfs", "-F", "-q", "-Q", "-p", "2048", str(vol)])
-    run([str(fill), str(vol), str(work / "inst")])
+    new_volume(vol, fill, work / "inst", size_mb)
     old_tree = None
     if shadows:
         # The copy holds the demo logs; the volume and the folder then hold another writer's.
@@ -114,15 +122,8 @@ def build(work: Path, build_dir: Path, size_mb: int, logs: int, records: int, sh
             shutil.copyfile(newer, log)
         run([str(build_dir / "tests/qvx_vss_fill"), str(old_vol), str(vol)])
         old_vol.unlink()
-    raw = work / "disk.raw"
-    with open(raw, "wb") as f:
-        f.truncate((size_mb + 2) * 1024 * 1024)
-    run(["dd", f"if={vol}", f"of={raw}", "bs=1M", "seek=1", "conv=notrunc", "status=none"])
-    subprocess.run(["sfdisk", "-q", str(raw)], input=f"2048,{size_mb * 2048},7\n".encode(), check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    vol.unlink()
-    run(["ewfacquire", "-u", "-t", str(work / "disk"), str(raw)])
-    return quorvex, raw, work / "disk.E01", tree, old_tree
+    raw, e01 = acquire_disk(vol, work / "disk", size_mb)
+    return quorvex, raw, e01, tree, old_tree
 
 
 def main():
