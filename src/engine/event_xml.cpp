@@ -22,7 +22,8 @@ inline size_t FindByte(std::string_view AText, char AChar, size_t AFrom) {
 // AText.find(ANeedle, AFrom), through memmem: it skips ahead by the needle, where find
 // stops at every '<' of the XML to compare.
 inline size_t FindText(std::string_view AText, std::string_view ANeedle, size_t AFrom = 0) {
-  if (AFrom > AText.size()) return std::string_view::npos;
+  // Also an empty text, whose data may be null (memmem must not see it).
+  if (AFrom > AText.size() || AText.size() - AFrom < ANeedle.size() || ANeedle.empty()) return std::string_view::npos;
 #if defined(__GLIBC__)
   const void* hit = memmem(AText.data() + AFrom, AText.size() - AFrom, ANeedle.data(), ANeedle.size());
   return hit ? static_cast<size_t>(static_cast<const char*>(hit) - AText.data()) : std::string_view::npos;

@@ -74,6 +74,11 @@ TEST(EventXmlData, NoDataSectionGivesNoValues) {
   TStringList values{"stale"};
   ReadEventDataValues("<Event><System></System></Event>", values);
   EXPECT_TRUE(values.empty());
+  // A self-closed section has empty content: nothing in it is searched (found by fuzzing).
+  std::vector<uint8_t> binary{1};
+  ReadEventDataValues("<Event><System></System><EventData/></Event>", values, &binary);
+  EXPECT_TRUE(values.empty());
+  EXPECT_TRUE(binary.empty());
 }
 
 // The list's strings are filled again in place (their capacity kept): values of an
