@@ -144,6 +144,12 @@ int FindBadDocumentStart(const std::string& AText, std::string& AReason) {
     if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
     const bool marker = text.size() >= 3 && (text.substr(0, 3) == "---" || text.substr(0, 3) == "...") &&
                         (text.size() == 3 || text[3] == ' ' || text[3] == '\t');
+    // yaml-cpp also loops for ever on some runs of directives between documents. Rules
+    // use none; a '%' at the start of a line can be nothing else.
+    if (!text.empty() && text[0] == '%') {
+      AReason = "YAML directives ('%' at the start of a line) are not used in rules";
+      return line;
+    }
     if (marker) {
       const size_t rest = text.find_first_not_of(" \t", 3);
       if (rest != std::string_view::npos && text[rest] != '#') {
@@ -155,7 +161,7 @@ int FindBadDocumentStart(const std::string& AText, std::string& AReason) {
     }
     if (!opening) continue;
     const size_t first = text.find_first_not_of(" \t");
-    if (first == std::string_view::npos || text[first] == '#' || (text[first] == '%' && first == 0)) continue;
+    if (first == std::string_view::npos || text[first] == '#') continue;
     static constexpr std::string_view kIndicators = ",[]{}#&*!|>'\"%@`?:-";
     const size_t colon = text.find(':');
     const bool keyed = colon != std::string_view::npos && colon > 0 &&

@@ -87,6 +87,10 @@ TEST(SigmaHostileRules, DocumentsThatDoNotOpenWithAKeyAreRefusedBeforeParsing) {
   EXPECT_EQ(ReasonOf("--- ,"), "r.yml:1: content after '---' on the same line");
   // A ',' inside the mapping is an ordinary error.
   EXPECT_NE(ReasonOf("title: t\n,x\n").find("YAML error"), std::string::npos);
+  // Runs of directives between documents made it loop as well, filling memory with documents.
+  const std::string directive = "YAML directives ('%' at the start of a line) are not used in rules";
+  EXPECT_EQ(ReasonOf("title: one\n---\n%tier: m\nnull: s}(---\n%title: two\n"), "r.yml:3: " + directive);
+  EXPECT_EQ(ReasonOf("%YAML 1.2\n---\ntitle: t\n"), "r.yml:1: " + directive);
 }
 
 // A NUL inside a flow scalar reached the same loop.
