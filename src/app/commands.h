@@ -204,6 +204,9 @@ struct TServeOptions {
 };
 // Serves a store in the browser until Ctrl-C. Returns the exit status.
 int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
+// Runs `serve` with this command line in the browser view's own program, quorvex-serve,
+// found beside this one. Returns only when it cannot be started.
+int RunServeProgram(int AArgc, char** AArgv, std::FILE* AErr);
 
 // Writes the demo log to APath and, when AList, lists its events. Returns the exit status.
 int RunDemo(const std::string& APath, uint64_t ARecords, bool AList, std::FILE* AOut, std::FILE* AErr);

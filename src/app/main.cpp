@@ -394,6 +394,9 @@ int main(int argc, char** argv) {
   if (*cmdOpen) return RunOpen(store, stderr);
   if (*cmdRefresh) return RunRefresh(store, stderr);
   if (*cmdServe) {
+#ifdef QVX_SERVE_PROGRAM
+    return RunServeProgram(argc, argv, stderr);
+#endif
     serve.Store = store;
     return RunServe(serve, stdout, stderr);
   }

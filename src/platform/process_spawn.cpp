@@ -6,6 +6,7 @@
 #else
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -183,5 +184,39 @@ bool StartProgram(const std::string& ACommandLine) {
 }
 
 #endif
+
+std::string ProgramFolder() {
+#ifdef _WIN32
+  std::wstring path(32768, L'\0');
+  const DWORD n = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+  if (n == 0 || n >= path.size()) return {};
+  path.resize(n);
+  const size_t slash = path.find_last_of(L"\\/");
+  if (slash == std::wstring::npos) return {};
+  return Utf16ToUtf8(std::u16string_view(reinterpret_cast<const char16_t*>(path.data()), slash));
+#else
+  std::string path(4096, '\0');
+  const ssize_t n = ::readlink("/proc/self/exe", path.data(), path.size());
+  if (n <= 0 || static_cast<size_t>(n) >= path.size()) return {};
+  path.resize(static_cast<size_t>(n));
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+#endif
+}
+
+std::string ReplaceProcess(const std::string& APath, const std::vector<std::string>& AArguments) {
+#ifdef _WIN32
+  (void)APath;
+  (void)AArguments;
+  return "not supported on Windows";
+#else
+  std::vector<char*> argv;
+  argv.reserve(AArguments.size() + 1);
+  for (const std::string& arg : AArguments) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  ::execv(APath.c_str(), argv.data());
+  return std::strerror(errno);
+#endif
+}
 
 } // namespace qvx

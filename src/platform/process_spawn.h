@@ -32,4 +32,13 @@ std::vector<std::string> SplitWindowsCommandLine(std::string_view ACommandLine);
 // a background thread collects finished children so they do not linger as zombies.
 bool StartProgram(const std::string& ACommandLine);
 
+// The folder that holds the running program ("" when the system cannot tell).
+std::string ProgramFolder();
+
+// Replaces the running process by the program at APath, given AArguments (the first one
+// is its name), the same environment and the same open files: the process keeps its ID,
+// its terminal and its signals. Returns only when that failed, with the reason. POSIX
+// only; on Windows it always fails.
+std::string ReplaceProcess(const std::string& APath, const std::vector<std::string>& AArguments);
+
 } // namespace qvx

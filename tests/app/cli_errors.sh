@@ -43,4 +43,11 @@ if [ "$(id -u)" != 0 ]; then
   chmod 000 "$tmp/locked.evtx"
   expect no-permission 1 "quorvex: $tmp/locked.evtx: 13: Permission denied" -- "$QVX" dump "$tmp/locked.evtx"
 fi
+# serve runs in quorvex-serve beside the program; without it, one line says so.
+if [ -x "$(dirname "$QVX")/quorvex-serve" ]; then
+  mkdir "$tmp/alone"
+  cp "$QVX" "$tmp/alone/quorvex"
+  expect serve-program-missing 1 "quorvex: cannot start $tmp/alone/quorvex-serve, the program of the browser view (No such file or directory); it is built beside quorvex" -- \
+    "$tmp/alone/quorvex" serve --no-browser "$tmp/none.evtx"
+fi
 exit $fail
