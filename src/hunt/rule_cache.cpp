@@ -287,27 +287,31 @@ bool TRuleCache::DecodeVerdicts(std::string_view ABytes, const std::string& AFil
 
 void TRuleCache::Load() {
   FLoaded.clear();
-  FBuffer.clear();
+  FBuffer.reset();
+  FBufferSize = 0;
   auto ignore = [&](std::string ANote) {
     FNote = FFile + ": " + std::move(ANote);
-    FBuffer.clear();
-    FBuffer.shrink_to_fit();
+    FBuffer.reset();
+    FBufferSize = 0;
   };
   std::error_code error;
   const uintmax_t size = fs::file_size(FFile, error);
   if (error) return; // no cache yet
   if (size > kMaxFileBytes || size < kHeaderBytes) return ignore("not a rule cache of a sensible size, ignored");
   // The entries point into the buffer, which stays as it is while the cache lives.
-  FBuffer.assign(static_cast<size_t>(size), '\0');
+  // (Not zeroed first: the read fills it.)
+  FBufferSize = static_cast<size_t>(size);
+  FBuffer = std::make_unique_for_overwrite<char[]>(FBufferSize);
   {
     std::ifstream in(FFile, std::ios::binary);
-    if (!in.read(FBuffer.data(), static_cast<std::streamsize>(FBuffer.size()))) return ignore("cannot be read, ignored");
+    if (!in.read(FBuffer.get(), static_cast<std::streamsize>(FBufferSize))) return ignore("cannot be read, ignored");
   }
-  const std::string_view bytes = FBuffer;
+  const std::string_view bytes(FBuffer.get(), FBufferSize);
   if (bytes.substr(0, 8) != std::string_view(kMagic, 8)) return ignore("offset 0: not a rule cache, ignored");
   TCursor header(bytes.substr(8, kHeaderBytes - 8));
   if (header.U32() != kVersion) { // another version: rebuilt without a word
-    FBuffer.clear();
+    FBuffer.reset();
+    FBufferSize = 0;
     return;
   }
   const uint64_t payloadSize = header.U64();

@@ -165,7 +165,8 @@ private:
   };
   std::string FFile;
   std::string FNote;
-  std::string FBuffer;          // the cache file as read
+  std::unique_ptr<char[]> FBuffer; // the cache file as read
+  size_t FBufferSize = 0;
   std::deque<std::string> FOwned; // entries encoded this time (stable places)
   std::unordered_map<std::string, TEntry> FLoaded; // by path
   std::vector<TEntry> FNext;

@@ -22,20 +22,15 @@ void TRuleSet::LoadPath(const std::string& APath) {
   std::error_code error;
   const fs::file_status status = fs::status(APath, error);
   if (error || !fs::exists(status)) RaiseSigmaError(APath, 0, "no such rule file or folder");
-  std::vector<std::string> files;
+  std::vector<TStampedFile> files;
   if (!fs::is_directory(status)) {
     if (!std::ifstream(APath, std::ios::binary)) RaiseSigmaError(APath, 0, "cannot be read");
-    files.push_back(APath);
+    TStampedFile& file = files.emplace_back();
+    file.Path = APath;
+    file.Stamped = ReadFileStamp(APath, file.Stamp);
   } else {
-    fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error);
-    if (error) RaiseSigmaError(APath, 0, "cannot be read: " + error.message());
-    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
-      if (error) break;
-      const std::string extension = FoldText(it->path().extension().string());
-      if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error))
-        files.push_back(it->path().string());
-    }
-    std::sort(files.begin(), files.end());
+    std::string why;
+    if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
   }
   std::unique_ptr<TRuleCache> cache;
   if (!FCacheFolder.empty()) {
@@ -58,10 +53,10 @@ void TRuleSet::LoadPath(const std::string& APath) {
     std::atomic<size_t> next{0};
     auto work = [&] {
       for (size_t i; (i = next++) < count;) {
-        const std::string& file = files[first + i];
+        const std::string& file = files[first + i].Path;
         TParsedFile& out = parsed[i];
-        TFileStamp stamp;
-        const bool stamped = cache && ReadFileStamp(file, stamp);
+        const TFileStamp& stamp = files[first + i].Stamp;
+        const bool stamped = cache && files[first + i].Stamped;
         if (stamped) {
           TCachedRuleFile found;
           if (cache->FindUnread(file, stamp, out.Key, found)) {
@@ -116,7 +111,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
     work();
     for (std::thread& thread : pool) thread.join();
     for (size_t i = 0; i < count; ++i) {
-      Compile(parsed[i], files[first + i]);
+      Compile(parsed[i], files[first + i].Path);
       if (!cache || parsed[i].Key.Path.empty()) continue;
       if (parsed[i].Cached)
         cache->Keep(parsed[i].Key);
