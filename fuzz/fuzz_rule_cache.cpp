@@ -1,5 +1,6 @@
 // Fuzz target: one entry of the rule cache (a parsed rule file as hunt/rule_cache.h
-// stores it) read back, and the rules of the documents it holds compiled.
+// stores it) read back, and the rules of the documents it holds compiled; and the same
+// bytes read as an entry's verdicts.
 //
 // The cache lives in the user's folder and is untrusted: an entry either reads back
 // whole, encodes to the very same bytes and compiles (or is named unusable), or is
@@ -11,9 +12,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   const std::string_view bytes(reinterpret_cast<const char*>(AData), ASize);
+  std::vector<qvx::hunt::TRuleVerdict> verdicts;
+  qvx::hunt::TRuleCache::DecodeVerdicts(bytes, "fuzz.yml", verdicts);
   qvx::hunt::TParsedRuleFile parsed;
   if (!qvx::hunt::TRuleCache::Decode(bytes, parsed)) return 0;
   std::string again;

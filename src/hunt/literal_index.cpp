@@ -174,7 +174,7 @@ uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText, std::v
   return literal;
 }
 
-TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
+TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) {
   // The literal of every value test, per binding (the binding says which event field a
   // rule's field reads).
   size_t tests = 0;
@@ -183,11 +183,12 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
   while (slots < 2 * tests) slots *= 2;
   std::vector<uint32_t> interned(slots, 0);
   std::string text;
+  FTestLiterals.resize(ABindings.size());
   for (size_t b = 0; b < ABindings.size(); ++b) {
-    TRuleBinding& binding = *ABindings[b];
+    const TRuleBinding& binding = *ABindings[b];
     const TSigmaRule& rule = *binding.Rule;
-    binding.Number = static_cast<uint32_t>(b);
-    binding.TestLiterals.assign(rule.TestCount, kNoLiteral);
+    std::vector<uint32_t>& testLiterals = FTestLiterals[b];
+    testLiterals.assign(rule.TestCount, kNoLiteral);
     for (const TSearch& search : rule.Searches)
       for (const TSearchAlt& alt : search.Alts)
         for (const TFieldTest& field : alt.Fields) {
@@ -195,27 +196,27 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
           for (const TValueTest& value : field.Values) {
             LiteralText(value, text);
             const uint32_t literal = Intern(fieldId, text, interned);
-            if (literal != kNoLiteral) binding.TestLiterals[value.Index] = literal << 1 | (DecidedByLiteral(value) ? 0 : 1);
+            if (literal != kNoLiteral) testLiterals[value.Index] = literal << 1 | (DecidedByLiteral(value) ? 0 : 1);
           }
         }
   }
 
   // One automaton per field, over the literals in the order they came (so a budget cut
-  // keeps the same ones every time). Keyword literals get an automaton per set of rules
-  // that are tested together (ScansOf), as every value of the event goes through it.
+  // keeps the same ones every time), and one for the keyword literals, as every value of
+  // the event goes through it.
   std::vector<std::vector<uint32_t>> byField;
+  std::vector<uint32_t> keywords;
   FIndexed.assign(FLengths.size(), 0);
   for (uint32_t literal = 0; literal < FLengths.size(); ++literal) {
     const uint32_t field = FFields[literal];
     if (field == kKeywordField) {
       FIndexed[literal] = 1; // a keyword set is within the budget (a rule's values are bounded)
+      keywords.push_back(literal);
       continue;
     }
     if (field >= byField.size()) byField.resize(field + 1);
     byField[field].push_back(literal);
   }
-  FByField.assign(byField.size(), -1);
-  std::vector<uint32_t> fields; // with literals, in field order
   for (size_t field = 0; field < byField.size(); ++field) {
     std::vector<uint32_t>& literals = byField[field];
     if (literals.empty()) continue;
@@ -228,27 +229,29 @@ TLiteralIndex::TLiteralIndex(const std::vector<TRuleBinding*>& ABindings) {
         FIndexed[literal] = 1;
       }
     literals.resize(kept);
-    FByField[field] = static_cast<int32_t>(fields.size());
-    fields.push_back(static_cast<uint32_t>(field));
-  }
-  FAutomata.reserve(fields.size());
-  for (const uint32_t field : fields) {
+    FScans.push_back({static_cast<uint32_t>(FAutomata.size()), static_cast<uint32_t>(field)});
     FAutomata.push_back(std::make_unique<TAutomaton>());
-    FAutomata.back()->Literals = std::move(byField[field]);
+    FAutomata.back()->Literals = std::move(literals);
+  }
+  if (!keywords.empty()) {
+    FScans.push_back({static_cast<uint32_t>(FAutomata.size()), kKeywordField});
+    FAutomata.push_back(std::make_unique<TAutomaton>());
+    FAutomata.back()->Literals = std::move(keywords);
   }
 
   // Tests whose literal did not fit search the value themselves; then what each binding needs.
   FNeededBy.resize(FLengths.size());
-  for (TRuleBinding* binding : ABindings) {
-    for (uint32_t& coded : binding->TestLiterals)
+  FAlways.assign(ABindings.size(), 1);
+  for (uint32_t b = 0; b < ABindings.size(); ++b) {
+    const TRuleBinding& binding = *ABindings[b];
+    for (uint32_t& coded : FTestLiterals[b])
       if (coded != kNoLiteral && !FIndexed[coded >> 1]) coded = kNoLiteral;
-    const std::optional<TNeed> need =
-        TNeeds(*binding->Rule, binding->TestLiterals, FLengths).Node(binding->Rule->Condition);
-    binding->Always = !need || need->empty();
-    if (binding->Always) continue;
+    const std::optional<TNeed> need = TNeeds(*binding.Rule, FTestLiterals[b], FLengths).Node(binding.Rule->Condition);
+    if (!need || need->empty()) continue;
+    FAlways[b] = 0;
     for (const uint32_t literal : *need) {
       std::vector<uint32_t>& list = FNeededBy[literal];
-      if (list.empty() || list.back() != binding->Number) list.push_back(binding->Number);
+      if (list.empty() || list.back() != b) list.push_back(b);
     }
   }
 }
@@ -374,37 +377,6 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   }
 }
 
-std::vector<TLiteralIndex::TScan> TLiteralIndex::ScansOf(const std::vector<const TRuleBinding*>& ABindings) {
-  std::vector<uint32_t> fields, keywords;
-  for (const TRuleBinding* binding : ABindings)
-    for (const uint32_t coded : binding->TestLiterals) {
-      if (coded == kNoLiteral) continue;
-      const uint32_t literal = coded >> 1;
-      if (FFields[literal] == kKeywordField)
-        keywords.push_back(literal);
-      else
-        fields.push_back(FFields[literal]);
-    }
-  std::sort(fields.begin(), fields.end());
-  fields.erase(std::unique(fields.begin(), fields.end()), fields.end());
-  std::vector<TScan> scans;
-  for (const uint32_t field : fields) scans.push_back({static_cast<uint32_t>(FByField[field]), field});
-  if (!keywords.empty()) {
-    std::sort(keywords.begin(), keywords.end());
-    keywords.erase(std::unique(keywords.begin(), keywords.end()), keywords.end());
-    auto known =
-        std::find_if(FKeywordSets.begin(), FKeywordSets.end(), [&](const auto& A) { return A.first == keywords; });
-    if (known == FKeywordSets.end()) {
-      FAutomata.push_back(std::make_unique<TAutomaton>());
-      FAutomata.back()->Literals = keywords;
-      FKeywordSets.emplace_back(keywords, static_cast<uint32_t>(FAutomata.size() - 1));
-      known = FKeywordSets.end() - 1;
-    }
-    scans.push_back({known->second, kKeywordField});
-  }
-  return scans;
-}
-
 const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
   TAutomaton& automaton = *FAutomata[AAutomaton];
   if (automaton.Ready.load(std::memory_order_acquire)) [[likely]]
@@ -490,7 +462,7 @@ size_t TLiteralIndex::MemoryBytes() const {
   };
   for (const auto& automaton : FAutomata) add(*automaton);
   for (const auto& list : FNeededBy) total += list.size() * 4 + sizeof list;
-  return total + FLengths.size() * 8 + FByField.size() * 4;
+  return total + FLengths.size() * 8;
 }
 
 } // namespace qvx::hunt

@@ -10,6 +10,9 @@
 // is decided by it, and a cased test or a wildcard pattern is tried only when its text
 // was found.
 //
+// An index serves one list of bindings (the rules of one channel and event ID, see
+// rule_set.h), and is made when an event first needs that list.
+//
 // The same texts select the rules worth evaluating: from its tests each rule binding gets
 // a set of texts of which at least one must be in the event for it to match (a field test
 // needs one of its values' texts, an AND what its most selective part needs, an OR all of
@@ -53,22 +56,28 @@ public:
   static constexpr uint32_t kNoLiteral = 0xFFFFFFFF;
   static constexpr uint32_t kKeywordField = 0xFFFFFFFE; // keyword tests: every value of the event
 
-  // Builds the automata from every binding's tests and sets the bindings' Number,
-  // TestLiterals, Needs and Always.
-  explicit TLiteralIndex(const std::vector<TRuleBinding*>& ABindings);
+  // Builds the index of one list of bindings (binding number I is ABindings[I]): the
+  // literal of each of their tests, what each binding needs, and the automata (left
+  // unbuilt until first scanned).
+  explicit TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings);
 
   uint32_t LiteralCount() const { return static_cast<uint32_t>(FLengths.size()); }
-  // What must be scanned before ABindings are evaluated: the automaton of each field
+  // What must be scanned before the bindings are evaluated: the automaton of each field
   // their tests read literals of (Field: that field), and one of their keywords' literals
-  // (Field: kKeywordField, every value of the event). Built for these bindings when new.
+  // (Field: kKeywordField, every value of the event). One entry per automaton.
   struct TScan {
     uint32_t Automaton = 0;
     uint32_t Field = 0;
   };
-  std::vector<TScan> ScansOf(const std::vector<const TRuleBinding*>& ABindings);
+  const std::vector<TScan>& Scans() const { return FScans; }
   uint32_t AutomatonCount() const { return static_cast<uint32_t>(FAutomata.size()); }
   // The numbers of the bindings that need ALiteral.
   const std::vector<uint32_t>& NeededBy(uint32_t ALiteral) const { return FNeededBy[ALiteral]; }
+  // Per value test of binding ABinding (TValueTest::Index): literal << 1 | 1 when only a
+  // hint, kNoLiteral when the test has none (MatchRule's ATestLiterals).
+  const uint32_t* TestLiterals(uint32_t ABinding) const { return FTestLiterals[ABinding].data(); }
+  // The binding needs no literal: it is evaluated on every event it is a candidate for.
+  bool Always(uint32_t ABinding) const { return FAlways[ABinding] != 0; }
   // Scans AText (as the event has it; folded while scanned) with automaton AAutomaton,
   // adding the literals it finds to AHits. Builds the automaton first when it is new;
   // safe on several threads at once.
@@ -117,9 +126,10 @@ private:
   std::vector<uint32_t> FLengths;    // per literal: length in bytes
   std::vector<uint8_t> FIndexed;     // per literal: in its automaton (not over the budget)
   std::vector<std::vector<uint32_t>> FNeededBy;
+  std::vector<std::vector<uint32_t>> FTestLiterals; // per binding
+  std::vector<uint8_t> FAlways;                     // per binding
   std::vector<std::unique_ptr<TAutomaton>> FAutomata; // (not movable: once flags)
-  std::vector<int32_t> FByField;     // event field -> index in FAutomata, or -1
-  std::vector<std::pair<std::vector<uint32_t>, uint32_t>> FKeywordSets; // keyword literals -> automaton
+  std::vector<TScan> FScans;
 };
 
 } // namespace qvx::hunt

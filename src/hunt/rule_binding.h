@@ -14,10 +14,10 @@ struct TRuleBinding {
   const TSigmaRule* Rule = nullptr;
   std::vector<uint32_t> SlotFields; // rule slot -> event field number
   std::vector<std::pair<uint32_t, std::vector<std::string>>> Where; // event field -> folded values (any)
-  // Set when the rule set's literal index is built (see literal_index.h):
-  uint32_t Number = 0;                // index among the rule set's bindings
-  std::vector<uint32_t> TestLiterals; // per value test (TValueTest::Index): literal << 1 | 1 when only a hint
-  bool Always = true;                 // needs no literal: evaluated on every event it is a candidate for
+  // The rule's place among those the rule set compiles when first needed, or kCompiled
+  // (see rule_set.h).
+  static constexpr uint32_t kCompiled = 0xFFFFFFFF;
+  uint32_t Deferred = kCompiled;
 };
 
 } // namespace qvx::hunt

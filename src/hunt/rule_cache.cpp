@@ -215,29 +215,103 @@ bool TRuleCache::Decode(std::string_view ABytes, TParsedRuleFile& AParsed) {
   return cursor.AtEnd();
 }
 
+void TRuleCache::EncodeVerdicts(const std::vector<TRuleVerdict>& AVerdicts, std::string& AOut) {
+  AOut.clear();
+  PutU32(AOut, static_cast<uint32_t>(AVerdicts.size()));
+  auto texts = [&](const std::vector<std::string>& ATexts) {
+    PutU32(AOut, static_cast<uint32_t>(ATexts.size()));
+    for (const std::string& text : ATexts) PutText(AOut, text);
+  };
+  for (const TRuleVerdict& verdict : AVerdicts) {
+    PutU32(AOut, verdict.Document);
+    PutU8(AOut, verdict.Header ? 1 : 0);
+    if (!verdict.Header) {
+      PutText(AOut, verdict.Title);
+      PutText(AOut, verdict.Error);
+      continue;
+    }
+    const TSigmaRule& rule = *verdict.Header;
+    for (const std::string* text : {&rule.Title, &rule.Id, &rule.Author, &rule.Status, &rule.Description, &rule.Date})
+      PutText(AOut, *text);
+    PutU8(AOut, rule.Level);
+    texts(rule.Tags);
+    texts(rule.SlotNames);
+    for (const std::string* text : {&rule.Product, &rule.Category, &rule.Service}) PutText(AOut, *text);
+    PutU32(AOut, static_cast<uint32_t>(rule.EventIds.size()));
+    for (const uint32_t id : rule.EventIds) PutU32(AOut, id);
+  }
+}
+
+bool TRuleCache::DecodeVerdicts(std::string_view ABytes, const std::string& AFile,
+                                std::vector<TRuleVerdict>& AVerdicts) {
+  AVerdicts.clear();
+  TCursor cursor(ABytes);
+  // Each count is checked against the bytes left (a text takes 4 bytes at least).
+  auto texts = [&](std::vector<std::string>& ATexts) {
+    const uint32_t count = cursor.U32();
+    if (!cursor.Ok() || count > cursor.Left() / 4) return cursor.Fail();
+    ATexts.reserve(count);
+    for (uint32_t i = 0; i < count && cursor.Ok(); ++i) ATexts.emplace_back(cursor.Text());
+  };
+  const uint32_t count = cursor.U32();
+  if (!cursor.Ok() || count > cursor.Left() / 5) return false;
+  AVerdicts.resize(count);
+  for (TRuleVerdict& verdict : AVerdicts) {
+    verdict.Document = cursor.U32();
+    const uint8_t state = cursor.U8();
+    if (state == 0) {
+      verdict.Title = cursor.Text();
+      verdict.Error = cursor.Text();
+      continue;
+    }
+    if (state != 1) return false;
+    auto rule = std::make_unique<TSigmaRule>();
+    rule->File = AFile;
+    rule->Condition.Kind = TCondNode::cnOr; // no detection yet: never matches
+    for (std::string* text : {&rule->Title, &rule->Id, &rule->Author, &rule->Status, &rule->Description, &rule->Date})
+      *text = cursor.Text();
+    const uint8_t level = cursor.U8();
+    if (level > slCritical) return false;
+    rule->Level = static_cast<TSigmaLevel>(level);
+    texts(rule->Tags);
+    texts(rule->SlotNames);
+    for (std::string* text : {&rule->Product, &rule->Category, &rule->Service}) *text = cursor.Text();
+    const uint32_t ids = cursor.U32();
+    if (!cursor.Ok() || ids > cursor.Left() / 4) return false;
+    for (uint32_t i = 0; i < ids; ++i) rule->EventIds.insert(cursor.U32());
+    if (!cursor.Ok()) return false;
+    verdict.Header = std::move(rule);
+  }
+  return cursor.AtEnd();
+}
+
 void TRuleCache::Load() {
   FLoaded.clear();
-  FBuffer.clear();
+  FBuffer.reset();
+  FBufferSize = 0;
   auto ignore = [&](std::string ANote) {
     FNote = FFile + ": " + std::move(ANote);
-    FBuffer.clear();
-    FBuffer.shrink_to_fit();
+    FBuffer.reset();
+    FBufferSize = 0;
   };
   std::error_code error;
   const uintmax_t size = fs::file_size(FFile, error);
   if (error) return; // no cache yet
   if (size > kMaxFileBytes || size < kHeaderBytes) return ignore("not a rule cache of a sensible size, ignored");
   // The entries point into the buffer, which stays as it is while the cache lives.
-  FBuffer.assign(static_cast<size_t>(size), '\0');
+  // (Not zeroed first: the read fills it.)
+  FBufferSize = static_cast<size_t>(size);
+  FBuffer = std::make_unique_for_overwrite<char[]>(FBufferSize);
   {
     std::ifstream in(FFile, std::ios::binary);
-    if (!in.read(FBuffer.data(), static_cast<std::streamsize>(FBuffer.size()))) return ignore("cannot be read, ignored");
+    if (!in.read(FBuffer.get(), static_cast<std::streamsize>(FBufferSize))) return ignore("cannot be read, ignored");
   }
-  const std::string_view bytes = FBuffer;
+  const std::string_view bytes(FBuffer.get(), FBufferSize);
   if (bytes.substr(0, 8) != std::string_view(kMagic, 8)) return ignore("offset 0: not a rule cache, ignored");
   TCursor header(bytes.substr(8, kHeaderBytes - 8));
   if (header.U32() != kVersion) { // another version: rebuilt without a word
-    FBuffer.clear();
+    FBuffer.reset();
+    FBufferSize = 0;
     return;
   }
   const uint64_t payloadSize = header.U64();
@@ -259,6 +333,7 @@ void TRuleCache::Load() {
     entry.Key.StatusTime = static_cast<int64_t>(cursor.U64());
     entry.Key.Identity = cursor.U64();
     entry.Bytes = cursor.Text();
+    entry.Verdicts = cursor.Text();
     if (cursor.Ok()) {
       std::string path = entry.Key.Path;
       loaded.insert_or_assign(std::move(path), std::move(entry));
@@ -270,30 +345,46 @@ void TRuleCache::Load() {
   FLoaded = std::move(loaded);
 }
 
-bool TRuleCache::Find(const TRuleFileKey& AKey, TParsedRuleFile& AParsed) const {
+bool TRuleCache::Find(const TRuleFileKey& AKey, TCachedRuleFile& AFound) const {
   const auto found = FLoaded.find(AKey.Path);
   if (found == FLoaded.end() || !(found->second.Key == AKey)) return false;
-  return Decode(found->second.Bytes, AParsed);
+  AFound = {found->second.Bytes, found->second.Verdicts};
+  return true;
+}
+
+bool TRuleCache::Find(const TRuleFileKey& AKey, TParsedRuleFile& AParsed) const {
+  TCachedRuleFile found;
+  return Find(AKey, found) && Decode(found.Parsed, AParsed);
 }
 
 bool TRuleCache::FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
-                            TParsedRuleFile& AParsed) const {
+                            TCachedRuleFile& AFound) const {
   const auto found = FLoaded.find(APath);
   if (found == FLoaded.end()) return false;
   const TRuleFileKey& key = found->second.Key;
   if ((key.StatusTime == 0 && key.Identity == 0) || key.Size != AStamp.Size || key.ChangeTime != AStamp.ChangeTime ||
       key.StatusTime != AStamp.StatusTime || key.Identity != AStamp.Identity)
     return false;
-  if (!Decode(found->second.Bytes, AParsed)) return false;
+  AFound = {found->second.Bytes, found->second.Verdicts};
   AKey = key;
   return true;
 }
 
-void TRuleCache::Put(const TRuleFileKey& AKey, std::string AEncoded) {
+bool TRuleCache::FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
+                            TParsedRuleFile& AParsed) const {
+  TCachedRuleFile found;
+  TRuleFileKey key;
+  if (!FindUnread(APath, AStamp, key, found) || !Decode(found.Parsed, AParsed)) return false;
+  AKey = key;
+  return true;
+}
+
+void TRuleCache::Put(const TRuleFileKey& AKey, std::string AEncoded, std::string AVerdicts) {
   FLoaded.erase(AKey.Path);
   TEntry& entry = FNext.emplace_back();
   entry.Key = AKey;
   entry.Bytes = FOwned.emplace_back(std::move(AEncoded));
+  if (!AVerdicts.empty()) entry.Verdicts = FOwned.emplace_back(std::move(AVerdicts));
   FChanged = true;
   ++FMisses;
 }
@@ -325,6 +416,7 @@ bool TRuleCache::Save() {
     PutU64(payload, static_cast<uint64_t>(entry.Key.StatusTime));
     PutU64(payload, entry.Key.Identity);
     PutText(payload, entry.Bytes);
+    PutText(payload, entry.Verdicts);
   }
   if (payload.size() > kMaxFileBytes - kHeaderBytes) return false;
   std::string bytes(kMagic, 8);

@@ -6,6 +6,12 @@
 // and a hash of its bytes; rules are compiled from them as from freshly parsed text, so a
 // cached load gives the same rules, detections and unusable rules as an uncached one.
 //
+// An entry also keeps what compiling each document gave (TRuleVerdict: the rule without
+// its detection, or why it cannot be used), so that a cached load knows every rule's log
+// source, level and usability without compiling it: the rule set compiles a cached rule
+// only when an event it can match first arrives (rule_set.h). The format version changes
+// whenever compiling gives other results.
+//
 // An entry also keeps the file's stamp (platform/file_stamp.h: identity and entry change
 // time beside size and change time); a rule file whose stamp is the entry's is taken
 // from the cache without being read at all, as reading and hashing two thousand files
@@ -25,6 +31,12 @@
 //                  state u8 (0 documents, 1 error), then
 //                    error: u32 length, bytes
 //                    documents: u32 count, then nodes
+//                  verdicts (u32 length, bytes; 0: none kept), as EncodeVerdicts writes:
+//                    u32 count, then per verdict: document u32, state u8 (1 compiled),
+//                    compiled: title, id, author, status, description, date (texts),
+//                      level u8, tags, slot names (u32 count, texts), product,
+//                      category, service (texts), event IDs (u32 count, u32 each)
+//                    not compiled: title, error (texts)
 //                  node: kind u8 (TYamlNode::TKind), line u32, then
 //                    scalar: u32 length, bytes;  list: u32 count, nodes;
 //                    map: u32 count, (u32 key length, key bytes, node) each
@@ -37,11 +49,13 @@
 // see half a cache; a cache that cannot be written is simply not kept.
 #pragma once
 
+#include "hunt/sigma_rule.h"
 #include "hunt/sigma_yaml.h"
 #include "platform/file_stamp.h"
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -76,9 +90,26 @@ struct TParsedRuleFile {
   std::vector<TYamlNode> Documents;
 };
 
+// What compiling one document of a rule file gave: the rule without its detection
+// (everything but Searches, Condition and TestCount), or its title and why it cannot be used.
+struct TRuleVerdict {
+  uint32_t Document = 0; // among the file's documents
+  std::unique_ptr<TSigmaRule> Header; // null: not compiled
+  std::string Title, Error;
+};
+
+// An entry found in the cache: the parsed file (Encode's form) and its verdicts
+// (EncodeVerdicts' form; empty when none were kept). Views into the cache, good while it lives.
+struct TCachedRuleFile {
+  std::string_view Parsed;
+  std::string_view Verdicts;
+};
+
 class TRuleCache {
 public:
-  static constexpr uint32_t kVersion = 2;
+  // Changed whenever the form changes or compiling a rule gives other results (entries
+  // keep the verdicts).
+  static constexpr uint32_t kVersion = 3;
   static constexpr uint64_t kMaxFileBytes = 256ull << 20;
 
   // The user's cache folder for quorvex; "" when neither XDG_CACHE_HOME nor HOME is set.
@@ -100,8 +131,13 @@ public:
   // several threads at once.
   bool FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
                   TParsedRuleFile& AParsed) const;
-  // Keeps a parsed file (Encode's form) for the next save.
-  void Put(const TRuleFileKey& AKey, std::string AEncoded);
+  // The same, as the entry's bytes (not decoded).
+  bool Find(const TRuleFileKey& AKey, TCachedRuleFile& AFound) const;
+  bool FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
+                  TCachedRuleFile& AFound) const;
+  // Keeps a parsed file (Encode's form) and its verdicts (EncodeVerdicts' form, or "")
+  // for the next save.
+  void Put(const TRuleFileKey& AKey, std::string AEncoded, std::string AVerdicts = {});
   // Keeps the entry Find found for AKey for the next save, with AKey's stamp.
   void Keep(const TRuleFileKey& AKey);
   // Writes the entries put or kept since Load when anything changed (entries not used
@@ -116,15 +152,21 @@ public:
   // The serialised form of a parsed file, and back (false for bytes that do not read).
   static void Encode(const TParsedRuleFile& AParsed, std::string& AOut);
   static bool Decode(std::string_view ABytes, TParsedRuleFile& AParsed);
+  // The verdicts of a file's documents, and back (false for bytes that do not read; the
+  // headers' File is AFile).
+  static void EncodeVerdicts(const std::vector<TRuleVerdict>& AVerdicts, std::string& AOut);
+  static bool DecodeVerdicts(std::string_view ABytes, const std::string& AFile, std::vector<TRuleVerdict>& AVerdicts);
 
 private:
   struct TEntry {
     TRuleFileKey Key;
-    std::string_view Bytes; // Encode's form, in FBuffer or FOwned
+    std::string_view Bytes;    // Encode's form, in FBuffer or FOwned
+    std::string_view Verdicts; // EncodeVerdicts' form (or empty), likewise
   };
   std::string FFile;
   std::string FNote;
-  std::string FBuffer;          // the cache file as read
+  std::unique_ptr<char[]> FBuffer; // the cache file as read
+  size_t FBufferSize = 0;
   std::deque<std::string> FOwned; // entries encoded this time (stable places)
   std::unordered_map<std::string, TEntry> FLoaded; // by path
   std::vector<TEntry> FNext;

@@ -22,20 +22,15 @@ void TRuleSet::LoadPath(const std::string& APath) {
   std::error_code error;
   const fs::file_status status = fs::status(APath, error);
   if (error || !fs::exists(status)) RaiseSigmaError(APath, 0, "no such rule file or folder");
-  std::vector<std::string> files;
+  std::vector<TStampedFile> files;
   if (!fs::is_directory(status)) {
     if (!std::ifstream(APath, std::ios::binary)) RaiseSigmaError(APath, 0, "cannot be read");
-    files.push_back(APath);
+    TStampedFile& file = files.emplace_back();
+    file.Path = APath;
+    file.Stamped = ReadFileStamp(APath, file.Stamp);
   } else {
-    fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error);
-    if (error) RaiseSigmaError(APath, 0, "cannot be read: " + error.message());
-    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
-      if (error) break;
-      const std::string extension = FoldText(it->path().extension().string());
-      if ((extension == ".yml" || extension == ".yaml") && it->is_regular_file(error))
-        files.push_back(it->path().string());
-    }
-    std::sort(files.begin(), files.end());
+    std::string why;
+    if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
   }
   std::unique_ptr<TRuleCache> cache;
   if (!FCacheFolder.empty()) {
@@ -58,16 +53,23 @@ void TRuleSet::LoadPath(const std::string& APath) {
     std::atomic<size_t> next{0};
     auto work = [&] {
       for (size_t i; (i = next++) < count;) {
-        const std::string& file = files[first + i];
+        const std::string& file = files[first + i].Path;
         TParsedFile& out = parsed[i];
-        TFileStamp stamp;
-        const bool stamped = cache && ReadFileStamp(file, stamp);
+        const TFileStamp& stamp = files[first + i].Stamp;
+        const bool stamped = cache && files[first + i].Stamped;
         if (stamped) {
-          TParsedRuleFile yaml;
-          if (cache->FindUnread(file, stamp, out.Key, yaml)) {
-            out.Cached = true;
-            CompileDocuments(yaml, file, out);
-            continue;
+          TCachedRuleFile found;
+          if (cache->FindUnread(file, stamp, out.Key, found)) {
+            if (FromCache(found, file, out)) continue;
+            // An entry without its verdicts: compiled now, and kept again with them.
+            TParsedRuleFile yaml;
+            if (TRuleCache::Decode(found.Parsed, yaml)) {
+              out.Encoded.assign(found.Parsed);
+              CompileDocuments(yaml, file, out);
+              EncodeVerdicts(out);
+              continue;
+            }
+            out = {};
           }
         }
         std::ifstream in(file, std::ios::binary);
@@ -96,13 +98,12 @@ void TRuleSet::LoadPath(const std::string& APath) {
           const fs::file_time_type changed = fs::last_write_time(file, timeError);
           out.Key.ChangeTime = timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count());
         }
-        TParsedRuleFile yaml;
-        out.Cached = cache->Find(out.Key, yaml);
-        if (!out.Cached) {
-          yaml = ParseFile(text, file);
-          TRuleCache::Encode(yaml, out.Encoded);
-        }
+        TCachedRuleFile found;
+        if (cache->Find(out.Key, found) && FromCache(found, file, out)) continue;
+        const TParsedRuleFile yaml = ParseFile(text, file);
+        TRuleCache::Encode(yaml, out.Encoded);
         CompileDocuments(yaml, file, out);
+        EncodeVerdicts(out);
       }
     };
     std::vector<std::thread> pool;
@@ -110,18 +111,20 @@ void TRuleSet::LoadPath(const std::string& APath) {
     work();
     for (std::thread& thread : pool) thread.join();
     for (size_t i = 0; i < count; ++i) {
-      Compile(parsed[i], files[first + i]);
+      Compile(parsed[i], files[first + i].Path);
       if (!cache || parsed[i].Key.Path.empty()) continue;
       if (parsed[i].Cached)
         cache->Keep(parsed[i].Key);
       else
-        cache->Put(parsed[i].Key, std::move(parsed[i].Encoded));
+        cache->Put(parsed[i].Key, std::move(parsed[i].Encoded), std::move(parsed[i].Verdicts));
     }
   }
   if (cache) {
     FCacheHits += cache->Hits();
     FCacheMisses += cache->Misses();
     if (!cache->Save()) FCacheNotes.push_back(cache->File() + ": the rule cache could not be written");
+    // The deferred rules' parsed forms are read from its buffer.
+    FCaches.push_back(std::move(cache));
   }
 }
 
@@ -147,14 +150,54 @@ void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedF
   CompileDocuments(ParseFile(AText, AFile), AFile, AParsed);
 }
 
+bool TRuleSet::FromCache(const TCachedRuleFile& AFound, const std::string& AFile, TParsedFile& AParsed) {
+  AParsed.Rules.clear();
+  AParsed.Error.clear();
+  if (!AFound.Parsed.empty() && AFound.Parsed[0] == 1) {
+    // The file is not YAML: its entry holds only the error.
+    TParsedRuleFile yaml;
+    if (!TRuleCache::Decode(AFound.Parsed, yaml)) return false;
+    CompileDocuments(yaml, AFile, AParsed);
+  } else {
+    std::vector<TRuleVerdict> verdicts;
+    if (AFound.Verdicts.empty() || !TRuleCache::DecodeVerdicts(AFound.Verdicts, AFile, verdicts)) return false;
+    for (TRuleVerdict& verdict : verdicts) {
+      TCompiledRule& compiled = AParsed.Rules.emplace_back();
+      compiled.Document = verdict.Document;
+      compiled.Title = std::move(verdict.Title);
+      compiled.Error = std::move(verdict.Error);
+      compiled.Rule = std::move(verdict.Header);
+      compiled.Deferred = compiled.Rule != nullptr;
+    }
+  }
+  AParsed.Parsed = AFound.Parsed;
+  AParsed.Cached = true;
+  return true;
+}
+
+void TRuleSet::EncodeVerdicts(TParsedFile& AParsed) {
+  std::vector<TRuleVerdict> verdicts(AParsed.Rules.size());
+  for (size_t i = 0; i < verdicts.size(); ++i) {
+    TCompiledRule& compiled = AParsed.Rules[i];
+    verdicts[i].Document = compiled.Document;
+    verdicts[i].Title = compiled.Title;
+    verdicts[i].Error = compiled.Error;
+    verdicts[i].Header = std::move(compiled.Rule); // lent for the encoding
+  }
+  TRuleCache::EncodeVerdicts(verdicts, AParsed.Verdicts);
+  for (size_t i = 0; i < verdicts.size(); ++i) AParsed.Rules[i].Rule = std::move(verdicts[i].Header);
+}
+
 void TRuleSet::CompileDocuments(const TParsedRuleFile& AYaml, const std::string& AFile, TParsedFile& AParsed) {
   if (AYaml.Failed) {
     AParsed.Error = AYaml.Error;
     return;
   }
-  for (const TYamlNode& document : AYaml.Documents) {
+  for (size_t d = 0; d < AYaml.Documents.size(); ++d) {
+    const TYamlNode& document = AYaml.Documents[d];
     if (document.IsNull()) continue;
     TCompiledRule& compiled = AParsed.Rules.emplace_back();
+    compiled.Document = static_cast<uint32_t>(d);
     try {
       compiled.Rule = CompileSigmaRule(document, AFile);
     } catch (const ESigmaError& e) {
@@ -188,16 +231,18 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
       continue;
     }
     const size_t before = FBindings.size();
-    Bind(*rule, variants);
+    const uint32_t deferred = compiled.Deferred ? static_cast<uint32_t>(FDeferred.size()) : TRuleBinding::kCompiled;
+    Bind(*rule, variants, deferred);
     if (FBindings.size() == before) {
       FUnusable.push_back({AFile, rule->Title, AFile + ": the event IDs its condition needs are not those of its log source"});
       continue;
     }
+    if (compiled.Deferred) FDeferred.push_back({rule.get(), AParsed.Parsed, compiled.Document, 0});
     FRules.push_back(std::move(rule));
   }
 }
 
-void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants) {
+void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred) {
   for (const TLogSourceVariant& variant : AVariants) {
     // The event IDs both the log source and the condition allow.
     std::set<uint32_t> ids;
@@ -212,6 +257,7 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
 
     auto binding = std::make_unique<TRuleBinding>();
     binding->Rule = &ARule;
+    binding->Deferred = ADeferred;
     for (const std::string& slot : ARule.SlotNames) {
       std::string name = slot;
       for (const auto& [from, to] : variant.Fields)
@@ -224,51 +270,74 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
       binding->Where.emplace_back(FNames.Intern(field), std::move(folded));
     }
     TChannelIndex& index = variant.Channel == "*" ? FAnyChannel : FByChannel[FoldText(variant.Channel)];
+    auto add = [&](TBindingList& AList) {
+      AList.Bindings.push_back(binding.get());
+      AList.Ready = false;
+    };
     if (ids.empty())
-      index.AnyId.Bindings.push_back(binding.get());
+      add(index.AnyId);
     else
-      for (const uint32_t id : ids) index.ById[id].Bindings.push_back(binding.get());
-    FPrepared = false;
+      for (const uint32_t id : ids) add(index.ById[id]);
     FBindings.push_back(std::move(binding));
   }
 }
 
+bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
+  TDeferredRule& deferred = FDeferred[AIndex];
+  if (deferred.State != 0) return deferred.State == 1;
+  deferred.State = 2;
+  TSigmaRule& rule = *deferred.Rule;
+  TParsedRuleFile parsed;
+  if (TRuleCache::Decode(deferred.Parsed, parsed) && !parsed.Failed && deferred.Document < parsed.Documents.size()) {
+    try {
+      std::unique_ptr<TSigmaRule> compiled = CompileSigmaRule(parsed.Documents[deferred.Document], rule.File);
+      // What loading used must be what compiling gives now.
+      if (compiled->SlotNames == rule.SlotNames && compiled->EventIds == rule.EventIds &&
+          compiled->Product == rule.Product && compiled->Category == rule.Category &&
+          compiled->Service == rule.Service) {
+        rule.Searches = std::move(compiled->Searches);
+        rule.Condition = std::move(compiled->Condition);
+        rule.TestCount = compiled->TestCount;
+        deferred.State = 1;
+      }
+    } catch (const ESigmaError&) {
+    }
+  }
+  // A cache written by another build that compiles differently: the rule never matches
+  // (its condition is an empty OR), and the run says so.
+  if (deferred.State != 1) FCacheNotes.push_back(rule.File + ": the rule compiles otherwise than the rule cache says; not used");
+  return deferred.State == 1;
+}
+
+size_t TRuleSet::DeferredCompiled() const {
+  const std::lock_guard<std::mutex> lock(FPrepareMutex);
+  return static_cast<size_t>(
+      std::count_if(FDeferred.begin(), FDeferred.end(), [](const TDeferredRule& A) { return A.State == 1; }));
+}
+
+void TRuleSet::PrepareList(const TBindingList& AList) const {
+  if (AList.Ready.load(std::memory_order_relaxed)) return;
+  auto& list = const_cast<TBindingList&>(AList);
+  for (const TRuleBinding* binding : list.Bindings)
+    if (binding->Deferred != TRuleBinding::kCompiled) CompileDeferred(binding->Deferred);
+  list.Literals = std::make_unique<TLiteralIndex>(list.Bindings);
+  list.AlwaysAt.clear();
+  for (uint32_t i = 0; i < list.Bindings.size(); ++i)
+    if (list.Literals->Always(i)) list.AlwaysAt.push_back(i);
+  list.Ready.store(true, std::memory_order_release);
+}
+
 void TRuleSet::Prepare() const {
   const std::lock_guard<std::mutex> lock(FPrepareMutex);
-  if (FPrepared.load(std::memory_order_relaxed)) return;
-  auto* self = const_cast<TRuleSet*>(this);
-  std::vector<TRuleBinding*> bindings;
-  bindings.reserve(FBindings.size());
-  for (const std::unique_ptr<TRuleBinding>& binding : FBindings) bindings.push_back(binding.get());
-  self->FLiterals = std::make_unique<TLiteralIndex>(bindings);
-  auto fields = [&](TBindingList& AList) {
-    AList.Scans = self->FLiterals->ScansOf(AList.Bindings);
-    AList.Numbers.clear();
-    AList.AlwaysAt.clear();
-    AList.PlaceOf.clear();
-    for (const TRuleBinding* binding : AList.Bindings)
-      AList.Numbers.push_back(binding->Number | (binding->Always ? TBindingList::kAlways : 0));
-    if (AList.Bindings.size() < TBindingList::kLongList) return;
-    for (uint32_t i = 0; i < AList.Bindings.size(); ++i) {
-      if (AList.Bindings[i]->Always)
-        AList.AlwaysAt.push_back(i);
-      else
-        AList.PlaceOf.emplace_back(AList.Bindings[i]->Number, i);
-    }
-    std::sort(AList.PlaceOf.begin(), AList.PlaceOf.end());
-  };
-  for (auto& [channel, index] : self->FByChannel) {
-    for (auto& [id, list] : index.ById) fields(list);
-    fields(index.AnyId);
+  for (const auto& [channel, index] : FByChannel) {
+    for (const auto& [id, list] : index.ById) PrepareList(list);
+    if (!index.AnyId.Bindings.empty()) PrepareList(index.AnyId);
   }
-  for (auto& [id, list] : self->FAnyChannel.ById) fields(list);
-  fields(self->FAnyChannel.AnyId);
-  FPrepared.store(true, std::memory_order_release);
+  for (const auto& [id, list] : FAnyChannel.ById) PrepareList(list);
+  if (!FAnyChannel.AnyId.Bindings.empty()) PrepareList(FAnyChannel.AnyId);
 }
 
 TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
-  if (!FPrepared.load(std::memory_order_acquire)) [[unlikely]]
-    Prepare();
   TCandidates out;
   AKey.assign(AChannel);
   for (char& c : AKey) c = FoldChar(c);
@@ -279,6 +348,11 @@ TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t A
   }
   if (const auto id = FAnyChannel.ById.find(AEventId); id != FAnyChannel.ById.end()) out.Lists[2] = &id->second;
   if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
+  for (const TBindingList* list : out.Lists)
+    if (list && !list->Ready.load(std::memory_order_acquire)) [[unlikely]] {
+      const std::lock_guard<std::mutex> lock(FPrepareMutex);
+      PrepareList(*list);
+    }
   return out;
 }
 
@@ -303,33 +377,28 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
   FFields.Load(AXml);
+  for (const TBindingList* list : candidates.Lists)
+    if (list) TestList(*list);
+  return {FDetections.data(), FCount};
+}
 
-  // Every literal of the candidate rules, found in one pass over each value they read.
-  const TLiteralIndex& literals = *FRules.Literals();
-  if (FHits.Bits.size() != literals.LiteralCount()) {
-    FHits.Bits.assign(literals.LiteralCount(), 0);
-    FHits.Found.clear();
-  }
-  if (FSelected.size() != FRules.BindingCount()) FSelected.assign(FRules.BindingCount(), 0);
-  if (FScanned.size() != literals.AutomatonCount()) FScanned.assign(literals.AutomatonCount(), 0);
+void THunter::TestList(const TBindingList& AList) {
+  // Every literal of the list's rules, found in one pass over each value they read.
+  const TLiteralIndex& literals = *AList.Literals;
+  if (FHits.Bits.size() < literals.LiteralCount()) FHits.Bits.resize(literals.LiteralCount(), 0);
+  if (FSelected.size() < AList.Bindings.size()) FSelected.resize(AList.Bindings.size(), 0);
   if (++FStamp == 0) {
-    std::fill(FScanned.begin(), FScanned.end(), 0);
     std::fill(FSelected.begin(), FSelected.end(), 0);
     FStamp = 1;
   }
   FHits.Clear();
-  for (const auto* list : candidates.Lists) {
-    if (!list) continue;
-    for (const TLiteralIndex::TScan& scan : list->Scans) {
-      if (FScanned[scan.Automaton] == FStamp) continue;
-      FScanned[scan.Automaton] = FStamp;
-      if (scan.Field == TLiteralIndex::kKeywordField) {
-        for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
-        continue;
-      }
-      for (int v = FFields.First(scan.Field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
-        literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
+  for (const TLiteralIndex::TScan& scan : literals.Scans()) {
+    if (scan.Field == TLiteralIndex::kKeywordField) {
+      for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
+      continue;
     }
+    for (int v = FFields.First(scan.Field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
+      literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
   }
   FSelectedList.clear();
   for (const uint32_t literal : FHits.Found)
@@ -339,47 +408,40 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
         FSelectedList.push_back(binding);
       }
 
-  for (const auto* list : candidates.Lists) {
-    if (!list) continue;
-    // The places to evaluate, in list order.
-    FPlaces.clear();
-    if (list->Bindings.size() >= TBindingList::kLongList) {
-      for (const uint32_t number : FSelectedList) {
-        const auto at = std::lower_bound(list->PlaceOf.begin(), list->PlaceOf.end(), std::make_pair(number, uint32_t{0}));
-        if (at != list->PlaceOf.end() && at->first == number) FPlaces.push_back(at->second);
-      }
-      const size_t selected = FPlaces.size();
-      FPlaces.insert(FPlaces.end(), list->AlwaysAt.begin(), list->AlwaysAt.end());
-      std::sort(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected));
-      std::inplace_merge(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected), FPlaces.end());
-    } else {
-      for (uint32_t i = 0; i < list->Numbers.size(); ++i)
-        if ((list->Numbers[i] & TBindingList::kAlways) || FSelected[list->Numbers[i]] == FStamp) FPlaces.push_back(i);
-    }
-    for (const uint32_t place : FPlaces) {
-      const TRuleBinding* binding = list->Bindings[place];
-      if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
-      if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, nullptr, binding->TestLiterals.data(),
-                     FHits.Bits.data()))
-        continue;
-      // Matched: once more, noting the values that satisfied the searches.
-      FRecord.clear();
-      MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);
-      if (FCount == FDetections.size()) FDetections.emplace_back();
-      TDetection& detection = FDetections[FCount++];
-      detection.Rule = binding->Rule;
-      detection.Matched.clear();
-      for (const TMatchedValue& value : FRecord) {
-        const std::string_view name = value.Slot == TMatchedValue::kKeywordSlot
-                                          ? FFields.Value(value.Value).Name
-                                          : std::string_view(binding->Rule->SlotNames[value.Slot]);
-        const std::pair<std::string_view, std::string_view> item{name, FFields.Value(value.Value).Text};
-        if (std::find(detection.Matched.begin(), detection.Matched.end(), item) == detection.Matched.end())
-          detection.Matched.push_back(item);
-      }
+  // The places to evaluate, in list order.
+  FPlaces.clear();
+  if (AList.Bindings.size() >= TBindingList::kLongList) {
+    FPlaces.assign(FSelectedList.begin(), FSelectedList.end());
+    const size_t selected = FPlaces.size();
+    FPlaces.insert(FPlaces.end(), AList.AlwaysAt.begin(), AList.AlwaysAt.end());
+    std::sort(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected));
+    std::inplace_merge(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected), FPlaces.end());
+  } else {
+    for (uint32_t i = 0; i < AList.Bindings.size(); ++i)
+      if (FSelected[i] == FStamp || literals.Always(i)) FPlaces.push_back(i);
+  }
+  for (const uint32_t place : FPlaces) {
+    const TRuleBinding* binding = AList.Bindings[place];
+    if (!binding->Where.empty() && !WhereHolds(*binding, FFields)) continue;
+    if (!MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, nullptr, literals.TestLiterals(place),
+                   FHits.Bits.data()))
+      continue;
+    // Matched: once more, noting the values that satisfied the searches.
+    FRecord.clear();
+    MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);
+    if (FCount == FDetections.size()) FDetections.emplace_back();
+    TDetection& detection = FDetections[FCount++];
+    detection.Rule = binding->Rule;
+    detection.Matched.clear();
+    for (const TMatchedValue& value : FRecord) {
+      const std::string_view name = value.Slot == TMatchedValue::kKeywordSlot
+                                        ? FFields.Value(value.Value).Name
+                                        : std::string_view(binding->Rule->SlotNames[value.Slot]);
+      const std::pair<std::string_view, std::string_view> item{name, FFields.Value(value.Value).Text};
+      if (std::find(detection.Matched.begin(), detection.Matched.end(), item) == detection.Matched.end())
+        detection.Matched.push_back(item);
     }
   }
-  return {FDetections.data(), FCount};
 }
 
 } // namespace qvx::hunt

@@ -5,10 +5,17 @@
 // places its log source maps to (one binding per channel: the event IDs it can match and
 // the event field each of its fields reads). Bindings are indexed by channel and event
 // ID, so an event is tested only against the rules that can match it, and an event no
-// rule can match is not even read for fields. Every literal of the bound rules goes into
-// one index (literal_index.h): per event, the values are scanned once for all of them,
-// and only the rules whose literals were found are evaluated. Rules that cannot be used
-// are kept with the reason, once each; loading goes on.
+// rule can match is not even read for fields. Every literal of the rules of one channel
+// and ID goes into one index (literal_index.h), made when an event first needs it: per
+// event, the values are scanned once for all of them, and only the rules whose literals
+// were found are evaluated. Rules that cannot be used are kept with the reason, once
+// each; loading goes on.
+//
+// With a rule cache, a rule found there is not compiled at load: the cache knows
+// whether it compiles and its log source, level and fields (rule_cache.h), which is all
+// loading and binding need, and its detection is compiled when a list it is in is first
+// needed. A log of one channel compiles only the rules that can see its events, and the
+// unusable rules are known at load as without the cache.
 #pragma once
 
 #include "hunt/event_fields.h"
@@ -41,19 +48,17 @@ struct TUnusableRule {
   std::string Reason; // "FILE:LINE: why"
 };
 
-// The bindings of one channel and event ID (or of any ID), in load order, with the
-// event fields whose values must be scanned for their literals.
+// The bindings of one channel and event ID (or of any ID), in load order (a binding's
+// number in the list's literal index is its place), and what is made when an event first
+// needs the list.
 struct TBindingList {
   std::vector<const TRuleBinding*> Bindings;
-  std::vector<TLiteralIndex::TScan> Scans;
-  // Per binding, in the same order: its number, with kAlways when it needs no literal.
-  std::vector<uint32_t> Numbers;
-  static constexpr uint32_t kAlways = 0x80000000;
+  std::unique_ptr<TLiteralIndex> Literals;
   // A long list is not walked whole per event: the places of the bindings that need no
-  // literal, and (number, place) of the others sorted by number.
+  // literal, in order.
   static constexpr size_t kLongList = 64;
   std::vector<uint32_t> AlwaysAt;
-  std::vector<std::pair<uint32_t, uint32_t>> PlaceOf;
+  std::atomic<bool> Ready{false}; // Literals and AlwaysAt made for these bindings
 };
 
 class TRuleSet {
@@ -87,15 +92,17 @@ public:
   struct TCandidates {
     const TBindingList* Lists[4] = {};
   };
+  // Each list returned is ready: its rules compiled and its literal index made, by the
+  // first call that needs it (by one thread: hunters that need it together wait).
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
-  // Builds the literal index; done by the first Candidates call when not called before
-  // (by one thread: hunters that start together wait for it). Rules loaded afterwards
-  // build it again. Hunters on several threads may share the rule set (loading more
-  // rules while they run is not allowed).
+  // Makes every list ready now. Rules loaded afterwards make their lists again. Hunters
+  // on several threads may share the rule set (loading more rules while they run is not
+  // allowed).
   void Prepare() const;
-  // The literal index (null before Prepare).
-  const TLiteralIndex* Literals() const { return FLiterals.get(); }
   size_t BindingCount() const { return FBindings.size(); }
+  // Rules found in the cache whose detection has been compiled so far, of those bound.
+  size_t DeferredCompiled() const;
+  size_t DeferredCount() const { return FDeferred.size(); }
 
 private:
   struct TChannelIndex {
@@ -106,19 +113,34 @@ private:
   struct TCompiledRule {
     std::unique_ptr<TSigmaRule> Rule; // null when it could not be compiled
     std::string Title, Error;
+    uint32_t Document = 0; // among the file's documents
+    bool Deferred = false; // Rule is the cache's header: its detection is compiled when needed
   };
   struct TParsedFile {
     std::vector<TCompiledRule> Rules;
     std::string Error; // why the file could not be read as YAML
     TRuleFileKey Key;    // with a cache: the file's version
-    bool Cached = false; // found in the cache
-    std::string Encoded; // not found: its cache entry
+    bool Cached = false; // found in the cache (with its verdicts)
+    std::string Encoded, Verdicts; // not found: its cache entry
+    std::string_view Parsed;       // found: its parsed form in the cache
+  };
+  // A rule taken from the cache, bound, and compiled when first needed.
+  struct TDeferredRule {
+    TSigmaRule* Rule = nullptr;
+    std::string_view Parsed; // its file's parsed form, in the cache
+    uint32_t Document = 0;
+    uint8_t State = 0; // 0 not compiled yet, 1 compiled, 2 could not be compiled
   };
   static TParsedRuleFile ParseFile(const std::string& AText, const std::string& AFile);
   static void CompileDocuments(const TParsedRuleFile& AYaml, const std::string& AFile, TParsedFile& AParsed);
   static void Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed);
+  // The rules of a file found in the cache with its verdicts; false when they do not read.
+  static bool FromCache(const TCachedRuleFile& AFound, const std::string& AFile, TParsedFile& AParsed);
+  static void EncodeVerdicts(TParsedFile& AParsed);
   void Compile(TParsedFile& AParsed, const std::string& AFile);
-  void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants);
+  void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred);
+  void PrepareList(const TBindingList& AList) const; // under FPrepareMutex
+  bool CompileDeferred(uint32_t AIndex) const;       // under FPrepareMutex
 
   const TLogMapping& FMapping;
   TRuleFilter FFilter;
@@ -129,12 +151,12 @@ private:
   size_t FFilteredOut = 0;
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   TChannelIndex FAnyChannel;
-  std::unique_ptr<TLiteralIndex> FLiterals;
-  mutable std::atomic<bool> FPrepared{false};
   mutable std::mutex FPrepareMutex;
+  mutable std::vector<TDeferredRule> FDeferred;
+  std::vector<std::unique_ptr<TRuleCache>> FCaches; // kept for the deferred rules' parsed form
   std::string FCacheFolder;
   size_t FCacheHits = 0, FCacheMisses = 0;
-  std::vector<std::string> FCacheNotes;
+  mutable std::vector<std::string> FCacheNotes;
 };
 
 // A detection: the rule, and the fields and values that satisfied its searches (views
@@ -158,18 +180,19 @@ public:
   const TEventFields& Fields() const { return FFields; }
 
 private:
+  void TestList(const TBindingList& AList);
+
   const TRuleSet& FRules;
   TEventFields FFields;
   std::vector<TDetection> FDetections; // kept with their room; the first FCount are this event's
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
-  TLiteralHits FHits;
-  std::vector<uint32_t> FScanned;  // per automaton: the event the values were scanned for
-  std::vector<uint32_t> FSelected; // per binding: the event for which a literal it needs was found
+  TLiteralHits FHits;              // of the list being tested (room for the largest)
+  std::vector<uint32_t> FSelected; // per binding of the list: the stamp for which a literal it needs was found
   std::string FKey;
-  std::vector<uint32_t> FSelectedList; // this event's selected bindings
+  std::vector<uint32_t> FSelectedList; // the selected bindings of the list being tested
   std::vector<uint32_t> FPlaces;
-  uint32_t FStamp = 0;
+  uint32_t FStamp = 0; // one per list tested
   uint64_t FEvents = 0;
   uint64_t FTested = 0;
 };

@@ -9,6 +9,8 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace qvx {
 
@@ -23,5 +25,22 @@ struct TFileStamp {
 // The stamp of the regular file APath; false when there is no such file or the
 // platform cannot give a stamp that would show every change.
 bool ReadFileStamp(const std::string& APath, TFileStamp& AStamp);
+
+// A file ListStampedFiles found, with its stamp when the platform gives one.
+struct TStampedFile {
+  std::string Path;
+  TFileStamp Stamp;
+  bool Stamped = false;
+};
+
+// The regular files under AFolder, searched recursively, whose extension (case ignored,
+// as ".yml") is one of AExtensions, sorted by path; paths are AFolder joined with the
+// names below it. Symbolic links to files count as files, links to folders are not
+// followed, and folders that cannot be read are passed over. Each file's stamp is read
+// relative to its folder (POSIX: fstatat), so its path is not walked again per file
+// (cheaper than stamping the paths on several threads). False, with AError, when
+// AFolder itself cannot be read.
+bool ListStampedFiles(const std::string& AFolder, const std::vector<std::string_view>& AExtensions,
+                      std::vector<TStampedFile>& AFiles, std::string& AError);
 
 } // namespace qvx

@@ -106,6 +106,70 @@ TEST(RuleCache, CachedLoadsGiveTheSameRulesAndDetections) {
   EXPECT_NE(second.Reasons[1].find("YAML error"), std::string::npos) << second.Reasons[1];
 }
 
+// A rule taken from the cache is bound from what the cache says of it and compiled when
+// an event first needs a list it is in: a Sysmon log compiles the process creation rules
+// and not the System rule, and the detections and unusable rules are those of a load
+// that compiles every rule.
+TEST(RuleCache, ACachedRuleIsCompiledWhenAnEventFirstNeedsIt) {
+  const fs::path scratch = ScratchDir();
+  const fs::path rules = RuleFolder(scratch);
+  WriteText(rules / "e.yml", RuleText("  sel:\n    EventID: 7045\n    ServiceName: x\n  condition: sel\n",
+                                      "    product: windows\n    service: system\n"));
+  const std::string cache = (scratch / "cache").string();
+  const std::string log = LogFile();
+  const TLoaded plain = Load(rules, "", log);
+  ASSERT_EQ(plain.Detections.size(), 3u);
+  Load(rules, cache, log); // writes the cache
+
+  TRuleSet cached;
+  cached.SetCacheFolder(cache);
+  cached.LoadPath(rules.string());
+  EXPECT_EQ(cached.CacheHits(), 5u);
+  ASSERT_EQ(cached.Rules().size(), 3u);
+  EXPECT_EQ(cached.DeferredCount(), 3u);
+  EXPECT_EQ(cached.DeferredCompiled(), 0u);
+  std::vector<std::string> reasons, titles;
+  for (const auto& unusable : cached.Unusable()) reasons.push_back(unusable.Reason);
+  for (const auto& rule : cached.Rules()) titles.push_back(rule->File + "|" + rule->Title);
+  EXPECT_EQ(reasons, plain.Reasons);
+  EXPECT_EQ(titles, plain.Titles);
+  EXPECT_EQ(HuntFile(cached, log), plain.Detections);
+  EXPECT_EQ(cached.DeferredCompiled(), 2u); // not the System rule
+  EXPECT_TRUE(cached.CacheNotes().empty());
+  cached.Prepare();
+  EXPECT_EQ(cached.DeferredCompiled(), 3u);
+}
+
+// Verdicts (what compiling each document gave) round-trip, and cut bytes are refused.
+TEST(RuleCache, VerdictsRoundTrip) {
+  TParsedRuleFile parsed;
+  parsed.Documents = hunt::ParseYamlDocuments(RuleText("  sel:\n    Image|endswith: x\n  condition: sel\n"), "/r/a.yml");
+  std::vector<hunt::TRuleVerdict> verdicts(2);
+  verdicts[0].Header = hunt::CompileSigmaRule(parsed.Documents[0], "/r/a.yml");
+  verdicts[1].Document = 1;
+  verdicts[1].Title = "broken";
+  verdicts[1].Error = "/r/a.yml:3: unknown modifier";
+  std::string bytes;
+  TRuleCache::EncodeVerdicts(verdicts, bytes);
+  std::vector<hunt::TRuleVerdict> back;
+  ASSERT_TRUE(TRuleCache::DecodeVerdicts(bytes, "/r/a.yml", back));
+  ASSERT_EQ(back.size(), 2u);
+  ASSERT_TRUE(back[0].Header);
+  EXPECT_EQ(back[0].Header->Title, verdicts[0].Header->Title);
+  EXPECT_EQ(back[0].Header->SlotNames, verdicts[0].Header->SlotNames);
+  EXPECT_EQ(back[0].Header->Category, "process_creation");
+  EXPECT_EQ(back[0].Header->File, "/r/a.yml");
+  EXPECT_TRUE(back[0].Header->Searches.empty());
+  EXPECT_FALSE(back[1].Header);
+  EXPECT_EQ(back[1].Document, 1u);
+  EXPECT_EQ(back[1].Error, verdicts[1].Error);
+  std::string again;
+  TRuleCache::EncodeVerdicts(back, again);
+  EXPECT_EQ(again, bytes);
+  for (size_t cut = 0; cut < bytes.size(); ++cut)
+    EXPECT_FALSE(TRuleCache::DecodeVerdicts(bytes.substr(0, cut), "/r/a.yml", back)) << cut;
+}
+
 TEST(RuleCache, AChangedRuleFileIsParsedAgain) {
   const fs::path scratch = ScratchDir();
   const fs::path rules = RuleFolder(scratch);
