@@ -66,12 +66,19 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
     else
       AResult.DataCrcOk = 0;
   }
-  chunk.AppendXML(AResult.Xml);
-  ReplaceControlCharacters(AResult.Xml);
+  AResult.FieldsRead = false;
+  AResult.RecordFields.clear();
+  AResult.RecordsFromXml = 0;
+  if (AJob.ReadRecords) {
+    AJob.ReadRecords(chunk, AResult);
+  } else {
+    chunk.AppendXML(AResult.Xml);
+    ReplaceControlCharacters(AResult.Xml);
+    AResult.Issues = chunk.RenderIssues();
+  }
   int count = chunk.Count();
   for (int i = 0; i < count; ++i)
     if (chunk.GetEvent(i)->Valid()) ++AResult.Records;
-  AResult.Issues = chunk.RenderIssues();
   AResult.Records -= static_cast<uint32_t>(AResult.Issues.size());
   // The walk ends at the first record that fails its checks; below the free space
   // offset that is damage (an empty chunk's first slot is not).
@@ -92,6 +99,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       job.Truncated = false;
       job.CheckCrc = false;
       job.ReadFrom = nullptr;
+      job.ReadRecords = nullptr;
       if (!AProducer(job)) return;
       RenderChunk(job, result);
       AConsumer(result);
@@ -186,6 +194,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           job.Truncated = false;
           job.CheckCrc = false;
           job.ReadFrom = nullptr;
+          job.ReadRecords = nullptr;
           if (!AProducer(job)) {
             exhausted = true;
             batchFree.notify_all();

@@ -18,6 +18,12 @@
 
 namespace qvx {
 
+struct TChunkResult;
+
+// Reads a chunk's records into a result in place of the XML render (the engine's reader
+// of event fields): it fills Xml, or Fields and RecordFields, and Issues.
+using TChunkRecordReader = void (*)(TEvtxChunk& AChunk, TChunkResult& AResult);
+
 // One chunk's bytes and where they came from.
 struct TChunkJob {
   uint64_t Sequence = 0;       // position in the source's order
@@ -33,6 +39,8 @@ struct TChunkJob {
   // without finding a chunk before this one, and bytes of the source read by then.
   uint32_t EmptyBlocksBefore = 0;
   uint64_t SourceRead = 0;
+  // When set, reads the records instead of rendering their XML.
+  TChunkRecordReader ReadRecords = nullptr;
 };
 
 // The rendered result of one chunk.
@@ -47,6 +55,16 @@ struct TChunkResult {
   int HeaderCrcOk = -1;         // 1 matches, 0 does not, -1 not checked
   int DataCrcOk = -1;
   std::string Xml;              // their XML, in file order
+  // Filled by a record reader instead of Xml (FieldsRead set): each event's fields as
+  // text, event after event in file order; RecordFields says where each one's begin.
+  bool FieldsRead = false;
+  struct TRecordSpan {
+    uint32_t First = 0; // index of its first field in Fields
+    uint32_t Count = 0;
+  };
+  std::vector<std::string> Fields;   // kept from chunk to chunk, so the strings keep their room
+  std::vector<TRecordSpan> RecordFields;
+  uint32_t RecordsFromXml = 0;       // events whose fields were read from their rendered XML
   std::vector<TChunkIssue> Issues; // records that could not be rendered, and where the walk stopped
   uint32_t EmptyBlocksBefore = 0;  // as in the job
   uint64_t SourceRead = 0;
