@@ -312,17 +312,30 @@ uint32_t ProgramNumber(const TBXmlTemplateNode* ATemplate, std::string& AScratch
   return it->second;
 }
 
-// Per chunk: the numbers of its templates' programs and the room the values are written in.
-struct TReaderState {
-  TEvtxChunk& Chunk;
-  TChunkResult& Result;
-  std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers;
+// What a reading thread keeps from chunk to chunk: the room the values are written in.
+struct TReaderRoom {
+  std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers; // of the chunk's programs
   std::string Scratch;
   std::vector<TFragment> Fragments;
   std::string Key;
   std::string Value; // a value's XML text
   std::string Hex;
+  std::string Xml;
+  std::vector<uint8_t> Failed;
+};
+
+// Per chunk.
+struct TReaderState {
+  TEvtxChunk& Chunk;
+  TChunkResult& Result;
+  TReaderRoom& Room;
   uint32_t Used = 0; // slots of Result.Fields in use
+  std::unordered_map<const TBXmlTemplateNode*, uint32_t>& Numbers = Room.Numbers;
+  std::string& Scratch = Room.Scratch;
+  std::vector<TFragment>& Fragments = Room.Fragments;
+  std::string& Key = Room.Key;
+  std::string& Value = Room.Value;
+  std::string& Hex = Room.Hex;
 
   std::string& Slot() {
     if (Used < Result.Fields.size()) {
@@ -356,21 +369,23 @@ void AppendValue(TReaderState& R, const TBXmlSubstValue& AValue, std::string& AO
   const uint8_t* data = R.Chunk.Data() + AValue.Offset;
   switch (AValue.Type) {
   case 0x01: {
-    const size_t start = AOut.size();
-    AppendUtf16(AOut, data, AValue.Size / 2);
-    // UTF-8 puts no byte below 0x80 inside a sequence: each one is a character.
-    char* p = AOut.data();
-    const size_t end = AOut.size();
+    // Converted in the reused scratch string (the conversion makes room for the worst
+    // case first), then appended at its size.
+    std::string& text = R.Value;
+    text.clear();
+    AppendUtf16(text, data, AValue.Size / 2);
     bool special = false;
-    for (size_t i = start; i < end; ++i) special |= static_cast<unsigned char>(p[i]) < 0x20;
-    if (!special) return;
-    size_t out = start;
-    for (size_t i = start; i < end; ++i) {
-      const auto u = static_cast<unsigned char>(p[i]);
-      if (u == 0) continue;
-      p[out++] = u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : static_cast<char>(u);
+    for (const char c : text) special |= static_cast<unsigned char>(c) < 0x20;
+    if (!special) {
+      AOut.append(text);
+      return;
     }
-    AOut.resize(out);
+    // UTF-8 puts no byte below 0x80 inside a sequence: each one is a character.
+    for (const char c : text) {
+      const auto u = static_cast<unsigned char>(c);
+      if (u == 0) continue;
+      AOut.push_back(u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : c);
+    }
     return;
   }
   case 0x02:
@@ -563,9 +578,12 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   AResult.RecordsFromXml = 0;
   AResult.FieldsRead = true;
   GPlanCache.Trim();
-  TReaderState R{AChunk, AResult, {}, {}, {}, {}, {}, {}, 0};
-  std::string xml;
-  std::vector<uint8_t> failed; // per record: its render raised
+  // The room of the last chunk's reading is kept for the next one, on the same thread.
+  static thread_local TReaderRoom room;
+  room.Numbers.clear();
+  TReaderState R{AChunk, AResult, room, 0};
+  std::string& xml = room.Xml;
+  std::vector<uint8_t>& failed = room.Failed; // per record: its render raised
   bool whole = false;          // the chunk must be rendered whole
   const int count = AChunk.Count();
   failed.assign(static_cast<size_t>(count), 0);
