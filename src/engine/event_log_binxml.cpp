@@ -301,6 +301,15 @@ void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
     FEventIndex = 0;
     ++FChunkIndex;
   }
+  if (span.Plan != 0xFFFFFFFF) {
+    TakeRecordFields(FChunk, span, AFields);
+    AFields.UserName.clear();
+    AFields.EvtMessage.clear();
+    AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
+    ResolveTaskAndUser(AFields);
+    CompleteFields(AFields);
+    return;
+  }
   const std::string* fields = FChunk.Fields.data() + span.First;
   // Copied, not swapped: each side keeps its strings and their room (a string freed on
   // one thread and grown again on the other costs more than the copy).

@@ -4,6 +4,7 @@
 #include "engine/evtx/binxml_exception.h"
 #include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_chunk.h"
+#include "engine/evtx/evtx_layout.h"
 #include "engine/evtx/variant_types.h"
 #include "platform/utf16.h"
 
@@ -36,6 +37,7 @@ struct TSource {
   std::vector<TPiece> Pieces;
   uint8_t Kind = 0;    // data values: 0 <Data> of <EventData>, 1 text of <UserData>, 2 attribute of <UserData>
   bool Expand = false; // a <Data> that is the whole content of one value: an array repeats it per item
+  bool OptionalAttribute = false; // an attribute value that is one optional substitution
 };
 
 // A template instance that the record renders: the record's own, or one embedded in a
@@ -246,6 +248,12 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
     source.Kind = kinds[v];
     count(source);
   }
+  for (TSource& source : APlan.Values) {
+    if (source.Kind != 2 || source.Pieces.size() != 1 || source.Pieces[0].Ref == kFixed) continue;
+    const TRef& ref = APlan.Refs[source.Pieces[0].Ref];
+    const TBXmlOp& o = AFragments[ref.Fragment].Template->Ops[ref.Op];
+    source.OptionalAttribute = o.Optional && o.Attribute;
+  }
   APlan.ExpandRefs.assign(refs, 0);
   for (TSource& source : APlan.Values) {
     if (source.Kind != 0 || source.Pieces.size() != 1 || source.Pieces[0].Ref == kFixed) continue;
@@ -269,7 +277,7 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
 // its fragments and where each is embedded. Bounded: emptied when it grows too large.
 struct TPlanCache {
   std::unordered_map<std::string, uint32_t> Programs; // program → its number
-  std::unordered_map<std::string, TPlan> Plans;       // shape → plan
+  std::unordered_map<std::string, std::shared_ptr<const TPlan>> Plans; // shape → plan
   size_t Bytes = 0;
   static constexpr size_t kMaxBytes = 32 * 1024 * 1024;
   static constexpr size_t kMaxEntries = 20000;
@@ -322,6 +330,7 @@ struct TReaderRoom {
   std::string Hex;
   std::string Xml;
   std::vector<uint8_t> Failed;
+  std::unordered_map<const TPlan*, uint32_t> PlanIndex; // the chunk's plans: their index in its result
 };
 
 // Per chunk.
@@ -336,6 +345,8 @@ struct TReaderState {
   std::string& Key = Room.Key;
   std::string& Value = Room.Value;
   std::string& Hex = Room.Hex;
+  std::unordered_map<const TPlan*, uint32_t>& PlanIndex = Room.PlanIndex;
+  uint32_t LastPlan = 0;
 
   std::string& Slot() {
     if (Used < Result.Fields.size()) {
@@ -354,24 +365,41 @@ struct TReaderState {
   }
 };
 
-// Renders a value's XML text into R.Value (control characters replaced as in the
-// chunk's text).
-inline void RenderValue(TReaderState& R, const TBXmlSubstValue& AValue) {
-  R.Value.clear();
-  AppendVariantXml(R.Value, AValue.Type, R.Chunk.Data() + AValue.Offset, AValue.Size, kVarModeSubstitution);
-  ReplaceControlCharacters(R.Value);
+// Where the values of an event's fields lie: the chunk's bytes, and per ref of its plan
+// the value's offset, size and type packed as TChunkResult::Values holds them.
+struct TValueSet {
+  const uint8_t* Data;
+  const uint64_t* Refs;
+  std::string& Scratch;
+
+  TBXmlSubstValue Value(uint32_t ARef) const {
+    const uint64_t v = Refs[ARef];
+    return {static_cast<uint32_t>(v & 0xFFFF), static_cast<uint16_t>((v >> 16) & 0xFFFF),
+            static_cast<uint8_t>(v >> 32), nullptr};
+  }
+};
+
+inline uint64_t PackValue(const TBXmlSubstValue& AValue) {
+  return (AValue.Offset & 0xFFFF) | uint64_t{AValue.Size} << 16 | uint64_t{AValue.Type} << 32;
+}
+
+// Renders a value's XML text into AOut (control characters replaced as in the chunk's text).
+inline void RenderValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::string& AOut) {
+  AOut.clear();
+  AppendVariantXml(AOut, AValue.Type, AValues.Data + AValue.Offset, AValue.Size, kVarModeSubstitution);
+  ReplaceControlCharacters(AOut);
 }
 
 // Appends a value's text as the readers take it out of the XML: its XML text with
 // control characters replaced, entities decoded. A string goes there at once: escaping
 // and decoding cancel out, and its NULs (which the XML text leaves out) are dropped.
-void AppendValue(TReaderState& R, const TBXmlSubstValue& AValue, std::string& AOut) {
-  const uint8_t* data = R.Chunk.Data() + AValue.Offset;
+void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::string& AOut) {
+  const uint8_t* data = AValues.Data + AValue.Offset;
+  std::string& text = AValues.Scratch;
   switch (AValue.Type) {
   case 0x01: {
     // Converted in the reused scratch string (the conversion makes room for the worst
     // case first), then appended at its size.
-    std::string& text = R.Value;
     text.clear();
     AppendUtf16(text, data, AValue.Size / 2);
     bool special = false;
@@ -397,21 +425,98 @@ void AppendValue(TReaderState& R, const TBXmlSubstValue& AValue, std::string& AO
     AppendVariantXml(AOut, AValue.Type, data, AValue.Size, kVarModeSubstitution);
     return;
   }
-  RenderValue(R, AValue);
-  for (const char c : R.Value) {
+  RenderValue(AValues, AValue, text);
+  for (const char c : text) {
     if (c == '&' || static_cast<unsigned char>(c) < 0x20) {
-      AppendXmlUnescaped(AOut, R.Value);
+      AppendXmlUnescaped(AOut, text);
       return;
     }
   }
-  AOut.append(R.Value);
+  AOut.append(text);
 }
 
-void AppendSource(TReaderState& R, const TPlan& APlan, const TSource& ASource, std::string& AOut) {
+void AppendSource(const TValueSet& AValues, const TSource& ASource, std::string& AOut) {
   for (const TPiece& piece : ASource.Pieces) {
     if (piece.Ref == kFixed) AOut.append(piece.Text);
-    else AppendValue(R, R.ValueOf(APlan, piece.Ref), AOut);
+    else AppendValue(AValues, AValues.Value(piece.Ref), AOut);
   }
+}
+
+// The list's next value, emptied (a string an earlier event left there keeps its room).
+std::string& NextValue(TStringList& AValues, size_t& ACount) {
+  if (ACount < AValues.size()) {
+    std::string& value = AValues[ACount++];
+    value.clear();
+    return value;
+  }
+  ++ACount;
+  return AValues.emplace_back();
+}
+
+// Makes an event's fields from its plan and values.
+void MakeFields(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
+  std::string* fields[rfBinaryData] = {&AFields.ProviderName, &AFields.EventID,    &AFields.EventIDQual,
+                                       &AFields.Version,      &AFields.Level,      &AFields.Task,
+                                       &AFields.OpCode,       &AFields.Keywords,   &AFields.TimeCreated,
+                                       &AFields.EventRecordID, &AFields.Channel,  &AFields.Computer,
+                                       &AFields.UserID};
+  for (uint32_t f = 0; f < rfBinaryData; ++f) {
+    fields[f]->clear();
+    AppendSource(AValues, APlan.System[f], *fields[f]);
+  }
+  AFields.BinaryData.clear();
+  if (!APlan.Binary.Pieces.empty()) {
+    static thread_local std::string hex, bytes;
+    hex.clear();
+    bytes.clear();
+    for (const TPiece& piece : APlan.Binary.Pieces) {
+      if (piece.Ref == kFixed) {
+        hex.append(piece.Text);
+      } else {
+        RenderValue(AValues, AValues.Value(piece.Ref), AValues.Scratch);
+        hex.append(AValues.Scratch);
+      }
+    }
+    DecodeBinaryText(hex, bytes);
+    AFields.BinaryData.assign(bytes.begin(), bytes.end());
+  }
+  TStringList& values = AFields.Strings;
+  size_t count = 0;
+  for (const TSource& source : APlan.Values) {
+    if (source.Expand) {
+      const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
+      if (IsArrayCode(v.Type)) {
+        // Each item is a <Data> of its own; no item at all leaves one empty element.
+        std::string& items = AValues.Scratch;
+        items.clear();
+        AppendVariantArrayItems(items, v.Type, AValues.Data + v.Offset, v.Size, "<");
+        ReplaceControlCharacters(items);
+        size_t pos = 0;
+        for (;;) {
+          const size_t end = items.find('<', pos);
+          const std::string_view item =
+              std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+          AppendXmlUnescaped(NextValue(values, count), item);
+          if (end == std::string::npos) break;
+          pos = end + 1;
+        }
+        continue;
+      }
+    }
+    if (source.Kind == 2 && source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed && source.OptionalAttribute) {
+      // An empty optional value leaves its attribute out.
+      const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
+      std::string& text = AValues.Scratch;
+      RenderValue(AValues, v, text);
+      if (text.empty()) continue;
+      AppendXmlUnescaped(NextValue(values, count), text);
+      continue;
+    }
+    std::string& value = NextValue(values, count);
+    AppendSource(AValues, source, value);
+    if (source.Kind == 1 && IsBlank(value)) --count; // a blank text is no value
+  }
+  values.resize(count);
 }
 
 // The template instance a root renders: its last child, after fragment headers only.
@@ -478,68 +583,29 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   }
   auto found = GPlanCache.Plans.find(R.Key);
   if (found == GPlanCache.Plans.end()) {
-    found = GPlanCache.Plans.emplace(R.Key, TPlan()).first;
-    CompilePlan(R.Fragments, found->second);
-    GPlanCache.Bytes += R.Key.size() + 256 + 64 * found->second.Values.size();
+    auto plan = std::make_shared<TPlan>();
+    CompilePlan(R.Fragments, *plan);
+    GPlanCache.Bytes += R.Key.size() + 256 + 64 * plan->Values.size();
+    found = GPlanCache.Plans.emplace(R.Key, std::move(plan)).first;
   }
-  const TPlan& plan = found->second;
+  const TPlan& plan = *found->second;
   if (!plan.Ok) return false;
   // An array that would repeat an element other than a <Data> of its own.
   for (const uint32_t ref : plan.RepeatRefs)
     if (IsArrayCode(R.ValueOf(plan, ref).Type)) return false;
-  const uint32_t first = R.Used;
-  for (uint32_t f = 0; f < rfBinaryData; ++f) AppendSource(R, plan, plan.System[f], R.Slot());
-  std::string& binary = R.Slot();
-  if (!plan.Binary.Pieces.empty()) {
-    R.Hex.clear();
-    for (const TPiece& piece : plan.Binary.Pieces) {
-      if (piece.Ref == kFixed) {
-        R.Hex.append(piece.Text);
-      } else {
-        RenderValue(R, R.ValueOf(plan, piece.Ref));
-        R.Hex.append(R.Value);
-      }
+  // The text is made by the taker of the event (MakeFields): here only where the values lie.
+  TChunkResult& result = R.Result;
+  if (result.Plans.empty() || result.Plans[R.LastPlan].get() != &plan) {
+    auto known = R.PlanIndex.find(&plan);
+    if (known == R.PlanIndex.end()) {
+      known = R.PlanIndex.emplace(&plan, static_cast<uint32_t>(result.Plans.size())).first;
+      result.Plans.push_back(found->second);
     }
-    DecodeBinaryText(R.Hex, binary);
+    R.LastPlan = known->second;
   }
-  for (const TSource& source : plan.Values) {
-    if (source.Expand) {
-      const TBXmlSubstValue& v = R.ValueOf(plan, source.Pieces[0].Ref);
-      if (IsArrayCode(v.Type)) {
-        // Each item is a <Data> of its own; no item at all leaves one empty element.
-        R.Value.clear();
-        AppendVariantArrayItems(R.Value, v.Type, R.Chunk.Data() + v.Offset, v.Size, "<");
-        ReplaceControlCharacters(R.Value);
-        const std::string_view items = R.Value;
-        size_t pos = 0;
-        for (;;) {
-          const size_t end = items.find('<', pos);
-          AppendXmlUnescaped(R.Slot(), items.substr(pos, end == std::string_view::npos ? end : end - pos));
-          if (end == std::string_view::npos) break;
-          pos = end + 1;
-        }
-        continue;
-      }
-    }
-    std::string& value = R.Slot();
-    if (source.Kind == 2 && source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed) {
-      const TRef& ref = plan.Refs[source.Pieces[0].Ref];
-      const TBXmlOp& op = R.Fragments[ref.Fragment].Template->Ops[ref.Op];
-      if (op.Optional && op.Attribute) {
-        // An empty optional value leaves its attribute out.
-        RenderValue(R, R.ValueOf(plan, source.Pieces[0].Ref));
-        if (R.Value.empty()) {
-          --R.Used;
-          continue;
-        }
-        AppendXmlUnescaped(value, R.Value);
-        continue;
-      }
-    }
-    AppendSource(R, plan, source, value);
-    if (source.Kind == 1 && IsBlank(value)) --R.Used; // a blank text is no value
-  }
-  R.Result.RecordFields.push_back({first, R.Used - first});
+  const uint32_t first = static_cast<uint32_t>(result.Values.size());
+  for (uint32_t ref = 0; ref < plan.Refs.size(); ++ref) result.Values.push_back(PackValue(R.ValueOf(plan, ref)));
+  result.RecordFields.push_back({first, static_cast<uint32_t>(plan.Refs.size()), R.LastPlan});
   return true;
 }
 
@@ -571,6 +637,13 @@ size_t FindOnce(std::string_view AText, std::string_view ANeedle) {
 
 } // namespace
 
+void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields) {
+  static thread_local std::string scratch;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.First, scratch};
+  MakeFields(plan, values, AFields);
+}
+
 void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   AResult.Xml.clear();
   AResult.Issues.clear();
@@ -581,6 +654,9 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   // The room of the last chunk's reading is kept for the next one, on the same thread.
   static thread_local TReaderRoom room;
   room.Numbers.clear();
+  room.PlanIndex.clear();
+  AResult.Values.clear();
+  AResult.Plans.clear();
   TReaderState R{AChunk, AResult, room, 0};
   std::string& xml = room.Xml;
   std::vector<uint8_t>& failed = room.Failed; // per record: its render raised
@@ -614,9 +690,14 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
     }
     ReadFromXml(R, std::string_view(xml).substr(open, close + kEventClose.size() - open));
   }
-  if (!whole) return;
+  if (!whole) {
+    if (!AResult.Plans.empty()) AResult.Bytes.assign(AChunk.Data(), AChunk.Data() + evtx::kChunkSize);
+    return;
+  }
   AResult.FieldsRead = false;
   AResult.RecordFields.clear();
+  AResult.Values.clear();
+  AResult.Plans.clear();
   AResult.RecordsFromXml = 0;
   for (int i = 0; i < count; ++i) {
     TEvtxEvent& e = *AChunk.GetEvent(i);

@@ -14,6 +14,7 @@
 // whose rendered records would not split back into one event each is rendered whole.
 #pragma once
 
+#include "engine/event_xml.h"
 #include "engine/evtx/chunk_reader.h"
 
 #include <cstdint>
@@ -47,5 +48,10 @@ enum TRecordField : uint32_t {
 // exactly as the XML render makes it (FieldsRead clear). Raises what the render raises
 // apart from EBinXMLLogReadingException.
 void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult);
+
+// Makes the system fields, binary data and data values of an event that ReadChunkFields
+// left as values to make (ASpan.Plan set) into AFields; the other fields are not touched.
+// The taker does it, so that the text is made on its thread.
+void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields);
 
 } // namespace qvx

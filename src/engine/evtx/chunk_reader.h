@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -59,11 +60,17 @@ struct TChunkResult {
   // text, event after event in file order; RecordFields says where each one's begin.
   bool FieldsRead = false;
   struct TRecordSpan {
-    uint32_t First = 0; // index of its first field in Fields
+    uint32_t First = 0; // index of its first field in Fields, or of its first value in Values
     uint32_t Count = 0;
+    uint32_t Plan = 0xFFFFFFFF; // its fields are made from Values by Plans[Plan] (else: Fields)
   };
   std::vector<std::string> Fields;   // kept from chunk to chunk, so the strings keep their room
   std::vector<TRecordSpan> RecordFields;
+  // The chunk's bytes, the values (where they lie in them) that events' fields are made
+  // of, and the reader's own descriptions of how (the taker makes the text itself).
+  std::vector<uint8_t> Bytes;
+  std::vector<uint64_t> Values;
+  std::vector<std::shared_ptr<const void>> Plans;
   uint32_t RecordsFromXml = 0;       // events whose fields were read from their rendered XML
   std::vector<TChunkIssue> Issues; // records that could not be rendered, and where the walk stopped
   uint32_t EmptyBlocksBefore = 0;  // as in the job
