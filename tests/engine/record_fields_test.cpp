@@ -144,6 +144,63 @@ TEST(RecordFields, ValuesOfEveryKindReadTheSame) {
   EXPECT_EQ(direct.Events.size(), events.size());
 }
 
+// UserData made of an embedded template: attribute values (optional ones left out when
+// empty), texts (blank ones are no value), nested elements, and a fragment without a
+// template (read from its XML).
+TEST(RecordFields, UserDataReadsTheSame) {
+  auto inner = std::make_shared<TEvtxTemplate>("user-data", [](TBinXmlWriter& w) {
+    w.OpenElement("LogFileCleared");
+    w.Attribute("xmlns");
+    w.Text("http://manifests.example/user");
+    w.Attribute("Kind");
+    w.Substitution(0, EvtxType::String, true);
+    w.Attribute("Fixed");
+    w.Text("a&b");
+    w.CloseStartElement();
+    w.SubstitutionElement("SubjectUserName", 1, EvtxType::String);
+    w.SubstitutionElement("Count", 2, EvtxType::UInt32, true);
+    w.OpenElement("Inner");
+    w.Attribute("Id");
+    w.Substitution(3, EvtxType::String);
+    w.CloseStartElement();
+    w.Substitution(4, EvtxType::String, true);
+    w.TextElement("Note", "  ");
+    w.EndElement();
+    w.EndElement();
+  });
+  std::vector<TEvtxEventDraft> events;
+  const std::vector<std::vector<TEvtxValue>> values = {
+      {TEvtxValue::String("k"), TEvtxValue::String("alice"), TEvtxValue::UInt32(3), TEvtxValue::String("i1"),
+       TEvtxValue::String("tail")},
+      {TEvtxValue::String(""), TEvtxValue::String("  "), TEvtxValue::Null(), TEvtxValue::String(""),
+       TEvtxValue::String("")},
+      {TEvtxValue::Null(), TEvtxValue::String("x<y"), TEvtxValue::UInt32(0), TEvtxValue::String("\t"),
+       TEvtxValue::String(" ")},
+  };
+  uint64_t i = 1;
+  for (const auto& v : values) {
+    TEvtxEventDraft e = SampleEvent(i++);
+    e.FData.clear();
+    e.FUserData = TEvtxValue::BinXml(inner, v);
+    events.push_back(e);
+  }
+  TEvtxEventDraft raw = SampleEvent(i++);
+  raw.FData.clear();
+  raw.FUserData = TEvtxValue::BinXmlContent([](TBinXmlWriter& w) {
+    w.OpenElement("Plain");
+    w.Attribute("A");
+    w.Text("1");
+    w.CloseStartElement();
+    w.Text("text");
+    w.EndElement();
+    w.EndOfStream();
+  });
+  events.push_back(raw);
+  const TReading direct = ExpectSameBothWays(WriteChunks("userdata.evtx", events));
+  EXPECT_EQ(direct.Events.size(), events.size());
+  EXPECT_EQ(direct.FromXml, 1u); // the fragment without a template
+}
+
 TEST(RecordFields, DamagedLogsReadTheSame) {
   std::vector<uint8_t> file = MakeEvtxFile(3, 12);
   CorruptRecordMagic(file, 0, 4);
