@@ -75,17 +75,14 @@ void CheckFieldReader(const std::vector<uint8_t>& ABytes) {
     for (size_t i = direct.RecordFields.size(); i-- > 0;) {
       const qvx::TChunkResult::TRecordSpan& span = direct.RecordFields[i];
       qvx::TEventXmlFields fields;
-      if (span.Plan != 0xFFFFFFFF) {
-        qvx::TakeRecordFields(direct, span, fields);
-      } else {
-        const std::string* f = direct.Fields.data() + span.First;
-        std::string* to[] = {&fields.ProviderName, &fields.EventID, &fields.EventIDQual, &fields.Version,
-                             &fields.Level, &fields.Task, &fields.OpCode, &fields.Keywords, &fields.TimeCreated,
-                             &fields.EventRecordID, &fields.Channel, &fields.Computer, &fields.UserID};
-        for (size_t k = 0; k < qvx::rfBinaryData; ++k) *to[k] = f[k];
-        fields.BinaryData.assign(f[qvx::rfBinaryData].begin(), f[qvx::rfBinaryData].end());
-        fields.Strings.assign(f + qvx::rfValues, f + span.Count);
-      }
+      const std::string* f = direct.Fields.data() + span.First;
+      std::string* to[] = {&fields.ProviderName, &fields.EventID, &fields.EventIDQual, &fields.Version,
+                           &fields.Level, &fields.Task, &fields.OpCode, &fields.Keywords, &fields.TimeCreated,
+                           &fields.EventRecordID, &fields.Channel, &fields.Computer, &fields.UserID};
+      for (size_t k = 0; k < qvx::rfBinaryData; ++k) *to[k] = f[k];
+      fields.BinaryData.assign(f[qvx::rfBinaryData].begin(), f[qvx::rfBinaryData].end());
+      if (span.Plan != 0xFFFFFFFF) qvx::TakeRecordFields(direct, span, fields);
+      else fields.Strings.assign(f + qvx::rfValues, f + span.Count);
       got.push_back(Describe(fields));
     }
   } else {

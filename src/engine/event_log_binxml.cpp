@@ -301,15 +301,6 @@ void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
     FEventIndex = 0;
     ++FChunkIndex;
   }
-  if (span.Plan != 0xFFFFFFFF) {
-    TakeRecordFields(FChunk, span, AFields);
-    AFields.UserName.clear();
-    AFields.EvtMessage.clear();
-    AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
-    ResolveTaskAndUser(AFields);
-    CompleteFields(AFields);
-    return;
-  }
   const std::string* fields = FChunk.Fields.data() + span.First;
   // Copied, not swapped: each side keeps its strings and their room (a string freed on
   // one thread and grown again on the other costs more than the copy).
@@ -331,9 +322,13 @@ void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
   AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
   const std::string& binary = fields[rfBinaryData];
   AFields.BinaryData.assign(binary.begin(), binary.end());
-  const size_t values = span.Count - rfValues;
-  AFields.Strings.resize(values);
-  for (size_t i = 0; i < values; ++i) AFields.Strings[i].assign(fields[rfValues + i]);
+  if (span.Plan != 0xFFFFFFFF) {
+    TakeRecordFields(FChunk, span, AFields);
+  } else {
+    const size_t values = span.Count - rfValues;
+    AFields.Strings.resize(values);
+    for (size_t i = 0; i < values; ++i) AFields.Strings[i].assign(fields[rfValues + i]);
+  }
   ResolveTaskAndUser(AFields);
   CompleteFields(AFields);
 }

@@ -453,22 +453,17 @@ std::string& NextValue(TStringList& AValues, size_t& ACount) {
   return AValues.emplace_back();
 }
 
-// Makes an event's fields from its plan and values.
-void MakeFields(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
-  std::string* fields[rfBinaryData] = {&AFields.ProviderName, &AFields.EventID,    &AFields.EventIDQual,
-                                       &AFields.Version,      &AFields.Level,      &AFields.Task,
-                                       &AFields.OpCode,       &AFields.Keywords,   &AFields.TimeCreated,
-                                       &AFields.EventRecordID, &AFields.Channel,  &AFields.Computer,
-                                       &AFields.UserID};
+// Makes an event's system fields (ASystem: rfProviderName .. rfUserID) and the bytes of
+// its <Binary> (ABinary) from its plan and values.
+void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::string* const* ASystem, std::string& ABinary) {
   for (uint32_t f = 0; f < rfBinaryData; ++f) {
-    fields[f]->clear();
-    AppendSource(AValues, APlan.System[f], *fields[f]);
+    ASystem[f]->clear();
+    AppendSource(AValues, APlan.System[f], *ASystem[f]);
   }
-  AFields.BinaryData.clear();
+  ABinary.clear();
   if (!APlan.Binary.Pieces.empty()) {
-    static thread_local std::string hex, bytes;
+    static thread_local std::string hex;
     hex.clear();
-    bytes.clear();
     for (const TPiece& piece : APlan.Binary.Pieces) {
       if (piece.Ref == kFixed) {
         hex.append(piece.Text);
@@ -477,9 +472,12 @@ void MakeFields(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& A
         hex.append(AValues.Scratch);
       }
     }
-    DecodeBinaryText(hex, bytes);
-    AFields.BinaryData.assign(bytes.begin(), bytes.end());
+    DecodeBinaryText(hex, ABinary);
   }
+}
+
+// Makes an event's data values from its plan and values into AFields.Strings.
+void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
   TStringList& values = AFields.Strings;
   size_t count = 0;
   for (const TSource& source : APlan.Values) {
@@ -603,9 +601,18 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     }
     R.LastPlan = known->second;
   }
-  const uint32_t first = static_cast<uint32_t>(result.Values.size());
+  const uint32_t firstValue = static_cast<uint32_t>(result.Values.size());
   for (uint32_t ref = 0; ref < plan.Refs.size(); ++ref) result.Values.push_back(PackValue(R.ValueOf(plan, ref)));
-  result.RecordFields.push_back({first, static_cast<uint32_t>(plan.Refs.size()), R.LastPlan});
+  // The system fields are made here, the data values by the taker: the two threads
+  // share the work about evenly.
+  const uint32_t first = R.Used;
+  for (uint32_t f = 0; f < rfValues; ++f) R.Slot(); // taken first: taking one may move the others
+  std::string* system[rfBinaryData];
+  for (uint32_t f = 0; f < rfBinaryData; ++f) system[f] = &result.Fields[first + f];
+  std::string& binary = result.Fields[first + rfBinaryData];
+  const TValueSet values{R.Chunk.Data(), result.Values.data() + firstValue, R.Value};
+  MakeSystemFields(plan, values, system, binary);
+  result.RecordFields.push_back({first, rfValues, R.LastPlan, firstValue});
   return true;
 }
 
@@ -617,6 +624,7 @@ void ReadFromXml(TReaderState& R, std::string_view AEvent) {
   ReadSystemFields(AEvent, system);
   ReadEventDataValues(AEvent, values, &binary);
   const uint32_t first = R.Used;
+  static_assert(rfValues == rfBinaryData + 1);
   for (std::string* s : {&system.ProviderName, &system.EventID, &system.EventIDQual, &system.Version, &system.Level,
                          &system.Task, &system.OpCode, &system.Keywords, &system.TimeCreated, &system.EventRecordID,
                          &system.Channel, &system.Computer, &system.UserID})
@@ -640,8 +648,8 @@ size_t FindOnce(std::string_view AText, std::string_view ANeedle) {
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields) {
   static thread_local std::string scratch;
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
-  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.First, scratch};
-  MakeFields(plan, values, AFields);
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  MakeDataValues(plan, values, AFields);
 }
 
 void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {

@@ -49,9 +49,10 @@ enum TRecordField : uint32_t {
 // apart from EBinXMLLogReadingException.
 void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult);
 
-// Makes the system fields, binary data and data values of an event that ReadChunkFields
-// left as values to make (ASpan.Plan set) into AFields; the other fields are not touched.
-// The taker does it, so that the text is made on its thread.
+// Makes the data values of an event whose values ReadChunkFields left to make (ASpan.Plan
+// set) into AFields.Strings; the other fields are not touched (its system fields and
+// binary data are in AResult.Fields as for any event). The taker does it, so that the
+// text is made on its thread.
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields);
 
 } // namespace qvx

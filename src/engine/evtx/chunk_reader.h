@@ -60,9 +60,12 @@ struct TChunkResult {
   // text, event after event in file order; RecordFields says where each one's begin.
   bool FieldsRead = false;
   struct TRecordSpan {
-    uint32_t First = 0; // index of its first field in Fields, or of its first value in Values
+    uint32_t First = 0; // index of its first field in Fields
     uint32_t Count = 0;
-    uint32_t Plan = 0xFFFFFFFF; // its fields are made from Values by Plans[Plan] (else: Fields)
+    // When set, Fields hold only the system fields and binary data: the data values are
+    // made from Values (from FirstValue on) as Plans[Plan] says.
+    uint32_t Plan = 0xFFFFFFFF;
+    uint32_t FirstValue = 0;
   };
   std::vector<std::string> Fields;   // kept from chunk to chunk, so the strings keep their room
   std::vector<TRecordSpan> RecordFields;
