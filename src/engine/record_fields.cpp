@@ -331,6 +331,11 @@ struct TReaderRoom {
   std::string Xml;
   std::vector<uint8_t> Failed;
   std::unordered_map<const TPlan*, uint32_t> PlanIndex; // the chunk's plans: their index in its result
+  // The last program number and plan looked up (reset with each chunk).
+  const TBXmlTemplateNode* LastTemplate = nullptr;
+  uint32_t LastNumber = 0;
+  std::string LastKey;
+  const std::shared_ptr<const TPlan>* LastPlan = nullptr;
 };
 
 // Per chunk.
@@ -573,20 +578,31 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   if (!WalkFragment(R, 0, 0)) return false;
   R.Key.clear();
   for (const TFragment& f : R.Fragments) {
-    auto number = R.Numbers.find(f.Template);
-    if (number == R.Numbers.end()) number = R.Numbers.emplace(f.Template, ProgramNumber(f.Template, R.Scratch)).first;
-    Put(R.Key, number->second);
+    if (f.Template != R.Room.LastTemplate) {
+      auto number = R.Numbers.find(f.Template);
+      if (number == R.Numbers.end())
+        number = R.Numbers.emplace(f.Template, ProgramNumber(f.Template, R.Scratch)).first;
+      R.Room.LastTemplate = f.Template;
+      R.Room.LastNumber = number->second;
+    }
+    Put(R.Key, R.Room.LastNumber);
     Put(R.Key, f.Parent);
     Put(R.Key, f.ParentOp);
   }
-  auto found = GPlanCache.Plans.find(R.Key);
-  if (found == GPlanCache.Plans.end()) {
-    auto plan = std::make_shared<TPlan>();
-    CompilePlan(R.Fragments, *plan);
-    GPlanCache.Bytes += R.Key.size() + 256 + 64 * plan->Values.size();
-    found = GPlanCache.Plans.emplace(R.Key, std::move(plan)).first;
+  // Records of one shape tend to follow each other: the last shape's plan is tried first.
+  if (!R.Room.LastPlan || R.Key != R.Room.LastKey) {
+    auto found = GPlanCache.Plans.find(R.Key);
+    if (found == GPlanCache.Plans.end()) {
+      auto compiled = std::make_shared<TPlan>();
+      CompilePlan(R.Fragments, *compiled);
+      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size();
+      found = GPlanCache.Plans.emplace(R.Key, std::move(compiled)).first;
+    }
+    R.Room.LastPlan = &found->second; // stays valid while the cache keeps it (until Trim)
+    R.Room.LastKey = R.Key;
   }
-  const TPlan& plan = *found->second;
+  const std::shared_ptr<const TPlan>& shared = *R.Room.LastPlan;
+  const TPlan& plan = *shared;
   if (!plan.Ok) return false;
   // An array that would repeat an element other than a <Data> of its own.
   for (const uint32_t ref : plan.RepeatRefs)
@@ -597,7 +613,7 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     auto known = R.PlanIndex.find(&plan);
     if (known == R.PlanIndex.end()) {
       known = R.PlanIndex.emplace(&plan, static_cast<uint32_t>(result.Plans.size())).first;
-      result.Plans.push_back(found->second);
+      result.Plans.push_back(shared);
     }
     R.LastPlan = known->second;
   }
@@ -662,6 +678,8 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   // The room of the last chunk's reading is kept for the next one, on the same thread.
   static thread_local TReaderRoom room;
   room.Numbers.clear();
+  room.LastTemplate = nullptr;
+  room.LastPlan = nullptr;
   room.PlanIndex.clear();
   AResult.Values.clear();
   AResult.Plans.clear();
