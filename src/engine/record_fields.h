@@ -6,7 +6,9 @@
 // substitution and read by the same XML field readers (ReadSystemFields,
 // ReadEventDataSources) that read rendered events, which says for every field which
 // fixed text and which substitution values make it. Each record then costs one pass
-// over the values its fields use. The result is the same text that rendering the
+// over the values its fields use: the reading thread makes the system fields, and leaves
+// where the data values lie for the taker of the event (TakeRecordFields) to make them,
+// so that the two threads share the work. The result is the same text that rendering the
 // record and reading that XML would give; where that cannot be known from the template
 // alone (a record that is not a plain template instance, an embedded fragment, an
 // array that repeats an element other than <Data>, a template whose text the markers
@@ -42,7 +44,8 @@ enum TRecordField : uint32_t {
 };
 
 // A TChunkRecordReader. Fills AResult.Fields and RecordFields (FieldsRead set) with one
-// entry per event that the chunk's XML would hold, in file order, and AResult.Issues
+// entry per event that the chunk's XML would hold, in file order (and Bytes, Values and
+// Plans for the data values TakeRecordFields makes), and AResult.Issues
 // with the records that could not be rendered (the same texts as the XML render); or,
 // when the chunk's rendered records would not split into one event each, AResult.Xml
 // exactly as the XML render makes it (FieldsRead clear). Raises what the render raises
