@@ -717,7 +717,7 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
     ReadFromXml(R, std::string_view(xml).substr(open, close + kEventClose.size() - open));
   }
   if (!whole) {
-    if (!AResult.Plans.empty()) AResult.Bytes.assign(AChunk.Data(), AChunk.Data() + evtx::kChunkSize);
+    AResult.KeepBytes = !AResult.Plans.empty(); // the chunk's bytes go to the result when it ends
     return;
   }
   AResult.FieldsRead = false;

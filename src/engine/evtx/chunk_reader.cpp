@@ -44,10 +44,21 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
   AResult.Issues.clear();
   AResult.Records = 0;
   // The chunk borrows the job's buffer and gives it back at the end, so nothing is copied.
+  // A record reader that keeps the bytes for the taker gets them instead, and the job the
+  // result's old buffer.
   struct TReturnBytes {
     TEvtxChunk& Chunk;
     std::vector<uint8_t>& Bytes;
-    ~TReturnBytes() { Bytes = Chunk.TakeBytes(); }
+    std::vector<uint8_t>* Keep = nullptr;
+    ~TReturnBytes() {
+      if (!Keep) {
+        Bytes = Chunk.TakeBytes();
+        return;
+      }
+      std::vector<uint8_t> taken = Chunk.TakeBytes();
+      Bytes.swap(*Keep);
+      Keep->swap(taken);
+    }
   };
   TEvtxChunk chunk(std::move(AJob.Bytes));
   TReturnBytes giveBack{chunk, AJob.Bytes};
@@ -67,6 +78,7 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
       AResult.DataCrcOk = 0;
   }
   AResult.FieldsRead = false;
+  AResult.KeepBytes = false;
   AResult.RecordFields.clear();
   AResult.RecordsFromXml = 0;
   if (AJob.ReadRecords) {
@@ -88,6 +100,7 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
     if (!last->Valid() && !empty && last->Start() < chunk.OfsNextRec())
       AResult.Issues.push_back({last->Start(), 0, std::string("record walk stopped: ") + last->Defect()});
   }
+  if (AResult.KeepBytes) giveBack.Keep = &AResult.Bytes;
 }
 
 void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads) {

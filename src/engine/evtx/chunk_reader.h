@@ -71,7 +71,8 @@ struct TChunkResult {
   std::vector<TRecordSpan> RecordFields;
   // The chunk's bytes, the values (where they lie in them) that events' fields are made
   // of, and the reader's own descriptions of how (the taker makes the text itself).
-  std::vector<uint8_t> Bytes;
+  std::vector<uint8_t> Bytes;  // set when the reader asks for them (KeepBytes)
+  bool KeepBytes = false;
   std::vector<uint64_t> Values;
   std::vector<std::shared_ptr<const void>> Plans;
   uint32_t RecordsFromXml = 0;       // events whose fields were read from their rendered XML
