@@ -327,7 +327,6 @@ struct TReaderRoom {
   std::vector<TFragment> Fragments;
   std::string Key;
   std::string Value; // a value's XML text
-  std::string Hex;
   std::string Xml;
   std::vector<uint8_t> Failed;
   std::unordered_map<const TPlan*, uint32_t> PlanIndex; // the chunk's plans: their index in its result
@@ -349,7 +348,6 @@ struct TReaderState {
   std::vector<TFragment>& Fragments = Room.Fragments;
   std::string& Key = Room.Key;
   std::string& Value = Room.Value;
-  std::string& Hex = Room.Hex;
   std::unordered_map<const TPlan*, uint32_t>& PlanIndex = Room.PlanIndex;
   uint32_t LastPlan = 0;
 
