@@ -4,18 +4,95 @@
 // rendered, then each valid record on its own. Rendering a damaged chunk must not
 // crash or leak; a damaged record may raise EBinXMLLogReadingException.
 //
+// The same bytes are then read by the field reader (engine/record_fields), which must
+// give exactly the events, fields and issues that cutting the chunk's XML into events
+// and reading each one's XML gives; any difference stops the run.
+//
 // Seeds: chunks cut from a file written by `quorvex demo` (see build.sh fuzz).
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "engine/event_xml.h"
 #include "engine/evtx/binxml_exception.h"
+#include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
+#include "engine/record_fields.h"
 #include "render_chunk.h"
+
+namespace {
+
+// One event's fields as one text, for comparing.
+std::string Describe(const qvx::TEventXmlFields& AFields) {
+  std::string s;
+  for (const std::string* f : {&AFields.ProviderName, &AFields.EventID, &AFields.EventIDQual, &AFields.Version,
+                               &AFields.Level, &AFields.Task, &AFields.OpCode, &AFields.Keywords, &AFields.TimeCreated,
+                               &AFields.EventRecordID, &AFields.Channel, &AFields.Computer, &AFields.UserID})
+    s.append(*f).push_back('\x1F');
+  s.append(AFields.BinaryData.begin(), AFields.BinaryData.end()).push_back('\x1E');
+  for (const std::string& v : AFields.Strings) s.append(v).push_back('\x1F');
+  return s;
+}
+
+// The events of a chunk's XML, newest first, cut as the .evtx source cuts them.
+std::vector<std::string> EventsOfXml(std::string AXml) {
+  std::vector<std::string> events;
+  for (;;) {
+    const size_t close = AXml.rfind("</Event>");
+    const size_t open = AXml.rfind("<Event xmlns");
+    if (open == std::string::npos || close == std::string::npos || close < open) break;
+    qvx::TEventXmlFields fields;
+    const std::string_view event = std::string_view(AXml).substr(open, close + 8 - open);
+    qvx::ReadSystemFields(event, fields);
+    qvx::ReadEventDataValues(event, fields.Strings, &fields.BinaryData);
+    events.push_back(Describe(fields));
+    AXml.resize(open);
+    if (AXml.rfind("</Event>") == std::string::npos) break;
+  }
+  return events;
+}
+
+void CheckFieldReader(const std::vector<uint8_t>& ABytes) {
+  qvx::TChunkJob job;
+  qvx::TChunkResult xml, direct;
+  job.Bytes = ABytes;
+  qvx::TChunkReader::RenderChunk(job, xml);
+  job.Bytes = ABytes;
+  job.ReadRecords = &qvx::ReadChunkFields;
+  qvx::TChunkReader::RenderChunk(job, direct);
+
+  bool same = xml.Records == direct.Records && xml.Issues.size() == direct.Issues.size();
+  for (size_t i = 0; same && i < xml.Issues.size(); ++i)
+    same = xml.Issues[i].Offset == direct.Issues[i].Offset && xml.Issues[i].Message == direct.Issues[i].Message;
+  const std::vector<std::string> expected = EventsOfXml(xml.Xml);
+  std::vector<std::string> got;
+  if (direct.FieldsRead) {
+    for (size_t i = direct.RecordFields.size(); i-- > 0;) {
+      const qvx::TChunkResult::TRecordSpan& span = direct.RecordFields[i];
+      qvx::TEventXmlFields fields;
+      const std::string* f = direct.Fields.data() + span.First;
+      std::string* to[] = {&fields.ProviderName, &fields.EventID, &fields.EventIDQual, &fields.Version,
+                           &fields.Level, &fields.Task, &fields.OpCode, &fields.Keywords, &fields.TimeCreated,
+                           &fields.EventRecordID, &fields.Channel, &fields.Computer, &fields.UserID};
+      for (size_t k = 0; k < qvx::rfBinaryData; ++k) *to[k] = f[k];
+      fields.BinaryData.assign(f[qvx::rfBinaryData].begin(), f[qvx::rfBinaryData].end());
+      if (span.Plan != 0xFFFFFFFF) qvx::TakeRecordFields(direct, span, fields);
+      else fields.Strings.assign(f + qvx::rfValues, f + span.Count);
+      got.push_back(Describe(fields));
+    }
+  } else {
+    same = same && direct.Xml == xml.Xml;
+    got = EventsOfXml(direct.Xml);
+  }
+  if (!same || got != expected) std::abort(); // the field reader differs from reading the XML
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   using qvx::evtx::kChunkSize;
@@ -24,5 +101,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
   if (ASize > 0) std::memcpy(bytes.data(), AData, std::min<size_t>(ASize, kChunkSize));
 
   FuzzRenderChunk(bytes.data());
+  CheckFieldReader(bytes);
   return 0;
 }

@@ -194,6 +194,8 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     const std::unique_ptr<TEventLogBinXML> source =
         OpenEvtxLog(AOptions.Path, AOptions.TimeZone, AOptions.Threads, imaged.get(), AErr, scan);
     source->SetCatalogs(catalogs.get());
+    // Only the XML listing shows the events' XML: the others take the fields without it.
+    source->SetWithoutXml(AOptions.Format != TOutputFormat::ofXml);
     return ReadEvents(*source, scan, AOptions, AOut, AErr);
   } catch (const std::exception& e) {
     // The header checks are shared with dump, whose hint names its own option.
@@ -215,6 +217,7 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     source.SetCatalogs(catalogs.get());
     ApplyTimeZone(source, AOptions.TimeZone);
     source.SetReadAhead(AOptions.Threads);
+    source.SetWithoutXml(AOptions.Format != TOutputFormat::ofXml);
     source.SetBackupFileName(AOptions.Path);
     // "IMAGE@2" and "IMAGE@2:vss1" (no file of that name) are a volume's data too.
     if (AOptions.Offset >= 0 || AOptions.Unallocated ||

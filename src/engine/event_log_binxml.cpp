@@ -1,5 +1,7 @@
 #include "engine/event_log_binxml.h"
 
+#include "engine/record_fields.h"
+
 #include "platform/nt_exception.h"
 
 #include <algorithm>
@@ -195,11 +197,17 @@ void TEventLogBinXML::RenderJob() {
   FJob.CheckCrc = false;
   FJob.EmptyBlocksBefore = 0;
   FJob.SourceRead = 0;
+  FJob.ReadRecords = RecordReader();
   TChunkReader::RenderChunk(FJob, FChunk);
+}
+
+TChunkRecordReader TEventLogBinXML::RecordReader() const {
+  return FWithoutXml && !FSystemFieldsOnly ? &ReadChunkFields : nullptr;
 }
 
 void TEventLogBinXML::AcceptChunk(const std::string& AWhere) {
   FChunkXML.swap(FChunk.Xml);
+  FEventsReadFromXml += FChunk.RecordsFromXml;
   if (FChunk.Truncated) FIssueList->AddIssue(AWhere + " is cut short by the end of the data; reading what is there");
   for (const TChunkIssue& issue : FChunk.Issues) {
     char where[160];
@@ -229,8 +237,9 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
         std::vector<uint64_t> starts;
         for (int i = static_cast<int>(FChunkIndex); i < count; ++i) starts.push_back(FEvtxFile->GetChunk(i)->Start);
         FReadAhead = std::make_unique<TReadAhead>(
-            [this, starts = std::move(starts), next = size_t{0}](TChunkJob& AJob) mutable {
+            [this, starts = std::move(starts), next = size_t{0}, reader = RecordReader()](TChunkJob& AJob) mutable {
               if (next >= starts.size()) return false;
+              AJob.ReadRecords = reader;
               AJob.Position = starts[next++];
               AJob.ReadFrom = FFileHandle.get();
               AJob.EmptyBlocksBefore = 0;
@@ -254,6 +263,12 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std
                                 int64_t AChunkNumber) {
   static constexpr std::string_view kOpen = "<Event xmlns";
   static constexpr std::string_view kClose = "</Event>";
+  if (FChunk.FieldsRead && !FChunk.RecordFields.empty()) {
+    TakeFieldsEvent(AFields);
+    AXml.clear();
+    FEventWithoutXml = true;
+    return;
+  }
   const size_t close = FindLast(FChunkXML, kClose, FChunkXML.size());
   const size_t open = FindLast(FChunkXML, kOpen, FChunkXML.size(), 7);
   if (open != std::string::npos && close != std::string::npos && close >= open) {
@@ -278,6 +293,46 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std
   ++FChunkIndex;
 }
 
+void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
+  // Events come out newest first: the chunk's last record first.
+  const size_t count = FChunk.RecordFields.size();
+  const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
+  if (++FEventIndex >= count) {
+    FEventIndex = 0;
+    ++FChunkIndex;
+  }
+  const std::string* fields = FChunk.Fields.data() + span.First;
+  // Copied, not swapped: each side keeps its strings and their room (a string freed on
+  // one thread and grown again on the other costs more than the copy).
+  AFields.ProviderName.assign(fields[rfProviderName]);
+  AFields.EventID.assign(fields[rfEventID]);
+  AFields.EventIDQual.assign(fields[rfEventIDQual]);
+  AFields.Version.assign(fields[rfVersion]);
+  AFields.Level.assign(fields[rfLevel]);
+  AFields.Task.assign(fields[rfTask]);
+  AFields.OpCode.assign(fields[rfOpCode]);
+  AFields.Keywords.assign(fields[rfKeywords]);
+  AFields.TimeCreated.assign(fields[rfTimeCreated]);
+  AFields.EventRecordID.assign(fields[rfEventRecordID]);
+  AFields.Channel.assign(fields[rfChannel]);
+  AFields.Computer.assign(fields[rfComputer]);
+  AFields.UserID.assign(fields[rfUserID]);
+  AFields.UserName.clear();
+  AFields.EvtMessage.clear();
+  AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
+  const std::string& binary = fields[rfBinaryData];
+  AFields.BinaryData.assign(binary.begin(), binary.end());
+  if (span.Plan != 0xFFFFFFFF) {
+    TakeRecordFields(FChunk, span, AFields);
+  } else {
+    const size_t values = span.Count - rfValues;
+    AFields.Strings.resize(values);
+    for (size_t i = 0; i < values; ++i) AFields.Strings[i].assign(fields[rfValues + i]);
+  }
+  ResolveTaskAndUser(AFields);
+  CompleteFields(AFields);
+}
+
 void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFields) {
   // The value strings of an earlier event are kept past ReadSystemFields (which empties
   // the list) for ReadEventDataValues to fill again without allocating.
@@ -297,6 +352,10 @@ void TEventLogBinXML::FillFields(std::string_view AEvent, TEventXmlFields& AFiel
     AFields.EvtMessage = "*<INTERNAL ERROR (DATA STRINGS)>*";
     return;
   }
+  CompleteFields(AFields);
+}
+
+void TEventLogBinXML::CompleteFields(TEventXmlFields& AFields) {
   try {
     GetItemsFromData(AFields.EvtMessage, AFields.ProviderName, static_cast<uint32_t>(TextToInt(AFields.EventID)),
                      static_cast<uint16_t>(TextToInt(AFields.EventIDQual)),
@@ -350,7 +409,8 @@ void TEventLogScan::EventNextXML(std::string& AXml, TEventXmlFields& AFields) {
         // further chunk travels with the next chunk as a count, so the ticks come out
         // where they would have; those after the last chunk are counted at the end.
         FReadAhead = std::make_unique<TReadAhead>(
-            [this, empty = uint32_t{0}](TChunkJob& AJob) mutable {
+            [this, empty = uint32_t{0}, reader = RecordReader()](TChunkJob& AJob) mutable {
+              AJob.ReadRecords = reader;
               for (;;) {
                 const TCarvedChunk carved = FElfChunks->GetNextChunk();
                 if (carved.Result == TCarveResult::crEnd) {

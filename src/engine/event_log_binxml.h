@@ -55,6 +55,13 @@ public:
   // and the event's XML: no data strings and no description. For readers that look at
   // the XML themselves (quorvex hunt).
   void SetSystemFieldsOnly(bool AOn) { FSystemFieldsOnly = AOn; }
+  // Hands out events without their XML (FEvtXML stays empty): their fields are read
+  // straight from the binary XML, as reading the XML would give them, which is faster.
+  // For readers that do not look at the XML (listings other than XML). Set before the
+  // first event is read; ignored with SetSystemFieldsOnly.
+  void SetWithoutXml(bool AOn) { FWithoutXml = AOn; }
+  // Events read so far whose fields had to be read from their rendered XML.
+  uint64_t EventsReadFromXml() const { return FEventsReadFromXml; }
 
   // The file structure while open (null when closed). Not to be used from outside
   // while chunks are read ahead.
@@ -88,7 +95,15 @@ protected:
   uint32_t FEventIndex = 0;
   unsigned FReadAheadThreads = 0;
   bool FSystemFieldsOnly = false;
+  bool FWithoutXml = false;
+  uint64_t FEventsReadFromXml = 0;
   std::unique_ptr<TReadAhead> FReadAhead;
+  // The reader that the chunk jobs use: null (render XML) or the field reader.
+  TChunkRecordReader RecordReader() const;
+  // Takes the last event of a chunk read by the field reader.
+  void TakeFieldsEvent(TEventXmlFields& AFields);
+  // What FillFields does after the fields of the XML are read.
+  void CompleteFields(TEventXmlFields& AFields);
 };
 
 class TEventLogScan : public TEventLogBinXML {

@@ -191,9 +191,10 @@ int64_t TEventLogX::GetLastCount() {
 
 TEventItemBase* TEventLogX::EventNext() {
   do {
+    FEventWithoutXml = false;
     EventNextXML(FXml, FFields);
   } while (FXml.size() == 1 && FXml[0] == '*');
-  if (FXml.empty()) return nullptr;
+  if (FXml.empty() && !FEventWithoutXml) return nullptr;
   if (FXml.size() == 1 && FXml[0] == '+') return UndeliverableMarker();
   BuildItem(FXml, FFields);
   return &FItem;

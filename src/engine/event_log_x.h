@@ -119,7 +119,8 @@ public:
   int64_t GetLastCount() override;
 
   // The next event's XML and fields. The XML is empty at the end of the log, "*" for
-  // an event to skip and "+" for an event that could not be delivered.
+  // an event to skip and "+" for an event that could not be delivered; a source that
+  // hands out events without their XML leaves it empty and sets FEventWithoutXml.
   virtual void EventNextXML(std::string& AXml, TEventXmlFields& AFields);
 
   // The task name of a provider's task from its publisher metadata; empty when none.
@@ -174,6 +175,7 @@ protected:
   // Fills FItem from the XML and fields of one event; takes AXml's text over.
   void BuildItem(std::string& AXml, TEventXmlFields& AFields);
 
+  bool FEventWithoutXml = false; // set by EventNextXML: an event whose XML was not made
   std::array<void*, 100> FEvents{};
   uint32_t FEventIndex = 0;
   uint32_t FEventsLen = 0;

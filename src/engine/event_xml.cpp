@@ -176,8 +176,10 @@ std::string& NextValue(TStringList& AValues, size_t& ACount) {
   return AValues.emplace_back();
 }
 
-// Every attribute value (xmlns declarations aside) of a tag's attribute text.
-void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, size_t& ACount) {
+// Every attribute value (xmlns declarations aside) of a tag's attribute text. AKinds,
+// when given, gets a 2 per value.
+void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, size_t& ACount,
+                            std::vector<uint8_t>* AKinds) {
   size_t pos = 0;
   while (pos < AAttributes.size()) {
     const size_t eq = FindByte(AAttributes, '=', pos);
@@ -190,8 +192,10 @@ void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, 
     while (!name.empty() && (name.front() == ' ' || name.front() == '\t' || name.front() == '\r' ||
                              name.front() == '\n'))
       name.remove_prefix(1);
-    if (name != "xmlns" && name.substr(0, 6) != "xmlns:")
+    if (name != "xmlns" && name.substr(0, 6) != "xmlns:") {
       AppendXmlUnescaped(NextValue(AValues, ACount), AAttributes.substr(eq + 2, end - eq - 2));
+      if (AKinds) AKinds->push_back(2);
+    }
     pos = end + 1;
   }
 }
@@ -336,7 +340,10 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields) {
   AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
 }
 
-void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>* ABinary) {
+namespace {
+
+void ReadDataValues(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>* ABinary,
+                    std::vector<uint8_t>* AKinds, std::string_view* ABinaryText) {
   size_t count = 0;
   struct TCut {
     TStringList& Values;
@@ -353,8 +360,10 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
     size_t pos = 0;
     while (FindElement(data, "Data", item, pos)) {
       AppendXmlUnescaped(NextValue(AValues, count), item.Content);
+      if (AKinds) AKinds->push_back(0);
       pos = item.End;
     }
+    if (ABinaryText && FindElement(data, "Binary", item, 0, true)) *ABinaryText = item.Content;
     if (ABinary && FindElement(data, "Binary", item, 0, true)) {
       const std::string_view hex = item.Content;
       for (size_t i = 0; i + 1 < hex.size(); i += 2) {
@@ -373,7 +382,10 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
   while (pos < data.size()) {
     const size_t lt = FindByte(data, '<', pos);
     const std::string_view text = data.substr(pos, lt == std::string_view::npos ? std::string_view::npos : lt - pos);
-    if (!IsBlankText(text)) AppendXmlUnescaped(NextValue(AValues, count), text);
+    if (!IsBlankText(text)) {
+      AppendXmlUnescaped(NextValue(AValues, count), text);
+      if (AKinds) AKinds->push_back(1);
+    }
     if (lt == std::string_view::npos) break;
     const size_t gt = FindByte(data, '>', lt);
     if (gt == std::string_view::npos) break;
@@ -382,9 +394,30 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
       while (nameEnd < gt && !IsNameEnd(data[nameEnd])) ++nameEnd;
       size_t attrEnd = gt;
       if (attrEnd > nameEnd && data[attrEnd - 1] == '/') --attrEnd;
-      CollectAttributeValues(data.substr(nameEnd, attrEnd - nameEnd), AValues, count);
+      CollectAttributeValues(data.substr(nameEnd, attrEnd - nameEnd), AValues, count, AKinds);
     }
     pos = gt + 1;
+  }
+}
+
+} // namespace
+
+void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>* ABinary) {
+  ReadDataValues(AXml, AValues, ABinary, nullptr, nullptr);
+}
+
+void ReadEventDataSources(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>& AKinds,
+                          std::string_view& ABinaryText) {
+  AKinds.clear();
+  ABinaryText = {};
+  ReadDataValues(AXml, AValues, nullptr, &AKinds, &ABinaryText);
+}
+
+void DecodeBinaryText(std::string_view AHex, std::string& AOut) {
+  for (size_t i = 0; i + 1 < AHex.size(); i += 2) {
+    const int hi = HexDigit(AHex[i]), lo = HexDigit(AHex[i + 1]);
+    if (hi < 0 || lo < 0) break;
+    AOut.push_back(static_cast<char>(hi * 16 + lo));
   }
 }
 

@@ -46,6 +46,17 @@ void ReadSystemFields(std::string_view AXml, TEventXmlFields& AFields);
 // every attribute value and text of <UserData> in document order. Entities are decoded.
 void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>* ABinary = nullptr);
 
+// As ReadEventDataValues, also saying where each value came from: AKinds gets, per
+// value, 0 (the content of a <Data> of <EventData>), 1 (a text of <UserData>) or 2 (an
+// attribute value of <UserData>); ABinaryText is the text of <Binary> of <EventData>,
+// undecoded (empty when there is none).
+void ReadEventDataSources(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>& AKinds,
+                          std::string_view& ABinaryText);
+
+// Appends the bytes of hexadecimal text as ReadEventDataValues decodes <Binary>: pairs
+// of digits up to the first pair that is not one.
+void DecodeBinaryText(std::string_view AHex, std::string& AOut);
+
 // Appends AText with its XML entities (&amp; &lt; &gt; &quot; &apos; &#n; &#xn;) decoded.
 void AppendXmlUnescaped(std::string& AOut, std::string_view AText);
 

@@ -886,6 +886,16 @@ TBXmlRootNode* CreateRootNode(TEvtxChunk& AChunk, uint32_t AStart, uint32_t ALen
   return MakeRoot(AChunk, AStart, ALength);
 }
 
+void PrepareRootNode(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, int ADepth) {
+  Check(ARoot != nullptr, "Common: undefined root");
+  PrepareRoot(AChunk, ARoot, ADepth);
+}
+
+bool CompileTemplateProgram(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
+  if (ATemplate->ProgramState == 0) CompileTemplate(AChunk, ATemplate);
+  return ATemplate->ProgramState == 1;
+}
+
 TBXmlTemplateNode* PrepareTemplateAt(TEvtxChunk& AChunk, uint32_t AOffset) {
   Check(AChunk.Data() != nullptr, "Common: undefined root");
   return MakeTemplate(AChunk, AOffset, 0);

@@ -228,6 +228,17 @@ std::string RenderTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate);
 // templates. Raises on a fault.
 TBXmlTemplateNode* PrepareTemplateAt(TEvtxChunk& AChunk, uint32_t AOffset);
 
+// Parses (once) the nodes and substitution values of a record's root, as the first render
+// does. Raises EBinXMLLogReadingException with the same text as RenderRoot would for a
+// fault met while building the nodes; after such a raise the root is not to be read again.
+// ADepth: the nesting the render would prepare it at (an embedded fragment's value at
+// level L of fragments within the record is prepared at 2 L).
+void PrepareRootNode(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, int ADepth = 0);
+
+// Compiles ATemplate's program (once); true when it has one (ProgramState 1), false
+// when the template holds constructs that only the node renderer handles.
+bool CompileTemplateProgram(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate);
+
 // Deepest nesting of elements and fragments a record may have.
 inline constexpr int kMaxBXmlDepth = 128;
 

@@ -44,10 +44,21 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
   AResult.Issues.clear();
   AResult.Records = 0;
   // The chunk borrows the job's buffer and gives it back at the end, so nothing is copied.
+  // A record reader that keeps the bytes for the taker gets them instead, and the job the
+  // result's old buffer.
   struct TReturnBytes {
     TEvtxChunk& Chunk;
     std::vector<uint8_t>& Bytes;
-    ~TReturnBytes() { Bytes = Chunk.TakeBytes(); }
+    std::vector<uint8_t>* Keep = nullptr;
+    ~TReturnBytes() {
+      if (!Keep) {
+        Bytes = Chunk.TakeBytes();
+        return;
+      }
+      std::vector<uint8_t> taken = Chunk.TakeBytes();
+      Bytes.swap(*Keep);
+      Keep->swap(taken);
+    }
   };
   TEvtxChunk chunk(std::move(AJob.Bytes));
   TReturnBytes giveBack{chunk, AJob.Bytes};
@@ -66,12 +77,20 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
     else
       AResult.DataCrcOk = 0;
   }
-  chunk.AppendXML(AResult.Xml);
-  ReplaceControlCharacters(AResult.Xml);
+  AResult.FieldsRead = false;
+  AResult.KeepBytes = false;
+  AResult.RecordFields.clear();
+  AResult.RecordsFromXml = 0;
+  if (AJob.ReadRecords) {
+    AJob.ReadRecords(chunk, AResult);
+  } else {
+    chunk.AppendXML(AResult.Xml);
+    ReplaceControlCharacters(AResult.Xml);
+    AResult.Issues = chunk.RenderIssues();
+  }
   int count = chunk.Count();
   for (int i = 0; i < count; ++i)
     if (chunk.GetEvent(i)->Valid()) ++AResult.Records;
-  AResult.Issues = chunk.RenderIssues();
   AResult.Records -= static_cast<uint32_t>(AResult.Issues.size());
   // The walk ends at the first record that fails its checks; below the free space
   // offset that is damage (an empty chunk's first slot is not).
@@ -81,6 +100,7 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
     if (!last->Valid() && !empty && last->Start() < chunk.OfsNextRec())
       AResult.Issues.push_back({last->Start(), 0, std::string("record walk stopped: ") + last->Defect()});
   }
+  if (AResult.KeepBytes) giveBack.Keep = &AResult.Bytes;
 }
 
 void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads) {
@@ -92,6 +112,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       job.Truncated = false;
       job.CheckCrc = false;
       job.ReadFrom = nullptr;
+      job.ReadRecords = nullptr;
       if (!AProducer(job)) return;
       RenderChunk(job, result);
       AConsumer(result);
@@ -186,6 +207,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           job.Truncated = false;
           job.CheckCrc = false;
           job.ReadFrom = nullptr;
+          job.ReadRecords = nullptr;
           if (!AProducer(job)) {
             exhausted = true;
             batchFree.notify_all();

@@ -13,10 +13,17 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace qvx {
+
+struct TChunkResult;
+
+// Reads a chunk's records into a result in place of the XML render (the engine's reader
+// of event fields): it fills Xml, or Fields and RecordFields, and Issues.
+using TChunkRecordReader = void (*)(TEvtxChunk& AChunk, TChunkResult& AResult);
 
 // One chunk's bytes and where they came from.
 struct TChunkJob {
@@ -33,6 +40,8 @@ struct TChunkJob {
   // without finding a chunk before this one, and bytes of the source read by then.
   uint32_t EmptyBlocksBefore = 0;
   uint64_t SourceRead = 0;
+  // When set, reads the records instead of rendering their XML.
+  TChunkRecordReader ReadRecords = nullptr;
 };
 
 // The rendered result of one chunk.
@@ -47,6 +56,26 @@ struct TChunkResult {
   int HeaderCrcOk = -1;         // 1 matches, 0 does not, -1 not checked
   int DataCrcOk = -1;
   std::string Xml;              // their XML, in file order
+  // Filled by a record reader instead of Xml (FieldsRead set): each event's fields as
+  // text, event after event in file order; RecordFields says where each one's begin.
+  bool FieldsRead = false;
+  struct TRecordSpan {
+    uint32_t First = 0; // index of its first field in Fields
+    uint32_t Count = 0;
+    // When set, Fields hold only the system fields and binary data: the data values are
+    // made from Values (from FirstValue on) as Plans[Plan] says.
+    uint32_t Plan = 0xFFFFFFFF;
+    uint32_t FirstValue = 0;
+  };
+  std::vector<std::string> Fields;   // kept from chunk to chunk, so the strings keep their room
+  std::vector<TRecordSpan> RecordFields;
+  // The chunk's bytes, the values (where they lie in them) that events' fields are made
+  // of, and the reader's own descriptions of how (the taker makes the text itself).
+  std::vector<uint8_t> Bytes;  // set when the reader asks for them (KeepBytes)
+  bool KeepBytes = false;
+  std::vector<uint64_t> Values;
+  std::vector<std::shared_ptr<const void>> Plans;
+  uint32_t RecordsFromXml = 0;       // events whose fields were read from their rendered XML
   std::vector<TChunkIssue> Issues; // records that could not be rendered, and where the walk stopped
   uint32_t EmptyBlocksBefore = 0;  // as in the job
   uint64_t SourceRead = 0;

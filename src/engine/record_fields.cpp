@@ -1,0 +1,734 @@
+#include "engine/record_fields.h"
+
+#include "engine/event_xml.h"
+#include "engine/evtx/binxml_exception.h"
+#include "engine/evtx/binxml_nodes.h"
+#include "engine/evtx/evtx_chunk.h"
+#include "engine/evtx/evtx_layout.h"
+#include "engine/evtx/variant_types.h"
+#include "platform/utf16.h"
+
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace qvx {
+
+namespace {
+
+// A substitution's place in the marked text: U+E000, the op's number, U+E001 (private
+// use characters, which the field readers pass through as any other text).
+constexpr std::string_view kMarkOpen = "\xEE\x80\x80";
+constexpr std::string_view kMarkClose = "\xEE\x80\x81";
+constexpr uint32_t kFixed = 0xFFFFFFFF;
+constexpr std::string_view kEventOpen = "<Event xmlns";
+constexpr std::string_view kEventClose = "</Event>";
+
+// One part of a field: fixed text (already as the readers give it), or the value that
+// substitution Ref (an index into the plan's Refs) holds.
+struct TPiece {
+  uint32_t Ref = kFixed;
+  std::string Text;
+};
+
+// Where one field's text comes from.
+struct TSource {
+  std::vector<TPiece> Pieces;
+  uint8_t Kind = 0;    // data values: 0 <Data> of <EventData>, 1 text of <UserData>, 2 attribute of <UserData>
+  bool Expand = false; // a <Data> that is the whole content of one value: an array repeats it per item
+  bool OptionalAttribute = false; // an attribute value that is one optional substitution
+};
+
+// A template instance that the record renders: the record's own, or one embedded in a
+// value (type 0x21) of another. Listed in the order the render meets them.
+struct TFragment {
+  const TBXmlTemplateNode* Template;
+  const TBXmlSubstArrayNode* Array;
+  uint32_t Parent; // the fragment whose op embeds it (the record's own: itself)
+  uint32_t ParentOp;
+};
+
+// A substitution of the marked text: op Op of fragment Fragment.
+struct TRef {
+  uint32_t Fragment;
+  uint32_t Op;
+};
+
+struct TPlan {
+  bool Ok = false;
+  TSource System[rfBinaryData];
+  TSource Binary; // pieces of the undecoded <Binary> text
+  std::vector<TSource> Values;
+  std::vector<TRef> Refs;
+  std::vector<uint8_t> ExpandRefs; // per ref: 1 when an array value may repeat its element
+  std::vector<uint32_t> RepeatRefs; // refs whose array value would repeat an element other than such a <Data>
+};
+
+inline bool IsArrayCode(uint8_t AType) { return (AType & 0x80) != 0; }
+
+bool IsBlank(std::string_view AText) {
+  for (char c : AText)
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') return false;
+  return true;
+}
+
+// A name written around a substitution must not change how the readers split the text.
+bool IsPlainName(std::string_view AName) {
+  if (AName.empty()) return false;
+  for (char c : AName) {
+    const auto u = static_cast<unsigned char>(c);
+    if (u <= 0x20 || c == '<' || c == '>' || c == '&' || c == '"' || c == '\'' || c == '=' || c == '/' ||
+        c == ';' || u == 0xEE)
+      return false;
+  }
+  return true;
+}
+
+// Splits a field the readers gave from the marked text into its pieces; false when a
+// marker is broken.
+bool Split(std::string_view AText, size_t ARefCount, TSource& AOut) {
+  AOut.Pieces.clear();
+  size_t pos = 0;
+  while (pos < AText.size()) {
+    const size_t mark = AText.find(kMarkOpen, pos);
+    if (mark != pos) {
+      const size_t end = mark == std::string_view::npos ? AText.size() : mark;
+      AOut.Pieces.push_back({kFixed, std::string(AText.substr(pos, end - pos))});
+      if (mark == std::string_view::npos) break;
+    }
+    size_t p = mark + kMarkOpen.size();
+    uint32_t ref = 0;
+    size_t digits = 0;
+    while (p < AText.size() && AText[p] >= '0' && AText[p] <= '9' && digits < 9) {
+      ref = ref * 10 + static_cast<uint32_t>(AText[p] - '0');
+      ++p;
+      ++digits;
+    }
+    if (!digits || ref >= ARefCount || AText.substr(p, kMarkClose.size()) != kMarkClose) return false;
+    AOut.Pieces.push_back({ref, {}});
+    pos = p + kMarkClose.size();
+  }
+  return true;
+}
+
+// Counts the occurrences of ANeedle that the literal text decides, from each '<' of
+// AText up to the next substitution (ASpans: where each one's text starts, ascending).
+// False when a substitution could complete or break one.
+bool CountNeedle(std::string_view AText, const std::vector<size_t>& ASpans, std::string_view ANeedle, size_t& ACount,
+                 size_t& AAt) {
+  ACount = 0;
+  size_t span = 0;
+  for (size_t p = AText.find('<'); p != std::string_view::npos; p = AText.find('<', p + 1)) {
+    while (span < ASpans.size() && ASpans[span] <= p) ++span;
+    const size_t limit = span < ASpans.size() ? ASpans[span] : AText.size();
+    const std::string_view literal = AText.substr(p, limit - p);
+    if (literal.size() >= ANeedle.size()) {
+      if (literal.substr(0, ANeedle.size()) == ANeedle) {
+        ++ACount;
+        AAt = p;
+      }
+    } else if (ANeedle.substr(0, literal.size()) == literal && limit < AText.size()) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The marked text of a record's fragments: each fragment's program, an embedded one in
+// place of the op that holds it, and a marker for every other substitution.
+struct TMarker {
+  const std::vector<TFragment>& Fragments;
+  TPlan& Plan;
+  std::string Text;
+  std::vector<size_t> Spans; // where each substitution's text starts
+  std::vector<size_t> Marks; // where each marker starts
+
+  bool Write(uint32_t AFragment) {
+    const TBXmlTemplateNode* t = Fragments[AFragment].Template;
+    const std::string_view program = t->ProgramText;
+    for (uint32_t i = 0; i < t->OpCount; ++i) {
+      const TBXmlOp& op = t->Ops[i];
+      if (op.TextLength) {
+        if (op.TextOffset > program.size() || program.size() - op.TextOffset < op.TextLength) return false;
+        Text.append(program.substr(op.TextOffset, op.TextLength));
+        continue;
+      }
+      uint32_t child = 0;
+      while (child < Fragments.size() &&
+             !(child != 0 && Fragments[child].Parent == AFragment && Fragments[child].ParentOp == i))
+        ++child;
+      if (child < Fragments.size()) {
+        if (!Write(child)) return false;
+        continue;
+      }
+      if (op.Element && !IsPlainName(op.Element->Text)) return false;
+      Spans.push_back(Text.size());
+      if (op.Attribute) {
+        if (!IsPlainName(op.Attribute->Text)) return false;
+        Text.push_back(' ');
+        Text.append(op.Attribute->Text);
+        Text.append("=\"");
+      }
+      Marks.push_back(Text.size());
+      Text.append(kMarkOpen);
+      Text.append(std::to_string(Plan.Refs.size()));
+      Text.append(kMarkClose);
+      Plan.Refs.push_back({AFragment, i});
+      if (op.Attribute) Text.push_back('"');
+    }
+    return true;
+  }
+};
+
+// Reads the record's fragments, marked, into a plan; APlan.Ok stays false when records
+// of this shape must be rendered instead.
+void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
+  TMarker marker{AFragments, APlan, {}, {}, {}};
+  if (!marker.Write(0)) return;
+  std::string& text = marker.Text;
+  // The fixed text must not hold the markers' characters, character references (their
+  // text may read as blank where the decoded one does not) or an entity reference that
+  // a value could end.
+  auto occurrences = [&](std::string_view ANeedle) {
+    size_t n = 0;
+    for (size_t p = text.find(ANeedle); p != std::string::npos; p = text.find(ANeedle, p + 1)) ++n;
+    return n;
+  };
+  if (occurrences(kMarkOpen) != marker.Marks.size() || occurrences(kMarkClose) != marker.Marks.size()) return;
+  if (text.find("&#") != std::string::npos) return;
+  for (size_t mark : marker.Marks) {
+    for (size_t back = 1; back <= 13 && back <= mark; ++back) {
+      const char c = text[mark - back];
+      if (c == ';') break;
+      if (c == '&') return;
+    }
+  }
+  ReplaceControlCharacters(text);
+  // The record's text must split back into exactly this event, whatever the values, and
+  // end with its own fixed '>'.
+  const TBXmlTemplateNode* outer = AFragments[0].Template;
+  if (outer->OpCount == 0 || outer->Ops[outer->OpCount - 1].TextLength == 0 || text.empty() || text.back() != '>')
+    return;
+  size_t opens = 0, closes = 0, open = 0, close = 0;
+  if (!CountNeedle(text, marker.Spans, kEventOpen, opens, open) ||
+      !CountNeedle(text, marker.Spans, kEventClose, closes, close))
+    return;
+  if (opens != 1 || closes != 1 || close < open) return;
+  const std::string_view event = std::string_view(text).substr(open, close + kEventClose.size() - open);
+
+  const size_t refs = APlan.Refs.size();
+  TEventXmlFields system;
+  ReadSystemFields(event, system);
+  const std::string* fields[rfBinaryData] = {&system.ProviderName, &system.EventID,   &system.EventIDQual,
+                                             &system.Version,      &system.Level,     &system.Task,
+                                             &system.OpCode,       &system.Keywords,  &system.TimeCreated,
+                                             &system.EventRecordID, &system.Channel, &system.Computer,
+                                             &system.UserID};
+  std::vector<uint32_t> uses(refs, 0);
+  auto count = [&](const TSource& ASource) {
+    for (const TPiece& piece : ASource.Pieces)
+      if (piece.Ref != kFixed) ++uses[piece.Ref];
+  };
+  for (uint32_t f = 0; f < rfBinaryData; ++f) {
+    if (!Split(*fields[f], refs, APlan.System[f])) return;
+    count(APlan.System[f]);
+  }
+  TStringList values;
+  std::vector<uint8_t> kinds;
+  std::string_view binary;
+  ReadEventDataSources(event, values, kinds, binary);
+  if (kinds.size() != values.size()) return;
+  if (!Split(binary, refs, APlan.Binary)) return;
+  count(APlan.Binary);
+  APlan.Values.resize(values.size());
+  for (size_t v = 0; v < values.size(); ++v) {
+    TSource& source = APlan.Values[v];
+    if (!Split(values[v], refs, source)) return;
+    source.Kind = kinds[v];
+    count(source);
+  }
+  for (TSource& source : APlan.Values) {
+    if (source.Kind != 2 || source.Pieces.size() != 1 || source.Pieces[0].Ref == kFixed) continue;
+    const TRef& ref = APlan.Refs[source.Pieces[0].Ref];
+    const TBXmlOp& o = AFragments[ref.Fragment].Template->Ops[ref.Op];
+    source.OptionalAttribute = o.Optional && o.Attribute;
+  }
+  APlan.ExpandRefs.assign(refs, 0);
+  for (TSource& source : APlan.Values) {
+    if (source.Kind != 0 || source.Pieces.size() != 1 || source.Pieces[0].Ref == kFixed) continue;
+    const uint32_t ref = source.Pieces[0].Ref;
+    const TBXmlOp& o = AFragments[APlan.Refs[ref].Fragment].Template->Ops[APlan.Refs[ref].Op];
+    if (o.Element && o.Element->Text == "Data" && !o.Attribute && uses[ref] == 1) {
+      source.Expand = true;
+      APlan.ExpandRefs[ref] = 1;
+    }
+  }
+  for (uint32_t ref = 0; ref < refs; ++ref) {
+    const TBXmlOp& o = AFragments[APlan.Refs[ref].Fragment].Template->Ops[APlan.Refs[ref].Op];
+    if (o.Element && !APlan.ExpandRefs[ref]) APlan.RepeatRefs.push_back(ref);
+  }
+  APlan.Ok = true;
+}
+
+// The plans of a reading thread, kept from chunk to chunk: a log's chunks repeat the
+// same few templates. A template is known by its compiled program (text, ops and the
+// names they write), which is all a plan depends on; a record's shape is the programs of
+// its fragments and where each is embedded. Bounded: emptied when it grows too large.
+struct TPlanCache {
+  std::unordered_map<std::string, uint32_t> Programs; // program → its number
+  std::unordered_map<std::string, std::shared_ptr<const TPlan>> Plans; // shape → plan
+  size_t Bytes = 0;
+  static constexpr size_t kMaxBytes = 32 * 1024 * 1024;
+  static constexpr size_t kMaxEntries = 20000;
+
+  void Trim() {
+    if (Bytes <= kMaxBytes && Programs.size() <= kMaxEntries && Plans.size() <= kMaxEntries) return;
+    Programs.clear();
+    Plans.clear();
+    Bytes = 0;
+  }
+};
+thread_local TPlanCache GPlanCache;
+
+// Appends the bytes of a plain value.
+template <typename T> void Put(std::string& AOut, const T& AValue) {
+  AOut.append(reinterpret_cast<const char*>(&AValue), sizeof AValue);
+}
+
+// The number of ATemplate's program in the cache.
+uint32_t ProgramNumber(const TBXmlTemplateNode* ATemplate, std::string& AScratch) {
+  AScratch.clear();
+  Put(AScratch, ATemplate->OpCount);
+  for (uint32_t i = 0; i < ATemplate->OpCount; ++i) {
+    const TBXmlOp& op = ATemplate->Ops[i];
+    Put(AScratch, op.TextOffset);
+    Put(AScratch, op.TextLength);
+    Put(AScratch, op.Index);
+    Put(AScratch, op.Type);
+    Put(AScratch, op.Optional);
+    Put(AScratch, op.StartTagOffset);
+    for (const TBXmlNameStringNode* name : {op.Attribute, op.Element}) {
+      const uint32_t size = name ? static_cast<uint32_t>(name->Text.size()) : 0xFFFFFFFF;
+      Put(AScratch, size);
+      if (name) AScratch.append(name->Text);
+    }
+  }
+  AScratch.append(ATemplate->ProgramText);
+  auto [it, added] = GPlanCache.Programs.emplace(AScratch, static_cast<uint32_t>(GPlanCache.Programs.size()));
+  if (added) GPlanCache.Bytes += AScratch.size() + 64;
+  return it->second;
+}
+
+// What a reading thread keeps from chunk to chunk: the room the values are written in.
+struct TReaderRoom {
+  std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers; // of the chunk's programs
+  std::string Scratch;
+  std::vector<TFragment> Fragments;
+  std::string Key;
+  std::string Value; // a value's XML text
+  std::string Xml;
+  std::vector<uint8_t> Failed;
+  std::unordered_map<const TPlan*, uint32_t> PlanIndex; // the chunk's plans: their index in its result
+  // The last program number and plan looked up (reset with each chunk).
+  const TBXmlTemplateNode* LastTemplate = nullptr;
+  uint32_t LastNumber = 0;
+  std::string LastKey;
+  const std::shared_ptr<const TPlan>* LastPlan = nullptr;
+};
+
+// Per chunk.
+struct TReaderState {
+  TEvtxChunk& Chunk;
+  TChunkResult& Result;
+  TReaderRoom& Room;
+  uint32_t Used = 0; // slots of Result.Fields in use
+  std::unordered_map<const TBXmlTemplateNode*, uint32_t>& Numbers = Room.Numbers;
+  std::string& Scratch = Room.Scratch;
+  std::vector<TFragment>& Fragments = Room.Fragments;
+  std::string& Key = Room.Key;
+  std::string& Value = Room.Value;
+  std::unordered_map<const TPlan*, uint32_t>& PlanIndex = Room.PlanIndex;
+  uint32_t LastPlan = 0;
+
+  std::string& Slot() {
+    if (Used < Result.Fields.size()) {
+      std::string& s = Result.Fields[Used++];
+      s.clear();
+      return s;
+    }
+    ++Used;
+    return Result.Fields.emplace_back();
+  }
+
+  const TBXmlSubstValue& ValueOf(const TPlan& APlan, uint32_t ARef) const {
+    const TRef& ref = APlan.Refs[ARef];
+    const TFragment& f = Fragments[ref.Fragment];
+    return f.Array->Values[f.Template->Ops[ref.Op].Index];
+  }
+};
+
+// Where the values of an event's fields lie: the chunk's bytes, and per ref of its plan
+// the value's offset, size and type packed as TChunkResult::Values holds them.
+struct TValueSet {
+  const uint8_t* Data;
+  const uint64_t* Refs;
+  std::string& Scratch;
+
+  TBXmlSubstValue Value(uint32_t ARef) const {
+    const uint64_t v = Refs[ARef];
+    return {static_cast<uint32_t>(v & 0xFFFF), static_cast<uint16_t>((v >> 16) & 0xFFFF),
+            static_cast<uint8_t>(v >> 32), nullptr};
+  }
+};
+
+inline uint64_t PackValue(const TBXmlSubstValue& AValue) {
+  return (AValue.Offset & 0xFFFF) | uint64_t{AValue.Size} << 16 | uint64_t{AValue.Type} << 32;
+}
+
+// Renders a value's XML text into AOut (control characters replaced as in the chunk's text).
+inline void RenderValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::string& AOut) {
+  AOut.clear();
+  AppendVariantXml(AOut, AValue.Type, AValues.Data + AValue.Offset, AValue.Size, kVarModeSubstitution);
+  ReplaceControlCharacters(AOut);
+}
+
+// Appends a value's text as the readers take it out of the XML: its XML text with
+// control characters replaced, entities decoded. A string goes there at once: escaping
+// and decoding cancel out, and its NULs (which the XML text leaves out) are dropped.
+void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::string& AOut) {
+  const uint8_t* data = AValues.Data + AValue.Offset;
+  std::string& text = AValues.Scratch;
+  switch (AValue.Type) {
+  case 0x01: {
+    // Converted in the reused scratch string (the conversion makes room for the worst
+    // case first), then appended at its size.
+    text.clear();
+    AppendUtf16(text, data, AValue.Size / 2);
+    bool special = false;
+    for (const char c : text) special |= static_cast<unsigned char>(c) < 0x20;
+    if (!special) {
+      AOut.append(text);
+      return;
+    }
+    // UTF-8 puts no byte below 0x80 inside a sequence: each one is a character.
+    for (const char c : text) {
+      const auto u = static_cast<unsigned char>(c);
+      if (u == 0) continue;
+      AOut.push_back(u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : c);
+    }
+    return;
+  }
+  case 0x02:
+  case 0x81:
+    break;
+  default:
+    // Numbers, times, identifiers, hexadecimal: text without entities or control
+    // characters (arrays of them are separated by CR LF, which stay).
+    AppendVariantXml(AOut, AValue.Type, data, AValue.Size, kVarModeSubstitution);
+    return;
+  }
+  RenderValue(AValues, AValue, text);
+  for (const char c : text) {
+    if (c == '&' || static_cast<unsigned char>(c) < 0x20) {
+      AppendXmlUnescaped(AOut, text);
+      return;
+    }
+  }
+  AOut.append(text);
+}
+
+void AppendSource(const TValueSet& AValues, const TSource& ASource, std::string& AOut) {
+  for (const TPiece& piece : ASource.Pieces) {
+    if (piece.Ref == kFixed) AOut.append(piece.Text);
+    else AppendValue(AValues, AValues.Value(piece.Ref), AOut);
+  }
+}
+
+// The list's next value, emptied (a string an earlier event left there keeps its room).
+std::string& NextValue(TStringList& AValues, size_t& ACount) {
+  if (ACount < AValues.size()) {
+    std::string& value = AValues[ACount++];
+    value.clear();
+    return value;
+  }
+  ++ACount;
+  return AValues.emplace_back();
+}
+
+// Makes an event's system fields (ASystem: rfProviderName .. rfUserID) and the bytes of
+// its <Binary> (ABinary) from its plan and values.
+void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::string* const* ASystem, std::string& ABinary) {
+  for (uint32_t f = 0; f < rfBinaryData; ++f) {
+    ASystem[f]->clear();
+    AppendSource(AValues, APlan.System[f], *ASystem[f]);
+  }
+  ABinary.clear();
+  if (!APlan.Binary.Pieces.empty()) {
+    static thread_local std::string hex;
+    hex.clear();
+    for (const TPiece& piece : APlan.Binary.Pieces) {
+      if (piece.Ref == kFixed) {
+        hex.append(piece.Text);
+      } else {
+        RenderValue(AValues, AValues.Value(piece.Ref), AValues.Scratch);
+        hex.append(AValues.Scratch);
+      }
+    }
+    DecodeBinaryText(hex, ABinary);
+  }
+}
+
+// Makes an event's data values from its plan and values into AFields.Strings.
+void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
+  TStringList& values = AFields.Strings;
+  size_t count = 0;
+  for (const TSource& source : APlan.Values) {
+    if (source.Expand) {
+      const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
+      if (IsArrayCode(v.Type)) {
+        // Each item is a <Data> of its own; no item at all leaves one empty element.
+        std::string& items = AValues.Scratch;
+        items.clear();
+        AppendVariantArrayItems(items, v.Type, AValues.Data + v.Offset, v.Size, "<");
+        ReplaceControlCharacters(items);
+        size_t pos = 0;
+        for (;;) {
+          const size_t end = items.find('<', pos);
+          const std::string_view item =
+              std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+          AppendXmlUnescaped(NextValue(values, count), item);
+          if (end == std::string::npos) break;
+          pos = end + 1;
+        }
+        continue;
+      }
+    }
+    if (source.Kind == 2 && source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed && source.OptionalAttribute) {
+      // An empty optional value leaves its attribute out.
+      const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
+      std::string& text = AValues.Scratch;
+      RenderValue(AValues, v, text);
+      if (text.empty()) continue;
+      AppendXmlUnescaped(NextValue(values, count), text);
+      continue;
+    }
+    std::string& value = NextValue(values, count);
+    AppendSource(AValues, source, value);
+    if (source.Kind == 1 && IsBlank(value)) --count; // a blank text is no value
+  }
+  values.resize(count);
+}
+
+// The template instance a root renders: its last child, after fragment headers only.
+// Null when the root renders anything else, or has no values to fill it.
+TBXmlTemplateNode* SoleInstance(TEvtxChunk& AChunk, const TBXmlRootNode* ARoot) {
+  const TBXmlNodeCommon* last = ARoot->LastChild;
+  if (!last || last->Kind != TBXmlKind::bkChild0C || !ARoot->Array) return nullptr;
+  for (const TBXmlNodeCommon* n = ARoot->FirstChild; n != last; n = n->Next)
+    if (n->Kind != TBXmlKind::bkChild0F) return nullptr;
+  TBXmlTemplateNode* t = static_cast<const TBXmlChild0CNode*>(last)->Template;
+  return t && CompileTemplateProgram(AChunk, t) ? t : nullptr;
+}
+
+constexpr uint32_t kMaxFragments = 64;
+constexpr int kMaxLevel = 8;
+
+// Lists the fragments the render meets from fragment AFragment on, in its order, and
+// checks its values as the render would meet them: false at the first that the render
+// would raise at or that this reader does not follow (embedded fragments are prepared
+// here, as the render prepares them; one that raises is left unprepared again).
+bool WalkFragment(TReaderState& R, uint32_t AFragment, int ALevel) {
+  const TBXmlTemplateNode* t = R.Fragments[AFragment].Template;
+  const TBXmlSubstArrayNode* array = R.Fragments[AFragment].Array;
+  for (uint32_t i = 0; i < t->OpCount; ++i) {
+    const TBXmlOp& op = t->Ops[i];
+    if (op.TextLength) continue;
+    if (op.Index >= array->Count) return false;
+    TBXmlSubstValue& v = array->Values[op.Index];
+    if (v.Type != 0x21 || !v.Size) continue;
+    if (op.Attribute || ALevel >= kMaxLevel || R.Fragments.size() >= kMaxFragments) return false;
+    if (!v.Nested) {
+      v.Nested = CreateRootNode(R.Chunk, v.Offset, v.Size);
+      try {
+        PrepareRootNode(R.Chunk, v.Nested, 2 * (ALevel + 1));
+      } catch (const EBinXMLLogReadingException&) {
+        v.Nested = nullptr; // the render meets the fault afresh
+        return false;
+      }
+    }
+    if (!v.Nested->Valid) return false;
+    const TBXmlTemplateNode* nested = SoleInstance(R.Chunk, v.Nested);
+    if (!nested) return false;
+    R.Fragments.push_back({nested, v.Nested->Array, AFragment, i});
+    if (!WalkFragment(R, static_cast<uint32_t>(R.Fragments.size() - 1), ALevel + 1)) return false;
+  }
+  return true;
+}
+
+// The fields of a record whose root is one template instance with a compiled program;
+// false (nothing written) when the record must be rendered instead.
+bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
+  const TBXmlTemplateNode* t = SoleInstance(R.Chunk, ARoot);
+  if (!t) return false;
+  R.Fragments.clear();
+  R.Fragments.push_back({t, ARoot->Array, 0, 0});
+  if (!WalkFragment(R, 0, 0)) return false;
+  R.Key.clear();
+  for (const TFragment& f : R.Fragments) {
+    if (f.Template != R.Room.LastTemplate) {
+      auto number = R.Numbers.find(f.Template);
+      if (number == R.Numbers.end())
+        number = R.Numbers.emplace(f.Template, ProgramNumber(f.Template, R.Scratch)).first;
+      R.Room.LastTemplate = f.Template;
+      R.Room.LastNumber = number->second;
+    }
+    Put(R.Key, R.Room.LastNumber);
+    Put(R.Key, f.Parent);
+    Put(R.Key, f.ParentOp);
+  }
+  // Records of one shape tend to follow each other: the last shape's plan is tried first.
+  if (!R.Room.LastPlan || R.Key != R.Room.LastKey) {
+    auto found = GPlanCache.Plans.find(R.Key);
+    if (found == GPlanCache.Plans.end()) {
+      auto compiled = std::make_shared<TPlan>();
+      CompilePlan(R.Fragments, *compiled);
+      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size();
+      found = GPlanCache.Plans.emplace(R.Key, std::move(compiled)).first;
+    }
+    R.Room.LastPlan = &found->second; // stays valid while the cache keeps it (until Trim)
+    R.Room.LastKey = R.Key;
+  }
+  const std::shared_ptr<const TPlan>& shared = *R.Room.LastPlan;
+  const TPlan& plan = *shared;
+  if (!plan.Ok) return false;
+  // An array that would repeat an element other than a <Data> of its own.
+  for (const uint32_t ref : plan.RepeatRefs)
+    if (IsArrayCode(R.ValueOf(plan, ref).Type)) return false;
+  // The text is made by the taker of the event (MakeFields): here only where the values lie.
+  TChunkResult& result = R.Result;
+  if (result.Plans.empty() || result.Plans[R.LastPlan].get() != &plan) {
+    auto known = R.PlanIndex.find(&plan);
+    if (known == R.PlanIndex.end()) {
+      known = R.PlanIndex.emplace(&plan, static_cast<uint32_t>(result.Plans.size())).first;
+      result.Plans.push_back(shared);
+    }
+    R.LastPlan = known->second;
+  }
+  const uint32_t firstValue = static_cast<uint32_t>(result.Values.size());
+  for (uint32_t ref = 0; ref < plan.Refs.size(); ++ref) result.Values.push_back(PackValue(R.ValueOf(plan, ref)));
+  // The system fields are made here, the data values by the taker: the two threads
+  // share the work about evenly.
+  const uint32_t first = R.Used;
+  for (uint32_t f = 0; f < rfValues; ++f) R.Slot(); // taken first: taking one may move the others
+  std::string* system[rfBinaryData];
+  for (uint32_t f = 0; f < rfBinaryData; ++f) system[f] = &result.Fields[first + f];
+  std::string& binary = result.Fields[first + rfBinaryData];
+  const TValueSet values{R.Chunk.Data(), result.Values.data() + firstValue, R.Value};
+  MakeSystemFields(plan, values, system, binary);
+  result.RecordFields.push_back({first, rfValues, R.LastPlan, firstValue});
+  return true;
+}
+
+// The fields of one rendered event, read from its XML as the source reads them.
+void ReadFromXml(TReaderState& R, std::string_view AEvent) {
+  static thread_local TEventXmlFields system;
+  static thread_local TStringList values;
+  static thread_local std::vector<uint8_t> binary;
+  ReadSystemFields(AEvent, system);
+  ReadEventDataValues(AEvent, values, &binary);
+  const uint32_t first = R.Used;
+  static_assert(rfValues == rfBinaryData + 1);
+  for (std::string* s : {&system.ProviderName, &system.EventID, &system.EventIDQual, &system.Version, &system.Level,
+                         &system.Task, &system.OpCode, &system.Keywords, &system.TimeCreated, &system.EventRecordID,
+                         &system.Channel, &system.Computer, &system.UserID})
+    R.Slot().swap(*s);
+  R.Slot().assign(binary.begin(), binary.end());
+  for (std::string& value : values) R.Slot().swap(value);
+  R.Result.RecordFields.push_back({first, R.Used - first});
+  ++R.Result.RecordsFromXml;
+}
+
+// Where ANeedle occurs in AText: its one position, or npos when it occurs not once.
+size_t FindOnce(std::string_view AText, std::string_view ANeedle) {
+  const size_t at = AText.find(ANeedle);
+  if (at == std::string_view::npos || AText.find(ANeedle, at + 1) != std::string_view::npos)
+    return std::string_view::npos;
+  return at;
+}
+
+} // namespace
+
+void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields) {
+  static thread_local std::string scratch;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  MakeDataValues(plan, values, AFields);
+}
+
+void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
+  AResult.Xml.clear();
+  AResult.Issues.clear();
+  AResult.RecordFields.clear();
+  AResult.RecordsFromXml = 0;
+  AResult.FieldsRead = true;
+  GPlanCache.Trim();
+  // The room of the last chunk's reading is kept for the next one, on the same thread.
+  static thread_local TReaderRoom room;
+  room.Numbers.clear();
+  room.LastTemplate = nullptr;
+  room.LastPlan = nullptr;
+  room.PlanIndex.clear();
+  AResult.Values.clear();
+  AResult.Plans.clear();
+  TReaderState R{AChunk, AResult, room, 0};
+  std::string& xml = room.Xml;
+  std::vector<uint8_t>& failed = room.Failed; // per record: its render raised
+  bool whole = false;          // the chunk must be rendered whole
+  const int count = AChunk.Count();
+  failed.assign(static_cast<size_t>(count), 0);
+  for (int i = 0; i < count; ++i) {
+    TEvtxEvent& e = *AChunk.GetEvent(i);
+    if (!e.Valid() || !e.Root()) continue;
+    try {
+      PrepareRootNode(AChunk, e.Root());
+      if (!whole && ReadDirect(R, e.Root())) continue;
+      xml.clear();
+      e.AppendXML(xml);
+    } catch (const EBinXMLLogReadingException& ex) {
+      std::string message = ex.what();
+      if (!ex.Detail().empty()) message += " (" + ex.Detail() + ")";
+      AResult.Issues.push_back({e.Start(), e.RecordId(), std::move(message)});
+      failed[static_cast<size_t>(i)] = 1;
+      continue;
+    }
+    if (whole) continue;
+    ReplaceControlCharacters(xml);
+    // The chunk's text is cut into events at "<Event xmlns" and "</Event>": a record is
+    // read alone only when its text holds one of each, in order, and ends its last tag.
+    const size_t open = FindOnce(xml, kEventOpen);
+    const size_t close = FindOnce(xml, kEventClose);
+    if (open == std::string::npos || close == std::string::npos || close < open || xml.back() != '>') {
+      whole = true;
+      continue;
+    }
+    ReadFromXml(R, std::string_view(xml).substr(open, close + kEventClose.size() - open));
+  }
+  if (!whole) {
+    AResult.KeepBytes = !AResult.Plans.empty(); // the chunk's bytes go to the result when it ends
+    return;
+  }
+  AResult.FieldsRead = false;
+  AResult.RecordFields.clear();
+  AResult.Values.clear();
+  AResult.Plans.clear();
+  AResult.RecordsFromXml = 0;
+  for (int i = 0; i < count; ++i) {
+    TEvtxEvent& e = *AChunk.GetEvent(i);
+    if (!e.Valid() || !e.Root() || failed[static_cast<size_t>(i)]) continue;
+    e.AppendXML(AResult.Xml); // rendered before without a fault: renders the same again
+  }
+  ReplaceControlCharacters(AResult.Xml);
+}
+
+} // namespace qvx

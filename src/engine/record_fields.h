@@ -1,0 +1,61 @@
+// Reading events' fields straight from their binary XML, without rendering it.
+//
+// A listing needs each event's system fields and data values, not its XML text. The
+// record reader here takes them from the record's template instance: once per template
+// and chunk, the template's compiled text is rendered with a marker in place of each
+// substitution and read by the same XML field readers (ReadSystemFields,
+// ReadEventDataSources) that read rendered events, which says for every field which
+// fixed text and which substitution values make it. Each record then costs one pass
+// over the values its fields use: the reading thread makes the system fields, and leaves
+// where the data values lie for the taker of the event (TakeRecordFields) to make them,
+// so that the two threads share the work. The result is the same text that rendering the
+// record and reading that XML would give; where that cannot be known from the template
+// alone (a record that is not a plain template instance, an embedded fragment, an
+// array that repeats an element other than <Data>, a template whose text the markers
+// could not follow), the record is rendered and its XML read as before, and a chunk
+// whose rendered records would not split back into one event each is rendered whole.
+#pragma once
+
+#include "engine/event_xml.h"
+#include "engine/evtx/chunk_reader.h"
+
+#include <cstdint>
+
+namespace qvx {
+
+// The fields of one event in TChunkResult::Fields, in this order; its data values
+// follow. rfBinaryData holds the bytes of <Binary>.
+enum TRecordField : uint32_t {
+  rfProviderName,
+  rfEventID,
+  rfEventIDQual,
+  rfVersion,
+  rfLevel,
+  rfTask,
+  rfOpCode,
+  rfKeywords,
+  rfTimeCreated,
+  rfEventRecordID,
+  rfChannel,
+  rfComputer,
+  rfUserID,
+  rfBinaryData,
+  rfValues
+};
+
+// A TChunkRecordReader. Fills AResult.Fields and RecordFields (FieldsRead set) with one
+// entry per event that the chunk's XML would hold, in file order (and Bytes, Values and
+// Plans for the data values TakeRecordFields makes), and AResult.Issues
+// with the records that could not be rendered (the same texts as the XML render); or,
+// when the chunk's rendered records would not split into one event each, AResult.Xml
+// exactly as the XML render makes it (FieldsRead clear). Raises what the render raises
+// apart from EBinXMLLogReadingException.
+void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult);
+
+// Makes the data values of an event whose values ReadChunkFields left to make (ASpan.Plan
+// set) into AFields.Strings; the other fields are not touched (its system fields and
+// binary data are in AResult.Fields as for any event). The taker does it, so that the
+// text is made on its thread.
+void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields);
+
+} // namespace qvx

@@ -1,0 +1,244 @@
+// The field reader (record_fields): events read without their XML must carry exactly the
+// fields that reading their rendered XML gives, over fixture logs with values of every
+// kind, damaged logs, and the shared samples when they are there.
+#include "engine/record_fields.h"
+
+#include "engine/event_log_binxml.h"
+#include "engine/evtx/evtx_writer.h"
+#include "support/evtx_fixtures.h"
+#include "support/test_paths.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace qvx {
+namespace {
+
+using namespace qvx::test;
+
+// Everything a listing takes from an event, as one text.
+std::string Describe(const TEventItemX& AItem) {
+  std::string s;
+  auto add = [&](std::string_view AName, const std::string& AValue) {
+    s.append(AName).append("=").append(AValue).append("|");
+  };
+  add("rec", std::to_string(AItem.FEventRecordID));
+  add("num", std::to_string(AItem.FRecordNumber));
+  add("type", std::to_string(AItem.FEventType));
+  add("time", std::to_string(AItem.FTimeGenerated));
+  add("src", AItem.FSourceName);
+  add("id", std::to_string(AItem.FEventID));
+  add("qual", std::to_string(AItem.FEventIDQual));
+  add("ver", std::to_string(AItem.FVersion));
+  add("lvl", std::to_string(AItem.FLevel));
+  add("op", std::to_string(AItem.FOpCode));
+  add("task", std::to_string(AItem.FTask));
+  add("cat", AItem.FCategoryName);
+  add("user", AItem.FUserName);
+  add("sid", AItem.FUserSid);
+  add("computer", AItem.FComputername);
+  add("channel", AItem.FChannel);
+  add("systime", AItem.FSystemTime);
+  add("keywords", AItem.FKeywords);
+  add("message", AItem.FEvtMessage);
+  for (const std::string& value : AItem.FStrings) add("v", value);
+  add("data", std::string(AItem.FData.begin(), AItem.FData.begin() + AItem.FDataLength));
+  return s;
+}
+
+struct TReading {
+  std::vector<std::string> Events;
+  std::vector<std::string> Issues;
+  uint64_t FromXml = 0;
+  size_t XmlSeen = 0; // events that came with their XML
+};
+
+TReading ReadAll(const std::string& APath, bool AWithoutXml, unsigned AThreads = 0) {
+  TReading reading;
+  TEventLogBinXML log;
+  log.SetReadAhead(AThreads);
+  log.SetWithoutXml(AWithoutXml);
+  log.SetBackupFileName(APath);
+  log.SetActive(true);
+  if (!log.Active()) return reading;
+  while (TEventItemBase* item = log.EventNext()) {
+    if (item == TEventLogX::UndeliverableMarker()) {
+      reading.Events.push_back("+");
+      continue;
+    }
+    auto& x = static_cast<TEventItemX&>(*item);
+    reading.Events.push_back(Describe(x));
+    if (!x.FEvtXML.empty()) ++reading.XmlSeen;
+  }
+  reading.Issues = log.IssueList().Lines();
+  reading.FromXml = log.EventsReadFromXml();
+  return reading;
+}
+
+// Reads APath both ways and expects the same; gives the direct reading.
+TReading ExpectSameBothWays(const std::string& APath) {
+  const TReading xml = ReadAll(APath, false);
+  const TReading direct = ReadAll(APath, true);
+  EXPECT_EQ(direct.Events.size(), xml.Events.size()) << APath;
+  for (size_t i = 0; i < std::min(direct.Events.size(), xml.Events.size()); ++i)
+    if (direct.Events[i] != xml.Events[i]) {
+      ADD_FAILURE() << APath << ": event " << i << " differs\n xml:    " << xml.Events[i]
+                    << "\n direct: " << direct.Events[i];
+      break;
+    }
+  EXPECT_EQ(direct.Issues, xml.Issues) << APath;
+  EXPECT_EQ(direct.XmlSeen, 0u);
+  return direct;
+}
+
+std::string WriteChunks(const std::string& AName, const std::vector<TEvtxEventDraft>& AEvents) {
+  TEvtxChunkWriter chunk;
+  TEvtxEventTemplates templates;
+  uint64_t id = 1;
+  for (const auto& e : AEvents) EXPECT_TRUE(chunk.AddEvent(id++, e, templates));
+  return WriteTempFile(AName, MakeFileFromChunks({chunk.Finish()}));
+}
+
+TEST(RecordFields, SampleLogReadsTheSameWithoutXml) {
+  const std::string path = WriteTempFile("sample.evtx", MakeEvtxFile(3, 20));
+  const TReading direct = ExpectSameBothWays(path);
+  EXPECT_EQ(direct.Events.size(), 60u);
+  EXPECT_EQ(direct.FromXml, 0u); // plain template instances: no record needs its XML
+}
+
+TEST(RecordFields, ValuesOfEveryKindReadTheSame) {
+  std::vector<TEvtxEventDraft> events;
+  TEvtxEventDraft e = SampleEvent(1);
+  // Text that XML escapes, control characters, NULs and text that looks like markup.
+  e.FData = {{"Escaped", TEvtxValue::String("a<b>&c\"d'e &amp; &#65;")},
+             {"Controls", TEvtxValue::String(std::string("x\x01y\x1Fz\tw\r\nv", 13))},
+             {"Nul", TEvtxValue(0x01, {'a', 0, 0, 0, 'b', 0})},
+             {"Ansi", TEvtxValue::AnsiString("caf\xE9 <x>")},
+             {"Empty", TEvtxValue::String("")},
+             {"Blank", TEvtxValue::String("   ")},
+             {"Int", TEvtxValue::Int32(-5)},
+             {"Hex", TEvtxValue::Hex64(0xABCDEF)},
+             {"Guid", TEvtxValue::Guid("{01234567-89AB-CDEF-0123-456789ABCDEF}")},
+             {"Sid", TEvtxValue::Sid("S-1-5-21-1-2-3-500")},
+             {"Time", TEvtxValue::FileTime(133000000000000000ull)},
+             {"Bool", TEvtxValue::Bool(true)},
+             {"Bin", TEvtxValue::Binary(std::vector<uint8_t>{1, 2, 0xFE})},
+             {"Strings", TEvtxValue::StringArray({"one", "t<w>o", "", "three"})},
+             {"NoStrings", TEvtxValue::StringArray({})},
+             {"Numbers", TEvtxValue::UInt32Array(std::vector<uint32_t>{7, 8, 9})},
+             {"Null", TEvtxValue::Null()}};
+  e.FBinary = std::vector<uint8_t>{0xDE, 0xAD, 0x00, 0x01};
+  events.push_back(e);
+  TEvtxEventDraft q = SampleEvent(2);
+  q.FQualifiers = 16384;
+  q.FUserId.clear();
+  q.FProviderName = "Prov & <Co>";
+  q.FComputer = "host\x02name";
+  q.FData.clear();
+  events.push_back(q);
+  for (int i = 3; i < 8; ++i) events.push_back(SampleEvent(static_cast<uint64_t>(i)));
+  const TReading direct = ExpectSameBothWays(WriteChunks("values.evtx", events));
+  EXPECT_EQ(direct.Events.size(), events.size());
+}
+
+// UserData made of an embedded template: attribute values (optional ones left out when
+// empty), texts (blank ones are no value), nested elements, and a fragment without a
+// template (read from its XML).
+TEST(RecordFields, UserDataReadsTheSame) {
+  auto inner = std::make_shared<TEvtxTemplate>("user-data", [](TBinXmlWriter& w) {
+    w.OpenElement("LogFileCleared");
+    w.Attribute("xmlns");
+    w.Text("http://manifests.example/user");
+    w.Attribute("Kind");
+    w.Substitution(0, EvtxType::String, true);
+    w.Attribute("Fixed");
+    w.Text("a&b");
+    w.CloseStartElement();
+    w.SubstitutionElement("SubjectUserName", 1, EvtxType::String);
+    w.SubstitutionElement("Count", 2, EvtxType::UInt32, true);
+    w.OpenElement("Inner");
+    w.Attribute("Id");
+    w.Substitution(3, EvtxType::String);
+    w.CloseStartElement();
+    w.Substitution(4, EvtxType::String, true);
+    w.TextElement("Note", "  ");
+    w.EndElement();
+    w.EndElement();
+  });
+  std::vector<TEvtxEventDraft> events;
+  const std::vector<std::vector<TEvtxValue>> values = {
+      {TEvtxValue::String("k"), TEvtxValue::String("alice"), TEvtxValue::UInt32(3), TEvtxValue::String("i1"),
+       TEvtxValue::String("tail")},
+      {TEvtxValue::String(""), TEvtxValue::String("  "), TEvtxValue::Null(), TEvtxValue::String(""),
+       TEvtxValue::String("")},
+      {TEvtxValue::Null(), TEvtxValue::String("x<y"), TEvtxValue::UInt32(0), TEvtxValue::String("\t"),
+       TEvtxValue::String(" ")},
+  };
+  uint64_t i = 1;
+  for (const auto& v : values) {
+    TEvtxEventDraft e = SampleEvent(i++);
+    e.FData.clear();
+    e.FUserData = TEvtxValue::BinXml(inner, v);
+    events.push_back(e);
+  }
+  TEvtxEventDraft raw = SampleEvent(i++);
+  raw.FData.clear();
+  raw.FUserData = TEvtxValue::BinXmlContent([](TBinXmlWriter& w) {
+    w.OpenElement("Plain");
+    w.Attribute("A");
+    w.Text("1");
+    w.CloseStartElement();
+    w.Text("text");
+    w.EndElement();
+    w.EndOfStream();
+  });
+  events.push_back(raw);
+  const TReading direct = ExpectSameBothWays(WriteChunks("userdata.evtx", events));
+  EXPECT_EQ(direct.Events.size(), events.size());
+  EXPECT_EQ(direct.FromXml, 1u); // the fragment without a template
+}
+
+TEST(RecordFields, DamagedLogsReadTheSame) {
+  std::vector<uint8_t> file = MakeEvtxFile(3, 12);
+  CorruptRecordMagic(file, 0, 4);
+  CorruptRecordSizeCopy(file, 1, 7);
+  // A byte inside a record's binary XML of the last chunk.
+  const std::vector<size_t> records =
+      ChunkRecordOffsets(std::span<const uint8_t>(file).subspan(ChunkFileOffset(2), kEvtxChunkSize));
+  ASSERT_GT(records.size(), 3u);
+  file[ChunkFileOffset(2) + records[3] + 24 + 30] ^= 0x5A;
+  file[ChunkFileOffset(2) + records[5] + 24 + 2] = 0x77;
+  ExpectSameBothWays(WriteTempFile("damaged.evtx", file));
+}
+
+TEST(RecordFields, ReadAheadGivesTheSame) {
+  const std::string path = WriteTempFile("ahead.evtx", MakeEvtxFile(6, 30));
+  const TReading one = ReadAll(path, true, 0);
+  const TReading two = ReadAll(path, true, 2);
+  EXPECT_EQ(one.Events, two.Events);
+  EXPECT_EQ(one.Issues, two.Issues);
+}
+
+// Every sample log: the same both ways, and few events need their XML.
+TEST(RecordFields, SamplesReadTheSameWithoutXml) {
+  std::vector<std::filesystem::path> files = SampleFiles("", ".evtx");
+  if (files.empty()) GTEST_SKIP() << "no samples";
+  uint64_t events = 0, fromXml = 0;
+  for (const auto& file : files) {
+    const TReading direct = ExpectSameBothWays(file.string());
+    events += direct.Events.size();
+    fromXml += direct.FromXml;
+    if (HasFailure()) break;
+  }
+  RecordProperty("events", std::to_string(events));
+  RecordProperty("from_xml", std::to_string(fromXml));
+  std::printf("samples: %llu events, %llu read from their XML\n", static_cast<unsigned long long>(events),
+              static_cast<unsigned long long>(fromXml));
+  EXPECT_LT(fromXml * 100, events * 2 + 100); // under 2 %
+}
+
+} // namespace
+} // namespace qvx
