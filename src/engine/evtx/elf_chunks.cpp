@@ -4,8 +4,11 @@
 #include "platform/byte_reader.h"
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstddef>
 #include <cstring>
+#include <mutex>
+#include <thread>
 
 #if defined(__GNUC__) && defined(__x86_64__)
 #include <immintrin.h>
@@ -111,9 +114,174 @@ const uint8_t* FindSignature(const uint8_t* AData, size_t ALength) {
   return FindSignatureBytewise(p, end);
 }
 
+constexpr uint64_t kBlockStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
+
+// Reads the buffer at AStart into ABuffer (kBlockSize bytes) and finds its chunks, a
+// piece at a time: the starts whose 64 KB lie whole in the bytes read so far are
+// searched while those bytes are still in the processor's cache. Once the buffer is read
+// (full, or cut short by the end of the data), the starts below its last 64 KB are
+// searched when another buffer follows (later starts are searched there), up to and
+// including that one in the last buffer (a chunk ending exactly at the end of the data).
+// Starts are searched in order either way, and a chunk never holds another: the search
+// goes on after it. With ACopy the chunks' bytes are copied into ABlock.Chunks.
+void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* ABuffer, bool ACopy, TElfChnunks::TBlock& ABlock) {
+  constexpr uint32_t kBlockSize = TElfChnunks::kBlockSize;
+  constexpr uint32_t kOverlap = TElfChnunks::kOverlap;
+  ABlock.Start = AStart;
+  ABlock.Filled = 0;
+  ABlock.Full = ABlock.Failed = ABlock.Tick = false;
+  ABlock.Offsets.clear();
+  ABlock.ReadWhen.clear();
+  ABlock.Chunks.clear();
+  ABlock.Error = nullptr;
+  uint32_t filled = 0;
+  uint64_t from = 0;
+  for (;;) {
+    const size_t want = std::min<size_t>(TElfChnunks::kReadPiece, kBlockSize - filled);
+    size_t got = 0;
+    try {
+      got = std::min(want, AStream.ReadAt(AStart + filled, ABuffer + filled, want));
+    } catch (const std::exception&) {
+      // The search ends here, after the chunks found before.
+      ABlock.Failed = true;
+      ABlock.Filled = filled;
+      return;
+    }
+    filled += static_cast<uint32_t>(got);
+    const bool done = got != want || filled == kBlockSize;
+    bool any = true;
+    uint64_t lastStart = 0;
+    if (!done) {
+      any = filled > kOverlap;
+      lastStart = any ? uint64_t{filled} - kOverlap - 1 : 0;
+    } else {
+      ABlock.Filled = filled;
+      ABlock.Full = filled == kBlockSize;
+      const uint32_t explore = filled > kOverlap ? filled - kOverlap : 0;
+      if (explore == 0 && (ABlock.Full || filled < kChunkSize)) return; // an empty range, no tick
+      ABlock.Tick = true;
+      lastStart = ABlock.Full ? uint64_t{explore} - 1 : uint64_t{explore};
+    }
+    while (any && from <= lastStart) {
+      const size_t span = static_cast<size_t>(lastStart - from + sizeof kChunkSignature);
+      const uint8_t* hit = FindSignature(ABuffer + from, span);
+      if (!hit) {
+        from = lastStart + 1;
+        break;
+      }
+      const uint64_t at = static_cast<uint64_t>(hit - ABuffer);
+      if (LoadU32(ABuffer + at + kChunkOfsHeaderSize) != kChunkHeaderSize) {
+        from = at + sizeof kChunkSignature;
+        continue;
+      }
+      ABlock.Offsets.push_back(static_cast<uint32_t>(at));
+      ABlock.ReadWhen.push_back(filled);
+      if (ACopy) ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
+      from = at + kChunkSize;
+    }
+    if (done) return;
+  }
+}
+
 } // namespace
 
-TElfChnunks::TElfChnunks() = default;
+// Threads that each take the next buffer not yet taken, read and search it into a slot
+// of a ring, while the caller takes the slots in the order of the source. A thread takes
+// a buffer only when its slot is free, so at most kSlots buffers are searched ahead.
+// Buffers are taken before it is known whether the one before them was the last; those
+// past the end are searched and dropped.
+class TElfChnunks::TSearchThreads {
+public:
+  TSearchThreads(const TReadStream& AStream, unsigned AThreads) : FStream(AStream) {
+    for (unsigned i = 0; i < AThreads; ++i) FBuffers.push_back(std::make_unique<TPageBuffer>(kBlockSize));
+    try {
+      for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FBuffers[i]); });
+    } catch (...) {
+      Stop();
+      throw;
+    }
+  }
+
+  ~TSearchThreads() { Stop(); }
+
+  TSearchThreads(const TSearchThreads&) = delete;
+  TSearchThreads& operator=(const TSearchThreads&) = delete;
+
+  // Waits for buffer AIndex (taken in order from 0) and swaps it into ABlock, whose old
+  // contents go back to the slot for reuse. Raises what stopped its thread, if anything.
+  void Take(uint64_t AIndex, TBlock& ABlock) {
+    std::unique_lock<std::mutex> guard(FLock);
+    TSlot& slot = FSlots[AIndex % kSlots];
+    FChanged.wait(guard, [&] { return slot.Ready && slot.Index == AIndex; });
+    std::swap(ABlock, slot.Block);
+    slot.Ready = false;
+    FTaken = AIndex + 1;
+    guard.unlock();
+    FChanged.notify_all();
+    if (ABlock.Error) std::rethrow_exception(ABlock.Error);
+  }
+
+private:
+  static constexpr uint64_t kSlots = 4;
+
+  struct TSlot {
+    TBlock Block;
+    uint64_t Index = 0;
+    bool Ready = false;
+  };
+
+  void Stop() {
+    {
+      std::lock_guard<std::mutex> guard(FLock);
+      FStop = true;
+    }
+    FChanged.notify_all();
+    for (std::thread& t : FThreads)
+      if (t.joinable()) t.join();
+  }
+
+  void Work(TPageBuffer& ABuffer) {
+    TBlock block;
+    for (;;) {
+      uint64_t index = 0;
+      {
+        std::unique_lock<std::mutex> guard(FLock);
+        FChanged.wait(guard, [&] { return FStop || (FNext < FEnd && FNext < FTaken + kSlots); });
+        if (FStop) return;
+        index = FNext++;
+      }
+      try {
+        ScanBlock(FStream, index * kBlockStep, ABuffer.Data(), true, block);
+      } catch (...) {
+        block.Failed = true;
+        block.Error = std::current_exception();
+      }
+      {
+        std::lock_guard<std::mutex> guard(FLock);
+        // Nothing follows a buffer that was not read whole.
+        if (!block.Full || block.Failed) FEnd = std::min(FEnd, index + 1);
+        TSlot& slot = FSlots[index % kSlots];
+        std::swap(slot.Block, block);
+        slot.Index = index;
+        slot.Ready = true;
+      }
+      FChanged.notify_all();
+    }
+  }
+
+  const TReadStream& FStream;
+  std::vector<std::unique_ptr<TPageBuffer>> FBuffers;
+  std::vector<std::thread> FThreads;
+  std::mutex FLock;
+  std::condition_variable FChanged;
+  TSlot FSlots[kSlots];
+  uint64_t FNext = 0;           // the next buffer to take
+  uint64_t FEnd = UINT64_MAX;   // the first buffer known to lie past the end
+  uint64_t FTaken = 0;          // buffers taken by the caller
+  bool FStop = false;
+};
+
+TElfChnunks::TElfChnunks() : FSearchThreads(std::thread::hardware_concurrency() > 1 ? 2 : 0) {}
 
 TElfChnunks::~TElfChnunks() { Close(); }
 
@@ -123,13 +291,12 @@ void TElfChnunks::Open(std::unique_ptr<TReadStream> AStream) {
   FActive = true;
   FHaveBlock = false;
   FNextBlockAvailable = true;
-  FLastBlock = false;
-  FChunkOffset = 0;
-  FPosition = 0;
-  FBlockStart = 0;
+  FNextChunk = 0;
+  FNextIndex = 0;
+  FReadBefore = 0;
   FBytesRead = 0;
   FSourceSize = FHandle->Size();
-  FNumOfBlocks = static_cast<uint32_t>(FSourceSize / (FBlockSize - kOverlap) + 1);
+  FNumOfBlocks = static_cast<uint32_t>(FSourceSize / (kBlockSize - kOverlap) + 1);
   FCurrentBlock = 0;
 }
 
@@ -159,41 +326,31 @@ bool TElfChnunks::OpenDisk(const std::string& ADiskName) {
 }
 
 void TElfChnunks::Close() {
+  FThreads.reset(); // before the stream they read
   FHandle.reset();
   FActive = false;
+  FHaveBlock = false;
 }
 
-void TElfChnunks::StartBlock() {
-  FBlockStart = FPosition;
-  FFilled = 0;
-  FBlockDone = false;
-  FHaveBlock = true;
-  FChunkOffset = 0;
-  ++FCurrentBlock;
-}
-
-bool TElfChnunks::FillBlock() {
-  const size_t want = std::min<size_t>(kReadPiece, FBlockSize - FFilled);
-  size_t got = 0;
-  try {
-    got = FHandle->ReadAt(FBlockStart + FFilled, FBlock.Data() + FFilled, want);
-  } catch (const std::exception&) {
-    FReadBlockSize = FExploreSize = 0;
-    FNextBlockAvailable = false;
-    FHaveBlock = false;
-    return false;
+bool TElfChnunks::TakeNextBlock() {
+  if (!FNextBlockAvailable) return false;
+  FNextBlockAvailable = false;
+  if (FNextIndex == 0) {
+    // Threads only for more than one buffer; a source of unknown size is read here.
+    if (FSearchThreads > 0 && FSourceSize > kBlockSize)
+      FThreads = std::make_unique<TSearchThreads>(*FHandle, FSearchThreads);
+    else if (!FBuffer)
+      FBuffer = std::make_unique<TPageBuffer>(kBlockSize);
   }
-  FFilled += static_cast<uint32_t>(got);
-  FBytesRead += got;
-  if (got == want && FFilled < FBlockSize) return true;
-  // The buffer is complete: full, or cut short by the end of the data.
-  FBlockDone = true;
-  FReadBlockSize = FFilled;
-  FExploreSize = FReadBlockSize > kOverlap ? FReadBlockSize - kOverlap : 0;
-  // A full buffer: step back 64 KB so a chunk crossing its end is read whole next time.
-  FNextBlockAvailable = FFilled == FBlockSize;
-  FLastBlock = !FNextBlockAvailable;
-  FPosition = FBlockStart + (FNextBlockAvailable ? FBlockSize - kOverlap : FFilled);
+  ++FCurrentBlock;
+  if (FThreads)
+    FThreads->Take(FNextIndex, FBlock);
+  else
+    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), false, FBlock);
+  ++FNextIndex;
+  FHaveBlock = true;
+  FNextChunk = 0;
+  FNextBlockAvailable = FBlock.Full && !FBlock.Failed;
   return true;
 }
 
@@ -201,57 +358,23 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
   TCarvedChunk result;
   if (!FActive) return result;
   for (;;) {
-    if (!FHaveBlock) {
-      if (!FNextBlockAvailable) return result; // crEnd
-      StartBlock();
-      if (!FillBlock()) return result;
-    }
-    // Chunk starts searched in this buffer. While it is still being read: those whose
-    // 64 KB lie whole in the bytes read so far, searched while the bytes are still in the
-    // processor's cache. Once it is read: below FExploreSize while another buffer follows
-    // (later starts are searched there), up to and including it in the last one (a chunk
-    // ending exactly at the end of the data). Starts are searched in order either way, so
-    // the chunks found do not depend on how the buffer was read.
-    bool any = true;
-    uint64_t lastStart = 0;
-    if (!FBlockDone) {
-      any = FFilled > kOverlap;
-      lastStart = any ? uint64_t{FFilled} - kOverlap - 1 : 0;
-    } else if (FExploreSize == 0 && (!FLastBlock || FReadBlockSize < kChunkSize)) {
-      FHaveBlock = false; // an empty range: on to the next buffer, if any
-      continue;
-    } else {
-      lastStart = FLastBlock ? uint64_t{FExploreSize} : uint64_t{FExploreSize} - 1;
-    }
-    const uint8_t* base = FBlock.Data();
-    uint64_t from = FChunkOffset;
-    while (any && from <= lastStart) {
-      size_t span = static_cast<size_t>(lastStart - from + sizeof kChunkSignature);
-      const uint8_t* hit = FindSignature(base + from, span);
-      if (!hit) {
-        from = lastStart + 1;
-        break;
-      }
-      uint64_t at = static_cast<uint64_t>(hit - base);
-      if (LoadU32(base + at + kChunkOfsHeaderSize) != kChunkHeaderSize) {
-        from = at + sizeof kChunkSignature;
-        continue;
-      }
-      // A chunk never holds another: the next search starts after it.
-      FChunkOffset = static_cast<uint32_t>(at + kChunkSize);
+    if (!FHaveBlock && !TakeNextBlock()) return result; // crEnd
+    if (FNextChunk < FBlock.Offsets.size()) {
+      const uint32_t at = FBlock.Offsets[FNextChunk];
       result.Result = TCarveResult::crChunk;
-      result.Data = base + at;
-      result.Position = FBlockStart + at;
+      result.Data = FThreads ? FBlock.Chunks.data() + FNextChunk * size_t{kChunkSize} : FBuffer->Data() + at;
+      result.Position = FBlock.Start + at;
+      FBytesRead = FReadBefore + FBlock.ReadWhen[FNextChunk];
+      ++FNextChunk;
       return result;
     }
-    if (!FBlockDone) {
-      FChunkOffset = static_cast<uint32_t>(from);
-      if (!FillBlock()) return result;
-      continue;
-    }
     FHaveBlock = false;
-    result.Result = TCarveResult::crNoneInBlock;
-    return result;
+    FReadBefore += FBlock.Filled;
+    FBytesRead = FReadBefore;
+    if (FBlock.Tick) {
+      result.Result = TCarveResult::crNoneInBlock;
+      return result;
+    }
   }
 }
 

@@ -1,18 +1,25 @@
 // TElfChnunks: finds .evtx chunks in raw data (a damaged file, a volume, a disk).
 //
-// The source is read into a 4 MB buffer, in pieces of 512 KB each searched as soon as it
-// is read; consecutive buffers overlap by 64 KB so that a chunk that crosses a buffer
-// boundary lies whole in the next buffer. Chunks are
-// recognised by the 8 bytes "ElfChnk\0" followed, at offset 40, by the header size
-// 128, and handed out as pointers into the buffer, not copied.
+// The source is searched in buffers of 4 MB; consecutive buffers overlap by 64 KB so
+// that a chunk that crosses a buffer boundary lies whole in the next buffer. A buffer is
+// read in pieces of 512 KB, each searched as soon as it is read. Chunks are recognised by
+// the 8 bytes "ElfChnk\0" followed, at offset 40, by the header size 128.
+//
+// On a machine with more than one processor, sources of more than one buffer are read
+// and searched by two threads, each taking the next buffer not yet taken; the chunks are
+// handed out in the order of the source all the same, with the same buffer ticks and the
+// same byte counts as one thread gives. Each searching thread has its own buffer; the
+// chunks it finds are copied out of it (a buffer holds at most 64 of them).
 #pragma once
 
 #include "platform/page_buffer.h"
 #include "platform/read_stream.h"
 
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qvx {
 
@@ -56,36 +63,56 @@ public:
   TElfSourceType SourceType() const { return FSourceType; }
   const std::string& SourceName() const { return FSourceName; }
 
+  // Threads that read and search ahead of GetNextChunk: 0 reads and searches in the
+  // calling thread. Takes effect at the next open. The default: 2 when the machine has
+  // more than one processor, else 0.
+  void SetSearchThreads(unsigned AThreads) { FSearchThreads = AThreads; }
+  unsigned SearchThreads() const { return FSearchThreads; }
+
   static constexpr uint32_t kBlockSize = 4194304;
   static constexpr uint32_t kOverlap = 65536;
   // A buffer is read and searched this much at a time, so the search finds the bytes
   // still in the processor's cache rather than in memory.
   static constexpr uint32_t kReadPiece = 524288;
 
+  // One buffer of the source, read and searched: where its chunks start and, for each,
+  // the bytes of the buffer read when it was found (so the byte count handed out does
+  // not depend on which thread searched).
+  struct TBlock {
+    uint64_t Start = 0;      // source position of the buffer's first byte
+    uint32_t Filled = 0;     // bytes read into it
+    bool Full = false;       // read whole: another buffer follows
+    bool Failed = false;     // a read failed: the search ends after this buffer's chunks
+    bool Tick = false;       // GetNextChunk gives crNoneInBlock after its chunks
+    std::vector<uint32_t> Offsets;  // chunk starts in the buffer, ascending
+    std::vector<uint32_t> ReadWhen; // bytes of the buffer read when each was found
+    std::vector<uint8_t> Chunks;    // their bytes, 65536 each
+    std::exception_ptr Error;       // what stopped a searching thread other than a read
+  };
+
 private:
+  class TSearchThreads;
+
   void Open(std::unique_ptr<TReadStream> AStream);
-  void StartBlock();
-  bool FillBlock();
+  // The buffer after the last one taken into FBlock; false when there is none.
+  bool TakeNextBlock();
 
   bool FActive = false;
   std::string FSourceName;
   std::unique_ptr<TReadStream> FHandle;
-  uint32_t FBlockSize = kBlockSize;
-  uint32_t FReadBlockSize = 0;
-  uint32_t FExploreSize = 0;
-  TPageBuffer FBlock{kBlockSize};
+  unsigned FSearchThreads;
+  std::unique_ptr<TPageBuffer> FBuffer;    // read buffer when searching in this thread
+  std::unique_ptr<TSearchThreads> FThreads; // otherwise
+  TBlock FBlock;            // the buffer whose chunks are being handed out
   bool FHaveBlock = false;
-  bool FBlockDone = false;  // the whole buffer has been read
-  uint32_t FFilled = 0;     // bytes of the buffer read so far
   bool FNextBlockAvailable = false;
-  bool FLastBlock = false;
-  uint32_t FChunkOffset = 0;
+  size_t FNextChunk = 0;    // index in FBlock of the next chunk to hand out
+  uint64_t FNextIndex = 0;  // index of the next buffer to take
   uint32_t FNumOfBlocks = 0;
   uint32_t FCurrentBlock = 0;
   TElfSourceType FSourceType = TElfSourceType::stFile;
   uint64_t FSourceSize = 0;
-  uint64_t FPosition = 0;  // source position of the next read
-  uint64_t FBlockStart = 0; // source position of FBlock[0]
+  uint64_t FReadBefore = 0; // bytes read for the buffers before FBlock
   uint64_t FBytesRead = 0;
 };
 

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 namespace qvx {
 namespace {
@@ -16,6 +18,61 @@ struct TCarveRun {
   std::vector<uint64_t> FirstIds;
   int Ticks = 0; // buffers that held no further chunk
 };
+
+// Everything the carver hands out, in order: a chunk as "C<position>:<first id>", a
+// buffer without a further chunk as "+", each with the bytes read so far.
+std::vector<std::string> Trace(TElfChnunks& ACarver) {
+  std::vector<std::string> trace;
+  for (;;) {
+    TCarvedChunk c = ACarver.GetNextChunk();
+    if (c.Result == TCarveResult::crEnd) break;
+    std::string line = c.Result == TCarveResult::crNoneInBlock
+                           ? std::string("+")
+                           : "C" + std::to_string(c.Position) + ":" + std::to_string(TEvtxChunk(c.Data).NumFirstFile());
+    trace.push_back(line + " @" + std::to_string(ACarver.BytesRead()));
+  }
+  return trace;
+}
+
+std::vector<std::string> TraceFile(const std::string& APath, unsigned AThreads) {
+  TElfChnunks carver;
+  carver.SetSearchThreads(AThreads);
+  EXPECT_TRUE(carver.OpenFile(APath));
+  std::vector<std::string> trace = Trace(carver);
+  EXPECT_EQ(carver.CurrentBlock(), carver.NumOfBlocks());
+  return trace;
+}
+
+// Bytes in memory as a stream, which may claim more bytes than it holds and may fail
+// every read that reaches AFailAt.
+class TMemoryStream : public TReadStream {
+public:
+  TMemoryStream(const std::vector<uint8_t>& ABytes, uint64_t AClaimedSize, uint64_t AFailAt = UINT64_MAX)
+      : FBytes(ABytes), FClaimedSize(AClaimedSize), FFailAt(AFailAt) {}
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset + ALength > FFailAt) throw std::runtime_error(FName + ": read error at " + std::to_string(AOffset));
+    if (AOffset >= FBytes.size()) return 0;
+    const size_t n = std::min<size_t>(ALength, FBytes.size() - AOffset);
+    std::memcpy(ABuffer, FBytes.data() + AOffset, n);
+    return n;
+  }
+  uint64_t Size() const override { return FClaimedSize; }
+  const std::string& Path() const override { return FName; }
+
+private:
+  const std::vector<uint8_t>& FBytes;
+  uint64_t FClaimedSize;
+  uint64_t FFailAt;
+  std::string FName = "memory";
+};
+
+std::vector<std::string> TraceStream(const std::vector<uint8_t>& ABytes, uint64_t AClaimedSize, uint64_t AFailAt,
+                                     unsigned AThreads) {
+  TElfChnunks carver;
+  carver.SetSearchThreads(AThreads);
+  EXPECT_TRUE(carver.OpenStream(std::make_unique<TMemoryStream>(ABytes, AClaimedSize, AFailAt), TElfSourceType::stVolume));
+  return Trace(carver);
+}
 
 TCarveRun Carve(const std::string& APath) {
   TElfChnunks carver;
@@ -96,6 +153,59 @@ TEST(ElfChunkCarver, MissingSourceRaisesWithThePath) {
     EXPECT_NE(std::string(e.what()).find("/nonexistent/quorvex/image.bin"), std::string::npos);
   }
   EXPECT_FALSE(carver.Active());
+}
+
+// Buffers searched by different threads meet every 4 MB - 64 KB. Around the meeting
+// points: a chunk that is the last start of one buffer, a second one that starts inside
+// it (skipped there, found by the next buffer, which starts afresh), one crossing a
+// buffer's end, one at a buffer's first byte, and one ending exactly at the end of the
+// data. The threads hand out what one thread does: the same chunks, ticks and byte counts.
+TEST(ElfChunkCarver, SearchThreadsMeetAtBufferBoundariesAsOneThreadDoes) {
+  constexpr size_t kBuffer = TElfChnunks::kBlockSize;
+  constexpr size_t kStep = kBuffer - TElfChnunks::kOverlap;
+  const size_t size = 5 * kStep + kMiB + 12345;
+  TDiskImage image(size, 5);
+  const std::vector<size_t> offsets = {777,
+                                       kStep - 1,             // the last start of buffer 0
+                                       kStep + 5000,          // inside the one before: found by buffer 1
+                                       kStep + kBuffer - 100, // crosses buffer 1's end: found by buffer 2
+                                       3 * kStep,             // buffer 3's first byte
+                                       4 * kStep - 3,         // crosses into buffer 4, found by buffer 3
+                                       4 * kStep + kMiB + 1,  // odd, in buffer 4
+                                       size - kEvtxChunkSize};
+  for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(1000 * (i + 1), 2));
+  const std::string path = WriteTempFile("threads.bin", image.Bytes());
+  const std::vector<std::string> one = TraceFile(path, 0);
+  std::vector<std::string> chunks;
+  for (const std::string& line : one)
+    if (line[0] == 'C') chunks.push_back(line.substr(1, line.find(':') - 1));
+  std::vector<std::string> expected;
+  for (size_t offset : offsets) expected.push_back(std::to_string(offset));
+  EXPECT_EQ(chunks, expected);
+  EXPECT_EQ(std::count_if(one.begin(), one.end(), [](const std::string& l) { return l[0] == '+'; }), 6);
+  for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceFile(path, threads), one) << threads << " threads";
+}
+
+// Data shorter than its stream claims (a device that ends early) and a read error part
+// way: the search ends at the same place, after the same chunks, whoever searched.
+TEST(ElfChunkCarver, SearchThreadsStopWhereOneThreadStops) {
+  constexpr size_t kStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
+  TDiskImage image(4 * kStep + 3 * kMiB, 9);
+  const std::vector<size_t> offsets = {100, kStep + 1, 2 * kStep + 2 * TElfChnunks::kReadPiece + 5, 3 * kStep + 7,
+                                       4 * kStep + 2 * kMiB};
+  for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(10 * (i + 1), 1));
+  const std::vector<uint8_t>& bytes = image.Bytes();
+  // Claims twice its size: the short read ends it.
+  const std::vector<std::string> shortOne = TraceStream(bytes, 2 * bytes.size(), UINT64_MAX, 0);
+  EXPECT_EQ(shortOne.size(), offsets.size() + 5);
+  for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, 2 * bytes.size(), UINT64_MAX, threads), shortOne);
+  // Fails in the fourth piece of buffer 2: its chunk in the pieces before is still found.
+  const uint64_t failAt = 2 * kStep + 4 * TElfChnunks::kReadPiece - 1;
+  const std::vector<std::string> failedOne = TraceStream(bytes, bytes.size(), failAt, 0);
+  ASSERT_EQ(failedOne.size(), 5u);
+  EXPECT_EQ(failedOne[0].substr(0, 5), "C100:");
+  EXPECT_EQ(failedOne[4].substr(0, failedOne[4].find(':')), "C" + std::to_string(offsets[2]));
+  for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, bytes.size(), failAt, threads), failedOne);
 }
 
 } // namespace
