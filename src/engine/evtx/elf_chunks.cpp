@@ -115,16 +115,23 @@ const uint8_t* FindSignature(const uint8_t* AData, size_t ALength) {
 }
 
 constexpr uint64_t kBlockStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
+// A searching window: the bytes of two pieces and the starts left over before them.
+constexpr uint32_t kWindowSize = TElfChnunks::kOverlap + 2 * TElfChnunks::kReadPiece;
 
-// Reads the buffer at AStart into ABuffer (kBlockSize bytes) and finds its chunks, a
+// Reads the buffer at AStart through AWindow (kWindowSize bytes) and finds its chunks, a
 // piece at a time: the starts whose 64 KB lie whole in the bytes read so far are
 // searched while those bytes are still in the processor's cache. Once the buffer is read
 // (full, or cut short by the end of the data), the starts below its last 64 KB are
 // searched when another buffer follows (later starts are searched there), up to and
 // including that one in the last buffer (a chunk ending exactly at the end of the data).
 // Starts are searched in order either way, and a chunk never holds another: the search
-// goes on after it. With ACopy the chunks' bytes are copied into ABlock.Chunks.
-void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* ABuffer, bool ACopy, TElfChnunks::TBlock& ABlock) {
+// goes on after it. The chunks found are copied into ABlock.Chunks.
+//
+// The window holds only the bytes not yet searched: before a piece would overflow it,
+// the bytes from the next start to search (less than 64 KB) move to its front. Being
+// small, it stays in the processor's cache, where a buffer of the whole 4 MB would be
+// written back to memory, which the search of a page-cached file is bound by.
+void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TElfChnunks::TBlock& ABlock) {
   constexpr uint32_t kBlockSize = TElfChnunks::kBlockSize;
   constexpr uint32_t kOverlap = TElfChnunks::kOverlap;
   ABlock.Start = AStart;
@@ -134,13 +141,20 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* ABuffer, bo
   ABlock.ReadWhen.clear();
   ABlock.Chunks.clear();
   ABlock.Error = nullptr;
-  uint32_t filled = 0;
-  uint64_t from = 0;
+  uint32_t filled = 0;     // bytes of the buffer read
+  uint64_t from = 0;       // the next start to search
+  uint32_t windowAt = 0;   // buffer offset of AWindow[0]
   for (;;) {
     const size_t want = std::min<size_t>(TElfChnunks::kReadPiece, kBlockSize - filled);
+    if (filled - windowAt + want > kWindowSize) {
+      // from > filled - 64 KB here: the search before went past every start below it.
+      const uint32_t keep = filled - static_cast<uint32_t>(from);
+      std::memmove(AWindow, AWindow + (from - windowAt), keep);
+      windowAt = static_cast<uint32_t>(from);
+    }
     size_t got = 0;
     try {
-      got = std::min(want, AStream.ReadAt(AStart + filled, ABuffer + filled, want));
+      got = std::min(want, AStream.ReadAt(AStart + filled, AWindow + (filled - windowAt), want));
     } catch (const std::exception&) {
       // The search ends here, after the chunks found before.
       ABlock.Failed = true;
@@ -164,19 +178,19 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* ABuffer, bo
     }
     while (any && from <= lastStart) {
       const size_t span = static_cast<size_t>(lastStart - from + sizeof kChunkSignature);
-      const uint8_t* hit = FindSignature(ABuffer + from, span);
+      const uint8_t* hit = FindSignature(AWindow + (from - windowAt), span);
       if (!hit) {
         from = lastStart + 1;
         break;
       }
-      const uint64_t at = static_cast<uint64_t>(hit - ABuffer);
-      if (LoadU32(ABuffer + at + kChunkOfsHeaderSize) != kChunkHeaderSize) {
+      const uint64_t at = windowAt + static_cast<uint64_t>(hit - AWindow);
+      if (LoadU32(hit + kChunkOfsHeaderSize) != kChunkHeaderSize) {
         from = at + sizeof kChunkSignature;
         continue;
       }
       ABlock.Offsets.push_back(static_cast<uint32_t>(at));
       ABlock.ReadWhen.push_back(filled);
-      if (ACopy) ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
+      ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
       from = at + kChunkSize;
     }
     if (done) return;
@@ -193,7 +207,7 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* ABuffer, bo
 class TElfChnunks::TSearchThreads {
 public:
   TSearchThreads(const TReadStream& AStream, unsigned AThreads) : FStream(AStream) {
-    for (unsigned i = 0; i < AThreads; ++i) FBuffers.push_back(std::make_unique<TPageBuffer>(kBlockSize));
+    for (unsigned i = 0; i < AThreads; ++i) FBuffers.push_back(std::make_unique<TPageBuffer>(kWindowSize));
     try {
       for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FBuffers[i]); });
     } catch (...) {
@@ -222,7 +236,7 @@ public:
   }
 
 private:
-  static constexpr uint64_t kSlots = 4;
+  static constexpr uint64_t kSlots = 3;
 
   struct TSlot {
     TBlock Block;
@@ -240,8 +254,7 @@ private:
       if (t.joinable()) t.join();
   }
 
-  void Work(TPageBuffer& ABuffer) {
-    TBlock block;
+  void Work(TPageBuffer& AWindow) {
     for (;;) {
       uint64_t index = 0;
       {
@@ -250,8 +263,12 @@ private:
         if (FStop) return;
         index = FNext++;
       }
+      // The slot is free: the caller has taken the buffer kSlots before this one, and
+      // looks at the slot only once it is marked ready.
+      TSlot& slot = FSlots[index % kSlots];
+      TBlock& block = slot.Block;
       try {
-        ScanBlock(FStream, index * kBlockStep, ABuffer.Data(), true, block);
+        ScanBlock(FStream, index * kBlockStep, AWindow.Data(), block);
       } catch (...) {
         block.Failed = true;
         block.Error = std::current_exception();
@@ -260,8 +277,6 @@ private:
         std::lock_guard<std::mutex> guard(FLock);
         // Nothing follows a buffer that was not read whole.
         if (!block.Full || block.Failed) FEnd = std::min(FEnd, index + 1);
-        TSlot& slot = FSlots[index % kSlots];
-        std::swap(slot.Block, block);
         slot.Index = index;
         slot.Ready = true;
       }
@@ -340,13 +355,13 @@ bool TElfChnunks::TakeNextBlock() {
     if (FSearchThreads > 0 && FSourceSize > kBlockSize)
       FThreads = std::make_unique<TSearchThreads>(*FHandle, FSearchThreads);
     else if (!FBuffer)
-      FBuffer = std::make_unique<TPageBuffer>(kBlockSize);
+      FBuffer = std::make_unique<TPageBuffer>(kWindowSize);
   }
   ++FCurrentBlock;
   if (FThreads)
     FThreads->Take(FNextIndex, FBlock);
   else
-    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), false, FBlock);
+    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), FBlock);
   ++FNextIndex;
   FHaveBlock = true;
   FNextChunk = 0;
@@ -362,7 +377,7 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
     if (FNextChunk < FBlock.Offsets.size()) {
       const uint32_t at = FBlock.Offsets[FNextChunk];
       result.Result = TCarveResult::crChunk;
-      result.Data = FThreads ? FBlock.Chunks.data() + FNextChunk * size_t{kChunkSize} : FBuffer->Data() + at;
+      result.Data = FBlock.Chunks.data() + FNextChunk * size_t{kChunkSize};
       result.Position = FBlock.Start + at;
       FBytesRead = FReadBefore + FBlock.ReadWhen[FNextChunk];
       ++FNextChunk;

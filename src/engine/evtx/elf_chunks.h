@@ -2,14 +2,15 @@
 //
 // The source is searched in buffers of 4 MB; consecutive buffers overlap by 64 KB so
 // that a chunk that crosses a buffer boundary lies whole in the next buffer. A buffer is
-// read in pieces of 512 KB, each searched as soon as it is read. Chunks are recognised by
-// the 8 bytes "ElfChnk\0" followed, at offset 40, by the header size 128.
+// read in pieces of 512 KB, each searched as soon as it is read, through a window of
+// about 1 MB that holds only the bytes not yet searched. Chunks are recognised by the 8
+// bytes "ElfChnk\0" followed, at offset 40, by the header size 128, and copied out of the
+// window (a buffer holds at most 64 of them).
 //
 // On a machine with more than one processor, sources of more than one buffer are read
-// and searched by two threads, each taking the next buffer not yet taken; the chunks are
-// handed out in the order of the source all the same, with the same buffer ticks and the
-// same byte counts as one thread gives. Each searching thread has its own buffer; the
-// chunks it finds are copied out of it (a buffer holds at most 64 of them).
+// and searched by two threads, each taking the next buffer not yet taken with its own
+// window; the chunks are handed out in the order of the source all the same, with the
+// same buffer ticks and the same byte counts as one thread gives.
 #pragma once
 
 #include "platform/page_buffer.h"
