@@ -190,6 +190,9 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TE
       }
       ABlock.Offsets.push_back(static_cast<uint32_t>(at));
       ABlock.ReadWhen.push_back(filled);
+      // Chunks do not overlap: a buffer holds at most kBlockSize bytes of them. Taken
+      // whole at the first, so that the storage is never moved or given back.
+      if (ABlock.Chunks.capacity() < kBlockSize) ABlock.Chunks.reserve(kBlockSize);
       ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
       from = at + kChunkSize;
     }
@@ -203,13 +206,13 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TE
 // of a ring, while the caller takes the slots in the order of the source. A thread takes
 // a buffer only when its slot is free, so at most kSlots buffers are searched ahead.
 // Buffers are taken before it is known whether the one before them was the last; those
-// past the end are searched and dropped.
+// past the end are searched and dropped. After a buffer with chunks the caller scans the
+// next buffer itself if no thread has taken it (see Taken).
 class TElfChnunks::TSearchThreads {
 public:
   TSearchThreads(const TReadStream& AStream, unsigned AThreads) : FStream(AStream) {
-    for (unsigned i = 0; i < AThreads; ++i) FBuffers.push_back(std::make_unique<TPageBuffer>(kWindowSize));
     try {
-      for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FBuffers[i]); });
+      for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this] { Work(); });
     } catch (...) {
       Stop();
       throw;
@@ -223,16 +226,33 @@ public:
 
   // Waits for buffer AIndex (taken in order from 0) and swaps it into ABlock, whose old
   // contents go back to the slot for reuse. Raises what stopped its thread, if anything.
-  void Take(uint64_t AIndex, TBlock& ABlock) {
+  // False, at once, when the caller is to scan the buffer itself and then call Scanned.
+  bool Take(uint64_t AIndex, TBlock& ABlock) {
     std::unique_lock<std::mutex> guard(FLock);
+    if (FAhead == 0 && FNext == AIndex) {
+      FNext = FTaken = AIndex + 1;
+      return false;
+    }
     TSlot& slot = FSlots[AIndex % kSlots];
     FChanged.wait(guard, [&] { return slot.Ready && slot.Index == AIndex; });
     std::swap(ABlock, slot.Block);
     slot.Ready = false;
-    FTaken = AIndex + 1;
+    FTaken = AIndex + 1; // the slot is free only now
+    Taken(ABlock);
     guard.unlock();
     FChanged.notify_all();
     if (ABlock.Error) std::rethrow_exception(ABlock.Error);
+    return true;
+  }
+
+  // The caller has scanned buffer AIndex into ABlock itself.
+  void Scanned(uint64_t AIndex, const TBlock& ABlock) {
+    {
+      std::lock_guard<std::mutex> guard(FLock);
+      if (!ABlock.Full || ABlock.Failed) FEnd = std::min(FEnd, AIndex + 1);
+      Taken(ABlock);
+    }
+    FChanged.notify_all();
   }
 
 private:
@@ -244,6 +264,11 @@ private:
     bool Ready = false;
   };
 
+  // Where chunks are found the caller is the slower by far (it decodes them), and
+  // scans the next buffer itself, as one thread does: no buffer's chunks wait in a slot.
+  // Where none are, the threads search up to kSlots buffers ahead.
+  void Taken(const TBlock& ABlock) { FAhead = ABlock.Offsets.empty() ? kSlots : 0; }
+
   void Stop() {
     {
       std::lock_guard<std::mutex> guard(FLock);
@@ -254,12 +279,13 @@ private:
       if (t.joinable()) t.join();
   }
 
-  void Work(TPageBuffer& AWindow) {
+  void Work() {
+    std::unique_ptr<TPageBuffer> window; // made at the first buffer: there may be none
     for (;;) {
       uint64_t index = 0;
       {
         std::unique_lock<std::mutex> guard(FLock);
-        FChanged.wait(guard, [&] { return FStop || (FNext < FEnd && FNext < FTaken + kSlots); });
+        FChanged.wait(guard, [&] { return FStop || (FNext < FEnd && FNext < FTaken + FAhead); });
         if (FStop) return;
         index = FNext++;
       }
@@ -268,7 +294,8 @@ private:
       TSlot& slot = FSlots[index % kSlots];
       TBlock& block = slot.Block;
       try {
-        ScanBlock(FStream, index * kBlockStep, AWindow.Data(), block);
+        if (!window) window = std::make_unique<TPageBuffer>(kWindowSize);
+        ScanBlock(FStream, index * kBlockStep, window->Data(), block);
       } catch (...) {
         block.Failed = true;
         block.Error = std::current_exception();
@@ -285,7 +312,6 @@ private:
   }
 
   const TReadStream& FStream;
-  std::vector<std::unique_ptr<TPageBuffer>> FBuffers;
   std::vector<std::thread> FThreads;
   std::mutex FLock;
   std::condition_variable FChanged;
@@ -293,6 +319,8 @@ private:
   uint64_t FNext = 0;           // the next buffer to take
   uint64_t FEnd = UINT64_MAX;   // the first buffer known to lie past the end
   uint64_t FTaken = 0;          // buffers taken by the caller
+  uint64_t FAhead = 0;          // buffers that may be searched ahead of the caller (Taken);
+                                // none before the first is known to hold no chunk
   bool FStop = false;
 };
 
@@ -354,14 +382,13 @@ bool TElfChnunks::TakeNextBlock() {
     // Threads only for more than one buffer; a source of unknown size is read here.
     if (FSearchThreads > 0 && FSourceSize > kBlockSize)
       FThreads = std::make_unique<TSearchThreads>(*FHandle, FSearchThreads);
-    else if (!FBuffer)
-      FBuffer = std::make_unique<TPageBuffer>(kWindowSize);
   }
   ++FCurrentBlock;
-  if (FThreads)
-    FThreads->Take(FNextIndex, FBlock);
-  else
+  if (!FThreads || !FThreads->Take(FNextIndex, FBlock)) {
+    if (!FBuffer) FBuffer = std::make_unique<TPageBuffer>(kWindowSize);
     ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), FBlock);
+    if (FThreads) FThreads->Scanned(FNextIndex, FBlock);
+  }
   ++FNextIndex;
   FHaveBlock = true;
   FNextChunk = 0;

@@ -160,19 +160,19 @@ TEST(ElfChunkCarver, MissingSourceRaisesWithThePath) {
 // it (skipped there, found by the next buffer, which starts afresh), one crossing a
 // buffer's end, one at a buffer's first byte, and one ending exactly at the end of the
 // data. The threads hand out what one thread does: the same chunks, ticks and byte counts.
+// Buffers 0, 4 and 6 hold no chunk start, so that the threads search ahead after them
+// (after a buffer with chunks the caller searches the next one itself, as one thread).
 TEST(ElfChunkCarver, SearchThreadsMeetAtBufferBoundariesAsOneThreadDoes) {
   constexpr size_t kBuffer = TElfChnunks::kBlockSize;
   constexpr size_t kStep = kBuffer - TElfChnunks::kOverlap;
-  const size_t size = 5 * kStep + kMiB + 12345;
+  const size_t size = 7 * kStep + kMiB + 12345;
   TDiskImage image(size, 5);
-  const std::vector<size_t> offsets = {777,
-                                       kStep - 1,             // the last start of buffer 0
-                                       kStep + 5000,          // inside the one before: found by buffer 1
-                                       kStep + kBuffer - 100, // crosses buffer 1's end: found by buffer 2
-                                       3 * kStep,             // buffer 3's first byte
-                                       4 * kStep - 3,         // crosses into buffer 4, found by buffer 3
-                                       4 * kStep + kMiB + 1,  // odd, in buffer 4
-                                       size - kEvtxChunkSize};
+  const std::vector<size_t> offsets = {2 * kStep - 1,             // the last start of buffer 1
+                                       2 * kStep + 5000,          // inside the one before: found by buffer 2
+                                       2 * kStep + kBuffer - 100, // crosses buffer 2's end: found by buffer 3
+                                       5 * kStep,                 // buffer 5's first byte
+                                       6 * kStep - 3,             // crosses into buffer 6, found by buffer 5
+                                       size - kEvtxChunkSize};    // in the last buffer, ends with the data
   for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(1000 * (i + 1), 2));
   const std::string path = WriteTempFile("threads.bin", image.Bytes());
   const std::vector<std::string> one = TraceFile(path, 0);
@@ -182,8 +182,9 @@ TEST(ElfChunkCarver, SearchThreadsMeetAtBufferBoundariesAsOneThreadDoes) {
   std::vector<std::string> expected;
   for (size_t offset : offsets) expected.push_back(std::to_string(offset));
   EXPECT_EQ(chunks, expected);
-  EXPECT_EQ(std::count_if(one.begin(), one.end(), [](const std::string& l) { return l[0] == '+'; }), 6);
-  for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceFile(path, threads), one) << threads << " threads";
+  EXPECT_EQ(std::count_if(one.begin(), one.end(), [](const std::string& l) { return l[0] == '+'; }), 8);
+  for (int round = 0; round < 5; ++round) // the threads' timing varies from run to run
+    for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceFile(path, threads), one) << threads << " threads";
 }
 
 // Data shorter than its stream claims (a device that ends early) and a read error part
@@ -191,7 +192,7 @@ TEST(ElfChunkCarver, SearchThreadsMeetAtBufferBoundariesAsOneThreadDoes) {
 TEST(ElfChunkCarver, SearchThreadsStopWhereOneThreadStops) {
   constexpr size_t kStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
   TDiskImage image(4 * kStep + 3 * kMiB, 9);
-  const std::vector<size_t> offsets = {100, kStep + 1, 2 * kStep + 2 * TElfChnunks::kReadPiece + 5, 3 * kStep + 7,
+  const std::vector<size_t> offsets = {kStep + 1, 2 * kStep + 2 * TElfChnunks::kReadPiece + 5, 3 * kStep + 7,
                                        4 * kStep + 2 * kMiB};
   for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(10 * (i + 1), 1));
   const std::vector<uint8_t>& bytes = image.Bytes();
@@ -199,12 +200,14 @@ TEST(ElfChunkCarver, SearchThreadsStopWhereOneThreadStops) {
   const std::vector<std::string> shortOne = TraceStream(bytes, 2 * bytes.size(), UINT64_MAX, 0);
   EXPECT_EQ(shortOne.size(), offsets.size() + 5);
   for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, 2 * bytes.size(), UINT64_MAX, threads), shortOne);
-  // Fails in the fourth piece of buffer 2: its chunk in the pieces before is still found.
+  // Fails in the fourth piece of buffer 2: its chunk in the pieces before is still found,
+  // and nothing after it.
   const uint64_t failAt = 2 * kStep + 4 * TElfChnunks::kReadPiece - 1;
   const std::vector<std::string> failedOne = TraceStream(bytes, bytes.size(), failAt, 0);
-  ASSERT_EQ(failedOne.size(), 5u);
-  EXPECT_EQ(failedOne[0].substr(0, 5), "C100:");
-  EXPECT_EQ(failedOne[4].substr(0, failedOne[4].find(':')), "C" + std::to_string(offsets[2]));
+  ASSERT_EQ(failedOne.size(), 4u);
+  EXPECT_EQ(failedOne[0].substr(0, 1), "+");
+  EXPECT_EQ(failedOne[1].substr(0, failedOne[1].find(':')), "C" + std::to_string(offsets[0]));
+  EXPECT_EQ(failedOne[3].substr(0, failedOne[3].find(':')), "C" + std::to_string(offsets[1]));
   for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, bytes.size(), failAt, threads), failedOne);
 }
 
