@@ -10,7 +10,9 @@
 // On a machine with more than one processor, sources of more than one buffer are read
 // and searched by two threads, each taking the next buffer not yet taken with its own
 // window; the chunks are handed out in the order of the source all the same, with the
-// same buffer ticks and the same byte counts as one thread gives.
+// same buffer ticks and the same byte counts as one thread gives. After a buffer that
+// held chunks the caller searches the next one itself (it is the slower then, decoding
+// them), so that no more than one buffer's chunks are held.
 #pragma once
 
 #include "platform/page_buffer.h"
@@ -54,6 +56,9 @@ public:
   bool OpenStream(std::unique_ptr<TReadStream> AStream, TElfSourceType AType);
   void Close();
 
+  // The next chunk, crNoneInBlock after each buffer's last, crEnd at the end of the data
+  // or at the first read error (after the chunks found before it). Raises only what the
+  // search could not go on without (std::bad_alloc), from whichever thread met it.
   TCarvedChunk GetNextChunk();
 
   bool Active() const { return FActive; }
