@@ -125,13 +125,13 @@ constexpr uint32_t kWindowSize = TElfChnunks::kOverlap + 2 * TElfChnunks::kReadP
 // searched when another buffer follows (later starts are searched there), up to and
 // including that one in the last buffer (a chunk ending exactly at the end of the data).
 // Starts are searched in order either way, and a chunk never holds another: the search
-// goes on after it. The chunks found are copied into ABlock.Chunks.
+// goes on after it. With ACopy the chunks found are copied into ABlock.Chunks.
 //
 // The window holds only the bytes not yet searched: before a piece would overflow it,
 // the bytes from the next start to search (less than 64 KB) move to its front. Being
 // small, it stays in the processor's cache, where a buffer of the whole 4 MB would be
 // written back to memory, which the search of a page-cached file is bound by.
-void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TElfChnunks::TBlock& ABlock) {
+void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, bool ACopy, TElfChnunks::TBlock& ABlock) {
   constexpr uint32_t kBlockSize = TElfChnunks::kBlockSize;
   constexpr uint32_t kOverlap = TElfChnunks::kOverlap;
   ABlock.Start = AStart;
@@ -140,6 +140,7 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TE
   ABlock.Offsets.clear();
   ABlock.ReadWhen.clear();
   ABlock.Chunks.clear();
+  ABlock.Copied = ACopy;
   ABlock.Error = nullptr;
   uint32_t filled = 0;     // bytes of the buffer read
   uint64_t from = 0;       // the next start to search
@@ -190,10 +191,12 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TE
       }
       ABlock.Offsets.push_back(static_cast<uint32_t>(at));
       ABlock.ReadWhen.push_back(filled);
-      // Chunks do not overlap: a buffer holds at most kBlockSize bytes of them. Taken
-      // whole at the first, so that the storage is never moved or given back.
-      if (ABlock.Chunks.capacity() < kBlockSize) ABlock.Chunks.reserve(kBlockSize);
-      ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
+      if (ACopy) {
+        // Chunks do not overlap: a buffer holds at most kBlockSize bytes of them. Taken
+        // whole at the first, so that the storage is never moved or given back.
+        if (ABlock.Chunks.capacity() < kBlockSize) ABlock.Chunks.reserve(kBlockSize);
+        ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
+      }
       from = at + kChunkSize;
     }
     if (done) return;
@@ -265,8 +268,8 @@ private:
   };
 
   // Where chunks are found the caller is the slower by far (it decodes them), and
-  // scans the next buffer itself, as one thread does: no buffer's chunks wait in a slot.
-  // Where none are, the threads search up to kSlots buffers ahead.
+  // scans the next buffer itself, as one thread does. Where none are, the threads
+  // search up to kSlots buffers ahead.
   void Taken(const TBlock& ABlock) { FAhead = ABlock.Offsets.empty() ? kSlots : 0; }
 
   void Stop() {
@@ -295,7 +298,7 @@ private:
       TBlock& block = slot.Block;
       try {
         if (!window) window = std::make_unique<TPageBuffer>(kWindowSize);
-        ScanBlock(FStream, index * kBlockStep, window->Data(), block);
+        ScanBlock(FStream, index * kBlockStep, window->Data(), false, block);
       } catch (...) {
         block.Failed = true;
         block.Error = std::current_exception();
@@ -386,7 +389,7 @@ bool TElfChnunks::TakeNextBlock() {
   ++FCurrentBlock;
   if (!FThreads || !FThreads->Take(FNextIndex, FBlock)) {
     if (!FBuffer) FBuffer = std::make_unique<TPageBuffer>(kWindowSize);
-    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), FBlock);
+    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), true, FBlock);
     if (FThreads) FThreads->Scanned(FNextIndex, FBlock);
   }
   ++FNextIndex;
@@ -402,10 +405,26 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
   for (;;) {
     if (!FHaveBlock && !TakeNextBlock()) return result; // crEnd
     if (FNextChunk < FBlock.Offsets.size()) {
-      const uint32_t at = FBlock.Offsets[FNextChunk];
+      const uint64_t position = FBlock.Start + FBlock.Offsets[FNextChunk];
+      if (FBlock.Copied) {
+        result.Data = FBlock.Chunks.data() + FNextChunk * size_t{kChunkSize};
+      } else {
+        // Found by a search thread, which keeps no copy: read again. A source that
+        // cannot give the bytes a second time ends the search, as a read error does.
+        FChunk.resize(kChunkSize);
+        size_t got = 0;
+        try {
+          got = FHandle->ReadAt(position, FChunk.data(), kChunkSize);
+        } catch (const std::exception&) {
+        }
+        if (got != kChunkSize) {
+          FHaveBlock = FNextBlockAvailable = false;
+          return result; // crEnd
+        }
+        result.Data = FChunk.data();
+      }
       result.Result = TCarveResult::crChunk;
-      result.Data = FBlock.Chunks.data() + FNextChunk * size_t{kChunkSize};
-      result.Position = FBlock.Start + at;
+      result.Position = position;
       FBytesRead = FReadBefore + FBlock.ReadWhen[FNextChunk];
       ++FNextChunk;
       return result;

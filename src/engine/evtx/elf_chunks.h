@@ -12,7 +12,9 @@
 // window; the chunks are handed out in the order of the source all the same, with the
 // same buffer ticks and the same byte counts as one thread gives. After a buffer that
 // held chunks the caller searches the next one itself (it is the slower then, decoding
-// them), so that no more than one buffer's chunks are held.
+// them). The threads keep no copy of the chunks they find: each is read again when it
+// is handed out (they are found ahead only where chunks are few), so that no more than
+// one buffer's chunks are held.
 #pragma once
 
 #include "platform/page_buffer.h"
@@ -57,7 +59,8 @@ public:
   void Close();
 
   // The next chunk, crNoneInBlock after each buffer's last, crEnd at the end of the data
-  // or at the first read error (after the chunks found before it). Raises only what the
+  // or at the first read error (after the chunks found before it; a chunk found ahead that
+  // cannot be read again counts as one). Raises only what the
   // search could not go on without (std::bad_alloc), from whichever thread met it.
   TCarvedChunk GetNextChunk();
 
@@ -92,7 +95,8 @@ public:
     bool Tick = false;       // GetNextChunk gives crNoneInBlock after its chunks
     std::vector<uint32_t> Offsets;  // chunk starts in the buffer, ascending
     std::vector<uint32_t> ReadWhen; // bytes of the buffer read when each was found
-    std::vector<uint8_t> Chunks;    // their bytes, 65536 each
+    bool Copied = false;            // searched by the caller: Chunks holds their bytes
+    std::vector<uint8_t> Chunks;    // their bytes, 65536 each (when Copied)
     std::exception_ptr Error;       // what stopped a searching thread other than a read
   };
 
@@ -110,6 +114,7 @@ private:
   std::unique_ptr<TPageBuffer> FBuffer;    // read buffer when searching in this thread
   std::unique_ptr<TSearchThreads> FThreads; // otherwise
   TBlock FBlock;            // the buffer whose chunks are being handed out
+  std::vector<uint8_t> FChunk; // a chunk found by a search thread, read again
   bool FHaveBlock = false;
   bool FNextBlockAvailable = false;
   size_t FNextChunk = 0;    // index in FBlock of the next chunk to hand out

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <stdexcept>
 
@@ -209,6 +210,38 @@ TEST(ElfChunkCarver, SearchThreadsStopWhereOneThreadStops) {
   EXPECT_EQ(failedOne[1].substr(0, failedOne[1].find(':')), "C" + std::to_string(offsets[0]));
   EXPECT_EQ(failedOne[3].substr(0, failedOne[3].find(':')), "C" + std::to_string(offsets[1]));
   for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, bytes.size(), failAt, threads), failedOne);
+}
+
+// A chunk found by a search thread is read again when handed out; a source that then
+// fails ends the search there, as a read error does. Buffer 1 follows a buffer without
+// chunks, so the threads search it.
+TEST(ElfChunkCarver, ChunkFoundAheadThatCannotBeReadAgainEndsTheSearch) {
+  constexpr size_t kStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
+  TDiskImage image(3 * kStep, 3);
+  image.Place(kStep + 1, MakeChunk(7, 1));
+  image.Place(2 * kStep + 1, MakeChunk(8, 1));
+  const std::vector<uint8_t>& bytes = image.Bytes();
+  // Fails the second read that holds the first chunk's 65536 bytes whole.
+  class TOnceStream : public TMemoryStream {
+  public:
+    using TMemoryStream::TMemoryStream;
+    size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+      if (AOffset <= kStep + 1 && AOffset + ALength >= kStep + 1 + kEvtxChunkSize && FReads++ == 1)
+        throw std::runtime_error("memory: read error");
+      return TMemoryStream::ReadAt(AOffset, ABuffer, ALength);
+    }
+
+  private:
+    mutable std::atomic<int> FReads{0};
+  };
+  TElfChnunks carver;
+  carver.SetSearchThreads(2);
+  ASSERT_TRUE(carver.OpenStream(std::make_unique<TOnceStream>(bytes, bytes.size()), TElfSourceType::stVolume));
+  EXPECT_EQ(Trace(carver), std::vector<std::string>{"+ @" + std::to_string(TElfChnunks::kBlockSize)});
+  TElfChnunks one;
+  one.SetSearchThreads(0);
+  ASSERT_TRUE(one.OpenStream(std::make_unique<TOnceStream>(bytes, bytes.size()), TElfSourceType::stVolume));
+  EXPECT_EQ(Trace(one).size(), 5u); // read once: both chunks and three ticks
 }
 
 } // namespace
