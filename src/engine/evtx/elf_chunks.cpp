@@ -118,6 +118,40 @@ constexpr uint64_t kBlockStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
 // A searching window: the bytes of two pieces and the starts left over before them.
 constexpr uint32_t kWindowSize = TElfChnunks::kOverlap + 2 * TElfChnunks::kReadPiece;
 
+} // namespace
+
+// Copies of chunks found, in kBlockSize bytes (64 places of 64 KB, touched only as used)
+// shared by the caller and the search threads: a buffer's places go back when the caller
+// is done with its chunks. Chunks found when every place is taken are read again.
+class TElfChnunks::TChunkStore {
+public:
+  TChunkStore() : FBytes(new uint8_t[kBlockSize]) {
+    for (int32_t i = kPlaces - 1; i >= 0; --i) FFree.push_back(i);
+  }
+  uint8_t* Place(int32_t AIndex) const { return FBytes.get() + size_t(AIndex) * kChunkSize; }
+  // A free place, or -1.
+  int32_t Take() {
+    std::lock_guard<std::mutex> guard(FLock);
+    if (FFree.empty()) return -1;
+    const int32_t i = FFree.back();
+    FFree.pop_back();
+    return i;
+  }
+  void Give(const std::vector<int32_t>& APlaces) {
+    std::lock_guard<std::mutex> guard(FLock);
+    for (int32_t i : APlaces)
+      if (i >= 0) FFree.push_back(i);
+  }
+
+private:
+  static constexpr int32_t kPlaces = TElfChnunks::kBlockSize / kChunkSize;
+  std::unique_ptr<uint8_t[]> FBytes;
+  std::mutex FLock;
+  std::vector<int32_t> FFree;
+};
+
+namespace {
+
 // Reads the buffer at AStart through AWindow (kWindowSize bytes) and finds its chunks, a
 // piece at a time: the starts whose 64 KB lie whole in the bytes read so far are
 // searched while those bytes are still in the processor's cache. Once the buffer is read
@@ -125,13 +159,14 @@ constexpr uint32_t kWindowSize = TElfChnunks::kOverlap + 2 * TElfChnunks::kReadP
 // searched when another buffer follows (later starts are searched there), up to and
 // including that one in the last buffer (a chunk ending exactly at the end of the data).
 // Starts are searched in order either way, and a chunk never holds another: the search
-// goes on after it. With ACopy the chunks found are copied into ABlock.Chunks.
+// goes on after it. The chunks found are copied into places of AStore while it has any.
 //
 // The window holds only the bytes not yet searched: before a piece would overflow it,
 // the bytes from the next start to search (less than 64 KB) move to its front. Being
 // small, it stays in the processor's cache, where a buffer of the whole 4 MB would be
 // written back to memory, which the search of a page-cached file is bound by.
-void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, bool ACopy, TElfChnunks::TBlock& ABlock) {
+void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, TElfChnunks::TChunkStore& AStore,
+               TElfChnunks::TBlock& ABlock) {
   constexpr uint32_t kBlockSize = TElfChnunks::kBlockSize;
   constexpr uint32_t kOverlap = TElfChnunks::kOverlap;
   ABlock.Start = AStart;
@@ -139,8 +174,7 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, bo
   ABlock.Full = ABlock.Failed = ABlock.Tick = false;
   ABlock.Offsets.clear();
   ABlock.ReadWhen.clear();
-  ABlock.Chunks.clear();
-  ABlock.Copied = ACopy;
+  ABlock.Places.clear();
   ABlock.Error = nullptr;
   uint32_t filled = 0;     // bytes of the buffer read
   uint64_t from = 0;       // the next start to search
@@ -191,12 +225,9 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, bo
       }
       ABlock.Offsets.push_back(static_cast<uint32_t>(at));
       ABlock.ReadWhen.push_back(filled);
-      if (ACopy) {
-        // Chunks do not overlap: a buffer holds at most kBlockSize bytes of them. Taken
-        // whole at the first, so that the storage is never moved or given back.
-        if (ABlock.Chunks.capacity() < kBlockSize) ABlock.Chunks.reserve(kBlockSize);
-        ABlock.Chunks.insert(ABlock.Chunks.end(), hit, hit + kChunkSize);
-      }
+      const int32_t place = AStore.Take();
+      if (place >= 0) std::memcpy(AStore.Place(place), hit, kChunkSize);
+      ABlock.Places.push_back(place);
       from = at + kChunkSize;
     }
     if (done) return;
@@ -213,7 +244,7 @@ void ScanBlock(const TReadStream& AStream, uint64_t AStart, uint8_t* AWindow, bo
 // next buffer itself if no thread has taken it (see Taken).
 class TElfChnunks::TSearchThreads {
 public:
-  TSearchThreads(const TReadStream& AStream, unsigned AThreads) : FStream(AStream) {
+  TSearchThreads(const TReadStream& AStream, TChunkStore& AStore, unsigned AThreads) : FStream(AStream), FStore(AStore) {
     try {
       for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this] { Work(); });
     } catch (...) {
@@ -298,7 +329,7 @@ private:
       TBlock& block = slot.Block;
       try {
         if (!window) window = std::make_unique<TPageBuffer>(kWindowSize);
-        ScanBlock(FStream, index * kBlockStep, window->Data(), false, block);
+        ScanBlock(FStream, index * kBlockStep, window->Data(), FStore, block);
       } catch (...) {
         block.Failed = true;
         block.Error = std::current_exception();
@@ -315,6 +346,7 @@ private:
   }
 
   const TReadStream& FStream;
+  TChunkStore& FStore;
   std::vector<std::thread> FThreads;
   std::mutex FLock;
   std::condition_variable FChanged;
@@ -372,10 +404,18 @@ bool TElfChnunks::OpenDisk(const std::string& ADiskName) {
 }
 
 void TElfChnunks::Close() {
-  FThreads.reset(); // before the stream they read
+  FThreads.reset(); // before the stream they read and the store they fill
+  FStore.reset();
+  FBlock.Places.clear();
   FHandle.reset();
   FActive = false;
   FHaveBlock = false;
+}
+
+void TElfChnunks::ReleaseBlock() {
+  FHaveBlock = false;
+  FStore->Give(FBlock.Places);
+  FBlock.Places.clear();
 }
 
 bool TElfChnunks::TakeNextBlock() {
@@ -383,13 +423,14 @@ bool TElfChnunks::TakeNextBlock() {
   FNextBlockAvailable = false;
   if (FNextIndex == 0) {
     // Threads only for more than one buffer; a source of unknown size is read here.
+    if (!FStore) FStore = std::make_unique<TChunkStore>();
     if (FSearchThreads > 0 && FSourceSize > kBlockSize)
-      FThreads = std::make_unique<TSearchThreads>(*FHandle, FSearchThreads);
+      FThreads = std::make_unique<TSearchThreads>(*FHandle, *FStore, FSearchThreads);
   }
   ++FCurrentBlock;
   if (!FThreads || !FThreads->Take(FNextIndex, FBlock)) {
     if (!FBuffer) FBuffer = std::make_unique<TPageBuffer>(kWindowSize);
-    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), true, FBlock);
+    ScanBlock(*FHandle, FNextIndex * kBlockStep, FBuffer->Data(), *FStore, FBlock);
     if (FThreads) FThreads->Scanned(FNextIndex, FBlock);
   }
   ++FNextIndex;
@@ -406,11 +447,11 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
     if (!FHaveBlock && !TakeNextBlock()) return result; // crEnd
     if (FNextChunk < FBlock.Offsets.size()) {
       const uint64_t position = FBlock.Start + FBlock.Offsets[FNextChunk];
-      if (FBlock.Copied) {
-        result.Data = FBlock.Chunks.data() + FNextChunk * size_t{kChunkSize};
+      if (FBlock.Places[FNextChunk] >= 0) {
+        result.Data = FStore->Place(FBlock.Places[FNextChunk]);
       } else {
-        // Found by a search thread, which keeps no copy: read again. A source that
-        // cannot give the bytes a second time ends the search, as a read error does.
+        // Found when the store was full (by a search thread, ahead): read again. A source
+        // that cannot give the bytes a second time ends the search, as a read error does.
         FChunk.resize(kChunkSize);
         size_t got = 0;
         try {
@@ -418,7 +459,8 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
         } catch (const std::exception&) {
         }
         if (got != kChunkSize) {
-          FHaveBlock = FNextBlockAvailable = false;
+          ReleaseBlock();
+          FNextBlockAvailable = false;
           return result; // crEnd
         }
         result.Data = FChunk.data();
@@ -429,7 +471,7 @@ TCarvedChunk TElfChnunks::GetNextChunk() {
       ++FNextChunk;
       return result;
     }
-    FHaveBlock = false;
+    ReleaseBlock();
     FReadBefore += FBlock.Filled;
     FBytesRead = FReadBefore;
     if (FBlock.Tick) {

@@ -12,9 +12,8 @@
 // window; the chunks are handed out in the order of the source all the same, with the
 // same buffer ticks and the same byte counts as one thread gives. After a buffer that
 // held chunks the caller searches the next one itself (it is the slower then, decoding
-// them). The threads keep no copy of the chunks they find: each is read again when it
-// is handed out (they are found ahead only where chunks are few), so that no more than
-// one buffer's chunks are held.
+// them). Copies of the chunks found are held in one store of 4 MB; a chunk found while
+// it is full (by the threads, ahead) is read again when it is handed out.
 #pragma once
 
 #include "platform/page_buffer.h"
@@ -95,10 +94,11 @@ public:
     bool Tick = false;       // GetNextChunk gives crNoneInBlock after its chunks
     std::vector<uint32_t> Offsets;  // chunk starts in the buffer, ascending
     std::vector<uint32_t> ReadWhen; // bytes of the buffer read when each was found
-    bool Copied = false;            // searched by the caller: Chunks holds their bytes
-    std::vector<uint8_t> Chunks;    // their bytes, 65536 each (when Copied)
+    std::vector<int32_t> Places;    // where the store holds each one's copy; -1: none
     std::exception_ptr Error;       // what stopped a searching thread other than a read
   };
+
+  class TChunkStore;
 
 private:
   class TSearchThreads;
@@ -106,6 +106,8 @@ private:
   void Open(std::unique_ptr<TReadStream> AStream);
   // The buffer after the last one taken into FBlock; false when there is none.
   bool TakeNextBlock();
+  // Done with FBlock's chunks: their places in the store go back.
+  void ReleaseBlock();
 
   bool FActive = false;
   std::string FSourceName;
@@ -114,7 +116,8 @@ private:
   std::unique_ptr<TPageBuffer> FBuffer;    // read buffer when searching in this thread
   std::unique_ptr<TSearchThreads> FThreads; // otherwise
   TBlock FBlock;            // the buffer whose chunks are being handed out
-  std::vector<uint8_t> FChunk; // a chunk found by a search thread, read again
+  std::vector<uint8_t> FChunk; // a chunk read again (found while the store was full)
+  std::unique_ptr<TChunkStore> FStore; // copies of the chunks found
   bool FHaveBlock = false;
   bool FNextBlockAvailable = false;
   size_t FNextChunk = 0;    // index in FBlock of the next chunk to hand out
