@@ -422,9 +422,11 @@ bool TElfChnunks::TakeNextBlock() {
   if (!FNextBlockAvailable) return false;
   FNextBlockAvailable = false;
   if (FNextIndex == 0) {
-    // Threads only for more than one buffer; a source of unknown size is read here.
     if (!FStore) FStore = std::make_unique<TChunkStore>();
-    if (FSearchThreads > 0 && FSourceSize > kBlockSize)
+    // Threads only for more than one buffer (a source of unknown size is read here) and
+    // only where they can read side by side (not through a container's lock, where
+    // they were slower than one).
+    if (FSearchThreads > 0 && FSourceSize > kBlockSize && FHandle->ParallelReads())
       FThreads = std::make_unique<TSearchThreads>(*FHandle, *FStore, FSearchThreads);
   }
   ++FCurrentBlock;
