@@ -81,6 +81,7 @@ public:
     FMediaSize = FFile.Size();
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override { return FFile.ReadAt(AOffset, ABuffer, ALength); }
+  bool ParallelReads() const override { return true; }
 
 private:
   TRawFile FFile;

@@ -29,6 +29,8 @@ class TContainer : public TReadStream {
 public:
   TContainerFormat Format() const { return FFormat; }
   uint64_t Size() const override { return FMediaSize; }
+  // Reads take the container's lock, but for a raw image's (a file read by position).
+  bool ParallelReads() const override { return false; }
   const std::string& Path() const override { return FPath; }
   // The acquisition hash the container stores ("MD5 ..."), or "".
   const std::string& StoredHash() const { return FStoredHash; }

@@ -16,6 +16,7 @@ public:
     return FStream->ReadAt(AOffset, ABuffer, ALength);
   }
   uint64_t Size() const override { return FStream->Size(); }
+  bool ParallelReads() const override { return FStream->ParallelReads(); }
   const std::string& Path() const override { return FName; }
 
 private:

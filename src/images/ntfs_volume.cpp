@@ -106,6 +106,7 @@ public:
     return static_cast<size_t>(got);
   }
   uint64_t Size() const override { return FSize; }
+  bool ParallelReads() const override { return false; } // the volume's lock
   const std::string& Path() const override { return FName; }
 
 private:

@@ -31,6 +31,9 @@ public:
   virtual size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const = 0;
   // Size in bytes; 0 when it cannot be told.
   virtual uint64_t Size() const = 0;
+  // False when reads from several threads run one at a time (behind the lock of a
+  // library that keeps one state per handle): reading with more threads does not pay.
+  virtual bool ParallelReads() const { return true; }
   // The name that messages give for the stream.
   virtual const std::string& Path() const = 0;
 
@@ -46,6 +49,7 @@ public:
   TSubStream(std::shared_ptr<const TReadStream> ABase, uint64_t AOffset, uint64_t ALength, std::string AName);
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override;
   uint64_t Size() const override { return FLength; }
+  bool ParallelReads() const override { return FBase->ParallelReads(); }
   const std::string& Path() const override { return FName; }
   uint64_t Offset() const { return FOffset; }
 
@@ -67,6 +71,7 @@ public:
   TExtentStream(std::shared_ptr<const TReadStream> ABase, std::vector<TExtent> AExtents, std::string AName);
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override;
   uint64_t Size() const override { return FSize; }
+  bool ParallelReads() const override { return FBase->ParallelReads(); }
   const std::string& Path() const override { return FName; }
   // The base stream's offset of AOffset; AOffset itself past the end.
   uint64_t BaseOffset(uint64_t AOffset) const;

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 namespace qvx {
 namespace {
@@ -16,6 +18,61 @@ struct TCarveRun {
   std::vector<uint64_t> FirstIds;
   int Ticks = 0; // buffers that held no further chunk
 };
+
+// Everything the carver hands out, in order: a chunk as "C<position>:<first id>", a
+// buffer without a further chunk as "+", each with the bytes read so far.
+std::vector<std::string> Trace(TElfChnunks& ACarver) {
+  std::vector<std::string> trace;
+  for (;;) {
+    TCarvedChunk c = ACarver.GetNextChunk();
+    if (c.Result == TCarveResult::crEnd) break;
+    std::string line = c.Result == TCarveResult::crNoneInBlock
+                           ? std::string("+")
+                           : "C" + std::to_string(c.Position) + ":" + std::to_string(TEvtxChunk(c.Data).NumFirstFile());
+    trace.push_back(line + " @" + std::to_string(ACarver.BytesRead()));
+  }
+  return trace;
+}
+
+std::vector<std::string> TraceFile(const std::string& APath, unsigned AThreads) {
+  TElfChnunks carver;
+  carver.SetSearchThreads(AThreads);
+  EXPECT_TRUE(carver.OpenFile(APath));
+  std::vector<std::string> trace = Trace(carver);
+  EXPECT_EQ(carver.CurrentBlock(), carver.NumOfBlocks());
+  return trace;
+}
+
+// Bytes in memory as a stream, which may claim more bytes than it holds and may fail
+// every read that reaches AFailAt.
+class TMemoryStream : public TReadStream {
+public:
+  TMemoryStream(const std::vector<uint8_t>& ABytes, uint64_t AClaimedSize, uint64_t AFailAt = UINT64_MAX)
+      : FBytes(ABytes), FClaimedSize(AClaimedSize), FFailAt(AFailAt) {}
+  size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+    if (AOffset + ALength > FFailAt) throw std::runtime_error(FName + ": read error at " + std::to_string(AOffset));
+    if (AOffset >= FBytes.size()) return 0;
+    const size_t n = std::min<size_t>(ALength, FBytes.size() - AOffset);
+    std::memcpy(ABuffer, FBytes.data() + AOffset, n);
+    return n;
+  }
+  uint64_t Size() const override { return FClaimedSize; }
+  const std::string& Path() const override { return FName; }
+
+private:
+  const std::vector<uint8_t>& FBytes;
+  uint64_t FClaimedSize;
+  uint64_t FFailAt;
+  std::string FName = "memory";
+};
+
+std::vector<std::string> TraceStream(const std::vector<uint8_t>& ABytes, uint64_t AClaimedSize, uint64_t AFailAt,
+                                     unsigned AThreads) {
+  TElfChnunks carver;
+  carver.SetSearchThreads(AThreads);
+  EXPECT_TRUE(carver.OpenStream(std::make_unique<TMemoryStream>(ABytes, AClaimedSize, AFailAt), TElfSourceType::stVolume));
+  return Trace(carver);
+}
 
 TCarveRun Carve(const std::string& APath) {
   TElfChnunks carver;
@@ -96,6 +153,99 @@ TEST(ElfChunkCarver, MissingSourceRaisesWithThePath) {
     EXPECT_NE(std::string(e.what()).find("/nonexistent/quorvex/image.bin"), std::string::npos);
   }
   EXPECT_FALSE(carver.Active());
+}
+
+// Buffers searched by different threads meet every 4 MB - 64 KB. Around the meeting
+// points: a chunk that is the last start of one buffer, a second one that starts inside
+// it (skipped there, found by the next buffer, which starts afresh), one crossing a
+// buffer's end, one at a buffer's first byte, and one ending exactly at the end of the
+// data. The threads hand out what one thread does: the same chunks, ticks and byte counts.
+// Buffers 0, 4 and 6 hold no chunk start, so that the threads search ahead after them
+// (after a buffer with chunks the caller searches the next one itself, as one thread).
+TEST(ElfChunkCarver, SearchThreadsMeetAtBufferBoundariesAsOneThreadDoes) {
+  constexpr size_t kBuffer = TElfChnunks::kBlockSize;
+  constexpr size_t kStep = kBuffer - TElfChnunks::kOverlap;
+  const size_t size = 7 * kStep + kMiB + 12345;
+  TDiskImage image(size, 5);
+  const std::vector<size_t> offsets = {2 * kStep - 1,             // the last start of buffer 1
+                                       2 * kStep + 5000,          // inside the one before: found by buffer 2
+                                       2 * kStep + kBuffer - 100, // crosses buffer 2's end: found by buffer 3
+                                       5 * kStep,                 // buffer 5's first byte
+                                       6 * kStep - 3,             // crosses into buffer 6, found by buffer 5
+                                       size - kEvtxChunkSize};    // in the last buffer, ends with the data
+  for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(1000 * (i + 1), 2));
+  const std::string path = WriteTempFile("threads.bin", image.Bytes());
+  const std::vector<std::string> one = TraceFile(path, 0);
+  std::vector<std::string> chunks;
+  for (const std::string& line : one)
+    if (line[0] == 'C') chunks.push_back(line.substr(1, line.find(':') - 1));
+  std::vector<std::string> expected;
+  for (size_t offset : offsets) expected.push_back(std::to_string(offset));
+  EXPECT_EQ(chunks, expected);
+  EXPECT_EQ(std::count_if(one.begin(), one.end(), [](const std::string& l) { return l[0] == '+'; }), 8);
+  for (int round = 0; round < 5; ++round) // the threads' timing varies from run to run
+    for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceFile(path, threads), one) << threads << " threads";
+}
+
+// Data shorter than its stream claims (a device that ends early) and a read error part
+// way: the search ends at the same place, after the same chunks, whoever searched.
+TEST(ElfChunkCarver, SearchThreadsStopWhereOneThreadStops) {
+  constexpr size_t kStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
+  TDiskImage image(4 * kStep + 3 * kMiB, 9);
+  const std::vector<size_t> offsets = {kStep + 1, 2 * kStep + 2 * TElfChnunks::kReadPiece + 5, 3 * kStep + 7,
+                                       4 * kStep + 2 * kMiB};
+  for (size_t i = 0; i < offsets.size(); ++i) image.Place(offsets[i], MakeChunk(10 * (i + 1), 1));
+  const std::vector<uint8_t>& bytes = image.Bytes();
+  // Claims twice its size: the short read ends it.
+  const std::vector<std::string> shortOne = TraceStream(bytes, 2 * bytes.size(), UINT64_MAX, 0);
+  EXPECT_EQ(shortOne.size(), offsets.size() + 5);
+  for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, 2 * bytes.size(), UINT64_MAX, threads), shortOne);
+  // Fails in the fourth piece of buffer 2: its chunk in the pieces before is still found,
+  // and nothing after it.
+  const uint64_t failAt = 2 * kStep + 4 * TElfChnunks::kReadPiece - 1;
+  const std::vector<std::string> failedOne = TraceStream(bytes, bytes.size(), failAt, 0);
+  ASSERT_EQ(failedOne.size(), 4u);
+  EXPECT_EQ(failedOne[0].substr(0, 1), "+");
+  EXPECT_EQ(failedOne[1].substr(0, failedOne[1].find(':')), "C" + std::to_string(offsets[0]));
+  EXPECT_EQ(failedOne[3].substr(0, failedOne[3].find(':')), "C" + std::to_string(offsets[1]));
+  for (unsigned threads : {1u, 2u, 3u}) EXPECT_EQ(TraceStream(bytes, bytes.size(), failAt, threads), failedOne);
+}
+
+// Chunk copies are held in a store of 64 places; chunks the threads find ahead while it is
+// full are read again when handed out. Buffers 1 to 3, searched by the threads (buffer 0
+// holds no chunk), hold 189 chunks between them: the same chunks come out. A source that
+// fails those second reads ends the search there, after the chunks before.
+TEST(ElfChunkCarver, ChunksFoundAheadBeyondTheStoreAreReadAgain) {
+  constexpr size_t kStep = TElfChnunks::kBlockSize - TElfChnunks::kOverlap;
+  TDiskImage image(5 * kStep, 3);
+  const std::vector<uint8_t> chunk = MakeChunk(7, 1);
+  for (size_t at = kStep; at + kEvtxChunkSize <= 4 * kStep; at += kEvtxChunkSize) image.Place(at, chunk);
+  const std::vector<uint8_t>& bytes = image.Bytes();
+  const std::vector<std::string> one = TraceStream(bytes, bytes.size(), UINT64_MAX, 0);
+  ASSERT_EQ(std::count_if(one.begin(), one.end(), [](const std::string& l) { return l[0] == 'C'; }), 189);
+  for (unsigned threads : {2u, 3u}) EXPECT_EQ(TraceStream(bytes, bytes.size(), UINT64_MAX, threads), one);
+  // Fails every read of one chunk's size: only the second reads are.
+  class TNoSecondReadStream : public TMemoryStream {
+  public:
+    using TMemoryStream::TMemoryStream;
+    size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
+      if (ALength == kEvtxChunkSize) throw std::runtime_error("memory: read error");
+      return TMemoryStream::ReadAt(AOffset, ABuffer, ALength);
+    }
+  };
+  TElfChnunks one2;
+  one2.SetSearchThreads(0);
+  ASSERT_TRUE(one2.OpenStream(std::make_unique<TNoSecondReadStream>(bytes, bytes.size()), TElfSourceType::stVolume));
+  EXPECT_EQ(Trace(one2), one); // one thread never reads a chunk twice
+  for (unsigned threads : {2u, 3u}) {
+    TElfChnunks carver;
+    carver.SetSearchThreads(threads);
+    ASSERT_TRUE(
+        carver.OpenStream(std::make_unique<TNoSecondReadStream>(bytes, bytes.size()), TElfSourceType::stVolume));
+    const std::vector<std::string> cut = Trace(carver);
+    ASSERT_LE(cut.size(), one.size());
+    EXPECT_TRUE(std::equal(cut.begin(), cut.end(), one.begin())) << threads << " threads";
+  }
 }
 
 } // namespace
