@@ -163,19 +163,6 @@ int HexDigit(char AChar) {
   return -1;
 }
 
-// The list's next value, emptied: a string that an earlier event left there is reused
-// with its capacity (the reader swaps the list with the previous event's), so values do
-// not go back to the allocator event after event. The list is cut to ACount at the end.
-std::string& NextValue(TStringList& AValues, size_t& ACount) {
-  if (ACount < AValues.size()) {
-    std::string& value = AValues[ACount++];
-    value.clear();
-    return value;
-  }
-  ++ACount;
-  return AValues.emplace_back();
-}
-
 // Every attribute value (xmlns declarations aside) of a tag's attribute text. AKinds,
 // when given, gets a 2 per value.
 void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, size_t& ACount,
@@ -193,7 +180,7 @@ void CollectAttributeValues(std::string_view AAttributes, TStringList& AValues, 
                              name.front() == '\n'))
       name.remove_prefix(1);
     if (name != "xmlns" && name.substr(0, 6) != "xmlns:") {
-      AppendXmlUnescaped(NextValue(AValues, ACount), AAttributes.substr(eq + 2, end - eq - 2));
+      AppendXmlUnescaped(NextListValue(AValues, ACount), AAttributes.substr(eq + 2, end - eq - 2));
       if (AKinds) AKinds->push_back(2);
     }
     pos = end + 1;
@@ -359,7 +346,7 @@ void ReadDataValues(std::string_view AXml, TStringList& AValues, std::vector<uin
     TElement item;
     size_t pos = 0;
     while (FindElement(data, "Data", item, pos)) {
-      AppendXmlUnescaped(NextValue(AValues, count), item.Content);
+      AppendXmlUnescaped(NextListValue(AValues, count), item.Content);
       if (AKinds) AKinds->push_back(0);
       pos = item.End;
     }
@@ -383,7 +370,7 @@ void ReadDataValues(std::string_view AXml, TStringList& AValues, std::vector<uin
     const size_t lt = FindByte(data, '<', pos);
     const std::string_view text = data.substr(pos, lt == std::string_view::npos ? std::string_view::npos : lt - pos);
     if (!IsBlankText(text)) {
-      AppendXmlUnescaped(NextValue(AValues, count), text);
+      AppendXmlUnescaped(NextListValue(AValues, count), text);
       if (AKinds) AKinds->push_back(1);
     }
     if (lt == std::string_view::npos) break;

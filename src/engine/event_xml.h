@@ -53,6 +53,19 @@ void ReadEventDataValues(std::string_view AXml, TStringList& AValues, std::vecto
 void ReadEventDataSources(std::string_view AXml, TStringList& AValues, std::vector<uint8_t>& AKinds,
                           std::string_view& ABinaryText);
 
+// The list's next value, emptied: a string that an earlier event left there is reused
+// with its room, so values do not go back to the allocator event after event. The
+// caller cuts the list to ACount at the end.
+inline std::string& NextListValue(TStringList& AValues, size_t& ACount) {
+  if (ACount < AValues.size()) {
+    std::string& value = AValues[ACount++];
+    value.clear();
+    return value;
+  }
+  ++ACount;
+  return AValues.emplace_back();
+}
+
 // Appends the bytes of hexadecimal text as ReadEventDataValues decodes <Binary>: pairs
 // of digits up to the first pair that is not one.
 void DecodeBinaryText(std::string_view AHex, std::string& AOut);

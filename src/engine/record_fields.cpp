@@ -445,17 +445,6 @@ void AppendSource(const TValueSet& AValues, const TSource& ASource, std::string&
   }
 }
 
-// The list's next value, emptied (a string an earlier event left there keeps its room).
-std::string& NextValue(TStringList& AValues, size_t& ACount) {
-  if (ACount < AValues.size()) {
-    std::string& value = AValues[ACount++];
-    value.clear();
-    return value;
-  }
-  ++ACount;
-  return AValues.emplace_back();
-}
-
 // Makes an event's system fields (ASystem: rfProviderName .. rfUserID) and the bytes of
 // its <Binary> (ABinary) from its plan and values.
 void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::string* const* ASystem, std::string& ABinary) {
@@ -497,7 +486,7 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
           const size_t end = items.find('<', pos);
           const std::string_view item =
               std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-          AppendXmlUnescaped(NextValue(values, count), item);
+          AppendXmlUnescaped(NextListValue(values, count), item);
           if (end == std::string::npos) break;
           pos = end + 1;
         }
@@ -510,10 +499,10 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
       std::string& text = AValues.Scratch;
       RenderValue(AValues, v, text);
       if (text.empty()) continue;
-      AppendXmlUnescaped(NextValue(values, count), text);
+      AppendXmlUnescaped(NextListValue(values, count), text);
       continue;
     }
-    std::string& value = NextValue(values, count);
+    std::string& value = NextListValue(values, count);
     AppendSource(AValues, source, value);
     if (source.Kind == 1 && IsBlank(value)) --count; // a blank text is no value
   }
