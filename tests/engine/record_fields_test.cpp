@@ -114,7 +114,7 @@ TEST(RecordFields, ValuesOfEveryKindReadTheSame) {
   TEvtxEventDraft e = SampleEvent(1);
   // Text that XML escapes, control characters, NULs and text that looks like markup.
   e.FData = {{"Escaped", TEvtxValue::String("a<b>&c\"d'e &amp; &#65;")},
-             {"Controls", TEvtxValue::String(std::string("x\x01y\x1Fz\tw\r\nv", 13))},
+             {"Controls", TEvtxValue::String(std::string("x\x01y\x1Fz\tw\r\nv"))},
              {"Nul", TEvtxValue(0x01, {'a', 0, 0, 0, 'b', 0})},
              {"Ansi", TEvtxValue::AnsiString("caf\xE9 <x>")},
              {"Empty", TEvtxValue::String("")},
