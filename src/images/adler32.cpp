@@ -1,5 +1,7 @@
 #include "images/adler32.h"
 
+#include <zlib.h>
+
 #include <algorithm>
 
 #if defined(__GNUC__) && defined(__x86_64__)
@@ -16,6 +18,7 @@ constexpr uint32_t kBase = 65521; // the largest prime below 2^16
 // (zlib's NMAX): 255 n (n + 1) / 2 + (n + 1) (kBase - 1) < 2^32.
 constexpr size_t kNMax = 5552;
 
+#ifdef QVX_ADLER_AVX2
 uint32_t Bytewise(uint32_t AS1, uint32_t AS2, const uint8_t* AData, size_t ALength) {
   while (ALength > 0) {
     size_t n = std::min(ALength, kNMax);
@@ -30,7 +33,6 @@ uint32_t Bytewise(uint32_t AS1, uint32_t AS2, const uint8_t* AData, size_t ALeng
   return AS2 << 16 | AS1;
 }
 
-#ifdef QVX_ADLER_AVX2
 __attribute__((target("avx2"))) uint64_t Sum32(__m256i AValue) {
   __m128i s = _mm_add_epi32(_mm256_castsi256_si128(AValue), _mm256_extracti128_si256(AValue, 1));
   s = _mm_add_epi32(s, _mm_shuffle_epi32(s, 0x4E));
@@ -75,13 +77,12 @@ __attribute__((target("avx2"))) uint32_t Avx2(uint32_t AS1, uint32_t AS2, const 
 } // namespace
 
 uint32_t Adler32(uint32_t AAdler, const uint8_t* AData, size_t ALength) {
-  const uint32_t s1 = AAdler & 0xFFFF;
-  const uint32_t s2 = (AAdler >> 16) & 0xFFFF;
 #ifdef QVX_ADLER_AVX2
   static const bool avx2 = __builtin_cpu_supports("avx2");
-  if (avx2) return Avx2(s1, s2, AData, ALength);
+  if (avx2) return Avx2(AAdler & 0xFFFF, (AAdler >> 16) & 0xFFFF, AData, ALength);
 #endif
-  return Bytewise(s1, s2, AData, ALength);
+  // zlib's own (adler32_z is not the wrapped name).
+  return static_cast<uint32_t>(adler32_z(AAdler, AData, ALength));
 }
 
 } // namespace qvx

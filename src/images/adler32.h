@@ -5,7 +5,8 @@
 // adds one byte at a time; on an image acquired without compression that is the largest
 // cost of reading a file from it. The images library is linked with
 // `--wrap=adler32`, so that the libyal code linked into the program calls Adler32 below
-// instead: the same value, 32 bytes at a time where the processor has AVX2.
+// instead: the same value, 32 bytes at a time where the processor has AVX2
+// (zlib's adler32_z elsewhere).
 #pragma once
 
 #include <cstddef>
