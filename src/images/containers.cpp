@@ -100,7 +100,7 @@ private:
 // --wrap=adler32 (src/images/CMakeLists.txt), which sends the calls of the libyal code
 // linked into the program here: the same checksum, computed 32 bytes at a time. zlib's
 // own calls (inflate) are not affected. Defined in this file because it is the one that
-// links libewf in, so it is always part of a program that calls adler32 through libewf.
+// links libewf in, so it is always linked into a program that calls adler32 through libewf.
 extern "C" unsigned long __wrap_adler32(unsigned long AAdler, const unsigned char* AData, unsigned int ALength) {
   if (!AData) return 1; // zlib: the initial value
   return qvx::Adler32(static_cast<uint32_t>(AAdler), AData, ALength);
