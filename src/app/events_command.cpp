@@ -162,21 +162,31 @@ std::unique_ptr<TCatalogSet> OpenCatalogs(const std::vector<std::string>& APaths
 
 std::unique_ptr<TEventLogBinXML> OpenEvtxLog(const std::string& APath, const std::string& ATimeZone, unsigned AThreads,
                                              TImagedPC* AImaged, std::FILE* AErr, bool& AScan) {
+  auto make = [&](bool AScanning) {
+    std::unique_ptr<TEventLogBinXML> source =
+        AScanning ? std::make_unique<TEventLogScan>() : std::make_unique<TEventLogBinXML>();
+    source->SetImagedDescrServer(AImaged);
+    ApplyTimeZone(*source, ATimeZone);
+    source->SetReadAhead(AThreads);
+    source->SetBackupFileName(APath);
+    return source;
+  };
   // The checks of the file header name the fault; a header whose chunk count does not
-  // match the chunks that follow it is read with the deep scan.
+  // match the chunks that follow it is read with the deep scan. They run on the reader's
+  // own file, so that the chunk headers are read once: inside an E01 image each of them
+  // costs the verified read of a whole container chunk.
+  std::unique_ptr<TEventLogBinXML> source = make(false);
+  try {
+    source->SetActive(true);
+  } catch (const std::exception&) {
+    // The checks by name below raise the error with the file's fault named.
+  }
   std::vector<std::string> notices;
-  AScan = TEvtxSource::NeedsCarving(APath, &notices);
+  AScan = source->Active() && source->EvtxFile() ? TEvtxSource::NeedsCarving(APath, *source->EvtxFile(), &notices)
+                                                 : TEvtxSource::NeedsCarving(APath, &notices);
   for (const std::string& notice : notices) std::fprintf(AErr, "%s\n", notice.c_str());
-  std::unique_ptr<TEventLogBinXML> source;
-  if (AScan)
-    source = std::make_unique<TEventLogScan>();
-  else
-    source = std::make_unique<TEventLogBinXML>();
-  source->SetImagedDescrServer(AImaged);
-  ApplyTimeZone(*source, ATimeZone);
-  source->SetReadAhead(AThreads);
-  source->SetBackupFileName(APath);
-  source->SetActive(true);
+  if (AScan) source = make(true);
+  source->SetActive(true); // raises when the file could not be opened after all
   return source;
 }
 

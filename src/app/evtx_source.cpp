@@ -64,6 +64,12 @@ bool TEvtxSource::NeedsCarving(const std::string& APath, std::vector<std::string
   return CheckHeader(APath, file, *raw, ANotices ? *ANotices : notices);
 }
 
+bool TEvtxSource::NeedsCarving(const std::string& APath, TEvtxFile& AFile, std::vector<std::string>* ANotices) {
+  if (!AFile.HeaderValid() || !AFile.FileHandle()) return NeedsCarving(APath, ANotices);
+  std::vector<std::string> notices;
+  return CheckHeader(APath, AFile, *AFile.FileHandle(), ANotices ? *ANotices : notices);
+}
+
 TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {
   FRaw = OpenReadStream(APath);
   FFile = std::make_unique<TEvtxFile>(FRaw.get());

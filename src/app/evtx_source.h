@@ -28,6 +28,11 @@ public:
   // 4 MiB buffer is mapped and filled with zeros when it is made.
   // ANotices, when given, receives what the checks noticed without stopping.
   static bool NeedsCarving(const std::string& APath, std::vector<std::string>* ANotices = nullptr);
+  // The same checks on AFile, the structure of APath that a reader already opened: its
+  // chunk list, built here, is then the one the reader walks, so the chunk headers are
+  // read once (inside a disk image each costs a whole container chunk). A file whose
+  // header is not valid is checked by name, as above, so that the messages are the same.
+  static bool NeedsCarving(const std::string& APath, TEvtxFile& AFile, std::vector<std::string>* ANotices);
 
   // A producer for TChunkReader::Run.
   TChunkReader::TProducer Producer();
