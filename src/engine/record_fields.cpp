@@ -1,6 +1,7 @@
 #include "engine/record_fields.h"
 
 #include "engine/event_xml.h"
+#include "engine/named_fields.h"
 #include "engine/evtx/binxml_exception.h"
 #include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_chunk.h"
@@ -55,8 +56,20 @@ struct TRef {
   uint32_t Op;
 };
 
+// Where one (name, value) pair of the hunt's reading comes from: fixed pieces hold their
+// text decoded, as the reader of the XML would give it.
+struct TNamedSource {
+  TNamedFieldKind Kind = nfText;
+  std::string Name, Attr;
+  std::vector<TPiece> Pieces;
+  bool Expand = false;            // as TSource::Expand
+  bool OptionalAttribute = false; // as TSource::OptionalAttribute
+};
+
 struct TPlan {
   bool Ok = false;
+  bool NamedOk = false; // Named says what ForEachNamedField would read from the XML
+  std::vector<TNamedSource> Named;
   TSource System[rfBinaryData];
   TSource Binary; // pieces of the undecoded <Binary> text
   std::vector<TSource> Values;
@@ -181,6 +194,47 @@ struct TMarker {
   }
 };
 
+// The (name, value) pairs of the marked event text AEvent as ForEachNamedField reads
+// them, into APlan.Named; false when a name holds a substitution or a value would not
+// come out the same.
+bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEvent, TPlan& APlan) {
+  const size_t refs = APlan.Refs.size();
+  auto marked = [](std::string_view AText) { return AText.find("\xEE\x80") != std::string_view::npos; };
+  bool ok = true;
+  TSource split;
+  ForEachNamedField(AEvent, [&](TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr,
+                                std::string_view ARaw) {
+    if (!ok) return;
+    if (marked(AName) || marked(AAttr) || !Split(ARaw, refs, split)) {
+      ok = false;
+      return;
+    }
+    TNamedSource& source = APlan.Named.emplace_back();
+    source.Kind = AKind;
+    source.Name.assign(AName);
+    source.Attr.assign(AAttr);
+    for (TPiece& piece : split.Pieces) {
+      if (piece.Ref == kFixed) {
+        // No entity runs into a substitution (CompilePlan checked): decoded piece by piece.
+        std::string decoded;
+        AppendXmlUnescaped(decoded, piece.Text);
+        piece.Text = std::move(decoded);
+      } else if (APlan.ExpandRefs[piece.Ref]) {
+        if (split.Pieces.size() != 1 || AKind != nfText) ok = false;
+        source.Expand = true;
+      }
+    }
+    if (AKind != nfText && split.Pieces.size() == 1 && split.Pieces[0].Ref != kFixed) {
+      const TRef& ref = APlan.Refs[split.Pieces[0].Ref];
+      const TBXmlOp& o = AFragments[ref.Fragment].Template->Ops[ref.Op];
+      source.OptionalAttribute = o.Optional && o.Attribute;
+    }
+    source.Pieces = std::move(split.Pieces);
+  });
+  if (!ok) APlan.Named.clear();
+  return ok;
+}
+
 // Reads the record's fragments, marked, into a plan; APlan.Ok stays false when records
 // of this shape must be rendered instead.
 void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
@@ -269,6 +323,7 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
     if (o.Element && !APlan.ExpandRefs[ref]) APlan.RepeatRefs.push_back(ref);
   }
   APlan.Ok = true;
+  APlan.NamedOk = CompileNamed(AFragments, event, APlan);
 }
 
 // The plans of a reading thread, kept from chunk to chunk: a log's chunks repeat the
@@ -350,6 +405,7 @@ struct TReaderState {
   std::string& Value = Room.Value;
   std::unordered_map<const TPlan*, uint32_t>& PlanIndex = Room.PlanIndex;
   uint32_t LastPlan = 0;
+  bool Named = false; // the hunt's reading: (name, value) pairs, the XML of the others
 
   std::string& Slot() {
     if (Used < Result.Fields.size()) {
@@ -509,6 +565,51 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
   values.resize(count);
 }
 
+// Makes an event's (name, value) pairs from its plan and values into AOut.
+void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, TNamedValues& AOut) {
+  AOut.Clear();
+  for (const TNamedSource& source : APlan.Named) {
+    if (source.Expand) {
+      const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
+      if (IsArrayCode(v.Type)) {
+        // Each item is a <Data> of its own; no item at all leaves one empty element.
+        std::string& items = AValues.Scratch;
+        items.clear();
+        AppendVariantArrayItems(items, v.Type, AValues.Data + v.Offset, v.Size, "<");
+        ReplaceControlCharacters(items);
+        size_t pos = 0;
+        for (;;) {
+          const size_t end = items.find('<', pos);
+          const std::string_view item =
+              std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+          AOut.Begin(source.Kind, source.Name, source.Attr);
+          AppendXmlUnescaped(AOut.Text(), item);
+          AOut.End();
+          if (end == std::string::npos) break;
+          pos = end + 1;
+        }
+        continue;
+      }
+    }
+    if (source.OptionalAttribute) {
+      // An empty optional value leaves its attribute out.
+      std::string& text = AValues.Scratch;
+      RenderValue(AValues, AValues.Value(source.Pieces[0].Ref), text);
+      if (text.empty()) continue;
+      AOut.Begin(source.Kind, source.Name, source.Attr);
+      AppendXmlUnescaped(AOut.Text(), text);
+      AOut.End();
+      continue;
+    }
+    AOut.Begin(source.Kind, source.Name, source.Attr);
+    for (const TPiece& piece : source.Pieces) {
+      if (piece.Ref == kFixed) AOut.Text().append(piece.Text);
+      else AppendValue(AValues, AValues.Value(piece.Ref), AOut.Text());
+    }
+    AOut.End();
+  }
+}
+
 // The template instance a root renders: its last child, after fragment headers only.
 // Null when the root renders anything else, or has no values to fill it.
 TBXmlTemplateNode* SoleInstance(TEvtxChunk& AChunk, const TBXmlRootNode* ARoot) {
@@ -590,7 +691,7 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   }
   const std::shared_ptr<const TPlan>& shared = *R.Room.LastPlan;
   const TPlan& plan = *shared;
-  if (!plan.Ok) return false;
+  if (!plan.Ok || (R.Named && !plan.NamedOk)) return false;
   // An array that would repeat an element other than a <Data> of its own.
   for (const uint32_t ref : plan.RepeatRefs)
     if (IsArrayCode(R.ValueOf(plan, ref).Type)) return false;
@@ -633,7 +734,9 @@ void ReadFromXml(TReaderState& R, std::string_view AEvent) {
                          &system.Channel, &system.Computer, &system.UserID})
     R.Slot().swap(*s);
   R.Slot().assign(binary.begin(), binary.end());
-  for (std::string& value : values) R.Slot().swap(value);
+  if (R.Named) R.Slot().assign(AEvent); // the hunt reads the XML itself
+  else
+    for (std::string& value : values) R.Slot().swap(value);
   R.Result.RecordFields.push_back({first, R.Used - first});
   ++R.Result.RecordsFromXml;
 }
@@ -655,7 +758,16 @@ void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSp
   MakeDataValues(plan, values, AFields);
 }
 
-void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
+void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut) {
+  static thread_local std::string scratch;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  MakeNamedValues(plan, values, AOut);
+}
+
+namespace {
+
+void ReadChunk(TEvtxChunk& AChunk, TChunkResult& AResult, bool ANamed) {
   AResult.Xml.clear();
   AResult.Issues.clear();
   AResult.RecordFields.clear();
@@ -671,6 +783,7 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   AResult.Values.clear();
   AResult.Plans.clear();
   TReaderState R{AChunk, AResult, room, 0};
+  R.Named = ANamed;
   std::string& xml = room.Xml;
   std::vector<uint8_t>& failed = room.Failed; // per record: its render raised
   bool whole = false;          // the chunk must be rendered whole
@@ -719,5 +832,11 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   }
   ReplaceControlCharacters(AResult.Xml);
 }
+
+} // namespace
+
+void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) { ReadChunk(AChunk, AResult, false); }
+
+void ReadChunkNamedFields(TEvtxChunk& AChunk, TChunkResult& AResult) { ReadChunk(AChunk, AResult, true); }
 
 } // namespace qvx

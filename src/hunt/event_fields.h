@@ -12,12 +12,16 @@
 //                   (but xmlns) under its name
 // A name may hold several values (unnamed <Data> elements, repeated elements).
 //
-// The reader does not build a tree: it walks the text once, points into it for values
+// The names and the walk are engine/named_fields.h's; an event can also be loaded from
+// the (name, value) pairs the engine reads straight from its binary XML, which gives the
+// same fields. The reader does not build a tree: it walks the text once, points into it for values
 // without entities and decodes the others into a buffer that keeps its room from event
 // to event, so reading an event allocates nothing once the buffers have grown. The
 // lower-case form of a value is made the first time a test asks for it. Malformed text
 // never raises: what cannot be read is left out.
 #pragma once
+
+#include "engine/named_fields.h"
 
 #include <cstdint>
 #include <deque>
@@ -70,7 +74,7 @@ private:
 class TEventFields {
 public:
   static constexpr int kNoValue = -1;
-  static constexpr int kMaxDepth = 32;
+  static constexpr int kMaxDepth = kNamedMaxDepth;
 
   struct TValue {
     std::string_view Name;
@@ -86,6 +90,9 @@ public:
 
   // Reads the fields of one event's XML. AXml must stay unchanged while the fields are used.
   void Load(std::string_view AXml);
+  // Reads the fields of one event from its (name, value) pairs, as Load would from its
+  // XML. AValues must stay unchanged while the fields are used.
+  void Load(const TNamedValues& AValues);
 
   // The first value of field AId, kNoValue when the event has none; values chain
   // through TValue::Next.
@@ -102,7 +109,9 @@ public:
   static constexpr size_t kGramWords = 64;
 
 private:
-  void Add(std::string_view AName, std::string_view ARaw);
+  void Begin(size_t ASize);
+  void Add(std::string_view AName, std::string_view ARaw); // raw: entities decoded here
+  void AddText(std::string_view AName, std::string_view AText);
   void Link(uint32_t AId, int AIndex);
   // The lasting copy of the System name AElement_AAttr.
   std::string_view SystemAttrName(std::string_view AElement, std::string_view AAttr);

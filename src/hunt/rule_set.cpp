@@ -371,12 +371,21 @@ bool WhereHolds(const TRuleBinding& ABinding, const TEventFields& AFields) {
 } // namespace
 
 std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml) {
+  return TestEvent(AChannel, AEventId, AXml);
+}
+
+std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues) {
+  return TestEvent(AChannel, AEventId, AValues);
+}
+
+template <typename TSourceText>
+std::span<const TDetection> THunter::TestEvent(std::string_view AChannel, uint32_t AEventId, const TSourceText& AText) {
   ++FEvents;
   FCount = 0;
   const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FKey);
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
-  FFields.Load(AXml);
+  FFields.Load(AText);
   for (const TBindingList* list : candidates.Lists)
     if (list) TestList(*list);
   return {FDetections.data(), FCount};

@@ -174,12 +174,16 @@ public:
   // Tests one event (its channel and ID as its System element gives them, and its XML)
   // against the rules that can match it. The detections are good until the next call.
   std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml);
+  // The same, for an event given as its (name, value) pairs (engine/named_fields.h).
+  std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues);
 
   uint64_t EventsRead() const { return FEvents; }
   uint64_t EventsTested() const { return FTested; }
   const TEventFields& Fields() const { return FFields; }
 
 private:
+  template <typename TSourceText>
+  std::span<const TDetection> TestEvent(std::string_view AChannel, uint32_t AEventId, const TSourceText& AText);
   void TestList(const TBindingList& AList);
 
   const TRuleSet& FRules;
