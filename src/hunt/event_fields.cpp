@@ -58,6 +58,29 @@ uint32_t TFieldNames::Find(std::string_view AName) const {
   return kNone;
 }
 
+namespace {
+
+// Whether two texts of the same size ASize are equal: names are short, and compared for
+// nearly every value, so without a call.
+inline bool SameBytes(const char* A, const char* B, size_t ASize) {
+  size_t i = 0;
+  for (; i + 8 <= ASize; i += 8) {
+    uint64_t a, b;
+    std::memcpy(&a, A + i, 8);
+    std::memcpy(&b, B + i, 8);
+    if (a != b) return false;
+  }
+  for (; i < ASize; ++i)
+    if (A[i] != B[i]) return false;
+  return true;
+}
+
+inline bool Same(const std::string& A, std::string_view B) {
+  return A.size() == B.size() && SameBytes(A.data(), B.data(), B.size());
+}
+
+} // namespace
+
 void TEventFields::Link(uint32_t AId, int AIndex) {
   if (AId == TFieldNames::kNone) return;
   if (FStamp[AId] != FGeneration) {
@@ -90,7 +113,7 @@ void TEventFields::AddText(std::string_view AName, std::string_view AText) {
   const size_t at = FValues.size() - 1;
   if (at >= FNameCache.size()) FNameCache.resize(at + 1);
   auto& [cachedName, cachedId] = FNameCache[at];
-  if (cachedName.size() != AName.size() || std::memcmp(cachedName.data(), AName.data(), AName.size()) != 0) {
+  if (!Same(cachedName, AName)) {
     cachedName.assign(AName);
     cachedId = FNames.Find(AName);
   }
@@ -136,7 +159,7 @@ void TEventFields::Load(const TNamedValues& AValues) {
 }
 
 std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::string_view AAttr) {
-  auto same = [&](const TAttrName& A) { return A.Element == AElement && A.Attr == AAttr; };
+  auto same = [&](const TAttrName& A) { return Same(A.Element, AElement) && Same(A.Attr, AAttr); };
   if (FAttrNext < FAttrNames.size() && same(FAttrNames[FAttrNext])) return FAttrNames[FAttrNext++].Name;
   for (size_t i = 0; i < FAttrNames.size(); ++i)
     if (same(FAttrNames[i])) {

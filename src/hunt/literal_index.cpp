@@ -364,6 +364,9 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   else
     AAutomaton.Dense32 = std::move(rows);
 
+  AAutomaton.MinLength = 0xFFFFFFFF;
+  for (const uint32_t literal : ALiterals) AAutomaton.MinLength = std::min(AAutomaton.MinLength, FLengths[literal]);
+  if (ALiterals.empty()) AAutomaton.MinLength = 1;
   const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
                      std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
   if (heads) {
@@ -390,7 +393,26 @@ const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const
 }
 
 void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
-  const TAutomaton& automaton = Built(AAutomaton);
+  ScanText(Built(AAutomaton), AText, AHits);
+}
+
+void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits) const {
+  const TAutomaton& automaton = Built(AScan.Automaton);
+  const size_t shortest = automaton.MinLength;
+  if (AScan.Field == kKeywordField) {
+    for (int v = 0, count = AFields.ValueCount(); v < count; ++v) {
+      const std::string_view text = AFields.Value(v).Text;
+      if (text.size() >= shortest) ScanText(automaton, text, AHits);
+    }
+    return;
+  }
+  for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
+    const std::string_view text = AFields.Value(v).Text;
+    if (text.size() >= shortest) ScanText(automaton, text, AHits);
+  }
+}
+
+inline void TLiteralIndex::ScanText(const TAutomaton& automaton, std::string_view AText, TLiteralHits& AHits) const {
   if (!automaton.Heads.empty()) {
     const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
     const uint64_t* heads = automaton.Heads.data();

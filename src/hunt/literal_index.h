@@ -82,6 +82,9 @@ public:
   // adding the literals it finds to AHits. Builds the automaton first when it is new;
   // safe on several threads at once.
   void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
+  // Scans what AScan names in AFields: every value of its field, or of the event for
+  // kKeywordField (the automaton looked up once for all of them).
+  void ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits) const;
   size_t MemoryBytes() const;
 
 private:
@@ -108,7 +111,9 @@ private:
     // first 4 bytes. A value none of whose 4-byte runs has its bit set holds none of them,
     // and is passed over at a fraction of the cost of the automaton.
     std::vector<uint64_t> Heads;
+    uint32_t MinLength = 1; // of its literals: a shorter text holds none
   };
+  void ScanText(const TAutomaton& AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   static constexpr size_t kMaxHeadLiterals = 256;
   static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
   static constexpr uint32_t kOutput = 0x80000000;

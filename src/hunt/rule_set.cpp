@@ -401,14 +401,7 @@ void THunter::TestList(const TBindingList& AList) {
     FStamp = 1;
   }
   FHits.Clear();
-  for (const TLiteralIndex::TScan& scan : literals.Scans()) {
-    if (scan.Field == TLiteralIndex::kKeywordField) {
-      for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
-      continue;
-    }
-    for (int v = FFields.First(scan.Field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
-      literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
-  }
+  for (const TLiteralIndex::TScan& scan : literals.Scans()) literals.ScanFields(scan, FFields, FHits);
   FSelectedList.clear();
   for (const uint32_t literal : FHits.Found)
     for (const uint32_t binding : literals.NeededBy(literal))
