@@ -34,8 +34,11 @@ enum TNamedFieldKind : uint8_t {
 // from the binary XML). Reused from event to event with its room.
 class TNamedValues {
 public:
+  static constexpr uint32_t kNoNameId = 0xFFFFFFFF;
   struct TItem {
     TNamedFieldKind Kind = nfText;
+    // The number InternNamedField gave its kind, name and attribute (kNoNameId: none).
+    uint32_t NameId = kNoNameId;
     uint32_t NameAt = 0, NameSize = 0, AttrAt = 0, AttrSize = 0, ValueAt = 0, ValueSize = 0;
   };
   void Clear() {
@@ -43,9 +46,10 @@ public:
     FItems.clear();
   }
   // Starts an item; its value is appended to Text() until the next Begin.
-  void Begin(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr) {
+  void Begin(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr, uint32_t ANameId = kNoNameId) {
     TItem& item = FItems.emplace_back();
     item.Kind = AKind;
+    item.NameId = ANameId;
     item.NameAt = static_cast<uint32_t>(FText.size());
     item.NameSize = static_cast<uint32_t>(AName.size());
     FText.append(AName);
@@ -77,6 +81,12 @@ private:
   std::string FText;
   std::vector<TItem> FItems;
 };
+
+// A number for a kind, name and attribute, the same for the same three in the whole
+// process (so a reader of pairs can keep what it made of a name by number, and compare
+// nothing). Numbers are small and dense; past a bound (1 << 20 names) kNoNameId.
+// Thread-safe.
+uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr);
 
 namespace detail {
 

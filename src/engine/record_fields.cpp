@@ -9,6 +9,7 @@
 #include "engine/evtx/variant_types.h"
 #include "platform/utf16.h"
 
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -60,6 +61,7 @@ struct TRef {
 // text decoded, as the reader of the XML would give it.
 struct TNamedSource {
   TNamedFieldKind Kind = nfText;
+  uint32_t NameId = TNamedValues::kNoNameId;
   std::string Name, Attr;
   std::vector<TPiece> Pieces;
   bool Expand = false;            // as TSource::Expand
@@ -213,6 +215,7 @@ bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEv
     source.Kind = AKind;
     source.Name.assign(AName);
     source.Attr.assign(AAttr);
+    source.NameId = InternNamedField(AKind, AName, AAttr);
     for (TPiece& piece : split.Pieces) {
       if (piece.Ref == kFixed) {
         // No entity runs into a substitution (CompilePlan checked): decoded piece by piece.
@@ -582,7 +585,7 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, TNamedValues&
           const size_t end = items.find('<', pos);
           const std::string_view item =
               std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-          AOut.Begin(source.Kind, source.Name, source.Attr);
+          AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
           AppendXmlUnescaped(AOut.Text(), item);
           AOut.End();
           if (end == std::string::npos) break;
@@ -596,12 +599,12 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, TNamedValues&
       std::string& text = AValues.Scratch;
       RenderValue(AValues, AValues.Value(source.Pieces[0].Ref), text);
       if (text.empty()) continue;
-      AOut.Begin(source.Kind, source.Name, source.Attr);
+      AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
       AppendXmlUnescaped(AOut.Text(), text);
       AOut.End();
       continue;
     }
-    AOut.Begin(source.Kind, source.Name, source.Attr);
+    AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
     for (const TPiece& piece : source.Pieces) {
       if (piece.Ref == kFixed) AOut.Text().append(piece.Text);
       else AppendValue(AValues, AValues.Value(piece.Ref), AOut.Text());
@@ -750,6 +753,23 @@ size_t FindOnce(std::string_view AText, std::string_view ANeedle) {
 }
 
 } // namespace
+
+uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr) {
+  static std::mutex mutex;
+  static std::unordered_map<std::string, uint32_t> ids;
+  constexpr size_t kMaxIds = 1u << 20;
+  std::string key(1, static_cast<char>(AKind));
+  const uint32_t nameSize = static_cast<uint32_t>(AName.size());
+  key.append(reinterpret_cast<const char*>(&nameSize), sizeof nameSize);
+  key.append(AName);
+  key.append(AAttr);
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (const auto found = ids.find(key); found != ids.end()) return found->second;
+  if (ids.size() >= kMaxIds) return TNamedValues::kNoNameId;
+  const uint32_t id = static_cast<uint32_t>(ids.size());
+  ids.emplace(std::move(key), id);
+  return id;
+}
 
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields) {
   static thread_local std::string scratch;

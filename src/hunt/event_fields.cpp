@@ -151,11 +151,36 @@ void TEventFields::Load(std::string_view AXml) {
 
 void TEventFields::Load(const TNamedValues& AValues) {
   Begin(AValues.Text().size());
+  if (FKnownNames != FNames.Count()) {
+    FKnown.clear();
+    FKnownNames = FNames.Count();
+  }
   for (size_t i = 0; i < AValues.Count(); ++i) {
     const TNamedValues::TItem& item = AValues.Item(i);
     const std::string_view name = AValues.Name(item);
-    AddText(item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name, AValues.Value(item));
+    if (item.NameId == TNamedValues::kNoNameId) {
+      AddText(item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name, AValues.Value(item));
+      continue;
+    }
+    // A name met before by its number: nothing looked up.
+    if (item.NameId >= FKnown.size()) FKnown.resize(item.NameId + 1);
+    TKnownName& known = FKnown[item.NameId];
+    if (!known.Set) {
+      // Made as AddText and SystemAttrName make it (the same answer every time after).
+      known.AttrName = item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : std::string_view();
+      known.FieldId = FNames.Find(item.Kind == nfSystemAttr ? known.AttrName : name);
+      known.Set = true;
+    }
+    AddKnown(item.Kind == nfSystemAttr ? known.AttrName : name, AValues.Value(item), known.FieldId);
   }
+}
+
+void TEventFields::AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId) {
+  TValue& value = FValues.emplace_back();
+  value.Name = AName;
+  value.Text = AText;
+  value.FieldId = AFieldId;
+  Link(AFieldId, static_cast<int>(FValues.size() - 1));
 }
 
 std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::string_view AAttr) {

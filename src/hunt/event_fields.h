@@ -112,6 +112,7 @@ private:
   void Begin(size_t ASize);
   void Add(std::string_view AName, std::string_view ARaw); // raw: entities decoded here
   void AddText(std::string_view AName, std::string_view AText);
+  void AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId);
   void Link(uint32_t AId, int AIndex);
   // The lasting copy of the System name AElement_AAttr.
   std::string_view SystemAttrName(std::string_view AElement, std::string_view AAttr);
@@ -126,6 +127,15 @@ private:
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   std::vector<std::pair<std::string, uint32_t>> FNameCache; // per value place: last name and its number
+  // Per name number of the pairs (TNamedValues::TItem::NameId): its field number and, for
+  // a System attribute, its lasting name (Set: made).
+  struct TKnownName {
+    bool Set = false;
+    uint32_t FieldId = TFieldNames::kNone;
+    std::string_view AttrName;
+  };
+  std::vector<TKnownName> FKnown;
+  uint32_t FKnownNames = 0; // FNames.Count() when FKnown was made (a name added: made again)
   struct TAttrName {
     std::string Element, Attr, Name;
   };
