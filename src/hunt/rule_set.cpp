@@ -401,7 +401,7 @@ void THunter::TestList(const TBindingList& AList) {
     FStamp = 1;
   }
   FHits.Clear();
-  for (const TLiteralIndex::TScan& scan : literals.Scans()) literals.ScanFields(scan, FFields, FHits);
+  for (const TLiteralIndex::TScan& scan : literals.Scans()) literals.ScanFields(scan, FFields, FHits, &FMemo);
   FSelectedList.clear();
   for (const uint32_t literal : FHits.Found)
     for (const uint32_t binding : literals.NeededBy(literal))

@@ -192,6 +192,7 @@ private:
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
   TLiteralHits FHits;              // of the list being tested (room for the largest)
+  TScanMemo FMemo;
   std::vector<uint32_t> FSelected; // per binding of the list: the stamp for which a literal it needs was found
   std::string FKey;
   std::vector<uint32_t> FSelectedList; // the selected bindings of the list being tested
