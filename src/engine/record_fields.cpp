@@ -66,6 +66,7 @@ struct TNamedSource {
   std::vector<TPiece> Pieces;
   bool Expand = false;            // as TSource::Expand
   bool OptionalAttribute = false; // as TSource::OptionalAttribute
+  int SystemField = -1;           // the system field made of the same one value (its text is taken)
 };
 
 struct TPlan {
@@ -233,6 +234,11 @@ bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEv
       source.OptionalAttribute = o.Optional && o.Attribute;
     }
     source.Pieces = std::move(split.Pieces);
+    if (source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed && !source.Expand && !source.OptionalAttribute)
+      for (uint32_t f = 0; f < rfBinaryData && source.SystemField < 0; ++f) {
+        const std::vector<TPiece>& pieces = APlan.System[f].Pieces;
+        if (pieces.size() == 1 && pieces[0].Ref == source.Pieces[0].Ref) source.SystemField = static_cast<int>(f);
+      }
   });
   if (!ok) APlan.Named.clear();
   return ok;
@@ -568,10 +574,18 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
   values.resize(count);
 }
 
-// Makes an event's (name, value) pairs from its plan and values into AOut.
-void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, TNamedValues& AOut) {
+// Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
+// system fields, rfProviderName .. rfUserID, made from the same values).
+void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, TNamedValues& AOut) {
   AOut.Clear();
   for (const TNamedSource& source : APlan.Named) {
+    if (source.SystemField >= 0) {
+      // The same value's text, made already (AppendSource of the one value).
+      AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
+      AOut.Text().append(ASystem[source.SystemField]);
+      AOut.End();
+      continue;
+    }
     if (source.Expand) {
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
@@ -782,7 +796,7 @@ void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRec
   static thread_local std::string scratch;
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
   const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
-  MakeNamedValues(plan, values, AOut);
+  MakeNamedValues(plan, values, AResult.Fields.data() + ASpan.First, AOut);
 }
 
 namespace {
