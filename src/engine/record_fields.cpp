@@ -57,22 +57,30 @@ struct TRef {
   uint32_t Op;
 };
 
-// Where one (name, value) pair of the hunt's reading comes from: fixed pieces hold their
-// text decoded, as the reader of the XML would give it.
+// Where one (name, value) pair of the hunt's reading comes from, laid out flat (a record
+// walks every source of its plan): its name, attribute and pieces in the plan's
+// NamedText and NamedPieces. Fixed pieces hold their text decoded, as the reader of the
+// XML would give it.
+struct TNamedPiece {
+  uint32_t Ref = kFixed;
+  uint32_t TextAt = 0, TextSize = 0;
+};
 struct TNamedSource {
   TNamedFieldKind Kind = nfText;
-  uint32_t NameId = TNamedValues::kNoNameId;
-  std::string Name, Attr;
-  std::vector<TPiece> Pieces;
   bool Expand = false;            // as TSource::Expand
   bool OptionalAttribute = false; // as TSource::OptionalAttribute
-  int SystemField = -1;           // the system field made of the same one value (its text is taken)
+  int8_t SystemField = -1;        // the system field made of the same one value (its text is taken)
+  uint32_t NameId = TNamedValues::kNoNameId;
+  uint32_t NameAt = 0, NameSize = 0, AttrAt = 0, AttrSize = 0;
+  uint32_t FirstPiece = 0, PieceCount = 0;
 };
 
 struct TPlan {
   bool Ok = false;
   bool NamedOk = false; // Named says what ForEachNamedField would read from the XML
   std::vector<TNamedSource> Named;
+  std::vector<TNamedPiece> NamedPieces;
+  std::string NamedText;
   TSource System[rfBinaryData];
   TSource Binary; // pieces of the undecoded <Binary> text
   std::vector<TSource> Values;
@@ -212,35 +220,48 @@ bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEv
       ok = false;
       return;
     }
+    std::string& text = APlan.NamedText;
     TNamedSource& source = APlan.Named.emplace_back();
     source.Kind = AKind;
-    source.Name.assign(AName);
-    source.Attr.assign(AAttr);
+    source.NameAt = static_cast<uint32_t>(text.size());
+    source.NameSize = static_cast<uint32_t>(AName.size());
+    text.append(AName);
+    source.AttrAt = static_cast<uint32_t>(text.size());
+    source.AttrSize = static_cast<uint32_t>(AAttr.size());
+    text.append(AAttr);
     source.NameId = InternNamedField(AKind, AName, AAttr);
-    for (TPiece& piece : split.Pieces) {
+    source.FirstPiece = static_cast<uint32_t>(APlan.NamedPieces.size());
+    source.PieceCount = static_cast<uint32_t>(split.Pieces.size());
+    for (const TPiece& piece : split.Pieces) {
+      TNamedPiece& flat = APlan.NamedPieces.emplace_back();
+      flat.Ref = piece.Ref;
       if (piece.Ref == kFixed) {
         // No entity runs into a substitution (CompilePlan checked): decoded piece by piece.
-        std::string decoded;
-        AppendXmlUnescaped(decoded, piece.Text);
-        piece.Text = std::move(decoded);
+        flat.TextAt = static_cast<uint32_t>(text.size());
+        AppendXmlUnescaped(text, piece.Text);
+        flat.TextSize = static_cast<uint32_t>(text.size() - flat.TextAt);
       } else if (APlan.ExpandRefs[piece.Ref]) {
         if (split.Pieces.size() != 1 || AKind != nfText) ok = false;
         source.Expand = true;
       }
     }
-    if (AKind != nfText && split.Pieces.size() == 1 && split.Pieces[0].Ref != kFixed) {
+    const bool oneValue = split.Pieces.size() == 1 && split.Pieces[0].Ref != kFixed;
+    if (AKind != nfText && oneValue) {
       const TRef& ref = APlan.Refs[split.Pieces[0].Ref];
       const TBXmlOp& o = AFragments[ref.Fragment].Template->Ops[ref.Op];
       source.OptionalAttribute = o.Optional && o.Attribute;
     }
-    source.Pieces = std::move(split.Pieces);
-    if (source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed && !source.Expand && !source.OptionalAttribute)
+    if (oneValue && !source.Expand && !source.OptionalAttribute)
       for (uint32_t f = 0; f < rfBinaryData && source.SystemField < 0; ++f) {
         const std::vector<TPiece>& pieces = APlan.System[f].Pieces;
-        if (pieces.size() == 1 && pieces[0].Ref == source.Pieces[0].Ref) source.SystemField = static_cast<int>(f);
+        if (pieces.size() == 1 && pieces[0].Ref == split.Pieces[0].Ref) source.SystemField = static_cast<int8_t>(f);
       }
   });
-  if (!ok) APlan.Named.clear();
+  if (!ok) {
+    APlan.Named.clear();
+    APlan.NamedPieces.clear();
+    APlan.NamedText.clear();
+  }
   return ok;
 }
 
@@ -578,16 +599,20 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
 // system fields, rfProviderName .. rfUserID, made from the same values).
 void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, TNamedValues& AOut) {
   AOut.Clear();
+  const char* const text = APlan.NamedText.data();
   for (const TNamedSource& source : APlan.Named) {
+    const std::string_view name(text + source.NameAt, source.NameSize);
+    const std::string_view attr(text + source.AttrAt, source.AttrSize);
+    const TNamedPiece* const pieces = APlan.NamedPieces.data() + source.FirstPiece;
     if (source.SystemField >= 0) {
       // The same value's text, made already (AppendSource of the one value).
-      AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
+      AOut.Begin(source.Kind, name, attr, source.NameId);
       AOut.Text().append(ASystem[source.SystemField]);
       AOut.End();
       continue;
     }
     if (source.Expand) {
-      const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
+      const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
         std::string& items = AValues.Scratch;
@@ -599,7 +624,7 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
           const size_t end = items.find('<', pos);
           const std::string_view item =
               std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-          AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
+          AOut.Begin(source.Kind, name, attr, source.NameId);
           AppendXmlUnescaped(AOut.Text(), item);
           AOut.End();
           if (end == std::string::npos) break;
@@ -610,17 +635,18 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
     }
     if (source.OptionalAttribute) {
       // An empty optional value leaves its attribute out.
-      std::string& text = AValues.Scratch;
-      RenderValue(AValues, AValues.Value(source.Pieces[0].Ref), text);
-      if (text.empty()) continue;
-      AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
-      AppendXmlUnescaped(AOut.Text(), text);
+      std::string& value = AValues.Scratch;
+      RenderValue(AValues, AValues.Value(pieces[0].Ref), value);
+      if (value.empty()) continue;
+      AOut.Begin(source.Kind, name, attr, source.NameId);
+      AppendXmlUnescaped(AOut.Text(), value);
       AOut.End();
       continue;
     }
-    AOut.Begin(source.Kind, source.Name, source.Attr, source.NameId);
-    for (const TPiece& piece : source.Pieces) {
-      if (piece.Ref == kFixed) AOut.Text().append(piece.Text);
+    AOut.Begin(source.Kind, name, attr, source.NameId);
+    for (uint32_t p = 0; p < source.PieceCount; ++p) {
+      const TNamedPiece& piece = pieces[p];
+      if (piece.Ref == kFixed) AOut.Text().append(text + piece.TextAt, piece.TextSize);
       else AppendValue(AValues, AValues.Value(piece.Ref), AOut.Text());
     }
     AOut.End();
