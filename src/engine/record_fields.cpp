@@ -726,7 +726,8 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     if (found == GPlanCache.Plans.end()) {
       auto compiled = std::make_shared<TPlan>();
       CompilePlan(R.Fragments, *compiled);
-      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size();
+      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size() + sizeof(TNamedSource) * compiled->Named.size() +
+                          sizeof(TNamedPiece) * compiled->NamedPieces.size() + compiled->NamedText.size();
       found = GPlanCache.Plans.emplace(R.Key, std::move(compiled)).first;
     }
     R.Room.LastPlan = &found->second; // stays valid while the cache keeps it (until Trim)
