@@ -1,6 +1,7 @@
 #include "hunt/event_fields.h"
 
 #include "engine/event_xml.h"
+#include "hunt/sigma_rule.h"
 
 #include <array>
 #include <cstring>
@@ -135,6 +136,7 @@ void TEventFields::Begin(size_t ASize) {
   }
   if (++FGeneration == 0) {
     std::fill(FStamp.begin(), FStamp.end(), 0);
+    FAddresses.clear();
     FGeneration = 1;
   }
 }
@@ -224,6 +226,18 @@ const uint64_t* TEventFields::Grams(int AIndex) const {
     }
   }
   return FGrams.data() + value.GramsAt;
+}
+
+bool TEventFields::Address(int AIndex, std::array<uint8_t, 16>& AAddress) const {
+  const size_t at = static_cast<size_t>(AIndex);
+  if (at >= FAddresses.size()) FAddresses.resize(FValues.size());
+  TAddressMemo& memo = FAddresses[at];
+  if (memo.Generation != FGeneration) {
+    memo.Generation = FGeneration;
+    memo.Valid = ParseIpAddress(FValues[at].Text, memo.Bytes);
+  }
+  AAddress = memo.Bytes;
+  return memo.Valid;
 }
 
 } // namespace qvx::hunt

@@ -23,6 +23,7 @@
 
 #include "engine/named_fields.h"
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -107,6 +108,10 @@ public:
   // in it (4096 bits). A text that has a 4-gram whose bit is clear cannot be in it.
   const uint64_t* Grams(int AIndex) const;
   static constexpr size_t kGramWords = 64;
+  // The value as an IPv4 or IPv6 address (ParseIpAddress of sigma_rule.h), parsed the
+  // first time a test asks: a rule's list of networks asks once per network. False when
+  // it is not one.
+  bool Address(int AIndex, std::array<uint8_t, 16>& AAddress) const;
 
 private:
   void Begin(size_t ASize);
@@ -126,6 +131,12 @@ private:
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
+  struct TAddressMemo {
+    uint32_t Generation = 0; // the event it was parsed for
+    bool Valid = false;
+    std::array<uint8_t, 16> Bytes{};
+  };
+  mutable std::vector<TAddressMemo> FAddresses; // per value
   std::vector<std::pair<std::string, uint32_t>> FNameCache; // per value place: last name and its number
   // Per name number of the pairs (TNamedValues::TItem::NameId): its field number and, for
   // a System attribute, its lasting name (Set: made).
