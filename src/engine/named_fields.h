@@ -15,6 +15,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -28,6 +29,20 @@ enum TNamedFieldKind : uint8_t {
   nfSystemAttr, // AName: the System element, AAttr: its attribute
   nfAttr        // AName: a UserData attribute's local name
 };
+
+struct TNamedFieldName {
+  TNamedFieldKind Kind = nfText;
+  std::string Name, Attr;
+};
+
+// A number for a kind, name and attribute, the same for the same three in the whole
+// process (so a reader of pairs can keep what it made of a name by number, and compare
+// nothing). Numbers are small and dense; past a bound (1 << 20 names) kNoNameId (of
+// TNamedValues). Thread-safe.
+uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr);
+// What number AId (given by InternNamedField) stands for; kept for the process's life.
+// Thread-safe, takes no lock.
+const TNamedFieldName& NamedFieldOf(uint32_t AId);
 
 // (kind, name, attribute, value) of one event, values already decoded: what
 // ForEachNamedField gives, kept without the XML (record_fields.h makes them straight
@@ -45,17 +60,20 @@ public:
     FText.clear();
     FItems.clear();
   }
-  // Starts an item; its value is appended to Text() until the next Begin.
+  // Starts an item; its value is appended to Text() until the next Begin. With a name
+  // number (InternNamedField of AKind, AName and AAttr) the name is not copied.
   void Begin(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr, uint32_t ANameId = kNoNameId) {
     TItem& item = FItems.emplace_back();
     item.Kind = AKind;
     item.NameId = ANameId;
-    item.NameAt = static_cast<uint32_t>(FText.size());
-    item.NameSize = static_cast<uint32_t>(AName.size());
-    FText.append(AName);
-    item.AttrAt = static_cast<uint32_t>(FText.size());
-    item.AttrSize = static_cast<uint32_t>(AAttr.size());
-    FText.append(AAttr);
+    item.NameAt = item.AttrAt = static_cast<uint32_t>(FText.size());
+    if (ANameId == kNoNameId) {
+      item.NameSize = static_cast<uint32_t>(AName.size());
+      FText.append(AName);
+      item.AttrAt = static_cast<uint32_t>(FText.size());
+      item.AttrSize = static_cast<uint32_t>(AAttr.size());
+      FText.append(AAttr);
+    }
     item.ValueAt = static_cast<uint32_t>(FText.size());
   }
   std::string& Text() { return FText; }
@@ -69,8 +87,15 @@ public:
   }
   size_t Count() const { return FItems.size(); }
   const TItem& Item(size_t AIndex) const { return FItems[AIndex]; }
-  std::string_view Name(const TItem& AItem) const { return {FText.data() + AItem.NameAt, AItem.NameSize}; }
-  std::string_view Attr(const TItem& AItem) const { return {FText.data() + AItem.AttrAt, AItem.AttrSize}; }
+  // (Of a numbered item: the number's, good for the process's life.)
+  std::string_view Name(const TItem& AItem) const {
+    if (AItem.NameId != kNoNameId) return NamedFieldOf(AItem.NameId).Name;
+    return {FText.data() + AItem.NameAt, AItem.NameSize};
+  }
+  std::string_view Attr(const TItem& AItem) const {
+    if (AItem.NameId != kNoNameId) return NamedFieldOf(AItem.NameId).Attr;
+    return {FText.data() + AItem.AttrAt, AItem.AttrSize};
+  }
   std::string_view Value(const TItem& AItem) const { return {FText.data() + AItem.ValueAt, AItem.ValueSize}; }
   void Swap(TNamedValues& AOther) {
     FText.swap(AOther.FText);
@@ -81,12 +106,6 @@ private:
   std::string FText;
   std::vector<TItem> FItems;
 };
-
-// A number for a kind, name and attribute, the same for the same three in the whole
-// process (so a reader of pairs can keep what it made of a name by number, and compare
-// nothing). Numbers are small and dense; past a bound (1 << 20 names) kNoNameId.
-// Thread-safe.
-uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr);
 
 namespace detail {
 

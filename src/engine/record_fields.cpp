@@ -795,10 +795,19 @@ size_t FindOnce(std::string_view AText, std::string_view ANeedle) {
 
 } // namespace
 
+namespace {
+
+// The names InternNamedField numbered: a table of chunks of 1024, each made once and
+// never freed, read without a lock (a number is handed out only once its entry is set).
+constexpr uint32_t kNameChunk = 1024;
+constexpr uint32_t kMaxNameIds = 1u << 20;
+std::atomic<std::atomic<const TNamedFieldName*>*> GNameChunks[kMaxNameIds / kNameChunk];
+
+} // namespace
+
 uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr) {
   static std::mutex mutex;
   static std::unordered_map<std::string, uint32_t> ids;
-  constexpr size_t kMaxIds = 1u << 20;
   std::string key(1, static_cast<char>(AKind));
   const uint32_t nameSize = static_cast<uint32_t>(AName.size());
   key.append(reinterpret_cast<const char*>(&nameSize), sizeof nameSize);
@@ -806,10 +815,22 @@ uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::st
   key.append(AAttr);
   const std::lock_guard<std::mutex> lock(mutex);
   if (const auto found = ids.find(key); found != ids.end()) return found->second;
-  if (ids.size() >= kMaxIds) return TNamedValues::kNoNameId;
+  if (ids.size() >= kMaxNameIds) return TNamedValues::kNoNameId;
   const uint32_t id = static_cast<uint32_t>(ids.size());
+  std::atomic<const TNamedFieldName*>* chunk = GNameChunks[id / kNameChunk].load(std::memory_order_relaxed);
+  if (!chunk) {
+    chunk = new std::atomic<const TNamedFieldName*>[kNameChunk]();
+    GNameChunks[id / kNameChunk].store(chunk, std::memory_order_release);
+  }
+  chunk[id % kNameChunk].store(new TNamedFieldName{AKind, std::string(AName), std::string(AAttr)},
+                               std::memory_order_release);
   ids.emplace(std::move(key), id);
   return id;
+}
+
+const TNamedFieldName& NamedFieldOf(uint32_t AId) {
+  return *GNameChunks[AId / kNameChunk].load(std::memory_order_acquire)[AId % kNameChunk].load(
+      std::memory_order_acquire);
 }
 
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields) {

@@ -159,8 +159,8 @@ void TEventFields::Load(const TNamedValues& AValues) {
   }
   for (size_t i = 0; i < AValues.Count(); ++i) {
     const TNamedValues::TItem& item = AValues.Item(i);
-    const std::string_view name = AValues.Name(item);
     if (item.NameId == TNamedValues::kNoNameId) {
+      const std::string_view name = AValues.Name(item);
       AddText(item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name, AValues.Value(item));
       continue;
     }
@@ -168,12 +168,13 @@ void TEventFields::Load(const TNamedValues& AValues) {
     if (item.NameId >= FKnown.size()) FKnown.resize(item.NameId + 1);
     TKnownName& known = FKnown[item.NameId];
     if (!known.Set) {
+      const std::string_view name = AValues.Name(item); // the number's: lasting
       // Made as AddText and SystemAttrName make it (the same answer every time after).
-      known.AttrName = item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : std::string_view();
-      known.FieldId = FNames.Find(item.Kind == nfSystemAttr ? known.AttrName : name);
+      known.Name = item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name;
+      known.FieldId = FNames.Find(known.Name);
       known.Set = true;
     }
-    AddKnown(item.Kind == nfSystemAttr ? known.AttrName : name, AValues.Value(item), known.FieldId);
+    AddKnown(known.Name, AValues.Value(item), known.FieldId);
   }
 }
 

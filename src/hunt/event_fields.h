@@ -143,7 +143,7 @@ private:
   struct TKnownName {
     bool Set = false;
     uint32_t FieldId = TFieldNames::kNone;
-    std::string_view AttrName;
+    std::string_view Name; // the number's name, or System attribute name (both lasting)
   };
   std::vector<TKnownName> FKnown;
   uint32_t FKnownNames = 0; // FNames.Count() when FKnown was made (a name added: made again)
