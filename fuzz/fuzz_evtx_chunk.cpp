@@ -6,7 +6,10 @@
 //
 // The same bytes are then read by the field reader (engine/record_fields), which must
 // give exactly the events, fields and issues that cutting the chunk's XML into events
-// and reading each one's XML gives; any difference stops the run.
+// and reading each one's XML gives; any difference stops the run. So must the hunt's
+// reader (ReadChunkNamedFields): each event's system fields and (name, value) pairs must
+// be those that reading its XML with ForEachNamedField gives (hunt/event_fields.h loads
+// both alike from there on).
 //
 // Seeds: chunks cut from a file written by `quorvex demo` (see build.sh fuzz).
 #include <algorithm>
@@ -22,6 +25,7 @@
 #include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
+#include "engine/named_fields.h"
 #include "engine/record_fields.h"
 #include "render_chunk.h"
 
@@ -92,6 +96,83 @@ void CheckFieldReader(const std::vector<uint8_t>& ABytes) {
   if (!same || got != expected) std::abort(); // the field reader differs from reading the XML
 }
 
+// The system fields and (name, value) pairs of one event's XML, as one text.
+std::string DescribeNamedXml(std::string_view AEvent) {
+  qvx::TEventXmlFields fields;
+  qvx::ReadSystemFields(AEvent, fields);
+  std::string s = Describe(fields);
+  qvx::ForEachNamedField(AEvent, [&](qvx::TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr,
+                                     std::string_view ARaw) {
+    s.push_back(static_cast<char>('0' + AKind));
+    s.append(AName).push_back('\x1F');
+    s.append(AAttr).push_back('\x1F');
+    qvx::AppendXmlUnescaped(s, ARaw);
+    s.push_back('\x1E');
+  });
+  return s;
+}
+
+std::vector<std::string> NamedEventsOfXml(std::string AXml) {
+  std::vector<std::string> events;
+  for (;;) {
+    const size_t close = AXml.rfind("</Event>");
+    const size_t open = AXml.rfind("<Event xmlns");
+    if (open == std::string::npos || close == std::string::npos || close < open) break;
+    events.push_back(DescribeNamedXml(std::string_view(AXml).substr(open, close + 8 - open)));
+    AXml.resize(open);
+    if (AXml.rfind("</Event>") == std::string::npos) break;
+  }
+  return events;
+}
+
+void CheckNamedReader(const std::vector<uint8_t>& ABytes) {
+  qvx::TChunkJob job;
+  qvx::TChunkResult xml, direct;
+  job.Bytes = ABytes;
+  qvx::TChunkReader::RenderChunk(job, xml);
+  job.Bytes = ABytes;
+  job.ReadRecords = &qvx::ReadChunkNamedFields;
+  qvx::TChunkReader::RenderChunk(job, direct);
+
+  bool same = xml.Records == direct.Records && xml.Issues.size() == direct.Issues.size();
+  for (size_t i = 0; same && i < xml.Issues.size(); ++i)
+    same = xml.Issues[i].Offset == direct.Issues[i].Offset && xml.Issues[i].Message == direct.Issues[i].Message;
+  const std::vector<std::string> expected = NamedEventsOfXml(xml.Xml);
+  std::vector<std::string> got;
+  if (direct.FieldsRead) {
+    qvx::TNamedValues named;
+    for (size_t i = direct.RecordFields.size(); i-- > 0;) {
+      const qvx::TChunkResult::TRecordSpan& span = direct.RecordFields[i];
+      const std::string* f = direct.Fields.data() + span.First;
+      if (span.Plan == 0xFFFFFFFF) {
+        // Read from its XML: the XML follows the binary data.
+        if (span.Count != qvx::rfValues + 1) std::abort();
+        got.push_back(DescribeNamedXml(f[qvx::rfValues]));
+        continue;
+      }
+      qvx::TEventXmlFields fields;
+      std::string* to[] = {&fields.ProviderName, &fields.EventID, &fields.EventIDQual, &fields.Version,
+                           &fields.Level, &fields.Task, &fields.OpCode, &fields.Keywords, &fields.TimeCreated,
+                           &fields.EventRecordID, &fields.Channel, &fields.Computer, &fields.UserID};
+      for (size_t k = 0; k < qvx::rfBinaryData; ++k) *to[k] = f[k];
+      std::string s = Describe(fields);
+      qvx::TakeRecordNamedValues(direct, span, named);
+      for (size_t k = 0; k < named.Count(); ++k) {
+        const qvx::TNamedValues::TItem& item = named.Item(k);
+        s.push_back(static_cast<char>('0' + item.Kind));
+        s.append(named.Name(item)).push_back('\x1F');
+        s.append(named.Attr(item)).push_back('\x1F');
+        s.append(named.Value(item)).push_back('\x1E');
+      }
+      got.push_back(std::move(s));
+    }
+  } else {
+    same = same && direct.Xml == xml.Xml;
+    got = NamedEventsOfXml(direct.Xml);
+  }
+  if (!same || got != expected) std::abort(); // the hunt's reader differs from reading the XML
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
@@ -102,5 +183,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* AData, size_t ASize) {
 
   FuzzRenderChunk(bytes.data());
   CheckFieldReader(bytes);
+  CheckNamedReader(bytes);
   return 0;
 }

@@ -100,6 +100,8 @@ void MatchedShort(const TDetection& ADetection, std::string& AOut) {
 // An event read ahead of the hunters, with what a detection line says about it.
 struct TPendingEvent {
   std::string Xml, Channel, Computer;
+  TNamedValues Named; // the event's (name, value) pairs when it came without its XML
+  bool HasNamed = false;
   uint64_t Record = 0;
   uint32_t EventId = 0;
   double Time = 0; // as shown
@@ -195,7 +197,9 @@ private:
         batch->Found.clear();
         for (size_t i = 0; i < batch->Count; ++i) {
           const TPendingEvent& event = batch->Events[i];
-          for (const TDetection& detection : AHunter.Test(event.Channel, event.EventId, event.Xml)) {
+          const auto detections = event.HasNamed ? AHunter.Test(event.Channel, event.EventId, event.Named)
+                                                 : AHunter.Test(event.Channel, event.EventId, event.Xml);
+          for (const TDetection& detection : detections) {
             TFoundDetection& found = batch->Found.emplace_back();
             found.Event = i;
             found.Rule = detection.Rule;
@@ -362,7 +366,7 @@ private:
   }
 
   // Hands the event to the hunter threads (taking its XML).
-  void Queue(TEventItemX& AItem, const std::string& APath) {
+  void Queue(TEventItemX& AItem, const std::string& APath, TNamedValues* ANamed) {
     THuntBatch* batch = FPool->Filling();
     if (batch && batch->Count && batch->File != &APath) {
       FPool->Submit();
@@ -376,6 +380,8 @@ private:
     if (batch->Events.size() <= batch->Count) batch->Events.emplace_back();
     TPendingEvent& event = batch->Events[batch->Count++];
     event.Xml.swap(AItem.FEvtXML); // the readers write each event's XML afresh: the old room is reused
+    event.HasNamed = ANamed != nullptr;
+    if (ANamed) ANamed->Swap(event.Named); // the same for the pairs
     event.Channel.assign(AItem.FChannel);
     event.Computer.assign(AItem.FComputername);
     event.Record = AItem.FEventRecordID;
@@ -389,7 +395,7 @@ private:
   void ReadSource(TEventLogBinXML& ASource, const std::string& APath) {
     while (TEventItemBase* item = ASource.EventNext()) {
       if (item == TEventLogX::UndeliverableMarker()) continue;
-      Test(static_cast<TEventItemX&>(*item), APath);
+      Test(static_cast<TEventItemX&>(*item), APath, ASource.NamedValues());
     }
     ReportIssues(ASource.IssueList(), APath);
   }
@@ -398,8 +404,10 @@ private:
     bool scan = false;
     const std::unique_ptr<TEventLogBinXML> source =
         OpenEvtxLog(APath, FOptions.TimeZone, FOptions.Threads, nullptr, FErr, scan);
-    // Rules read the event's XML: its data strings and description are not made.
+    // Rules read the event's values by name: its data strings and description are not
+    // made, nor its XML when its values can be read straight from the binary XML.
     source->SetSystemFieldsOnly(true);
+    source->SetNamedValues(true);
     ReadSource(*source, APath);
   }
 
@@ -465,12 +473,13 @@ private:
                  AIssues.IssueCount(), AIssues.IssueCount() == 1 ? "" : "s");
   }
 
-  void Test(TEventItemX& AItem, const std::string& APath) {
+  void Test(TEventItemX& AItem, const std::string& APath, TNamedValues* ANamed = nullptr) {
     if (FPool) {
-      Queue(AItem, APath);
+      Queue(AItem, APath, ANamed);
       return;
     }
-    const auto detections = FHunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
+    const auto detections = ANamed ? FHunter.Test(AItem.FChannel, AItem.FEventID, *ANamed)
+                                   : FHunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
     if (detections.empty()) return;
     TEventInfo info;
     info.Record = AItem.FEventRecordID;

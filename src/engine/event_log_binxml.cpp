@@ -202,6 +202,7 @@ void TEventLogBinXML::RenderJob() {
 }
 
 TChunkRecordReader TEventLogBinXML::RecordReader() const {
+  if (FNamedValues) return &ReadChunkNamedFields;
   return FWithoutXml && !FSystemFieldsOnly ? &ReadChunkFields : nullptr;
 }
 
@@ -263,10 +264,11 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std
                                 int64_t AChunkNumber) {
   static constexpr std::string_view kOpen = "<Event xmlns";
   static constexpr std::string_view kClose = "</Event>";
+  FHaveNamed = false;
   if (FChunk.FieldsRead && !FChunk.RecordFields.empty()) {
-    TakeFieldsEvent(AFields);
     AXml.clear();
-    FEventWithoutXml = true;
+    TakeFieldsEvent(AXml, AFields);
+    FEventWithoutXml = AXml.empty();
     return;
   }
   const size_t close = FindLast(FChunkXML, kClose, FChunkXML.size());
@@ -293,7 +295,7 @@ void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std
   ++FChunkIndex;
 }
 
-void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
+void TEventLogBinXML::TakeFieldsEvent(std::string& AXml, TEventXmlFields& AFields) {
   // Events come out newest first: the chunk's last record first.
   const size_t count = FChunk.RecordFields.size();
   const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
@@ -322,6 +324,19 @@ void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
   AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
   const std::string& binary = fields[rfBinaryData];
   AFields.BinaryData.assign(binary.begin(), binary.end());
+  if (FNamedValues) {
+    // As FillFields with SystemFieldsOnly: no data strings, binary data or description.
+    AFields.Strings.clear();
+    AFields.BinaryData.clear();
+    if (span.Plan != 0xFFFFFFFF) {
+      TakeRecordNamedValues(FChunk, span, FNamed);
+      FHaveNamed = true;
+    } else {
+      AXml.assign(fields[rfValues]);
+    }
+    ResolveTaskAndUser(AFields);
+    return;
+  }
   if (span.Plan != 0xFFFFFFFF) {
     TakeRecordFields(FChunk, span, AFields);
   } else {

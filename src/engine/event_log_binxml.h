@@ -13,6 +13,7 @@
 #include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/elf_chunks.h"
 #include "engine/evtx/evtx_file.h"
+#include "engine/named_fields.h"
 #include "platform/read_stream.h"
 
 #include <memory>
@@ -60,6 +61,14 @@ public:
   // For readers that do not look at the XML (listings other than XML). Set before the
   // first event is read; ignored with SetSystemFieldsOnly.
   void SetWithoutXml(bool AOn) { FWithoutXml = AOn; }
+  // For quorvex hunt, with SetSystemFieldsOnly: an event read straight from its binary
+  // XML comes without its XML, and NamedValues() holds its (name, value) pairs as
+  // engine/named_fields.h reads them from the XML; the others come with their XML. Set
+  // before the first event is read.
+  void SetNamedValues(bool AOn) { FNamedValues = AOn; }
+  // The pairs of the event handed out last, null when it came with its XML instead (the
+  // caller may take them, swapping in room of its own).
+  TNamedValues* NamedValues() { return FHaveNamed ? &FNamed : nullptr; }
   // Events read so far whose fields had to be read from their rendered XML.
   uint64_t EventsReadFromXml() const { return FEventsReadFromXml; }
 
@@ -96,12 +105,15 @@ protected:
   unsigned FReadAheadThreads = 0;
   bool FSystemFieldsOnly = false;
   bool FWithoutXml = false;
+  bool FNamedValues = false;
+  bool FHaveNamed = false;
+  TNamedValues FNamed;
   uint64_t FEventsReadFromXml = 0;
   std::unique_ptr<TReadAhead> FReadAhead;
   // The reader that the chunk jobs use: null (render XML) or the field reader.
   TChunkRecordReader RecordReader() const;
   // Takes the last event of a chunk read by the field reader.
-  void TakeFieldsEvent(TEventXmlFields& AFields);
+  void TakeFieldsEvent(std::string& AXml, TEventXmlFields& AFields);
   // What FillFields does after the fields of the XML are read.
   void CompleteFields(TEventXmlFields& AFields);
 };

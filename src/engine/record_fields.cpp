@@ -1,6 +1,7 @@
 #include "engine/record_fields.h"
 
 #include "engine/event_xml.h"
+#include "engine/named_fields.h"
 #include "engine/evtx/binxml_exception.h"
 #include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_chunk.h"
@@ -8,6 +9,7 @@
 #include "engine/evtx/variant_types.h"
 #include "platform/utf16.h"
 
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -55,8 +57,30 @@ struct TRef {
   uint32_t Op;
 };
 
+// Where one (name, value) pair of the hunt's reading comes from, laid out flat (a record
+// walks every source of its plan): its name, attribute and pieces in the plan's
+// NamedText and NamedPieces. Fixed pieces hold their text decoded, as the reader of the
+// XML would give it.
+struct TNamedPiece {
+  uint32_t Ref = kFixed;
+  uint32_t TextAt = 0, TextSize = 0;
+};
+struct TNamedSource {
+  TNamedFieldKind Kind = nfText;
+  bool Expand = false;            // as TSource::Expand
+  bool OptionalAttribute = false; // as TSource::OptionalAttribute
+  int8_t SystemField = -1;        // the system field made of the same one value (its text is taken)
+  uint32_t NameId = TNamedValues::kNoNameId;
+  uint32_t NameAt = 0, NameSize = 0, AttrAt = 0, AttrSize = 0;
+  uint32_t FirstPiece = 0, PieceCount = 0;
+};
+
 struct TPlan {
   bool Ok = false;
+  bool NamedOk = false; // Named says what ForEachNamedField would read from the XML
+  std::vector<TNamedSource> Named;
+  std::vector<TNamedPiece> NamedPieces;
+  std::string NamedText;
   TSource System[rfBinaryData];
   TSource Binary; // pieces of the undecoded <Binary> text
   std::vector<TSource> Values;
@@ -181,6 +205,66 @@ struct TMarker {
   }
 };
 
+// The (name, value) pairs of the marked event text AEvent as ForEachNamedField reads
+// them, into APlan.Named; false when a name holds a substitution or a value would not
+// come out the same.
+bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEvent, TPlan& APlan) {
+  const size_t refs = APlan.Refs.size();
+  auto marked = [](std::string_view AText) { return AText.find("\xEE\x80") != std::string_view::npos; };
+  bool ok = true;
+  TSource split;
+  ForEachNamedField(AEvent, [&](TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr,
+                                std::string_view ARaw) {
+    if (!ok) return;
+    if (marked(AName) || marked(AAttr) || !Split(ARaw, refs, split)) {
+      ok = false;
+      return;
+    }
+    std::string& text = APlan.NamedText;
+    TNamedSource& source = APlan.Named.emplace_back();
+    source.Kind = AKind;
+    source.NameAt = static_cast<uint32_t>(text.size());
+    source.NameSize = static_cast<uint32_t>(AName.size());
+    text.append(AName);
+    source.AttrAt = static_cast<uint32_t>(text.size());
+    source.AttrSize = static_cast<uint32_t>(AAttr.size());
+    text.append(AAttr);
+    source.NameId = InternNamedField(AKind, AName, AAttr);
+    source.FirstPiece = static_cast<uint32_t>(APlan.NamedPieces.size());
+    source.PieceCount = static_cast<uint32_t>(split.Pieces.size());
+    for (const TPiece& piece : split.Pieces) {
+      TNamedPiece& flat = APlan.NamedPieces.emplace_back();
+      flat.Ref = piece.Ref;
+      if (piece.Ref == kFixed) {
+        // No entity runs into a substitution (CompilePlan checked): decoded piece by piece.
+        flat.TextAt = static_cast<uint32_t>(text.size());
+        AppendXmlUnescaped(text, piece.Text);
+        flat.TextSize = static_cast<uint32_t>(text.size() - flat.TextAt);
+      } else if (APlan.ExpandRefs[piece.Ref]) {
+        if (split.Pieces.size() != 1 || AKind != nfText) ok = false;
+        source.Expand = true;
+      }
+    }
+    const bool oneValue = split.Pieces.size() == 1 && split.Pieces[0].Ref != kFixed;
+    if (AKind != nfText && oneValue) {
+      const TRef& ref = APlan.Refs[split.Pieces[0].Ref];
+      const TBXmlOp& o = AFragments[ref.Fragment].Template->Ops[ref.Op];
+      source.OptionalAttribute = o.Optional && o.Attribute;
+    }
+    if (oneValue && !source.Expand && !source.OptionalAttribute)
+      for (uint32_t f = 0; f < rfBinaryData && source.SystemField < 0; ++f) {
+        const std::vector<TPiece>& pieces = APlan.System[f].Pieces;
+        if (pieces.size() == 1 && pieces[0].Ref == split.Pieces[0].Ref) source.SystemField = static_cast<int8_t>(f);
+      }
+  });
+  if (!ok) {
+    APlan.Named.clear();
+    APlan.NamedPieces.clear();
+    APlan.NamedText.clear();
+  }
+  return ok;
+}
+
 // Reads the record's fragments, marked, into a plan; APlan.Ok stays false when records
 // of this shape must be rendered instead.
 void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
@@ -269,6 +353,7 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
     if (o.Element && !APlan.ExpandRefs[ref]) APlan.RepeatRefs.push_back(ref);
   }
   APlan.Ok = true;
+  APlan.NamedOk = CompileNamed(AFragments, event, APlan);
 }
 
 // The plans of a reading thread, kept from chunk to chunk: a log's chunks repeat the
@@ -350,6 +435,7 @@ struct TReaderState {
   std::string& Value = Room.Value;
   std::unordered_map<const TPlan*, uint32_t>& PlanIndex = Room.PlanIndex;
   uint32_t LastPlan = 0;
+  bool Named = false; // the hunt's reading: (name, value) pairs, the XML of the others
 
   std::string& Slot() {
     if (Used < Result.Fields.size()) {
@@ -509,6 +595,64 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
   values.resize(count);
 }
 
+// Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
+// system fields, rfProviderName .. rfUserID, made from the same values).
+void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, TNamedValues& AOut) {
+  AOut.Clear();
+  const char* const text = APlan.NamedText.data();
+  for (const TNamedSource& source : APlan.Named) {
+    const std::string_view name(text + source.NameAt, source.NameSize);
+    const std::string_view attr(text + source.AttrAt, source.AttrSize);
+    const TNamedPiece* const pieces = APlan.NamedPieces.data() + source.FirstPiece;
+    if (source.SystemField >= 0) {
+      // The same value's text, made already (AppendSource of the one value).
+      AOut.Begin(source.Kind, name, attr, source.NameId);
+      AOut.Text().append(ASystem[source.SystemField]);
+      AOut.End();
+      continue;
+    }
+    if (source.Expand) {
+      const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
+      if (IsArrayCode(v.Type)) {
+        // Each item is a <Data> of its own; no item at all leaves one empty element.
+        std::string& items = AValues.Scratch;
+        items.clear();
+        AppendVariantArrayItems(items, v.Type, AValues.Data + v.Offset, v.Size, "<");
+        ReplaceControlCharacters(items);
+        size_t pos = 0;
+        for (;;) {
+          const size_t end = items.find('<', pos);
+          const std::string_view item =
+              std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+          AOut.Begin(source.Kind, name, attr, source.NameId);
+          AppendXmlUnescaped(AOut.Text(), item);
+          AOut.End();
+          if (end == std::string::npos) break;
+          pos = end + 1;
+        }
+        continue;
+      }
+    }
+    if (source.OptionalAttribute) {
+      // An empty optional value leaves its attribute out.
+      std::string& value = AValues.Scratch;
+      RenderValue(AValues, AValues.Value(pieces[0].Ref), value);
+      if (value.empty()) continue;
+      AOut.Begin(source.Kind, name, attr, source.NameId);
+      AppendXmlUnescaped(AOut.Text(), value);
+      AOut.End();
+      continue;
+    }
+    AOut.Begin(source.Kind, name, attr, source.NameId);
+    for (uint32_t p = 0; p < source.PieceCount; ++p) {
+      const TNamedPiece& piece = pieces[p];
+      if (piece.Ref == kFixed) AOut.Text().append(text + piece.TextAt, piece.TextSize);
+      else AppendValue(AValues, AValues.Value(piece.Ref), AOut.Text());
+    }
+    AOut.End();
+  }
+}
+
 // The template instance a root renders: its last child, after fragment headers only.
 // Null when the root renders anything else, or has no values to fill it.
 TBXmlTemplateNode* SoleInstance(TEvtxChunk& AChunk, const TBXmlRootNode* ARoot) {
@@ -582,7 +726,8 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     if (found == GPlanCache.Plans.end()) {
       auto compiled = std::make_shared<TPlan>();
       CompilePlan(R.Fragments, *compiled);
-      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size();
+      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size() + sizeof(TNamedSource) * compiled->Named.size() +
+                          sizeof(TNamedPiece) * compiled->NamedPieces.size() + compiled->NamedText.size();
       found = GPlanCache.Plans.emplace(R.Key, std::move(compiled)).first;
     }
     R.Room.LastPlan = &found->second; // stays valid while the cache keeps it (until Trim)
@@ -590,7 +735,7 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   }
   const std::shared_ptr<const TPlan>& shared = *R.Room.LastPlan;
   const TPlan& plan = *shared;
-  if (!plan.Ok) return false;
+  if (!plan.Ok || (R.Named && !plan.NamedOk)) return false;
   // An array that would repeat an element other than a <Data> of its own.
   for (const uint32_t ref : plan.RepeatRefs)
     if (IsArrayCode(R.ValueOf(plan, ref).Type)) return false;
@@ -633,7 +778,9 @@ void ReadFromXml(TReaderState& R, std::string_view AEvent) {
                          &system.Channel, &system.Computer, &system.UserID})
     R.Slot().swap(*s);
   R.Slot().assign(binary.begin(), binary.end());
-  for (std::string& value : values) R.Slot().swap(value);
+  if (R.Named) R.Slot().assign(AEvent); // the hunt reads the XML itself
+  else
+    for (std::string& value : values) R.Slot().swap(value);
   R.Result.RecordFields.push_back({first, R.Used - first});
   ++R.Result.RecordsFromXml;
 }
@@ -648,6 +795,44 @@ size_t FindOnce(std::string_view AText, std::string_view ANeedle) {
 
 } // namespace
 
+namespace {
+
+// The names InternNamedField numbered: a table of chunks of 1024, each made once and
+// never freed, read without a lock (a number is handed out only once its entry is set).
+constexpr uint32_t kNameChunk = 1024;
+constexpr uint32_t kMaxNameIds = 1u << 20;
+std::atomic<std::atomic<const TNamedFieldName*>*> GNameChunks[kMaxNameIds / kNameChunk];
+
+} // namespace
+
+uint32_t InternNamedField(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr) {
+  static std::mutex mutex;
+  static std::unordered_map<std::string, uint32_t> ids;
+  std::string key(1, static_cast<char>(AKind));
+  const uint32_t nameSize = static_cast<uint32_t>(AName.size());
+  key.append(reinterpret_cast<const char*>(&nameSize), sizeof nameSize);
+  key.append(AName);
+  key.append(AAttr);
+  const std::lock_guard<std::mutex> lock(mutex);
+  if (const auto found = ids.find(key); found != ids.end()) return found->second;
+  if (ids.size() >= kMaxNameIds) return TNamedValues::kNoNameId;
+  const uint32_t id = static_cast<uint32_t>(ids.size());
+  std::atomic<const TNamedFieldName*>* chunk = GNameChunks[id / kNameChunk].load(std::memory_order_relaxed);
+  if (!chunk) {
+    chunk = new std::atomic<const TNamedFieldName*>[kNameChunk]();
+    GNameChunks[id / kNameChunk].store(chunk, std::memory_order_release);
+  }
+  chunk[id % kNameChunk].store(new TNamedFieldName{AKind, std::string(AName), std::string(AAttr)},
+                               std::memory_order_release);
+  ids.emplace(std::move(key), id);
+  return id;
+}
+
+const TNamedFieldName& NamedFieldOf(uint32_t AId) {
+  return *GNameChunks[AId / kNameChunk].load(std::memory_order_acquire)[AId % kNameChunk].load(
+      std::memory_order_acquire);
+}
+
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields) {
   static thread_local std::string scratch;
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
@@ -655,7 +840,16 @@ void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSp
   MakeDataValues(plan, values, AFields);
 }
 
-void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
+void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut) {
+  static thread_local std::string scratch;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  MakeNamedValues(plan, values, AResult.Fields.data() + ASpan.First, AOut);
+}
+
+namespace {
+
+void ReadChunk(TEvtxChunk& AChunk, TChunkResult& AResult, bool ANamed) {
   AResult.Xml.clear();
   AResult.Issues.clear();
   AResult.RecordFields.clear();
@@ -671,6 +865,7 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   AResult.Values.clear();
   AResult.Plans.clear();
   TReaderState R{AChunk, AResult, room, 0};
+  R.Named = ANamed;
   std::string& xml = room.Xml;
   std::vector<uint8_t>& failed = room.Failed; // per record: its render raised
   bool whole = false;          // the chunk must be rendered whole
@@ -719,5 +914,11 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) {
   }
   ReplaceControlCharacters(AResult.Xml);
 }
+
+} // namespace
+
+void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult) { ReadChunk(AChunk, AResult, false); }
+
+void ReadChunkNamedFields(TEvtxChunk& AChunk, TChunkResult& AResult) { ReadChunk(AChunk, AResult, true); }
 
 } // namespace qvx

@@ -18,6 +18,7 @@
 
 #include "engine/event_xml.h"
 #include "engine/evtx/chunk_reader.h"
+#include "engine/named_fields.h"
 
 #include <cstdint>
 
@@ -57,5 +58,16 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult);
 // binary data are in AResult.Fields as for any event). The taker does it, so that the
 // text is made on its thread.
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields);
+
+// The hunt's reader: as ReadChunkFields, but what the taker makes of an event read from
+// its plan are its (name, value) pairs (TakeRecordNamedValues: exactly what
+// ForEachNamedField reads from its rendered XML, entities decoded), and an event read
+// from its XML keeps that XML in the field after its binary data (rfValues) instead of
+// its data values. Records whose names the plan cannot follow are read from their XML.
+void ReadChunkNamedFields(TEvtxChunk& AChunk, TChunkResult& AResult);
+
+// Makes the (name, value) pairs of an event that ReadChunkNamedFields read from its plan
+// (ASpan.Plan set) into AOut.
+void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut);
 
 } // namespace qvx

@@ -1,6 +1,7 @@
 #include "hunt/event_fields.h"
 
 #include "engine/event_xml.h"
+#include "hunt/sigma_rule.h"
 
 #include <array>
 #include <cstring>
@@ -60,28 +61,23 @@ uint32_t TFieldNames::Find(std::string_view AName) const {
 
 namespace {
 
-enum TSection { scOther, scSystem, scEventData, scUserData };
-
-// Characters that end a tag or attribute name.
-constexpr std::array<bool, 256> kNameEnd = [] {
-  std::array<bool, 256> table{};
-  for (const char c : {' ', '\t', '\r', '\n', '/', '>', '='}) table[static_cast<uint8_t>(c)] = true;
-  return table;
-}();
-
-bool IsNameChar(char AChar) {
-  return !kNameEnd[static_cast<uint8_t>(AChar)];
+// Whether two texts of the same size ASize are equal: names are short, and compared for
+// nearly every value, so without a call.
+inline bool SameBytes(const char* A, const char* B, size_t ASize) {
+  size_t i = 0;
+  for (; i + 8 <= ASize; i += 8) {
+    uint64_t a, b;
+    std::memcpy(&a, A + i, 8);
+    std::memcpy(&b, B + i, 8);
+    if (a != b) return false;
+  }
+  for (; i < ASize; ++i)
+    if (A[i] != B[i]) return false;
+  return true;
 }
 
-bool IsBlank(char AChar) {
-  return AChar == ' ' || AChar == '\t' || AChar == '\r' || AChar == '\n';
-}
-
-// The local part of a qualified name ("ns:Name" -> "Name").
-std::string_view LocalName(std::string_view AName) {
-  for (size_t i = 0; i < AName.size(); ++i)
-    if (AName[i] == ':') return AName.substr(i + 1);
-  return AName;
+inline bool Same(const std::string& A, std::string_view B) {
+  return A.size() == B.size() && SameBytes(A.data(), B.data(), B.size());
 }
 
 } // namespace
@@ -98,23 +94,27 @@ void TEventFields::Link(uint32_t AId, int AIndex) {
 }
 
 void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
+  if (std::memchr(ARaw.data(), '&', ARaw.size()) == nullptr) {
+    AddText(AName, ARaw);
+    return;
+  }
+  // FDecoded has room for the whole event (decoding only shortens), so views into it
+  // stay valid while the event is read.
+  const size_t start = FDecoded.size();
+  AppendXmlUnescaped(FDecoded, ARaw);
+  AddText(AName, std::string_view(FDecoded.data() + start, FDecoded.size() - start));
+}
+
+void TEventFields::AddText(std::string_view AName, std::string_view AText) {
   TValue& value = FValues.emplace_back();
   value.Name = AName;
-  if (std::memchr(ARaw.data(), '&', ARaw.size()) == nullptr) {
-    value.Text = ARaw;
-  } else {
-    // FDecoded has room for the whole event (decoding only shortens), so views into it
-    // stay valid while the event is read.
-    const size_t start = FDecoded.size();
-    AppendXmlUnescaped(FDecoded, ARaw);
-    value.Text = std::string_view(FDecoded.data() + start, FDecoded.size() - start);
-  }
+  value.Text = AText;
   // Events of one kind name their values in the same order: the name at this place in
   // the last event is tried before the table.
   const size_t at = FValues.size() - 1;
   if (at >= FNameCache.size()) FNameCache.resize(at + 1);
   auto& [cachedName, cachedId] = FNameCache[at];
-  if (cachedName.size() != AName.size() || std::memcmp(cachedName.data(), AName.data(), AName.size()) != 0) {
+  if (!Same(cachedName, AName)) {
     cachedName.assign(AName);
     cachedId = FNames.Find(AName);
   }
@@ -122,13 +122,13 @@ void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
   Link(value.FieldId, static_cast<int>(FValues.size() - 1));
 }
 
-void TEventFields::Load(std::string_view AXml) {
+void TEventFields::Begin(size_t ASize) {
   FValues.clear();
   FDecoded.clear();
   FFolded.clear();
   FGrams.clear();
-  if (FDecoded.capacity() < AXml.size()) FDecoded.reserve(AXml.size());
-  if (FFolded.capacity() < AXml.size()) FFolded.reserve(AXml.size());
+  if (FDecoded.capacity() < ASize) FDecoded.reserve(ASize);
+  if (FFolded.capacity() < ASize) FFolded.reserve(ASize);
   if (FStamp.size() < FNames.Count()) {
     FStamp.resize(FNames.Count(), 0);
     FFirst.resize(FNames.Count(), kNoValue);
@@ -136,151 +136,58 @@ void TEventFields::Load(std::string_view AXml) {
   }
   if (++FGeneration == 0) {
     std::fill(FStamp.begin(), FStamp.end(), 0);
+    FAddresses.clear();
     FGeneration = 1;
-  }
-
-  // Entries below depth are always set before they are read (not cleared per event).
-  struct TOpen {
-    std::string_view Name;      // the field name the element's text goes to ("" for none)
-    size_t TextStart;
-    bool HasChild;
-  };
-  TOpen stack[kMaxDepth];
-  int depth = 0;
-  TSection section = scOther;
-  const char* const text = AXml.data();
-  const size_t size = AXml.size();
-  size_t pos = 0;
-  while (pos < size) {
-    // Rendered events put one tag right after another, at most a line break apart: the
-    // next '<' is most often here. (A leaf's text runs from its start tag to its end tag,
-    // so blanks stepped over here are not lost.)
-    while (pos < size && IsBlank(text[pos])) ++pos;
-    if (pos >= size) break;
-    size_t at = pos;
-    if (text[pos] != '<') {
-      const void* found = std::memchr(text + pos, '<', size - pos);
-      if (!found) break;
-      at = static_cast<const char*>(found) - text;
-    }
-    if (at + 1 >= size) break;
-    const char kind = text[at + 1];
-    if (kind == '?' || kind == '!') {
-      const void* close = std::memchr(text + at, '>', size - at);
-      if (!close) break;
-      pos = static_cast<const char*>(close) - text + 1;
-      continue;
-    }
-    if (kind == '/') {
-      // End tag: the text of a leaf element becomes its field's value.
-      const void* close = std::memchr(text + at, '>', size - at);
-      if (!close) break;
-      if (depth > 0) {
-        --depth;
-        if (depth < kMaxDepth) {
-          const TOpen& open = stack[depth];
-          if (!open.HasChild && !open.Name.empty())
-            Add(open.Name, AXml.substr(open.TextStart, at - open.TextStart));
-        }
-        if (depth <= 1) section = scOther;
-      }
-      pos = static_cast<const char*>(close) - text + 1;
-      continue;
-    }
-    // Start tag. The commonest by far, <Data Name="N"> in EventData, is read at once
-    // (anything else about it, such as more attributes, takes the general way below).
-    static constexpr std::string_view kDataName = "<Data Name=\"";
-    if (section == scEventData && depth == 2 && size - at > kDataName.size() &&
-        std::memcmp(text + at, kDataName.data(), kDataName.size()) == 0) {
-      const size_t nameStart = at + kDataName.size();
-      const void* quote = std::memchr(text + nameStart, '"', size - nameStart);
-      const size_t nameEnd = quote ? static_cast<size_t>(static_cast<const char*>(quote) - text) : size;
-      if (nameEnd + 1 < size && text[nameEnd + 1] == '>') {
-        stack[depth - 1].HasChild = true;
-        stack[depth] = TOpen{AXml.substr(nameStart, nameEnd - nameStart), nameEnd + 2, false};
-        ++depth;
-        pos = nameEnd + 2;
-        continue;
-      }
-    }
-    size_t p = at + 1;
-    // The local part of the name, after the first ':' ("ns:Name" -> "Name").
-    size_t nameStart = p;
-    bool prefixed = false;
-    for (; p < size && IsNameChar(text[p]); ++p)
-      if (text[p] == ':' && !prefixed) {
-        prefixed = true;
-        nameStart = p + 1;
-      }
-    const std::string_view element = AXml.substr(nameStart, p - nameStart);
-    if (depth > 0 && depth <= kMaxDepth) stack[depth - 1].HasChild = true;
-    if (depth == 1) {
-      section = element == "System"      ? scSystem
-                : element == "EventData" ? scEventData
-                : element == "UserData"  ? scUserData
-                                         : scOther;
-    }
-    std::string_view fieldName;
-    if (depth >= 2 && section != scOther) fieldName = element;
-    if (section == scEventData && depth == 2 && element == "Data") fieldName = "Data";
-    // Attributes.
-    bool selfClosing = false;
-    for (;;) {
-      while (p < size && IsBlank(text[p])) ++p;
-      if (p >= size) break;
-      if (text[p] == '>') {
-        ++p;
-        break;
-      }
-      if (text[p] == '/') {
-        selfClosing = true;
-        ++p;
-        continue;
-      }
-      const size_t attrStart = p;
-      while (p < size && IsNameChar(text[p])) ++p;
-      const std::string_view attr = AXml.substr(attrStart, p - attrStart);
-      while (p < size && IsBlank(text[p])) ++p;
-      if (p >= size || text[p] != '=') {
-        if (p == attrStart) ++p; // a stray character: step over it
-        continue;
-      }
-      ++p;
-      while (p < size && IsBlank(text[p])) ++p;
-      if (p >= size || (text[p] != '"' && text[p] != '\'')) continue;
-      const char quote = text[p++];
-      const void* endQuote = std::memchr(text + p, quote, size - p);
-      if (!endQuote) {
-        p = size;
-        break;
-      }
-      const size_t valueEnd = static_cast<const char*>(endQuote) - text;
-      const std::string_view value = AXml.substr(p, valueEnd - p);
-      p = valueEnd + 1;
-      if (depth < 2 || section == scOther || attr.starts_with("xmlns")) continue;
-      if (section == scEventData && depth == 2 && element == "Data" && attr == "Name") {
-        fieldName = value;
-      } else if (section == scSystem && depth == 2) {
-        // Element_Attribute names live in a small buffer of their own; they are few and
-        // always the same, so they are kept once.
-        Add(SystemAttrName(element, attr), value);
-      } else if (section == scUserData) {
-        Add(LocalName(attr), value);
-      }
-    }
-    if (selfClosing) {
-      if (depth == 1) section = scOther;
-      pos = p;
-      continue;
-    }
-    if (depth < kMaxDepth) stack[depth] = TOpen{fieldName, p, false};
-    ++depth;
-    pos = p;
   }
 }
 
+void TEventFields::Load(std::string_view AXml) {
+  Begin(AXml.size());
+  ForEachNamedField(AXml, [this](TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr,
+                                 std::string_view ARaw) {
+    // Element_Attribute names live in a small buffer of their own; they are few and
+    // always the same, so they are kept once.
+    Add(AKind == nfSystemAttr ? SystemAttrName(AName, AAttr) : AName, ARaw);
+  });
+}
+
+void TEventFields::Load(const TNamedValues& AValues) {
+  Begin(AValues.Text().size());
+  if (FKnownNames != FNames.Count()) {
+    FKnown.clear();
+    FKnownNames = FNames.Count();
+  }
+  for (size_t i = 0; i < AValues.Count(); ++i) {
+    const TNamedValues::TItem& item = AValues.Item(i);
+    if (item.NameId == TNamedValues::kNoNameId) {
+      const std::string_view name = AValues.Name(item);
+      AddText(item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name, AValues.Value(item));
+      continue;
+    }
+    // A name met before by its number: nothing looked up.
+    if (item.NameId >= FKnown.size()) FKnown.resize(item.NameId + 1);
+    TKnownName& known = FKnown[item.NameId];
+    if (!known.Set) {
+      const std::string_view name = AValues.Name(item); // the number's: lasting
+      // Made as AddText and SystemAttrName make it (the same answer every time after).
+      known.Name = item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name;
+      known.FieldId = FNames.Find(known.Name);
+      known.Set = true;
+    }
+    AddKnown(known.Name, AValues.Value(item), known.FieldId);
+  }
+}
+
+void TEventFields::AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId) {
+  TValue& value = FValues.emplace_back();
+  value.Name = AName;
+  value.Text = AText;
+  value.FieldId = AFieldId;
+  Link(AFieldId, static_cast<int>(FValues.size() - 1));
+}
+
 std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::string_view AAttr) {
-  auto same = [&](const TAttrName& A) { return A.Element == AElement && A.Attr == AAttr; };
+  auto same = [&](const TAttrName& A) { return Same(A.Element, AElement) && Same(A.Attr, AAttr); };
   if (FAttrNext < FAttrNames.size() && same(FAttrNames[FAttrNext])) return FAttrNames[FAttrNext++].Name;
   for (size_t i = 0; i < FAttrNames.size(); ++i)
     if (same(FAttrNames[i])) {
@@ -320,6 +227,18 @@ const uint64_t* TEventFields::Grams(int AIndex) const {
     }
   }
   return FGrams.data() + value.GramsAt;
+}
+
+bool TEventFields::Address(int AIndex, std::array<uint8_t, 16>& AAddress) const {
+  const size_t at = static_cast<size_t>(AIndex);
+  if (at >= FAddresses.size()) FAddresses.resize(FValues.size());
+  TAddressMemo& memo = FAddresses[at];
+  if (memo.Generation != FGeneration) {
+    memo.Generation = FGeneration;
+    memo.Valid = ParseIpAddress(FValues[at].Text, memo.Bytes);
+  }
+  AAddress = memo.Bytes;
+  return memo.Valid;
 }
 
 } // namespace qvx::hunt

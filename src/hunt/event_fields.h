@@ -12,13 +12,18 @@
 //                   (but xmlns) under its name
 // A name may hold several values (unnamed <Data> elements, repeated elements).
 //
-// The reader does not build a tree: it walks the text once, points into it for values
+// The names and the walk are engine/named_fields.h's; an event can also be loaded from
+// the (name, value) pairs the engine reads straight from its binary XML, which gives the
+// same fields. The reader does not build a tree: it walks the text once, points into it for values
 // without entities and decodes the others into a buffer that keeps its room from event
 // to event, so reading an event allocates nothing once the buffers have grown. The
 // lower-case form of a value is made the first time a test asks for it. Malformed text
 // never raises: what cannot be read is left out.
 #pragma once
 
+#include "engine/named_fields.h"
+
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -70,7 +75,7 @@ private:
 class TEventFields {
 public:
   static constexpr int kNoValue = -1;
-  static constexpr int kMaxDepth = 32;
+  static constexpr int kMaxDepth = kNamedMaxDepth;
 
   struct TValue {
     std::string_view Name;
@@ -86,6 +91,9 @@ public:
 
   // Reads the fields of one event's XML. AXml must stay unchanged while the fields are used.
   void Load(std::string_view AXml);
+  // Reads the fields of one event from its (name, value) pairs, as Load would from its
+  // XML. AValues must stay unchanged while the fields are used.
+  void Load(const TNamedValues& AValues);
 
   // The first value of field AId, kNoValue when the event has none; values chain
   // through TValue::Next.
@@ -100,9 +108,16 @@ public:
   // in it (4096 bits). A text that has a 4-gram whose bit is clear cannot be in it.
   const uint64_t* Grams(int AIndex) const;
   static constexpr size_t kGramWords = 64;
+  // The value as an IPv4 or IPv6 address (ParseIpAddress of sigma_rule.h), parsed the
+  // first time a test asks: a rule's list of networks asks once per network. False when
+  // it is not one.
+  bool Address(int AIndex, std::array<uint8_t, 16>& AAddress) const;
 
 private:
-  void Add(std::string_view AName, std::string_view ARaw);
+  void Begin(size_t ASize);
+  void Add(std::string_view AName, std::string_view ARaw); // raw: entities decoded here
+  void AddText(std::string_view AName, std::string_view AText);
+  void AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId);
   void Link(uint32_t AId, int AIndex);
   // The lasting copy of the System name AElement_AAttr.
   std::string_view SystemAttrName(std::string_view AElement, std::string_view AAttr);
@@ -116,7 +131,22 @@ private:
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
+  struct TAddressMemo {
+    uint32_t Generation = 0; // the event it was parsed for
+    bool Valid = false;
+    std::array<uint8_t, 16> Bytes{};
+  };
+  mutable std::vector<TAddressMemo> FAddresses; // per value
   std::vector<std::pair<std::string, uint32_t>> FNameCache; // per value place: last name and its number
+  // Per name number of the pairs (TNamedValues::TItem::NameId): its field number and, for
+  // a System attribute, its lasting name (Set: made).
+  struct TKnownName {
+    bool Set = false;
+    uint32_t FieldId = TFieldNames::kNone;
+    std::string_view Name; // the number's name, or System attribute name (both lasting)
+  };
+  std::vector<TKnownName> FKnown;
+  uint32_t FKnownNames = 0; // FNames.Count() when FKnown was made (a name added: made again)
   struct TAttrName {
     std::string Element, Attr, Name;
   };

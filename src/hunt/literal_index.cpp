@@ -1,6 +1,7 @@
 #include "hunt/literal_index.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <optional>
 
@@ -175,6 +176,8 @@ uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText, std::v
 }
 
 TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) {
+  static std::atomic<uint64_t> serials{0};
+  FSerial = ++serials;
   // The literal of every value test, per binding (the binding says which event field a
   // rule's field reads).
   size_t tests = 0;
@@ -364,6 +367,9 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   else
     AAutomaton.Dense32 = std::move(rows);
 
+  AAutomaton.MinLength = 0xFFFFFFFF;
+  for (const uint32_t literal : ALiterals) AAutomaton.MinLength = std::min(AAutomaton.MinLength, FLengths[literal]);
+  if (ALiterals.empty()) AAutomaton.MinLength = 1;
   const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
                      std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
   if (heads) {
@@ -390,7 +396,92 @@ const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const
 }
 
 void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
-  const TAutomaton& automaton = Built(AAutomaton);
+  ScanText(Built(AAutomaton), AText, AHits);
+}
+
+void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits,
+                               TScanMemo* AMemo) const {
+  const TAutomaton& automaton = Built(AScan.Automaton);
+  const size_t shortest = automaton.MinLength;
+  if (AScan.Field == kKeywordField) {
+    for (int v = 0, count = AFields.ValueCount(); v < count; ++v) {
+      const std::string_view text = AFields.Value(v).Text;
+      if (text.size() >= shortest) ScanText(automaton, text, AHits);
+    }
+    return;
+  }
+  // An automaton with its heads' test passes over most texts at once: only the others
+  // are worth remembering.
+  if (!automaton.Heads.empty()) AMemo = nullptr;
+  const uint64_t key = FSerial << 20 ^ AScan.Automaton;
+  for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
+    const std::string_view text = AFields.Value(v).Text;
+    if (text.size() < shortest) continue;
+    if (AMemo && text.size() >= TScanMemo::kMinText && text.size() <= TScanMemo::kMaxText)
+      ScanRemembered(automaton, key, text, AHits, *AMemo);
+    else
+      ScanText(automaton, text, AHits);
+  }
+}
+
+namespace {
+
+uint64_t HashText(std::string_view AText) {
+  uint64_t hash = AText.size() * 0x9E3779B97F4A7C15ull;
+  size_t i = 0;
+  for (; i + 8 <= AText.size(); i += 8) {
+    uint64_t word;
+    std::memcpy(&word, AText.data() + i, 8);
+    hash = (hash ^ word) * 0xBF58476D1CE4E5B9ull;
+    hash ^= hash >> 31;
+  }
+  uint64_t tail = 0;
+  std::memcpy(&tail, AText.data() + i, AText.size() - i);
+  hash = (hash ^ tail) * 0x94D049BB133111EBull;
+  return hash ^ hash >> 29;
+}
+
+} // namespace
+
+void TLiteralIndex::ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText,
+                                   TLiteralHits& AHits, TScanMemo& AMemo) const {
+  const uint64_t hash = HashText(AText) ^ AKey * 0xD6E8FEB86659FD93ull;
+  TScanMemo::TSlot& slot = AMemo.FSlots[(hash >> 40) % TScanMemo::kSlots];
+  const bool same = slot.Hash == hash && slot.Automaton == AKey;
+  if (same && slot.Kept && slot.Text == AText) {
+    for (const auto& [literal, bits] : slot.Hits) {
+      uint8_t& hit = AHits.Bits[literal];
+      if (!hit) AHits.Found.push_back(literal);
+      hit |= bits;
+    }
+    return;
+  }
+  if (!same || slot.Kept) {
+    // Seen for the first time (or another text in its place): noted, and scanned.
+    slot.Hash = hash;
+    slot.Automaton = AKey;
+    slot.Kept = false;
+    ScanText(AAutomaton, AText, AHits);
+    return;
+  }
+  // The second time: scanned on its own, and kept.
+  TLiteralHits& scratch = AMemo.FScratch;
+  if (scratch.Bits.size() < FLengths.size()) scratch.Bits.resize(FLengths.size(), 0);
+  ScanText(AAutomaton, AText, scratch);
+  slot.Kept = true;
+  slot.Text.assign(AText);
+  slot.Hits.clear();
+  for (const uint32_t literal : scratch.Found) {
+    const uint8_t bits = scratch.Bits[literal];
+    slot.Hits.emplace_back(literal, bits);
+    uint8_t& hit = AHits.Bits[literal];
+    if (!hit) AHits.Found.push_back(literal);
+    hit |= bits;
+  }
+  scratch.Clear();
+}
+
+inline void TLiteralIndex::ScanText(const TAutomaton& automaton, std::string_view AText, TLiteralHits& AHits) const {
   if (!automaton.Heads.empty()) {
     const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
     const uint64_t* heads = automaton.Heads.data();

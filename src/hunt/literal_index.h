@@ -51,6 +51,31 @@ struct TLiteralHits {
   }
 };
 
+// What scanning texts with the automata that have no quick test of their literals'
+// heads found (the large ones: every byte of a value walks them), kept by one hunter from
+// event to event: events repeat their values (the same programs, command lines, users),
+// and a text holds the same literals every time. A text is kept once it has been scanned
+// twice with the same automaton (so values seen once cost only a hash), in a table of
+// fixed size where a newer text takes the place of an older one.
+class TScanMemo {
+public:
+  static constexpr size_t kSlots = 4096;
+  static constexpr size_t kMinText = 8, kMaxText = 1024; // shorter are scanned faster than looked up
+  TScanMemo() : FSlots(kSlots) {}
+
+private:
+  friend class TLiteralIndex;
+  struct TSlot {
+    uint64_t Hash = 0;
+    uint64_t Automaton = 0; // the index's serial number and the automaton's
+    bool Kept = false;      // Text and Hits are set (else the text was seen once)
+    std::string Text;
+    std::vector<std::pair<uint32_t, uint8_t>> Hits; // literal, TLiteralHit bits
+  };
+  std::vector<TSlot> FSlots;
+  TLiteralHits FScratch;
+};
+
 class TLiteralIndex {
 public:
   static constexpr uint32_t kNoLiteral = 0xFFFFFFFF;
@@ -82,6 +107,11 @@ public:
   // adding the literals it finds to AHits. Builds the automaton first when it is new;
   // safe on several threads at once.
   void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
+  // Scans what AScan names in AFields: every value of its field, or of the event for
+  // kKeywordField (the automaton looked up once for all of them).
+  // With AMemo, texts scanned before are looked up there (the same hits either way).
+  void ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits,
+                  TScanMemo* AMemo = nullptr) const;
   size_t MemoryBytes() const;
 
 private:
@@ -108,7 +138,11 @@ private:
     // first 4 bytes. A value none of whose 4-byte runs has its bit set holds none of them,
     // and is passed over at a fraction of the cost of the automaton.
     std::vector<uint64_t> Heads;
+    uint32_t MinLength = 1; // of its literals: a shorter text holds none
   };
+  void ScanText(const TAutomaton& AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
+  void ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText, TLiteralHits& AHits,
+                      TScanMemo& AMemo) const;
   static constexpr size_t kMaxHeadLiterals = 256;
   static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
   static constexpr uint32_t kOutput = 0x80000000;
@@ -130,6 +164,7 @@ private:
   std::vector<uint8_t> FAlways;                     // per binding
   std::vector<std::unique_ptr<TAutomaton>> FAutomata; // (not movable: once flags)
   std::vector<TScan> FScans;
+  uint64_t FSerial = 0; // unique among the indexes of the process (a memo's key)
 };
 
 } // namespace qvx::hunt

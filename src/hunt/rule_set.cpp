@@ -371,12 +371,21 @@ bool WhereHolds(const TRuleBinding& ABinding, const TEventFields& AFields) {
 } // namespace
 
 std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml) {
+  return TestEvent(AChannel, AEventId, AXml);
+}
+
+std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues) {
+  return TestEvent(AChannel, AEventId, AValues);
+}
+
+template <typename TSourceText>
+std::span<const TDetection> THunter::TestEvent(std::string_view AChannel, uint32_t AEventId, const TSourceText& AText) {
   ++FEvents;
   FCount = 0;
   const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FKey);
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
-  FFields.Load(AXml);
+  FFields.Load(AText);
   for (const TBindingList* list : candidates.Lists)
     if (list) TestList(*list);
   return {FDetections.data(), FCount};
@@ -392,14 +401,7 @@ void THunter::TestList(const TBindingList& AList) {
     FStamp = 1;
   }
   FHits.Clear();
-  for (const TLiteralIndex::TScan& scan : literals.Scans()) {
-    if (scan.Field == TLiteralIndex::kKeywordField) {
-      for (int v = 0; v < FFields.ValueCount(); ++v) literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
-      continue;
-    }
-    for (int v = FFields.First(scan.Field); v != TEventFields::kNoValue; v = FFields.Value(v).Next)
-      literals.Scan(scan.Automaton, FFields.Value(v).Text, FHits);
-  }
+  for (const TLiteralIndex::TScan& scan : literals.Scans()) literals.ScanFields(scan, FFields, FHits, &FMemo);
   FSelectedList.clear();
   for (const uint32_t literal : FHits.Found)
     for (const uint32_t binding : literals.NeededBy(literal))

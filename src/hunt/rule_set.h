@@ -174,12 +174,16 @@ public:
   // Tests one event (its channel and ID as its System element gives them, and its XML)
   // against the rules that can match it. The detections are good until the next call.
   std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml);
+  // The same, for an event given as its (name, value) pairs (engine/named_fields.h).
+  std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues);
 
   uint64_t EventsRead() const { return FEvents; }
   uint64_t EventsTested() const { return FTested; }
   const TEventFields& Fields() const { return FFields; }
 
 private:
+  template <typename TSourceText>
+  std::span<const TDetection> TestEvent(std::string_view AChannel, uint32_t AEventId, const TSourceText& AText);
   void TestList(const TBindingList& AList);
 
   const TRuleSet& FRules;
@@ -188,6 +192,7 @@ private:
   size_t FCount = 0;
   std::vector<TMatchedValue> FRecord;
   TLiteralHits FHits;              // of the list being tested (room for the largest)
+  TScanMemo FMemo;
   std::vector<uint32_t> FSelected; // per binding of the list: the stamp for which a literal it needs was found
   std::string FKey;
   std::vector<uint32_t> FSelectedList; // the selected bindings of the list being tested

@@ -223,7 +223,7 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
     return false;
   case TValueTest::vkNetwork: {
     std::array<uint8_t, 16> address;
-    return ParseIpAddress(text, address) && ATest.Network.Contains(address);
+    return AFields.Address(AValue, address) && ATest.Network.Contains(address);
   }
   case TValueTest::vkLess:
   case TValueTest::vkLessEqual:

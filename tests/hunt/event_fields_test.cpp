@@ -1,7 +1,13 @@
 // Reading an event's fields out of its XML text under Sigma's Windows names.
 #include "hunt/event_fields.h"
 
+#include "engine/event_log_binxml.h"
+#include "support/evtx_fixtures.h"
+#include "support/test_paths.h"
+
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 namespace qvx::hunt {
 namespace {
@@ -52,6 +58,77 @@ TEST(HuntEventFields, MalformedTextNeverRaises) {
   for (int i = 0; i < 1000; ++i) deep += "<A>";
   fields.Load(deep);
   SUCCEED();
+}
+
+// Every event of APath as the hunter's fields see it: loaded from its XML (ANamed false),
+// or from the (name, value) pairs read straight from its binary XML where the reader can.
+std::vector<std::string> HuntFieldsOf(const std::string& APath, bool ANamed, size_t& AWithXml) {
+  TFieldNames names;
+  for (const char* name : {"EventID", "Channel", "Computer", "Provider_Name", "Security_UserID", "Image", "CommandLine",
+                           "ParentImage", "TargetObject", "Details", "Data", "Binary", "param1", "SubjectUserName",
+                           "TargetUserName", "ServiceName", "ImagePath", "ScriptBlockText", "TimeCreated_SystemTime"})
+    names.Intern(name);
+  TEventFields fields(names);
+  TEventLogBinXML log;
+  log.SetSystemFieldsOnly(true);
+  log.SetNamedValues(ANamed);
+  log.SetBackupFileName(APath);
+  log.SetActive(true);
+  std::vector<std::string> events;
+  if (!log.Active()) return events;
+  while (TEventItemBase* item = log.EventNext()) {
+    if (item == TEventLogX::UndeliverableMarker()) continue;
+    auto& x = static_cast<TEventItemX&>(*item);
+    if (const TNamedValues* named = log.NamedValues()) {
+      fields.Load(*named);
+    } else {
+      fields.Load(x.FEvtXML);
+      ++AWithXml;
+    }
+    std::string s = x.FChannel + "/" + std::to_string(x.FEventID) + "/" + std::to_string(x.FEventRecordID) + ":";
+    for (int v = 0; v < fields.ValueCount(); ++v) {
+      const TEventFields::TValue& value = fields.Value(v);
+      s.append(value.Name).append("#").append(std::to_string(value.FieldId)).append("=").append(value.Text);
+      s.append("|");
+    }
+    for (uint32_t id = 0; id < names.Count(); ++id)
+      for (int v = fields.First(id); v != TEventFields::kNoValue; v = fields.Value(v).Next)
+        s.append(std::to_string(id)).append(">").append(std::to_string(v)).append(",");
+    events.push_back(std::move(s));
+  }
+  return events;
+}
+
+void ExpectSameFieldsBothWays(const std::string& APath, size_t& AEvents, size_t& AWithXml) {
+  size_t unused = 0;
+  const std::vector<std::string> xml = HuntFieldsOf(APath, false, unused);
+  const std::vector<std::string> direct = HuntFieldsOf(APath, true, AWithXml);
+  ASSERT_EQ(direct.size(), xml.size()) << APath;
+  for (size_t i = 0; i < xml.size(); ++i)
+    ASSERT_EQ(direct[i], xml[i]) << APath << ": event " << i;
+  AEvents += xml.size();
+}
+
+TEST(HuntEventFields, BinaryXmlPairsLoadAsTheXml) {
+  const std::string path = qvx::test::WriteTempFile("hunt-fields.evtx", qvx::test::MakeEvtxFile(3, 20));
+  size_t events = 0, withXml = 0;
+  ExpectSameFieldsBothWays(path, events, withXml);
+  EXPECT_EQ(events, 60u);
+  EXPECT_EQ(withXml, 0u);
+}
+
+// Every sample log: the hunter's fields are the same whether its events come as XML or
+// as pairs read from the binary XML.
+TEST(HuntEventFields, SamplesLoadTheSameFromBinaryXml) {
+  const std::vector<std::filesystem::path> files = qvx::test::SampleFiles("", ".evtx");
+  if (files.empty()) GTEST_SKIP() << "no samples";
+  size_t events = 0, withXml = 0;
+  for (const auto& file : files) {
+    ExpectSameFieldsBothWays(file.string(), events, withXml);
+    if (HasFatalFailure()) return;
+  }
+  std::printf("samples: %zu events, %zu loaded from their XML\n", events, withXml);
+  EXPECT_LT(withXml * 100, events * 2 + 100);
 }
 
 } // namespace
