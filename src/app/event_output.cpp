@@ -16,6 +16,15 @@ void TEventWriter::Flush() {
   FBuffer.clear();
 }
 
+void TEventWriter::WriteText(const std::string& AText) {
+  if (FBuffer.size() + AText.size() < kFlushSize) {
+    FBuffer += AText;
+    return;
+  }
+  Flush();
+  if (!AText.empty() && std::fwrite(AText.data(), 1, AText.size(), FOut) != AText.size()) FFailed = true;
+}
+
 bool TEventWriter::Finish() {
   End();
   Flush();

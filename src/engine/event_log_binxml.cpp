@@ -232,22 +232,7 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
     const int count = FEvtxFile->Count();
     if (static_cast<int64_t>(FChunkIndex) >= count) return;
     if (FReadAheadThreads > 0) {
-      if (!FReadAhead) {
-        // The reading threads get the chunk positions and the file, never the file structure.
-        std::vector<uint64_t> starts;
-        for (int i = static_cast<int>(FChunkIndex); i < count; ++i) starts.push_back(FEvtxFile->GetChunk(i)->Start);
-        FReadAhead = std::make_unique<TReadAhead>(
-            [this, starts = std::move(starts), next = size_t{0}, reader = RecordReader()](TChunkJob& AJob) mutable {
-              if (next >= starts.size()) return false;
-              AJob.ReadRecords = reader;
-              AJob.Position = starts[next++];
-              AJob.ReadFrom = FFileHandle.get();
-              AJob.EmptyBlocksBefore = 0;
-              AJob.SourceRead = 0;
-              return true;
-            },
-            FReadAheadThreads);
-      }
+      if (!FReadAhead) FReadAhead = std::make_unique<TReadAhead>(ChunkProducer(), FReadAheadThreads);
       if (!FReadAhead->Pop(FChunk)) return;
     } else {
       FJob.Position = FEvtxFile->GetChunk(static_cast<int>(FChunkIndex))->Start;
@@ -257,6 +242,45 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
     AcceptChunk("Chunk #" + std::to_string(FChunkIndex) + " at offset " + HexText(FChunk.Position));
   }
   TakeEvent(AXml, AFields, "Inconsistent data in chunk #", static_cast<int64_t>(FChunkIndex));
+}
+
+TChunkReader::TProducer TEventLogBinXML::ChunkProducer() {
+  // The reading threads get the chunk positions and the file, never the file structure.
+  std::vector<uint64_t> starts;
+  const int count = FEvtxFile ? FEvtxFile->Count() : 0;
+  for (int i = static_cast<int>(FChunkIndex); i < count; ++i) starts.push_back(FEvtxFile->GetChunk(i)->Start);
+  return [this, starts = std::move(starts), next = size_t{0}, reader = RecordReader()](TChunkJob& AJob) mutable {
+    if (next >= starts.size()) return false;
+    AJob.ReadRecords = reader;
+    AJob.Position = starts[next++];
+    AJob.ReadFrom = FFileHandle.get();
+    AJob.EmptyBlocksBefore = 0;
+    AJob.SourceRead = 0;
+    return true;
+  };
+}
+
+void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
+                                const std::function<void(TEventItemX&)>& AEach) {
+  FIssueList->Clear();
+  std::swap(FChunk, AResult);
+  FChunkIndex = 0;
+  FEventIndex = 0;
+  FChunkXML.clear();
+  AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
+  uint32_t taken = 0;
+  // As EventNext: TakeEvent moves to the next chunk (FChunkIndex) after the last event.
+  while (FChunkIndex == 0) {
+    FEventWithoutXml = false;
+    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
+    if (FXml.size() == 1 && FXml[0] == '*') continue;
+    BuildItem(FXml, FFields);
+    ++taken;
+    AEach(FItem);
+  }
+  std::swap(FChunk, AResult);
+  AResult.Taken = taken;
+  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
 }
 
 void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std::string_view AEmptyIssue,

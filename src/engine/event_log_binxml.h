@@ -15,6 +15,7 @@
 #include "engine/evtx/evtx_file.h"
 #include "platform/read_stream.h"
 
+#include <functional>
 #include <memory>
 #include <vector>
 #include <string>
@@ -62,6 +63,17 @@ public:
   void SetWithoutXml(bool AOn) { FWithoutXml = AOn; }
   // Events read so far whose fields had to be read from their rendered XML.
   uint64_t EventsReadFromXml() const { return FEventsReadFromXml; }
+
+  // Chunk by chunk, for readers that render chunks on threads of their own and turn each
+  // into text on the thread that rendered it (TChunkReader::Run with a finisher):
+  // ChunkProducer names the open file's chunks from the current one on, reading records
+  // as this source's events would be read (not for a scan, nor while chunks are read
+  // ahead); TakeChunk, on a source of its own per thread (not opened, set up as the
+  // reading one), hands a rendered chunk's events to AEach in the order EventNext gives
+  // them, AChunkNumber naming the chunk in issues, and leaves the issues met in
+  // AResult.Notes. Neither touches the other's state.
+  TChunkReader::TProducer ChunkProducer();
+  void TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber, const std::function<void(TEventItemX&)>& AEach);
 
   // The file structure while open (null when closed). Not to be used from outside
   // while chunks are read ahead.

@@ -103,7 +103,8 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
   if (AResult.KeepBytes) giveBack.Keep = &AResult.Bytes;
 }
 
-void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads) {
+void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads,
+                       const TFinisher& AFinisher) {
   if (AThreads <= 1) {
     TChunkJob job;
     TChunkResult result;
@@ -115,6 +116,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       job.ReadRecords = nullptr;
       if (!AProducer(job)) return;
       RenderChunk(job, result);
+      if (AFinisher) AFinisher(result, 0);
       AConsumer(result);
     }
   }
@@ -229,7 +231,10 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       guard.unlock();
       std::exception_ptr renderError;
       try {
-        for (size_t i = 0; i < batch->Count; ++i) RenderChunk(batch->Jobs[i], batch->Results[i]);
+        for (size_t i = 0; i < batch->Count; ++i) {
+          RenderChunk(batch->Jobs[i], batch->Results[i]);
+          if (AFinisher) AFinisher(batch->Results[i], AWorker);
+        }
       } catch (...) {
         renderError = std::current_exception();
       }
