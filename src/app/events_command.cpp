@@ -93,6 +93,8 @@ int ReadEventsByChunk(TEventLogBinXML& ASource, const TEventsOptions& AOptions, 
     auto worker = std::make_unique<TWorker>();
     ApplyTimeZone(worker->Source, AOptions.TimeZone);
     worker->Source.SetWithoutXml(true);
+    // JSON Lines and CSV show no description text for an event without one.
+    worker->Source.SetValuesForMissingDescription(false);
     worker->Writer = MakeEventWriter(AOptions.Format, nullptr, 0);
     workers.push_back(std::move(worker));
   }

@@ -269,15 +269,17 @@ void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
   FChunkXML.clear();
   AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
   uint32_t taken = 0;
+  FTakingChunk = true;
   // As EventNext: TakeEvent moves to the next chunk (FChunkIndex) after the last event.
   while (FChunkIndex == 0) {
     FEventWithoutXml = false;
     TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
     if (FXml.size() == 1 && FXml[0] == '*') continue;
-    BuildItem(FXml, FFields);
+    BuildItem(FXml, FFields, true);
     ++taken;
     AEach(FItem);
   }
+  FTakingChunk = false;
   std::swap(FChunk, AResult);
   AResult.Taken = taken;
   AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
@@ -325,22 +327,27 @@ void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
     FEventIndex = 0;
     ++FChunkIndex;
   }
-  const std::string* fields = FChunk.Fields.data() + span.First;
-  // Copied, not swapped: each side keeps its strings and their room (a string freed on
-  // one thread and grown again on the other costs more than the copy).
-  AFields.ProviderName.assign(fields[rfProviderName]);
-  AFields.EventID.assign(fields[rfEventID]);
-  AFields.EventIDQual.assign(fields[rfEventIDQual]);
-  AFields.Version.assign(fields[rfVersion]);
-  AFields.Level.assign(fields[rfLevel]);
-  AFields.Task.assign(fields[rfTask]);
-  AFields.OpCode.assign(fields[rfOpCode]);
-  AFields.Keywords.assign(fields[rfKeywords]);
-  AFields.TimeCreated.assign(fields[rfTimeCreated]);
-  AFields.EventRecordID.assign(fields[rfEventRecordID]);
-  AFields.Channel.assign(fields[rfChannel]);
-  AFields.Computer.assign(fields[rfComputer]);
-  AFields.UserID.assign(fields[rfUserID]);
+  std::string* fields = FChunk.Fields.data() + span.First;
+  // Copied, not swapped, when the chunk was read on another thread: each side keeps its
+  // strings and their room (a string freed on one thread and grown again on the other
+  // costs more than the copy). A chunk taken whole on its own thread trades them.
+  auto take = [this](std::string& ATo, std::string& AFrom) {
+    if (FTakingChunk) ATo.swap(AFrom);
+    else ATo.assign(AFrom);
+  };
+  take(AFields.ProviderName, fields[rfProviderName]);
+  take(AFields.EventID, fields[rfEventID]);
+  take(AFields.EventIDQual, fields[rfEventIDQual]);
+  take(AFields.Version, fields[rfVersion]);
+  take(AFields.Level, fields[rfLevel]);
+  take(AFields.Task, fields[rfTask]);
+  take(AFields.OpCode, fields[rfOpCode]);
+  take(AFields.Keywords, fields[rfKeywords]);
+  take(AFields.TimeCreated, fields[rfTimeCreated]);
+  take(AFields.EventRecordID, fields[rfEventRecordID]);
+  take(AFields.Channel, fields[rfChannel]);
+  take(AFields.Computer, fields[rfComputer]);
+  take(AFields.UserID, fields[rfUserID]);
   AFields.UserName.clear();
   AFields.EvtMessage.clear();
   AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
@@ -351,7 +358,7 @@ void TEventLogBinXML::TakeFieldsEvent(TEventXmlFields& AFields) {
   } else {
     const size_t values = span.Count - rfValues;
     AFields.Strings.resize(values);
-    for (size_t i = 0; i < values; ++i) AFields.Strings[i].assign(fields[rfValues + i]);
+    for (size_t i = 0; i < values; ++i) take(AFields.Strings[i], fields[rfValues + i]);
   }
   ResolveTaskAndUser(AFields);
   CompleteFields(AFields);
@@ -389,7 +396,8 @@ void TEventLogBinXML::CompleteFields(TEventXmlFields& AFields) {
     AFields.EvtMessage = "*<INTERNAL ERROR>*";
     return;
   }
-  if (AFields.EvtMessage.size() == 1 && AFields.EvtMessage[0] == kNoDescriptionMark) MarkNoDescription(AFields);
+  if (AFields.EvtMessage.size() == 1 && AFields.EvtMessage[0] == kNoDescriptionMark && FValuesForMissingDescription)
+    MarkNoDescription(AFields);
 }
 
 // --- TEventLogScan ----------------------------------------------------------------

@@ -61,6 +61,10 @@ public:
   // For readers that do not look at the XML (listings other than XML). Set before the
   // first event is read; ignored with SetSystemFieldsOnly.
   void SetWithoutXml(bool AOn) { FWithoutXml = AOn; }
+  // Whether an event without a description carries its data values, one per line, after
+  // the no-description mark in its message (the default); off, the message is the mark
+  // alone. For readers that never show the message of such an event.
+  void SetValuesForMissingDescription(bool AOn) { FValuesForMissingDescription = AOn; }
   // Events read so far whose fields had to be read from their rendered XML.
   uint64_t EventsReadFromXml() const { return FEventsReadFromXml; }
 
@@ -108,6 +112,8 @@ protected:
   unsigned FReadAheadThreads = 0;
   bool FSystemFieldsOnly = false;
   bool FWithoutXml = false;
+  bool FValuesForMissingDescription = true;
+  bool FTakingChunk = false; // TakeChunk: the chunk's strings are this thread's
   uint64_t FEventsReadFromXml = 0;
   std::unique_ptr<TReadAhead> FReadAhead;
   // The reader that the chunk jobs use: null (render XML) or the field reader.
