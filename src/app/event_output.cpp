@@ -17,7 +17,8 @@ void TEventWriter::Flush() {
 }
 
 void TEventWriter::WriteText(const std::string& AText) {
-  if (FBuffer.size() + AText.size() < kFlushSize) {
+  // A chunk's text (tens of KB) goes to the file as it is, not through the buffer.
+  if (AText.size() < kDirectSize && FBuffer.size() + AText.size() < kFlushSize) {
     FBuffer += AText;
     return;
   }

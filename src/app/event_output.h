@@ -45,6 +45,7 @@ protected:
   std::string FBuffer;
   bool FFailed = false;
   static constexpr size_t kFlushSize = 256 * 1024;
+  static constexpr size_t kDirectSize = 16 * 1024; // WriteText's text from here on skips the buffer
 };
 
 // How the table paints its rows: the color codes (null: none) and whether the terminal
