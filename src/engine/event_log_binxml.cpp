@@ -262,6 +262,8 @@ TChunkReader::TProducer TEventLogBinXML::ChunkProducer() {
 
 void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
                                 const std::function<void(TEventItemX&)>& AEach) {
+  // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
+  if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
   FIssueList->Clear();
   std::swap(FChunk, AResult);
   FChunkIndex = 0;
