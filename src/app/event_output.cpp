@@ -16,6 +16,16 @@ void TEventWriter::Flush() {
   FBuffer.clear();
 }
 
+void TEventWriter::WriteText(const std::string& AText) {
+  // A chunk's text (tens of KB) goes to the file as it is, not through the buffer.
+  if (AText.size() < kDirectSize && FBuffer.size() + AText.size() < kFlushSize) {
+    FBuffer += AText;
+    return;
+  }
+  Flush();
+  if (!AText.empty() && std::fwrite(AText.data(), 1, AText.size(), FOut) != AText.size()) FFailed = true;
+}
+
 bool TEventWriter::Finish() {
   End();
   Flush();
@@ -120,11 +130,15 @@ public:
 
   void Write(TEventItemX& AItem) override {
     FField.clear();
-    AppendDayCountText(FField, AItem.GetTimeGenerated());
+    const double local = AItem.GetTimeGenerated();
+    AppendDayCountText(FField, local);
     FBuffer += FField;
     FBuffer += ',';
-    FField.clear();
-    AppendDayCountText(FField, AItem.FTimeGenerated);
+    // Shown in UTC the two times are the same text: it is made once.
+    if (local != AItem.FTimeGenerated) {
+      FField.clear();
+      AppendDayCountText(FField, AItem.FTimeGenerated);
+    }
     FBuffer += FField;
     FBuffer += ',';
     AppendCsvField(FBuffer, EventTypeName(AItem.FEventType));
@@ -189,12 +203,23 @@ public:
     // The day count carries milliseconds; the 100 ns digits below them come from the
     // event's own time text (the zone offset is whole minutes, so they are the same).
     const unsigned units = static_cast<unsigned>(FractionDigits(AItem.FSystemTime, 3, 4));
-    AppendDayCountText(FBuffer, AItem.GetTimeGenerated(), 'T');
+    const double local = AItem.GetTimeGenerated();
+    const size_t at = FBuffer.size();
+    AppendDayCountText(FBuffer, local, 'T');
     AppendDigits(FBuffer, units, 4);
+    // Shown in UTC the two times are the same text: it is made once.
+    char same[48];
+    const size_t length = FBuffer.size() - at;
+    const bool reuse = local == AItem.FTimeGenerated && length <= sizeof same;
+    if (reuse) std::memcpy(same, FBuffer.data() + at, length);
     AppendOffsetText(FBuffer, owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0);
     FBuffer += "\",\"time_utc\":\"";
-    AppendDayCountText(FBuffer, AItem.FTimeGenerated, 'T');
-    AppendDigits(FBuffer, units, 4);
+    if (reuse) {
+      FBuffer.append(same, length);
+    } else {
+      AppendDayCountText(FBuffer, AItem.FTimeGenerated, 'T');
+      AppendDigits(FBuffer, units, 4);
+    }
     FBuffer += "Z\",\"system_time\":";
     AppendJsonString(FBuffer, AItem.FSystemTime);
     FBuffer += ",\"type\":";

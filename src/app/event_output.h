@@ -24,12 +24,20 @@ public:
   virtual void Write(TEventItemX& AItem) = 0;
   // Writes what is left; false when writing to the file failed at any point.
   bool Finish();
+  // For a writer made without a file (AOut null), which only collects text: hands the
+  // events written since the last call over in AText, and starts afresh.
+  void TakeText(std::string& AText) {
+    AText.swap(FBuffer);
+    FBuffer.clear();
+  }
+  // Writes text that a writer of the same format handed over (TakeText), as it is.
+  void WriteText(const std::string& AText);
 
 protected:
   explicit TEventWriter(std::FILE* AOut) : FOut(AOut) {}
   virtual void End() {}
   void FlushIfFull() {
-    if (FBuffer.size() >= kFlushSize) Flush();
+    if (FOut && FBuffer.size() >= kFlushSize) Flush();
   }
   void Flush();
 
@@ -37,6 +45,7 @@ protected:
   std::string FBuffer;
   bool FFailed = false;
   static constexpr size_t kFlushSize = 256 * 1024;
+  static constexpr size_t kDirectSize = 16 * 1024; // WriteText's text from here on skips the buffer
 };
 
 // How the table paints its rows: the color codes (null: none) and whether the terminal

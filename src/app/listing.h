@@ -27,6 +27,14 @@ public:
     ++Events;
     return FOptions.Limit && Events >= FOptions.Limit;
   }
+  // Writes text of AEvents events that a writer of the same format made (TEventWriter::TakeText).
+  void WriteText(const std::string& AText, uint64_t AEvents) {
+    FWriter->WriteText(AText);
+    Events += AEvents;
+    Read += AEvents;
+  }
+  bool Filtering() const { return FMatcher != nullptr; }
+
   // Ends the progress bar and the output, and says how many events matched. False when
   // writing the output failed (it is reported).
   bool Finish();

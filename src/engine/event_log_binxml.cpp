@@ -233,22 +233,7 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
     const int count = FEvtxFile->Count();
     if (static_cast<int64_t>(FChunkIndex) >= count) return;
     if (FReadAheadThreads > 0) {
-      if (!FReadAhead) {
-        // The reading threads get the chunk positions and the file, never the file structure.
-        std::vector<uint64_t> starts;
-        for (int i = static_cast<int>(FChunkIndex); i < count; ++i) starts.push_back(FEvtxFile->GetChunk(i)->Start);
-        FReadAhead = std::make_unique<TReadAhead>(
-            [this, starts = std::move(starts), next = size_t{0}, reader = RecordReader()](TChunkJob& AJob) mutable {
-              if (next >= starts.size()) return false;
-              AJob.ReadRecords = reader;
-              AJob.Position = starts[next++];
-              AJob.ReadFrom = FFileHandle.get();
-              AJob.EmptyBlocksBefore = 0;
-              AJob.SourceRead = 0;
-              return true;
-            },
-            FReadAheadThreads);
-      }
+      if (!FReadAhead) FReadAhead = std::make_unique<TReadAhead>(ChunkProducer(), FReadAheadThreads);
       if (!FReadAhead->Pop(FChunk)) return;
     } else {
       FJob.Position = FEvtxFile->GetChunk(static_cast<int>(FChunkIndex))->Start;
@@ -258,6 +243,49 @@ void TEventLogBinXML::EventNextXML(std::string& AXml, TEventXmlFields& AFields) 
     AcceptChunk("Chunk #" + std::to_string(FChunkIndex) + " at offset " + HexText(FChunk.Position));
   }
   TakeEvent(AXml, AFields, "Inconsistent data in chunk #", static_cast<int64_t>(FChunkIndex));
+}
+
+TChunkReader::TProducer TEventLogBinXML::ChunkProducer() {
+  // The reading threads get the chunk positions and the file, never the file structure.
+  std::vector<uint64_t> starts;
+  const int count = FEvtxFile ? FEvtxFile->Count() : 0;
+  for (int i = static_cast<int>(FChunkIndex); i < count; ++i) starts.push_back(FEvtxFile->GetChunk(i)->Start);
+  return [this, starts = std::move(starts), next = size_t{0}, reader = RecordReader()](TChunkJob& AJob) mutable {
+    if (next >= starts.size()) return false;
+    AJob.ReadRecords = reader;
+    AJob.Position = starts[next++];
+    AJob.ReadFrom = FFileHandle.get();
+    AJob.EmptyBlocksBefore = 0;
+    AJob.SourceRead = 0;
+    return true;
+  };
+}
+
+void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
+                                const std::function<void(TEventItemX&)>& AEach) {
+  // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
+  if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
+  FIssueList->Clear();
+  std::swap(FChunk, AResult);
+  FChunkIndex = 0;
+  FEventIndex = 0;
+  FChunkXML.clear();
+  AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
+  uint32_t taken = 0;
+  FTakingChunk = true;
+  // As EventNext: TakeEvent moves to the next chunk (FChunkIndex) after the last event.
+  while (FChunkIndex == 0) {
+    FEventWithoutXml = false;
+    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
+    if (FXml.size() == 1 && FXml[0] == '*') continue;
+    BuildItem(FXml, FFields, true);
+    ++taken;
+    AEach(FItem);
+  }
+  FTakingChunk = false;
+  std::swap(FChunk, AResult);
+  AResult.Taken = taken;
+  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
 }
 
 void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std::string_view AEmptyIssue,
@@ -303,22 +331,27 @@ void TEventLogBinXML::TakeFieldsEvent(std::string& AXml, TEventXmlFields& AField
     FEventIndex = 0;
     ++FChunkIndex;
   }
-  const std::string* fields = FChunk.Fields.data() + span.First;
-  // Copied, not swapped: each side keeps its strings and their room (a string freed on
-  // one thread and grown again on the other costs more than the copy).
-  AFields.ProviderName.assign(fields[rfProviderName]);
-  AFields.EventID.assign(fields[rfEventID]);
-  AFields.EventIDQual.assign(fields[rfEventIDQual]);
-  AFields.Version.assign(fields[rfVersion]);
-  AFields.Level.assign(fields[rfLevel]);
-  AFields.Task.assign(fields[rfTask]);
-  AFields.OpCode.assign(fields[rfOpCode]);
-  AFields.Keywords.assign(fields[rfKeywords]);
-  AFields.TimeCreated.assign(fields[rfTimeCreated]);
-  AFields.EventRecordID.assign(fields[rfEventRecordID]);
-  AFields.Channel.assign(fields[rfChannel]);
-  AFields.Computer.assign(fields[rfComputer]);
-  AFields.UserID.assign(fields[rfUserID]);
+  std::string* fields = FChunk.Fields.data() + span.First;
+  // Copied, not swapped, when the chunk was read on another thread: each side keeps its
+  // strings and their room (a string freed on one thread and grown again on the other
+  // costs more than the copy). A chunk taken whole on its own thread trades them.
+  auto take = [this](std::string& ATo, std::string& AFrom) {
+    if (FTakingChunk) ATo.swap(AFrom);
+    else ATo.assign(AFrom);
+  };
+  take(AFields.ProviderName, fields[rfProviderName]);
+  take(AFields.EventID, fields[rfEventID]);
+  take(AFields.EventIDQual, fields[rfEventIDQual]);
+  take(AFields.Version, fields[rfVersion]);
+  take(AFields.Level, fields[rfLevel]);
+  take(AFields.Task, fields[rfTask]);
+  take(AFields.OpCode, fields[rfOpCode]);
+  take(AFields.Keywords, fields[rfKeywords]);
+  take(AFields.TimeCreated, fields[rfTimeCreated]);
+  take(AFields.EventRecordID, fields[rfEventRecordID]);
+  take(AFields.Channel, fields[rfChannel]);
+  take(AFields.Computer, fields[rfComputer]);
+  take(AFields.UserID, fields[rfUserID]);
   AFields.UserName.clear();
   AFields.EvtMessage.clear();
   AFields.TaskNumber = static_cast<uint32_t>(TextToInt(AFields.Task));
@@ -342,7 +375,7 @@ void TEventLogBinXML::TakeFieldsEvent(std::string& AXml, TEventXmlFields& AField
   } else {
     const size_t values = span.Count - rfValues;
     AFields.Strings.resize(values);
-    for (size_t i = 0; i < values; ++i) AFields.Strings[i].assign(fields[rfValues + i]);
+    for (size_t i = 0; i < values; ++i) take(AFields.Strings[i], fields[rfValues + i]);
   }
   ResolveTaskAndUser(AFields);
   CompleteFields(AFields);
@@ -380,7 +413,8 @@ void TEventLogBinXML::CompleteFields(TEventXmlFields& AFields) {
     AFields.EvtMessage = "*<INTERNAL ERROR>*";
     return;
   }
-  if (AFields.EvtMessage.size() == 1 && AFields.EvtMessage[0] == kNoDescriptionMark) MarkNoDescription(AFields);
+  if (AFields.EvtMessage.size() == 1 && AFields.EvtMessage[0] == kNoDescriptionMark && FValuesForMissingDescription)
+    MarkNoDescription(AFields);
 }
 
 // --- TEventLogScan ----------------------------------------------------------------

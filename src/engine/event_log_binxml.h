@@ -16,6 +16,7 @@
 #include "engine/named_fields.h"
 #include "platform/read_stream.h"
 
+#include <functional>
 #include <memory>
 #include <vector>
 #include <string>
@@ -69,8 +70,23 @@ public:
   // The pairs of the event handed out last, null when it came with its XML instead (the
   // caller may take them, swapping in room of its own).
   TNamedValues* NamedValues() { return FHaveNamed ? &FNamed : nullptr; }
+  // Whether an event without a description carries its data values, one per line, after
+  // the no-description mark in its message (the default); off, the message is the mark
+  // alone. For readers that never show the message of such an event.
+  void SetValuesForMissingDescription(bool AOn) { FValuesForMissingDescription = AOn; }
   // Events read so far whose fields had to be read from their rendered XML.
   uint64_t EventsReadFromXml() const { return FEventsReadFromXml; }
+
+  // Chunk by chunk, for readers that render chunks on threads of their own and turn each
+  // into text on the thread that rendered it (TChunkReader::Run with a finisher):
+  // ChunkProducer names the open file's chunks from the current one on, reading records
+  // as this source's events would be read (not for a scan, nor while chunks are read
+  // ahead); TakeChunk, on a source of its own per thread (not opened, set up as the
+  // reading one), hands a rendered chunk's events to AEach in the order EventNext gives
+  // them, AChunkNumber naming the chunk in issues, and leaves the issues met in
+  // AResult.Notes. Neither touches the other's state.
+  TChunkReader::TProducer ChunkProducer();
+  void TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber, const std::function<void(TEventItemX&)>& AEach);
 
   // The file structure while open (null when closed). Not to be used from outside
   // while chunks are read ahead.
@@ -108,6 +124,8 @@ protected:
   bool FNamedValues = false;
   bool FHaveNamed = false;
   TNamedValues FNamed;
+  bool FValuesForMissingDescription = true;
+  bool FTakingChunk = false; // TakeChunk: the chunk's strings are this thread's
   uint64_t FEventsReadFromXml = 0;
   std::unique_ptr<TReadAhead> FReadAhead;
   // The reader that the chunk jobs use: null (render XML) or the field reader.

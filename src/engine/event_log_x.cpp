@@ -200,18 +200,22 @@ TEventItemBase* TEventLogX::EventNext() {
   return &FItem;
 }
 
-void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
+void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields, bool ATakeFields) {
   TEventItemX& item = FItem;
   item.FRecordIndex = FRecordCounter++;
   item.FEventType = EventTypeFromXml(AFields.Channel, AFields.Keywords, AFields.Level);
   item.FTimeGenerated = SystemTimeTextToDays(AFields.TimeCreated);
   item.FTimeWritten = item.FTimeGenerated;
-  item.FSourceName = AFields.ProviderName;
+  auto take = [ATakeFields](std::string& ATo, std::string& AFrom) {
+    if (ATakeFields) ATo.swap(AFrom);
+    else ATo = AFrom;
+  };
+  take(item.FSourceName, AFields.ProviderName);
   item.FEventID = static_cast<uint32_t>(TextToInt(AFields.EventID));
-  item.FCategoryName = AFields.Task;
-  item.FUserName = AFields.UserName;
-  item.FComputername = AFields.Computer;
-  item.FChannel = AFields.Channel;
+  take(item.FCategoryName, AFields.Task);
+  take(item.FUserName, AFields.UserName);
+  take(item.FComputername, AFields.Computer);
+  take(item.FChannel, AFields.Channel);
   item.FEvtMessage.swap(AFields.EvtMessage); // the fields are cleared before the next event
   item.FEvtXML.swap(AXml); // the next event reuses the old buffer
   const int64_t recordId = TextToInt(AFields.EventRecordID);
@@ -221,15 +225,20 @@ void TEventLogX::BuildItem(std::string& AXml, TEventXmlFields& AFields) {
   item.FEventCategory = static_cast<uint16_t>(AFields.TaskNumber);
   item.FStrings.swap(AFields.Strings);
   item.SetData(AFields.BinaryData.data(), static_cast<uint32_t>(AFields.BinaryData.size()));
-  item.FUserSid = AFields.UserID;
-  if (!AFields.UserID.empty() && TextToSid(AFields.UserID, FSidBuffer))
+  take(item.FUserSid, AFields.UserID);
+  // Most events of a log carry one of a few SIDs: the last one's bytes are kept.
+  if (item.FUserSid != FSidText) {
+    FSidText = item.FUserSid;
+    FSidValid = !FSidText.empty() && TextToSid(FSidText, FSidBuffer);
+  }
+  if (FSidValid)
     item.SetSID(FSidBuffer.data(), static_cast<uint32_t>(FSidBuffer.size()));
   else
     item.SetSID(nullptr, 0);
-  item.FSystemTime = AFields.TimeCreated;
-  item.FKeywords = AFields.Keywords;
-  item.FOpcodeName = AFields.OpcodeName;
-  item.FKeywordNames = AFields.KeywordNames;
+  take(item.FSystemTime, AFields.TimeCreated);
+  take(item.FKeywords, AFields.Keywords);
+  take(item.FOpcodeName, AFields.OpcodeName);
+  take(item.FKeywordNames, AFields.KeywordNames);
   item.FEventIDQual = static_cast<uint16_t>(TextToInt(AFields.EventIDQual));
   item.FVersion = static_cast<uint8_t>(TextToInt(AFields.Version));
   item.FLevel = static_cast<uint8_t>(TextToInt(AFields.Level));

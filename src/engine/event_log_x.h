@@ -172,8 +172,10 @@ protected:
                           uint16_t AEventIdQual, uint8_t AVersion, const TStringList& AStrings);
   // Makes the description the no-description mark followed by the data values, one per line.
   static void MarkNoDescription(TEventXmlFields& AFields);
-  // Fills FItem from the XML and fields of one event; takes AXml's text over.
-  void BuildItem(std::string& AXml, TEventXmlFields& AFields);
+  // Fills FItem from the XML and fields of one event; takes AXml's text over. With
+  // ATakeFields the item also takes the text fields over (swapped: AFields then holds
+  // the item's old strings), for a caller that fills every one of them again.
+  void BuildItem(std::string& AXml, TEventXmlFields& AFields, bool ATakeFields = false);
 
   bool FEventWithoutXml = false; // set by EventNextXML: an event whose XML was not made
   std::array<void*, 100> FEvents{};
@@ -193,6 +195,8 @@ protected:
   TEventXmlFields FFields;
   std::string FXml;
   std::vector<uint8_t> FSidBuffer;
+  std::string FSidText;    // the SID whose bytes FSidBuffer holds
+  bool FSidValid = false;  // and whether it read as one
   int32_t FRecordCounter = 0;
   std::vector<char16_t> FRenderBuffer; // Windows rendering buffer, grows from 8192 bytes
   std::string FCacheSource;            // reused description cache key

@@ -400,10 +400,21 @@ void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart
     v.Type = desc[2];
     v.Offset = pos;
     v.Nested = nullptr;
-    if (!IsVariantCode(v.Type)) RaiseBinXml(std::string());
-    Check(r.Fits(pos, v.Size), "SubArray: too short");
-    uint32_t used = MeasureVariant(v.Type, AChunk.Data() + pos, v.Size, kVarModeSubstitution);
-    Check(used == v.Size, "SubArray: bad size for a child");
+    switch (v.Type) {
+    case 0x00: // null, strings, binary and embedded fragments take their declared size
+    case 0x01: // as MeasureVariant gives it for a substitution: no call for most values
+    case 0x02:
+    case 0x0E:
+    case 0x21:
+      Check(r.Fits(pos, v.Size), "SubArray: too short");
+      break;
+    default: {
+      if (!IsVariantCode(v.Type)) RaiseBinXml(std::string());
+      Check(r.Fits(pos, v.Size), "SubArray: too short");
+      uint32_t used = MeasureVariant(v.Type, AChunk.Data() + pos, v.Size, kVarModeSubstitution);
+      Check(used == v.Size, "SubArray: bad size for a child");
+    }
+    }
     pos += v.Size;
   }
   a->Data = pos - AStart - a->Header;

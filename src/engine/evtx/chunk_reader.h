@@ -79,6 +79,10 @@ struct TChunkResult {
   std::vector<TChunkIssue> Issues; // records that could not be rendered, and where the walk stopped
   uint32_t EmptyBlocksBefore = 0;  // as in the job
   uint64_t SourceRead = 0;
+  // Left by a finisher (TChunkReader::TFinisher) for the consumer: the events it handed
+  // on and the texts of what it met, in order.
+  uint32_t Taken = 0;
+  std::vector<std::string> Notes;
 };
 
 // Replaces every character that XML 1.0 does not allow (codes 0x00-0x08, 0x0B, 0x0C,
@@ -94,9 +98,16 @@ public:
   // reading threads).
   using TConsumer = std::function<void(TChunkResult& AResult)>;
 
+  // Called on the thread that rendered a chunk, right after it, with that thread's
+  // number (0 .. AThreads-1; 0 is the calling thread): work done here runs in parallel,
+  // before the result goes to the consumer.
+  using TFinisher = std::function<void(TChunkResult& AResult, unsigned AWorker)>;
+
   // Runs until the producer is exhausted. AThreads <= 1 renders on the calling thread.
-  // An exception from the producer or consumer stops the run and is raised again here.
-  static void Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads);
+  // An exception from the producer, the finisher or the consumer stops the run and is
+  // raised again here.
+  static void Run(const TProducer& AProducer, const TConsumer& AConsumer, unsigned AThreads,
+                  const TFinisher& AFinisher = {});
 
   // Renders one chunk's bytes (65536) into AResult, reading them first when the job
   // names a file. Raises ENTException when that read fails.

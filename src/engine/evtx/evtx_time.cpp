@@ -31,6 +31,14 @@ void PutPadded(std::string& AOut, int64_t v, int AWidth) {
   AOut.append(buf, end);
 }
 
+// Writes AValue (below 10^AWidth) as exactly AWidth digits at ADest.
+inline void PutDigits(char* ADest, unsigned AValue, int AWidth) {
+  for (int i = AWidth - 1; i >= 0; --i) {
+    ADest[i] = static_cast<char>('0' + AValue % 10);
+    AValue /= 10;
+  }
+}
+
 } // namespace
 
 void AppendFiletimeText(std::string& AOut, uint64_t AFiletime) {
@@ -51,6 +59,21 @@ void AppendFiletimeText(std::string& AOut, uint64_t AFiletime) {
   int64_t year;
   unsigned month, day;
   CivilFromDays(days, year, month, day);
+  if (year >= 0 && year <= 9999) {
+    // Every time a log holds: the text is made in place and appended at once (one of
+    // these is written for every record).
+    char text[28] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0', 'T', '0', '0', ':',
+                     '0', '0', ':', '0', '0', '.', '0', '0', '0', '0', '0', '0', '0', 'Z'};
+    PutDigits(text, static_cast<unsigned>(year), 4);
+    PutDigits(text + 5, month, 2);
+    PutDigits(text + 8, day, 2);
+    PutDigits(text + 11, static_cast<unsigned>(rem / 3600), 2);
+    PutDigits(text + 14, static_cast<unsigned>(rem / 60 % 60), 2);
+    PutDigits(text + 17, static_cast<unsigned>(rem % 60), 2);
+    PutDigits(text + 20, static_cast<unsigned>(f), 7);
+    AOut.append(text, sizeof text);
+    return;
+  }
   PutPadded(AOut, year, 4);
   AOut.push_back('-');
   PutPadded(AOut, month, 2);

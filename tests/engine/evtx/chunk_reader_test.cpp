@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <stdexcept>
 
 namespace qvx {
@@ -80,6 +81,58 @@ TEST(ChunkReader, ControlCharactersInValuesBecomeSpaces) {
   std::string text = "a\x01" "b\tc\r\n\x0B\x1F";
   ReplaceControlCharacters(text);
   EXPECT_EQ(text, "a b\tc\r\n  ");
+}
+
+// The replacement goes 32 bytes at a time where the processor allows: every byte value
+// at every position of texts around that size, with the plain loop as the reference.
+TEST(ChunkReader, ControlCharactersReplacedAtEveryPosition) {
+  for (size_t length : {1u, 31u, 32u, 33u, 63u, 64u, 65u, 100u}) {
+    for (size_t at = 0; at < length; ++at) {
+      for (int byte = 0; byte < 256; byte += 3) {
+        std::string text(length, 'x');
+        text[at] = static_cast<char>(byte);
+        const bool bad = byte < 0x20 && byte != '\t' && byte != '\n' && byte != '\r';
+        std::string expected = text;
+        if (bad) expected[at] = ' ';
+        ReplaceControlCharacters(text);
+        ASSERT_EQ(text, expected) << "byte " << byte << " at " << at << " of " << length;
+      }
+    }
+  }
+}
+
+// A finisher runs on the thread that rendered each chunk, before the consumer sees it,
+// and the consumer still gets the results in order.
+TEST(ChunkReader, FinisherRunsBeforeTheConsumerInOrder) {
+  auto file = MakeEvtxFile(30, 5);
+  for (unsigned threads : {1u, 2u, 4u}) {
+    size_t next = 0;
+    std::vector<uint64_t> seen;
+    std::vector<unsigned> workers;
+    std::mutex lock;
+    TChunkReader::Run(
+        [&](TChunkJob& AJob) {
+          if (next == 30) return false;
+          AJob.Position = ChunkFileOffset(next++);
+          AJob.Bytes.assign(file.begin() + static_cast<ptrdiff_t>(AJob.Position),
+                            file.begin() + static_cast<ptrdiff_t>(AJob.Position + 65536));
+          return true;
+        },
+        [&](TChunkResult& AResult) {
+          ASSERT_EQ(AResult.Notes.size(), 1u);
+          EXPECT_EQ(AResult.Notes[0], std::to_string(AResult.Sequence) + ":" + std::to_string(AResult.Records));
+          seen.push_back(AResult.Sequence);
+        },
+        threads,
+        [&](TChunkResult& AResult, unsigned AWorker) {
+          AResult.Notes.assign(1, std::to_string(AResult.Sequence) + ":" + std::to_string(AResult.Records));
+          std::lock_guard<std::mutex> guard(lock);
+          workers.push_back(AWorker);
+        });
+    ASSERT_EQ(seen.size(), 30u) << threads;
+    for (size_t i = 0; i < seen.size(); ++i) EXPECT_EQ(seen[i], i);
+    for (unsigned worker : workers) EXPECT_LT(worker, threads);
+  }
 }
 
 TEST(ChunkReader, ProducerFailureStopsTheRunAndIsRaisedAgain) {

@@ -126,6 +126,10 @@ TEST(VariantText, FiletimeHasSevenZeroPaddedDigits) {
   EXPECT_EQ(Render(0x11, b), "2019-03-04T05:06:07.9999999Z");
   // Above 2^63 the value is taken as signed: before 1601, still a full text.
   EXPECT_EQ(FiletimeToText(~0ULL), "1600-12-31T23:59:59.9999999Z");
+  // Four-digit years are made in place; the years around them as before.
+  EXPECT_EQ(FiletimeToText(2650467743999999999ULL), "9999-12-31T23:59:59.9999999Z");
+  EXPECT_EQ(FiletimeToText(2650467744000000000ULL), "10000-01-01T00:00:00.0000000Z");
+  EXPECT_EQ(FiletimeToText(0x7FFFFFFFFFFFFFFFULL), "30828-09-14T02:48:05.4775807Z");
 }
 
 TEST(VariantText, SystemtimeIsIso8601WithMilliseconds) {
