@@ -28,7 +28,7 @@ void PutPadded(std::string& AOut, int64_t v, int AWidth) {
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
   int len = static_cast<int>(end - buf);
   for (int i = len; i < AWidth; ++i) AOut.push_back('0');
-  AOut.append(buf, end);
+  AOut.append(buf, static_cast<size_t>(end - buf)); // (pointer, count): the iterator pair form goes through replace()
 }
 
 // Writes AValue (below 10^AWidth) as exactly AWidth digits at ADest.

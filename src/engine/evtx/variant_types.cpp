@@ -45,7 +45,7 @@ inline void PutHexByte(std::string& AOut, uint8_t b) {
 template <typename T> inline void PutInt(std::string& AOut, T v) {
   char buf[32];
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
-  AOut.append(buf, end);
+  AOut.append(buf, static_cast<size_t>(end - buf)); // (pointer, count): the iterator pair form goes through replace()
 }
 
 template <typename T> inline T Load(const uint8_t* p) {
