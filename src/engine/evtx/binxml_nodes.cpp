@@ -409,6 +409,11 @@ void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart
       Check(r.Fits(pos, v.Size), "SubArray: too short");
       break;
     default: {
+      // A scalar of exactly its size is what MeasureVariant would accept: no call.
+      if (const uint32_t n = VariantScalarSize(v.Type); n != 0 && v.Size == n) {
+        Check(r.Fits(pos, n), "SubArray: too short");
+        break;
+      }
       if (!IsVariantCode(v.Type)) RaiseBinXml(std::string());
       Check(r.Fits(pos, v.Size), "SubArray: too short");
       uint32_t used = MeasureVariant(v.Type, AChunk.Data() + pos, v.Size, kVarModeSubstitution);

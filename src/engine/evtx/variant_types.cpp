@@ -12,17 +12,7 @@
 namespace qvx {
 namespace {
 
-// Bytes taken by one element of the fixed-size scalar types; 0 for the variable ones.
-constexpr uint32_t ScalarSize(uint8_t ACode) {
-  switch (ACode) {
-  case 0x03: case 0x04: return 1;
-  case 0x05: case 0x06: return 2;
-  case 0x07: case 0x08: case 0x0B: case 0x0D: case 0x14: return 4;
-  case 0x09: case 0x0A: case 0x0C: case 0x11: case 0x15: return 8;
-  case 0x0F: case 0x12: return 16;
-  default: return 0;
-  }
-}
+constexpr uint32_t ScalarSize(uint8_t ACode) { return VariantScalarSize(ACode); }
 
 // "VarXX: <what>" with the code in two upper-case hexadecimal digits.
 [[noreturn]] void RaiseVar(uint8_t ACode, const char* AWhat, bool ADash = false) {

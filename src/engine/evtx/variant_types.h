@@ -35,6 +35,20 @@ uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t
 // True when a class exists for ACode.
 bool IsVariantCode(uint8_t ACode);
 
+// Bytes taken by a value of one of the fixed-size scalar codes (0x03 to 0x15 but 0x0E,
+// 0x10, 0x13); 0 for any other code. MeasureVariant accepts such a value of exactly this
+// size without looking at its bytes.
+constexpr uint32_t VariantScalarSize(uint8_t ACode) {
+  switch (ACode) {
+  case 0x03: case 0x04: return 1;
+  case 0x05: case 0x06: return 2;
+  case 0x07: case 0x08: case 0x0B: case 0x0D: case 0x14: return 4;
+  case 0x09: case 0x0A: case 0x0C: case 0x11: case 0x15: return 8;
+  case 0x0F: case 0x12: return 16;
+  default: return 0;
+  }
+}
+
 // The value classes. TVariantTypeCommon keeps what every value has; TVariantType<code>
 // binds a code to the family's parse and text rules.
 class TVariantTypeCommon {
