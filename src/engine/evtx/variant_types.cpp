@@ -27,9 +27,12 @@ constexpr uint32_t ScalarSize(uint8_t ACode) { return VariantScalarSize(ACode); 
 
 const char kHexUpper[] = "0123456789ABCDEF";
 
-inline void PutHexByte(std::string& AOut, uint8_t b) {
-  char s[2] = {kHexUpper[b >> 4], kHexUpper[b & 15]};
-  AOut.append(s, 2);
+// APrefix, then the low ADigits hexadecimal digits of AValue in upper case, in one append
+// (every System element's Keywords is one of these).
+inline void PutHexFixed(std::string& AOut, const char* APrefix, uint64_t AValue, int ADigits) {
+  char s[18] = {APrefix[0], APrefix[1]};
+  for (int i = 0; i < ADigits; ++i) s[2 + i] = kHexUpper[(AValue >> (4 * (ADigits - 1 - i))) & 15];
+  AOut.append(s, static_cast<size_t>(2 + ADigits));
 }
 
 template <typename T> inline void PutInt(std::string& AOut, T v) {
@@ -80,8 +83,22 @@ void PutSid(std::string& AOut, const uint8_t* p) {
   }
 }
 
+// True for the bytes PutAnsiEscaped copies as they are: ASCII but NUL and the five
+// characters XML escapes.
+constexpr bool IsPlainAnsi(uint8_t b) {
+  return b != 0 && b < 0x80 && b != '&' && b != '\'' && b != '"' && b != '<' && b != '>';
+}
+
 void PutAnsiEscaped(std::string& AOut, const uint8_t* p, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i) {
+    // Runs of plain bytes go in one append.
+    uint32_t run = i;
+    while (run < n && IsPlainAnsi(p[run])) ++run;
+    if (run != i) {
+      AOut.append(reinterpret_cast<const char*>(p + i), run - i);
+      i = run;
+      if (i == n) break;
+    }
     uint8_t b = p[i];
     switch (b) {
     case 0: break;
@@ -118,18 +135,14 @@ void PutScalar(std::string& AOut, uint8_t ACode, const uint8_t* p) {
     AppendSystemtimeText(AOut, LoadU16(p), LoadU16(p + 2), LoadU16(p + 6), LoadU16(p + 8), LoadU16(p + 10),
                          LoadU16(p + 12), LoadU16(p + 14));
     break;
-  case 0x14: {
+  case 0x14:
     // "0x" + digits, then the whole text upper-cased: the prefix comes out as "0X".
-    AOut += "0X";
-    for (int i = 3; i >= 0; --i) PutHexByte(AOut, p[i]);
+    PutHexFixed(AOut, "0X", LoadU32(p), 8);
     break;
-  }
-  case 0x15: {
+  case 0x15:
     // Digits upper-cased first, then "0x" put in front: the prefix stays "0x".
-    AOut += "0x";
-    for (int i = 7; i >= 0; --i) PutHexByte(AOut, p[i]);
+    PutHexFixed(AOut, "0x", LoadU64(p), 16);
     break;
-  }
   default: break;
   }
 }
