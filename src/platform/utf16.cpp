@@ -70,8 +70,6 @@ inline char* PutEntity(char* d, const char* AText, size_t ALength) {
   return d + ALength;
 }
 
-// Writes straight into the string's storage: it is grown once for the worst case and
-// cut back to what was written.
 #if defined(__SSE2__)
 // True when the 8 units at p are ASCII that is written as it is (with Escape: none of
 // NUL & ' " < >); their low bytes are then stored at d.
@@ -95,11 +93,9 @@ template <bool Escape> inline bool PutPlainBlock(const uint8_t* p, char* d) {
 }
 #endif
 
-template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
-  const size_t start = AOut.size();
-  AOut.resize(start + kMaxBytesPerUnit * count);
-  char* const base = AOut.data();
-  char* d = base + start;
+// Writes the text of the count units at p to d (room for kMaxBytesPerUnit * count bytes);
+// returns the end of what it wrote.
+template <bool Escape> char* ConvertTo(char* d, const uint8_t* p, size_t count) {
   size_t i = 0;
   // Units handled one at a time up to here before blocks of 8 are tried again.
   size_t single = 0;
@@ -133,7 +129,24 @@ template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t 
     }
     d = PutCodePointRaw(d, NextCodePoint(p, count, i));
   }
-  AOut.resize(static_cast<size_t>(d - base));
+  return d;
+}
+
+// Units converted on the stack and appended as they came out; longer text is written
+// straight into the string's storage, grown once for the worst case (which fills it with
+// zeros first) and cut back to what was written.
+constexpr size_t kStackUnits = 64;
+
+template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
+  if (count <= kStackUnits) {
+    char buf[kStackUnits * kMaxBytesPerUnit];
+    AOut.append(buf, static_cast<size_t>(ConvertTo<Escape>(buf, p, count) - buf));
+    return;
+  }
+  const size_t start = AOut.size();
+  AOut.resize(start + kMaxBytesPerUnit * count);
+  char* const base = AOut.data();
+  AOut.resize(static_cast<size_t>(ConvertTo<Escape>(base + start, p, count) - base));
 }
 
 constexpr uint16_t kCp1252High[32] = {

@@ -35,6 +35,30 @@ TEST(Utf16Decode, EscapingWritesEntitiesAndDropsNul) {
   EXPECT_EQ(out, "&lt;a&amp;&apos;&quot;&gt;\xC3\xA9");
 }
 
+TEST(Utf16Decode, EscapedTextAtTheWorstCaseOfEveryLengthIsWhole) {
+  // '"' takes the most bytes a unit may take (6): short text is converted on the stack,
+  // long text in the string; both end after what is already there.
+  for (size_t count : {size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{200}}) {
+    std::vector<uint8_t> quotes, wide;
+    std::string expectQuotes = "x", expectWide = "x";
+    for (size_t i = 0; i < count; ++i) {
+      quotes.insert(quotes.end(), {'"', 0});
+      wide.insert(wide.end(), {0xAC, 0x20}); // U+20AC, 3 bytes
+      expectQuotes += "&quot;";
+      expectWide += "\xE2\x82\xAC";
+    }
+    std::string out = "x";
+    AppendUtf16Escaped(out, quotes.data(), count);
+    EXPECT_EQ(out, expectQuotes) << count;
+    out = "x";
+    AppendUtf16Escaped(out, wide.data(), count);
+    EXPECT_EQ(out, expectWide) << count;
+    out = "x";
+    AppendUtf16(out, wide.data(), count);
+    EXPECT_EQ(out, expectWide) << count;
+  }
+}
+
 TEST(Utf16Decode, RoundTripThroughUtf8) {
   std::string text = "Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80 \xE2\x82\xAC";
   std::u16string wide = Utf8ToUtf16(text);

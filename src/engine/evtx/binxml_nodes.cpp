@@ -495,14 +495,20 @@ void PutPlaceholder(std::string& AOut, uint16_t AIndex, uint8_t AType, bool AOpt
   AOut.append(AOptional ? ", optional)#" : ")#");
 }
 
+void AppendNestedValue(TRenderer& R, TBXmlSubstValue& v);
+
 // Appends the text of substitution AIndex of AArray (an embedded fragment renders in place).
-void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, uint16_t AIndex) {
+// Inline: it runs for every value of every record, and most are strings.
+inline void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, uint16_t AIndex) {
   Check(AIndex < AArray->Count, "SubArray: index out of bounds");
   TBXmlSubstValue& v = AArray->Values[AIndex];
-  if (v.Type != 0x21) {
-    AppendVariantXml(R.Out, v.Type, R.Chunk.Data() + v.Offset, v.Size, kVarModeSubstitution);
-    return;
-  }
+  if (v.Type == 0x01) AppendUtf16Escaped(R.Out, R.Chunk.Data() + v.Offset, v.Size / 2); // as AppendVariantXml does
+  else if (v.Type != 0x21) AppendVariantXml(R.Out, v.Type, R.Chunk.Data() + v.Offset, v.Size, kVarModeSubstitution);
+  else AppendNestedValue(R, v);
+}
+
+// An embedded fragment (type 0x21) renders in place.
+void AppendNestedValue(TRenderer& R, TBXmlSubstValue& v) {
   if (!v.Size) return;
   if (!v.Nested) {
     v.Nested = MakeRoot(R.Chunk, v.Offset, v.Size);
