@@ -27,12 +27,22 @@ constexpr uint32_t ScalarSize(uint8_t ACode) { return VariantScalarSize(ACode); 
 
 const char kHexUpper[] = "0123456789ABCDEF";
 
-// APrefix, then the low ADigits hexadecimal digits of AValue in upper case, in one append
-// (every System element's Keywords is one of these).
+// Grows AOut by ALength bytes and returns where they start. Fixed-size text is written
+// there in place: built on the stack byte by byte and appended, it is read back in wide
+// loads that must wait for those byte stores (a stall for every GUID, time and hex value).
+inline char* GrowBy(std::string& AOut, size_t ALength) {
+  const size_t at = AOut.size();
+  AOut.resize(at + ALength);
+  return AOut.data() + at;
+}
+
+// APrefix, then the low ADigits hexadecimal digits of AValue in upper case (every System
+// element's Keywords is one of these).
 inline void PutHexFixed(std::string& AOut, const char* APrefix, uint64_t AValue, int ADigits) {
-  char s[18] = {APrefix[0], APrefix[1]};
+  char* s = GrowBy(AOut, static_cast<size_t>(2 + ADigits));
+  s[0] = APrefix[0];
+  s[1] = APrefix[1];
   for (int i = 0; i < ADigits; ++i) s[2 + i] = kHexUpper[(AValue >> (4 * (ADigits - 1 - i))) & 15];
-  AOut.append(s, static_cast<size_t>(2 + ADigits));
 }
 
 template <typename T> inline void PutInt(std::string& AOut, T v) {
@@ -50,7 +60,7 @@ template <typename T> inline T Load(const uint8_t* p) {
 void PutGuid(std::string& AOut, const uint8_t* p) {
   uint32_t d1 = LoadU32(p);
   uint16_t d2 = LoadU16(p + 4), d3 = LoadU16(p + 6);
-  char s[38];
+  char* s = GrowBy(AOut, 38);
   s[0] = '{';
   for (int i = 0; i < 8; ++i) s[1 + i] = kHexUpper[(d1 >> (28 - 4 * i)) & 15];
   s[9] = '-';
@@ -65,7 +75,6 @@ void PutGuid(std::string& AOut, const uint8_t* p) {
     s[k++] = kHexUpper[p[i] & 15];
   }
   s[37] = '}';
-  AOut.append(s, 38);
 }
 
 void PutSid(std::string& AOut, const uint8_t* p) {
