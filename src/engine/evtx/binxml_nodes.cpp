@@ -603,7 +603,7 @@ struct TCompiler {
       Ops.back().TextLength += static_cast<uint32_t>(AText.size());
     } else {
       Ops.push_back(
-          {static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr, nullptr, 0});
+          {static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr, nullptr, 0, 0});
     }
     Text.append(AText);
   }
@@ -721,8 +721,13 @@ struct TCompiler {
         Ok = false;
         return;
       }
-      Ops.push_back({static_cast<uint32_t>(Text.size()), 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E,
-                     Pending, nullptr, 0});
+      const auto at = static_cast<uint32_t>(Text.size());
+      Ops.push_back({at, 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E, Pending, nullptr, 0, at});
+      if (Pending) {
+        Text.push_back(' ');
+        Text.append(Pending->Text);
+        Text.append("=\"");
+      }
       ++Substitutions;
       Pending = nullptr;
       return;
@@ -761,11 +766,7 @@ void RunProgram(TRenderer& R, const TBXmlTemplateNode* T, const TBXmlSubstArrayN
     }
     Check(R.Budget-- > 0, "BinXML output too large");
     const size_t mark = R.Out.size();
-    if (op.Attribute) {
-      R.Out.push_back(' ');
-      R.Out.append(op.Attribute->Text);
-      R.Out.append("=\"");
-    }
+    if (op.Attribute) R.Out.append(text.data() + op.AttributeTextOffset, op.Attribute->Text.size() + 3);
     const size_t valueStart = R.Out.size();
     if (op.Element && AArray && op.Index < AArray->Count && IsArrayCode(AArray->Values[op.Index].Type)) {
       AppendRepeatedItems(R, op.Element, text.substr(op.StartTagOffset, op.TextOffset - op.StartTagOffset),
