@@ -741,8 +741,21 @@ struct TCompiler {
   }
 };
 
+constexpr size_t kKeptCompilerBytes = 256 * 1024;
+
 void CompileTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
-  TCompiler c;
+  // One compiler per thread, so its text and ops keep their capacity from one template
+  // to the next instead of growing again for each.
+  // What one huge template made it grow to is let go at the next.
+  thread_local TCompiler c;
+  if (c.Text.capacity() > kKeptCompilerBytes) std::string().swap(c.Text);
+  if (c.Ops.capacity() * sizeof(TBXmlOp) > kKeptCompilerBytes) std::vector<TBXmlOp>().swap(c.Ops);
+  c.Text.clear();
+  c.Ops.clear();
+  c.Pending = nullptr;
+  c.Ok = true;
+  c.Steps = 0;
+  c.Substitutions = 0;
   c.List(ATemplate->FirstChild, 0);
   if (!c.Ok || c.Pending) {
     ATemplate->ProgramState = 2;
