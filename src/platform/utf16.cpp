@@ -99,6 +99,9 @@ template <bool Escape> char* ConvertTo(char* d, const uint8_t* p, size_t count) 
   size_t i = 0;
   // Units handled one at a time up to here before blocks of 8 are tried again.
   size_t single = 0;
+#if defined(__SSE2__)
+  char* const start = d;
+#endif
   while (i < count) {
 #if defined(__SSE2__)
     if (i >= single) {
@@ -106,6 +109,12 @@ template <bool Escape> char* ConvertTo(char* d, const uint8_t* p, size_t count) 
         i += 8;
         d += 8;
         continue;
+      }
+      // The last few units of text of 8 or more, all written a byte per unit so far: the
+      // block of the last 8 units, overlapping what is written, writes the same bytes again.
+      if (count - i < 8 && count >= 8 && static_cast<size_t>(d - start) == i &&
+          PutPlainBlock<Escape>(p + 2 * (count - 8), d - (8 - (count - i)))) {
+        return d + (count - i);
       }
       single = i + 8; // text that is not plain ASCII tends to go on for a while
     }
