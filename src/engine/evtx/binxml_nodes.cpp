@@ -503,6 +503,7 @@ inline void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, ui
   Check(AIndex < AArray->Count, "SubArray: index out of bounds");
   TBXmlSubstValue& v = AArray->Values[AIndex];
   if (v.Type == 0x01) AppendUtf16Escaped(R.Out, R.Chunk.Data() + v.Offset, v.Size / 2); // as AppendVariantXml does
+  else if (VariantScalarSize(v.Type) != 0) AppendScalarXml(R.Out, v.Type, R.Chunk.Data() + v.Offset);
   else if (v.Type != 0x21) AppendVariantXml(R.Out, v.Type, R.Chunk.Data() + v.Offset, v.Size, kVarModeSubstitution);
   else AppendNestedValue(R, v);
 }

@@ -123,8 +123,9 @@ void PutAnsiEscaped(std::string& AOut, const uint8_t* p, uint32_t n) {
   }
 }
 
-// Text of one fixed-size scalar at p (ScalarSize(ACode) bytes are there).
-void PutScalar(std::string& AOut, uint8_t ACode, const uint8_t* p) {
+} // namespace
+
+void AppendScalarXml(std::string& AOut, uint8_t ACode, const uint8_t* p) {
   switch (ACode) {
   case 0x03: PutInt(AOut, static_cast<int>(static_cast<int8_t>(p[0]))); break;
   case 0x04: PutInt(AOut, static_cast<unsigned>(p[0])); break;
@@ -156,7 +157,6 @@ void PutScalar(std::string& AOut, uint8_t ACode, const uint8_t* p) {
   }
 }
 
-} // namespace
 
 void RaiseBinXml(const std::string& AMessage) { throw EBinXMLLogReadingException(AMessage); }
 
@@ -254,7 +254,7 @@ void AppendArrayNumbered(std::string& AOut, uint8_t ACode, const uint8_t* AData,
     PutInt(AOut, index++);
     AOut += "] ";
     if (ACode == 0x81) AppendUtf16Escaped(AOut, AItem, ASize / 2);
-    else PutScalar(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
+    else AppendScalarXml(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
   });
 }
 
@@ -302,7 +302,7 @@ void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, ui
     break;
   }
   if (ScalarSize(ACode)) {
-    PutScalar(AOut, ACode, AData);
+    AppendScalarXml(AOut, ACode, AData);
     return;
   }
   if (ACode == 0x81 || ACode >= 0x83) AppendArrayNumbered(AOut, ACode, AData, AUsed);
@@ -314,7 +314,7 @@ uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t
   ForEachArrayItem(ACode, AData, AUsed, [&](const uint8_t* AItem, uint32_t ASize) {
     if (count++) AOut.append(ASeparator);
     if (ACode == 0x81) AppendUtf16Escaped(AOut, AItem, ASize / 2);
-    else PutScalar(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
+    else AppendScalarXml(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
   });
   return count;
 }

@@ -26,6 +26,10 @@ uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uin
 // rendered by the binary XML decoder, not here; this appends nothing for it.
 void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed, uint32_t AMode);
 
+// Appends the text of a fixed-size scalar (VariantScalarSize(ACode) bytes at AData, not
+// checked), as AppendVariantXml does for it; nothing for any other code.
+void AppendScalarXml(std::string& AOut, uint8_t ACode, const uint8_t* AData);
+
 // Appends the items of an array value (0x81, 0x83 and up) that MeasureVariant accepted,
 // each as its own XML text, with ASeparator between two items; returns the item count.
 // Used where an array is the whole content of an element, which then repeats per item.
