@@ -70,8 +70,6 @@ inline char* PutEntity(char* d, const char* AText, size_t ALength) {
   return d + ALength;
 }
 
-// Writes straight into the string's storage: it is grown once for the worst case and
-// cut back to what was written.
 #if defined(__SSE2__)
 // True when the 8 units at p are ASCII that is written as it is (with Escape: none of
 // NUL & ' " < >); their low bytes are then stored at d.
@@ -95,14 +93,15 @@ template <bool Escape> inline bool PutPlainBlock(const uint8_t* p, char* d) {
 }
 #endif
 
-template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
-  const size_t start = AOut.size();
-  AOut.resize(start + kMaxBytesPerUnit * count);
-  char* const base = AOut.data();
-  char* d = base + start;
+// Writes the text of the count units at p to d (room for kMaxBytesPerUnit * count bytes);
+// returns the end of what it wrote.
+template <bool Escape> char* ConvertTo(char* d, const uint8_t* p, size_t count) {
   size_t i = 0;
   // Units handled one at a time up to here before blocks of 8 are tried again.
   size_t single = 0;
+#if defined(__SSE2__)
+  char* const start = d;
+#endif
   while (i < count) {
 #if defined(__SSE2__)
     if (i >= single) {
@@ -110,6 +109,12 @@ template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t 
         i += 8;
         d += 8;
         continue;
+      }
+      // The last few units of text of 8 or more, all written a byte per unit so far: the
+      // block of the last 8 units, overlapping what is written, writes the same bytes again.
+      if (count - i < 8 && count >= 8 && static_cast<size_t>(d - start) == i &&
+          PutPlainBlock<Escape>(p + 2 * (count - 8), d - (8 - (count - i)))) {
+        return d + (count - i);
       }
       single = i + 8; // text that is not plain ASCII tends to go on for a while
     }
@@ -133,7 +138,24 @@ template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t 
     }
     d = PutCodePointRaw(d, NextCodePoint(p, count, i));
   }
-  AOut.resize(static_cast<size_t>(d - base));
+  return d;
+}
+
+// Units converted on the stack and appended as they came out; longer text is written
+// straight into the string's storage, grown once for the worst case (which fills it with
+// zeros first) and cut back to what was written.
+constexpr size_t kStackUnits = 64;
+
+template <bool Escape> void Convert(std::string& AOut, const uint8_t* p, size_t count) {
+  if (count <= kStackUnits) {
+    char buf[kStackUnits * kMaxBytesPerUnit];
+    AOut.append(buf, static_cast<size_t>(ConvertTo<Escape>(buf, p, count) - buf));
+    return;
+  }
+  const size_t start = AOut.size();
+  AOut.resize(start + kMaxBytesPerUnit * count);
+  char* const base = AOut.data();
+  AOut.resize(static_cast<size_t>(ConvertTo<Escape>(base + start, p, count) - base));
 }
 
 constexpr uint16_t kCp1252High[32] = {

@@ -35,6 +35,70 @@ TEST(Utf16Decode, EscapingWritesEntitiesAndDropsNul) {
   EXPECT_EQ(out, "&lt;a&amp;&apos;&quot;&gt;\xC3\xA9");
 }
 
+TEST(Utf16Decode, EscapedTextAtTheWorstCaseOfEveryLengthIsWhole) {
+  // '"' takes the most bytes a unit may take (6): short text is converted on the stack,
+  // long text in the string; both end after what is already there.
+  for (size_t count : {size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{200}}) {
+    std::vector<uint8_t> quotes, wide;
+    std::string expectQuotes = "x", expectWide = "x";
+    for (size_t i = 0; i < count; ++i) {
+      quotes.insert(quotes.end(), {'"', 0});
+      wide.insert(wide.end(), {0xAC, 0x20}); // U+20AC, 3 bytes
+      expectQuotes += "&quot;";
+      expectWide += "\xE2\x82\xAC";
+    }
+    std::string out = "x";
+    AppendUtf16Escaped(out, quotes.data(), count);
+    EXPECT_EQ(out, expectQuotes) << count;
+    out = "x";
+    AppendUtf16Escaped(out, wide.data(), count);
+    EXPECT_EQ(out, expectWide) << count;
+    out = "x";
+    AppendUtf16(out, wide.data(), count);
+    EXPECT_EQ(out, expectWide) << count;
+  }
+}
+
+// What AppendUtf16Escaped gives for text without surrogates, one unit at a time.
+std::string EscapedByUnit(const std::u16string& AText) {
+  std::string out;
+  for (char16_t c : AText) {
+    switch (c) {
+    case 0: break;
+    case '&': out += "&amp;"; break;
+    case '\'': out += "&apos;"; break;
+    case '"': out += "&quot;"; break;
+    case '<': out += "&lt;"; break;
+    case '>': out += "&gt;"; break;
+    default:
+      if (c < 0x80) out.push_back(static_cast<char>(c));
+      else if (c < 0x800) out += {static_cast<char>(0xC0 | (c >> 6)), static_cast<char>(0x80 | (c & 0x3F))};
+      else
+        out += {static_cast<char>(0xE0 | (c >> 12)), static_cast<char>(0x80 | ((c >> 6) & 0x3F)),
+                static_cast<char>(0x80 | (c & 0x3F))};
+    }
+  }
+  return out;
+}
+
+TEST(Utf16Decode, EveryLengthAndPlaceOfAnOddUnitMatchesTheUnitByUnitText) {
+  // Plain text of 1 to 24 units with one unit to escape, drop or encode at each place:
+  // the blocks of 8, the overlapping last block and the unit-by-unit path must agree.
+  for (char16_t odd : {u'<', u'&', u'\0', u'\u00E9', u'\u20AC', u'"'}) {
+    for (size_t count = 1; count <= 24; ++count) {
+      for (size_t at = 0; at <= count; ++at) { // at == count: no odd unit
+        std::u16string text;
+        for (size_t i = 0; i < count; ++i) text.push_back(i == at ? odd : static_cast<char16_t>('a' + i));
+        std::vector<uint8_t> bytes;
+        for (char16_t c : text) bytes.insert(bytes.end(), {static_cast<uint8_t>(c), static_cast<uint8_t>(c >> 8)});
+        std::string out = "x";
+        AppendUtf16Escaped(out, bytes.data(), count);
+        EXPECT_EQ(out, "x" + EscapedByUnit(text)) << "count " << count << " at " << at;
+      }
+    }
+  }
+}
+
 TEST(Utf16Decode, RoundTripThroughUtf8) {
   std::string text = "Gr\xC3\xBC\xC3\x9F" "e \xF0\x9F\x98\x80 \xE2\x82\xAC";
   std::u16string wide = Utf8ToUtf16(text);

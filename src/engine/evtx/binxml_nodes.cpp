@@ -409,6 +409,11 @@ void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart
       Check(r.Fits(pos, v.Size), "SubArray: too short");
       break;
     default: {
+      // A scalar of exactly its size is what MeasureVariant would accept: no call.
+      if (const uint32_t n = VariantScalarSize(v.Type); n != 0 && v.Size == n) {
+        Check(r.Fits(pos, n), "SubArray: too short");
+        break;
+      }
       if (!IsVariantCode(v.Type)) RaiseBinXml(std::string());
       Check(r.Fits(pos, v.Size), "SubArray: too short");
       uint32_t used = MeasureVariant(v.Type, AChunk.Data() + pos, v.Size, kVarModeSubstitution);
@@ -490,14 +495,21 @@ void PutPlaceholder(std::string& AOut, uint16_t AIndex, uint8_t AType, bool AOpt
   AOut.append(AOptional ? ", optional)#" : ")#");
 }
 
+void AppendNestedValue(TRenderer& R, TBXmlSubstValue& v);
+
 // Appends the text of substitution AIndex of AArray (an embedded fragment renders in place).
-void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, uint16_t AIndex) {
+// Inline: it runs for every value of every record, and most are strings.
+inline void AppendSubstValue(TRenderer& R, const TBXmlSubstArrayNode* AArray, uint16_t AIndex) {
   Check(AIndex < AArray->Count, "SubArray: index out of bounds");
   TBXmlSubstValue& v = AArray->Values[AIndex];
-  if (v.Type != 0x21) {
-    AppendVariantXml(R.Out, v.Type, R.Chunk.Data() + v.Offset, v.Size, kVarModeSubstitution);
-    return;
-  }
+  if (v.Type == 0x01) AppendUtf16Escaped(R.Out, R.Chunk.Data() + v.Offset, v.Size / 2); // as AppendVariantXml does
+  else if (VariantScalarSize(v.Type) != 0) AppendScalarXml(R.Out, v.Type, R.Chunk.Data() + v.Offset);
+  else if (v.Type != 0x21) AppendVariantXml(R.Out, v.Type, R.Chunk.Data() + v.Offset, v.Size, kVarModeSubstitution);
+  else AppendNestedValue(R, v);
+}
+
+// An embedded fragment (type 0x21) renders in place.
+void AppendNestedValue(TRenderer& R, TBXmlSubstValue& v) {
   if (!v.Size) return;
   if (!v.Nested) {
     v.Nested = MakeRoot(R.Chunk, v.Offset, v.Size);
@@ -592,7 +604,7 @@ struct TCompiler {
       Ops.back().TextLength += static_cast<uint32_t>(AText.size());
     } else {
       Ops.push_back(
-          {static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr, nullptr, 0});
+          {static_cast<uint32_t>(Text.size()), static_cast<uint32_t>(AText.size()), 0, 0, false, nullptr, nullptr, 0, 0});
     }
     Text.append(AText);
   }
@@ -710,8 +722,13 @@ struct TCompiler {
         Ok = false;
         return;
       }
-      Ops.push_back({static_cast<uint32_t>(Text.size()), 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E,
-                     Pending, nullptr, 0});
+      const auto at = static_cast<uint32_t>(Text.size());
+      Ops.push_back({at, 0, d->Index, d->ValueType, d->Kind == TBXmlKind::bkChild0E, Pending, nullptr, 0, at});
+      if (Pending) {
+        Text.push_back(' ');
+        Text.append(Pending->Text);
+        Text.append("=\"");
+      }
       ++Substitutions;
       Pending = nullptr;
       return;
@@ -725,8 +742,21 @@ struct TCompiler {
   }
 };
 
+constexpr size_t kKeptCompilerBytes = 256 * 1024;
+
 void CompileTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
-  TCompiler c;
+  // One compiler per thread, so its text and ops keep their capacity from one template
+  // to the next instead of growing again for each.
+  // What one huge template made it grow to is let go at the next.
+  thread_local TCompiler c;
+  if (c.Text.capacity() > kKeptCompilerBytes) std::string().swap(c.Text);
+  if (c.Ops.capacity() * sizeof(TBXmlOp) > kKeptCompilerBytes) std::vector<TBXmlOp>().swap(c.Ops);
+  c.Text.clear();
+  c.Ops.clear();
+  c.Pending = nullptr;
+  c.Ok = true;
+  c.Steps = 0;
+  c.Substitutions = 0;
   c.List(ATemplate->FirstChild, 0);
   if (!c.Ok || c.Pending) {
     ATemplate->ProgramState = 2;
@@ -750,11 +780,7 @@ void RunProgram(TRenderer& R, const TBXmlTemplateNode* T, const TBXmlSubstArrayN
     }
     Check(R.Budget-- > 0, "BinXML output too large");
     const size_t mark = R.Out.size();
-    if (op.Attribute) {
-      R.Out.push_back(' ');
-      R.Out.append(op.Attribute->Text);
-      R.Out.append("=\"");
-    }
+    if (op.Attribute) R.Out.append(text.data() + op.AttributeTextOffset, op.Attribute->Text.size() + 3);
     const size_t valueStart = R.Out.size();
     if (op.Element && AArray && op.Index < AArray->Count && IsArrayCode(AArray->Values[op.Index].Type)) {
       AppendRepeatedItems(R, op.Element, text.substr(op.StartTagOffset, op.TextOffset - op.StartTagOffset),

@@ -142,6 +142,9 @@ struct TBXmlOp {
   // text (it ends at TextOffset). An array value then repeats the element per item.
   const TBXmlNameStringNode* Element;
   uint32_t StartTagOffset;
+  // With an attribute: where " Name=\"" (its name's length + 3 bytes) starts in the
+  // program's text, so the renderer copies it in one piece. No literal op covers it.
+  uint32_t AttributeTextOffset = 0;
 };
 
 class TBXmlTemplateNode : public TBXmlNodeCommon {

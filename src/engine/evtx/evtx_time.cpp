@@ -3,6 +3,7 @@
 #include "engine/evtx/evtx_layout.h"
 
 #include <charconv>
+#include <cstring>
 
 namespace qvx {
 
@@ -28,7 +29,7 @@ void PutPadded(std::string& AOut, int64_t v, int AWidth) {
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
   int len = static_cast<int>(end - buf);
   for (int i = len; i < AWidth; ++i) AOut.push_back('0');
-  AOut.append(buf, end);
+  AOut.append(buf, static_cast<size_t>(end - buf)); // (pointer, count): the iterator pair form goes through replace()
 }
 
 // Writes AValue (below 10^AWidth) as exactly AWidth digits at ADest.
@@ -60,10 +61,12 @@ void AppendFiletimeText(std::string& AOut, uint64_t AFiletime) {
   unsigned month, day;
   CivilFromDays(days, year, month, day);
   if (year >= 0 && year <= 9999) {
-    // Every time a log holds: the text is made in place and appended at once (one of
-    // these is written for every record).
-    char text[28] = {'0', '0', '0', '0', '-', '0', '0', '-', '0', '0', 'T', '0', '0', ':',
-                     '0', '0', ':', '0', '0', '.', '0', '0', '0', '0', '0', '0', '0', 'Z'};
+    // Every time a log holds (one of these is written for every record): the text is made
+    // in place in the output, not on the stack, whose byte stores a copy would wait for.
+    const size_t at = AOut.size();
+    AOut.resize(at + 28);
+    char* text = AOut.data() + at;
+    std::memcpy(text, "0000-00-00T00:00:00.0000000Z", 28);
     PutDigits(text, static_cast<unsigned>(year), 4);
     PutDigits(text + 5, month, 2);
     PutDigits(text + 8, day, 2);
@@ -71,7 +74,6 @@ void AppendFiletimeText(std::string& AOut, uint64_t AFiletime) {
     PutDigits(text + 14, static_cast<unsigned>(rem / 60 % 60), 2);
     PutDigits(text + 17, static_cast<unsigned>(rem % 60), 2);
     PutDigits(text + 20, static_cast<unsigned>(f), 7);
-    AOut.append(text, sizeof text);
     return;
   }
   PutPadded(AOut, year, 4);

@@ -12,17 +12,7 @@
 namespace qvx {
 namespace {
 
-// Bytes taken by one element of the fixed-size scalar types; 0 for the variable ones.
-constexpr uint32_t ScalarSize(uint8_t ACode) {
-  switch (ACode) {
-  case 0x03: case 0x04: return 1;
-  case 0x05: case 0x06: return 2;
-  case 0x07: case 0x08: case 0x0B: case 0x0D: case 0x14: return 4;
-  case 0x09: case 0x0A: case 0x0C: case 0x11: case 0x15: return 8;
-  case 0x0F: case 0x12: return 16;
-  default: return 0;
-  }
-}
+constexpr uint32_t ScalarSize(uint8_t ACode) { return VariantScalarSize(ACode); }
 
 // "VarXX: <what>" with the code in two upper-case hexadecimal digits.
 [[noreturn]] void RaiseVar(uint8_t ACode, const char* AWhat, bool ADash = false) {
@@ -37,15 +27,28 @@ constexpr uint32_t ScalarSize(uint8_t ACode) {
 
 const char kHexUpper[] = "0123456789ABCDEF";
 
-inline void PutHexByte(std::string& AOut, uint8_t b) {
-  char s[2] = {kHexUpper[b >> 4], kHexUpper[b & 15]};
-  AOut.append(s, 2);
+// Grows AOut by ALength bytes and returns where they start. Fixed-size text is written
+// there in place: built on the stack byte by byte and appended, it is read back in wide
+// loads that must wait for those byte stores (a stall for every GUID, time and hex value).
+inline char* GrowBy(std::string& AOut, size_t ALength) {
+  const size_t at = AOut.size();
+  AOut.resize(at + ALength);
+  return AOut.data() + at;
+}
+
+// APrefix, then the low ADigits hexadecimal digits of AValue in upper case (every System
+// element's Keywords is one of these).
+inline void PutHexFixed(std::string& AOut, const char* APrefix, uint64_t AValue, int ADigits) {
+  char* s = GrowBy(AOut, static_cast<size_t>(2 + ADigits));
+  s[0] = APrefix[0];
+  s[1] = APrefix[1];
+  for (int i = 0; i < ADigits; ++i) s[2 + i] = kHexUpper[(AValue >> (4 * (ADigits - 1 - i))) & 15];
 }
 
 template <typename T> inline void PutInt(std::string& AOut, T v) {
   char buf[32];
   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, v);
-  AOut.append(buf, end);
+  AOut.append(buf, static_cast<size_t>(end - buf)); // (pointer, count): the iterator pair form goes through replace()
 }
 
 template <typename T> inline T Load(const uint8_t* p) {
@@ -57,7 +60,7 @@ template <typename T> inline T Load(const uint8_t* p) {
 void PutGuid(std::string& AOut, const uint8_t* p) {
   uint32_t d1 = LoadU32(p);
   uint16_t d2 = LoadU16(p + 4), d3 = LoadU16(p + 6);
-  char s[38];
+  char* s = GrowBy(AOut, 38);
   s[0] = '{';
   for (int i = 0; i < 8; ++i) s[1 + i] = kHexUpper[(d1 >> (28 - 4 * i)) & 15];
   s[9] = '-';
@@ -72,7 +75,6 @@ void PutGuid(std::string& AOut, const uint8_t* p) {
     s[k++] = kHexUpper[p[i] & 15];
   }
   s[37] = '}';
-  AOut.append(s, 38);
 }
 
 void PutSid(std::string& AOut, const uint8_t* p) {
@@ -90,8 +92,22 @@ void PutSid(std::string& AOut, const uint8_t* p) {
   }
 }
 
+// True for the bytes PutAnsiEscaped copies as they are: ASCII but NUL and the five
+// characters XML escapes.
+constexpr bool IsPlainAnsi(uint8_t b) {
+  return b != 0 && b < 0x80 && b != '&' && b != '\'' && b != '"' && b != '<' && b != '>';
+}
+
 void PutAnsiEscaped(std::string& AOut, const uint8_t* p, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i) {
+    // Runs of plain bytes go in one append.
+    uint32_t run = i;
+    while (run < n && IsPlainAnsi(p[run])) ++run;
+    if (run != i) {
+      AOut.append(reinterpret_cast<const char*>(p + i), run - i);
+      i = run;
+      if (i == n) break;
+    }
     uint8_t b = p[i];
     switch (b) {
     case 0: break;
@@ -107,8 +123,9 @@ void PutAnsiEscaped(std::string& AOut, const uint8_t* p, uint32_t n) {
   }
 }
 
-// Text of one fixed-size scalar at p (ScalarSize(ACode) bytes are there).
-void PutScalar(std::string& AOut, uint8_t ACode, const uint8_t* p) {
+} // namespace
+
+void AppendScalarXml(std::string& AOut, uint8_t ACode, const uint8_t* p) {
   switch (ACode) {
   case 0x03: PutInt(AOut, static_cast<int>(static_cast<int8_t>(p[0]))); break;
   case 0x04: PutInt(AOut, static_cast<unsigned>(p[0])); break;
@@ -128,23 +145,18 @@ void PutScalar(std::string& AOut, uint8_t ACode, const uint8_t* p) {
     AppendSystemtimeText(AOut, LoadU16(p), LoadU16(p + 2), LoadU16(p + 6), LoadU16(p + 8), LoadU16(p + 10),
                          LoadU16(p + 12), LoadU16(p + 14));
     break;
-  case 0x14: {
+  case 0x14:
     // "0x" + digits, then the whole text upper-cased: the prefix comes out as "0X".
-    AOut += "0X";
-    for (int i = 3; i >= 0; --i) PutHexByte(AOut, p[i]);
+    PutHexFixed(AOut, "0X", LoadU32(p), 8);
     break;
-  }
-  case 0x15: {
+  case 0x15:
     // Digits upper-cased first, then "0x" put in front: the prefix stays "0x".
-    AOut += "0x";
-    for (int i = 7; i >= 0; --i) PutHexByte(AOut, p[i]);
+    PutHexFixed(AOut, "0x", LoadU64(p), 16);
     break;
-  }
   default: break;
   }
 }
 
-} // namespace
 
 void RaiseBinXml(const std::string& AMessage) { throw EBinXMLLogReadingException(AMessage); }
 
@@ -242,7 +254,7 @@ void AppendArrayNumbered(std::string& AOut, uint8_t ACode, const uint8_t* AData,
     PutInt(AOut, index++);
     AOut += "] ";
     if (ACode == 0x81) AppendUtf16Escaped(AOut, AItem, ASize / 2);
-    else PutScalar(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
+    else AppendScalarXml(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
   });
 }
 
@@ -290,7 +302,7 @@ void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, ui
     break;
   }
   if (ScalarSize(ACode)) {
-    PutScalar(AOut, ACode, AData);
+    AppendScalarXml(AOut, ACode, AData);
     return;
   }
   if (ACode == 0x81 || ACode >= 0x83) AppendArrayNumbered(AOut, ACode, AData, AUsed);
@@ -302,7 +314,7 @@ uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t
   ForEachArrayItem(ACode, AData, AUsed, [&](const uint8_t* AItem, uint32_t ASize) {
     if (count++) AOut.append(ASeparator);
     if (ACode == 0x81) AppendUtf16Escaped(AOut, AItem, ASize / 2);
-    else PutScalar(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
+    else AppendScalarXml(AOut, static_cast<uint8_t>(ACode - 0x80), AItem);
   });
   return count;
 }

@@ -26,6 +26,10 @@ uint32_t MeasureVariant(uint8_t ACode, const uint8_t* AData, uint32_t ASize, uin
 // rendered by the binary XML decoder, not here; this appends nothing for it.
 void AppendVariantXml(std::string& AOut, uint8_t ACode, const uint8_t* AData, uint32_t AUsed, uint32_t AMode);
 
+// Appends the text of a fixed-size scalar (VariantScalarSize(ACode) bytes at AData, not
+// checked), as AppendVariantXml does for it; nothing for any other code.
+void AppendScalarXml(std::string& AOut, uint8_t ACode, const uint8_t* AData);
+
 // Appends the items of an array value (0x81, 0x83 and up) that MeasureVariant accepted,
 // each as its own XML text, with ASeparator between two items; returns the item count.
 // Used where an array is the whole content of an element, which then repeats per item.
@@ -34,6 +38,20 @@ uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t
 
 // True when a class exists for ACode.
 bool IsVariantCode(uint8_t ACode);
+
+// Bytes taken by a value of one of the fixed-size scalar codes (0x03 to 0x15 but 0x0E,
+// 0x10, 0x13); 0 for any other code. MeasureVariant accepts such a value of exactly this
+// size without looking at its bytes.
+constexpr uint32_t VariantScalarSize(uint8_t ACode) {
+  switch (ACode) {
+  case 0x03: case 0x04: return 1;
+  case 0x05: case 0x06: return 2;
+  case 0x07: case 0x08: case 0x0B: case 0x0D: case 0x14: return 4;
+  case 0x09: case 0x0A: case 0x0C: case 0x11: case 0x15: return 8;
+  case 0x0F: case 0x12: return 16;
+  default: return 0;
+  }
+}
 
 // The value classes. TVariantTypeCommon keeps what every value has; TVariantType<code>
 // binds a code to the family's parse and text rules.

@@ -101,6 +101,22 @@ TEST(VariantText, SubstitutionStringsAreEscapedAndLoseNuls) {
   EXPECT_EQ(Render(0x02, {'x', '<', 0x80}), "x&lt;\xE2\x82\xAC");
 }
 
+TEST(VariantText, AnsiTextKeepsPlainRunsAndEscapesBetweenThem) {
+  // Plain runs at the start, the middle and the end, broken by every byte that is not copied.
+  const std::string in = std::string("ab") + '\0' + "cd&ef'\"<>gh" + '\x80' + '\xE9' + "ij" + '\x9F';
+  std::vector<uint8_t> bytes(in.begin(), in.end());
+  EXPECT_EQ(Render(0x02, bytes), "abcd&amp;ef&apos;&quot;&lt;&gt;gh\xE2\x82\xAC\xC3\xA9ij\xC5\xB8");
+  EXPECT_EQ(Render(0x02, {'>'}), "&gt;");
+  EXPECT_EQ(Render(0x02, {0}), "");
+  EXPECT_EQ(Render(0x02, {}), "");
+}
+
+TEST(VariantText, HexIntegersShowEveryDigit) {
+  EXPECT_EQ(Render(0x14, {0xEF, 0xCD, 0xAB, 0x89}), "0X89ABCDEF");
+  EXPECT_EQ(Render(0x15, {0x10, 0x32, 0x54, 0x76, 0x98, 0xBA, 0xDC, 0xFE}), "0xFEDCBA9876543210");
+  EXPECT_EQ(Render(0x15, {0, 0, 0, 0, 0, 0, 0, 0x80}), "0x8000000000000000");
+}
+
 TEST(VariantText, FloatingPointIsShortestRoundTrip) {
   float f = 1.5f;
   std::vector<uint8_t> fb(4);
