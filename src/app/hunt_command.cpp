@@ -337,7 +337,6 @@ public:
                AOptions.Width ? AOptions.Width : TerminalWidth(AOut)) {
     if (AOptions.Format == TOutputFormat::ofCsv)
       FBuffer.append("time,level,rule_title,rule_author,rule_id,computer,event_id,record,channel,file,matched\r\n");
-    if (AOptions.Threads > 0) FPool = std::make_unique<THuntPool>(ARules, AOptions.Threads);
   }
 
   void Input(const std::string& APath) {
@@ -657,7 +656,9 @@ private:
   }
 
   void Test(TEventItemX& AItem, const std::string& APath, TNamedValues* ANamed = nullptr) {
-    if (FPool) {
+    if (FOptions.Threads > 0) {
+      // Made for the first event read one by one (a whole .evtx file is not: EvtxByChunk).
+      if (!FPool) FPool = std::make_unique<THuntPool>(FRules, FOptions.Threads);
       Queue(AItem, APath, ANamed);
       return;
     }
@@ -714,7 +715,7 @@ private:
   uint64_t FByLevel[slCritical + 1] = {};
   std::map<const TSigmaRule*, uint64_t> FByRule;
   int FStatus = 0;
-  std::unique_ptr<THuntPool> FPool; // null: events are tested as they are read
+  std::unique_ptr<THuntPool> FPool; // null: events are tested as they are read (or none yet)
 
   // A thread's share of EvtxByChunk, kept from file to file.
   struct TChunkHunter {
