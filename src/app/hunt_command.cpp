@@ -517,6 +517,7 @@ private:
     // made, nor its XML when its values can be read straight from the binary XML.
     source->SetSystemFieldsOnly(true);
     source->SetNamedValues(true);
+    source->SetTaskAndUserNames(false); // no detection line shows them
 #ifndef _WIN32 // there, the system's own metadata is looked up per source, as events does
     if (FOptions.ByChunk && !scan && source->EvtxFile()) {
       EvtxByChunk(*source, APath);
@@ -537,6 +538,7 @@ private:
       ApplyTimeZone(hunter->Source, FOptions.TimeZone);
       hunter->Source.SetSystemFieldsOnly(true);
       hunter->Source.SetNamedValues(true);
+      hunter->Source.SetTaskAndUserNames(false);
       FChunkHunters.push_back(std::move(hunter));
     }
     FChunksFound.clear();

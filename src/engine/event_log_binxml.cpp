@@ -367,7 +367,7 @@ void TEventLogBinXML::TakeFieldsEvent(std::string& AXml, TEventXmlFields& AField
     AFields.Strings.clear();
     AFields.BinaryData.clear();
     if (span.Plan == 0xFFFFFFFF) AXml.assign(fields[rfValues]);
-    ResolveTaskAndUser(AFields);
+    if (FTaskAndUserNames) ResolveTaskAndUser(AFields);
     return;
   }
   if (span.Plan != 0xFFFFFFFF) {
