@@ -8,6 +8,7 @@
 
 #include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
+#include "engine/evtx/chunk_reader.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
 #include "view/detection_store.h"
@@ -95,6 +96,104 @@ void MatchedShort(const TDetection& ADetection, std::string& AOut) {
     if (!AOut.empty()) AOut.append("; ");
     AOut.append(name).append("=").append(value.substr(0, 512));
   }
+}
+
+// "Field":"value" pairs; a field matched with several values gets a list.
+void AppendMatchedJson(std::string& AOut, const TDetection& ADetection) {
+  const auto& matched = ADetection.Matched;
+  bool first = true;
+  for (size_t i = 0; i < matched.size(); ++i) {
+    bool seen = false;
+    for (size_t j = 0; j < i && !seen; ++j) seen = matched[j].first == matched[i].first;
+    if (seen) continue;
+    size_t count = 0;
+    for (size_t j = i; j < matched.size(); ++j) count += matched[j].first == matched[i].first;
+    if (!first) AOut.push_back(',');
+    first = false;
+    AppendJsonString(AOut, matched[i].first);
+    AOut.push_back(':');
+    if (count == 1) {
+      AppendJsonString(AOut, matched[i].second);
+      continue;
+    }
+    AOut.push_back('[');
+    bool firstValue = true;
+    for (size_t j = i; j < matched.size(); ++j) {
+      if (matched[j].first != matched[i].first) continue;
+      if (!firstValue) AOut.push_back(',');
+      firstValue = false;
+      AppendJsonString(AOut, matched[j].second);
+    }
+    AOut.push_back(']');
+  }
+}
+
+// A detection's line of JSON Lines or CSV (ACell is room for the CSV's matched values).
+void AppendDetectionLine(std::string& AOut, TOutputFormat AFormat, const TDetection& ADetection,
+                         const TEventInfo& AInfo, std::string& ACell) {
+  const TSigmaRule& rule = *ADetection.Rule;
+  if (AFormat == TOutputFormat::ofJsonl) {
+    AOut.append("{\"rule_id\":");
+    AppendJsonString(AOut, rule.Id);
+    AOut.append(",\"rule_title\":");
+    AppendJsonString(AOut, rule.Title);
+    AOut.append(",\"rule_author\":");
+    AppendJsonString(AOut, rule.Author);
+    AOut.append(",\"level\":");
+    AppendJsonString(AOut, LevelName(rule.Level));
+    AOut.append(",\"status\":");
+    AppendJsonString(AOut, rule.Status);
+    AOut.append(",\"tags\":[");
+    for (size_t i = 0; i < rule.Tags.size(); ++i) {
+      if (i) AOut.push_back(',');
+      AppendJsonString(AOut, rule.Tags[i]);
+    }
+    AOut.append("],\"record\":").append(std::to_string(AInfo.Record));
+    AOut.append(",\"event_id\":").append(std::to_string(AInfo.EventId));
+    AOut.append(",\"time\":");
+    AppendJsonString(AOut, AInfo.TimeIso);
+    AOut.append(",\"computer\":");
+    AppendJsonString(AOut, AInfo.Computer);
+    AOut.append(",\"channel\":");
+    AppendJsonString(AOut, AInfo.Channel);
+    AOut.append(",\"file\":");
+    AppendJsonString(AOut, *AInfo.File);
+    AOut.append(",\"matched\":{");
+    AppendMatchedJson(AOut, ADetection);
+    AOut.append("}}\n");
+    return;
+  }
+  AppendCsvField(AOut, AInfo.Time);
+  AOut.push_back(',');
+  AppendCsvField(AOut, LevelName(rule.Level));
+  for (const std::string* text : {&rule.Title, &rule.Author, &rule.Id}) {
+    AOut.push_back(',');
+    AppendCsvField(AOut, *text);
+  }
+  AOut.push_back(',');
+  AppendCsvField(AOut, AInfo.Computer);
+  AOut.append(",").append(std::to_string(AInfo.EventId)).append(",").append(std::to_string(AInfo.Record));
+  AOut.push_back(',');
+  AppendCsvField(AOut, AInfo.Channel);
+  AOut.push_back(',');
+  AppendCsvField(AOut, *AInfo.File);
+  AOut.push_back(',');
+  MatchedShort(ADetection, ACell);
+  AppendCsvField(AOut, ACell);
+  AOut.append("\r\n");
+}
+
+// What a detection line says about the event handed out last by its source.
+void FillEventInfo(const TEventItemX& AItem, const std::string& APath, TEventInfo& AInfo) {
+  AInfo.Record = AItem.FEventRecordID;
+  AInfo.EventId = AItem.FEventID;
+  AppendDayCountText(AInfo.Time, AItem.GetTimeGenerated());
+  AppendDayCountText(AInfo.TimeIso, AItem.GetTimeGenerated(), 'T');
+  const TEventLogBase* owner = AItem.Owner();
+  AppendOffsetText(AInfo.TimeIso, owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0);
+  AInfo.Computer = AItem.FComputername;
+  AInfo.Channel = AItem.FChannel;
+  AInfo.File = &APath;
 }
 
 // An event read ahead of the hunters, with what a detection line says about it.
@@ -238,7 +337,6 @@ public:
                AOptions.Width ? AOptions.Width : TerminalWidth(AOut)) {
     if (AOptions.Format == TOutputFormat::ofCsv)
       FBuffer.append("time,level,rule_title,rule_author,rule_id,computer,event_id,record,channel,file,matched\r\n");
-    if (AOptions.Threads > 0) FPool = std::make_unique<THuntPool>(ARules, AOptions.Threads);
   }
 
   void Input(const std::string& APath) {
@@ -280,8 +378,7 @@ public:
     if (FOptions.Quiet) return written;
     std::fprintf(FErr, "hunt: %llu detection%s in %llu events read (%llu tested against %zu rules)\n",
                  static_cast<unsigned long long>(FDetections), FDetections == 1 ? "" : "s",
-                 static_cast<unsigned long long>(FHunter.EventsRead() + (FPool ? FPool->EventsRead() : 0)),
-                 static_cast<unsigned long long>(FHunter.EventsTested() + (FPool ? FPool->EventsTested() : 0)),
+                 static_cast<unsigned long long>(EventsRead()), static_cast<unsigned long long>(EventsTested()),
                  FRules.Rules().size());
     if (FDetections) {
       std::fputs("By level:\n", FErr);
@@ -310,6 +407,18 @@ public:
   }
 
   int Status() const { return FStatus; }
+
+private:
+  uint64_t EventsRead() const {
+    uint64_t n = FHunter.EventsRead() + (FPool ? FPool->EventsRead() : 0);
+    for (const auto& hunter : FChunkHunters) n += hunter->Hunter.EventsRead();
+    return n;
+  }
+  uint64_t EventsTested() const {
+    uint64_t n = FHunter.EventsTested() + (FPool ? FPool->EventsTested() : 0);
+    for (const auto& hunter : FChunkHunters) n += hunter->Hunter.EventsTested();
+    return n;
+  }
 
 private:
   void Fail(const std::string& AText) {
@@ -408,7 +517,82 @@ private:
     // made, nor its XML when its values can be read straight from the binary XML.
     source->SetSystemFieldsOnly(true);
     source->SetNamedValues(true);
+    source->SetTaskAndUserNames(false); // no detection line shows them
+#ifndef _WIN32 // there, the system's own metadata is looked up per source, as events does
+    if (FOptions.ByChunk && !scan && source->EvtxFile()) {
+      EvtxByChunk(*source, APath);
+      return;
+    }
+#endif
     ReadSource(*source, APath);
+  }
+
+  // As ReadSource, with the work spread by chunk instead of by stage: each thread renders
+  // a chunk, reads its events' values, tests them with a hunter of its own and makes the
+  // chunk's detection lines; this thread writes them in the chunks' order and counts them.
+  // The output is the same.
+  void EvtxByChunk(TEventLogBinXML& ASource, const std::string& APath) {
+    const unsigned threads = std::min(FOptions.Threads, 64u) + 1; // the calling thread renders too
+    while (FChunkHunters.size() < threads) {
+      auto hunter = std::make_unique<TChunkHunter>(FRules);
+      ApplyTimeZone(hunter->Source, FOptions.TimeZone);
+      hunter->Source.SetSystemFieldsOnly(true);
+      hunter->Source.SetNamedValues(true);
+      hunter->Source.SetTaskAndUserNames(false);
+      FChunkHunters.push_back(std::move(hunter));
+    }
+    FChunksFound.clear();
+    const uint64_t firstChunk = ASource.ChunkIndex();
+    const bool table = FOptions.Format == TOutputFormat::ofTable;
+    TChunkReader::Run(
+        ASource.ChunkProducer(),
+        [&](TChunkResult& AResult) {
+          for (const std::string& note : AResult.Notes) ASource.IssueList().AddIssue(note);
+          TChunkFound found;
+          {
+            std::lock_guard<std::mutex> lock(FChunksLock);
+            auto it = FChunksFound.find(AResult.Sequence);
+            if (it == FChunksFound.end()) return;
+            found = std::move(it->second);
+            FChunksFound.erase(it);
+          }
+          for (const TSigmaRule* rule : found.Rules) Count(*rule);
+          for (const TChunkFound::TRow& row : found.Rows)
+            AddTableRow(*row.Rule, row.Time, row.Computer, std::to_string(row.EventId), row.Matched);
+          if (found.Text.empty()) return;
+          FBuffer.append(found.Text);
+          if (FBuffer.size() > 256 * 1024) Flush();
+        },
+        threads,
+        [&](TChunkResult& AResult, unsigned AWorker) {
+          TChunkHunter& worker = *FChunkHunters[AWorker];
+          TChunkFound found;
+          worker.Source.TakeChunk(AResult, firstChunk + AResult.Sequence, [&](TEventItemX& AItem) {
+            const TNamedValues* named = worker.Source.NamedValues();
+            const auto detections = named ? worker.Hunter.Test(AItem.FChannel, AItem.FEventID, *named)
+                                          : worker.Hunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
+            if (detections.empty()) return;
+            TEventInfo info;
+            FillEventInfo(AItem, APath, info);
+            for (const TDetection& detection : detections) {
+              found.Rules.push_back(detection.Rule);
+              if (!table) {
+                AppendDetectionLine(found.Text, FOptions.Format, detection, info, worker.Cell);
+                continue;
+              }
+              TChunkFound::TRow& row = found.Rows.emplace_back();
+              row.Rule = detection.Rule;
+              row.Time = info.Time;
+              row.Computer = info.Computer;
+              row.EventId = info.EventId;
+              MatchedShort(detection, row.Matched);
+            }
+          });
+          if (found.Rules.empty()) return;
+          std::lock_guard<std::mutex> lock(FChunksLock);
+          FChunksFound[AResult.Sequence] = std::move(found);
+        });
+    ReportIssues(ASource.IssueList(), APath);
   }
 
   void Scan(const std::string& APath) {
@@ -474,7 +658,9 @@ private:
   }
 
   void Test(TEventItemX& AItem, const std::string& APath, TNamedValues* ANamed = nullptr) {
-    if (FPool) {
+    if (FOptions.Threads > 0) {
+      // Made for the first event read one by one (a whole .evtx file is not: EvtxByChunk).
+      if (!FPool) FPool = std::make_unique<THuntPool>(FRules, FOptions.Threads);
       Queue(AItem, APath, ANamed);
       return;
     }
@@ -482,116 +668,34 @@ private:
                                    : FHunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
     if (detections.empty()) return;
     TEventInfo info;
-    info.Record = AItem.FEventRecordID;
-    info.EventId = AItem.FEventID;
-    AppendDayCountText(info.Time, AItem.GetTimeGenerated());
-    AppendDayCountText(info.TimeIso, AItem.GetTimeGenerated(), 'T');
-    const TEventLogBase* owner = AItem.Owner();
-    AppendOffsetText(info.TimeIso, owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0);
-    info.Computer = AItem.FComputername;
-    info.Channel = AItem.FChannel;
-    info.File = &APath;
+    FillEventInfo(AItem, APath, info);
     for (const TDetection& detection : detections) Write(detection, info);
+  }
+
+  // Counts a detection for the closing summary.
+  void Count(const TSigmaRule& ARule) {
+    ++FDetections;
+    ++FByLevel[ARule.Level];
+    ++FByRule[&ARule];
   }
 
   void Write(const TDetection& ADetection, const TEventInfo& AInfo) {
     const TSigmaRule& rule = *ADetection.Rule;
-    ++FDetections;
-    ++FByLevel[rule.Level];
-    ++FByRule[&rule];
-    switch (FOptions.Format) {
-    case TOutputFormat::ofJsonl: {
-      FBuffer.append("{\"rule_id\":");
-      AppendJsonString(FBuffer, rule.Id);
-      FBuffer.append(",\"rule_title\":");
-      AppendJsonString(FBuffer, rule.Title);
-      FBuffer.append(",\"rule_author\":");
-      AppendJsonString(FBuffer, rule.Author);
-      FBuffer.append(",\"level\":");
-      AppendJsonString(FBuffer, LevelName(rule.Level));
-      FBuffer.append(",\"status\":");
-      AppendJsonString(FBuffer, rule.Status);
-      FBuffer.append(",\"tags\":[");
-      for (size_t i = 0; i < rule.Tags.size(); ++i) {
-        if (i) FBuffer.push_back(',');
-        AppendJsonString(FBuffer, rule.Tags[i]);
-      }
-      FBuffer.append("],\"record\":").append(std::to_string(AInfo.Record));
-      FBuffer.append(",\"event_id\":").append(std::to_string(AInfo.EventId));
-      FBuffer.append(",\"time\":");
-      AppendJsonString(FBuffer, AInfo.TimeIso);
-      FBuffer.append(",\"computer\":");
-      AppendJsonString(FBuffer, AInfo.Computer);
-      FBuffer.append(",\"channel\":");
-      AppendJsonString(FBuffer, AInfo.Channel);
-      FBuffer.append(",\"file\":");
-      AppendJsonString(FBuffer, *AInfo.File);
-      FBuffer.append(",\"matched\":{");
-      AppendMatchedJson(ADetection);
-      FBuffer.append("}}\n");
-      break;
-    }
-    case TOutputFormat::ofCsv: {
-      AppendCsvField(FBuffer, AInfo.Time);
-      FBuffer.push_back(',');
-      AppendCsvField(FBuffer, LevelName(rule.Level));
-      for (const std::string* text : {&rule.Title, &rule.Author, &rule.Id}) {
-        FBuffer.push_back(',');
-        AppendCsvField(FBuffer, *text);
-      }
-      FBuffer.push_back(',');
-      AppendCsvField(FBuffer, AInfo.Computer);
-      FBuffer.append(",").append(std::to_string(AInfo.EventId)).append(",").append(std::to_string(AInfo.Record));
-      FBuffer.push_back(',');
-      AppendCsvField(FBuffer, AInfo.Channel);
-      FBuffer.push_back(',');
-      AppendCsvField(FBuffer, *AInfo.File);
-      FBuffer.push_back(',');
+    Count(rule);
+    if (FOptions.Format == TOutputFormat::ofTable) {
       MatchedShort(ADetection, FCell);
-      AppendCsvField(FBuffer, FCell);
-      FBuffer.append("\r\n");
-      break;
-    }
-    default: {
-      FRuleCell = rule.Title;
-      FRuleCell.append(" (").append(rule.Author.empty() ? "unknown author" : rule.Author).append(")");
-      MatchedShort(ADetection, FCell);
-      const std::string id = std::to_string(AInfo.EventId);
-      FTable.AddRow({AInfo.Time, LevelName(rule.Level), FRuleCell, AInfo.Computer, id, FCell});
-      break;
-    }
+      AddTableRow(rule, AInfo.Time, AInfo.Computer, std::to_string(AInfo.EventId), FCell);
+    } else {
+      AppendDetectionLine(FBuffer, FOptions.Format, ADetection, AInfo, FCell);
     }
     if (FBuffer.size() > 256 * 1024) Flush();
   }
 
-  // "Field":"value" pairs; a field matched with several values gets a list.
-  void AppendMatchedJson(const TDetection& ADetection) {
-    const auto& matched = ADetection.Matched;
-    bool first = true;
-    for (size_t i = 0; i < matched.size(); ++i) {
-      bool seen = false;
-      for (size_t j = 0; j < i && !seen; ++j) seen = matched[j].first == matched[i].first;
-      if (seen) continue;
-      size_t count = 0;
-      for (size_t j = i; j < matched.size(); ++j) count += matched[j].first == matched[i].first;
-      if (!first) FBuffer.push_back(',');
-      first = false;
-      AppendJsonString(FBuffer, matched[i].first);
-      FBuffer.push_back(':');
-      if (count == 1) {
-        AppendJsonString(FBuffer, matched[i].second);
-        continue;
-      }
-      FBuffer.push_back('[');
-      bool firstValue = true;
-      for (size_t j = i; j < matched.size(); ++j) {
-        if (matched[j].first != matched[i].first) continue;
-        if (!firstValue) FBuffer.push_back(',');
-        firstValue = false;
-        AppendJsonString(FBuffer, matched[j].second);
-      }
-      FBuffer.push_back(']');
-    }
+  void AddTableRow(const TSigmaRule& ARule, std::string_view ATime, std::string_view AComputer, std::string_view AId,
+                   std::string_view AMatched) {
+    FRuleCell = ARule.Title;
+    FRuleCell.append(" (").append(ARule.Author.empty() ? "unknown author" : ARule.Author).append(")");
+    FTable.AddRow({ATime, LevelName(ARule.Level), FRuleCell, AComputer, AId, AMatched});
   }
 
   bool Flush() {
@@ -613,7 +717,29 @@ private:
   uint64_t FByLevel[slCritical + 1] = {};
   std::map<const TSigmaRule*, uint64_t> FByRule;
   int FStatus = 0;
-  std::unique_ptr<THuntPool> FPool; // null: events are tested as they are read
+  std::unique_ptr<THuntPool> FPool; // null: events are tested as they are read (or none yet)
+
+  // A thread's share of EvtxByChunk, kept from file to file.
+  struct TChunkHunter {
+    explicit TChunkHunter(const TRuleSet& ARules) : Hunter(ARules) {}
+    TEventLogBinXML Source;
+    THunter Hunter;
+    std::string Cell;
+  };
+  // The detections of a chunk's events, left by the thread that tested them for the writer.
+  struct TChunkFound {
+    struct TRow { // of the table
+      const TSigmaRule* Rule = nullptr;
+      std::string Time, Computer, Matched;
+      uint32_t EventId = 0;
+    };
+    std::vector<const TSigmaRule*> Rules; // one per detection, in order
+    std::string Text;                     // their lines (JSON Lines, CSV)
+    std::vector<TRow> Rows;               // table
+  };
+  std::vector<std::unique_ptr<TChunkHunter>> FChunkHunters;
+  std::mutex FChunksLock;
+  std::map<uint64_t, TChunkFound> FChunksFound; // by chunk sequence; only the chunks in flight
 };
 
 // The rule set of the last run, left for the process's end.

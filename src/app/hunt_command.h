@@ -27,6 +27,10 @@ struct THuntOptions {
   unsigned Width = 0;
   bool Quiet = false;                // no summary on stderr
   bool RuleCache = true;             // parsed rule files kept in the user's cache folder
+  // A whole .evtx file is tested chunk by chunk on every thread (each renders a chunk,
+  // tests its events and makes their lines); off, event by event as other inputs are.
+  // The output is the same either way.
+  bool ByChunk = true;
 };
 
 // Loads the rules of AOptions (rule files and folders), reporting those that cannot be

@@ -352,7 +352,8 @@ int main(int argc, char** argv) {
   cmdHunt->add_option("--offset", huntOffset,
                       "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
   cmdHunt->add_option("-t,--threads", hunt.Threads,
-                      "Threads decoding chunks, and as many testing rules, beside the reader (0 = none)")
+                      "Threads beside the reader (0 = none): each of them and the reader takes a whole chunk "
+                      "of an .evtx file; for other inputs they decode chunks, and as many test rules")
       ->default_val(std::thread::hardware_concurrency() > 1 ? 1 : 0);
   cmdHunt->add_option("--width", hunt.Width, "Table width in columns (default: the terminal's)");
   cmdHunt->add_flag("-q,--quiet", hunt.Quiet, "No summary on stderr");

@@ -339,6 +339,11 @@ void TEventLogBinXML::TakeFieldsEvent(std::string& AXml, TEventXmlFields& AField
     if (FTakingChunk) ATo.swap(AFrom);
     else ATo.assign(AFrom);
   };
+  // The pairs are made from the record's fields too: before they are taken.
+  if (FNamedValues && span.Plan != 0xFFFFFFFF) {
+    TakeRecordNamedValues(FChunk, span, FNamed);
+    FHaveNamed = true;
+  }
   take(AFields.ProviderName, fields[rfProviderName]);
   take(AFields.EventID, fields[rfEventID]);
   take(AFields.EventIDQual, fields[rfEventIDQual]);
@@ -361,13 +366,8 @@ void TEventLogBinXML::TakeFieldsEvent(std::string& AXml, TEventXmlFields& AField
     // As FillFields with SystemFieldsOnly: no data strings, binary data or description.
     AFields.Strings.clear();
     AFields.BinaryData.clear();
-    if (span.Plan != 0xFFFFFFFF) {
-      TakeRecordNamedValues(FChunk, span, FNamed);
-      FHaveNamed = true;
-    } else {
-      AXml.assign(fields[rfValues]);
-    }
-    ResolveTaskAndUser(AFields);
+    if (span.Plan == 0xFFFFFFFF) AXml.assign(fields[rfValues]);
+    if (FTaskAndUserNames) ResolveTaskAndUser(AFields);
     return;
   }
   if (span.Plan != 0xFFFFFFFF) {

@@ -70,6 +70,9 @@ public:
   // The pairs of the event handed out last, null when it came with its XML instead (the
   // caller may take them, swapping in room of its own).
   TNamedValues* NamedValues() { return FHaveNamed ? &FNamed : nullptr; }
+  // Off: an event handed out with its pairs (SetNamedValues) has no task or user name
+  // looked up (its task number and SID stay), for a reader that shows neither. On by default.
+  void SetTaskAndUserNames(bool AOn) { FTaskAndUserNames = AOn; }
   // Whether an event without a description carries its data values, one per line, after
   // the no-description mark in its message (the default); off, the message is the mark
   // alone. For readers that never show the message of such an event.
@@ -124,6 +127,7 @@ protected:
   bool FNamedValues = false;
   bool FHaveNamed = false;
   TNamedValues FNamed;
+  bool FTaskAndUserNames = true;
   bool FValuesForMissingDescription = true;
   bool FTakingChunk = false; // TakeChunk: the chunk's strings are this thread's
   uint64_t FEventsReadFromXml = 0;
