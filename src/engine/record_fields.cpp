@@ -554,6 +554,22 @@ void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::string*
   }
 }
 
+// Hands each item of the array value AValue to AEach, as its text (escaped as in XML); an
+// empty array gives one empty item.
+template <typename F> void ForEachArrayItem(const TValueSet& AValues, const TBXmlSubstValue& AValue, F&& AEach) {
+  std::string& items = AValues.Scratch;
+  items.clear();
+  AppendVariantArrayItems(items, AValue.Type, AValues.Data + AValue.Offset, AValue.Size, "<");
+  ReplaceControlCharacters(items);
+  size_t pos = 0;
+  for (;;) {
+    const size_t end = items.find('<', pos);
+    AEach(std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos));
+    if (end == std::string::npos) break;
+    pos = end + 1;
+  }
+}
+
 // Makes an event's data values from its plan and values into AFields.Strings.
 void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
   TStringList& values = AFields.Strings;
@@ -563,19 +579,7 @@ void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlField
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
-        std::string& items = AValues.Scratch;
-        items.clear();
-        AppendVariantArrayItems(items, v.Type, AValues.Data + v.Offset, v.Size, "<");
-        ReplaceControlCharacters(items);
-        size_t pos = 0;
-        for (;;) {
-          const size_t end = items.find('<', pos);
-          const std::string_view item =
-              std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
-          AppendXmlUnescaped(NextListValue(values, count), item);
-          if (end == std::string::npos) break;
-          pos = end + 1;
-        }
+        ForEachArrayItem(AValues, v, [&](std::string_view AItem) { AppendXmlUnescaped(NextListValue(values, count), AItem); });
         continue;
       }
     }
@@ -615,21 +619,11 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
-        std::string& items = AValues.Scratch;
-        items.clear();
-        AppendVariantArrayItems(items, v.Type, AValues.Data + v.Offset, v.Size, "<");
-        ReplaceControlCharacters(items);
-        size_t pos = 0;
-        for (;;) {
-          const size_t end = items.find('<', pos);
-          const std::string_view item =
-              std::string_view(items).substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        ForEachArrayItem(AValues, v, [&](std::string_view AItem) {
           AOut.Begin(source.Kind, name, attr, source.NameId);
-          AppendXmlUnescaped(AOut.Text(), item);
+          AppendXmlUnescaped(AOut.Text(), AItem);
           AOut.End();
-          if (end == std::string::npos) break;
-          pos = end + 1;
-        }
+        });
         continue;
       }
     }
