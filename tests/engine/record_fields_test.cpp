@@ -57,26 +57,33 @@ struct TReading {
   size_t XmlSeen = 0; // events that came with their XML
 };
 
-TReading ReadAll(const std::string& APath, bool AWithoutXml, unsigned AThreads = 0) {
+// Reads every event of ALog (set up, not opened) from APath; AEach describes one event
+// and counts it in XmlSeen when it came with its XML.
+template <typename F> TReading ReadEach(TEventLogBinXML& ALog, const std::string& APath, F&& AEach) {
   TReading reading;
-  TEventLogBinXML log;
-  log.SetReadAhead(AThreads);
-  log.SetWithoutXml(AWithoutXml);
-  log.SetBackupFileName(APath);
-  log.SetActive(true);
-  if (!log.Active()) return reading;
-  while (TEventItemBase* item = log.EventNext()) {
+  ALog.SetBackupFileName(APath);
+  ALog.SetActive(true);
+  if (!ALog.Active()) return reading;
+  while (TEventItemBase* item = ALog.EventNext()) {
     if (item == TEventLogX::UndeliverableMarker()) {
       reading.Events.push_back("+");
       continue;
     }
-    auto& x = static_cast<TEventItemX&>(*item);
-    reading.Events.push_back(Describe(x));
-    if (!x.FEvtXML.empty()) ++reading.XmlSeen;
+    reading.Events.push_back(AEach(static_cast<TEventItemX&>(*item), reading.XmlSeen));
   }
-  reading.Issues = log.IssueList().Lines();
-  reading.FromXml = log.EventsReadFromXml();
+  reading.Issues = ALog.IssueList().Lines();
+  reading.FromXml = ALog.EventsReadFromXml();
   return reading;
+}
+
+TReading ReadAll(const std::string& APath, bool AWithoutXml, unsigned AThreads = 0) {
+  TEventLogBinXML log;
+  log.SetReadAhead(AThreads);
+  log.SetWithoutXml(AWithoutXml);
+  return ReadEach(log, APath, [](TEventItemX& AItem, size_t& AXmlSeen) {
+    if (!AItem.FEvtXML.empty()) ++AXmlSeen;
+    return Describe(AItem);
+  });
 }
 
 // The (name, value) pairs of one event as the hunt reads them, as one text.
@@ -105,28 +112,16 @@ std::string NamedOfXml(std::string_view AXml) {
 // The hunt's reading of APath: system fields and (name, value) pairs of every event,
 // from its XML (ANamed false) or straight from the binary XML where it can be.
 TReading ReadNamed(const std::string& APath, bool ANamed, unsigned AThreads = 0) {
-  TReading reading;
   TEventLogBinXML log;
   log.SetReadAhead(AThreads);
   log.SetSystemFieldsOnly(true);
   log.SetNamedValues(ANamed);
-  log.SetBackupFileName(APath);
-  log.SetActive(true);
-  if (!log.Active()) return reading;
-  while (TEventItemBase* item = log.EventNext()) {
-    if (item == TEventLogX::UndeliverableMarker()) {
-      reading.Events.push_back("+");
-      continue;
-    }
-    auto& x = static_cast<TEventItemX&>(*item);
+  return ReadEach(log, APath, [&log](TEventItemX& AItem, size_t& AXmlSeen) {
     const TNamedValues* named = log.NamedValues();
-    EXPECT_NE(named == nullptr, x.FEvtXML.empty());
-    reading.Events.push_back(Describe(x) + "\n" + (named ? DescribeNamed(*named) : NamedOfXml(x.FEvtXML)));
-    if (!named) ++reading.XmlSeen;
-  }
-  reading.Issues = log.IssueList().Lines();
-  reading.FromXml = log.EventsReadFromXml();
-  return reading;
+    EXPECT_NE(named == nullptr, AItem.FEvtXML.empty());
+    if (!named) ++AXmlSeen;
+    return Describe(AItem) + "\n" + (named ? DescribeNamed(*named) : NamedOfXml(AItem.FEvtXML));
+  });
 }
 
 // The hunt's reading both ways; gives the direct reading.
