@@ -401,8 +401,8 @@ uint64_t DefinitionKey(const uint8_t* ADefinition, int ADepth) {
   return h ^ (h >> 29);
 }
 
-constexpr size_t kTemplateCacheEntries = 4096;
-constexpr size_t kTemplateCacheBytes = 16 * 1024 * 1024;
+constexpr size_t kTemplateCacheEntries = kBXmlTemplateCacheEntries;
+constexpr size_t kTemplateCacheBytes = kBXmlTemplateCacheBytes;
 constexpr size_t kTemplateCacheBlock = 512 * 1024;
 constexpr size_t kVariantsPerKey = 8;
 

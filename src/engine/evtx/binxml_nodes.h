@@ -261,6 +261,8 @@ struct TBXmlTemplateCacheInfo {
   uint64_t Misses = 0; // definitions parsed that the cache could have held
 };
 TBXmlTemplateCacheInfo BXmlTemplateCacheInfo();
+inline constexpr size_t kBXmlTemplateCacheEntries = 4096;
+inline constexpr size_t kBXmlTemplateCacheBytes = 16 * 1024 * 1024;
 // Sets the calling thread's limits (entries, bytes) and empties its cache; for tests.
 void SetBXmlTemplateCacheLimits(size_t AMaxEntries, size_t AMaxBytes);
 
