@@ -357,13 +357,16 @@ uint32_t ParseStream(TParser& P, TBXmlNodeCommon* AParent, uint32_t AStart, uint
 // are the same and every name resolves as it did: an inline name (at or after its node)
 // to the same bytes, which are then registered with the chunk as the parse would; an
 // earlier one to a name the chunk already holds with the same text. The parse then
-// would build the same nodes and the compiler the same program. Definitions that hold
-// template instances or embedded fragments (which depend on more of the chunk than
-// their names) are not kept.
+// would build the same nodes and the compiler the same program. The bytes that hold a
+// name's chunk offset, and the unread "next string" offset of a name written right after
+// its node, are left out of the comparison: the same template lies at other offsets in
+// other chunks, its names with it, and only what the names read as matters. Definitions
+// that hold template instances or embedded fragments (which depend on more of the chunk
+// than their names) are not kept.
 
 struct TCachedName {
   uint32_t NodeRel;    // the naming node's offset from the definition's
-  uint32_t NameOffset; // chunk offset of the name string
+  uint32_t FieldRel;   // where the node's name offset lies in Definition
   uint32_t Size;       // the name string's size (inline names)
   uint32_t RawAt;      // inline names: bytes 4 .. 8 + 2 * count of the string, in Blob
   uint32_t RawLength;
@@ -380,6 +383,8 @@ struct TCachedTemplate {
   const char* Program;
   const TBXmlOp* Ops;        // Attribute and Element null; their names are in OpNames
   const uint32_t* OpNames;   // per op: Attribute's and Element's name index, or kNone
+  const uint32_t* Skips;     // where 4 bytes of Definition may differ (sorted), see below
+  uint32_t SkipCount;
   uint32_t DefinitionLength;
   uint32_t NameCount;
   uint32_t ProgramLength;
@@ -487,13 +492,19 @@ TBXmlTemplateNode* TemplateFromCache(TEvtxChunk& AChunk, uint32_t AOffset, int A
   auto found = cache.Entries.find(DefinitionKey(definition, ADepth));
   if (found == cache.Entries.end()) return nullptr;
   const TCachedTemplate* match = nullptr;
-  for (uint8_t i = 0; i < found->second.Count; ++i) {
+  for (uint8_t i = 0; i < found->second.Count && !match; ++i) {
     const TCachedTemplate* variant = found->second.List[i];
-    if (variant->Depth == ADepth && variant->DefinitionLength == length &&
-        std::memcmp(variant->Definition, definition, length) == 0) {
-      match = variant;
-      break;
+    if (variant->Depth != ADepth || variant->DefinitionLength != length) continue;
+    // The bytes between the skipped ones must be the same.
+    size_t at = 0;
+    bool same = true;
+    for (uint32_t k = 0; k < variant->SkipCount && same; ++k) {
+      const size_t skip = variant->Skips[k];
+      if (skip > at) same = std::memcmp(variant->Definition + at, definition + at, skip - at) == 0;
+      at = std::max(at, skip + 4);
     }
+    if (same && at < length) same = std::memcmp(variant->Definition + at, definition + at, length - at) == 0;
+    if (same) match = variant;
   }
   if (!match) return nullptr;
   const TCachedTemplate& e = *match;
@@ -511,23 +522,24 @@ TBXmlTemplateNode* TemplateFromCache(TEvtxChunk& AChunk, uint32_t AOffset, int A
   for (size_t i = 0; i < e.NameCount; ++i) {
     const TCachedName& n = e.Names[i];
     const std::string_view text(e.Blob + n.TextAt, n.TextLength);
-    const bool isInline = n.NameOffset >= uint64_t{AOffset} + n.NodeRel;
+    const uint32_t nameOffset = LoadU32(definition + n.FieldRel);
+    const bool isInline = nameOffset >= uint64_t{AOffset} + n.NodeRel;
     if (isInline != n.Inline) return nullptr;
-    TBXmlNameStringNode* node = AChunk.GetStringByPoint(n.NameOffset);
+    TBXmlNameStringNode* node = AChunk.GetStringByPoint(nameOffset);
     if (node) {
       if (node->Text != text || (n.Inline && node->Size != n.Size)) return nullptr;
     } else {
-      if (!n.Inline || !r.Fits(n.NameOffset, n.Size) ||
-          std::memcmp(d + n.NameOffset + 4, e.Blob + n.RawAt, n.RawLength) != 0)
+      if (!n.Inline || !r.Fits(nameOffset, n.Size) ||
+          std::memcmp(d + nameOffset + 4, e.Blob + n.RawAt, n.RawLength) != 0)
         return nullptr;
       // The bytes are those the entry's name was decoded from: register it as the parse
       // would (a name registered here and the template then parsed after all is the
       // same name that parse would register).
       node = arena.New<TBXmlNameStringNode>();
       node->Kind = TBXmlKind::bkNameString;
-      node->Offset = n.NameOffset;
+      node->Offset = nameOffset;
       node->Size = node->Header = n.Size;
-      node->Hash = LoadU16(d + n.NameOffset + 4);
+      node->Hash = LoadU16(d + nameOffset + 4);
       node->Text = arena.CopyString(text);
       node->Valid = node->Prepared = true;
       AChunk.AddString(node);
@@ -604,6 +616,7 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
     std::vector<TCachedName> Names;
     std::string Blob;
     std::vector<uint32_t> OpNames;
+    std::vector<uint32_t> Skips;
   } scratch;
   scratch.Nodes.clear();
   if (!CollectNames(ATemplate->FirstChild, scratch.Nodes, 0)) return;
@@ -613,6 +626,8 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
   scratch.NameNodes.clear();
   scratch.Names.clear();
   scratch.Blob.clear();
+  scratch.Skips.clear();
+  const uint32_t definitionStart = offset + 4;
   for (const TBXmlNodeCommon* n : scratch.Nodes) {
     const TBXmlNameStringNode* name;
     uint32_t nameOffset;
@@ -625,12 +640,20 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
     }
     TCachedName c{};
     c.NodeRel = n->Offset - offset;
-    c.NameOffset = nameOffset;
+    // Elements of a definition carry a dependency identifier and a data size before it.
+    c.FieldRel = n->Offset + (n->Kind == TBXmlKind::bkChild01 ? 7 : 1) - definitionStart;
+    if (uint64_t{c.FieldRel} + 4 > end - definitionStart || LoadU32(d + definitionStart + c.FieldRel) != nameOffset)
+      return;
+    scratch.Skips.push_back(c.FieldRel);
     c.Inline = nameOffset >= n->Offset;
     c.Size = name->Size;
     if (c.Inline) {
       // The bytes the name was decoded from (its hash, count and characters).
       if (name->Offset != nameOffset || name->Size < 10 || uint64_t{nameOffset} + name->Size > kChunkSize) return;
+      // Its "next string" offset is not read, when it lies where the parse steps over it
+      // (right after the node's fixed fields); anywhere else its bytes may be tokens.
+      if (nameOffset == c.FieldRel + 4 + definitionStart && uint64_t{nameOffset} + 4 <= end)
+        scratch.Skips.push_back(nameOffset - definitionStart);
       c.RawAt = static_cast<uint32_t>(scratch.Blob.size());
       c.RawLength = name->Size - 6;
       scratch.Blob.append(reinterpret_cast<const char*>(d + nameOffset + 4), c.RawLength);
@@ -652,11 +675,13 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
       scratch.OpNames[2 * i + which] = static_cast<uint32_t>(at - index.begin());
     }
   }
+  std::sort(scratch.Skips.begin(), scratch.Skips.end());
   // One piece: the entry, then its arrays, each aligned to 8.
   auto round = [](size_t n) { return (n + 7) & ~size_t{7}; };
   const size_t definitionLength = end - (offset + 4);
   const size_t bytes = round(sizeof(TCachedTemplate)) + round(AOps.size() * sizeof(TBXmlOp)) +
                        round(scratch.Names.size() * sizeof(TCachedName)) + round(scratch.OpNames.size() * 4) +
+                       round(scratch.Skips.size() * 4) +
                        round(definitionLength) + round(scratch.Blob.size()) + round(AText.size());
   if (cache.Count >= cache.MaxEntries) cache.Clear();
   auto* p = static_cast<uint8_t*>(cache.Pool.Allocate(bytes));
@@ -682,6 +707,8 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
   e->Ops = ops;
   e->Names = reinterpret_cast<const TCachedName*>(copy(scratch.Names.data(), scratch.Names.size() * sizeof(TCachedName)));
   e->OpNames = reinterpret_cast<const uint32_t*>(copy(scratch.OpNames.data(), scratch.OpNames.size() * 4));
+  e->Skips = reinterpret_cast<const uint32_t*>(copy(scratch.Skips.data(), scratch.Skips.size() * 4));
+  e->SkipCount = static_cast<uint32_t>(scratch.Skips.size());
   e->Definition = copy(d + offset + 4, definitionLength);
   e->Blob = reinterpret_cast<const char*>(copy(scratch.Blob.data(), scratch.Blob.size()));
   e->Program = reinterpret_cast<const char*>(copy(AText.data(), AText.size()));

@@ -620,6 +620,39 @@ TEST_F(BinXmlTemplateCache, SameBytesWhoseNamesReadOtherwiseInTheNewChunkArePars
   EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 2u);
 }
 
+TEST_F(BinXmlTemplateCache, SameTemplateAtAnotherOffsetIsTakenFromTheCache) {
+  // The second record's template lies further on in the second chunk (the first record's
+  // value is longer there), its names written inline at other offsets.
+  auto first = TEvtxTemplate("first", [](TBinXmlWriter& w) { w.SubstitutionElement("Note", 0, EvtxType::String); });
+  auto moved = TEvtxTemplate("moved", [](TBinXmlWriter& w) {
+    w.OpenElement("Moved");
+    w.Attribute("Id");
+    w.Substitution(0, EvtxType::UInt32);
+    w.CloseStartElement();
+    w.SubstitutionElement("Value", 1, EvtxType::String);
+    w.EndElement();
+  });
+  std::vector<TEvtxValue> v = {TEvtxValue::UInt32(9), TEvtxValue::String("v")};
+  TEvtxChunkWriter a, b;
+  ASSERT_TRUE(a.AddRecord(1, kTime, first, std::vector<TEvtxValue>{TEvtxValue::String("x")}));
+  ASSERT_TRUE(a.AddRecord(2, kTime, moved, v));
+  ASSERT_TRUE(b.AddRecord(1, kTime, first, std::vector<TEvtxValue>{TEvtxValue::String("a longer note")}));
+  ASSERT_TRUE(b.AddRecord(2, kTime, moved, v));
+  ASSERT_NE(a.Tables().FindTemplate(moved.Guid()), b.Tables().FindTemplate(moved.Guid()));
+  const std::string expected = "\r\n<Moved Id=\"9\">\r\n<Value>v</Value></Moved>\n";
+  EXPECT_EQ(AllXml(a.Finish()), "\r\n<Note>x</Note>\n" + expected);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 0u);
+  EXPECT_EQ(AllXml(b.Finish()), "\r\n<Note>a longer note</Note>\n" + expected);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 2u);
+  // The names it registered are the chunk's: a record that refers back to them reads them.
+  TEvtxChunkWriter c;
+  ASSERT_TRUE(c.AddRecord(1, kTime, first, std::vector<TEvtxValue>{TEvtxValue::String("a longer note")}));
+  ASSERT_TRUE(c.AddRecord(2, kTime, moved, v));
+  auto again = TEvtxTemplate("again", [](TBinXmlWriter& w) { w.SubstitutionElement("Value", 0, EvtxType::String); });
+  ASSERT_TRUE(c.AddRecord(3, kTime, again, std::vector<TEvtxValue>{TEvtxValue::String("w")}));
+  EXPECT_EQ(AllXml(c.Finish()), "\r\n<Note>a longer note</Note>\n" + expected + "\r\n<Value>w</Value>\n");
+}
+
 // A chunk with ACount templates of their own, one record each.
 std::vector<uint8_t> ManyTemplates(int ACount, std::string* AExpected) {
   TEvtxChunkWriter w;
