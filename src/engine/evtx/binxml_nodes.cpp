@@ -383,7 +383,7 @@ struct TCachedTemplate {
   const char* Program;
   const TBXmlOp* Ops;        // Attribute and Element null; their names are in OpNames
   const uint32_t* OpNames;   // per op: Attribute's and Element's name index, or kNone
-  const uint32_t* Skips;     // where 4 bytes of Definition may differ (sorted), see below
+  const uint32_t* Skips;     // where 4 bytes of Definition may differ (sorted), see above
   uint32_t SkipCount;
   uint32_t DefinitionLength;
   uint32_t NameCount;
@@ -395,8 +395,9 @@ struct TCachedTemplate {
 };
 
 // The key of a definition: its GUID and data size (its first 20 bytes) and the nesting
-// it is parsed at. Definitions that share a key (the same template with its names at
-// other offsets) are told apart by their bytes.
+// it is parsed at. Definitions that share a key (the same template with other names, or
+// with its names written inline in one chunk and referred to in another) are told
+// apart by their bytes.
 uint64_t DefinitionKey(const uint8_t* ADefinition, int ADepth) {
   uint64_t a, b;
   std::memcpy(&a, ADefinition, 8);
