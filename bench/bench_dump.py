@@ -5,7 +5,8 @@ Files: the largest .evtx sample under the samples folder, a log of about --real-
 made of the samples' own chunks (bench/real_log.py), and a generated log of about
 --size-mb MB written by 'quorvex demo' (both made once, kept in a cache folder).
 
-Commands, each run --runs times with its output going to /dev/null:
+Commands, each run --runs times with its output going to /dev/null (quorvex's own at
+least --quick-runs times while they take under --quick-budget seconds per file):
     quorvex dump -q FILE                 one thread
     quorvex dump -q --threads 2 FILE
     evtxexport -f xml FILE               Debian libevtx-utils
@@ -79,13 +80,22 @@ def warm(path: Path) -> None:
             pass
 
 
-def measure(cmd: list[str], runs: int, budget: float) -> dict:
-    """Runs cmd up to `runs` times; stops repeating once the runs so far took more than `budget` s."""
+QUICK_RUNS = 11  # quorvex's own commands: at least this many runs ...
+QUICK_BUDGET = 5.0  # ... while their runs on a file took less than this many seconds
+
+
+def measure(cmd: list[str], runs: int, budget: float, min_runs: int = 0, quick_budget: float = 0.0) -> dict:
+    """Runs cmd `runs` times, and on up to `min_runs` times while the runs so far took less
+    than `quick_budget` s (a command of a few hundredths of a second gets a steadier median);
+    stops repeating once the runs so far took more than `budget` s."""
     results = []
-    for _ in range(runs):
+    while True:
         r = run_once(cmd)
         results.append(r)
-        if r["status"] != 0 or sum(x["wall"] for x in results) > budget:
+        total = sum(x["wall"] for x in results)
+        if r["status"] != 0 or total > budget:
+            break
+        if len(results) >= runs and (len(results) >= min_runs or total >= quick_budget):
             break
     walls = [r["wall"] for r in results]
     return {
@@ -196,7 +206,8 @@ def bench_file(label: str, path: Path, tool_list: list[dict], args, rates: dict)
             if estimate > args.peer_limit:
                 entry["results"][key] = {"skipped": f"estimated {estimate:.0f} s", "estimated_s": estimate}
                 continue
-        r = measure(t["argv"] + [str(path)], args.runs, args.budget)
+        quick = {} if t.get("peer") else {"min_runs": args.quick_runs, "quick_budget": args.quick_budget}
+        r = measure(t["argv"] + [str(path)], args.runs, args.budget, **quick)
         r["mb_per_s"] = size / 1e6 / r["median_s"] if r["median_s"] > 0 else None
         entry["results"][key] = r
         if r["status"] == 0:
@@ -285,6 +296,11 @@ def main(argv=None) -> int:
                     help="where the generated log is kept (default: %(default)s)")
     ap.add_argument("--regenerate", action="store_true", help="write the generated log again")
     ap.add_argument("--runs", type=int, default=3, help="runs of each command (default 3); the median is reported")
+    ap.add_argument("--quick-runs", type=int, default=QUICK_RUNS,
+                    help=f"quorvex's commands run at least this many times while their runs on a file took "
+                         f"less than --quick-budget seconds (default {QUICK_RUNS})")
+    ap.add_argument("--quick-budget", type=float, default=QUICK_BUDGET,
+                    help=f"see --quick-runs (default {QUICK_BUDGET:g})")
     ap.add_argument("--budget", type=float, default=120.0,
                     help="stop repeating a command once its runs on a file took this many seconds (default 120)")
     ap.add_argument("--peer-limit", type=float, default=180.0,

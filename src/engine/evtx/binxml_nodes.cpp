@@ -5,10 +5,12 @@
 #include "engine/evtx/evtx_layout.h"
 #include "engine/evtx/variant_types.h"
 #include "platform/byte_reader.h"
+#include "platform/page_buffer.h"
 #include "platform/utf16.h"
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
 
 namespace qvx {
 
@@ -346,10 +348,394 @@ uint32_t ParseStream(TParser& P, TBXmlNodeCommon* AParent, uint32_t AStart, uint
   return 0;
 }
 
+// ---------------------------------------------------------------------------------
+// The thread's cache of compiled templates. Real logs define the same templates again
+// in chunk after chunk; parsing and compiling each definition is a sixth of a dump's
+// work. An entry keeps a definition's bytes (GUID, data size, token stream), the names
+// its parse resolved, in parse order, and its compiled program with each op's names
+// given as indexes into those. A definition is taken from the cache only when its bytes
+// are the same and every name resolves as it did: an inline name (at or after its node)
+// to the same bytes, which are then registered with the chunk as the parse would; an
+// earlier one to a name the chunk already holds with the same text. The parse then
+// would build the same nodes and the compiler the same program. The bytes that hold a
+// name's chunk offset, and the unread "next string" offset of a name written right after
+// its node, are left out of the comparison: the same template lies at other offsets in
+// other chunks, its names with it, and only what the names read as matters. Definitions
+// that hold template instances or embedded fragments (which depend on more of the chunk
+// than their names) are not kept.
+
+struct TCachedName {
+  uint32_t NodeRel;    // the naming node's offset from the definition's
+  uint32_t FieldRel;   // where the node's name offset lies in Definition
+  uint32_t Size;       // the name string's size (inline names)
+  uint32_t RawAt;      // inline names: bytes 4 .. 8 + 2 * count of the string, in Blob
+  uint32_t RawLength;
+  uint32_t TextAt;     // its UTF-8 text, in Blob
+  uint32_t TextLength;
+  bool Inline;
+};
+
+// An entry, laid out in one piece of the cache's memory: the arrays follow it.
+struct TCachedTemplate {
+  const uint8_t* Definition; // bytes from the GUID to the end of the token stream
+  const TCachedName* Names;
+  const char* Blob;
+  const char* Program;
+  const TBXmlOp* Ops;        // Attribute and Element null; their names are in OpNames
+  const uint32_t* OpNames;   // per op: Attribute's and Element's name index, or kNone
+  const uint32_t* Skips;     // where 4 bytes of Definition may differ (sorted), see above
+  uint32_t SkipCount;
+  uint32_t DefinitionLength;
+  uint32_t NameCount;
+  uint32_t ProgramLength;
+  uint32_t OpCount;
+  uint32_t SubstRel;         // SubstStart less the definition's offset (0: none)
+  int Depth;
+  static constexpr uint32_t kNone = 0xFFFFFFFF;
+};
+
+// The key of a definition: its GUID and data size (its first 20 bytes) and the nesting
+// it is parsed at. Definitions that share a key (the same template with other names, or
+// with its names written inline in one chunk and referred to in another) are told
+// apart by their bytes.
+uint64_t DefinitionKey(const uint8_t* ADefinition, int ADepth) {
+  uint64_t a, b;
+  std::memcpy(&a, ADefinition, 8);
+  std::memcpy(&b, ADefinition + 8, 8);
+  uint64_t h = (a ^ (uint64_t{LoadU32(ADefinition + 16)} << 8 | static_cast<uint64_t>(ADepth))) * 0x9E3779B97F4A7C15ULL;
+  h = (h ^ (h >> 31) ^ b) * 0xFF51AFD7ED558CCDULL;
+  return h ^ (h >> 29);
+}
+
+constexpr size_t kTemplateCacheEntries = kBXmlTemplateCacheEntries;
+constexpr size_t kTemplateCacheBytes = kBXmlTemplateCacheBytes;
+constexpr size_t kTemplateCacheBlock = 512 * 1024;
+constexpr size_t kVariantsPerKey = 8;
+
+// The entries' memory: blocks mapped whole and kept when the cache is emptied. Memory
+// faulted in a page at a time on first use costs more than the parses the cache saves.
+class TEntryPool {
+public:
+  void SetLimit(size_t AMaxBytes) {
+    FBlocks.clear();
+    Reset();
+    FBlockSize = std::max<size_t>(std::min(kTemplateCacheBlock, AMaxBytes), 4096);
+    FMaxBlocks = std::max<size_t>(AMaxBytes / FBlockSize, 1);
+  }
+  // ASize bytes aligned to 8, or null when the limit is reached (or ASize exceeds a block).
+  void* Allocate(size_t ASize) {
+    ASize = (ASize + 7) & ~size_t{7};
+    if (ASize > FLeft) {
+      if (ASize > FBlockSize || FNext >= FMaxBlocks) return nullptr;
+      if (FNext == FBlocks.size()) FBlocks.push_back(std::make_unique<TPageBuffer>(FBlockSize));
+      FCursor = FBlocks[FNext++]->Data();
+      FLeft = FBlockSize;
+    }
+    void* p = FCursor;
+    FCursor += ASize;
+    FLeft -= ASize;
+    FUsed += ASize;
+    return p;
+  }
+  void Reset() {
+    FNext = 0;
+    FCursor = nullptr;
+    FLeft = FUsed = 0;
+  }
+  size_t Used() const { return FUsed; }
+
+private:
+  std::vector<std::unique_ptr<TPageBuffer>> FBlocks;
+  size_t FBlockSize = kTemplateCacheBlock;
+  size_t FMaxBlocks = kTemplateCacheBytes / kTemplateCacheBlock;
+  size_t FNext = 0;
+  uint8_t* FCursor = nullptr;
+  size_t FLeft = 0;
+  size_t FUsed = 0;
+};
+
+struct TTemplateCache {
+  struct TVariants {
+    TCachedTemplate* List[kVariantsPerKey];
+    uint8_t Count = 0;
+    uint8_t Replace = 0; // the one a new variant replaces when the list is full
+  };
+  std::unordered_map<uint64_t, TVariants> Entries;
+  TEntryPool Pool;
+  size_t Count = 0;
+  size_t MaxEntries = kTemplateCacheEntries;
+  size_t MaxBytes = kTemplateCacheBytes;
+  uint64_t Hits = 0;
+  uint64_t Misses = 0;
+
+  void Clear() {
+    Entries.clear();
+    Pool.Reset();
+    Count = 0;
+  }
+};
+thread_local TTemplateCache GTemplateCache;
+
+// The definition's bytes from its GUID on, as MakeTemplate reads them: [AOffset + 4, end).
+inline uint32_t DefinitionEnd(const uint8_t* AData, uint32_t AOffset) {
+  return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{AOffset} + 24 + LoadU32(AData + AOffset + 20), kChunkSize));
+}
+
+// The template at AOffset (its 24 header bytes fit) from the cache, registered with the
+// chunk, or null when the cache holds no entry that renders the same.
+TBXmlTemplateNode* TemplateFromCache(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth) {
+  TTemplateCache& cache = GTemplateCache;
+  if (cache.Entries.empty()) return nullptr;
+  const uint8_t* d = AChunk.Data();
+  const uint32_t end = DefinitionEnd(d, AOffset);
+  const uint8_t* definition = d + AOffset + 4;
+  const size_t length = end - (AOffset + 4);
+  auto found = cache.Entries.find(DefinitionKey(definition, ADepth));
+  if (found == cache.Entries.end()) return nullptr;
+  const TCachedTemplate* match = nullptr;
+  for (uint8_t i = 0; i < found->second.Count && !match; ++i) {
+    const TCachedTemplate* variant = found->second.List[i];
+    if (variant->Depth != ADepth || variant->DefinitionLength != length) continue;
+    // The bytes between the skipped ones must be the same.
+    size_t at = 0;
+    bool same = true;
+    for (uint32_t k = 0; k < variant->SkipCount && same; ++k) {
+      const size_t skip = variant->Skips[k];
+      if (skip > at) same = std::memcmp(variant->Definition + at, definition + at, skip - at) == 0;
+      at = std::max(at, skip + 4);
+    }
+    if (same && at < length) same = std::memcmp(variant->Definition + at, definition + at, length - at) == 0;
+    if (same) match = variant;
+  }
+  if (!match) return nullptr;
+  const TCachedTemplate& e = *match;
+  TBXmlArena& arena = AChunk.Arena();
+  TByteReader r(d, kChunkSize);
+  // Names resolved for this chunk, in the entry's order; few templates name more.
+  constexpr size_t kLocalNames = 64;
+  const TBXmlNameStringNode* local[kLocalNames];
+  std::vector<const TBXmlNameStringNode*> many;
+  const TBXmlNameStringNode** resolved = local;
+  if (e.NameCount > kLocalNames) {
+    many.resize(e.NameCount);
+    resolved = many.data();
+  }
+  for (size_t i = 0; i < e.NameCount; ++i) {
+    const TCachedName& n = e.Names[i];
+    const std::string_view text(e.Blob + n.TextAt, n.TextLength);
+    const uint32_t nameOffset = LoadU32(definition + n.FieldRel);
+    const bool isInline = nameOffset >= uint64_t{AOffset} + n.NodeRel;
+    if (isInline != n.Inline) return nullptr;
+    TBXmlNameStringNode* node = AChunk.GetStringByPoint(nameOffset);
+    if (node) {
+      if (node->Text != text || (n.Inline && node->Size != n.Size)) return nullptr;
+    } else {
+      if (!n.Inline || !r.Fits(nameOffset, n.Size) ||
+          std::memcmp(d + nameOffset + 4, e.Blob + n.RawAt, n.RawLength) != 0)
+        return nullptr;
+      // The bytes are those the entry's name was decoded from: register it as the parse
+      // would (a name registered here and the template then parsed after all is the
+      // same name that parse would register).
+      node = arena.New<TBXmlNameStringNode>();
+      node->Kind = TBXmlKind::bkNameString;
+      node->Offset = nameOffset;
+      node->Size = node->Header = n.Size;
+      node->Hash = LoadU16(d + nameOffset + 4);
+      node->Text = arena.CopyString(text);
+      node->Valid = node->Prepared = true;
+      AChunk.AddString(node);
+    }
+    resolved[i] = node;
+  }
+  auto* t = arena.New<TBXmlTemplateNode>();
+  t->Kind = TBXmlKind::bkTemplate;
+  t->Offset = AOffset;
+  t->NextOffset = LoadU32(d + AOffset);
+  std::memcpy(t->Guid, d + AOffset + 4, 16);
+  t->TemplateId = LoadU32(d + AOffset + 4);
+  t->Header = 24;
+  t->Data = end - (AOffset + 24);
+  t->Size = t->Header + t->Data;
+  t->SubstStart = e.SubstRel ? AOffset + e.SubstRel : 0;
+  t->Valid = t->Prepared = true;
+  t->ParseDepth = static_cast<uint8_t>(ADepth);
+  t->NodesDeferred = true;
+  t->ProgramText = arena.CopyString(std::string_view(e.Program, e.ProgramLength));
+  auto* ops = static_cast<TBXmlOp*>(arena.Allocate(sizeof(TBXmlOp) * (e.OpCount + 1), alignof(TBXmlOp)));
+  for (size_t i = 0; i < e.OpCount; ++i) {
+    ops[i] = e.Ops[i];
+    const uint32_t attribute = e.OpNames[2 * i], element = e.OpNames[2 * i + 1];
+    if (attribute != TCachedTemplate::kNone) ops[i].Attribute = resolved[attribute];
+    if (element != TCachedTemplate::kNone) ops[i].Element = resolved[element];
+  }
+  t->Ops = ops;
+  t->OpCount = e.OpCount;
+  t->ProgramState = 1;
+  ++cache.Hits;
+  return AChunk.AddTemplate(t);
+}
+
+// Lists, in parse order, the names of ANode and the nodes under it; false when a node
+// makes the definition depend on more than its bytes and names.
+bool CollectNames(const TBXmlNodeCommon* AFirst, std::vector<const TBXmlNodeCommon*>& ANamed, int ADepth) {
+  if (ADepth >= kMaxBXmlDepth) return false;
+  for (const TBXmlNodeCommon* n = AFirst; n; n = n->Next) {
+    switch (n->Kind) {
+    case TBXmlKind::bkChild01:
+      if (!static_cast<const TBXmlChild01Node*>(n)->Name) return false;
+      ANamed.push_back(n);
+      if (!CollectNames(n->FirstChild, ANamed, ADepth + 1)) return false;
+      break;
+    case TBXmlKind::bkChild06:
+    case TBXmlKind::bkChild09:
+    case TBXmlKind::bkChild0A:
+      if (!static_cast<const TBXmlChild06Node*>(n)->Name) return false;
+      ANamed.push_back(n);
+      break;
+    case TBXmlKind::bkChild05:
+      if (static_cast<const TBXmlChild05Node*>(n)->Nested) return false;
+      break;
+    case TBXmlKind::bkChild0C:
+      return false;
+    default:
+      break;
+    }
+  }
+  return true;
+}
+
+// Keeps a template just compiled (program AText and AOps) in the thread's cache.
+void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate, const std::string& AText,
+                   const std::vector<TBXmlOp>& AOps) {
+  TTemplateCache& cache = GTemplateCache;
+  if (ATemplate->NodesDeferred || !AChunk.Data()) return;
+  ++cache.Misses;
+  // The entry is put together here first; these keep their room from one to the next.
+  thread_local struct {
+    std::vector<const TBXmlNodeCommon*> Nodes;
+    std::vector<const TBXmlNameStringNode*> NameNodes; // per entry of Names, its node
+    std::vector<TCachedName> Names;
+    std::string Blob;
+    std::vector<uint32_t> OpNames;
+    std::vector<uint32_t> Skips;
+  } scratch;
+  scratch.Nodes.clear();
+  if (!CollectNames(ATemplate->FirstChild, scratch.Nodes, 0)) return;
+  const uint8_t* d = AChunk.Data();
+  const uint32_t offset = ATemplate->Offset;
+  const uint32_t end = offset + ATemplate->Size;
+  scratch.NameNodes.clear();
+  scratch.Names.clear();
+  scratch.Blob.clear();
+  scratch.Skips.clear();
+  const uint32_t definitionStart = offset + 4;
+  for (const TBXmlNodeCommon* n : scratch.Nodes) {
+    const TBXmlNameStringNode* name;
+    uint32_t nameOffset;
+    if (n->Kind == TBXmlKind::bkChild01) {
+      name = static_cast<const TBXmlChild01Node*>(n)->Name;
+      nameOffset = static_cast<const TBXmlChild01Node*>(n)->NameOffset;
+    } else {
+      name = static_cast<const TBXmlChild06Node*>(n)->Name;
+      nameOffset = static_cast<const TBXmlChild06Node*>(n)->NameOffset;
+    }
+    TCachedName c{};
+    c.NodeRel = n->Offset - offset;
+    // Elements of a definition carry a dependency identifier and a data size before it.
+    c.FieldRel = n->Offset + (n->Kind == TBXmlKind::bkChild01 ? 7 : 1) - definitionStart;
+    if (uint64_t{c.FieldRel} + 4 > end - definitionStart || LoadU32(d + definitionStart + c.FieldRel) != nameOffset)
+      return;
+    scratch.Skips.push_back(c.FieldRel);
+    c.Inline = nameOffset >= n->Offset;
+    c.Size = name->Size;
+    if (c.Inline) {
+      // The bytes the name was decoded from (its hash, count and characters).
+      if (name->Offset != nameOffset || name->Size < 10 || uint64_t{nameOffset} + name->Size > kChunkSize) return;
+      // Its "next string" offset is not read, when it lies where the parse steps over it
+      // (right after the node's fixed fields); anywhere else its bytes may be tokens.
+      if (nameOffset == c.FieldRel + 4 + definitionStart && uint64_t{nameOffset} + 4 <= end)
+        scratch.Skips.push_back(nameOffset - definitionStart);
+      c.RawAt = static_cast<uint32_t>(scratch.Blob.size());
+      c.RawLength = name->Size - 6;
+      scratch.Blob.append(reinterpret_cast<const char*>(d + nameOffset + 4), c.RawLength);
+    }
+    c.TextAt = static_cast<uint32_t>(scratch.Blob.size());
+    c.TextLength = static_cast<uint32_t>(name->Text.size());
+    scratch.Blob.append(name->Text);
+    scratch.NameNodes.push_back(name);
+    scratch.Names.push_back(c);
+  }
+  scratch.OpNames.assign(2 * AOps.size(), TCachedTemplate::kNone);
+  const auto& index = scratch.NameNodes;
+  for (size_t i = 0; i < AOps.size(); ++i) {
+    for (int which = 0; which < 2; ++which) {
+      const TBXmlNameStringNode* name = which == 0 ? AOps[i].Attribute : AOps[i].Element;
+      if (!name) continue;
+      auto at = std::find(index.begin(), index.end(), name);
+      if (at == index.end()) return; // a name the parse did not resolve: keep nothing
+      scratch.OpNames[2 * i + which] = static_cast<uint32_t>(at - index.begin());
+    }
+  }
+  std::sort(scratch.Skips.begin(), scratch.Skips.end());
+  // One piece: the entry, then its arrays, each aligned to 8.
+  auto round = [](size_t n) { return (n + 7) & ~size_t{7}; };
+  const size_t definitionLength = end - (offset + 4);
+  const size_t bytes = round(sizeof(TCachedTemplate)) + round(AOps.size() * sizeof(TBXmlOp)) +
+                       round(scratch.Names.size() * sizeof(TCachedName)) + round(scratch.OpNames.size() * 4) +
+                       round(scratch.Skips.size() * 4) +
+                       round(definitionLength) + round(scratch.Blob.size()) + round(AText.size());
+  if (cache.Count >= cache.MaxEntries) cache.Clear();
+  auto* p = static_cast<uint8_t*>(cache.Pool.Allocate(bytes));
+  if (!p) {
+    cache.Clear();
+    p = static_cast<uint8_t*>(cache.Pool.Allocate(bytes));
+    if (!p) return; // larger than the cache may hold
+  }
+  auto* e = new (p) TCachedTemplate{};
+  p += round(sizeof(TCachedTemplate));
+  auto* ops = reinterpret_cast<TBXmlOp*>(p);
+  for (size_t i = 0; i < AOps.size(); ++i) {
+    ops[i] = AOps[i];
+    ops[i].Attribute = ops[i].Element = nullptr;
+  }
+  p += round(AOps.size() * sizeof(TBXmlOp));
+  auto copy = [&p, &round](const void* AFrom, size_t ALength) {
+    uint8_t* at = p;
+    if (ALength) std::memcpy(at, AFrom, ALength);
+    p += round(ALength);
+    return at;
+  };
+  e->Ops = ops;
+  e->Names = reinterpret_cast<const TCachedName*>(copy(scratch.Names.data(), scratch.Names.size() * sizeof(TCachedName)));
+  e->OpNames = reinterpret_cast<const uint32_t*>(copy(scratch.OpNames.data(), scratch.OpNames.size() * 4));
+  e->Skips = reinterpret_cast<const uint32_t*>(copy(scratch.Skips.data(), scratch.Skips.size() * 4));
+  e->SkipCount = static_cast<uint32_t>(scratch.Skips.size());
+  e->Definition = copy(d + offset + 4, definitionLength);
+  e->Blob = reinterpret_cast<const char*>(copy(scratch.Blob.data(), scratch.Blob.size()));
+  e->Program = reinterpret_cast<const char*>(copy(AText.data(), AText.size()));
+  e->DefinitionLength = static_cast<uint32_t>(definitionLength);
+  e->NameCount = static_cast<uint32_t>(scratch.Names.size());
+  e->ProgramLength = static_cast<uint32_t>(AText.size());
+  e->OpCount = static_cast<uint32_t>(AOps.size());
+  e->SubstRel = ATemplate->SubstStart ? ATemplate->SubstStart - offset : 0;
+  e->Depth = ATemplate->ParseDepth;
+  TTemplateCache::TVariants& variants = cache.Entries[DefinitionKey(e->Definition, e->Depth)];
+  if (variants.Count < kVariantsPerKey) {
+    variants.List[variants.Count++] = e;
+    ++cache.Count;
+  } else {
+    // The one replaced keeps its memory until the cache is emptied (counted in its limit).
+    variants.List[variants.Replace] = e;
+    variants.Replace = static_cast<uint8_t>((variants.Replace + 1) % kVariantsPerKey);
+  }
+}
+
 TBXmlTemplateNode* MakeTemplate(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth) {
   if (TBXmlTemplateNode* known = AChunk.GetTemplateByPoint(AOffset)) return known;
   TByteReader r(AChunk.Data(), kChunkSize);
   Check(r.Fits(AOffset, 24), "NodeC: too short");
+  if (ADepth < kMaxBXmlDepth)
+    if (TBXmlTemplateNode* cached = TemplateFromCache(AChunk, AOffset, ADepth)) return cached;
   TParser P(AChunk, ADepth, true);
   auto* t = P.A.New<TBXmlTemplateNode>();
   t->Kind = TBXmlKind::bkTemplate;
@@ -362,6 +748,7 @@ TBXmlTemplateNode* MakeTemplate(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth
   uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(AOffset + 24 + dataSize, kChunkSize));
   t->Data = end - (AOffset + 24);
   t->Size = t->Header + t->Data;
+  t->ParseDepth = static_cast<uint8_t>(ADepth);
   t->SubstStart = ParseStream(P, t, AOffset + 24, end);
   t->Valid = t->Prepared = true;
   // Added once its body is built: a template cannot refer to itself.
@@ -768,6 +1155,7 @@ void CompileTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
   ATemplate->Ops = ops;
   ATemplate->OpCount = static_cast<uint32_t>(c.Ops.size());
   ATemplate->ProgramState = 1;
+  CacheTemplate(AChunk, ATemplate, c.Text, c.Ops);
 }
 
 void RunProgram(TRenderer& R, const TBXmlTemplateNode* T, const TBXmlSubstArrayNode* AArray) {
@@ -897,8 +1285,12 @@ void RenderNode(TRenderer& R, const TBXmlNodeCommon* N, const TBXmlSubstArrayNod
     Check(c->Template != nullptr, "NodeC: Unable to make XML");
     if (++R.Depth >= kMaxBXmlDepth) RaiseBinXml("BinXML nesting too deep");
     if (c->Template->ProgramState == 0) CompileTemplate(R.Chunk, c->Template);
-    if (c->Template->ProgramState == 1 && !R.Pending) RunProgram(R, c->Template, AArray);
-    else RenderList(R, c->Template->FirstChild, AArray);
+    if (c->Template->ProgramState == 1 && !R.Pending) {
+      RunProgram(R, c->Template, AArray);
+    } else {
+      EnsureTemplateNodes(R.Chunk, c->Template);
+      RenderList(R, c->Template->FirstChild, AArray);
+    }
     --R.Depth;
     return;
   }
@@ -935,7 +1327,32 @@ bool CompileTemplateProgram(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
 
 TBXmlTemplateNode* PrepareTemplateAt(TEvtxChunk& AChunk, uint32_t AOffset) {
   Check(AChunk.Data() != nullptr, "Common: undefined root");
-  return MakeTemplate(AChunk, AOffset, 0);
+  TBXmlTemplateNode* t = MakeTemplate(AChunk, AOffset, 0);
+  EnsureTemplateNodes(AChunk, t);
+  return t;
+}
+
+void EnsureTemplateNodes(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
+  if (!ATemplate || !ATemplate->NodesDeferred) return;
+  ATemplate->NodesDeferred = false;
+  // The names resolve as they did for the entry (checked when it was taken), so this
+  // parse builds the nodes the entry's program was compiled from.
+  TParser P(AChunk, ATemplate->ParseDepth, true);
+  ParseStream(P, ATemplate, ATemplate->Offset + ATemplate->Header, ATemplate->Offset + ATemplate->Size);
+}
+
+TBXmlTemplateCacheInfo BXmlTemplateCacheInfo() {
+  const TTemplateCache& cache = GTemplateCache;
+  return {cache.Count, cache.Pool.Used(), cache.Hits, cache.Misses};
+}
+
+void SetBXmlTemplateCacheLimits(size_t AMaxEntries, size_t AMaxBytes) {
+  TTemplateCache& cache = GTemplateCache;
+  cache.Clear();
+  cache.Hits = cache.Misses = 0;
+  cache.MaxEntries = AMaxEntries;
+  cache.MaxBytes = AMaxBytes;
+  cache.Pool.SetLimit(AMaxBytes);
 }
 
 void RenderRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, std::string& AOut) {
@@ -953,6 +1370,7 @@ void RenderRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, std::string& AOut) {
 std::string RenderTemplate(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
   std::string out;
   if (!ATemplate) return out;
+  EnsureTemplateNodes(AChunk, ATemplate);
   TRenderer R{AChunk, out};
   RenderList(R, ATemplate->FirstChild, nullptr);
   return out;

@@ -156,6 +156,10 @@ public:
   // State 0: not compiled yet; 1: compiled; 2: holds constructs that only the node
   // renderer handles (it is used instead).
   uint8_t ProgramState = 0;
+  // Taken from the thread's cache of compiled templates: the program is there, the
+  // nodes are parsed only when something asks for them (EnsureTemplateNodes).
+  bool NodesDeferred = false;
+  uint8_t ParseDepth = 0; // the nesting the definition was parsed at
   uint32_t OpCount = 0;
   const TBXmlOp* Ops = nullptr;
   std::string_view ProgramText;
@@ -241,6 +245,26 @@ void PrepareRootNode(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, int ADepth = 0);
 // Compiles ATemplate's program (once); true when it has one (ProgramState 1), false
 // when the template holds constructs that only the node renderer handles.
 bool CompileTemplateProgram(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate);
+
+// Parses the nodes of a template that was taken from the template cache with its
+// program only (NodesDeferred); does nothing for any other. Raises as the parse does.
+void EnsureTemplateNodes(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate);
+
+// The compiled templates kept by the calling thread from chunk to chunk. A definition
+// met again (the same bytes, its names resolving to the same texts in the new chunk,
+// parsed at the same nesting) takes its program from here instead of being parsed and
+// compiled again. When either limit would be passed the cache is emptied.
+struct TBXmlTemplateCacheInfo {
+  size_t Entries = 0;
+  size_t Bytes = 0;
+  uint64_t Hits = 0;
+  uint64_t Misses = 0; // definitions parsed that the cache could have held
+};
+TBXmlTemplateCacheInfo BXmlTemplateCacheInfo();
+inline constexpr size_t kBXmlTemplateCacheEntries = 4096;
+inline constexpr size_t kBXmlTemplateCacheBytes = 16 * 1024 * 1024;
+// Sets the calling thread's limits (entries, bytes) and empties its cache; for tests.
+void SetBXmlTemplateCacheLimits(size_t AMaxEntries, size_t AMaxBytes);
 
 // Deepest nesting of elements and fragments a record may have.
 inline constexpr int kMaxBXmlDepth = 128;

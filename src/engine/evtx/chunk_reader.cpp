@@ -125,6 +125,10 @@ void TChunkReader::RenderChunk(TChunkJob& AJob, TChunkResult& AResult) {
   if (AJob.ReadRecords) {
     AJob.ReadRecords(chunk, AResult);
   } else {
+    // Room for most chunks' XML at once: grown by doubling, the text would be copied
+    // into fresh memory five or six times over, each page of it faulted in anew.
+    constexpr size_t kXmlRoom = 256 * 1024;
+    if (AResult.Xml.capacity() < kXmlRoom) AResult.Xml.reserve(kXmlRoom);
     chunk.AppendXML(AResult.Xml);
     ReplaceControlCharacters(AResult.Xml);
     AResult.Issues = chunk.RenderIssues();

@@ -190,25 +190,21 @@ TEvtxEvent* TEvtxChunk::GetEvent(int AIndex) {
 }
 
 TBXmlNameStringNode* TEvtxChunk::AddString(TBXmlNameStringNode* AStringNode) {
-  Decoder().StringsList.emplace(AStringNode->Offset, AStringNode);
+  Decoder().StringsList.Add(AStringNode->Offset, AStringNode);
   return AStringNode;
 }
 
 TBXmlNameStringNode* TEvtxChunk::GetStringByPoint(uint32_t APoint) const {
-  if (!FDecoder) return nullptr;
-  auto it = FDecoder->StringsList.find(APoint);
-  return it == FDecoder->StringsList.end() ? nullptr : it->second;
+  return FDecoder ? FDecoder->StringsList.Find(APoint) : nullptr;
 }
 
 TBXmlTemplateNode* TEvtxChunk::AddTemplate(TBXmlTemplateNode* ATemplateNode) {
-  Decoder().TemplatesList.emplace(ATemplateNode->Offset, ATemplateNode);
+  Decoder().TemplatesList.Add(ATemplateNode->Offset, ATemplateNode);
   return ATemplateNode;
 }
 
 TBXmlTemplateNode* TEvtxChunk::GetTemplateByPoint(uint32_t APoint) const {
-  if (!FDecoder) return nullptr;
-  auto it = FDecoder->TemplatesList.find(APoint);
-  return it == FDecoder->TemplatesList.end() ? nullptr : it->second;
+  return FDecoder ? FDecoder->TemplatesList.Find(APoint) : nullptr;
 }
 
 void TEvtxChunk::AppendXML(std::string& AOut) {

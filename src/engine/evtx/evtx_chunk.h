@@ -74,6 +74,53 @@ struct TChunkIssue {
   std::string Message;
 };
 
+// Nodes of one chunk by chunk offset: an open-addressed table (a chunk names a few
+// hundred strings and templates, looked up once or more per record).
+template <typename T> class TOffsetTable {
+public:
+  T* Find(uint32_t AKey) const {
+    if (FSlots.empty()) return nullptr;
+    for (size_t i = Hash(AKey);; i = (i + 1) & FMask) {
+      const TSlot& s = FSlots[i];
+      if (!s.Value) return nullptr;
+      if (s.Key == AKey) return s.Value;
+    }
+  }
+  // Adds AValue under AKey unless the key is there already (the first stays).
+  void Add(uint32_t AKey, T* AValue) {
+    if ((FCount + 1) * 2 > FSlots.size()) Grow();
+    for (size_t i = Hash(AKey);; i = (i + 1) & FMask) {
+      TSlot& s = FSlots[i];
+      if (!s.Value) {
+        s = {AKey, AValue};
+        ++FCount;
+        return;
+      }
+      if (s.Key == AKey) return;
+    }
+  }
+
+private:
+  struct TSlot {
+    uint32_t Key;
+    T* Value;
+  };
+  size_t Hash(uint32_t AKey) const { return (AKey * 0x9E3779B1u >> 7) & FMask; }
+  void Grow() {
+    std::vector<TSlot> old;
+    old.swap(FSlots);
+    FSlots.assign(old.empty() ? 256 : old.size() * 2, TSlot{0, nullptr});
+    FMask = FSlots.size() - 1;
+    FCount = 0;
+    for (const TSlot& s : old)
+      if (s.Value) Add(s.Key, s.Value);
+  }
+
+  std::vector<TSlot> FSlots;
+  size_t FMask = 0;
+  size_t FCount = 0;
+};
+
 class TEvtxChunk : public TEvtxClass {
 public:
   // A chunk read lazily from AFileHandle at Start (set before first use): 128 bytes
@@ -143,8 +190,8 @@ private:
   // thousands of header-only chunks that never decode a record.
   struct TDecoderState {
     TBXmlArena Arena;
-    std::unordered_map<uint32_t, TBXmlNameStringNode*> StringsList;
-    std::unordered_map<uint32_t, TBXmlTemplateNode*> TemplatesList;
+    TOffsetTable<TBXmlNameStringNode> StringsList;
+    TOffsetTable<TBXmlTemplateNode> TemplatesList;
   };
   TDecoderState& Decoder() {
     if (!FDecoder) FDecoder = std::make_unique<TDecoderState>();

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -498,6 +499,197 @@ TEST(BinXmlRecord, StandardEventRendersAsWindowsLaysItOut) {
             "\r\n<EventData>"
             "\r\n<Data Name=\"param1\">Print Spooler</Data>"
             "\r\n<Data Name=\"param2\">running</Data></EventData></Event>");
+}
+
+} // namespace
+} // namespace qvx
+
+namespace qvx {
+namespace {
+
+// Each test starts from an empty template cache with the default limits and leaves it so.
+class BinXmlTemplateCache : public ::testing::Test {
+protected:
+  void SetUp() override { SetBXmlTemplateCacheLimits(kBXmlTemplateCacheEntries, kBXmlTemplateCacheBytes); }
+  void TearDown() override { SetBXmlTemplateCacheLimits(kBXmlTemplateCacheEntries, kBXmlTemplateCacheBytes); }
+};
+
+// Every record's XML of a chunk, errors as "!" and their text.
+std::string AllXml(const std::vector<uint8_t>& ABytes) {
+  TEvtxChunk chunk(ABytes);
+  std::string out;
+  for (int i = 0; i < chunk.Count(); ++i) {
+    try {
+      out += chunk.GetEvent(i)->asXML();
+    } catch (const EBinXMLLogReadingException& e) {
+      out += std::string("!") + e.what();
+    }
+    out += '\n';
+  }
+  return out;
+}
+
+// The offset of the first UTF-16 copy of AText in ABytes, or 0.
+size_t FindUtf16(const std::vector<uint8_t>& ABytes, std::string_view AText) {
+  std::vector<uint8_t> needle;
+  for (char ch : AText) {
+    needle.push_back(static_cast<uint8_t>(ch));
+    needle.push_back(0);
+  }
+  auto at = std::search(ABytes.begin(), ABytes.end(), needle.begin(), needle.end());
+  return at == ABytes.end() ? 0 : static_cast<size_t>(at - ABytes.begin());
+}
+
+TEST_F(BinXmlTemplateCache, ChunkRenderedAgainTakesItsTemplatesFromTheCache) {
+  TEvtxChunkWriter w;
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, SmallTemplate(), v));
+  ASSERT_TRUE(w.AddRecord(2, kTime, SmallTemplate(), v));
+  const std::vector<uint8_t> bytes = w.Finish();
+  const std::string first = AllXml(bytes);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Entries, 1u);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 0u);
+  EXPECT_EQ(AllXml(bytes), first);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 1u);
+  // A template taken from the cache still gives its nodes to those who ask for them.
+  TEvtxChunk chunk(bytes);
+  EXPECT_EQ(chunk.GetEvent(0)->asXML(), "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>");
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 2u);
+  TBXmlTemplateNode* t = chunk.GetTemplateByPoint(w.Tables().FindTemplate(SmallTemplate().Guid()));
+  ASSERT_NE(t, nullptr);
+  EXPECT_TRUE(t->NodesDeferred);
+  EXPECT_EQ(t->FirstChild, nullptr);
+  EXPECT_EQ(RenderTemplate(chunk, t),
+            "\r\n<Root Attr=\"#0 (type 0x01, optional)#\">\r\n<Item>#1 (type 0x08)#</Item>"
+            "\r\n<Opt>#2 (type 0x01, optional)#</Opt></Root>");
+}
+
+TEST_F(BinXmlTemplateCache, SameGuidWithAnotherDefinitionRendersItsOwn) {
+  // The same key gives the same GUID; the definitions differ.
+  auto other = TEvtxTemplate("small", [](TBinXmlWriter& w) {
+    w.OpenElement("Other");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 1, EvtxType::UInt32);
+    w.EndElement();
+  });
+  ASSERT_EQ(other.Guid(), SmallTemplate().Guid());
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
+  TEvtxChunkWriter a, b;
+  ASSERT_TRUE(a.AddRecord(1, kTime, SmallTemplate(), v));
+  ASSERT_TRUE(b.AddRecord(1, kTime, other, v));
+  EXPECT_EQ(AllXml(a.Finish()), "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>\n");
+  EXPECT_EQ(AllXml(b.Finish()), "\r\n<Other Attr=\"a\">\r\n<Item>7</Item></Other>\n");
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 0u);
+}
+
+TEST_F(BinXmlTemplateCache, SameBytesWhoseNamesReadOtherwiseInTheNewChunkAreParsedAgain) {
+  // The second template's names refer back to those the first one wrote inline. In the
+  // second chunk the first template's name "Root" becomes "Roox": the second template's
+  // bytes are the same, but its element is now named "Roox".
+  auto first = TEvtxTemplate("first", [](TBinXmlWriter& w) {
+    w.OpenElement("Root");
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 0, EvtxType::UInt32);
+    w.EndElement();
+  });
+  auto second = TEvtxTemplate("second", [](TBinXmlWriter& w) {
+    w.OpenElement("Root");
+    w.Attribute("Item");
+    w.Substitution(0, EvtxType::UInt32);
+    w.CloseStartElement();
+    w.EndElement();
+  });
+  TEvtxChunkWriter w;
+  std::vector<TEvtxValue> v = {TEvtxValue::UInt32(5)};
+  ASSERT_TRUE(w.AddRecord(1, kTime, first, v));
+  ASSERT_TRUE(w.AddRecord(2, kTime, second, v));
+  std::vector<uint8_t> bytes = w.Finish();
+  EXPECT_EQ(AllXml(bytes), "\r\n<Root>\r\n<Item>5</Item></Root>\n\r\n<Root Item=\"5\"></Root>\n");
+  EXPECT_EQ(BXmlTemplateCacheInfo().Entries, 2u);
+  const size_t name = FindUtf16(bytes, "Root");
+  ASSERT_NE(name, 0u);
+  ASSERT_LT(name, w.Tables().FindTemplate(second.Guid()));
+  bytes[name + 6] = 'x';
+  EXPECT_EQ(AllXml(bytes), "\r\n<Roox>\r\n<Item>5</Item></Roox>\n\r\n<Roox Item=\"5\"></Roox>\n");
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 0u);
+  // Back to "Root": both definitions are found in the cache again.
+  bytes[name + 6] = 't';
+  EXPECT_EQ(AllXml(bytes), "\r\n<Root>\r\n<Item>5</Item></Root>\n\r\n<Root Item=\"5\"></Root>\n");
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 2u);
+}
+
+TEST_F(BinXmlTemplateCache, SameTemplateAtAnotherOffsetIsTakenFromTheCache) {
+  // The second record's template lies further on in the second chunk (the first record's
+  // value is longer there), its names written inline at other offsets.
+  auto first = TEvtxTemplate("first", [](TBinXmlWriter& w) { w.SubstitutionElement("Note", 0, EvtxType::String); });
+  auto moved = TEvtxTemplate("moved", [](TBinXmlWriter& w) {
+    w.OpenElement("Moved");
+    w.Attribute("Id");
+    w.Substitution(0, EvtxType::UInt32);
+    w.CloseStartElement();
+    w.SubstitutionElement("Value", 1, EvtxType::String);
+    w.EndElement();
+  });
+  std::vector<TEvtxValue> v = {TEvtxValue::UInt32(9), TEvtxValue::String("v")};
+  TEvtxChunkWriter a, b;
+  ASSERT_TRUE(a.AddRecord(1, kTime, first, std::vector<TEvtxValue>{TEvtxValue::String("x")}));
+  ASSERT_TRUE(a.AddRecord(2, kTime, moved, v));
+  ASSERT_TRUE(b.AddRecord(1, kTime, first, std::vector<TEvtxValue>{TEvtxValue::String("a longer note")}));
+  ASSERT_TRUE(b.AddRecord(2, kTime, moved, v));
+  ASSERT_NE(a.Tables().FindTemplate(moved.Guid()), b.Tables().FindTemplate(moved.Guid()));
+  const std::string expected = "\r\n<Moved Id=\"9\">\r\n<Value>v</Value></Moved>\n";
+  EXPECT_EQ(AllXml(a.Finish()), "\r\n<Note>x</Note>\n" + expected);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 0u);
+  EXPECT_EQ(AllXml(b.Finish()), "\r\n<Note>a longer note</Note>\n" + expected);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 2u);
+  // The names it registered are the chunk's: a record that refers back to them reads them.
+  TEvtxChunkWriter c;
+  ASSERT_TRUE(c.AddRecord(1, kTime, first, std::vector<TEvtxValue>{TEvtxValue::String("a longer note")}));
+  ASSERT_TRUE(c.AddRecord(2, kTime, moved, v));
+  auto again = TEvtxTemplate("again", [](TBinXmlWriter& w) { w.SubstitutionElement("Value", 0, EvtxType::String); });
+  ASSERT_TRUE(c.AddRecord(3, kTime, again, std::vector<TEvtxValue>{TEvtxValue::String("w")}));
+  EXPECT_EQ(AllXml(c.Finish()), "\r\n<Note>a longer note</Note>\n" + expected + "\r\n<Value>w</Value>\n");
+}
+
+// A chunk with ACount templates of their own, one record each.
+std::vector<uint8_t> ManyTemplates(int ACount, std::string* AExpected) {
+  TEvtxChunkWriter w;
+  for (int i = 0; i < ACount; ++i) {
+    const std::string element = "E" + std::to_string(i);
+    auto t = TEvtxTemplate(element, [element](TBinXmlWriter& w2) {
+      w2.OpenElement(element);
+      w2.CloseStartElement();
+      w2.Substitution(0, EvtxType::UInt32);
+      w2.EndElement();
+    });
+    std::vector<TEvtxValue> v = {TEvtxValue::UInt32(static_cast<uint32_t>(i))};
+    EXPECT_TRUE(w.AddRecord(static_cast<uint64_t>(i) + 1, kTime, t, v));
+    *AExpected += "\r\n<" + element + ">" + std::to_string(i) + "</" + element + ">\n";
+  }
+  return w.Finish();
+}
+
+TEST_F(BinXmlTemplateCache, EntryLimitIsKept) {
+  SetBXmlTemplateCacheLimits(3, kBXmlTemplateCacheBytes);
+  std::string expected;
+  const std::vector<uint8_t> bytes = ManyTemplates(10, &expected);
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_EQ(AllXml(bytes), expected);
+    EXPECT_LE(BXmlTemplateCacheInfo().Entries, 3u);
+  }
+}
+
+TEST_F(BinXmlTemplateCache, ByteLimitIsKept) {
+  SetBXmlTemplateCacheLimits(kBXmlTemplateCacheEntries, 4096);
+  std::string expected;
+  const std::vector<uint8_t> bytes = ManyTemplates(200, &expected);
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_EQ(AllXml(bytes), expected);
+    EXPECT_LE(BXmlTemplateCacheInfo().Bytes, 4096u);
+    EXPECT_GT(BXmlTemplateCacheInfo().Entries, 0u);
+  }
 }
 
 } // namespace
