@@ -7,6 +7,7 @@
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
 #include "engine/evtx/variant_types.h"
+#include "platform/text_escape.h"
 #include "platform/utf16.h"
 
 #include <mutex>
@@ -14,6 +15,10 @@
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace qvx {
 
@@ -570,34 +575,205 @@ template <typename F> void ForEachArrayItem(const TValueSet& AValues, const TBXm
   }
 }
 
-// Makes an event's data values from its plan and values into AFields.Strings.
-void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
-  TStringList& values = AFields.Strings;
-  size_t count = 0;
+// Makes an event's data values from its plan and values, one after the other, into
+// ASink: Begin() gives the string a value is appended to, End(AKeep) ends it (dropped
+// unless AKeep). Direct(AValues, AValue, AKind) may write a value that is one whole
+// substitution on its own and return true; else the value is made here.
+template <typename TSink> void MakeDataValuesInto(const TPlan& APlan, const TValueSet& AValues, TSink& ASink) {
   for (const TSource& source : APlan.Values) {
     if (source.Expand) {
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
-        ForEachArrayItem(AValues, v, [&](std::string_view AItem) { AppendXmlUnescaped(NextListValue(values, count), AItem); });
+        ForEachArrayItem(AValues, v, [&](std::string_view AItem) {
+          AppendXmlUnescaped(ASink.Begin(), AItem);
+          ASink.End(true);
+        });
         continue;
       }
     }
-    if (source.Kind == 2 && source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed && source.OptionalAttribute) {
+    const bool single = source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed;
+    if (source.Kind == 2 && single && source.OptionalAttribute) {
       // An empty optional value leaves its attribute out.
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       std::string& text = AValues.Scratch;
       RenderValue(AValues, v, text);
       if (text.empty()) continue;
-      AppendXmlUnescaped(NextListValue(values, count), text);
+      AppendXmlUnescaped(ASink.Begin(), text);
+      ASink.End(true);
       continue;
     }
-    std::string& value = NextListValue(values, count);
+    if (single && ASink.Direct(AValues, AValues.Value(source.Pieces[0].Ref), source.Kind)) continue;
+    std::string& value = ASink.Begin();
     AppendSource(AValues, source, value);
-    if (source.Kind == 1 && IsBlank(value)) --count; // a blank text is no value
+    ASink.End(source.Kind != 1 || !IsBlank(value)); // a blank text is no value
   }
-  values.resize(count);
 }
+
+// The values as a list (AFields.Strings).
+struct TListSink {
+  TStringList& Values;
+  size_t Count = 0;
+  std::string& Begin() { return NextListValue(Values, Count); }
+  void End(bool AKeep) {
+    if (!AKeep) --Count;
+  }
+  static bool Direct(const TValueSet&, const TBXmlSubstValue&, uint8_t) { return false; }
+};
+
+// Makes an event's data values from its plan and values into AFields.Strings.
+void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
+  TListSink sink{AFields.Strings};
+  MakeDataValuesInto(APlan, AValues, sink);
+  AFields.Strings.resize(sink.Count);
+}
+
+// The code point of UTF-16 at unit AIndex (advanced past the units it used); a lone
+// surrogate reads as U+FFFD, as AppendUtf16 reads it.
+inline uint32_t NextUtf16CodePoint(const uint8_t* AData, size_t ACount, size_t& AIndex) {
+  auto unit = [AData](size_t AAt) {
+    return static_cast<uint32_t>(AData[2 * AAt]) | static_cast<uint32_t>(AData[2 * AAt + 1]) << 8;
+  };
+  const uint32_t u = unit(AIndex++);
+  if (u < 0xD800 || u > 0xDFFF) return u;
+  if (u <= 0xDBFF && AIndex < ACount) {
+    const uint32_t low = unit(AIndex);
+    if (low >= 0xDC00 && low <= 0xDFFF) {
+      ++AIndex;
+      return 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00);
+    }
+  }
+  return 0xFFFD;
+}
+
+// Writes code point AChar (0x80 or above) as UTF-8 at ADest; returns the end.
+inline char* PutUtf8(char* ADest, uint32_t AChar) {
+  if (AChar < 0x800) {
+    ADest[0] = static_cast<char>(0xC0 | (AChar >> 6));
+    ADest[1] = static_cast<char>(0x80 | (AChar & 0x3F));
+    return ADest + 2;
+  }
+  if (AChar < 0x10000) {
+    ADest[0] = static_cast<char>(0xE0 | (AChar >> 12));
+    ADest[1] = static_cast<char>(0x80 | ((AChar >> 6) & 0x3F));
+    ADest[2] = static_cast<char>(0x80 | (AChar & 0x3F));
+    return ADest + 3;
+  }
+  ADest[0] = static_cast<char>(0xF0 | (AChar >> 18));
+  ADest[1] = static_cast<char>(0x80 | ((AChar >> 12) & 0x3F));
+  ADest[2] = static_cast<char>(0x80 | ((AChar >> 6) & 0x3F));
+  ADest[3] = static_cast<char>(0x80 | (AChar & 0x3F));
+  return ADest + 4;
+}
+
+// Appends the JSON string of a string value (type 0x01, ACount UTF-16 units at AData):
+// the same text as AppendJsonString of what AppendValue makes of it (NULs dropped, other
+// control characters but tab, line feed and carriage return made spaces), in one pass.
+void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
+  const size_t start = AOut.size();
+  // At most 3 bytes a unit (an escape takes 2; a pair of units 4), and the quotes.
+  AOut.resize(start + 3 * ACount + 2);
+  char* const base = AOut.data() + start;
+  char* d = base;
+  *d++ = '"';
+  size_t i = 0;
+  while (i < ACount) {
+#if defined(__SSE2__)
+    if (ACount - i >= 8) {
+      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(AData + 2 * i));
+      // Plain: 0x20 .. 0x7F but '"' and '\' (a unit of 0x8000 or above compares below 0x20).
+      __m128i bad = _mm_cmplt_epi16(v, _mm_set1_epi16(0x20));
+      bad = _mm_or_si128(bad, _mm_cmpgt_epi16(v, _mm_set1_epi16(0x7F)));
+      bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('"')));
+      bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('\\')));
+      if (_mm_movemask_epi8(bad) == 0) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(v, v));
+        d += 8;
+        i += 8;
+        continue;
+      }
+    }
+#endif
+    const uint32_t u = static_cast<uint32_t>(AData[2 * i]) | static_cast<uint32_t>(AData[2 * i + 1]) << 8;
+    if (u >= 0x80) {
+      d = PutUtf8(d, NextUtf16CodePoint(AData, ACount, i));
+      continue;
+    }
+    ++i;
+    if (u >= 0x20) {
+      if (u == '"' || u == '\\') *d++ = '\\';
+      *d++ = static_cast<char>(u);
+      continue;
+    }
+    switch (u) {
+    case 0: break;
+    case '\t': *d++ = '\\', *d++ = 't'; break;
+    case '\n': *d++ = '\\', *d++ = 'n'; break;
+    case '\r': *d++ = '\\', *d++ = 'r'; break;
+    default: *d++ = ' ';
+    }
+  }
+  *d++ = '"';
+  AOut.resize(start + static_cast<size_t>(d - base));
+}
+
+// The values as JSON strings separated by ',', each written straight into Out.
+struct TJsonSink {
+  std::string& Out;
+  std::string& Value;
+  bool First = true;
+  std::string& Begin() {
+    Value.clear();
+    return Value;
+  }
+  void End(bool AKeep) {
+    if (!AKeep) return;
+    if (!First) Out += ',';
+    First = false;
+    AppendJsonString(Out, Value);
+  }
+  bool Direct(const TValueSet& AValues, const TBXmlSubstValue& AValue, uint8_t AKind) {
+    if (AValue.Type != 0x01) return false;
+    const size_t mark = Out.size();
+    if (!First) Out += ',';
+    const size_t at = Out.size();
+    AppendUtf16Json(Out, AValues.Data + AValue.Offset, AValue.Size / 2);
+    if (AKind == 1 && IsBlankJson(std::string_view(Out).substr(at + 1, Out.size() - at - 2))) {
+      Out.resize(mark); // a blank text is no value
+      return true;
+    }
+    First = false;
+    return true;
+  }
+  // Whether a JSON string's text holds only blanks (spaces and escaped tabs and line ends).
+  static bool IsBlankJson(std::string_view AText) {
+    for (size_t i = 0; i < AText.size(); ++i) {
+      if (AText[i] == ' ') continue;
+      if (AText[i] != '\\' || i + 1 >= AText.size()) return false;
+      const char c = AText[++i];
+      if (c != 't' && c != 'n' && c != 'r') return false;
+    }
+    return true;
+  }
+};
+
+// The values separated by '\n', as they are.
+struct TJoinSink {
+  std::string& Out;
+  std::string& Value;
+  bool First = true;
+  std::string& Begin() {
+    Value.clear();
+    return Value;
+  }
+  void End(bool AKeep) {
+    if (!AKeep) return;
+    if (!First) Out += '\n';
+    First = false;
+    Out += Value;
+  }
+  static bool Direct(const TValueSet&, const TBXmlSubstValue&, uint8_t) { return false; }
+};
 
 // Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
 // system fields, rfProviderName .. rfUserID, made from the same values).
@@ -832,6 +1008,22 @@ void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSp
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
   const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
   MakeDataValues(plan, values, AFields);
+}
+
+void AppendRecordValuesJson(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, std::string& AOut) {
+  static thread_local std::string scratch, value;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  TJsonSink sink{AOut, value};
+  MakeDataValuesInto(plan, values, sink);
+}
+
+void AppendRecordValuesJoined(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, std::string& AOut) {
+  static thread_local std::string scratch, value;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  TJoinSink sink{AOut, value};
+  MakeDataValuesInto(plan, values, sink);
 }
 
 void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut) {
