@@ -336,19 +336,36 @@ std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* 
 
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator) {
   const TSystemTime t = DaysToSystemTime(ADays);
-  AppendDigits(AOut, t.wYear, 4);
-  AOut += '-';
-  AppendDigits(AOut, t.wMonth, 2);
-  AOut += '-';
-  AppendDigits(AOut, t.wDay, 2);
-  AOut += ASeparator;
-  AppendDigits(AOut, t.wHour, 2);
-  AOut += ':';
-  AppendDigits(AOut, t.wMinute, 2);
-  AOut += ':';
-  AppendDigits(AOut, t.wSecond, 2);
-  AOut += '.';
-  AppendDigits(AOut, t.wMilliseconds, 3);
+  // Made in a buffer and appended at once (as AppendDigits makes each number).
+  char text[96];
+  char* d = text;
+  auto put = [&d](unsigned AValue, int AWidth) {
+    char buf[24];
+    char* end = buf + sizeof buf;
+    char* p = end;
+    int n = 0;
+    do {
+      *--p = static_cast<char>('0' + AValue % 10);
+      AValue /= 10;
+    } while (AValue && ++n < 11);
+    const int width = AWidth < 12 ? AWidth : 12;
+    while (end - p < width) *--p = '0';
+    while (p < end) *d++ = *p++;
+  };
+  put(t.wYear, 4);
+  *d++ = '-';
+  put(t.wMonth, 2);
+  *d++ = '-';
+  put(t.wDay, 2);
+  *d++ = ASeparator;
+  put(t.wHour, 2);
+  *d++ = ':';
+  put(t.wMinute, 2);
+  *d++ = ':';
+  put(t.wSecond, 2);
+  *d++ = '.';
+  put(t.wMilliseconds, 3);
+  AOut.append(text, static_cast<size_t>(d - text));
 }
 
 void AppendOffsetText(std::string& AOut, int AMinutes) {

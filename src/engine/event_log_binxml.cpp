@@ -343,19 +343,28 @@ void TEventLogBinXML::TakeRowEvent(TEventRow& ARow) {
   const std::string& provider = fields[rfProviderName];
   const std::string& userId = fields[rfUserID];
   const auto task = static_cast<uint32_t>(TextToInt(fields[rfTask]));
-  // Most events of a log repeat the last one's provider, task and user: their names are
-  // looked up again only when one of them changes.
-  if (!FRowNames || task != FRowTaskNumber || provider != FRowProvider || userId != FRowUserId) {
+  // Most events of a log repeat one of a few providers, tasks and users: their names are
+  // looked up again only for one not met lately.
+  const TRowNames* names = nullptr;
+  for (const TRowNames& entry : FRowNames)
+    if (entry.Used && entry.TaskNumber == task && entry.Provider == provider && entry.UserId == userId) {
+      names = &entry;
+      break;
+    }
+  if (!names) {
     FRowFields.ProviderName = provider;
     FRowFields.TaskNumber = task;
     FRowFields.UserID = userId;
     ResolveTaskAndUser(FRowFields);
-    FRowProvider = provider;
-    FRowTaskNumber = task;
-    FRowUserId = userId;
-    FRowTask.swap(FRowFields.Task);
-    FRowUserName.swap(FRowFields.UserName);
-    FRowNames = true;
+    TRowNames& entry = FRowNames[FRowNamesNext];
+    FRowNamesNext = (FRowNamesNext + 1) % FRowNames.size();
+    entry.Provider = provider;
+    entry.TaskNumber = task;
+    entry.UserId = userId;
+    entry.Task.swap(FRowFields.Task);
+    entry.UserName.swap(FRowFields.UserName);
+    entry.Used = true;
+    names = &entry;
   }
   ARow.Owner = this;
   const int64_t recordId = TextToInt(fields[rfEventRecordID]);
@@ -374,8 +383,8 @@ void TEventLogBinXML::TakeRowEvent(TEventRow& ARow) {
   ARow.Channel = fields[rfChannel];
   ARow.Computer = fields[rfComputer];
   ARow.UserSid = userId;
-  ARow.TaskName = FRowTask;
-  ARow.UserName = FRowUserName;
+  ARow.TaskName = names->Task;
+  ARow.UserName = names->UserName;
   ARow.OpcodeName = {};
   ARow.KeywordNames = {};
   // Without offline descriptions an event's description is the no-description mark.

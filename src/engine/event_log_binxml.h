@@ -17,6 +17,7 @@
 #include "engine/named_fields.h"
 #include "platform/read_stream.h"
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -145,10 +146,15 @@ protected:
   void TakeFieldsEvent(std::string& AXml, TEventXmlFields& AFields);
   // Views the chunk's next event, read by its plan, as ARow (TakeChunkRows).
   void TakeRowEvent(TEventRow& ARow);
-  // The task and user names of the last row (TakeRowEvent), kept for the next ones.
-  std::string FRowProvider, FRowTask, FRowUserId, FRowUserName;
-  uint32_t FRowTaskNumber = 0;
-  bool FRowNames = false;
+  // The task and user names of the last few (provider, task, user) of rows
+  // (TakeRowEvent), kept for the next ones; the oldest gives way.
+  struct TRowNames {
+    std::string Provider, UserId, Task, UserName;
+    uint32_t TaskNumber = 0;
+    bool Used = false;
+  };
+  std::array<TRowNames, 8> FRowNames;
+  uint32_t FRowNamesNext = 0;
   TEventXmlFields FRowFields; // for ResolveTaskAndUser
   // What FillFields does after the fields of the XML are read.
   void CompleteFields(TEventXmlFields& AFields);

@@ -10,6 +10,7 @@
 #include "platform/text_escape.h"
 #include "platform/utf16.h"
 
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -271,8 +272,9 @@ bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEv
 }
 
 // Reads the record's fragments, marked, into a plan; APlan.Ok stays false when records
-// of this shape must be rendered instead.
-void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
+// of this shape must be rendered instead. The (name, value) pairs are read only for the
+// hunt's reading (ANamed).
+void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan, bool ANamed) {
   TMarker marker{AFragments, APlan, {}, {}, {}};
   if (!marker.Write(0)) return;
   std::string& text = marker.Text;
@@ -358,17 +360,23 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
     if (o.Element && !APlan.ExpandRefs[ref]) APlan.RepeatRefs.push_back(ref);
   }
   APlan.Ok = true;
-  APlan.NamedOk = CompileNamed(AFragments, event, APlan);
+  APlan.NamedOk = ANamed && CompileNamed(AFragments, event, APlan);
 }
 
-// The plans of a reading thread, kept from chunk to chunk: a log's chunks repeat the
+// The plans of the reading threads, kept from chunk to chunk: a log's chunks repeat the
 // same few templates. A template is known by its compiled program (text, ops and the
 // names they write), which is all a plan depends on; a record's shape is the programs of
-// its fragments and where each is embedded. Bounded: emptied when it grows too large.
+// its fragments and where each is embedded (and whether the pairs are read). Shared by
+// the threads (a plan is made once for all of them), under Lock. Bounded: emptied when
+// it grows too large.
 struct TPlanCache {
+  std::mutex Lock;
   std::unordered_map<std::string, uint32_t> Programs; // program → its number
   std::unordered_map<std::string, std::shared_ptr<const TPlan>> Plans; // shape → plan
   size_t Bytes = 0;
+  // Numbers are never given twice, not even after Trim: a shape that a thread still
+  // makes of numbers from before it cannot name another program's plan.
+  uint32_t NextProgram = 0;
   static constexpr size_t kMaxBytes = 32 * 1024 * 1024;
   static constexpr size_t kMaxEntries = 20000;
 
@@ -379,7 +387,7 @@ struct TPlanCache {
     Bytes = 0;
   }
 };
-thread_local TPlanCache GPlanCache;
+TPlanCache GPlanCache;
 
 // Appends the bytes of a plain value.
 template <typename T> void Put(std::string& AOut, const T& AValue) {
@@ -405,14 +413,24 @@ uint32_t ProgramNumber(const TBXmlTemplateNode* ATemplate, std::string& AScratch
     }
   }
   AScratch.append(ATemplate->ProgramText);
-  auto [it, added] = GPlanCache.Programs.emplace(AScratch, static_cast<uint32_t>(GPlanCache.Programs.size()));
-  if (added) GPlanCache.Bytes += AScratch.size() + 64;
+  const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+  auto [it, added] = GPlanCache.Programs.emplace(AScratch, GPlanCache.NextProgram);
+  if (added) {
+    GPlanCache.Bytes += AScratch.size() + 64;
+    ++GPlanCache.NextProgram;
+  }
   return it->second;
 }
 
 // What a reading thread keeps from chunk to chunk: the room the values are written in.
 struct TReaderRoom {
   std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers; // of the chunk's programs
+  // Per template of the chunk, its substitution ops (their numbers, in SubstOps): a
+  // record's walk looks at those alone, not at every op of the program.
+  std::unordered_map<const TBXmlTemplateNode*, std::pair<uint32_t, uint32_t>> SubstRanges;
+  std::vector<uint32_t> SubstOps;
+  const TBXmlTemplateNode* LastSubstTemplate = nullptr;
+  std::pair<uint32_t, uint32_t> LastSubstRange;
   std::string Scratch;
   std::vector<TFragment> Fragments;
   std::string Key;
@@ -424,7 +442,7 @@ struct TReaderRoom {
   const TBXmlTemplateNode* LastTemplate = nullptr;
   uint32_t LastNumber = 0;
   std::string LastKey;
-  const std::shared_ptr<const TPlan>* LastPlan = nullptr;
+  std::shared_ptr<const TPlan> LastPlan;
 };
 
 // Per chunk.
@@ -492,22 +510,22 @@ void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::s
   std::string& text = AValues.Scratch;
   switch (AValue.Type) {
   case 0x01: {
-    // Converted in the reused scratch string (the conversion makes room for the worst
-    // case first), then appended at its size.
-    text.clear();
-    AppendUtf16(text, data, AValue.Size / 2);
+    // Converted at the end of AOut, then mended there in the rare case that it holds
+    // control characters.
+    const size_t at = AOut.size();
+    AppendUtf16(AOut, data, AValue.Size / 2);
     bool special = false;
-    for (const char c : text) special |= static_cast<unsigned char>(c) < 0x20;
-    if (!special) {
-      AOut.append(text);
-      return;
-    }
+    for (size_t i = at; i < AOut.size(); ++i) special |= static_cast<unsigned char>(AOut[i]) < 0x20;
+    if (!special) return;
     // UTF-8 puts no byte below 0x80 inside a sequence: each one is a character.
-    for (const char c : text) {
+    size_t w = at;
+    for (size_t i = at; i < AOut.size(); ++i) {
+      const char c = AOut[i];
       const auto u = static_cast<unsigned char>(c);
       if (u == 0) continue;
-      AOut.push_back(u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : c);
+      AOut[w++] = u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : c;
     }
+    AOut.resize(w);
     return;
   }
   case 0x02:
@@ -666,31 +684,47 @@ inline char* PutUtf8(char* ADest, uint32_t AChar) {
   return ADest + 4;
 }
 
-// Appends the JSON string of a string value (type 0x01, ACount UTF-16 units at AData):
-// the same text as AppendJsonString of what AppendValue makes of it (NULs dropped, other
-// control characters but tab, line feed and carriage return made spaces), in one pass.
-void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
-  const size_t start = AOut.size();
-  // At most 3 bytes a unit (an escape takes 2; a pair of units 4), and the quotes.
-  AOut.resize(start + 3 * ACount + 2);
-  char* const base = AOut.data() + start;
-  char* d = base;
+#if defined(__SSE2__)
+// Whether the 8 units at AUnits are plain ASCII for a JSON string (0x20 .. 0x7F but '"'
+// and '\\'); their low bytes are then stored at ADest.
+inline bool PutPlainJsonBlock(const uint8_t* AUnits, char* ADest) {
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(AUnits));
+  // A unit of 0x8000 or above compares below 0x20.
+  __m128i bad = _mm_cmplt_epi16(v, _mm_set1_epi16(0x20));
+  bad = _mm_or_si128(bad, _mm_cmpgt_epi16(v, _mm_set1_epi16(0x7F)));
+  bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('"')));
+  bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('\\')));
+  if (_mm_movemask_epi8(bad) != 0) return false;
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(ADest), _mm_packus_epi16(v, v));
+  return true;
+}
+#endif
+
+// Writes the JSON string of ACount UTF-16 units at AData to ADest, which has room for
+// 3 * ACount + 10 bytes; returns the end of what it wrote.
+char* PutUtf16Json(char* ADest, const uint8_t* AData, size_t ACount) {
+  // Most strings end with a NUL, which is dropped: the units before it may end in a block.
+  while (ACount > 0 && AData[2 * ACount - 2] == 0 && AData[2 * ACount - 1] == 0) --ACount;
+  char* d = ADest;
   *d++ = '"';
   size_t i = 0;
   while (i < ACount) {
 #if defined(__SSE2__)
     if (ACount - i >= 8) {
-      const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(AData + 2 * i));
-      // Plain: 0x20 .. 0x7F but '"' and '\' (a unit of 0x8000 or above compares below 0x20).
-      __m128i bad = _mm_cmplt_epi16(v, _mm_set1_epi16(0x20));
-      bad = _mm_or_si128(bad, _mm_cmpgt_epi16(v, _mm_set1_epi16(0x7F)));
-      bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('"')));
-      bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('\\')));
-      if (_mm_movemask_epi8(bad) == 0) {
-        _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_packus_epi16(v, v));
+      if (PutPlainJsonBlock(AData + 2 * i, d)) {
         d += 8;
         i += 8;
         continue;
+      }
+    } else if (static_cast<size_t>(d - ADest) == i + 1) {
+      // The last few units, all before them written a byte each: a block padded with
+      // plain units (8 bytes are stored; the room allows for it).
+      uint8_t tail[16];
+      for (size_t k = 0; k < 8; ++k) tail[2 * k] = 'a', tail[2 * k + 1] = 0;
+      std::memcpy(tail, AData + 2 * i, 2 * (ACount - i));
+      if (PutPlainJsonBlock(tail, d)) {
+        d += ACount - i;
+        break;
       }
     }
 #endif
@@ -714,7 +748,19 @@ void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
     }
   }
   *d++ = '"';
-  AOut.resize(start + static_cast<size_t>(d - base));
+  return d;
+}
+
+// Appends the JSON string of a string value (type 0x01, ACount UTF-16 units at AData):
+// the same text as AppendJsonString of what AppendValue makes of it (NULs dropped, other
+// control characters but tab, line feed and carriage return made spaces), in one pass.
+void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
+  // At most 3 bytes a unit (an escape takes 2; a pair of units 4), the quotes and the
+  // last block's spare bytes.
+  const size_t start = AOut.size();
+  AOut.resize(start + 3 * ACount + 10);
+  char* const base = AOut.data() + start;
+  AOut.resize(start + static_cast<size_t>(PutUtf16Json(base, AData, ACount) - base));
 }
 
 // The values as JSON strings separated by ',', each written straight into Out.
@@ -841,12 +887,28 @@ constexpr int kMaxLevel = 8;
 // checks its values as the render would meet them: false at the first that the render
 // would raise at or that this reader does not follow (embedded fragments are prepared
 // here, as the render prepares them; one that raises is left unprepared again).
+// Where the numbers of ATemplate's substitution ops lie in ARoom.SubstOps (first, count).
+std::pair<uint32_t, uint32_t> SubstRange(TReaderRoom& ARoom, const TBXmlTemplateNode* ATemplate) {
+  if (ATemplate == ARoom.LastSubstTemplate) return ARoom.LastSubstRange;
+  auto found = ARoom.SubstRanges.find(ATemplate);
+  if (found == ARoom.SubstRanges.end()) {
+    const auto first = static_cast<uint32_t>(ARoom.SubstOps.size());
+    for (uint32_t i = 0; i < ATemplate->OpCount; ++i)
+      if (!ATemplate->Ops[i].TextLength) ARoom.SubstOps.push_back(i);
+    found = ARoom.SubstRanges.emplace(ATemplate, std::make_pair(first, static_cast<uint32_t>(ARoom.SubstOps.size()) - first)).first;
+  }
+  ARoom.LastSubstTemplate = ATemplate;
+  ARoom.LastSubstRange = found->second;
+  return found->second;
+}
+
 bool WalkFragment(TReaderState& R, uint32_t AFragment, int ALevel) {
   const TBXmlTemplateNode* t = R.Fragments[AFragment].Template;
   const TBXmlSubstArrayNode* array = R.Fragments[AFragment].Array;
-  for (uint32_t i = 0; i < t->OpCount; ++i) {
+  const auto [firstOp, opCount] = SubstRange(R.Room, t);
+  for (uint32_t k = 0; k < opCount; ++k) {
+    const uint32_t i = R.Room.SubstOps[firstOp + k];
     const TBXmlOp& op = t->Ops[i];
-    if (op.TextLength) continue;
     if (op.Index >= array->Count) return false;
     TBXmlSubstValue& v = array->Values[op.Index];
     if (v.Type != 0x21 || !v.Size) continue;
@@ -878,6 +940,7 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   R.Fragments.push_back({t, ARoot->Array, 0, 0});
   if (!WalkFragment(R, 0, 0)) return false;
   R.Key.clear();
+  Put(R.Key, R.Named);
   for (const TFragment& f : R.Fragments) {
     if (f.Template != R.Room.LastTemplate) {
       auto number = R.Numbers.find(f.Template);
@@ -892,18 +955,27 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   }
   // Records of one shape tend to follow each other: the last shape's plan is tried first.
   if (!R.Room.LastPlan || R.Key != R.Room.LastKey) {
-    auto found = GPlanCache.Plans.find(R.Key);
-    if (found == GPlanCache.Plans.end()) {
-      auto compiled = std::make_shared<TPlan>();
-      CompilePlan(R.Fragments, *compiled);
-      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size() + sizeof(TNamedSource) * compiled->Named.size() +
-                          sizeof(TNamedPiece) * compiled->NamedPieces.size() + compiled->NamedText.size();
-      found = GPlanCache.Plans.emplace(R.Key, std::move(compiled)).first;
+    std::shared_ptr<const TPlan> found;
+    {
+      const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+      if (auto known = GPlanCache.Plans.find(R.Key); known != GPlanCache.Plans.end()) found = known->second;
     }
-    R.Room.LastPlan = &found->second; // stays valid while the cache keeps it (until Trim)
+    if (!found) {
+      // Made outside the lock; a plan another thread made meanwhile for the shape is the same.
+      auto compiled = std::make_shared<TPlan>();
+      CompilePlan(R.Fragments, *compiled, R.Named);
+      const size_t bytes = R.Key.size() + 256 + 64 * compiled->Values.size() +
+                           sizeof(TNamedSource) * compiled->Named.size() +
+                           sizeof(TNamedPiece) * compiled->NamedPieces.size() + compiled->NamedText.size();
+      const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+      auto [it, added] = GPlanCache.Plans.emplace(R.Key, std::move(compiled));
+      if (added) GPlanCache.Bytes += bytes;
+      found = it->second;
+    }
+    R.Room.LastPlan = std::move(found);
     R.Room.LastKey = R.Key;
   }
-  const std::shared_ptr<const TPlan>& shared = *R.Room.LastPlan;
+  const std::shared_ptr<const TPlan>& shared = R.Room.LastPlan;
   const TPlan& plan = *shared;
   if (!plan.Ok || (R.Named && !plan.NamedOk)) return false;
   // An array that would repeat an element other than a <Data> of its own.
@@ -1041,10 +1113,16 @@ void ReadChunk(TEvtxChunk& AChunk, TChunkResult& AResult, bool ANamed) {
   AResult.RecordFields.clear();
   AResult.RecordsFromXml = 0;
   AResult.FieldsRead = true;
-  GPlanCache.Trim();
+  {
+    const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+    GPlanCache.Trim();
+  }
   // The room of the last chunk's reading is kept for the next one, on the same thread.
   static thread_local TReaderRoom room;
   room.Numbers.clear();
+  room.SubstRanges.clear();
+  room.SubstOps.clear();
+  room.LastSubstTemplate = nullptr;
   room.LastTemplate = nullptr;
   room.LastPlan = nullptr;
   room.PlanIndex.clear();
