@@ -56,6 +56,11 @@ void AppendDigits(std::string& AOut, unsigned AValue, int AWidth) {
 }
 
 void AppendUnsigned(std::string& AOut, uint64_t AValue) {
+  // Most values (levels, versions, opcodes) are one digit.
+  if (AValue < 10) {
+    AOut += static_cast<char>('0' + AValue);
+    return;
+  }
   char buf[24];
   char* end = buf + sizeof buf;
   char* p = end;
@@ -236,7 +241,7 @@ public:
     FBuffer += "Z\",\"system_time\":";
     AppendJsonString(FBuffer, ARow.SystemTime);
     FBuffer += ",\"type\":";
-    AppendJsonString(FBuffer, EventTypeName(ARow.Type));
+    AppendJsonCached(FTypeJson, EventTypeName(ARow.Type));
     FBuffer += ",\"level\":";
     AppendUnsigned(FBuffer, ARow.Level);
     FBuffer += ",\"event_id\":";
@@ -246,13 +251,13 @@ public:
     FBuffer += ",\"version\":";
     AppendUnsigned(FBuffer, ARow.Version);
     FBuffer += ",\"task\":";
-    AppendJsonString(FBuffer, ARow.TaskName);
+    AppendJsonCached(FTaskNameJson, ARow.TaskName);
     FBuffer += ",\"task_id\":";
     AppendUnsigned(FBuffer, ARow.TaskNumber);
     FBuffer += ",\"opcode\":";
     AppendUnsigned(FBuffer, ARow.OpCode);
     FBuffer += ",\"keywords\":";
-    AppendJsonString(FBuffer, ARow.Keywords);
+    AppendJsonCached(FKeywordsJson, ARow.Keywords);
     if (!ARow.OpcodeName.empty()) {
       FBuffer += ",\"opcode_name\":";
       AppendJsonString(FBuffer, ARow.OpcodeName);
@@ -262,18 +267,18 @@ public:
       AppendJsonString(FBuffer, ARow.KeywordNames);
     }
     FBuffer += ",\"source\":";
-    AppendJsonString(FBuffer, ARow.Source);
+    AppendJsonCached(FSourceJson, ARow.Source);
     FBuffer += ",\"channel\":";
-    AppendJsonString(FBuffer, ARow.Channel);
+    AppendJsonCached(FChannelJson, ARow.Channel);
     FBuffer += ",\"computer\":";
-    AppendJsonString(FBuffer, ARow.Computer);
+    AppendJsonCached(FComputerJson, ARow.Computer);
     FBuffer += ",\"user\":";
-    AppendJsonString(FBuffer, ARow.UserName);
+    AppendJsonCached(FUserNameJson, ARow.UserName);
     FBuffer += ",\"user_sid\":";
     if (ARow.UserSid.empty())
       FBuffer += "null";
     else
-      AppendJsonString(FBuffer, ARow.UserSid);
+      AppendJsonCached(FUserSidJson, ARow.UserSid);
     FBuffer += ",\"description\":";
     if (ARow.DescriptionFound)
       AppendJsonString(FBuffer, ARow.Description);
@@ -286,7 +291,22 @@ public:
   }
 
 private:
+  // The JSON text of a field's last value: most fields repeat from event to event.
+  struct TJsonCache {
+    std::string Raw, Json;
+  };
+  void AppendJsonCached(TJsonCache& ACache, std::string_view AText) {
+    if (AText.size() != ACache.Raw.size() || std::memcmp(AText.data(), ACache.Raw.data(), AText.size()) != 0) {
+      ACache.Raw.assign(AText);
+      ACache.Json.clear();
+      AppendJsonString(ACache.Json, AText);
+    }
+    FBuffer += ACache.Json;
+  }
+
   TEventRow FRow;
+  TJsonCache FTypeJson, FTaskNameJson, FKeywordsJson, FSourceJson, FChannelJson, FComputerJson, FUserNameJson,
+      FUserSidJson;
 };
 
 // --- XML ------------------------------------------------------------------------

@@ -996,7 +996,10 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   // The system fields are made here, the data values by the taker: the two threads
   // share the work about evenly.
   const uint32_t first = R.Used;
-  for (uint32_t f = 0; f < rfValues; ++f) R.Slot(); // taken first: taking one may move the others
+  // The slots are taken first (taking one may move the others); MakeSystemFields empties
+  // each before it writes it.
+  if (R.Result.Fields.size() < first + rfValues) R.Result.Fields.resize(first + rfValues);
+  R.Used = first + rfValues;
   std::string* system[rfBinaryData];
   for (uint32_t f = 0; f < rfBinaryData; ++f) system[f] = &result.Fields[first + f];
   std::string& binary = result.Fields[first + rfBinaryData];
