@@ -293,7 +293,7 @@ public:
 private:
   // The JSON text of a field's last value: most fields repeat from event to event.
   struct TJsonCache {
-    std::string Raw, Json;
+    std::string Raw, Json = "\"\""; // at first the empty value's
   };
   void AppendJsonCached(TJsonCache& ACache, std::string_view AText) {
     if (AText.size() != ACache.Raw.size() || std::memcmp(AText.data(), ACache.Raw.data(), AText.size()) != 0) {
