@@ -779,7 +779,7 @@ struct TJsonSink {
     AppendJsonString(Out, Value);
   }
   bool Direct(const TValueSet& AValues, const TBXmlSubstValue& AValue, uint8_t AKind) {
-    if (AValue.Type != 0x01) return false;
+    if (AValue.Type != 0x01) return DirectPlain(AValues, AValue, AKind);
     const size_t mark = Out.size();
     if (!First) Out += ',';
     const size_t at = Out.size();
@@ -788,6 +788,24 @@ struct TJsonSink {
       Out.resize(mark); // a blank text is no value
       return true;
     }
+    First = false;
+    return true;
+  }
+  // Numbers, times, GUIDs, SIDs and hexadecimal: their text (digits, letters and
+  // "{}-+.:") needs no escape and is never blank (nor empty: the check is a guard).
+  bool DirectPlain(const TValueSet& AValues, const TBXmlSubstValue& AValue, uint8_t AKind) {
+    const uint8_t t = AValue.Type;
+    if (!((t >= 0x03 && t <= 0x0D) || t == 0x0F || (t >= 0x11 && t <= 0x15))) return false;
+    const size_t mark = Out.size();
+    if (!First) Out += ',';
+    Out += '"';
+    const size_t at = Out.size();
+    AppendVariantXml(Out, t, AValues.Data + AValue.Offset, AValue.Size, kVarModeSubstitution);
+    if (AKind == 1 && Out.size() == at) {
+      Out.resize(mark); // an empty text is no value
+      return true;
+    }
+    Out += '"';
     First = false;
     return true;
   }

@@ -181,6 +181,50 @@ TEST(EventRow, BlankUserDataTextIsNoValue) {
   ExpectRowsAsItems(WriteTempFile("row-userdata.evtx", MakeFileFromChunks({chunk.Finish()})), events.size());
 }
 
+// Values of every kind: numbers, times, identifiers and hexadecimal are written without
+// the escaping pass, arrays and ANSI text through it.
+TEST(EventRow, ValuesOfEveryKindAsTheItemsText) {
+  TEvtxEventDraft e = SampleEvent(1);
+  e.FData = {{"Int8", TEvtxValue(0x03, {0xFE})},
+             {"UInt8", TEvtxValue(0x04, {0xFE})},
+             {"Int16", TEvtxValue(0x05, {0x00, 0x80})},
+             {"UInt16", TEvtxValue(0x06, {0xFF, 0xFF})},
+             {"Int", TEvtxValue::Int32(-5)},
+             {"UInt", TEvtxValue::UInt32(4000000000u)},
+             {"Int64", TEvtxValue(0x09, {0, 0, 0, 0, 0, 0, 0, 0x80})},
+             {"UInt64", TEvtxValue(0x0A, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF})},
+             {"Float", TEvtxValue(0x0B, {0x00, 0x00, 0xC0, 0x7F})},
+             {"Double", TEvtxValue(0x0C, {0, 0, 0, 0, 0, 0, 0xF0, 0xFF})},
+             {"Bool", TEvtxValue::Bool(false)},
+             {"Guid", TEvtxValue::Guid("{01234567-89AB-CDEF-0123-456789ABCDEF}")},
+             {"Time", TEvtxValue::FileTime(133000000000000000ull)},
+             {"SysTime", TEvtxValue(0x12, {0xE8, 0x07, 3, 0, 1, 0, 11, 0, 10, 0, 20, 0, 30, 0, 0x7B, 0})},
+             {"Sid", TEvtxValue::Sid("S-1-5-21-1-2-3-500")},
+             {"Hex32", TEvtxValue(0x14, {0xEF, 0xBE, 0xAD, 0xDE})},
+             {"Hex", TEvtxValue::Hex64(0xABCDEF)},
+             {"Ansi", TEvtxValue::AnsiString("caf\xE9 \"<x>\"")},
+             {"Bin", TEvtxValue::Binary(std::vector<uint8_t>{1, 2, 0xFE})},
+             {"Strings", TEvtxValue::StringArray({"one", "t\"w\"o", "", "three"})},
+             {"Numbers", TEvtxValue::UInt32Array(std::vector<uint32_t>{7, 8, 9})},
+             {"Null", TEvtxValue::Null()}};
+  auto inner = std::make_shared<TEvtxTemplate>("user-data", [](TBinXmlWriter& w) {
+    w.OpenElement("Info");
+    w.CloseStartElement();
+    w.SubstitutionElement("N", 0, EvtxType::UInt32);
+    w.SubstitutionElement("E", 1, EvtxType::String);
+    w.SubstitutionElement("T", 2, EvtxType::UInt32);
+    w.EndElement();
+  });
+  TEvtxEventDraft u = SampleEvent(2);
+  u.FData.clear();
+  u.FUserData = TEvtxValue::BinXml(inner, {TEvtxValue::UInt32(7), TEvtxValue::Null(), TEvtxValue::Null()});
+  TEvtxChunkWriter chunk;
+  TEvtxEventTemplates templates;
+  ASSERT_TRUE(chunk.AddEvent(1, e, templates));
+  ASSERT_TRUE(chunk.AddEvent(2, u, templates));
+  ExpectRowsAsItems(WriteTempFile("row-kinds.evtx", MakeFileFromChunks({chunk.Finish()})), 2);
+}
+
 TEST(EventRow, SampleLogGivesTheItemsRows) {
   ExpectRowsAsItems(WriteTempFile("row-sample.evtx", MakeEvtxFile(3, 20)), 60);
 }
