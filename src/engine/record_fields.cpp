@@ -396,21 +396,29 @@ template <typename T> void Put(std::string& AOut, const T& AValue) {
 
 // The number of ATemplate's program in the cache.
 uint32_t ProgramNumber(const TBXmlTemplateNode* ATemplate, std::string& AScratch) {
+  // Each op as one fixed-size record (no padding, so its bytes are its fields), the
+  // names it writes after it.
+  struct TOpKey {
+    uint32_t TextOffset, TextLength, StartTagOffset, AttributeSize, ElementSize;
+    uint16_t Index;
+    uint8_t Type, Optional;
+  };
+  static_assert(sizeof(TOpKey) == 24);
   AScratch.clear();
   Put(AScratch, ATemplate->OpCount);
   for (uint32_t i = 0; i < ATemplate->OpCount; ++i) {
     const TBXmlOp& op = ATemplate->Ops[i];
-    Put(AScratch, op.TextOffset);
-    Put(AScratch, op.TextLength);
-    Put(AScratch, op.Index);
-    Put(AScratch, op.Type);
-    Put(AScratch, op.Optional);
-    Put(AScratch, op.StartTagOffset);
-    for (const TBXmlNameStringNode* name : {op.Attribute, op.Element}) {
-      const uint32_t size = name ? static_cast<uint32_t>(name->Text.size()) : 0xFFFFFFFF;
-      Put(AScratch, size);
-      if (name) AScratch.append(name->Text);
-    }
+    const TOpKey key{op.TextOffset,
+                     op.TextLength,
+                     op.StartTagOffset,
+                     op.Attribute ? static_cast<uint32_t>(op.Attribute->Text.size()) : 0xFFFFFFFF,
+                     op.Element ? static_cast<uint32_t>(op.Element->Text.size()) : 0xFFFFFFFF,
+                     op.Index,
+                     op.Type,
+                     static_cast<uint8_t>(op.Optional)};
+    Put(AScratch, key);
+    if (op.Attribute) AScratch.append(op.Attribute->Text);
+    if (op.Element) AScratch.append(op.Element->Text);
   }
   AScratch.append(ATemplate->ProgramText);
   const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
