@@ -9,7 +9,8 @@
 // and reading each one's XML gives; any difference stops the run. So must the hunt's
 // reader (ReadChunkNamedFields): each event's system fields and (name, value) pairs must
 // be those that reading its XML with ForEachNamedField gives (hunt/event_fields.h loads
-// both alike from there on).
+// both alike from there on). The data values the events listing writes straight from
+// the chunk (AppendRecordValuesJson, AppendRecordValuesJoined) must be the list's.
 //
 // Seeds: chunks cut from a file written by `quorvex demo` (see build.sh fuzz).
 #include <algorithm>
@@ -27,6 +28,7 @@
 #include "engine/evtx/evtx_layout.h"
 #include "engine/named_fields.h"
 #include "engine/record_fields.h"
+#include "platform/text_escape.h"
 #include "render_chunk.h"
 
 namespace {
@@ -85,8 +87,21 @@ void CheckFieldReader(const std::vector<uint8_t>& ABytes) {
                            &fields.EventRecordID, &fields.Channel, &fields.Computer, &fields.UserID};
       for (size_t k = 0; k < qvx::rfBinaryData; ++k) *to[k] = f[k];
       fields.BinaryData.assign(f[qvx::rfBinaryData].begin(), f[qvx::rfBinaryData].end());
-      if (span.Plan != 0xFFFFFFFF) qvx::TakeRecordFields(direct, span, fields);
-      else fields.Strings.assign(f + qvx::rfValues, f + span.Count);
+      if (span.Plan != 0xFFFFFFFF) {
+        qvx::TakeRecordFields(direct, span, fields);
+        // The values written straight as JSON and as joined text are those of the list.
+        std::string json, joined, expectJson, expectJoined;
+        qvx::AppendRecordValuesJson(direct, span, json);
+        qvx::AppendRecordValuesJoined(direct, span, joined);
+        for (size_t k = 0; k < fields.Strings.size(); ++k) {
+          if (k) expectJson += ',', expectJoined += '\n';
+          qvx::AppendJsonString(expectJson, fields.Strings[k]);
+          expectJoined += fields.Strings[k];
+        }
+        if (json != expectJson || joined != expectJoined) std::abort();
+      } else {
+        fields.Strings.assign(f + qvx::rfValues, f + span.Count);
+      }
       got.push_back(Describe(fields));
     }
   } else {

@@ -6,10 +6,15 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <stdexcept>
 
 namespace qvx::app {
 
 TEventWriter::~TEventWriter() = default;
+
+void TEventWriter::WriteRow(const TEventRow&) {
+  throw std::logic_error("this listing takes no rows");
+}
 
 void TEventWriter::Flush() {
   if (!FBuffer.empty() && std::fwrite(FBuffer.data(), 1, FBuffer.size(), FOut) != FBuffer.size()) FFailed = true;
@@ -51,6 +56,11 @@ void AppendDigits(std::string& AOut, unsigned AValue, int AWidth) {
 }
 
 void AppendUnsigned(std::string& AOut, uint64_t AValue) {
+  // Most values (levels, versions, opcodes) are one digit.
+  if (AValue < 10) {
+    AOut += static_cast<char>('0' + AValue);
+    return;
+  }
   char buf[24];
   char* end = buf + sizeof buf;
   char* p = end;
@@ -129,64 +139,67 @@ public:
   }
 
   void Write(TEventItemX& AItem) override {
+    RowOfItem(AItem, FRow);
+    WriteRow(FRow);
+  }
+
+  void WriteRow(const TEventRow& ARow) override {
     FField.clear();
-    const double local = AItem.GetTimeGenerated();
+    const double local = ARow.Owner ? ARow.Owner->ConvertTime(ARow.TimeGenerated) : ARow.TimeGenerated;
     AppendDayCountText(FField, local);
     FBuffer += FField;
     FBuffer += ',';
     // Shown in UTC the two times are the same text: it is made once.
-    if (local != AItem.FTimeGenerated) {
+    if (local != ARow.TimeGenerated) {
       FField.clear();
-      AppendDayCountText(FField, AItem.FTimeGenerated);
+      AppendDayCountText(FField, ARow.TimeGenerated);
     }
     FBuffer += FField;
     FBuffer += ',';
-    AppendCsvField(FBuffer, EventTypeName(AItem.FEventType));
+    AppendCsvField(FBuffer, EventTypeName(ARow.Type));
     FBuffer += ',';
-    AppendUnsigned(FBuffer, AItem.FLevel);
+    AppendUnsigned(FBuffer, ARow.Level);
     FBuffer += ',';
-    AppendUnsigned(FBuffer, AItem.FEventID);
+    AppendUnsigned(FBuffer, ARow.EventId);
     FBuffer += ',';
-    AppendUnsigned(FBuffer, AItem.FEventIDQual);
+    AppendUnsigned(FBuffer, ARow.Qualifiers);
     FBuffer += ',';
-    AppendUnsigned(FBuffer, AItem.FVersion);
+    AppendUnsigned(FBuffer, ARow.Version);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.GetCategoryName());
+    AppendCsvField(FBuffer, ARow.TaskName);
     FBuffer += ',';
-    AppendUnsigned(FBuffer, AItem.FOpCode);
+    AppendUnsigned(FBuffer, ARow.OpCode);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FKeywords);
+    AppendCsvField(FBuffer, ARow.Keywords);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FSourceName);
+    AppendCsvField(FBuffer, ARow.Source);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FChannel);
+    AppendCsvField(FBuffer, ARow.Channel);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FComputername);
+    AppendCsvField(FBuffer, ARow.Computer);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.GetUserName());
+    AppendCsvField(FBuffer, ARow.UserName);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FUserSid);
+    AppendCsvField(FBuffer, ARow.UserSid);
     FBuffer += ',';
-    AppendUnsigned(FBuffer, AItem.FEventRecordID);
+    AppendUnsigned(FBuffer, ARow.RecordId);
     FBuffer += ',';
-    AppendCsvField(FBuffer, DescriptionText(AItem));
+    AppendCsvField(FBuffer, ARow.Description);
     FBuffer += ',';
     FField.clear();
-    for (size_t i = 0; i < AItem.FStrings.size(); ++i) {
-      if (i) FField += '\n';
-      FField += AItem.FStrings[i];
-    }
+    AppendRowValuesJoined(ARow, FField);
     AppendCsvField(FBuffer, FField);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FOpcodeName);
+    AppendCsvField(FBuffer, ARow.OpcodeName);
     FBuffer += ',';
-    AppendCsvField(FBuffer, AItem.FKeywordNames);
+    AppendCsvField(FBuffer, ARow.KeywordNames);
     FBuffer += "\r\n";
     FlushIfFull();
   }
 
 private:
   std::string FField;
+  TEventRow FRow;
 };
 
 // --- JSON Lines -----------------------------------------------------------------
@@ -196,84 +209,104 @@ public:
   explicit TJsonlWriter(std::FILE* AOut) : TEventWriter(AOut) {}
 
   void Write(TEventItemX& AItem) override {
-    const TEventLogBase* owner = AItem.Owner();
+    RowOfItem(AItem, FRow);
+    WriteRow(FRow);
+  }
+
+  void WriteRow(const TEventRow& ARow) override {
+    const TEventLogBase* owner = ARow.Owner;
     FBuffer += "{\"record\":";
-    AppendUnsigned(FBuffer, AItem.FEventRecordID);
+    AppendUnsigned(FBuffer, ARow.RecordId);
     FBuffer += ",\"time\":\"";
     // The day count carries milliseconds; the 100 ns digits below them come from the
     // event's own time text (the zone offset is whole minutes, so they are the same).
-    const unsigned units = static_cast<unsigned>(FractionDigits(AItem.FSystemTime, 3, 4));
-    const double local = AItem.GetTimeGenerated();
+    const unsigned units = static_cast<unsigned>(FractionDigits(ARow.SystemTime, 3, 4));
+    const double local = owner ? owner->ConvertTime(ARow.TimeGenerated) : ARow.TimeGenerated;
     const size_t at = FBuffer.size();
     AppendDayCountText(FBuffer, local, 'T');
     AppendDigits(FBuffer, units, 4);
     // Shown in UTC the two times are the same text: it is made once.
     char same[48];
     const size_t length = FBuffer.size() - at;
-    const bool reuse = local == AItem.FTimeGenerated && length <= sizeof same;
+    const bool reuse = local == ARow.TimeGenerated && length <= sizeof same;
     if (reuse) std::memcpy(same, FBuffer.data() + at, length);
-    AppendOffsetText(FBuffer, owner ? owner->ShiftMinutesAt(AItem.FTimeGenerated) : 0);
+    AppendOffsetText(FBuffer, owner ? owner->ShiftMinutesAt(ARow.TimeGenerated) : 0);
     FBuffer += "\",\"time_utc\":\"";
     if (reuse) {
       FBuffer.append(same, length);
     } else {
-      AppendDayCountText(FBuffer, AItem.FTimeGenerated, 'T');
+      AppendDayCountText(FBuffer, ARow.TimeGenerated, 'T');
       AppendDigits(FBuffer, units, 4);
     }
     FBuffer += "Z\",\"system_time\":";
-    AppendJsonString(FBuffer, AItem.FSystemTime);
+    AppendJsonString(FBuffer, ARow.SystemTime);
     FBuffer += ",\"type\":";
-    AppendJsonString(FBuffer, EventTypeName(AItem.FEventType));
+    AppendJsonCached(FTypeJson, EventTypeName(ARow.Type));
     FBuffer += ",\"level\":";
-    AppendUnsigned(FBuffer, AItem.FLevel);
+    AppendUnsigned(FBuffer, ARow.Level);
     FBuffer += ",\"event_id\":";
-    AppendUnsigned(FBuffer, AItem.FEventID);
+    AppendUnsigned(FBuffer, ARow.EventId);
     FBuffer += ",\"qualifiers\":";
-    AppendUnsigned(FBuffer, AItem.FEventIDQual);
+    AppendUnsigned(FBuffer, ARow.Qualifiers);
     FBuffer += ",\"version\":";
-    AppendUnsigned(FBuffer, AItem.FVersion);
+    AppendUnsigned(FBuffer, ARow.Version);
     FBuffer += ",\"task\":";
-    AppendJsonString(FBuffer, AItem.GetCategoryName());
+    AppendJsonCached(FTaskNameJson, ARow.TaskName);
     FBuffer += ",\"task_id\":";
-    AppendUnsigned(FBuffer, AItem.FTask);
+    AppendUnsigned(FBuffer, ARow.TaskNumber);
     FBuffer += ",\"opcode\":";
-    AppendUnsigned(FBuffer, AItem.FOpCode);
+    AppendUnsigned(FBuffer, ARow.OpCode);
     FBuffer += ",\"keywords\":";
-    AppendJsonString(FBuffer, AItem.FKeywords);
-    if (!AItem.FOpcodeName.empty()) {
+    AppendJsonCached(FKeywordsJson, ARow.Keywords);
+    if (!ARow.OpcodeName.empty()) {
       FBuffer += ",\"opcode_name\":";
-      AppendJsonString(FBuffer, AItem.FOpcodeName);
+      AppendJsonString(FBuffer, ARow.OpcodeName);
     }
-    if (!AItem.FKeywordNames.empty()) {
+    if (!ARow.KeywordNames.empty()) {
       FBuffer += ",\"keyword_names\":";
-      AppendJsonString(FBuffer, AItem.FKeywordNames);
+      AppendJsonString(FBuffer, ARow.KeywordNames);
     }
     FBuffer += ",\"source\":";
-    AppendJsonString(FBuffer, AItem.FSourceName);
+    AppendJsonCached(FSourceJson, ARow.Source);
     FBuffer += ",\"channel\":";
-    AppendJsonString(FBuffer, AItem.FChannel);
+    AppendJsonCached(FChannelJson, ARow.Channel);
     FBuffer += ",\"computer\":";
-    AppendJsonString(FBuffer, AItem.FComputername);
+    AppendJsonCached(FComputerJson, ARow.Computer);
     FBuffer += ",\"user\":";
-    AppendJsonString(FBuffer, AItem.GetUserName());
+    AppendJsonCached(FUserNameJson, ARow.UserName);
     FBuffer += ",\"user_sid\":";
-    if (AItem.FUserSid.empty())
+    if (ARow.UserSid.empty())
       FBuffer += "null";
     else
-      AppendJsonString(FBuffer, AItem.FUserSid);
+      AppendJsonCached(FUserSidJson, ARow.UserSid);
     FBuffer += ",\"description\":";
-    if (AItem.FDescriptionFound)
-      AppendJsonString(FBuffer, AItem.FEvtMessage);
+    if (ARow.DescriptionFound)
+      AppendJsonString(FBuffer, ARow.Description);
     else
       FBuffer += "null";
     FBuffer += ",\"data\":[";
-    for (size_t i = 0; i < AItem.FStrings.size(); ++i) {
-      if (i) FBuffer += ',';
-      AppendJsonString(FBuffer, AItem.FStrings[i]);
-    }
+    AppendRowValuesJson(ARow, FBuffer);
     FBuffer += "]}\n";
     FlushIfFull();
   }
+
+private:
+  // The JSON text of a field's last value: most fields repeat from event to event.
+  struct TJsonCache {
+    std::string Raw, Json = "\"\""; // at first the empty value's
+  };
+  void AppendJsonCached(TJsonCache& ACache, std::string_view AText) {
+    if (AText.size() != ACache.Raw.size() || std::memcmp(AText.data(), ACache.Raw.data(), AText.size()) != 0) {
+      ACache.Raw.assign(AText);
+      ACache.Json.clear();
+      AppendJsonString(ACache.Json, AText);
+    }
+    FBuffer += ACache.Json;
+  }
+
+  TEventRow FRow;
+  TJsonCache FTypeJson, FTaskNameJson, FKeywordsJson, FSourceJson, FChannelJson, FComputerJson, FUserNameJson,
+      FUserSidJson;
 };
 
 // --- XML ------------------------------------------------------------------------
@@ -323,19 +356,36 @@ std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* 
 
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator) {
   const TSystemTime t = DaysToSystemTime(ADays);
-  AppendDigits(AOut, t.wYear, 4);
-  AOut += '-';
-  AppendDigits(AOut, t.wMonth, 2);
-  AOut += '-';
-  AppendDigits(AOut, t.wDay, 2);
-  AOut += ASeparator;
-  AppendDigits(AOut, t.wHour, 2);
-  AOut += ':';
-  AppendDigits(AOut, t.wMinute, 2);
-  AOut += ':';
-  AppendDigits(AOut, t.wSecond, 2);
-  AOut += '.';
-  AppendDigits(AOut, t.wMilliseconds, 3);
+  // Made in a buffer and appended at once (as AppendDigits makes each number).
+  char text[96];
+  char* d = text;
+  auto put = [&d](unsigned AValue, int AWidth) {
+    char buf[24];
+    char* end = buf + sizeof buf;
+    char* p = end;
+    int n = 0;
+    do {
+      *--p = static_cast<char>('0' + AValue % 10);
+      AValue /= 10;
+    } while (AValue && ++n < 11);
+    const int width = AWidth < 12 ? AWidth : 12;
+    while (end - p < width) *--p = '0';
+    while (p < end) *d++ = *p++;
+  };
+  put(t.wYear, 4);
+  *d++ = '-';
+  put(t.wMonth, 2);
+  *d++ = '-';
+  put(t.wDay, 2);
+  *d++ = ASeparator;
+  put(t.wHour, 2);
+  *d++ = ':';
+  put(t.wMinute, 2);
+  *d++ = ':';
+  put(t.wSecond, 2);
+  *d++ = '.';
+  put(t.wMilliseconds, 3);
+  AOut.append(text, static_cast<size_t>(d - text));
 }
 
 void AppendOffsetText(std::string& AOut, int AMinutes) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "engine/event_log_x.h"
+#include "engine/event_row.h"
 #include "platform/text_escape.h"
 #include "view/color_codes.h"
 
@@ -22,6 +23,9 @@ public:
   virtual ~TEventWriter();
   virtual void Begin() {}
   virtual void Write(TEventItemX& AItem) = 0;
+  // The same for an event viewed as a row; only the CSV and JSON Lines writers take
+  // rows (the others raise std::logic_error).
+  virtual void WriteRow(const TEventRow& ARow);
   // Writes what is left; false when writing to the file failed at any point.
   bool Finish();
   // For a writer made without a file (AOut null), which only collects text: hands the

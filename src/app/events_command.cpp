@@ -112,8 +112,8 @@ int ReadEventsByChunk(TEventLogBinXML& ASource, const TEventsOptions& AOptions, 
         threads,
         [&](TChunkResult& AResult, unsigned AWorker) {
           TWorker& worker = *workers[AWorker];
-          worker.Source.TakeChunk(AResult, firstChunk + AResult.Sequence,
-                                  [&](TEventItemX& AItem) { worker.Writer->Write(AItem); });
+          worker.Source.TakeChunkRows(AResult, firstChunk + AResult.Sequence,
+                                      [&](const TEventRow& ARow) { worker.Writer->WriteRow(ARow); });
           worker.Writer->TakeText(AResult.Xml);
         });
   } catch (const std::exception& e) {

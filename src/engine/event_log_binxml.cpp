@@ -288,6 +288,113 @@ void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
   AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
 }
 
+void TEventLogBinXML::TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber,
+                                    const std::function<void(const TEventRow&)>& ARow) {
+  // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
+  if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
+  FIssueList->Clear();
+  std::swap(FChunk, AResult);
+  FChunkIndex = 0;
+  FEventIndex = 0;
+  FChunkXML.clear();
+  AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
+  uint32_t taken = 0;
+  FTakingChunk = true;
+  // A row says what the item would only where the description is the mark alone (no
+  // offline descriptions; the system's own are looked up on Windows).
+#ifdef _WIN32
+  const bool rows = false;
+#else
+  const bool rows = !UsesOfflineDescriptions() && !FNamedValues && !FSystemFieldsOnly;
+#endif
+  TEventRow row;
+  while (FChunkIndex == 0) {
+    const size_t count = FChunk.RecordFields.size();
+    if (rows && FChunk.FieldsRead && count > 0 && FChunk.RecordFields[count - 1 - FEventIndex].Plan != 0xFFFFFFFF) {
+      TakeRowEvent(row);
+      ++taken;
+      ARow(row);
+      continue;
+    }
+    FEventWithoutXml = false;
+    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
+    if (FXml.size() == 1 && FXml[0] == '*') continue;
+    BuildItem(FXml, FFields, true);
+    ++taken;
+    RowOfItem(FItem, row);
+    ARow(row);
+  }
+  FTakingChunk = false;
+  std::swap(FChunk, AResult);
+  AResult.Taken = taken;
+  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
+}
+
+void TEventLogBinXML::TakeRowEvent(TEventRow& ARow) {
+  // As TakeFieldsEvent and BuildItem, reading the fields where they lie.
+  const size_t count = FChunk.RecordFields.size();
+  const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
+  if (++FEventIndex >= count) {
+    FEventIndex = 0;
+    ++FChunkIndex;
+  }
+  ++FRecordCounter;
+  const std::string* fields = FChunk.Fields.data() + span.First;
+  const std::string& provider = fields[rfProviderName];
+  const std::string& userId = fields[rfUserID];
+  const auto task = static_cast<uint32_t>(TextToInt(fields[rfTask]));
+  // Most events of a log repeat one of a few providers, tasks and users: their names are
+  // looked up again only for one not met lately.
+  const TRowNames* names = nullptr;
+  for (const TRowNames& entry : FRowNames)
+    if (entry.Used && entry.TaskNumber == task && entry.Provider == provider && entry.UserId == userId) {
+      names = &entry;
+      break;
+    }
+  if (!names) {
+    FRowFields.ProviderName = provider;
+    FRowFields.TaskNumber = task;
+    FRowFields.UserID = userId;
+    ResolveTaskAndUser(FRowFields);
+    TRowNames& entry = FRowNames[FRowNamesNext];
+    FRowNamesNext = (FRowNamesNext + 1) % FRowNames.size();
+    entry.Provider = provider;
+    entry.TaskNumber = task;
+    entry.UserId = userId;
+    entry.Task.swap(FRowFields.Task);
+    entry.UserName.swap(FRowFields.UserName);
+    entry.Used = true;
+    names = &entry;
+  }
+  ARow.Owner = this;
+  const int64_t recordId = TextToInt(fields[rfEventRecordID]);
+  ARow.RecordId = static_cast<uint64_t>(recordId);
+  ARow.TimeGenerated = SystemTimeTextToDays(fields[rfTimeCreated]);
+  ARow.Type = EventTypeFromXml(fields[rfChannel], fields[rfKeywords], fields[rfLevel]);
+  ARow.EventId = static_cast<uint32_t>(TextToInt(fields[rfEventID]));
+  ARow.Qualifiers = static_cast<uint16_t>(TextToInt(fields[rfEventIDQual]));
+  ARow.Version = static_cast<uint8_t>(TextToInt(fields[rfVersion]));
+  ARow.Level = static_cast<uint8_t>(TextToInt(fields[rfLevel]));
+  ARow.OpCode = static_cast<uint8_t>(TextToInt(fields[rfOpCode]));
+  ARow.TaskNumber = static_cast<uint16_t>(task);
+  ARow.SystemTime = fields[rfTimeCreated];
+  ARow.Keywords = fields[rfKeywords];
+  ARow.Source = provider;
+  ARow.Channel = fields[rfChannel];
+  ARow.Computer = fields[rfComputer];
+  ARow.UserSid = userId;
+  ARow.TaskName = names->Task;
+  ARow.UserName = names->UserName;
+  ARow.OpcodeName = {};
+  ARow.KeywordNames = {};
+  // Without offline descriptions an event's description is the no-description mark.
+  ARow.DescriptionFound = false;
+  ARow.Description = {};
+  ARow.List = nullptr;
+  ARow.Chunk = &FChunk;
+  ARow.Span = span;
+}
+
 void TEventLogBinXML::TakeEvent(std::string& AXml, TEventXmlFields& AFields, std::string_view AEmptyIssue,
                                 int64_t AChunkNumber) {
   static constexpr std::string_view kOpen = "<Event xmlns";

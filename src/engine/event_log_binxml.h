@@ -10,12 +10,14 @@
 #pragma once
 
 #include "engine/event_log_x.h"
+#include "engine/event_row.h"
 #include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/elf_chunks.h"
 #include "engine/evtx/evtx_file.h"
 #include "engine/named_fields.h"
 #include "platform/read_stream.h"
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -91,6 +93,12 @@ public:
   TChunkReader::TProducer ChunkProducer();
   void TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber, const std::function<void(TEventItemX&)>& AEach);
 
+  // As TakeChunk, for the JSON Lines and CSV listings: hands each event to ARow as a row
+  // (engine/event_row.h) in the same order; an event read by its plan is viewed where
+  // the chunk holds its fields, its data values left for the writer to make (good until
+  // the next event), the others as their item. The rows say what the items would.
+  void TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber, const std::function<void(const TEventRow&)>& ARow);
+
   // The file structure while open (null when closed). Not to be used from outside
   // while chunks are read ahead.
   TEvtxFile* EvtxFile() const { return FEvtxFile.get(); }
@@ -136,6 +144,18 @@ protected:
   TChunkRecordReader RecordReader() const;
   // Takes the last event of a chunk read by the field reader.
   void TakeFieldsEvent(std::string& AXml, TEventXmlFields& AFields);
+  // Views the chunk's next event, read by its plan, as ARow (TakeChunkRows).
+  void TakeRowEvent(TEventRow& ARow);
+  // The task and user names of the last few (provider, task, user) of rows
+  // (TakeRowEvent), kept for the next ones; the oldest gives way.
+  struct TRowNames {
+    std::string Provider, UserId, Task, UserName;
+    uint32_t TaskNumber = 0;
+    bool Used = false;
+  };
+  std::array<TRowNames, 8> FRowNames;
+  uint32_t FRowNamesNext = 0;
+  TEventXmlFields FRowFields; // for ResolveTaskAndUser
   // What FillFields does after the fields of the XML are read.
   void CompleteFields(TEventXmlFields& AFields);
 };

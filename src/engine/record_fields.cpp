@@ -7,13 +7,19 @@
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
 #include "engine/evtx/variant_types.h"
+#include "platform/text_escape.h"
 #include "platform/utf16.h"
 
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace qvx {
 
@@ -266,8 +272,9 @@ bool CompileNamed(const std::vector<TFragment>& AFragments, std::string_view AEv
 }
 
 // Reads the record's fragments, marked, into a plan; APlan.Ok stays false when records
-// of this shape must be rendered instead.
-void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
+// of this shape must be rendered instead. The (name, value) pairs are read only for the
+// hunt's reading (ANamed).
+void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan, bool ANamed) {
   TMarker marker{AFragments, APlan, {}, {}, {}};
   if (!marker.Write(0)) return;
   std::string& text = marker.Text;
@@ -353,17 +360,23 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan) {
     if (o.Element && !APlan.ExpandRefs[ref]) APlan.RepeatRefs.push_back(ref);
   }
   APlan.Ok = true;
-  APlan.NamedOk = CompileNamed(AFragments, event, APlan);
+  APlan.NamedOk = ANamed && CompileNamed(AFragments, event, APlan);
 }
 
-// The plans of a reading thread, kept from chunk to chunk: a log's chunks repeat the
+// The plans of the reading threads, kept from chunk to chunk: a log's chunks repeat the
 // same few templates. A template is known by its compiled program (text, ops and the
 // names they write), which is all a plan depends on; a record's shape is the programs of
-// its fragments and where each is embedded. Bounded: emptied when it grows too large.
+// its fragments and where each is embedded (and whether the pairs are read). Shared by
+// the threads (a plan is made once for all of them), under Lock. Bounded: emptied when
+// it grows too large.
 struct TPlanCache {
+  std::mutex Lock;
   std::unordered_map<std::string, uint32_t> Programs; // program → its number
   std::unordered_map<std::string, std::shared_ptr<const TPlan>> Plans; // shape → plan
   size_t Bytes = 0;
+  // Numbers are never given twice, not even after Trim: a shape that a thread still
+  // makes of numbers from before it cannot name another program's plan.
+  uint32_t NextProgram = 0;
   static constexpr size_t kMaxBytes = 32 * 1024 * 1024;
   static constexpr size_t kMaxEntries = 20000;
 
@@ -374,7 +387,7 @@ struct TPlanCache {
     Bytes = 0;
   }
 };
-thread_local TPlanCache GPlanCache;
+TPlanCache GPlanCache;
 
 // Appends the bytes of a plain value.
 template <typename T> void Put(std::string& AOut, const T& AValue) {
@@ -383,31 +396,49 @@ template <typename T> void Put(std::string& AOut, const T& AValue) {
 
 // The number of ATemplate's program in the cache.
 uint32_t ProgramNumber(const TBXmlTemplateNode* ATemplate, std::string& AScratch) {
+  // Each op as one fixed-size record (no padding, so its bytes are its fields), the
+  // names it writes after it.
+  struct TOpKey {
+    uint32_t TextOffset, TextLength, StartTagOffset, AttributeSize, ElementSize;
+    uint16_t Index;
+    uint8_t Type, Optional;
+  };
+  static_assert(sizeof(TOpKey) == 24);
   AScratch.clear();
   Put(AScratch, ATemplate->OpCount);
   for (uint32_t i = 0; i < ATemplate->OpCount; ++i) {
     const TBXmlOp& op = ATemplate->Ops[i];
-    Put(AScratch, op.TextOffset);
-    Put(AScratch, op.TextLength);
-    Put(AScratch, op.Index);
-    Put(AScratch, op.Type);
-    Put(AScratch, op.Optional);
-    Put(AScratch, op.StartTagOffset);
-    for (const TBXmlNameStringNode* name : {op.Attribute, op.Element}) {
-      const uint32_t size = name ? static_cast<uint32_t>(name->Text.size()) : 0xFFFFFFFF;
-      Put(AScratch, size);
-      if (name) AScratch.append(name->Text);
-    }
+    const TOpKey key{op.TextOffset,
+                     op.TextLength,
+                     op.StartTagOffset,
+                     op.Attribute ? static_cast<uint32_t>(op.Attribute->Text.size()) : 0xFFFFFFFF,
+                     op.Element ? static_cast<uint32_t>(op.Element->Text.size()) : 0xFFFFFFFF,
+                     op.Index,
+                     op.Type,
+                     static_cast<uint8_t>(op.Optional)};
+    Put(AScratch, key);
+    if (op.Attribute) AScratch.append(op.Attribute->Text);
+    if (op.Element) AScratch.append(op.Element->Text);
   }
   AScratch.append(ATemplate->ProgramText);
-  auto [it, added] = GPlanCache.Programs.emplace(AScratch, static_cast<uint32_t>(GPlanCache.Programs.size()));
-  if (added) GPlanCache.Bytes += AScratch.size() + 64;
+  const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+  auto [it, added] = GPlanCache.Programs.emplace(AScratch, GPlanCache.NextProgram);
+  if (added) {
+    GPlanCache.Bytes += AScratch.size() + 64;
+    ++GPlanCache.NextProgram;
+  }
   return it->second;
 }
 
 // What a reading thread keeps from chunk to chunk: the room the values are written in.
 struct TReaderRoom {
   std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers; // of the chunk's programs
+  // Per template of the chunk, its substitution ops (their numbers, in SubstOps): a
+  // record's walk looks at those alone, not at every op of the program.
+  std::unordered_map<const TBXmlTemplateNode*, std::pair<uint32_t, uint32_t>> SubstRanges;
+  std::vector<uint32_t> SubstOps;
+  const TBXmlTemplateNode* LastSubstTemplate = nullptr;
+  std::pair<uint32_t, uint32_t> LastSubstRange;
   std::string Scratch;
   std::vector<TFragment> Fragments;
   std::string Key;
@@ -419,7 +450,7 @@ struct TReaderRoom {
   const TBXmlTemplateNode* LastTemplate = nullptr;
   uint32_t LastNumber = 0;
   std::string LastKey;
-  const std::shared_ptr<const TPlan>* LastPlan = nullptr;
+  std::shared_ptr<const TPlan> LastPlan;
 };
 
 // Per chunk.
@@ -487,22 +518,22 @@ void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::s
   std::string& text = AValues.Scratch;
   switch (AValue.Type) {
   case 0x01: {
-    // Converted in the reused scratch string (the conversion makes room for the worst
-    // case first), then appended at its size.
-    text.clear();
-    AppendUtf16(text, data, AValue.Size / 2);
+    // Converted at the end of AOut, then mended there in the rare case that it holds
+    // control characters.
+    const size_t at = AOut.size();
+    AppendUtf16(AOut, data, AValue.Size / 2);
     bool special = false;
-    for (const char c : text) special |= static_cast<unsigned char>(c) < 0x20;
-    if (!special) {
-      AOut.append(text);
-      return;
-    }
+    for (size_t i = at; i < AOut.size(); ++i) special |= static_cast<unsigned char>(AOut[i]) < 0x20;
+    if (!special) return;
     // UTF-8 puts no byte below 0x80 inside a sequence: each one is a character.
-    for (const char c : text) {
+    size_t w = at;
+    for (size_t i = at; i < AOut.size(); ++i) {
+      const char c = AOut[i];
       const auto u = static_cast<unsigned char>(c);
       if (u == 0) continue;
-      AOut.push_back(u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : c);
+      AOut[w++] = u < 0x20 && u != '\t' && u != '\n' && u != '\r' ? ' ' : c;
     }
+    AOut.resize(w);
     return;
   }
   case 0x02:
@@ -570,34 +601,251 @@ template <typename F> void ForEachArrayItem(const TValueSet& AValues, const TBXm
   }
 }
 
-// Makes an event's data values from its plan and values into AFields.Strings.
-void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
-  TStringList& values = AFields.Strings;
-  size_t count = 0;
+// Makes an event's data values from its plan and values, one after the other, into
+// ASink: Begin() gives the string a value is appended to, End(AKeep) ends it (dropped
+// unless AKeep). Direct(AValues, AValue, AKind) may write a value that is one whole
+// substitution on its own and return true; else the value is made here.
+template <typename TSink> void MakeDataValuesInto(const TPlan& APlan, const TValueSet& AValues, TSink& ASink) {
   for (const TSource& source : APlan.Values) {
     if (source.Expand) {
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
-        ForEachArrayItem(AValues, v, [&](std::string_view AItem) { AppendXmlUnescaped(NextListValue(values, count), AItem); });
+        ForEachArrayItem(AValues, v, [&](std::string_view AItem) {
+          AppendXmlUnescaped(ASink.Begin(), AItem);
+          ASink.End(true);
+        });
         continue;
       }
     }
-    if (source.Kind == 2 && source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed && source.OptionalAttribute) {
+    const bool single = source.Pieces.size() == 1 && source.Pieces[0].Ref != kFixed;
+    if (source.Kind == 2 && single && source.OptionalAttribute) {
       // An empty optional value leaves its attribute out.
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       std::string& text = AValues.Scratch;
       RenderValue(AValues, v, text);
       if (text.empty()) continue;
-      AppendXmlUnescaped(NextListValue(values, count), text);
+      AppendXmlUnescaped(ASink.Begin(), text);
+      ASink.End(true);
       continue;
     }
-    std::string& value = NextListValue(values, count);
+    if (single && ASink.Direct(AValues, AValues.Value(source.Pieces[0].Ref), source.Kind)) continue;
+    std::string& value = ASink.Begin();
     AppendSource(AValues, source, value);
-    if (source.Kind == 1 && IsBlank(value)) --count; // a blank text is no value
+    ASink.End(source.Kind != 1 || !IsBlank(value)); // a blank text is no value
   }
-  values.resize(count);
 }
+
+// The values as a list (AFields.Strings).
+struct TListSink {
+  TStringList& Values;
+  size_t Count = 0;
+  std::string& Begin() { return NextListValue(Values, Count); }
+  void End(bool AKeep) {
+    if (!AKeep) --Count;
+  }
+  static bool Direct(const TValueSet&, const TBXmlSubstValue&, uint8_t) { return false; }
+};
+
+// Makes an event's data values from its plan and values into AFields.Strings.
+void MakeDataValues(const TPlan& APlan, const TValueSet& AValues, TEventXmlFields& AFields) {
+  TListSink sink{AFields.Strings};
+  MakeDataValuesInto(APlan, AValues, sink);
+  AFields.Strings.resize(sink.Count);
+}
+
+// The code point of UTF-16 at unit AIndex (advanced past the units it used); a lone
+// surrogate reads as U+FFFD, as AppendUtf16 reads it.
+inline uint32_t NextUtf16CodePoint(const uint8_t* AData, size_t ACount, size_t& AIndex) {
+  auto unit = [AData](size_t AAt) {
+    return static_cast<uint32_t>(AData[2 * AAt]) | static_cast<uint32_t>(AData[2 * AAt + 1]) << 8;
+  };
+  const uint32_t u = unit(AIndex++);
+  if (u < 0xD800 || u > 0xDFFF) return u;
+  if (u <= 0xDBFF && AIndex < ACount) {
+    const uint32_t low = unit(AIndex);
+    if (low >= 0xDC00 && low <= 0xDFFF) {
+      ++AIndex;
+      return 0x10000 + ((u - 0xD800) << 10) + (low - 0xDC00);
+    }
+  }
+  return 0xFFFD;
+}
+
+// Writes code point AChar (0x80 or above) as UTF-8 at ADest; returns the end.
+inline char* PutUtf8(char* ADest, uint32_t AChar) {
+  if (AChar < 0x800) {
+    ADest[0] = static_cast<char>(0xC0 | (AChar >> 6));
+    ADest[1] = static_cast<char>(0x80 | (AChar & 0x3F));
+    return ADest + 2;
+  }
+  if (AChar < 0x10000) {
+    ADest[0] = static_cast<char>(0xE0 | (AChar >> 12));
+    ADest[1] = static_cast<char>(0x80 | ((AChar >> 6) & 0x3F));
+    ADest[2] = static_cast<char>(0x80 | (AChar & 0x3F));
+    return ADest + 3;
+  }
+  ADest[0] = static_cast<char>(0xF0 | (AChar >> 18));
+  ADest[1] = static_cast<char>(0x80 | ((AChar >> 12) & 0x3F));
+  ADest[2] = static_cast<char>(0x80 | ((AChar >> 6) & 0x3F));
+  ADest[3] = static_cast<char>(0x80 | (AChar & 0x3F));
+  return ADest + 4;
+}
+
+#if defined(__SSE2__)
+// Whether the 8 units at AUnits are plain ASCII for a JSON string (0x20 .. 0x7F but '"'
+// and '\\'); their low bytes are then stored at ADest.
+inline bool PutPlainJsonBlock(const uint8_t* AUnits, char* ADest) {
+  const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(AUnits));
+  // A unit of 0x8000 or above compares below 0x20.
+  __m128i bad = _mm_cmplt_epi16(v, _mm_set1_epi16(0x20));
+  bad = _mm_or_si128(bad, _mm_cmpgt_epi16(v, _mm_set1_epi16(0x7F)));
+  bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('"')));
+  bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('\\')));
+  if (_mm_movemask_epi8(bad) != 0) return false;
+  _mm_storel_epi64(reinterpret_cast<__m128i*>(ADest), _mm_packus_epi16(v, v));
+  return true;
+}
+#endif
+
+// Writes the JSON string of ACount UTF-16 units at AData to ADest, which has room for
+// 3 * ACount + 10 bytes; returns the end of what it wrote.
+char* PutUtf16Json(char* ADest, const uint8_t* AData, size_t ACount) {
+  // Most strings end with a NUL, which is dropped: the units before it may end in a block.
+  while (ACount > 0 && AData[2 * ACount - 2] == 0 && AData[2 * ACount - 1] == 0) --ACount;
+  char* d = ADest;
+  *d++ = '"';
+  size_t i = 0;
+  while (i < ACount) {
+#if defined(__SSE2__)
+    if (ACount - i >= 8) {
+      if (PutPlainJsonBlock(AData + 2 * i, d)) {
+        d += 8;
+        i += 8;
+        continue;
+      }
+    } else if (static_cast<size_t>(d - ADest) == i + 1) {
+      // The last few units, all before them written a byte each: a block padded with
+      // plain units (8 bytes are stored; the room allows for it).
+      uint8_t tail[16];
+      for (size_t k = 0; k < 8; ++k) tail[2 * k] = 'a', tail[2 * k + 1] = 0;
+      std::memcpy(tail, AData + 2 * i, 2 * (ACount - i));
+      if (PutPlainJsonBlock(tail, d)) {
+        d += ACount - i;
+        break;
+      }
+    }
+#endif
+    const uint32_t u = static_cast<uint32_t>(AData[2 * i]) | static_cast<uint32_t>(AData[2 * i + 1]) << 8;
+    if (u >= 0x80) {
+      d = PutUtf8(d, NextUtf16CodePoint(AData, ACount, i));
+      continue;
+    }
+    ++i;
+    if (u >= 0x20) {
+      if (u == '"' || u == '\\') *d++ = '\\';
+      *d++ = static_cast<char>(u);
+      continue;
+    }
+    switch (u) {
+    case 0: break;
+    case '\t': *d++ = '\\', *d++ = 't'; break;
+    case '\n': *d++ = '\\', *d++ = 'n'; break;
+    case '\r': *d++ = '\\', *d++ = 'r'; break;
+    default: *d++ = ' ';
+    }
+  }
+  *d++ = '"';
+  return d;
+}
+
+// Appends the JSON string of a string value (type 0x01, ACount UTF-16 units at AData):
+// the same text as AppendJsonString of what AppendValue makes of it (NULs dropped, other
+// control characters but tab, line feed and carriage return made spaces), in one pass.
+void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
+  // At most 3 bytes a unit (an escape takes 2; a pair of units 4), the quotes and the
+  // last block's spare bytes.
+  const size_t start = AOut.size();
+  AOut.resize(start + 3 * ACount + 10);
+  char* const base = AOut.data() + start;
+  AOut.resize(start + static_cast<size_t>(PutUtf16Json(base, AData, ACount) - base));
+}
+
+// The values as JSON strings separated by ',', each written straight into Out.
+struct TJsonSink {
+  std::string& Out;
+  std::string& Value;
+  bool First = true;
+  std::string& Begin() {
+    Value.clear();
+    return Value;
+  }
+  void End(bool AKeep) {
+    if (!AKeep) return;
+    if (!First) Out += ',';
+    First = false;
+    AppendJsonString(Out, Value);
+  }
+  bool Direct(const TValueSet& AValues, const TBXmlSubstValue& AValue, uint8_t AKind) {
+    if (AValue.Type != 0x01) return DirectPlain(AValues, AValue, AKind);
+    const size_t mark = Out.size();
+    if (!First) Out += ',';
+    const size_t at = Out.size();
+    AppendUtf16Json(Out, AValues.Data + AValue.Offset, AValue.Size / 2);
+    if (AKind == 1 && IsBlankJson(std::string_view(Out).substr(at + 1, Out.size() - at - 2))) {
+      Out.resize(mark); // a blank text is no value
+      return true;
+    }
+    First = false;
+    return true;
+  }
+  // Numbers, times, GUIDs, SIDs and hexadecimal: their text (digits, letters and
+  // "{}-+.:") needs no escape and is never blank (nor empty: the check is a guard).
+  bool DirectPlain(const TValueSet& AValues, const TBXmlSubstValue& AValue, uint8_t AKind) {
+    const uint8_t t = AValue.Type;
+    if (!((t >= 0x03 && t <= 0x0D) || t == 0x0F || (t >= 0x11 && t <= 0x15))) return false;
+    const size_t mark = Out.size();
+    if (!First) Out += ',';
+    Out += '"';
+    const size_t at = Out.size();
+    AppendVariantXml(Out, t, AValues.Data + AValue.Offset, AValue.Size, kVarModeSubstitution);
+    if (AKind == 1 && Out.size() == at) {
+      Out.resize(mark); // an empty text is no value
+      return true;
+    }
+    Out += '"';
+    First = false;
+    return true;
+  }
+  // Whether a JSON string's text holds only blanks (spaces and escaped tabs and line ends).
+  static bool IsBlankJson(std::string_view AText) {
+    for (size_t i = 0; i < AText.size(); ++i) {
+      if (AText[i] == ' ') continue;
+      if (AText[i] != '\\' || i + 1 >= AText.size()) return false;
+      const char c = AText[++i];
+      if (c != 't' && c != 'n' && c != 'r') return false;
+    }
+    return true;
+  }
+};
+
+// The values separated by '\n', as they are.
+struct TJoinSink {
+  std::string& Out;
+  std::string& Value;
+  bool First = true;
+  std::string& Begin() {
+    Value.clear();
+    return Value;
+  }
+  void End(bool AKeep) {
+    if (!AKeep) return;
+    if (!First) Out += '\n';
+    First = false;
+    Out += Value;
+  }
+  static bool Direct(const TValueSet&, const TBXmlSubstValue&, uint8_t) { return false; }
+};
 
 // Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
 // system fields, rfProviderName .. rfUserID, made from the same values).
@@ -665,12 +913,28 @@ constexpr int kMaxLevel = 8;
 // checks its values as the render would meet them: false at the first that the render
 // would raise at or that this reader does not follow (embedded fragments are prepared
 // here, as the render prepares them; one that raises is left unprepared again).
+// Where the numbers of ATemplate's substitution ops lie in ARoom.SubstOps (first, count).
+std::pair<uint32_t, uint32_t> SubstRange(TReaderRoom& ARoom, const TBXmlTemplateNode* ATemplate) {
+  if (ATemplate == ARoom.LastSubstTemplate) return ARoom.LastSubstRange;
+  auto found = ARoom.SubstRanges.find(ATemplate);
+  if (found == ARoom.SubstRanges.end()) {
+    const auto first = static_cast<uint32_t>(ARoom.SubstOps.size());
+    for (uint32_t i = 0; i < ATemplate->OpCount; ++i)
+      if (!ATemplate->Ops[i].TextLength) ARoom.SubstOps.push_back(i);
+    found = ARoom.SubstRanges.emplace(ATemplate, std::make_pair(first, static_cast<uint32_t>(ARoom.SubstOps.size()) - first)).first;
+  }
+  ARoom.LastSubstTemplate = ATemplate;
+  ARoom.LastSubstRange = found->second;
+  return found->second;
+}
+
 bool WalkFragment(TReaderState& R, uint32_t AFragment, int ALevel) {
   const TBXmlTemplateNode* t = R.Fragments[AFragment].Template;
   const TBXmlSubstArrayNode* array = R.Fragments[AFragment].Array;
-  for (uint32_t i = 0; i < t->OpCount; ++i) {
+  const auto [firstOp, opCount] = SubstRange(R.Room, t);
+  for (uint32_t k = 0; k < opCount; ++k) {
+    const uint32_t i = R.Room.SubstOps[firstOp + k];
     const TBXmlOp& op = t->Ops[i];
-    if (op.TextLength) continue;
     if (op.Index >= array->Count) return false;
     TBXmlSubstValue& v = array->Values[op.Index];
     if (v.Type != 0x21 || !v.Size) continue;
@@ -702,6 +966,7 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   R.Fragments.push_back({t, ARoot->Array, 0, 0});
   if (!WalkFragment(R, 0, 0)) return false;
   R.Key.clear();
+  Put(R.Key, R.Named);
   for (const TFragment& f : R.Fragments) {
     if (f.Template != R.Room.LastTemplate) {
       auto number = R.Numbers.find(f.Template);
@@ -716,18 +981,27 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   }
   // Records of one shape tend to follow each other: the last shape's plan is tried first.
   if (!R.Room.LastPlan || R.Key != R.Room.LastKey) {
-    auto found = GPlanCache.Plans.find(R.Key);
-    if (found == GPlanCache.Plans.end()) {
-      auto compiled = std::make_shared<TPlan>();
-      CompilePlan(R.Fragments, *compiled);
-      GPlanCache.Bytes += R.Key.size() + 256 + 64 * compiled->Values.size() + sizeof(TNamedSource) * compiled->Named.size() +
-                          sizeof(TNamedPiece) * compiled->NamedPieces.size() + compiled->NamedText.size();
-      found = GPlanCache.Plans.emplace(R.Key, std::move(compiled)).first;
+    std::shared_ptr<const TPlan> found;
+    {
+      const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+      if (auto known = GPlanCache.Plans.find(R.Key); known != GPlanCache.Plans.end()) found = known->second;
     }
-    R.Room.LastPlan = &found->second; // stays valid while the cache keeps it (until Trim)
+    if (!found) {
+      // Made outside the lock; a plan another thread made meanwhile for the shape is the same.
+      auto compiled = std::make_shared<TPlan>();
+      CompilePlan(R.Fragments, *compiled, R.Named);
+      const size_t bytes = R.Key.size() + 256 + 64 * compiled->Values.size() +
+                           sizeof(TNamedSource) * compiled->Named.size() +
+                           sizeof(TNamedPiece) * compiled->NamedPieces.size() + compiled->NamedText.size();
+      const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+      auto [it, added] = GPlanCache.Plans.emplace(R.Key, std::move(compiled));
+      if (added) GPlanCache.Bytes += bytes;
+      found = it->second;
+    }
+    R.Room.LastPlan = std::move(found);
     R.Room.LastKey = R.Key;
   }
-  const std::shared_ptr<const TPlan>& shared = *R.Room.LastPlan;
+  const std::shared_ptr<const TPlan>& shared = R.Room.LastPlan;
   const TPlan& plan = *shared;
   if (!plan.Ok || (R.Named && !plan.NamedOk)) return false;
   // An array that would repeat an element other than a <Data> of its own.
@@ -748,7 +1022,10 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   // The system fields are made here, the data values by the taker: the two threads
   // share the work about evenly.
   const uint32_t first = R.Used;
-  for (uint32_t f = 0; f < rfValues; ++f) R.Slot(); // taken first: taking one may move the others
+  // The slots are taken first (taking one may move the others); MakeSystemFields empties
+  // each before it writes it.
+  if (R.Result.Fields.size() < first + rfValues) R.Result.Fields.resize(first + rfValues);
+  R.Used = first + rfValues;
   std::string* system[rfBinaryData];
   for (uint32_t f = 0; f < rfBinaryData; ++f) system[f] = &result.Fields[first + f];
   std::string& binary = result.Fields[first + rfBinaryData];
@@ -834,6 +1111,22 @@ void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSp
   MakeDataValues(plan, values, AFields);
 }
 
+void AppendRecordValuesJson(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, std::string& AOut) {
+  static thread_local std::string scratch, value;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  TJsonSink sink{AOut, value};
+  MakeDataValuesInto(plan, values, sink);
+}
+
+void AppendRecordValuesJoined(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, std::string& AOut) {
+  static thread_local std::string scratch, value;
+  const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
+  const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
+  TJoinSink sink{AOut, value};
+  MakeDataValuesInto(plan, values, sink);
+}
+
 void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut) {
   static thread_local std::string scratch;
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
@@ -849,10 +1142,16 @@ void ReadChunk(TEvtxChunk& AChunk, TChunkResult& AResult, bool ANamed) {
   AResult.RecordFields.clear();
   AResult.RecordsFromXml = 0;
   AResult.FieldsRead = true;
-  GPlanCache.Trim();
+  {
+    const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
+    GPlanCache.Trim();
+  }
   // The room of the last chunk's reading is kept for the next one, on the same thread.
   static thread_local TReaderRoom room;
   room.Numbers.clear();
+  room.SubstRanges.clear();
+  room.SubstOps.clear();
+  room.LastSubstTemplate = nullptr;
   room.LastTemplate = nullptr;
   room.LastPlan = nullptr;
   room.PlanIndex.clear();

@@ -59,6 +59,11 @@ void ReadChunkFields(TEvtxChunk& AChunk, TChunkResult& AResult);
 // text is made on its thread.
 void TakeRecordFields(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TEventXmlFields& AFields);
 
+// What TakeRecordFields makes of such an event's data values, appended to AOut: as JSON
+// strings separated by ',' (AppendJsonString of each), or separated by '\n'.
+void AppendRecordValuesJson(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, std::string& AOut);
+void AppendRecordValuesJoined(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, std::string& AOut);
+
 // The hunt's reader: as ReadChunkFields, but what the taker makes of an event read from
 // its plan are its (name, value) pairs (TakeRecordNamedValues: exactly what
 // ForEachNamedField reads from its rendered XML, entities decoded), and an event read
