@@ -44,7 +44,7 @@ std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, 
                                "unsupported)");
     filter.Statuses.push_back(std::move(folded));
   }
-  auto rules = std::make_unique<TRuleSet>(TLogMapping::Windows(), filter);
+  auto rules = std::make_unique<TRuleSet>(filter);
   if (ARuleCache) rules->SetCacheFolder(TRuleCache::DefaultFolder());
   for (const std::string& path : APaths) rules->LoadPath(path);
   return rules;

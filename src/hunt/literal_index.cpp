@@ -125,18 +125,18 @@ private:
     return all;
   }
 
-  // The more selective need: literals of 3 bytes or more, then fewer literals, then a
-  // longer shortest literal.
+  // The more selective need: the one less likely found, taking a literal one byte
+  // longer as half as likely (so "\\edr-freeze" or "\\edrfreeze" beats ".exe"), then
+  // fewer literals.
   bool Better(const TNeed& A, const TNeed& B) const {
-    const size_t a = Shortest(A), b = Shortest(B);
-    if ((a >= 3) != (b >= 3)) return a >= 3;
-    if (A.size() != B.size()) return A.size() < B.size();
-    return a > b;
+    const uint64_t a = Odds(A), b = Odds(B);
+    if (a != b) return a < b;
+    return A.size() < B.size();
   }
-  size_t Shortest(const TNeed& ANeed) const {
-    size_t shortest = SIZE_MAX;
-    for (const uint32_t literal : ANeed) shortest = std::min<size_t>(shortest, FLengths[literal]);
-    return shortest;
+  uint64_t Odds(const TNeed& ANeed) const {
+    uint64_t odds = 0;
+    for (const uint32_t literal : ANeed) odds += uint64_t{1} << (16 - std::min<uint32_t>(FLengths[literal], 16));
+    return odds;
   }
 
   const TSigmaRule& FRule;
@@ -403,17 +403,20 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
                                TScanMemo* AMemo) const {
   const TAutomaton& automaton = Built(AScan.Automaton);
   const size_t shortest = automaton.MinLength;
+  const uint64_t key = FSerial << 20 ^ AScan.Automaton;
   if (AScan.Field == kKeywordField) {
     for (int v = 0, count = AFields.ValueCount(); v < count; ++v) {
       const std::string_view text = AFields.Value(v).Text;
-      if (text.size() >= shortest) ScanText(automaton, text, AHits);
+      if (text.size() < shortest) continue;
+      if (AMemo && text.size() >= TScanMemo::kMinText && text.size() <= TScanMemo::kMaxText)
+        ScanRemembered(automaton, key, text, AHits, *AMemo);
+      else
+        ScanText(automaton, text, AHits);
     }
     return;
   }
-  // An automaton with its heads' test passes over most texts at once: only the others
-  // are worth remembering.
-  if (!automaton.Heads.empty()) AMemo = nullptr;
-  const uint64_t key = FSerial << 20 ^ AScan.Automaton;
+  // (An automaton with its heads' test passes over a text quicker than the automaton,
+  // but still byte by byte: a text seen before is looked up for it too.)
   for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
     const std::string_view text = AFields.Value(v).Text;
     if (text.size() < shortest) continue;

@@ -16,12 +16,40 @@ namespace qvx::hunt {
 namespace fs = std::filesystem;
 
 TRuleSet::TRuleSet(const TLogMapping& AMapping, TRuleFilter AFilter)
-    : FMapping(AMapping), FFilter(std::move(AFilter)) {}
+    : FMapping(&AMapping), FFilter(std::move(AFilter)) {}
+
+const TLogMapping& TRuleSet::Mapping() {
+  if (!FMapping) FMapping = &TLogMapping::Windows();
+  return *FMapping;
+}
 
 void TRuleSet::LoadPath(const std::string& APath) {
   std::error_code error;
   const fs::file_status status = fs::status(APath, error);
   if (error || !fs::exists(status)) RaiseSigmaError(APath, 0, "no such rule file or folder");
+  // The cache's index and the Windows mapping are read on a thread of their own while
+  // this one lists the rule files (each of the three takes about as long).
+  std::unique_ptr<TRuleCache> cache;
+  if (!FCacheFolder.empty()) cache = std::make_unique<TRuleCache>(TRuleCache::FileFor(FCacheFolder, APath));
+  std::thread early;
+  if (cache || !FMapping) {
+    const bool mapping = !FMapping;
+    early = std::thread([&cache, mapping] {
+      if (cache) cache->Load();
+      if (mapping) {
+        try {
+          TLogMapping::Windows();
+        } catch (...) { // raised again where it is used
+        }
+      }
+    });
+  }
+  struct TJoin {
+    std::thread& Thread;
+    ~TJoin() {
+      if (Thread.joinable()) Thread.join();
+    }
+  } join{early};
   std::vector<TStampedFile> files;
   if (!fs::is_directory(status)) {
     if (!std::ifstream(APath, std::ios::binary)) RaiseSigmaError(APath, 0, "cannot be read");
@@ -30,14 +58,11 @@ void TRuleSet::LoadPath(const std::string& APath) {
     file.Stamped = ReadFileStamp(APath, file.Stamp);
   } else {
     std::string why;
-    if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
+    // Two threads: stamping two thousand files is mostly the system's time, and scales.
+    if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why, 2)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
   }
-  std::unique_ptr<TRuleCache> cache;
-  if (!FCacheFolder.empty()) {
-    cache = std::make_unique<TRuleCache>(TRuleCache::FileFor(FCacheFolder, APath));
-    cache->Load();
-    if (!cache->Note().empty()) FCacheNotes.push_back(cache->Note());
-  }
+  if (early.joinable()) early.join();
+  if (cache && !cache->Note().empty()) FCacheNotes.push_back(cache->Note());
   // Reading YAML is most of the time a rule set takes to load: files are parsed (or
   // found in the cache) and their rules compiled on a few threads, a batch at a time (so
   // memory stays bounded), and added in file order.
@@ -52,6 +77,9 @@ void TRuleSet::LoadPath(const std::string& APath) {
     std::vector<TParsedFile> parsed(count);
     std::atomic<size_t> next{0};
     auto work = [&] {
+      // The cache's entries are sorted as the files are: where this thread's last file
+      // was found tells where its next one is.
+      ptrdiff_t shift = 0;
       for (size_t i; (i = next++) < count;) {
         const std::string& file = files[first + i].Path;
         TParsedFile& out = parsed[i];
@@ -59,12 +87,14 @@ void TRuleSet::LoadPath(const std::string& APath) {
         const bool stamped = cache && files[first + i].Stamped;
         if (stamped) {
           TCachedRuleFile found;
-          if (cache->FindUnread(file, stamp, out.Key, found)) {
-            if (FromCache(found, file, out)) continue;
+          const size_t place = first + i;
+          if (cache->FindUnread(file, stamp, out.Key, found,
+                                static_cast<size_t>(std::max<ptrdiff_t>(0, static_cast<ptrdiff_t>(place) + shift)))) {
+            shift = static_cast<ptrdiff_t>(found.Entry) - static_cast<ptrdiff_t>(place);
+            if (FromCache(*cache, found, file, out)) continue;
             // An entry without its verdicts: compiled now, and kept again with them.
             TParsedRuleFile yaml;
-            if (TRuleCache::Decode(found.Parsed, yaml)) {
-              out.Encoded.assign(found.Parsed);
+            if (cache->ReadParsed(found, out.Encoded) && TRuleCache::Decode(out.Encoded, yaml)) {
               CompileDocuments(yaml, file, out);
               EncodeVerdicts(out);
               continue;
@@ -99,7 +129,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
           out.Key.ChangeTime = timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count());
         }
         TCachedRuleFile found;
-        if (cache->Find(out.Key, found) && FromCache(found, file, out)) continue;
+        if (cache->Find(out.Key, found) && FromCache(*cache, found, file, out)) continue;
         const TParsedRuleFile yaml = ParseFile(text, file);
         TRuleCache::Encode(yaml, out.Encoded);
         CompileDocuments(yaml, file, out);
@@ -111,10 +141,10 @@ void TRuleSet::LoadPath(const std::string& APath) {
     work();
     for (std::thread& thread : pool) thread.join();
     for (size_t i = 0; i < count; ++i) {
-      Compile(parsed[i], files[first + i].Path);
+      Compile(parsed[i], files[first + i].Path, cache.get());
       if (!cache || parsed[i].Key.Path.empty()) continue;
       if (parsed[i].Cached)
-        cache->Keep(parsed[i].Key);
+        cache->Keep(parsed[i].Key, parsed[i].Found.Entry);
       else
         cache->Put(parsed[i].Key, std::move(parsed[i].Encoded), std::move(parsed[i].Verdicts));
     }
@@ -131,7 +161,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
 void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
   TParsedFile parsed;
   Read(AText, AFile, parsed);
-  Compile(parsed, AFile);
+  Compile(parsed, AFile, nullptr);
 }
 
 TParsedRuleFile TRuleSet::ParseFile(const std::string& AText, const std::string& AFile) {
@@ -150,13 +180,15 @@ void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedF
   CompileDocuments(ParseFile(AText, AFile), AFile, AParsed);
 }
 
-bool TRuleSet::FromCache(const TCachedRuleFile& AFound, const std::string& AFile, TParsedFile& AParsed) {
+bool TRuleSet::FromCache(const TRuleCache& ACache, const TCachedRuleFile& AFound, const std::string& AFile,
+                         TParsedFile& AParsed) {
   AParsed.Rules.clear();
   AParsed.Error.clear();
-  if (!AFound.Parsed.empty() && AFound.Parsed[0] == 1) {
+  if (AFound.Failed) {
     // The file is not YAML: its entry holds only the error.
     TParsedRuleFile yaml;
-    if (!TRuleCache::Decode(AFound.Parsed, yaml)) return false;
+    std::string bytes;
+    if (!ACache.ReadParsed(AFound, bytes) || !TRuleCache::Decode(bytes, yaml) || !yaml.Failed) return false;
     CompileDocuments(yaml, AFile, AParsed);
   } else {
     std::vector<TRuleVerdict> verdicts;
@@ -170,7 +202,7 @@ bool TRuleSet::FromCache(const TCachedRuleFile& AFound, const std::string& AFile
       compiled.Deferred = compiled.Rule != nullptr;
     }
   }
-  AParsed.Parsed = AFound.Parsed;
+  AParsed.Found = AFound;
   AParsed.Cached = true;
   return true;
 }
@@ -207,7 +239,7 @@ void TRuleSet::CompileDocuments(const TParsedRuleFile& AYaml, const std::string&
   }
 }
 
-void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
+void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache) {
   if (!AParsed.Error.empty()) {
     FUnusable.push_back({AFile, {}, AParsed.Error});
     return;
@@ -225,7 +257,7 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
       continue;
     }
     std::string reason;
-    const std::vector<TLogSourceVariant> variants = FMapping.Resolve(rule->Product, rule->Category, rule->Service, reason);
+    const std::vector<TLogSourceVariant> variants = Mapping().Resolve(rule->Product, rule->Category, rule->Service, reason);
     if (variants.empty()) {
       FUnusable.push_back({AFile, rule->Title, AFile + ": " + reason});
       continue;
@@ -237,7 +269,7 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
       FUnusable.push_back({AFile, rule->Title, AFile + ": the event IDs its condition needs are not those of its log source"});
       continue;
     }
-    if (compiled.Deferred) FDeferred.push_back({rule.get(), AParsed.Parsed, compiled.Document, 0});
+    if (compiled.Deferred) FDeferred.push_back({rule.get(), ACache, AParsed.Found, compiled.Document, 0});
     FRules.push_back(std::move(rule));
   }
 }
@@ -288,7 +320,16 @@ bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
   deferred.State = 2;
   TSigmaRule& rule = *deferred.Rule;
   TParsedRuleFile parsed;
-  if (TRuleCache::Decode(deferred.Parsed, parsed) && !parsed.Failed && deferred.Document < parsed.Documents.size()) {
+  std::string bytes;
+  if (!deferred.Cache || !deferred.Cache->ReadParsed(deferred.Found, bytes) || !TRuleCache::Decode(bytes, parsed)) {
+    // The cache's parsed form is damaged or gone: the rule file is read again (and
+    // compiling it must still give what the cache says).
+    std::ifstream in(rule.File, std::ios::binary);
+    std::ostringstream stream;
+    stream << in.rdbuf();
+    parsed = in ? ParseFile(std::move(stream).str(), rule.File) : TParsedRuleFile{true, "cannot be read", {}};
+  }
+  if (!parsed.Failed && deferred.Document < parsed.Documents.size()) {
     try {
       std::unique_ptr<TSigmaRule> compiled = CompileSigmaRule(parsed.Documents[deferred.Document], rule.File);
       // What loading used must be what compiling gives now.
