@@ -449,6 +449,8 @@ uint64_t HashText(std::string_view AText) {
 void TLiteralIndex::ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText,
                                    TLiteralHits& AHits, TScanMemo& AMemo) const {
   const uint64_t hash = HashText(AText) ^ AKey * 0xD6E8FEB86659FD93ull;
+  if (AMemo.FSlots.empty()) [[unlikely]]
+    AMemo.FSlots.resize(TScanMemo::kSlots);
   TScanMemo::TSlot& slot = AMemo.FSlots[(hash >> 40) % TScanMemo::kSlots];
   const bool same = slot.Hash == hash && slot.Automaton == AKey;
   if (same && slot.Kept && slot.Text == AText) {

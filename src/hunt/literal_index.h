@@ -61,7 +61,7 @@ class TScanMemo {
 public:
   static constexpr size_t kSlots = 16384;
   static constexpr size_t kMinText = 8, kMaxText = 1024; // shorter are scanned faster than looked up
-  TScanMemo() : FSlots(kSlots) {}
+  TScanMemo() = default; // (its slots are made when first used)
 
 private:
   friend class TLiteralIndex;

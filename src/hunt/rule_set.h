@@ -25,6 +25,7 @@
 #include "hunt/rule_binding.h"
 #include "hunt/sigma_match.h"
 #include "hunt/sigma_rule.h"
+#include "platform/file_stamp.h"
 
 #include <atomic>
 #include <memory>
@@ -119,6 +120,11 @@ private:
     std::string Title, Error;
     uint32_t Document = 0; // among the file's documents
     bool Deferred = false; // Rule is the cache's header: its detection is compiled when needed
+    // What Resolve found: the rule is left out by the filter, or where its log source's
+    // events are (none: Reason says why).
+    bool Filtered = false;
+    std::vector<TLogSourceVariant> Variants;
+    std::string Reason;
   };
   struct TParsedFile {
     std::vector<TCompiledRule> Rules;
@@ -144,6 +150,12 @@ private:
                         TParsedFile& AParsed);
   const TLogMapping& Mapping();
   static void EncodeVerdicts(TParsedFile& AParsed);
+  // Reads (or finds in ACache) one rule file listed at APlace, and compiles its rules.
+  // On any thread.
+  static void ReadOne(const TStampedFile& AFile, size_t APlace, const TRuleCache* ACache, int64_t ASettled,
+                      ptrdiff_t& AShift, TParsedFile& AOut);
+  // Filters the rules of a file read and resolves their log sources. On any thread.
+  void Resolve(const TLogMapping& AMapping, TParsedFile& AParsed) const;
   void Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred);
   void PrepareList(const TBindingList& AList) const; // under FPrepareMutex
