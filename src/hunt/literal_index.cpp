@@ -373,13 +373,18 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
                      std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
   if (heads) {
+    // The 4-byte runs at the first HeadStep places of each literal: every literal is
+    // at least HeadStep + 3 bytes long, so one of the runs of any place it is found at
+    // starts at a multiple of HeadStep, and only those runs of a text need be tested.
+    AAutomaton.HeadStep = std::clamp<uint32_t>(AAutomaton.MinLength - 3, 1, kMaxHeadStep);
     AAutomaton.Heads.assign(65536 / 64, 0);
-    for (const uint32_t literal : ALiterals) {
-      uint32_t first4 = 0;
-      for (size_t i = 0; i < 4; ++i) first4 = first4 << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
-      const uint32_t hash = HeadHash(first4);
-      AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
-    }
+    for (const uint32_t literal : ALiterals)
+      for (size_t at = 0; at < AAutomaton.HeadStep; ++at) {
+        uint32_t run = 0;
+        for (size_t i = at; i < at + 4; ++i) run = run << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
+        const uint32_t hash = HeadHash(run);
+        AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
+      }
   }
 }
 
@@ -490,14 +495,25 @@ inline void TLiteralIndex::ScanText(const TAutomaton& automaton, std::string_vie
   if (!automaton.Heads.empty()) {
     const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
     const uint64_t* heads = automaton.Heads.data();
-    uint32_t head = 0;
-    size_t i = 0;
+    const uint16_t* classOf = automaton.ClassOf;
+    const size_t step = automaton.HeadStep;
     bool candidate = false;
-    for (; i < AText.size() && i < 3; ++i) head = head << 8 | automaton.ClassOf[text[i]];
-    for (; i < AText.size() && !candidate; ++i) {
-      head = head << 8 | automaton.ClassOf[text[i]];
-      const uint32_t hash = HeadHash(head);
-      candidate = heads[hash >> 6] >> (hash & 63) & 1;
+    if (step == 1) {
+      uint32_t head = 0;
+      size_t i = 0;
+      for (; i < AText.size() && i < 3; ++i) head = head << 8 | classOf[text[i]];
+      for (; i < AText.size() && !candidate; ++i) {
+        head = head << 8 | classOf[text[i]];
+        const uint32_t hash = HeadHash(head);
+        candidate = heads[hash >> 6] >> (hash & 63) & 1;
+      }
+    } else {
+      for (size_t at = 0; at + 4 <= AText.size() && !candidate; at += step) {
+        const uint32_t run = uint32_t{classOf[text[at]]} << 24 | uint32_t{classOf[text[at + 1]]} << 16 |
+                             uint32_t{classOf[text[at + 2]]} << 8 | classOf[text[at + 3]];
+        const uint32_t hash = HeadHash(run);
+        candidate = heads[hash >> 6] >> (hash & 63) & 1;
+      }
     }
     if (!candidate) return;
   }
