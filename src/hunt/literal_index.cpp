@@ -408,20 +408,18 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
                                TScanMemo* AMemo) const {
   const TAutomaton& automaton = Built(AScan.Automaton);
   const size_t shortest = automaton.MinLength;
-  const uint64_t key = FSerial << 20 ^ AScan.Automaton;
   if (AScan.Field == kKeywordField) {
     for (int v = 0, count = AFields.ValueCount(); v < count; ++v) {
       const std::string_view text = AFields.Value(v).Text;
-      if (text.size() < shortest) continue;
-      if (AMemo && text.size() >= TScanMemo::kMinText && text.size() <= TScanMemo::kMaxText)
-        ScanRemembered(automaton, key, text, AHits, *AMemo);
-      else
-        ScanText(automaton, text, AHits);
+      if (text.size() >= shortest) ScanText(automaton, text, AHits);
     }
     return;
   }
-  // (An automaton with its heads' test passes over a text quicker than the automaton,
-  // but still byte by byte: a text seen before is looked up for it too.)
+  // An automaton with its heads' test passes over most texts at once: only the others
+  // are worth remembering (remembering more texts costs more in missed caches than the
+  // heads' test does).
+  if (!automaton.Heads.empty()) AMemo = nullptr;
+  const uint64_t key = FSerial << 20 ^ AScan.Automaton;
   for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
     const std::string_view text = AFields.Value(v).Text;
     if (text.size() < shortest) continue;

@@ -59,7 +59,7 @@ struct TLiteralHits {
 // fixed size where a newer text takes the place of an older one.
 class TScanMemo {
 public:
-  static constexpr size_t kSlots = 16384;
+  static constexpr size_t kSlots = 4096;
   static constexpr size_t kMinText = 8, kMaxText = 1024; // shorter are scanned faster than looked up
   TScanMemo() = default; // (its slots are made when first used)
 
