@@ -28,6 +28,7 @@
 #include "platform/file_stamp.h"
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <span>
