@@ -17,6 +17,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
@@ -30,8 +31,11 @@ namespace qvx::app {
 namespace fs = std::filesystem;
 using namespace qvx::hunt;
 
-std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, const std::string& AMinLevel,
-                                        const std::vector<std::string>& AStatuses, bool ARuleCache) {
+namespace {
+
+// A rule set for the options given, not loaded yet.
+std::unique_ptr<TRuleSet> MakeHuntRules(const std::string& AMinLevel, const std::vector<std::string>& AStatuses,
+                                        bool ARuleCache) {
   TRuleFilter filter;
   if (!ParseLevel(AMinLevel, filter.MinLevel))
     throw std::runtime_error("--min-level " + AMinLevel + ": not a level (informational, low, medium, high, critical)");
@@ -44,8 +48,16 @@ std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, 
                                "unsupported)");
     filter.Statuses.push_back(std::move(folded));
   }
-  auto rules = std::make_unique<TRuleSet>(TLogMapping::Windows(), filter);
+  auto rules = std::make_unique<TRuleSet>(filter);
   if (ARuleCache) rules->SetCacheFolder(TRuleCache::DefaultFolder());
+  return rules;
+}
+
+} // namespace
+
+std::unique_ptr<TRuleSet> LoadHuntRules(const std::vector<std::string>& APaths, const std::string& AMinLevel,
+                                        const std::vector<std::string>& AStatuses, bool ARuleCache) {
+  std::unique_ptr<TRuleSet> rules = MakeHuntRules(AMinLevel, AStatuses, ARuleCache);
   for (const std::string& path : APaths) rules->LoadPath(path);
   return rules;
 }
@@ -223,6 +235,47 @@ struct THuntBatch {
   bool Failed = false;
 };
 
+// The rule set loading on a thread of its own while the inputs are opened and their first
+// events read: whatever needs the rules waits for it.
+class TRuleLoad {
+public:
+  TRuleLoad(TRuleSet& ARules, const std::vector<std::string>& APaths) : FRules(ARules) {
+    FThread = std::thread([this, APaths] {
+      try {
+        for (const std::string& path : APaths) FRules.LoadPath(path);
+      } catch (const std::exception& e) {
+        FError = e.what();
+      } catch (...) {
+        FError = "the rules could not be loaded";
+      }
+      FDone.store(true, std::memory_order_release);
+    });
+  }
+  ~TRuleLoad() { Wait(); }
+  TRuleLoad(const TRuleLoad&) = delete;
+  TRuleLoad& operator=(const TRuleLoad&) = delete;
+
+  // Waits for the load (on any thread); false when the rules cannot be hunted with: the
+  // load failed (Error() says why) or no rule can be used.
+  bool Wait() {
+    std::call_once(FJoined, [this] { FThread.join(); });
+    return FError.empty() && !FRules.Rules().empty();
+  }
+  bool Done() const { return FDone.load(std::memory_order_acquire); }
+  // Why the load failed (after Wait); empty when it did not.
+  const std::string& Error() const { return FError; }
+
+private:
+  TRuleSet& FRules;
+  std::string FError;
+  std::atomic<bool> FDone{false};
+  std::once_flag FJoined;
+  std::thread FThread;
+};
+
+// Thrown on the reading thread when the rules turn out not to be usable: the run is given up.
+struct THuntAbort {};
+
 // Hunter threads: the reader fills batches of events in turn, each thread tests whole
 // batches with its own hunter (the prepared rule set is shared), and the reader writes
 // the detections of the batches in the order it read them. A ring of batches bounds the
@@ -231,7 +284,7 @@ class THuntPool {
 public:
   // The rule set is prepared by the first hunter to test an event, while the reader
   // starts on the log (preparing it uses one core, and the reader the other).
-  THuntPool(const TRuleSet& ARules, unsigned AThreads) : FRing(2 * AThreads + 2) {
+  THuntPool(const TRuleSet& ARules, TRuleLoad& ALoad, unsigned AThreads) : FRing(2 * AThreads + 2), FLoad(ALoad) {
     for (unsigned i = 0; i < AThreads; ++i) FHunters.push_back(std::make_unique<THunter>(ARules));
     for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FHunters[i]); });
   }
@@ -294,7 +347,9 @@ private:
       }
       try {
         batch->Found.clear();
-        for (size_t i = 0; i < batch->Count; ++i) {
+        // (Rules that cannot be used test nothing: the reader gives the run up.)
+        const size_t count = FLoad.Wait() ? batch->Count : 0;
+        for (size_t i = 0; i < count; ++i) {
           const TPendingEvent& event = batch->Events[i];
           const auto detections = event.HasNamed ? AHunter.Test(event.Channel, event.EventId, event.Named)
                                                  : AHunter.Test(event.Channel, event.EventId, event.Xml);
@@ -317,6 +372,7 @@ private:
   }
 
   std::vector<THuntBatch> FRing;
+  TRuleLoad& FLoad;
   std::vector<std::unique_ptr<THunter>> FHunters;
   std::vector<std::thread> FThreads;
   std::mutex FMutex;
@@ -329,14 +385,21 @@ private:
 
 class THuntRun {
 public:
-  THuntRun(const THuntOptions& AOptions, const TRuleSet& ARules, std::FILE* AOut, std::FILE* AErr)
-      : FOptions(AOptions), FRules(ARules), FHunter(ARules), FOut(AOut), FErr(AErr),
+  // While ALoad runs, what the run says on AErr is held back (in a temporary file) and
+  // said once the rules are loaded, so that a load that fails is all the run says.
+  THuntRun(const THuntOptions& AOptions, const TRuleSet& ARules, TRuleLoad& ALoad, std::FILE* AOut, std::FILE* AErr)
+      : FOptions(AOptions), FRules(ARules), FLoad(ALoad), FHunter(ARules), FOut(AOut), FErr(AErr), FRealErr(AErr),
         FTable(FBuffer,
                {{"Time"}, {"Level"}, {"Rule (author)", false, 4}, {"Computer", false, 0, 2}, {"ID", true},
                 {"Matched", false, 5, 1}},
                AOptions.Width ? AOptions.Width : TerminalWidth(AOut)) {
     if (AOptions.Format == TOutputFormat::ofCsv)
       FBuffer.append("time,level,rule_title,rule_author,rule_id,computer,event_id,record,channel,file,matched\r\n");
+    if (!FLoad.Done() && (FHeld = std::tmpfile()) != nullptr) FErr = FHeld;
+    else Ready();
+  }
+  ~THuntRun() {
+    if (FHeld) std::fclose(FHeld);
   }
 
   void Input(const std::string& APath) {
@@ -372,6 +435,7 @@ public:
 
   // The closing summary; false when the output could not be written.
   bool Finish() {
+    Ready();
     WritePending();
     if (FOptions.Format == TOutputFormat::ofTable) FTable.Finish();
     const bool written = Flush() && std::fflush(FOut) == 0;
@@ -421,6 +485,27 @@ private:
   }
 
 private:
+  // The rules are loaded: what was held back goes out and the run goes on, or is given up
+  // (THuntAbort) when the rules cannot be used. On the reading thread.
+  void Ready() {
+    if (FOpen) return;
+    if (!FLoad.Wait()) throw THuntAbort{};
+    FOpen = true;
+    if (FHeld) {
+      std::rewind(FHeld);
+      char bytes[4096];
+      for (size_t got; (got = std::fread(bytes, 1, sizeof bytes, FHeld)) > 0;) std::fwrite(bytes, 1, got, FRealErr);
+      std::fclose(FHeld);
+      FHeld = nullptr;
+    }
+    FErr = FRealErr;
+  }
+  // Ready once the load has ended (a check per event read, not a wait).
+  void Poll() {
+    if (!FOpen && FLoad.Done()) [[unlikely]]
+      Ready();
+  }
+
   void Fail(const std::string& AText) {
     std::fprintf(FErr, "quorvex: %s\n", AText.c_str());
     FStatus = 1;
@@ -532,6 +617,7 @@ private:
   // chunk's detection lines; this thread writes them in the chunks' order and counts them.
   // The output is the same.
   void EvtxByChunk(TEventLogBinXML& ASource, const std::string& APath) {
+    Ready(); // (every thread tests what it renders)
     const unsigned threads = std::min(FOptions.Threads, 64u) + 1; // the calling thread renders too
     while (FChunkHunters.size() < threads) {
       auto hunter = std::make_unique<TChunkHunter>(FRules);
@@ -627,6 +713,7 @@ private:
   }
 
   void Store(const std::string& APath) {
+    Ready();
     TEvtLiteAdaptor store(APath);
     store.InitThreadDataSet();
     store.OpenExistingTable();
@@ -660,10 +747,13 @@ private:
   void Test(TEventItemX& AItem, const std::string& APath, TNamedValues* ANamed = nullptr) {
     if (FOptions.Threads > 0) {
       // Made for the first event read one by one (a whole .evtx file is not: EvtxByChunk).
-      if (!FPool) FPool = std::make_unique<THuntPool>(FRules, FOptions.Threads);
+      // The hunters wait for the rules; the events read meanwhile fill its batches.
+      Poll();
+      if (!FPool) FPool = std::make_unique<THuntPool>(FRules, FLoad, FOptions.Threads);
       Queue(AItem, APath, ANamed);
       return;
     }
+    Ready();
     const auto detections = ANamed ? FHunter.Test(AItem.FChannel, AItem.FEventID, *ANamed)
                                    : FHunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
     if (detections.empty()) return;
@@ -707,9 +797,13 @@ private:
 
   const THuntOptions& FOptions;
   const TRuleSet& FRules;
+  TRuleLoad& FLoad;
   THunter FHunter;
   std::FILE* FOut;
-  std::FILE* FErr;
+  std::FILE* FErr;          // FRealErr, or FHeld until the rules are loaded
+  std::FILE* FRealErr;
+  std::FILE* FHeld = nullptr;
+  bool FOpen = false;       // the rules are loaded and usable
   std::string FBuffer;
   TTextTable FTable;
   std::string FCell, FRuleCell;
@@ -750,17 +844,28 @@ TRuleSet* GLastRules = nullptr;
 int RunHunt(const THuntOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
     if (AOptions.Format == TOutputFormat::ofXml) throw std::runtime_error("hunt writes table, csv or jsonl");
-    std::unique_ptr<TRuleSet> rules = LoadHuntRules(AOptions.Rules, AOptions.MinLevel, AOptions.Statuses, AOptions.RuleCache);
-    if (rules->Rules().empty()) {
-      PrintUnusableRules(*rules, AErr);
-      throw std::runtime_error("no rule to hunt with");
-    }
+    std::unique_ptr<TRuleSet> rules = MakeHuntRules(AOptions.MinLevel, AOptions.Statuses, AOptions.RuleCache);
     int status = 0;
     {
-      THuntRun run(AOptions, *rules, AOut, AErr);
-      for (const std::string& input : AOptions.Inputs) run.Input(input);
-      const bool written = run.Finish();
-      status = written ? run.Status() : 1;
+      // The rules load while the inputs are opened and read; the run waits for them before
+      // it tests an event or says anything, and is given up when they cannot be used.
+      TRuleLoad load(*rules, AOptions.Rules);
+      auto unusable = [&] {
+        if (!load.Error().empty()) throw std::runtime_error(load.Error());
+        PrintUnusableRules(*rules, AErr);
+        throw std::runtime_error("no rule to hunt with");
+      };
+      try {
+        THuntRun run(AOptions, *rules, load, AOut, AErr);
+        for (const std::string& input : AOptions.Inputs) run.Input(input);
+        const bool written = run.Finish();
+        status = written ? run.Status() : 1;
+      } catch (const THuntAbort&) {
+        unusable();
+      } catch (const std::exception&) {
+        if (!load.Wait()) unusable(); // what the load says comes first
+        throw;
+      }
     }
     // The program ends here: the rule set's thousands of allocations are not freed one
     // by one, but left reachable (so leak checkers do not count them) until the next run.

@@ -125,18 +125,18 @@ private:
     return all;
   }
 
-  // The more selective need: literals of 3 bytes or more, then fewer literals, then a
-  // longer shortest literal.
+  // The more selective need: the one less likely found, taking a literal one byte
+  // longer as half as likely (so "\\edr-freeze" or "\\edrfreeze" beats ".exe"), then
+  // fewer literals.
   bool Better(const TNeed& A, const TNeed& B) const {
-    const size_t a = Shortest(A), b = Shortest(B);
-    if ((a >= 3) != (b >= 3)) return a >= 3;
-    if (A.size() != B.size()) return A.size() < B.size();
-    return a > b;
+    const uint64_t a = Odds(A), b = Odds(B);
+    if (a != b) return a < b;
+    return A.size() < B.size();
   }
-  size_t Shortest(const TNeed& ANeed) const {
-    size_t shortest = SIZE_MAX;
-    for (const uint32_t literal : ANeed) shortest = std::min<size_t>(shortest, FLengths[literal]);
-    return shortest;
+  uint64_t Odds(const TNeed& ANeed) const {
+    uint64_t odds = 0;
+    for (const uint32_t literal : ANeed) odds += uint64_t{1} << (16 - std::min<uint32_t>(FLengths[literal], 16));
+    return odds;
   }
 
   const TSigmaRule& FRule;
@@ -373,13 +373,18 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
                      std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
   if (heads) {
+    // The 4-byte runs at the first HeadStep places of each literal: every literal is
+    // at least HeadStep + 3 bytes long, so one of the runs of any place it is found at
+    // starts at a multiple of HeadStep, and only those runs of a text need be tested.
+    AAutomaton.HeadStep = std::clamp<uint32_t>(AAutomaton.MinLength - 3, 1, kMaxHeadStep);
     AAutomaton.Heads.assign(65536 / 64, 0);
-    for (const uint32_t literal : ALiterals) {
-      uint32_t first4 = 0;
-      for (size_t i = 0; i < 4; ++i) first4 = first4 << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
-      const uint32_t hash = HeadHash(first4);
-      AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
-    }
+    for (const uint32_t literal : ALiterals)
+      for (size_t at = 0; at < AAutomaton.HeadStep; ++at) {
+        uint32_t run = 0;
+        for (size_t i = at; i < at + 4; ++i) run = run << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
+        const uint32_t hash = HeadHash(run);
+        AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
+      }
   }
 }
 
@@ -411,7 +416,8 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
     return;
   }
   // An automaton with its heads' test passes over most texts at once: only the others
-  // are worth remembering.
+  // are worth remembering (remembering more texts costs more in missed caches than the
+  // heads' test does).
   if (!automaton.Heads.empty()) AMemo = nullptr;
   const uint64_t key = FSerial << 20 ^ AScan.Automaton;
   for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
@@ -446,6 +452,8 @@ uint64_t HashText(std::string_view AText) {
 void TLiteralIndex::ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText,
                                    TLiteralHits& AHits, TScanMemo& AMemo) const {
   const uint64_t hash = HashText(AText) ^ AKey * 0xD6E8FEB86659FD93ull;
+  if (AMemo.FSlots.empty()) [[unlikely]]
+    AMemo.FSlots.resize(TScanMemo::kSlots);
   TScanMemo::TSlot& slot = AMemo.FSlots[(hash >> 40) % TScanMemo::kSlots];
   const bool same = slot.Hash == hash && slot.Automaton == AKey;
   if (same && slot.Kept && slot.Text == AText) {
@@ -485,14 +493,25 @@ inline void TLiteralIndex::ScanText(const TAutomaton& automaton, std::string_vie
   if (!automaton.Heads.empty()) {
     const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
     const uint64_t* heads = automaton.Heads.data();
-    uint32_t head = 0;
-    size_t i = 0;
+    const uint16_t* classOf = automaton.ClassOf;
+    const size_t step = automaton.HeadStep;
     bool candidate = false;
-    for (; i < AText.size() && i < 3; ++i) head = head << 8 | automaton.ClassOf[text[i]];
-    for (; i < AText.size() && !candidate; ++i) {
-      head = head << 8 | automaton.ClassOf[text[i]];
-      const uint32_t hash = HeadHash(head);
-      candidate = heads[hash >> 6] >> (hash & 63) & 1;
+    if (step == 1) {
+      uint32_t head = 0;
+      size_t i = 0;
+      for (; i < AText.size() && i < 3; ++i) head = head << 8 | classOf[text[i]];
+      for (; i < AText.size() && !candidate; ++i) {
+        head = head << 8 | classOf[text[i]];
+        const uint32_t hash = HeadHash(head);
+        candidate = heads[hash >> 6] >> (hash & 63) & 1;
+      }
+    } else {
+      for (size_t at = 0; at + 4 <= AText.size() && !candidate; at += step) {
+        const uint32_t run = uint32_t{classOf[text[at]]} << 24 | uint32_t{classOf[text[at + 1]]} << 16 |
+                             uint32_t{classOf[text[at + 2]]} << 8 | classOf[text[at + 3]];
+        const uint32_t hash = HeadHash(run);
+        candidate = heads[hash >> 6] >> (hash & 63) & 1;
+      }
     }
     if (!candidate) return;
   }

@@ -61,7 +61,7 @@ class TScanMemo {
 public:
   static constexpr size_t kSlots = 4096;
   static constexpr size_t kMinText = 8, kMaxText = 1024; // shorter are scanned faster than looked up
-  TScanMemo() : FSlots(kSlots) {}
+  TScanMemo() = default; // (its slots are made when first used)
 
 private:
   friend class TLiteralIndex;
@@ -138,12 +138,14 @@ private:
     // first 4 bytes. A value none of whose 4-byte runs has its bit set holds none of them,
     // and is passed over at a fraction of the cost of the automaton.
     std::vector<uint64_t> Heads;
+    uint32_t HeadStep = 1; // the heads are tested at every HeadStep-th place of a text
     uint32_t MinLength = 1; // of its literals: a shorter text holds none
   };
   void ScanText(const TAutomaton& AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   void ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText, TLiteralHits& AHits,
                       TScanMemo& AMemo) const;
   static constexpr size_t kMaxHeadLiterals = 256;
+  static constexpr uint32_t kMaxHeadStep = 4;
   static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
   static constexpr uint32_t kOutput = 0x80000000;
   static constexpr uint16_t kOutput16 = 0x8000;

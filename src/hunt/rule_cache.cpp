@@ -2,6 +2,7 @@
 
 #include "platform/byte_reader.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -287,86 +288,149 @@ bool TRuleCache::DecodeVerdicts(std::string_view ABytes, const std::string& AFil
 
 void TRuleCache::Load() {
   FLoaded.clear();
-  FBuffer.reset();
-  FBufferSize = 0;
+  FIndex.reset();
+  FRaw.Close();
+  FParsedBase = FParsedSize = 0;
   auto ignore = [&](std::string ANote) {
     FNote = FFile + ": " + std::move(ANote);
-    FBuffer.reset();
-    FBufferSize = 0;
+    FIndex.reset();
+    FRaw.Close();
   };
   std::error_code error;
-  const uintmax_t size = fs::file_size(FFile, error);
-  if (error) return; // no cache yet
-  if (size > kMaxFileBytes || size < kHeaderBytes) return ignore("not a rule cache of a sensible size, ignored");
-  // The entries point into the buffer, which stays as it is while the cache lives.
-  // (Not zeroed first: the read fills it.)
-  FBufferSize = static_cast<size_t>(size);
-  FBuffer = std::make_unique_for_overwrite<char[]>(FBufferSize);
-  {
-    std::ifstream in(FFile, std::ios::binary);
-    if (!in.read(FBuffer.get(), static_cast<std::streamsize>(FBufferSize))) return ignore("cannot be read, ignored");
+  if (!fs::is_regular_file(FFile, error)) return; // no cache yet
+  try {
+    FRaw = TRawFile::Open(FFile);
+  } catch (const std::exception&) {
+    return ignore("cannot be read, ignored");
   }
-  const std::string_view bytes(FBuffer.get(), FBufferSize);
-  if (bytes.substr(0, 8) != std::string_view(kMagic, 8)) return ignore("offset 0: not a rule cache, ignored");
-  TCursor header(bytes.substr(8, kHeaderBytes - 8));
-  if (header.U32() != kVersion) { // another version: rebuilt without a word
-    FBuffer.reset();
-    FBufferSize = 0;
+  // The file stays open: one written anew meanwhile is renamed over this one, which
+  // stays as it was read.
+  const uint64_t size = FRaw.Size();
+  if (size > kMaxFileBytes || size < kHeaderBytes) return ignore("not a rule cache of a sensible size, ignored");
+  char header[kHeaderBytes];
+  try {
+    if (FRaw.ReadAt(0, header, kHeaderBytes) != kHeaderBytes) return ignore("cannot be read, ignored");
+  } catch (const std::exception&) {
+    return ignore("cannot be read, ignored");
+  }
+  if (std::string_view(header, 8) != std::string_view(kMagic, 8)) return ignore("offset 0: not a rule cache, ignored");
+  TCursor fields(std::string_view(header + 8, kHeaderBytes - 8));
+  if (fields.U32() != kVersion) { // another version: rebuilt without a word
+    FRaw.Close();
     return;
   }
-  const uint64_t payloadSize = header.U64();
-  const uint64_t payloadHash = header.U64();
-  const std::string_view payload = bytes.substr(kHeaderBytes);
-  if (payloadSize != payload.size() || HashWords(payload) != payloadHash)
-    return ignore("offset 12: damaged (size or hash does not match), ignored");
-  TCursor cursor(payload);
+  const uint64_t indexSize = fields.U64();
+  const uint64_t indexHash = fields.U64();
+  if (indexSize > size - kHeaderBytes) return ignore("offset 12: damaged (size or hash does not match), ignored");
+  // The entries point into the index, which stays as it is while the cache lives.
+  // (Not zeroed first: the read fills it.)
+  FIndex = std::make_unique_for_overwrite<char[]>(indexSize);
+  try {
+    if (FRaw.ReadAt(kHeaderBytes, FIndex.get(), indexSize) != indexSize) return ignore("cannot be read, ignored");
+  } catch (const std::exception&) {
+    return ignore("cannot be read, ignored");
+  }
+  const std::string_view index(FIndex.get(), indexSize);
+  if (HashWords(index) != indexHash) return ignore("offset 12: damaged (size or hash does not match), ignored");
+  FParsedBase = kHeaderBytes + indexSize;
+  FParsedSize = size - FParsedBase;
+  TCursor cursor(index);
   const uint32_t count = cursor.U32();
-  if (count > kMaxEntries) return ignore("offset 28: too many entries, ignored");
-  std::unordered_map<std::string, TEntry> loaded;
-  loaded.reserve(std::min<size_t>(count, payload.size() / 40));
+  if (count > kMaxEntries || count > cursor.Left() / 69) return ignore("offset 28: too many entries, ignored");
+  std::vector<TEntry> loaded(count);
+  bool sorted = true;
   for (uint32_t i = 0; i < count && cursor.Ok(); ++i) {
-    TEntry entry;
-    entry.Key.Path = cursor.Text();
-    entry.Key.Size = cursor.U64();
-    entry.Key.ChangeTime = static_cast<int64_t>(cursor.U64());
-    entry.Key.Hash = cursor.U64();
-    entry.Key.StatusTime = static_cast<int64_t>(cursor.U64());
-    entry.Key.Identity = cursor.U64();
-    entry.Bytes = cursor.Text();
-    entry.Verdicts = cursor.Text();
-    if (cursor.Ok()) {
-      std::string path = entry.Key.Path;
-      loaded.insert_or_assign(std::move(path), std::move(entry));
-    }
+    TEntry& entry = loaded[i];
+    entry.Path = cursor.Text();
+    entry.Size = cursor.U64();
+    entry.ChangeTime = static_cast<int64_t>(cursor.U64());
+    entry.Hash = cursor.U64();
+    entry.StatusTime = static_cast<int64_t>(cursor.U64());
+    entry.Identity = cursor.U64();
+    const uint8_t state = cursor.U8();
+    entry.Found.ParsedAt = cursor.U64();
+    entry.Found.ParsedLength = cursor.U32();
+    entry.Found.ParsedHash = cursor.U64();
+    entry.Found.Verdicts = cursor.Text();
+    entry.Found.Failed = state == 1;
+    entry.Found.Entry = i;
+    // A parsed form outside the file, or a state not known, spoils the entry only.
+    if (state > 1 || entry.Found.ParsedAt > FParsedSize || entry.Found.ParsedLength > FParsedSize - entry.Found.ParsedAt)
+      entry.Path = {};
+    if (i > 0 && !(loaded[i - 1].Path < entry.Path)) sorted = false;
   }
   if (!cursor.AtEnd())
-    return ignore("offset " + std::to_string(kHeaderBytes + payload.size() - cursor.Left()) +
-                  ": entries do not fill the payload, ignored");
+    return ignore("offset " + std::to_string(kHeaderBytes + index.size() - cursor.Left()) +
+                  ": entries do not fill the index, ignored");
+  // The parsed forms fill the rest of the file, as Save writes them: a file cut short or
+  // grown is damaged (its parsed forms' hashes are checked only when they are read).
+  uint64_t end = 0;
+  for (const TEntry& entry : loaded)
+    if (!entry.Path.empty()) end = std::max(end, entry.Found.ParsedAt + entry.Found.ParsedLength);
+  if (end != FParsedSize) return ignore("offset 12: damaged (size or hash does not match), ignored");
+  if (!sorted) {
+    // Not as this program writes them: sorted, and of a path given twice the last kept.
+    std::stable_sort(loaded.begin(), loaded.end(), [](const TEntry& A, const TEntry& B) { return A.Path < B.Path; });
+    std::vector<TEntry> unique;
+    for (size_t i = 0; i < loaded.size(); ++i)
+      if (i + 1 == loaded.size() || loaded[i + 1].Path != loaded[i].Path) unique.push_back(loaded[i]);
+    loaded = std::move(unique);
+  }
+  std::erase_if(loaded, [](const TEntry& A) { return A.Path.empty(); });
+  for (size_t i = 0; i < loaded.size(); ++i) loaded[i].Found.Entry = i;
   FLoaded = std::move(loaded);
 }
 
+size_t TRuleCache::Locate(std::string_view APath, size_t AHint) const {
+  if (AHint < FLoaded.size() && FLoaded[AHint].Path == APath) return AHint;
+  const auto found = std::lower_bound(FLoaded.begin(), FLoaded.end(), APath,
+                                      [](const TEntry& A, std::string_view B) { return A.Path < B; });
+  return found != FLoaded.end() && found->Path == APath ? static_cast<size_t>(found - FLoaded.begin())
+                                                         : FLoaded.size();
+}
+
+TRuleFileKey TRuleCache::KeyOf(const TEntry& AEntry) const {
+  return {std::string(AEntry.Path), AEntry.Size, AEntry.ChangeTime, AEntry.Hash, AEntry.StatusTime, AEntry.Identity};
+}
+
 bool TRuleCache::Find(const TRuleFileKey& AKey, TCachedRuleFile& AFound) const {
-  const auto found = FLoaded.find(AKey.Path);
-  if (found == FLoaded.end() || !(found->second.Key == AKey)) return false;
-  AFound = {found->second.Bytes, found->second.Verdicts};
+  const size_t at = Locate(AKey.Path, 0);
+  if (at == FLoaded.size() || !FLoaded[at].Matches(AKey)) return false;
+  AFound = FLoaded[at].Found;
   return true;
+}
+
+bool TRuleCache::ReadParsed(const TCachedRuleFile& AFound, std::string& ABytes) const {
+  ABytes.clear();
+  // Checked at load against the file's size, which does not change while it is open
+  // unless something cuts it in place: a short read then refuses the entry.
+  if (!FRaw.IsOpen() || AFound.ParsedAt > FParsedSize || AFound.ParsedLength > FParsedSize - AFound.ParsedAt)
+    return false;
+  ABytes.resize(AFound.ParsedLength);
+  try {
+    if (FRaw.ReadAt(FParsedBase + AFound.ParsedAt, ABytes.data(), ABytes.size()) != ABytes.size()) return false;
+  } catch (const std::exception&) {
+    return false;
+  }
+  return HashWords(ABytes) == AFound.ParsedHash;
 }
 
 bool TRuleCache::Find(const TRuleFileKey& AKey, TParsedRuleFile& AParsed) const {
   TCachedRuleFile found;
-  return Find(AKey, found) && Decode(found.Parsed, AParsed);
+  std::string bytes;
+  return Find(AKey, found) && ReadParsed(found, bytes) && Decode(bytes, AParsed);
 }
 
 bool TRuleCache::FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
-                            TCachedRuleFile& AFound) const {
-  const auto found = FLoaded.find(APath);
-  if (found == FLoaded.end()) return false;
-  const TRuleFileKey& key = found->second.Key;
-  if ((key.StatusTime == 0 && key.Identity == 0) || key.Size != AStamp.Size || key.ChangeTime != AStamp.ChangeTime ||
-      key.StatusTime != AStamp.StatusTime || key.Identity != AStamp.Identity)
+                            TCachedRuleFile& AFound, size_t AHint) const {
+  const size_t at = Locate(APath, AHint);
+  if (at == FLoaded.size()) return false;
+  const TEntry& entry = FLoaded[at];
+  if ((entry.StatusTime == 0 && entry.Identity == 0) || entry.Size != AStamp.Size ||
+      entry.ChangeTime != AStamp.ChangeTime || entry.StatusTime != AStamp.StatusTime || entry.Identity != AStamp.Identity)
     return false;
-  AFound = {found->second.Bytes, found->second.Verdicts};
-  AKey = key;
+  AFound = entry.Found;
+  AKey = KeyOf(entry);
   return true;
 }
 
@@ -374,56 +438,84 @@ bool TRuleCache::FindUnread(const std::string& APath, const TFileStamp& AStamp, 
                             TParsedRuleFile& AParsed) const {
   TCachedRuleFile found;
   TRuleFileKey key;
-  if (!FindUnread(APath, AStamp, key, found) || !Decode(found.Parsed, AParsed)) return false;
+  std::string bytes;
+  if (!FindUnread(APath, AStamp, key, found) || !ReadParsed(found, bytes) || !Decode(bytes, AParsed)) return false;
   AKey = key;
   return true;
 }
 
 void TRuleCache::Put(const TRuleFileKey& AKey, std::string AEncoded, std::string AVerdicts) {
-  FLoaded.erase(AKey.Path);
+  if (const size_t at = Locate(AKey.Path, 0); at < FLoaded.size()) FLoaded[at].Kept = true; // replaced
   TEntry& entry = FNext.emplace_back();
-  entry.Key = AKey;
-  entry.Bytes = FOwned.emplace_back(std::move(AEncoded));
-  if (!AVerdicts.empty()) entry.Verdicts = FOwned.emplace_back(std::move(AVerdicts));
+  entry.Path = FOwned.emplace_back(AKey.Path);
+  entry.Size = AKey.Size;
+  entry.ChangeTime = AKey.ChangeTime;
+  entry.Hash = AKey.Hash;
+  entry.StatusTime = AKey.StatusTime;
+  entry.Identity = AKey.Identity;
+  entry.Found.Failed = !AEncoded.empty() && AEncoded[0] == 1;
+  entry.Owned = FOwned.emplace_back(std::move(AEncoded));
+  if (!AVerdicts.empty()) entry.Found.Verdicts = FOwned.emplace_back(std::move(AVerdicts));
   FChanged = true;
   ++FMisses;
 }
 
-void TRuleCache::Keep(const TRuleFileKey& AKey) {
-  const auto found = FLoaded.find(AKey.Path);
-  if (found == FLoaded.end()) return;
-  TRuleFileKey& key = found->second.Key;
-  if (key.StatusTime != AKey.StatusTime || key.Identity != AKey.Identity) {
-    key.StatusTime = AKey.StatusTime;
-    key.Identity = AKey.Identity;
+void TRuleCache::Keep(const TRuleFileKey& AKey, size_t AHint) {
+  const size_t at = Locate(AKey.Path, AHint);
+  if (at == FLoaded.size() || FLoaded[at].Kept) return;
+  TEntry& entry = FLoaded[at];
+  entry.Kept = true;
+  ++FKept;
+  TEntry& next = FNext.emplace_back(entry);
+  if (next.StatusTime != AKey.StatusTime || next.Identity != AKey.Identity) {
+    next.StatusTime = AKey.StatusTime;
+    next.Identity = AKey.Identity;
     FChanged = true;
   }
-  FNext.push_back(std::move(found->second));
-  FLoaded.erase(found);
   ++FHits;
 }
 
 bool TRuleCache::Save() {
   // Entries not used this time are dropped (files removed, or outside this load).
-  if (!FChanged && FLoaded.empty()) return true;
-  std::string payload;
-  PutU32(payload, static_cast<uint32_t>(FNext.size()));
-  for (const TEntry& entry : FNext) {
-    PutText(payload, entry.Key.Path);
-    PutU64(payload, entry.Key.Size);
-    PutU64(payload, static_cast<uint64_t>(entry.Key.ChangeTime));
-    PutU64(payload, entry.Key.Hash);
-    PutU64(payload, static_cast<uint64_t>(entry.Key.StatusTime));
-    PutU64(payload, entry.Key.Identity);
-    PutText(payload, entry.Bytes);
-    PutText(payload, entry.Verdicts);
+  if (!FChanged && FKept == FLoaded.size()) return true;
+  // In path order, as Load looks them up.
+  std::vector<const TEntry*> entries;
+  entries.reserve(FNext.size());
+  for (const TEntry& entry : FNext) entries.push_back(&entry);
+  std::stable_sort(entries.begin(), entries.end(), [](const TEntry* A, const TEntry* B) { return A->Path < B->Path; });
+  std::string index, parsed, bytes;
+  PutU32(index, 0); // the count, once known
+  uint32_t count = 0;
+  for (size_t i = 0; i < entries.size(); ++i) {
+    const TEntry& entry = *entries[i];
+    if (i + 1 < entries.size() && entries[i + 1]->Path == entry.Path) continue; // the last put wins
+    std::string_view form = entry.Owned;
+    if (form.empty()) { // kept: its parsed form is still in the file
+      if (!ReadParsed(entry.Found, bytes)) continue;
+      form = bytes;
+    }
+    PutText(index, entry.Path);
+    PutU64(index, entry.Size);
+    PutU64(index, static_cast<uint64_t>(entry.ChangeTime));
+    PutU64(index, entry.Hash);
+    PutU64(index, static_cast<uint64_t>(entry.StatusTime));
+    PutU64(index, entry.Identity);
+    PutU8(index, !form.empty() && form[0] == 1 ? 1 : 0);
+    PutU64(index, parsed.size());
+    PutU32(index, static_cast<uint32_t>(form.size()));
+    PutU64(index, HashWords(form));
+    PutText(index, entry.Found.Verdicts);
+    parsed.append(form);
+    ++count;
   }
-  if (payload.size() > kMaxFileBytes - kHeaderBytes) return false;
-  std::string bytes(kMagic, 8);
-  PutU32(bytes, kVersion);
-  PutU64(bytes, payload.size());
-  PutU64(bytes, HashWords(payload));
-  bytes += payload;
+  std::memcpy(index.data(), &count, 4);
+  if (index.size() + parsed.size() > kMaxFileBytes - kHeaderBytes) return false;
+  std::string out(kMagic, 8);
+  PutU32(out, kVersion);
+  PutU64(out, index.size());
+  PutU64(out, HashWords(index));
+  out += index;
+  out += parsed;
 
   std::error_code error;
   fs::create_directories(fs::path(FFile).parent_path(), error);
@@ -434,14 +526,21 @@ bool TRuleCache::Save() {
                           reinterpret_cast<uintptr_t>(this);
   const std::string temporary = FFile + ".tmp" + std::to_string(unique);
   {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())) || !out.flush()) {
-      out.close();
+    std::ofstream stream(temporary, std::ios::binary | std::ios::trunc);
+    if (!stream.write(out.data(), static_cast<std::streamsize>(out.size())) || !stream.flush()) {
+      stream.close();
       fs::remove(temporary, error);
       return false;
     }
   }
   fs::rename(temporary, FFile, error);
+  if (error && FRaw.IsOpen()) {
+    // Where an open file cannot be replaced (Windows), the old one is let go: rules
+    // compiled later read their rule files instead of its parsed forms.
+    FRaw.Close();
+    error.clear();
+    fs::rename(temporary, FFile, error);
+  }
   if (error) {
     fs::remove(temporary, error);
     return false;

@@ -18,47 +18,54 @@
 // costs more than the rest of a cached load. Any other is read and its hash compared.
 //
 // One cache file per rule path loaded (file or folder), in the user's cache folder
-// ($XDG_CACHE_HOME/quorvex or ~/.cache/quorvex), named after a hash of the absolute path:
+// ($XDG_CACHE_HOME/quorvex or ~/.cache/quorvex), named after a hash of the absolute path.
+// A load needs every entry's key and verdicts but the parsed form only of the rules it
+// compiles, so the keys and verdicts come first (the index, read whole at load) and the
+// parsed forms after them (read one by one when a rule is compiled):
 //
 //   offset size  field
 //   0      8     magic "QVXRULEC"
 //   8      4     format version (kVersion), u32 little-endian
-//   12     8     payload size, u64
-//   20     8     payload hash (HashWords), u64
-//   28     ...   payload: entry count u32, then per entry
+//   12     8     index size, u64
+//   20     8     index hash (HashWords), u64
+//   28     ...   index: entry count u32, then per entry (sorted by path)
 //                  path (u32 length, bytes), size u64, change time i64, content hash u64,
 //                  entry change time i64, identity u64 (both 0: no stamp),
-//                  state u8 (0 documents, 1 error), then
-//                    error: u32 length, bytes
-//                    documents: u32 count, then nodes
+//                  state u8 (0 documents, 1 error), parsed form: offset u64 (from the
+//                  end of the index), length u32, hash (HashWords) u64,
 //                  verdicts (u32 length, bytes; 0: none kept), as EncodeVerdicts writes:
 //                    u32 count, then per verdict: document u32, state u8 (1 compiled),
 //                    compiled: title, id, author, status, description, date (texts),
 //                      level u8, tags, slot names (u32 count, texts), product,
 //                      category, service (texts), event IDs (u32 count, u32 each)
 //                    not compiled: title, error (texts)
+//   28+index     parsed forms, as Encode writes: state u8 (0 documents, 1 error), then
+//                  error: u32 length, bytes
+//                  documents: u32 count, then nodes
 //                  node: kind u8 (TYamlNode::TKind), line u32, then
 //                    scalar: u32 length, bytes;  list: u32 count, nodes;
 //                    map: u32 count, (u32 key length, key bytes, node) each
 //
-// The cache file is untrusted: it is read whole under a size limit, every length and
-// count is checked against the bytes left, nesting and node counts are bounded, and a
-// wrong magic, version, size or hash drops the whole file. An entry whose key does not
-// match the rule file (or whose trees do not read back) is ignored and the file parsed
-// again. Writing goes to a temporary file renamed over the old one, so readers never
-// see half a cache; a cache that cannot be written is simply not kept.
+// The cache file is untrusted: the index is read whole under a size limit and its hash
+// checked, every length, count and parsed form's place is checked against the bytes
+// there are, nesting and node counts are bounded, and a wrong magic, version, size or
+// hash drops the whole file. A parsed form is read when needed and its hash checked then;
+// one that does not read back (or an entry whose key does not match the rule file) sends
+// the caller to the rule file itself. Writing goes to a temporary file renamed over the
+// old one, so readers never see half a cache (and one reading keeps the file it opened);
+// a cache that cannot be written is simply not kept.
 #pragma once
 
 #include "hunt/sigma_rule.h"
 #include "hunt/sigma_yaml.h"
 #include "platform/file_stamp.h"
+#include "platform/raw_file.h"
 
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace qvx::hunt {
@@ -98,18 +105,23 @@ struct TRuleVerdict {
   std::string Title, Error;
 };
 
-// An entry found in the cache: the parsed file (Encode's form) and its verdicts
-// (EncodeVerdicts' form; empty when none were kept). Views into the cache, good while it lives.
+// An entry found in the cache: where its parsed file (Encode's form) is (TRuleCache::
+// ReadParsed reads it), and its verdicts (EncodeVerdicts' form; empty when none were
+// kept: a view into the cache, good while it lives).
 struct TCachedRuleFile {
-  std::string_view Parsed;
   std::string_view Verdicts;
+  bool Failed = false; // the file is not YAML: the parsed form holds only the error
+  uint64_t ParsedAt = 0;
+  uint32_t ParsedLength = 0;
+  uint64_t ParsedHash = 0;
+  size_t Entry = 0; // the entry's place in the cache (Keep's hint)
 };
 
 class TRuleCache {
 public:
   // Changed whenever the form changes or compiling a rule gives other results (entries
   // keep the verdicts).
-  static constexpr uint32_t kVersion = 3;
+  static constexpr uint32_t kVersion = 4;
   static constexpr uint64_t kMaxFileBytes = 256ull << 20;
 
   // The user's cache folder for quorvex; "" when neither XDG_CACHE_HOME nor HOME is set.
@@ -120,8 +132,9 @@ public:
   // A cache backed by AFile (not read yet).
   explicit TRuleCache(std::string AFile) : FFile(std::move(AFile)) {}
 
-  // Reads the cache file. A missing, damaged or foreign file leaves the cache empty (and
-  // Note() says why for a damaged one); never raises.
+  // Reads the cache file's index (and keeps the file open for ReadParsed). A missing,
+  // damaged or foreign file leaves the cache empty (and Note() says why for a damaged
+  // one); never raises.
   void Load();
   // The parsed file of AKey when the cache holds exactly that version of it; false
   // otherwise (also when its entry does not read back). Safe on several threads at once.
@@ -133,13 +146,20 @@ public:
                   TParsedRuleFile& AParsed) const;
   // The same, as the entry's bytes (not decoded).
   bool Find(const TRuleFileKey& AKey, TCachedRuleFile& AFound) const;
+  // AHint: the place the entry is likely at (the file's place in a sorted listing of the
+  // same files); any value finds it, a right one quicker.
   bool FindUnread(const std::string& APath, const TFileStamp& AStamp, TRuleFileKey& AKey,
-                  TCachedRuleFile& AFound) const;
+                  TCachedRuleFile& AFound, size_t AHint = 0) const;
+  // The parsed file (Encode's form) of an entry found, read from the cache file; false
+  // when it cannot be read or its hash does not match (the caller reads the rule file).
+  // Safe on several threads at once.
+  bool ReadParsed(const TCachedRuleFile& AFound, std::string& ABytes) const;
   // Keeps a parsed file (Encode's form) and its verdicts (EncodeVerdicts' form, or "")
   // for the next save.
   void Put(const TRuleFileKey& AKey, std::string AEncoded, std::string AVerdicts = {});
-  // Keeps the entry Find found for AKey for the next save, with AKey's stamp.
-  void Keep(const TRuleFileKey& AKey);
+  // Keeps the entry Find found for AKey for the next save, with AKey's stamp (AHint: the
+  // found entry's Entry).
+  void Keep(const TRuleFileKey& AKey, size_t AHint = 0);
   // Writes the entries put or kept since Load when anything changed (entries not used
   // this time are dropped). Returns false when the file could not be written.
   bool Save();
@@ -159,17 +179,33 @@ public:
 
 private:
   struct TEntry {
-    TRuleFileKey Key;
-    std::string_view Bytes;    // Encode's form, in FBuffer or FOwned
-    std::string_view Verdicts; // EncodeVerdicts' form (or empty), likewise
+    std::string_view Path; // in FIndex or FOwned
+    uint64_t Size = 0;
+    int64_t ChangeTime = 0;
+    uint64_t Hash = 0;
+    int64_t StatusTime = 0;
+    uint64_t Identity = 0;
+    TCachedRuleFile Found;  // its verdicts in FIndex or FOwned
+    std::string_view Owned; // an entry put this time: its parsed form, in FOwned
+    bool Kept = false;      // kept or replaced for the next save
+    bool Matches(const TRuleFileKey& AKey) const {
+      return Path == AKey.Path && Size == AKey.Size && ChangeTime == AKey.ChangeTime && Hash == AKey.Hash;
+    }
   };
+  // The place of APath's entry in FLoaded; FLoaded.size() when there is none.
+  size_t Locate(std::string_view APath, size_t AHint) const;
+  TRuleFileKey KeyOf(const TEntry& AEntry) const;
+
   std::string FFile;
   std::string FNote;
-  std::unique_ptr<char[]> FBuffer; // the cache file as read
-  size_t FBufferSize = 0;
+  TRawFile FRaw;                  // the cache file, open for ReadParsed
+  std::unique_ptr<char[]> FIndex; // its index as read
+  uint64_t FParsedBase = 0;       // where the parsed forms begin
+  uint64_t FParsedSize = 0;       // and how many bytes they take
   std::deque<std::string> FOwned; // entries encoded this time (stable places)
-  std::unordered_map<std::string, TEntry> FLoaded; // by path
+  std::vector<TEntry> FLoaded;    // sorted by path, one per path
   std::vector<TEntry> FNext;
+  size_t FKept = 0;
   bool FChanged = false;
   size_t FHits = 0, FMisses = 0;
 };

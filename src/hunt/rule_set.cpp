@@ -16,12 +16,40 @@ namespace qvx::hunt {
 namespace fs = std::filesystem;
 
 TRuleSet::TRuleSet(const TLogMapping& AMapping, TRuleFilter AFilter)
-    : FMapping(AMapping), FFilter(std::move(AFilter)) {}
+    : FMapping(&AMapping), FFilter(std::move(AFilter)) {}
+
+const TLogMapping& TRuleSet::Mapping() {
+  if (!FMapping) FMapping = &TLogMapping::Windows();
+  return *FMapping;
+}
 
 void TRuleSet::LoadPath(const std::string& APath) {
   std::error_code error;
   const fs::file_status status = fs::status(APath, error);
   if (error || !fs::exists(status)) RaiseSigmaError(APath, 0, "no such rule file or folder");
+  // The cache's index and the Windows mapping are read on a thread of their own while
+  // this one lists the rule files (each of the three takes about as long).
+  std::unique_ptr<TRuleCache> cache;
+  if (!FCacheFolder.empty()) cache = std::make_unique<TRuleCache>(TRuleCache::FileFor(FCacheFolder, APath));
+  std::thread early;
+  if (cache || !FMapping) {
+    const bool mapping = !FMapping;
+    early = std::thread([&cache, mapping] {
+      if (cache) cache->Load();
+      if (mapping) {
+        try {
+          TLogMapping::Windows();
+        } catch (...) { // raised again where it is used
+        }
+      }
+    });
+  }
+  struct TJoin {
+    std::thread& Thread;
+    ~TJoin() {
+      if (Thread.joinable()) Thread.join();
+    }
+  } join{early};
   std::vector<TStampedFile> files;
   if (!fs::is_directory(status)) {
     if (!std::ifstream(APath, std::ios::binary)) RaiseSigmaError(APath, 0, "cannot be read");
@@ -30,94 +58,73 @@ void TRuleSet::LoadPath(const std::string& APath) {
     file.Stamped = ReadFileStamp(APath, file.Stamp);
   } else {
     std::string why;
-    if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
+    // Two threads: stamping two thousand files is mostly the system's time, and scales.
+    if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why, 2)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
   }
-  std::unique_ptr<TRuleCache> cache;
-  if (!FCacheFolder.empty()) {
-    cache = std::make_unique<TRuleCache>(TRuleCache::FileFor(FCacheFolder, APath));
-    cache->Load();
-    if (!cache->Note().empty()) FCacheNotes.push_back(cache->Note());
-  }
+  if (early.joinable()) early.join();
+  if (cache && !cache->Note().empty()) FCacheNotes.push_back(cache->Note());
   // Reading YAML is most of the time a rule set takes to load: files are parsed (or
-  // found in the cache) and their rules compiled on a few threads, a batch at a time (so
-  // memory stays bounded), and added in file order.
+  // found in the cache), their rules compiled and their log sources resolved on a few
+  // threads, a batch at a time (so memory stays bounded), and added in file order by
+  // this thread while the others go on with the next batch.
   const size_t threads = std::clamp<size_t>(std::thread::hardware_concurrency(), 1, 4);
   constexpr size_t kBatch = 256;
   constexpr int64_t kSettleNs = 2'000'000'000;
   const int64_t loadTime = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                std::chrono::system_clock::now().time_since_epoch())
                                .count();
-  for (size_t first = 0; first < files.size(); first += kBatch) {
-    const size_t count = std::min(kBatch, files.size() - first);
-    std::vector<TParsedFile> parsed(count);
-    std::atomic<size_t> next{0};
-    auto work = [&] {
-      for (size_t i; (i = next++) < count;) {
-        const std::string& file = files[first + i].Path;
-        TParsedFile& out = parsed[i];
-        const TFileStamp& stamp = files[first + i].Stamp;
-        const bool stamped = cache && files[first + i].Stamped;
-        if (stamped) {
-          TCachedRuleFile found;
-          if (cache->FindUnread(file, stamp, out.Key, found)) {
-            if (FromCache(found, file, out)) continue;
-            // An entry without its verdicts: compiled now, and kept again with them.
-            TParsedRuleFile yaml;
-            if (TRuleCache::Decode(found.Parsed, yaml)) {
-              out.Encoded.assign(found.Parsed);
-              CompileDocuments(yaml, file, out);
-              EncodeVerdicts(out);
-              continue;
-            }
-            out = {};
-          }
-        }
-        std::ifstream in(file, std::ios::binary);
-        if (!in) {
-          out.Error = file + ": cannot be read";
-          continue;
-        }
-        std::ostringstream stream;
-        stream << in.rdbuf();
-        const std::string text = std::move(stream).str();
-        if (!cache) {
-          Read(text, file, out);
-          continue;
-        }
-        out.Key = {file, text.size(), 0, HashBytes(text)};
-        if (stamped) {
-          out.Key.ChangeTime = stamp.ChangeTime;
-          // A file changed in the last seconds may change again within the clock's
-          // granularity without its stamp showing it: it is read again until it is older.
-          if (stamp.Size == text.size() && stamp.StatusTime < loadTime - kSettleNs) {
-            out.Key.StatusTime = stamp.StatusTime;
-            out.Key.Identity = stamp.Identity;
-          }
-        } else {
-          std::error_code timeError;
-          const fs::file_time_type changed = fs::last_write_time(file, timeError);
-          out.Key.ChangeTime = timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count());
-        }
-        TCachedRuleFile found;
-        if (cache->Find(out.Key, found) && FromCache(found, file, out)) continue;
-        const TParsedRuleFile yaml = ParseFile(text, file);
-        TRuleCache::Encode(yaml, out.Encoded);
-        CompileDocuments(yaml, file, out);
-        EncodeVerdicts(out);
-      }
-    };
-    std::vector<std::thread> pool;
-    for (size_t t = 1; t < threads && t < count; ++t) pool.emplace_back(work);
-    work();
-    for (std::thread& thread : pool) thread.join();
-    for (size_t i = 0; i < count; ++i) {
-      Compile(parsed[i], files[first + i].Path);
-      if (!cache || parsed[i].Key.Path.empty()) continue;
-      if (parsed[i].Cached)
-        cache->Keep(parsed[i].Key);
-      else
-        cache->Put(parsed[i].Key, std::move(parsed[i].Encoded), std::move(parsed[i].Verdicts));
+  const TLogMapping& mapping = Mapping();
+  struct TBatch {
+    size_t First = 0, Count = 0;
+    std::vector<TParsedFile> Parsed;
+    std::atomic<size_t> Next{0};
+  };
+  auto work = [&](TBatch& ABatch) {
+    // The cache's entries are sorted as the files are: where this thread's last file
+    // was found tells where its next one is.
+    ptrdiff_t shift = 0;
+    for (size_t i; (i = ABatch.Next++) < ABatch.Count;) {
+      const size_t place = ABatch.First + i;
+      ReadOne(files[place], place, cache.get(), loadTime - kSettleNs, shift, ABatch.Parsed[i]);
+      Resolve(mapping, ABatch.Parsed[i]);
     }
+  };
+  TBatch batches[2];
+  auto begin = [&](TBatch& ABatch, size_t AFirst) {
+    ABatch.First = AFirst;
+    ABatch.Count = std::min(kBatch, files.size() - AFirst);
+    ABatch.Parsed.clear();
+    ABatch.Parsed.resize(ABatch.Count);
+    ABatch.Next = 0;
+  };
+  if (!files.empty()) {
+    begin(batches[0], 0);
+    std::vector<std::thread> pool;
+    for (size_t t = 1; t < threads && t < batches[0].Count; ++t) pool.emplace_back(work, std::ref(batches[0]));
+    work(batches[0]);
+    for (std::thread& thread : pool) thread.join();
+  }
+  for (size_t b = 0; !files.empty(); ++b) {
+    TBatch& current = batches[b % 2];
+    TBatch& following = batches[(b + 1) % 2];
+    const bool more = current.First + current.Count < files.size();
+    std::vector<std::thread> pool;
+    if (more) {
+      begin(following, current.First + current.Count);
+      for (size_t t = 1; t < threads && t < following.Count; ++t) pool.emplace_back(work, std::ref(following));
+    }
+    for (size_t i = 0; i < current.Count; ++i) {
+      TParsedFile& parsed = current.Parsed[i];
+      Compile(parsed, files[current.First + i].Path, cache.get());
+      if (!cache || parsed.Key.Path.empty()) continue;
+      if (parsed.Cached)
+        cache->Keep(parsed.Key, parsed.Found.Entry);
+      else
+        cache->Put(parsed.Key, std::move(parsed.Encoded), std::move(parsed.Verdicts));
+    }
+    if (more) work(following); // what the others have not taken yet
+    for (std::thread& thread : pool) thread.join();
+    if (!more) break;
   }
   if (cache) {
     FCacheHits += cache->Hits();
@@ -128,10 +135,78 @@ void TRuleSet::LoadPath(const std::string& APath) {
   }
 }
 
+void TRuleSet::ReadOne(const TStampedFile& AFile, size_t APlace, const TRuleCache* ACache, int64_t ASettled,
+                       ptrdiff_t& AShift, TParsedFile& AOut) {
+  const std::string& file = AFile.Path;
+  const TFileStamp& stamp = AFile.Stamp;
+  const bool stamped = ACache && AFile.Stamped;
+  if (stamped) {
+    TCachedRuleFile found;
+    if (ACache->FindUnread(file, stamp, AOut.Key, found,
+                           static_cast<size_t>(std::max<ptrdiff_t>(0, static_cast<ptrdiff_t>(APlace) + AShift)))) {
+      AShift = static_cast<ptrdiff_t>(found.Entry) - static_cast<ptrdiff_t>(APlace);
+      if (FromCache(*ACache, found, file, AOut)) return;
+      // An entry without its verdicts: compiled now, and kept again with them.
+      TParsedRuleFile yaml;
+      if (ACache->ReadParsed(found, AOut.Encoded) && TRuleCache::Decode(AOut.Encoded, yaml)) {
+        CompileDocuments(yaml, file, AOut);
+        EncodeVerdicts(AOut);
+        return;
+      }
+      AOut = {};
+    }
+  }
+  std::ifstream in(file, std::ios::binary);
+  if (!in) {
+    AOut.Error = file + ": cannot be read";
+    return;
+  }
+  std::ostringstream stream;
+  stream << in.rdbuf();
+  const std::string text = std::move(stream).str();
+  if (!ACache) {
+    Read(text, file, AOut);
+    return;
+  }
+  AOut.Key = {file, text.size(), 0, HashBytes(text)};
+  if (stamped) {
+    AOut.Key.ChangeTime = stamp.ChangeTime;
+    // A file changed in the last seconds may change again within the clock's
+    // granularity without its stamp showing it: it is read again until it is older.
+    if (stamp.Size == text.size() && stamp.StatusTime < ASettled) {
+      AOut.Key.StatusTime = stamp.StatusTime;
+      AOut.Key.Identity = stamp.Identity;
+    }
+  } else {
+    std::error_code timeError;
+    const fs::file_time_type changed = fs::last_write_time(file, timeError);
+    AOut.Key.ChangeTime = timeError ? 0 : static_cast<int64_t>(changed.time_since_epoch().count());
+  }
+  TCachedRuleFile found;
+  if (ACache->Find(AOut.Key, found) && FromCache(*ACache, found, file, AOut)) return;
+  const TParsedRuleFile yaml = ParseFile(text, file);
+  TRuleCache::Encode(yaml, AOut.Encoded);
+  CompileDocuments(yaml, file, AOut);
+  EncodeVerdicts(AOut);
+}
+
+void TRuleSet::Resolve(const TLogMapping& AMapping, TParsedFile& AParsed) const {
+  for (TCompiledRule& compiled : AParsed.Rules) {
+    if (!compiled.Rule) continue;
+    const TSigmaRule& rule = *compiled.Rule;
+    compiled.Filtered = rule.Level < FFilter.MinLevel ||
+                        (!FFilter.Statuses.empty() &&
+                         std::find(FFilter.Statuses.begin(), FFilter.Statuses.end(), rule.Status) == FFilter.Statuses.end());
+    if (!compiled.Filtered)
+      compiled.Variants = AMapping.Resolve(rule.Product, rule.Category, rule.Service, compiled.Reason);
+  }
+}
+
 void TRuleSet::LoadText(const std::string& AText, const std::string& AFile) {
   TParsedFile parsed;
   Read(AText, AFile, parsed);
-  Compile(parsed, AFile);
+  Resolve(Mapping(), parsed);
+  Compile(parsed, AFile, nullptr);
 }
 
 TParsedRuleFile TRuleSet::ParseFile(const std::string& AText, const std::string& AFile) {
@@ -150,13 +225,15 @@ void TRuleSet::Read(const std::string& AText, const std::string& AFile, TParsedF
   CompileDocuments(ParseFile(AText, AFile), AFile, AParsed);
 }
 
-bool TRuleSet::FromCache(const TCachedRuleFile& AFound, const std::string& AFile, TParsedFile& AParsed) {
+bool TRuleSet::FromCache(const TRuleCache& ACache, const TCachedRuleFile& AFound, const std::string& AFile,
+                         TParsedFile& AParsed) {
   AParsed.Rules.clear();
   AParsed.Error.clear();
-  if (!AFound.Parsed.empty() && AFound.Parsed[0] == 1) {
+  if (AFound.Failed) {
     // The file is not YAML: its entry holds only the error.
     TParsedRuleFile yaml;
-    if (!TRuleCache::Decode(AFound.Parsed, yaml)) return false;
+    std::string bytes;
+    if (!ACache.ReadParsed(AFound, bytes) || !TRuleCache::Decode(bytes, yaml) || !yaml.Failed) return false;
     CompileDocuments(yaml, AFile, AParsed);
   } else {
     std::vector<TRuleVerdict> verdicts;
@@ -170,7 +247,7 @@ bool TRuleSet::FromCache(const TCachedRuleFile& AFound, const std::string& AFile
       compiled.Deferred = compiled.Rule != nullptr;
     }
   }
-  AParsed.Parsed = AFound.Parsed;
+  AParsed.Found = AFound;
   AParsed.Cached = true;
   return true;
 }
@@ -207,7 +284,7 @@ void TRuleSet::CompileDocuments(const TParsedRuleFile& AYaml, const std::string&
   }
 }
 
-void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
+void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache) {
   if (!AParsed.Error.empty()) {
     FUnusable.push_back({AFile, {}, AParsed.Error});
     return;
@@ -218,16 +295,13 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
       continue;
     }
     std::unique_ptr<TSigmaRule> rule = std::move(compiled.Rule);
-    if (rule->Level < FFilter.MinLevel ||
-        (!FFilter.Statuses.empty() &&
-         std::find(FFilter.Statuses.begin(), FFilter.Statuses.end(), rule->Status) == FFilter.Statuses.end())) {
+    if (compiled.Filtered) {
       ++FFilteredOut;
       continue;
     }
-    std::string reason;
-    const std::vector<TLogSourceVariant> variants = FMapping.Resolve(rule->Product, rule->Category, rule->Service, reason);
+    const std::vector<TLogSourceVariant>& variants = compiled.Variants;
     if (variants.empty()) {
-      FUnusable.push_back({AFile, rule->Title, AFile + ": " + reason});
+      FUnusable.push_back({AFile, rule->Title, AFile + ": " + compiled.Reason});
       continue;
     }
     const size_t before = FBindings.size();
@@ -237,7 +311,7 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile) {
       FUnusable.push_back({AFile, rule->Title, AFile + ": the event IDs its condition needs are not those of its log source"});
       continue;
     }
-    if (compiled.Deferred) FDeferred.push_back({rule.get(), AParsed.Parsed, compiled.Document, 0});
+    if (compiled.Deferred) FDeferred.push_back({rule.get(), ACache, AParsed.Found, compiled.Document, 0});
     FRules.push_back(std::move(rule));
   }
 }
@@ -288,7 +362,16 @@ bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
   deferred.State = 2;
   TSigmaRule& rule = *deferred.Rule;
   TParsedRuleFile parsed;
-  if (TRuleCache::Decode(deferred.Parsed, parsed) && !parsed.Failed && deferred.Document < parsed.Documents.size()) {
+  std::string bytes;
+  if (!deferred.Cache || !deferred.Cache->ReadParsed(deferred.Found, bytes) || !TRuleCache::Decode(bytes, parsed)) {
+    // The cache's parsed form is damaged or gone: the rule file is read again (and
+    // compiling it must still give what the cache says).
+    std::ifstream in(rule.File, std::ios::binary);
+    std::ostringstream stream;
+    stream << in.rdbuf();
+    parsed = in ? ParseFile(std::move(stream).str(), rule.File) : TParsedRuleFile{true, "cannot be read", {}};
+  }
+  if (!parsed.Failed && deferred.Document < parsed.Documents.size()) {
     try {
       std::unique_ptr<TSigmaRule> compiled = CompileSigmaRule(parsed.Documents[deferred.Document], rule.File);
       // What loading used must be what compiling gives now.

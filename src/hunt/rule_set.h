@@ -25,8 +25,10 @@
 #include "hunt/rule_binding.h"
 #include "hunt/sigma_match.h"
 #include "hunt/sigma_rule.h"
+#include "platform/file_stamp.h"
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -63,7 +65,11 @@ struct TBindingList {
 
 class TRuleSet {
 public:
-  explicit TRuleSet(const TLogMapping& AMapping = TLogMapping::Windows(), TRuleFilter AFilter = {});
+  // The Windows mapping (log_mapping.h), read when first needed: a load reads it on a
+  // thread of its own while it lists the rule files.
+  TRuleSet() = default;
+  explicit TRuleSet(TRuleFilter AFilter) : FFilter(std::move(AFilter)) {}
+  explicit TRuleSet(const TLogMapping& AMapping, TRuleFilter AFilter = {});
   TRuleSet(const TRuleSet&) = delete;
   TRuleSet& operator=(const TRuleSet&) = delete;
 
@@ -115,6 +121,11 @@ private:
     std::string Title, Error;
     uint32_t Document = 0; // among the file's documents
     bool Deferred = false; // Rule is the cache's header: its detection is compiled when needed
+    // What Resolve found: the rule is left out by the filter, or where its log source's
+    // events are (none: Reason says why).
+    bool Filtered = false;
+    std::vector<TLogSourceVariant> Variants;
+    std::string Reason;
   };
   struct TParsedFile {
     std::vector<TCompiledRule> Rules;
@@ -122,12 +133,13 @@ private:
     TRuleFileKey Key;    // with a cache: the file's version
     bool Cached = false; // found in the cache (with its verdicts)
     std::string Encoded, Verdicts; // not found: its cache entry
-    std::string_view Parsed;       // found: its parsed form in the cache
+    TCachedRuleFile Found;         // found: its entry
   };
   // A rule taken from the cache, bound, and compiled when first needed.
   struct TDeferredRule {
     TSigmaRule* Rule = nullptr;
-    std::string_view Parsed; // its file's parsed form, in the cache
+    const TRuleCache* Cache = nullptr; // holds its file's parsed form
+    TCachedRuleFile Found;
     uint32_t Document = 0;
     uint8_t State = 0; // 0 not compiled yet, 1 compiled, 2 could not be compiled
   };
@@ -135,14 +147,22 @@ private:
   static void CompileDocuments(const TParsedRuleFile& AYaml, const std::string& AFile, TParsedFile& AParsed);
   static void Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed);
   // The rules of a file found in the cache with its verdicts; false when they do not read.
-  static bool FromCache(const TCachedRuleFile& AFound, const std::string& AFile, TParsedFile& AParsed);
+  static bool FromCache(const TRuleCache& ACache, const TCachedRuleFile& AFound, const std::string& AFile,
+                        TParsedFile& AParsed);
+  const TLogMapping& Mapping();
   static void EncodeVerdicts(TParsedFile& AParsed);
-  void Compile(TParsedFile& AParsed, const std::string& AFile);
+  // Reads (or finds in ACache) one rule file listed at APlace, and compiles its rules.
+  // On any thread.
+  static void ReadOne(const TStampedFile& AFile, size_t APlace, const TRuleCache* ACache, int64_t ASettled,
+                      ptrdiff_t& AShift, TParsedFile& AOut);
+  // Filters the rules of a file read and resolves their log sources. On any thread.
+  void Resolve(const TLogMapping& AMapping, TParsedFile& AParsed) const;
+  void Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred);
   void PrepareList(const TBindingList& AList) const; // under FPrepareMutex
   bool CompileDeferred(uint32_t AIndex) const;       // under FPrepareMutex
 
-  const TLogMapping& FMapping;
+  const TLogMapping* FMapping = nullptr; // null: the Windows mapping, not read yet
   TRuleFilter FFilter;
   TFieldNames FNames;
   std::vector<std::unique_ptr<TSigmaRule>> FRules;

@@ -2,6 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
@@ -56,9 +60,10 @@ bool ReadFileStamp(const std::string& APath, TFileStamp& AStamp) {
 }
 
 bool ListStampedFiles(const std::string& AFolder, const std::vector<std::string_view>& AExtensions,
-                      std::vector<TStampedFile>& AFiles, std::string& AError) {
+                      std::vector<TStampedFile>& AFiles, std::string& AError, unsigned AThreads) {
   AFiles.clear();
 #ifdef _WIN32
+  (void)AThreads;
   std::error_code error;
   fs::recursive_directory_iterator it(AFolder, fs::directory_options::skip_permission_denied, error);
   if (error) {
@@ -71,17 +76,22 @@ bool ListStampedFiles(const std::string& AFolder, const std::vector<std::string_
       AFiles.push_back({it->path().string(), {}, false});
   }
 #else
-  // Folders still to read (one open at a time: a deep tree cannot run out of handles).
-  std::vector<fs::path> folders{fs::path(AFolder)};
-  for (size_t next = 0; next < folders.size(); ++next) {
-    const fs::path folder = folders[next];
-    DIR* dir = ::opendir(folder.c_str());
+  // Folders still to read, shared by the threads (each has one folder open at a time,
+  // so a deep tree cannot run out of handles).
+  std::mutex lock;
+  std::condition_variable more;
+  std::deque<fs::path> folders;
+  size_t busy = 0; // threads reading a folder (which may add more)
+  bool failed = false;
+  auto readFolder = [&](const fs::path& AFolderPath, bool ATop, std::vector<TStampedFile>& AOut,
+                        std::vector<fs::path>& ASubfolders) {
+    DIR* dir = ::opendir(AFolderPath.c_str());
     if (!dir) {
-      if (next == 0 && errno != EACCES) { // (a folder one may not read gives no files)
+      if (ATop && errno != EACCES) { // (a folder one may not read gives no files)
         AError = std::strerror(errno);
-        return false;
+        failed = true;
       }
-      continue; // a folder that cannot be read is passed over
+      return; // a folder that cannot be read is passed over
     }
     const int fd = ::dirfd(dir);
     while (const struct dirent* entry = ::readdir(dir)) {
@@ -94,19 +104,52 @@ bool ListStampedFiles(const std::string& AFolder, const std::vector<std::string_
         type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISLNK(st.st_mode) ? DT_LNK : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
       }
       if (type == DT_DIR) {
-        folders.push_back(folder / name);
+        ASubfolders.push_back(AFolderPath / name);
         continue;
       }
       if ((type != DT_REG && type != DT_LNK) || !HasExtension(name, AExtensions)) continue;
       // Followed: a link to a regular file is one.
       if (::fstatat(fd, entry->d_name, &st, 0) != 0 || !S_ISREG(st.st_mode)) continue;
-      TStampedFile& file = AFiles.emplace_back();
-      file.Path = (folder / name).string();
+      TStampedFile& file = AOut.emplace_back();
+      file.Path = (AFolderPath / name).string();
       StampOf(st, file.Stamp);
       file.Stamped = true;
     }
     ::closedir(dir);
+  };
+  auto work = [&](std::vector<TStampedFile>& AOut) {
+    std::vector<fs::path> subfolders;
+    std::unique_lock<std::mutex> held(lock);
+    for (;;) {
+      more.wait(held, [&] { return !folders.empty() || busy == 0; });
+      if (folders.empty()) return; // none left, and none being read
+      const fs::path folder = std::move(folders.front());
+      folders.pop_front();
+      ++busy;
+      held.unlock();
+      subfolders.clear();
+      readFolder(folder, false, AOut, subfolders);
+      held.lock();
+      --busy;
+      for (fs::path& sub : subfolders) folders.push_back(std::move(sub));
+      more.notify_all();
+    }
+  };
+  // The top folder first (it alone gives an error), then its subfolders on AThreads.
+  std::vector<fs::path> subfolders;
+  readFolder(fs::path(AFolder), true, AFiles, subfolders);
+  if (failed) return false;
+  folders.assign(std::make_move_iterator(subfolders.begin()), std::make_move_iterator(subfolders.end()));
+  std::vector<std::vector<TStampedFile>> found(std::clamp(AThreads, 1u, 16u));
+  {
+    std::vector<std::thread> pool;
+    if (folders.size() > 1)
+      for (size_t t = 1; t < found.size(); ++t) pool.emplace_back(work, std::ref(found[t]));
+    work(found[0]);
+    for (std::thread& thread : pool) thread.join();
   }
+  for (std::vector<TStampedFile>& part : found)
+    AFiles.insert(AFiles.end(), std::make_move_iterator(part.begin()), std::make_move_iterator(part.end()));
 #endif
   std::sort(AFiles.begin(), AFiles.end(), [](const TStampedFile& A, const TStampedFile& B) { return A.Path < B.Path; });
   return true;

@@ -38,9 +38,10 @@ struct TStampedFile {
 // names below it. Symbolic links to files count as files, links to folders are not
 // followed, and folders that cannot be read are passed over. Each file's stamp is read
 // relative to its folder (POSIX: fstatat), so its path is not walked again per file
-// (cheaper than stamping the paths on several threads). False, with AError, when
-// AFolder itself cannot be read.
+// (cheaper than stamping the paths on several threads); with AThreads above 1, the
+// folders below AFolder are read by that many threads (the caller's among them). False,
+// with AError, when AFolder itself cannot be read.
 bool ListStampedFiles(const std::string& AFolder, const std::vector<std::string_view>& AExtensions,
-                      std::vector<TStampedFile>& AFiles, std::string& AError);
+                      std::vector<TStampedFile>& AFiles, std::string& AError, unsigned AThreads = 1);
 
 } // namespace qvx

@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qvx {
 namespace {
@@ -152,6 +154,45 @@ TEST_F(HuntByChunk, SigmaRulesSameAsByEvent) {
     if (fs::file_size(sample) < 4 * 1024 * 1024 && FOptions.Inputs.size() < 40)
       FOptions.Inputs.push_back(sample.string());
   ExpectSameByChunk(FOptions, "Sigma rules");
+}
+
+// The rules load while the inputs are opened and read: a load that fails is all the run
+// says (nothing an input said meanwhile, no detection), however the events are read.
+TEST_F(HuntByChunk, AFailedRuleLoadIsAllTheRunSays) {
+  const fs::path unusable = FDir / "unusable";
+  fs::create_directories(unusable);
+  std::ofstream(unusable / "linux.yml") << "title: Not Windows\nlogsource: {product: linux}\n"
+                                           "detection:\n  a: {b: c}\n  condition: a\n";
+  const std::string missingRules = (FDir / "no-rules").string();
+  const std::string missingLog = (FDir / "absent.evtx").string();
+  FOptions.Inputs = {missingLog, (FDir / "damaged.evtx").string(), (FDir / "many.evtx").string()};
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{missingRules}, "quorvex: " + missingRules + ": no such rule file or folder\n"},
+      {{(FDir / "rules").string(), missingRules}, "quorvex: " + missingRules + ": no such rule file or folder\n"},
+      {{unusable.string()}, "1 rule could not be used:\n  " + (unusable / "linux.yml").string() +
+                                ": the log source product 'linux' is not windows\nquorvex: no rule to hunt with\n"},
+  };
+  for (const auto& [rules, said] : cases)
+    for (const bool byChunk : {false, true})
+      for (const unsigned threads : {0u, 1u, 3u}) {
+        app::THuntOptions options = FOptions;
+        options.Rules = rules;
+        const THuntOutput run = Hunt(options, byChunk, threads);
+        EXPECT_EQ(run.Status, 1);
+        EXPECT_EQ(run.Out, "");
+        EXPECT_EQ(run.Err, said) << rules[0] << ", threads " << threads;
+      }
+  // With usable rules, what the inputs said while the rules loaded comes first, in order.
+  for (const unsigned threads : {0u, 1u, 3u}) {
+    const THuntOutput run = Hunt(FOptions, true, threads);
+    EXPECT_EQ(run.Status, 1);
+    EXPECT_EQ(run.Err.rfind("quorvex: " + missingLog + ": reading stopped", 0), 0u) << run.Err;
+    const size_t problems = run.Err.find((FDir / "damaged.evtx").string() + ": ");
+    const size_t summary = run.Err.find("hunt: ");
+    EXPECT_NE(problems, std::string::npos) << run.Err;
+    EXPECT_LT(problems, summary) << run.Err;
+    EXPECT_NE(run.Out, "");
+  }
 }
 
 } // namespace

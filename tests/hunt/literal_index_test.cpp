@@ -115,6 +115,32 @@ TEST(HuntLiteralIndex, AnswersAsSearchingWould) {
   EXPECT_GT(CompareOver(rules, path), 100u);
 }
 
+// When every literal of a field is 7 bytes or longer, a value is tested for their heads
+// only at every fourth place: a literal is still found at any place, at either end, or as
+// the whole value, and a near miss is not.
+TEST(HuntLiteralIndex, HeadsTestedEveryFewPlacesFindLiteralsAnywhere) {
+  TRuleSet rules;
+  rules.LoadText(RuleText("  sel:\n    CommandLine|contains:\n      - 'mimikatz'\n      - 'sekurlsa'\n"
+                          "  condition: sel\n"),
+                 "a.yml");
+  rules.LoadText(RuleText("  sel:\n    CommandLine|endswith: 'lsadump::sam'\n  condition: sel\n"), "b.yml");
+  rules.LoadText(RuleText("  sel:\n    CommandLine|startswith: 'Invoke-Mimi'\n  condition: sel\n"), "c.yml");
+  rules.LoadText(RuleText("  sel:\n    CommandLine: 'procdump64'\n  condition: sel\n"), "d.yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  const char* const found[] = {"mimikatz", "SEKURLSA", "lsadump::sam", "Invoke-Mimi", "procdump64", "mimikaty",
+                               "ekurlsa", "lsadump::sa", "nvoke-Mimi", "procdump6"};
+  TEvtxFileWriter writer;
+  for (const char* literal : found)
+    for (size_t before = 0; before < 9; ++before)
+      for (size_t after : {0u, 1u, 3u, 6u}) {
+        const std::string line = std::string(before, 'x') + literal + std::string(after, 'y');
+        writer.AddEvent(ProcessEvent("C:\\x.exe", line));
+      }
+  const std::string path = WriteTempFile("literal_heads.evtx", writer.Bytes());
+  // Each literal once at every place (and the near misses never).
+  EXPECT_EQ(CompareOver(rules, path), size_t{2 * 9 * 4 + 9 + 4 + 1});
+}
+
 TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {
   if (SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
   TRuleSet rules;

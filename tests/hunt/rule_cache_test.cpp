@@ -53,6 +53,12 @@ std::string LogFile() {
   return WriteTempFile("cache.evtx", writer.Bytes());
 }
 
+TFileStamp ReadStamp(const fs::path& APath) {
+  TFileStamp stamp;
+  EXPECT_TRUE(ReadFileStamp(APath.string(), stamp)) << APath;
+  return stamp;
+}
+
 struct TLoaded {
   std::vector<std::string> Reasons;
   std::vector<std::string> Titles;
@@ -199,6 +205,14 @@ TEST(RuleCache, AChangedRuleFileIsParsedAgain) {
   EXPECT_EQ(again.Hits, 3u);
   ExpectSame(Load(rules, "", log), again);
   EXPECT_EQ(Load(rules, cache, log).Hits, 4u);
+
+  // A file added before the others moves every entry's place: each is still found.
+  WriteText(rules / "0.yml", RuleText("  sel:\n    Image|contains: 'zz'\n  condition: sel\n"));
+  const TLoaded first = Load(rules, cache, log);
+  EXPECT_EQ(first.Misses, 1u);
+  EXPECT_EQ(first.Hits, 4u);
+  ExpectSame(Load(rules, "", log), first);
+  EXPECT_EQ(Load(rules, cache, log).Hits, 5u);
 }
 
 // A rule file whose stamp is its entry's is taken without being read; a stamp that
@@ -236,6 +250,13 @@ TEST(RuleCache, OnlyAnEntryOfTheSameStampIsTakenUnread) {
     EXPECT_FALSE(cache.FindUnread("/r/a.yml", other, key, back));
   EXPECT_FALSE(cache.FindUnread("/r/b.yml", TFileStamp{100, 5000, 0, 0}, key, back));
   EXPECT_FALSE(cache.FindUnread("/r/c.yml", same, key, back));
+  // The place hinted at is only a guess.
+  for (const size_t hint : {0u, 1u, 2u, 1000u}) {
+    hunt::TCachedRuleFile found;
+    EXPECT_TRUE(cache.FindUnread("/r/a.yml", same, key, found, hint)) << hint;
+    EXPECT_EQ(found.Entry, 0u);
+    EXPECT_FALSE(cache.FindUnread("/r/c.yml", same, key, found, hint)) << hint;
+  }
   // The content hash still finds both.
   EXPECT_TRUE(cache.Find(stamped, back));
   EXPECT_TRUE(cache.Find(bare, back));
@@ -281,12 +302,13 @@ TEST(RuleCache, ADamagedCacheIsIgnoredWhole) {
     std::string Bytes, Note;
   };
   std::string flipped = good;
-  flipped[good.size() / 2] ^= 0x20;
+  flipped[40] ^= 0x20; // in the index
   std::string magic = good;
   magic[0] = 'X';
   const std::vector<TCase> cases = {
       {flipped, "offset 12: damaged (size or hash does not match), ignored"},
       {good.substr(0, good.size() - 3), "offset 12: damaged (size or hash does not match), ignored"},
+      {good + "x", "offset 12: damaged (size or hash does not match), ignored"},
       {good.substr(0, 10), "not a rule cache of a sensible size, ignored"},
       {magic, "offset 0: not a rule cache, ignored"},
   };
@@ -300,6 +322,45 @@ TEST(RuleCache, ADamagedCacheIsIgnoredWhole) {
     // ... and is written anew.
     EXPECT_EQ(Load(rules, cache, log).Hits, 4u);
   }
+}
+
+// A parsed form is read (and its hash checked) only when its rule is compiled: a damaged
+// one is not noticed at load, and the rule file is read in its place, with the same
+// detections.
+TEST(RuleCache, ADamagedParsedFormIsReadFromTheRuleFile) {
+  const fs::path scratch = ScratchDir();
+  const fs::path rules = RuleFolder(scratch);
+  const std::string cache = (scratch / "cache").string();
+  const std::string log = LogFile();
+  const TLoaded plain = Load(rules, "", log);
+  Load(rules, cache, log);
+  const std::string file = TRuleCache::FileFor(cache, rules.string());
+  std::string bytes = ReadText(file);
+  // The last parsed form is sub/b.yml's (entries are in path order): its last node's text.
+  ASSERT_EQ(bytes.substr(bytes.size() - 3), "sel");
+  bytes[bytes.size() - 1] = 'x';
+  WriteText(file, bytes);
+  const TLoaded damaged = Load(rules, cache, log);
+  EXPECT_EQ(damaged.Hits, 4u);
+  EXPECT_TRUE(damaged.Notes.empty());
+  ExpectSame(plain, damaged);
+
+  // The cache itself finds the entry, and refuses its parsed form.
+  TRuleCache direct(file);
+  direct.Load();
+  hunt::TCachedRuleFile found;
+  // (Files this new are found by their content: their stamps are not trusted yet.)
+  auto keyOf = [](const fs::path& APath) {
+    const std::string text = ReadText(APath);
+    return hunt::TRuleFileKey{APath.string(), text.size(), ReadStamp(APath).ChangeTime, hunt::HashBytes(text)};
+  };
+  ASSERT_TRUE(direct.Find(keyOf(rules / "sub" / "b.yml"), found));
+  std::string parsed;
+  EXPECT_FALSE(direct.ReadParsed(found, parsed));
+  ASSERT_TRUE(direct.Find(keyOf(rules / "a.yml"), found));
+  EXPECT_TRUE(direct.ReadParsed(found, parsed));
+  TParsedRuleFile tree;
+  EXPECT_TRUE(TRuleCache::Decode(parsed, tree));
 }
 
 TEST(RuleCache, EntriesThatDoNotReadBackAreRefused) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 
@@ -51,6 +52,44 @@ TEST(ListStampedFiles, FindsFilesByExtensionSortedWithTheirStamps) {
       EXPECT_EQ(file.Stamp, stamp) << file.Path;
     }
   }
+}
+
+// Folders read by several threads give the same list as one thread: a wide and deep
+// tree (folders added while others are read, some empty, one unreadable when not root).
+TEST(ListStampedFiles, SeveralThreadsListTheSameFiles) {
+  const fs::path dir = ScratchDir() / "many";
+  std::vector<std::string> expected;
+  for (int a = 0; a < 12; ++a)
+    for (int b = 0; b < 6; ++b) {
+      const fs::path folder = dir / ("f" + std::to_string(a)) / ("g" + std::to_string(b)) / (b % 2 ? "deep" : "");
+      fs::create_directories(folder);
+      for (int c = 0; c < a % 4; ++c) {
+        const fs::path file = folder / ("r" + std::to_string(c) + ".yml");
+        WriteText(file, std::string(static_cast<size_t>(c + 1), 'x'));
+        expected.push_back(file.string());
+      }
+      WriteText(folder / "skip.txt", "not a rule");
+    }
+  fs::create_directories(dir / "empty" / "deeper" / "deepest");
+  std::sort(expected.begin(), expected.end());
+  for (const unsigned threads : {1u, 2u, 3u, 8u}) {
+    std::vector<TStampedFile> files;
+    std::string why;
+    ASSERT_TRUE(ListStampedFiles(dir.string(), {".yml"}, files, why, threads)) << why;
+    std::vector<std::string> paths;
+    for (const TStampedFile& file : files) {
+      paths.push_back(file.Path);
+      TFileStamp stamp;
+      ASSERT_TRUE(ReadFileStamp(file.Path, stamp));
+      EXPECT_EQ(file.Stamp, stamp) << file.Path;
+    }
+    EXPECT_EQ(paths, expected) << threads << " threads";
+  }
+  // An unreadable top folder is still an error with several threads.
+  std::vector<TStampedFile> files;
+  std::string why;
+  EXPECT_FALSE(ListStampedFiles((dir / "absent").string(), {".yml"}, files, why, 2));
+  EXPECT_FALSE(why.empty());
 }
 
 TEST(ListStampedFiles, AMissingFolderIsAnError) {
