@@ -40,19 +40,25 @@ bool TEventWriter::Finish() {
 
 namespace {
 
-// The digits are written from the end of a small buffer and appended in one call.
-void AppendDigits(std::string& AOut, unsigned AValue, int AWidth) {
-  char buf[24];
+// Writes AValue's digits, zero-padded to AWidth (at most 12), at ADest; returns the end.
+char* PutDigits(char* ADest, unsigned AValue, int AWidth) {
+  char buf[12];
   char* end = buf + sizeof buf;
   char* p = end;
-  int n = 0;
   do {
     *--p = static_cast<char>('0' + AValue % 10);
     AValue /= 10;
-  } while (AValue && ++n < 11);
+  } while (AValue);
   const int width = AWidth < 12 ? AWidth : 12;
   while (end - p < width) *--p = '0';
-  AOut.append(p, static_cast<size_t>(end - p));
+  while (p < end) *ADest++ = *p++;
+  return ADest;
+}
+
+// The digits are made in a small buffer and appended in one call.
+void AppendDigits(std::string& AOut, unsigned AValue, int AWidth) {
+  char buf[12];
+  AOut.append(buf, static_cast<size_t>(PutDigits(buf, AValue, AWidth) - buf));
 }
 
 void AppendUnsigned(std::string& AOut, uint64_t AValue) {
@@ -359,19 +365,7 @@ void AppendDayCountText(std::string& AOut, double ADays, char ASeparator) {
   // Made in a buffer and appended at once (as AppendDigits makes each number).
   char text[96];
   char* d = text;
-  auto put = [&d](unsigned AValue, int AWidth) {
-    char buf[24];
-    char* end = buf + sizeof buf;
-    char* p = end;
-    int n = 0;
-    do {
-      *--p = static_cast<char>('0' + AValue % 10);
-      AValue /= 10;
-    } while (AValue && ++n < 11);
-    const int width = AWidth < 12 ? AWidth : 12;
-    while (end - p < width) *--p = '0';
-    while (p < end) *d++ = *p++;
-  };
+  auto put = [&d](unsigned AValue, int AWidth) { d = PutDigits(d, AValue, AWidth); };
   put(t.wYear, 4);
   *d++ = '-';
   put(t.wMonth, 2);
