@@ -152,7 +152,7 @@ void TEventFields::Load(std::string_view AXml) {
 }
 
 void TEventFields::Load(const TNamedValues& AValues) {
-  Begin(AValues.Text().size());
+  Begin(AValues.Bytes()); // (the fold buffer must hold every value: views point into it)
   if (FKnownNames != FNames.Count()) {
     FKnown.clear();
     FKnownNames = FNames.Count();

@@ -47,6 +47,30 @@ TEST(HuntEventFields, SystemEventDataAndUserDataNames) {
   EXPECT_TRUE(ValuesOf(fields, image).empty());
 }
 
+// Pairs whose values lie outside their text (the System fields a chunk holds): every
+// lower-case form made stays where it was made, the fold buffer having room for them all.
+TEST(HuntEventFields, ViewedPairsLowerInPlace) {
+  TFieldNames names;
+  const uint32_t computer = names.Intern("Computer"), image = names.Intern("Image");
+  TEventFields fields(names);
+  const std::string big(4000, 'A'), other(3000, 'B');
+  TNamedValues values;
+  values.AddView(nfText, "Computer", "", TNamedValues::kNoNameId, big);
+  values.Begin(nfText, "Image", "");
+  values.Text().append("C:\\X.EXE");
+  values.End();
+  values.AddView(nfText, "Computer", "", TNamedValues::kNoNameId, other);
+  fields.Load(values);
+  ASSERT_EQ(ValuesOf(fields, computer), (std::vector<std::string>{big, other}));
+  EXPECT_EQ(ValuesOf(fields, image), std::vector<std::string>{"C:\\X.EXE"});
+  const int first = fields.First(computer);
+  const std::string_view lowerFirst = fields.Lower(first);
+  EXPECT_EQ(fields.Lower(fields.First(image)), "c:\\x.exe");
+  EXPECT_EQ(fields.Lower(fields.Value(first).Next), std::string(3000, 'b'));
+  EXPECT_EQ(fields.Lower(first).data(), lowerFirst.data()); // not moved by the later ones
+  EXPECT_EQ(lowerFirst, std::string(4000, 'a'));
+}
+
 TEST(HuntEventFields, MalformedTextNeverRaises) {
   TFieldNames names;
   names.Intern("A");
