@@ -226,6 +226,11 @@ TEST(RecordFields, UserDataReadsTheSame) {
     w.Substitution(0, EvtxType::String, true);
     w.Attribute("Fixed");
     w.Text("a&b");
+    // Optional attributes of values that are not strings: a number, and bytes (empty: left out).
+    w.Attribute("Num");
+    w.Substitution(5, EvtxType::UInt32, true);
+    w.Attribute("Bytes");
+    w.Substitution(6, EvtxType::Binary, true);
     w.CloseStartElement();
     w.SubstitutionElement("SubjectUserName", 1, EvtxType::String);
     w.SubstitutionElement("Count", 2, EvtxType::UInt32, true);
@@ -241,11 +246,11 @@ TEST(RecordFields, UserDataReadsTheSame) {
   std::vector<TEvtxEventDraft> events;
   const std::vector<std::vector<TEvtxValue>> values = {
       {TEvtxValue::String("k"), TEvtxValue::String("alice"), TEvtxValue::UInt32(3), TEvtxValue::String("i1"),
-       TEvtxValue::String("tail")},
+       TEvtxValue::String("tail"), TEvtxValue::UInt32(77), TEvtxValue::Binary(std::vector<uint8_t>{0xAB, 0x01})},
       {TEvtxValue::String(""), TEvtxValue::String("  "), TEvtxValue::Null(), TEvtxValue::String(""),
-       TEvtxValue::String("")},
+       TEvtxValue::String(""), TEvtxValue::Null(), TEvtxValue::Binary(std::vector<uint8_t>{})},
       {TEvtxValue::Null(), TEvtxValue::String("x<y"), TEvtxValue::UInt32(0), TEvtxValue::String("\t"),
-       TEvtxValue::String(" ")},
+       TEvtxValue::String(" "), TEvtxValue::UInt32(0), TEvtxValue::Null()},
   };
   uint64_t i = 1;
   for (const auto& v : values) {
