@@ -895,24 +895,13 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       }
     }
     if (source.OptionalAttribute) {
-      // An empty optional value leaves its attribute out.
-      const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
-      if (v.Type >= 0x03 && v.Type <= 0x15) {
-        // A number, time, identifier or hexadecimal: its text has neither entities nor
-        // control characters, so it goes where it belongs at once (AppendValue).
-        AOut.Begin(source.Kind, name, attr, source.NameId);
-        const size_t at = AOut.Text().size();
-        AppendValue(AValues, v, AOut.Text());
-        if (AOut.Text().size() == at) AOut.Drop();
-        else AOut.End();
-        continue;
-      }
-      std::string& value = AValues.Scratch;
-      RenderValue(AValues, AValues.Value(pieces[0].Ref), value);
-      if (value.empty()) continue;
+      // An empty optional value leaves its attribute out. AppendValue gives the value's
+      // XML text decoded, which is empty exactly when that text is: made in place.
       AOut.Begin(source.Kind, name, attr, source.NameId);
-      AppendXmlUnescaped(AOut.Text(), value);
-      AOut.End();
+      const size_t at = AOut.Text().size();
+      AppendValue(AValues, AValues.Value(pieces[0].Ref), AOut.Text());
+      if (AOut.Text().size() == at) AOut.Drop();
+      else AOut.End();
       continue;
     }
     AOut.Begin(source.Kind, name, attr, source.NameId);

@@ -251,6 +251,11 @@ TEST(RecordFields, UserDataReadsTheSame) {
        TEvtxValue::String(""), TEvtxValue::Null(), TEvtxValue::Binary(std::vector<uint8_t>{})},
       {TEvtxValue::Null(), TEvtxValue::String("x<y"), TEvtxValue::UInt32(0), TEvtxValue::String("\t"),
        TEvtxValue::String(" "), TEvtxValue::UInt32(0), TEvtxValue::Null()},
+      // An optional string of NULs only, and one of controls and entities.
+      {TEvtxValue(0x01, {0, 0, 0, 0}), TEvtxValue::String("b"), TEvtxValue::UInt32(1), TEvtxValue::String("i"),
+       TEvtxValue::String("t"), TEvtxValue::UInt32(2), TEvtxValue::Binary(std::vector<uint8_t>{0})},
+      {TEvtxValue::String(std::string("\x01<&>\"'")), TEvtxValue::String("c"), TEvtxValue::UInt32(1),
+       TEvtxValue::String("i"), TEvtxValue::String("t"), TEvtxValue::UInt32(2), TEvtxValue::Null()},
   };
   uint64_t i = 1;
   for (const auto& v : values) {
