@@ -63,12 +63,14 @@ TEST(HuntEventFields, ViewedPairsLowerInPlace) {
   fields.Load(values);
   ASSERT_EQ(ValuesOf(fields, computer), (std::vector<std::string>{big, other}));
   EXPECT_EQ(ValuesOf(fields, image), std::vector<std::string>{"C:\\X.EXE"});
+  // The short copied value first, then the long viewed ones after it.
   const int first = fields.First(computer);
-  const std::string_view lowerFirst = fields.Lower(first);
-  EXPECT_EQ(fields.Lower(fields.First(image)), "c:\\x.exe");
+  const std::string_view lowerImage = fields.Lower(fields.First(image));
+  const void* const imageAt = lowerImage.data();
+  EXPECT_EQ(fields.Lower(first), std::string(4000, 'a'));
   EXPECT_EQ(fields.Lower(fields.Value(first).Next), std::string(3000, 'b'));
-  EXPECT_EQ(fields.Lower(first).data(), lowerFirst.data()); // not moved by the later ones
-  EXPECT_EQ(lowerFirst, std::string(4000, 'a'));
+  ASSERT_EQ(fields.Lower(fields.First(image)).data(), imageAt); // not moved by the later ones
+  EXPECT_EQ(lowerImage, "c:\\x.exe");
 }
 
 TEST(HuntEventFields, MalformedTextNeverRaises) {
