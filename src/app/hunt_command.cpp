@@ -22,6 +22,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <unordered_map>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -195,7 +196,104 @@ void AppendDetectionLine(std::string& AOut, TOutputFormat AFormat, const TDetect
   AOut.append("\r\n");
 }
 
+// AppendDetectionLine for the detections of one event after another, with what the line
+// takes from the rule made once per rule and what it takes from the event once per event:
+// the same text.
+class TDetectionLines {
+public:
+  explicit TDetectionLines(TOutputFormat AFormat) : FFormat(AFormat) {}
+  // The event the next lines are about.
+  void Event(const TEventInfo& AInfo) {
+    FHead.clear();
+    FTail.clear();
+    const std::string record = std::to_string(AInfo.Record), eventId = std::to_string(AInfo.EventId);
+    if (FFormat == TOutputFormat::ofJsonl) {
+      FTail.append(record).append(",\"event_id\":").append(eventId).append(",\"time\":");
+      AppendJsonString(FTail, AInfo.TimeIso);
+      FTail.append(",\"computer\":");
+      AppendJsonString(FTail, AInfo.Computer);
+      FTail.append(",\"channel\":");
+      AppendJsonString(FTail, AInfo.Channel);
+      FTail.append(",\"file\":");
+      AppendJsonString(FTail, *AInfo.File);
+      FTail.append(",\"matched\":{");
+      return;
+    }
+    AppendCsvField(FHead, AInfo.Time);
+    AppendCsvField(FTail, AInfo.Computer);
+    FTail.append(",").append(eventId).append(",").append(record);
+    FTail.push_back(',');
+    AppendCsvField(FTail, AInfo.Channel);
+    FTail.push_back(',');
+    AppendCsvField(FTail, *AInfo.File);
+    FTail.push_back(',');
+  }
+  // A detection's line (JSON Lines or CSV) about the event given last.
+  void Append(std::string& AOut, const TDetection& ADetection) {
+    AOut.append(FHead).append(RulePart(*ADetection.Rule)).append(FTail);
+    if (FFormat == TOutputFormat::ofJsonl) {
+      AppendMatchedJson(AOut, ADetection);
+      AOut.append("}}\n");
+      return;
+    }
+    MatchedShort(ADetection, FCell);
+    AppendCsvField(AOut, FCell);
+    AOut.append("\r\n");
+  }
+
+private:
+  const std::string& RulePart(const TSigmaRule& ARule) {
+    auto [at, added] = FRules.try_emplace(&ARule);
+    if (!added) return at->second;
+    std::string& text = at->second;
+    if (FFormat == TOutputFormat::ofJsonl) {
+      text.append("{\"rule_id\":");
+      AppendJsonString(text, ARule.Id);
+      text.append(",\"rule_title\":");
+      AppendJsonString(text, ARule.Title);
+      text.append(",\"rule_author\":");
+      AppendJsonString(text, ARule.Author);
+      text.append(",\"level\":");
+      AppendJsonString(text, LevelName(ARule.Level));
+      text.append(",\"status\":");
+      AppendJsonString(text, ARule.Status);
+      text.append(",\"tags\":[");
+      for (size_t i = 0; i < ARule.Tags.size(); ++i) {
+        if (i) text.push_back(',');
+        AppendJsonString(text, ARule.Tags[i]);
+      }
+      text.append("],\"record\":");
+      return text;
+    }
+    text.push_back(',');
+    AppendCsvField(text, LevelName(ARule.Level));
+    for (const std::string* field : {&ARule.Title, &ARule.Author, &ARule.Id}) {
+      text.push_back(',');
+      AppendCsvField(text, *field);
+    }
+    text.push_back(',');
+    return text;
+  }
+
+  TOutputFormat FFormat;
+  std::unordered_map<const TSigmaRule*, std::string> FRules; // what a line takes from each rule
+  std::string FHead, FTail; // what it takes from the event, before and after the rule's part
+  std::string FCell;
+};
+
 // What a detection line says about the event handed out last by its source.
+void FillEventInfo(const TEventRow& ARow, const std::string& APath, TEventInfo& AInfo) {
+  AInfo.Record = ARow.RecordId;
+  AInfo.EventId = ARow.EventId;
+  const TEventLogBase* owner = ARow.Owner;
+  AppendDayCountText(AInfo.Time, owner ? owner->ConvertTime(ARow.TimeGenerated) : ARow.TimeGenerated);
+  AppendDayCountText(AInfo.TimeIso, owner ? owner->ConvertTime(ARow.TimeGenerated) : ARow.TimeGenerated, 'T');
+  AppendOffsetText(AInfo.TimeIso, owner ? owner->ShiftMinutesAt(ARow.TimeGenerated) : 0);
+  AInfo.Computer = ARow.Computer;
+  AInfo.Channel = ARow.Channel;
+  AInfo.File = &APath;
+}
+
 void FillEventInfo(const TEventItemX& AItem, const std::string& APath, TEventInfo& AInfo) {
   AInfo.Record = AItem.FEventRecordID;
   AInfo.EventId = AItem.FEventID;
@@ -653,17 +751,22 @@ private:
         [&](TChunkResult& AResult, unsigned AWorker) {
           TChunkHunter& worker = *FChunkHunters[AWorker];
           TChunkFound found;
-          worker.Source.TakeChunk(AResult, firstChunk + AResult.Sequence, [&](TEventItemX& AItem) {
-            const TNamedValues* named = worker.Source.NamedValues();
-            const auto detections = named ? worker.Hunter.Test(AItem.FChannel, AItem.FEventID, *named)
-                                          : worker.Hunter.Test(AItem.FChannel, AItem.FEventID, AItem.FEvtXML);
+          if (!worker.Lines) worker.Lines = std::make_unique<TDetectionLines>(FOptions.Format);
+          TEventInfo info;
+          worker.Source.TakeChunkNamed(AResult, firstChunk + AResult.Sequence, [&](const TEventRow& ARow,
+                                                                                   const TNamedValues* ANamed,
+                                                                                   std::string_view AXml) {
+            const auto detections = ANamed ? worker.Hunter.Test(ARow.Channel, ARow.EventId, *ANamed)
+                                           : worker.Hunter.Test(ARow.Channel, ARow.EventId, AXml);
             if (detections.empty()) return;
-            TEventInfo info;
-            FillEventInfo(AItem, APath, info);
+            info.Time.clear();
+            info.TimeIso.clear();
+            FillEventInfo(ARow, APath, info);
+            if (!table) worker.Lines->Event(info);
             for (const TDetection& detection : detections) {
               found.Rules.push_back(detection.Rule);
               if (!table) {
-                AppendDetectionLine(found.Text, FOptions.Format, detection, info, worker.Cell);
+                worker.Lines->Append(found.Text, detection);
                 continue;
               }
               TChunkFound::TRow& row = found.Rows.emplace_back();
@@ -818,7 +921,7 @@ private:
     explicit TChunkHunter(const TRuleSet& ARules) : Hunter(ARules) {}
     TEventLogBinXML Source;
     THunter Hunter;
-    std::string Cell;
+    std::unique_ptr<TDetectionLines> Lines; // made for the run's format
   };
   // The detections of a chunk's events, left by the thread that tested them for the writer.
   struct TChunkFound {

@@ -330,6 +330,62 @@ void TEventLogBinXML::TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber
   AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
 }
 
+void TEventLogBinXML::TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumber, const TNamedEach& AEach) {
+  // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
+  if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
+  FIssueList->Clear();
+  std::swap(FChunk, AResult);
+  FChunkIndex = 0;
+  FEventIndex = 0;
+  FChunkXML.clear();
+  AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
+  uint32_t taken = 0;
+  FTakingChunk = true;
+  TEventRow row;
+  row.Owner = this;
+  while (FChunkIndex == 0) {
+    const size_t count = FChunk.RecordFields.size();
+    if (FNamedValues && FChunk.FieldsRead && count > 0 &&
+        FChunk.RecordFields[count - 1 - FEventIndex].Plan != 0xFFFFFFFF) {
+      // As TakeFieldsEvent and BuildItem, reading the fields where they lie.
+      const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
+      if (++FEventIndex >= count) {
+        FEventIndex = 0;
+        ++FChunkIndex;
+      }
+      ++FRecordCounter;
+      FHaveNamed = false;
+      TakeRecordNamedValues(FChunk, span, FNamed, true); // (used before the chunk changes)
+      const std::string* fields = FChunk.Fields.data() + span.First;
+      row.RecordId = static_cast<uint64_t>(TextToInt(fields[rfEventRecordID]));
+      row.EventId = static_cast<uint32_t>(TextToInt(fields[rfEventID]));
+      row.SystemTime = fields[rfTimeCreated];
+      row.TimeGenerated = SystemTimeTextToDays(row.SystemTime);
+      row.Channel = fields[rfChannel];
+      row.Computer = fields[rfComputer];
+      ++taken;
+      AEach(row, &FNamed, {});
+      continue;
+    }
+    FEventWithoutXml = false;
+    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
+    if (FXml.size() == 1 && FXml[0] == '*') continue;
+    BuildItem(FXml, FFields, true);
+    ++taken;
+    row.RecordId = FItem.FEventRecordID;
+    row.EventId = FItem.FEventID;
+    row.SystemTime = FItem.FSystemTime;
+    row.TimeGenerated = FItem.FTimeGenerated;
+    row.Channel = FItem.FChannel;
+    row.Computer = FItem.FComputername;
+    AEach(row, NamedValues(), FItem.FEvtXML);
+  }
+  FTakingChunk = false;
+  std::swap(FChunk, AResult);
+  AResult.Taken = taken;
+  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
+}
+
 void TEventLogBinXML::TakeRowEvent(TEventRow& ARow) {
   // As TakeFieldsEvent and BuildItem, reading the fields where they lie.
   const size_t count = FChunk.RecordFields.size();

@@ -99,6 +99,16 @@ public:
   // the next event), the others as their item. The rows say what the items would.
   void TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber, const std::function<void(const TEventRow&)>& ARow);
 
+  // As TakeChunk, for quorvex hunt (set up with SetNamedValues and SetSystemFieldsOnly):
+  // hands each event to AEach in the same order as a row with only what a hunt reads set
+  // (Owner, RecordId, EventId, SystemTime, Channel, Computer, and TimeGenerated, made
+  // from SystemTime) with its (name, value) pairs, or, when it came with its XML instead
+  // (ANamed null), that XML. An event read by its plan is viewed where the chunk holds
+  // its fields, with no item made; the others are made as TakeChunk makes them. No task
+  // or user name is looked up. What AEach is given is good until it returns.
+  using TNamedEach = std::function<void(const TEventRow& ARow, const TNamedValues* ANamed, std::string_view AXml)>;
+  void TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumber, const TNamedEach& AEach);
+
   // The file structure while open (null when closed). Not to be used from outside
   // while chunks are read ahead.
   TEvtxFile* EvtxFile() const { return FEvtxFile.get(); }

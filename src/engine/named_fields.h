@@ -55,10 +55,12 @@ public:
     // The number InternNamedField gave its kind, name and attribute (kNoNameId: none).
     uint32_t NameId = kNoNameId;
     uint32_t NameAt = 0, NameSize = 0, AttrAt = 0, AttrSize = 0, ValueAt = 0, ValueSize = 0;
+    const char* View = nullptr; // the value's text when it lies outside Text() (AddView)
   };
   void Clear() {
     FText.clear();
     FItems.clear();
+    FViewBytes = 0;
   }
   // Starts an item; its value is appended to Text() until the next Begin. With a name
   // number (InternNamedField of AKind, AName and AAttr) the name is not copied.
@@ -76,12 +78,26 @@ public:
     }
     item.ValueAt = static_cast<uint32_t>(FText.size());
   }
+  // Adds an item whose value is AValue where it lies, not copied: the caller keeps it
+  // unchanged while the pairs are used.
+  void AddView(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr, uint32_t ANameId,
+               std::string_view AValue) {
+    Begin(AKind, AName, AAttr, ANameId);
+    TItem& item = FItems.back();
+    item.View = AValue.data();
+    item.ValueSize = static_cast<uint32_t>(AValue.size());
+    FViewBytes += AValue.size();
+  }
   std::string& Text() { return FText; }
+  // The bytes of all values (those in Text() and those viewed elsewhere), names aside
+  // for items without a number: at least the sum of the values' sizes.
+  size_t Bytes() const { return FText.size() + FViewBytes; }
   const std::string& Text() const { return FText; }
   // Ends the item begun last.
   void End() { FItems.back().ValueSize = static_cast<uint32_t>(FText.size() - FItems.back().ValueAt); }
   // Drops the item begun last (with its text).
   void Drop() {
+    if (FItems.back().View) FViewBytes -= FItems.back().ValueSize;
     FText.resize(FItems.back().NameAt);
     FItems.pop_back();
   }
@@ -96,15 +112,19 @@ public:
     if (AItem.NameId != kNoNameId) return NamedFieldOf(AItem.NameId).Attr;
     return {FText.data() + AItem.AttrAt, AItem.AttrSize};
   }
-  std::string_view Value(const TItem& AItem) const { return {FText.data() + AItem.ValueAt, AItem.ValueSize}; }
+  std::string_view Value(const TItem& AItem) const {
+    return {AItem.View ? AItem.View : FText.data() + AItem.ValueAt, AItem.ValueSize};
+  }
   void Swap(TNamedValues& AOther) {
     FText.swap(AOther.FText);
     FItems.swap(AOther.FItems);
+    std::swap(FViewBytes, AOther.FViewBytes);
   }
 
 private:
   std::string FText;
   std::vector<TItem> FItems;
+  size_t FViewBytes = 0; // the sizes of the viewed values
 };
 
 namespace detail {

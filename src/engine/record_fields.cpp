@@ -513,6 +513,22 @@ inline void RenderValue(const TValueSet& AValues, const TBXmlSubstValue& AValue,
 // Appends a value's text as the readers take it out of the XML: its XML text with
 // control characters replaced, entities decoded. A string goes there at once: escaping
 // and decoding cancel out, and its NULs (which the XML text leaves out) are dropped.
+// Whether any of ASize bytes at AText is below 0x20, eight at a time: a word has such a
+// byte exactly when subtracting 0x20 from each byte borrows into the top bit of one that
+// had it clear.
+inline bool HasControlByte(const char* AText, size_t ASize) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kTops = 0x8080808080808080ull;
+  size_t i = 0;
+  for (; i + 8 <= ASize; i += 8) {
+    uint64_t word;
+    std::memcpy(&word, AText + i, 8);
+    if ((word - kOnes * 0x20) & ~word & kTops) return true;
+  }
+  for (; i < ASize; ++i)
+    if (static_cast<unsigned char>(AText[i]) < 0x20) return true;
+  return false;
+}
+
 void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::string& AOut) {
   const uint8_t* data = AValues.Data + AValue.Offset;
   std::string& text = AValues.Scratch;
@@ -522,9 +538,7 @@ void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::s
     // control characters.
     const size_t at = AOut.size();
     AppendUtf16(AOut, data, AValue.Size / 2);
-    bool special = false;
-    for (size_t i = at; i < AOut.size(); ++i) special |= static_cast<unsigned char>(AOut[i]) < 0x20;
-    if (!special) return;
+    if (!HasControlByte(AOut.data() + at, AOut.size() - at)) return;
     // UTF-8 puts no byte below 0x80 inside a sequence: each one is a character.
     size_t w = at;
     for (size_t i = at; i < AOut.size(); ++i) {
@@ -849,7 +863,8 @@ struct TJoinSink {
 
 // Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
 // system fields, rfProviderName .. rfUserID, made from the same values).
-void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, TNamedValues& AOut) {
+void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, bool AViewSystem,
+                     TNamedValues& AOut) {
   AOut.Clear();
   const char* const text = APlan.NamedText.data();
   for (const TNamedSource& source : APlan.Named) {
@@ -858,6 +873,10 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
     const TNamedPiece* const pieces = APlan.NamedPieces.data() + source.FirstPiece;
     if (source.SystemField >= 0) {
       // The same value's text, made already (AppendSource of the one value).
+      if (AViewSystem) {
+        AOut.AddView(source.Kind, name, attr, source.NameId, ASystem[source.SystemField]);
+        continue;
+      }
       AOut.Begin(source.Kind, name, attr, source.NameId);
       AOut.Text().append(ASystem[source.SystemField]);
       AOut.End();
@@ -876,13 +895,13 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       }
     }
     if (source.OptionalAttribute) {
-      // An empty optional value leaves its attribute out.
-      std::string& value = AValues.Scratch;
-      RenderValue(AValues, AValues.Value(pieces[0].Ref), value);
-      if (value.empty()) continue;
+      // An empty optional value leaves its attribute out. AppendValue gives the value's
+      // XML text decoded, which is empty exactly when that text is: made in place.
       AOut.Begin(source.Kind, name, attr, source.NameId);
-      AppendXmlUnescaped(AOut.Text(), value);
-      AOut.End();
+      const size_t at = AOut.Text().size();
+      AppendValue(AValues, AValues.Value(pieces[0].Ref), AOut.Text());
+      if (AOut.Text().size() == at) AOut.Drop();
+      else AOut.End();
       continue;
     }
     AOut.Begin(source.Kind, name, attr, source.NameId);
@@ -1127,11 +1146,12 @@ void AppendRecordValuesJoined(const TChunkResult& AResult, const TChunkResult::T
   MakeDataValuesInto(plan, values, sink);
 }
 
-void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut) {
+void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut,
+                           bool AViewSystem) {
   static thread_local std::string scratch;
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
   const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
-  MakeNamedValues(plan, values, AResult.Fields.data() + ASpan.First, AOut);
+  MakeNamedValues(plan, values, AResult.Fields.data() + ASpan.First, AViewSystem, AOut);
 }
 
 namespace {

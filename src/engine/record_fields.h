@@ -72,7 +72,10 @@ void AppendRecordValuesJoined(const TChunkResult& AResult, const TChunkResult::T
 void ReadChunkNamedFields(TEvtxChunk& AChunk, TChunkResult& AResult);
 
 // Makes the (name, value) pairs of an event that ReadChunkNamedFields read from its plan
-// (ASpan.Plan set) into AOut.
-void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut);
+// (ASpan.Plan set) into AOut. With AViewSystem, the values of its System fields are not
+// copied but viewed where AResult.Fields holds them (TNamedValues::AddView): AOut is then
+// good only while AResult's fields are unchanged.
+void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut,
+                           bool AViewSystem = false);
 
 } // namespace qvx

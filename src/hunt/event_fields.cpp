@@ -84,13 +84,14 @@ inline bool Same(const std::string& A, std::string_view B) {
 
 void TEventFields::Link(uint32_t AId, int AIndex) {
   if (AId == TFieldNames::kNone) return;
-  if (FStamp[AId] != FGeneration) {
-    FStamp[AId] = FGeneration;
-    FFirst[AId] = AIndex;
+  TChain& chain = FChains[AId];
+  if (chain.Stamp != FGeneration) {
+    chain.Stamp = FGeneration;
+    chain.First = AIndex;
   } else {
-    FValues[static_cast<size_t>(FLast[AId])].Next = AIndex;
+    FValues[static_cast<size_t>(chain.Last)].Next = AIndex;
   }
-  FLast[AId] = AIndex;
+  chain.Last = AIndex;
 }
 
 void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
@@ -129,13 +130,9 @@ void TEventFields::Begin(size_t ASize) {
   FGrams.clear();
   if (FDecoded.capacity() < ASize) FDecoded.reserve(ASize);
   if (FFolded.capacity() < ASize) FFolded.reserve(ASize);
-  if (FStamp.size() < FNames.Count()) {
-    FStamp.resize(FNames.Count(), 0);
-    FFirst.resize(FNames.Count(), kNoValue);
-    FLast.resize(FNames.Count(), kNoValue);
-  }
+  if (FChains.size() < FNames.Count()) FChains.resize(FNames.Count());
   if (++FGeneration == 0) {
-    std::fill(FStamp.begin(), FStamp.end(), 0);
+    for (TChain& chain : FChains) chain.Stamp = 0;
     FAddresses.clear();
     FGeneration = 1;
   }
@@ -151,12 +148,19 @@ void TEventFields::Load(std::string_view AXml) {
   });
 }
 
+inline void TEventFields::AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId) {
+  const int at = static_cast<int>(FValues.size());
+  FValues.push_back(TValue{AName, AText, AFieldId});
+  Link(AFieldId, at);
+}
+
 void TEventFields::Load(const TNamedValues& AValues) {
-  Begin(AValues.Text().size());
+  Begin(AValues.Bytes()); // (the fold buffer must hold every value: views point into it)
   if (FKnownNames != FNames.Count()) {
     FKnown.clear();
     FKnownNames = FNames.Count();
   }
+  if (FValues.capacity() < AValues.Count()) FValues.reserve(AValues.Count());
   for (size_t i = 0; i < AValues.Count(); ++i) {
     const TNamedValues::TItem& item = AValues.Item(i);
     if (item.NameId == TNamedValues::kNoNameId) {
@@ -178,13 +182,7 @@ void TEventFields::Load(const TNamedValues& AValues) {
   }
 }
 
-void TEventFields::AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId) {
-  TValue& value = FValues.emplace_back();
-  value.Name = AName;
-  value.Text = AText;
-  value.FieldId = AFieldId;
-  Link(AFieldId, static_cast<int>(FValues.size() - 1));
-}
+
 
 std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::string_view AAttr) {
   auto same = [&](const TAttrName& A) { return Same(A.Element, AElement) && Same(A.Attr, AAttr); };

@@ -98,7 +98,7 @@ public:
   // The first value of field AId, kNoValue when the event has none; values chain
   // through TValue::Next.
   int First(uint32_t AId) const {
-    return AId < FFirst.size() && FStamp[AId] == FGeneration ? FFirst[AId] : kNoValue;
+    return AId < FChains.size() && FChains[AId].Stamp == FGeneration ? FChains[AId].First : kNoValue;
   }
   const TValue& Value(int AIndex) const { return FValues[static_cast<size_t>(AIndex)]; }
   int ValueCount() const { return static_cast<int>(FValues.size()); }
@@ -124,9 +124,12 @@ private:
 
   const TFieldNames& FNames;
   std::vector<TValue> FValues;
-  std::vector<int> FFirst;       // per field number: first value
-  std::vector<int> FLast;        // per field number: last value
-  std::vector<uint32_t> FStamp;  // per field number: the event it was set for
+  struct TChain {                // per field number (together: one place to touch per value)
+    uint32_t Stamp = 0;          // the event First and Last were set for
+    int First = kNoValue;        // its first value
+    int Last = kNoValue;         // its last value
+  };
+  std::vector<TChain> FChains;
   uint32_t FGeneration = 0;
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)

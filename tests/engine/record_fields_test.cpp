@@ -179,6 +179,12 @@ TEST(RecordFields, ValuesOfEveryKindReadTheSame) {
   // Text that XML escapes, control characters, NULs and text that looks like markup.
   e.FData = {{"Escaped", TEvtxValue::String("a<b>&c\"d'e &amp; &#65;")},
              {"Controls", TEvtxValue::String(std::string("x\x01y\x1Fz\tw\r\nv"))},
+             // A control character alone in the second 8 bytes, in the tail after them, and
+             // after characters past ASCII (the control scan takes 8 bytes at a time).
+             {"Control2", TEvtxValue::String(std::string("abcdefghijk\x1Fmnop"))},
+             {"ControlTail", TEvtxValue::String(std::string("abcdefghij\x02"))},
+             {"ControlWide", TEvtxValue::String(std::string("\xC3\xA9\xC3\xA9\xC3\xA9\x1F\xC3\xA9ok"))},
+             {"NoControl", TEvtxValue::String(std::string("\xC3\xA9\xE2\x82\xAC !~ 0123456789"))},
              {"Nul", TEvtxValue(0x01, {'a', 0, 0, 0, 'b', 0})},
              {"Ansi", TEvtxValue::AnsiString("caf\xE9 <x>")},
              {"Empty", TEvtxValue::String("")},
@@ -220,6 +226,11 @@ TEST(RecordFields, UserDataReadsTheSame) {
     w.Substitution(0, EvtxType::String, true);
     w.Attribute("Fixed");
     w.Text("a&b");
+    // Optional attributes of values that are not strings: a number, and bytes (empty: left out).
+    w.Attribute("Num");
+    w.Substitution(5, EvtxType::UInt32, true);
+    w.Attribute("Bytes");
+    w.Substitution(6, EvtxType::Binary, true);
     w.CloseStartElement();
     w.SubstitutionElement("SubjectUserName", 1, EvtxType::String);
     w.SubstitutionElement("Count", 2, EvtxType::UInt32, true);
@@ -235,11 +246,16 @@ TEST(RecordFields, UserDataReadsTheSame) {
   std::vector<TEvtxEventDraft> events;
   const std::vector<std::vector<TEvtxValue>> values = {
       {TEvtxValue::String("k"), TEvtxValue::String("alice"), TEvtxValue::UInt32(3), TEvtxValue::String("i1"),
-       TEvtxValue::String("tail")},
+       TEvtxValue::String("tail"), TEvtxValue::UInt32(77), TEvtxValue::Binary(std::vector<uint8_t>{0xAB, 0x01})},
       {TEvtxValue::String(""), TEvtxValue::String("  "), TEvtxValue::Null(), TEvtxValue::String(""),
-       TEvtxValue::String("")},
+       TEvtxValue::String(""), TEvtxValue::Null(), TEvtxValue::Binary(std::vector<uint8_t>{})},
       {TEvtxValue::Null(), TEvtxValue::String("x<y"), TEvtxValue::UInt32(0), TEvtxValue::String("\t"),
-       TEvtxValue::String(" ")},
+       TEvtxValue::String(" "), TEvtxValue::UInt32(0), TEvtxValue::Null()},
+      // An optional string of NULs only, and one of controls and entities.
+      {TEvtxValue(0x01, {0, 0, 0, 0}), TEvtxValue::String("b"), TEvtxValue::UInt32(1), TEvtxValue::String("i"),
+       TEvtxValue::String("t"), TEvtxValue::UInt32(2), TEvtxValue::Binary(std::vector<uint8_t>{0})},
+      {TEvtxValue::String(std::string("\x01<&>\"'")), TEvtxValue::String("c"), TEvtxValue::UInt32(1),
+       TEvtxValue::String("i"), TEvtxValue::String("t"), TEvtxValue::UInt32(2), TEvtxValue::Null()},
   };
   uint64_t i = 1;
   for (const auto& v : values) {
@@ -288,6 +304,110 @@ TEST(RecordFields, ReadAheadGivesTheSame) {
   const TReading namedTwo = ReadNamed(path, true, 2);
   EXPECT_EQ(namedOne.Events, namedTwo.Events);
   EXPECT_EQ(namedOne.XmlSeen, 0u);
+}
+
+// The hunt's reading of APath chunk by chunk, each event as TakeChunk hands it out (an
+// item, with its pairs or its XML) or as TakeChunkNamed does (a row, with its pairs
+// viewing the chunk's System fields, or its XML), as one text per event and note.
+std::vector<std::string> ReadNamedByChunk(const std::string& APath, bool ARows) {
+  TEventLogBinXML reader;
+  reader.SetBackupFileName(APath);
+  reader.SetSystemFieldsOnly(true);
+  reader.SetNamedValues(true);
+  reader.SetActive(true);
+  EXPECT_TRUE(reader.Active()) << APath;
+  TEventLogBinXML taker;
+  taker.SetSystemFieldsOnly(true);
+  taker.SetNamedValues(true);
+  taker.SetTaskAndUserNames(false);
+  std::vector<std::string> events;
+  auto describe = [](uint64_t ARecord, uint32_t AId, std::string_view ASystemTime, double ATime,
+                     std::string_view AChannel, std::string_view AComputer, const TNamedValues* ANamed,
+                     std::string_view AXml) {
+    std::string s = std::to_string(ARecord) + "|" + std::to_string(AId) + "|" + std::string(ASystemTime) + "|" +
+                    std::to_string(ATime) + "|" + std::string(AChannel) + "|" + std::string(AComputer) + "\n";
+    return s + (ANamed ? "pairs " + DescribeNamed(*ANamed) : "xml " + NamedOfXml(AXml));
+  };
+  TChunkReader::Run(
+      reader.ChunkProducer(), [](TChunkResult&) {}, 1,
+      [&](TChunkResult& AResult, unsigned) {
+        if (ARows) {
+          taker.TakeChunkNamed(AResult, AResult.Sequence,
+                               [&](const TEventRow& ARow, const TNamedValues* ANamed, std::string_view AXml) {
+                                 EXPECT_EQ(ARow.Owner, &taker);
+                                 events.push_back(describe(ARow.RecordId, ARow.EventId, ARow.SystemTime,
+                                                           ARow.TimeGenerated, ARow.Channel, ARow.Computer, ANamed,
+                                                           AXml));
+                               });
+        } else {
+          taker.TakeChunk(AResult, AResult.Sequence, [&](TEventItemX& AItem) {
+            events.push_back(describe(AItem.FEventRecordID, AItem.FEventID, AItem.FSystemTime,
+                                      AItem.FTimeGenerated, AItem.FChannel, AItem.FComputername,
+                                      taker.NamedValues(), AItem.FEvtXML));
+          });
+        }
+        for (const std::string& note : AResult.Notes) events.push_back("note: " + note);
+      });
+  return events;
+}
+
+void ExpectNamedRowsAsItems(const std::string& APath) {
+  const std::vector<std::string> items = ReadNamedByChunk(APath, false);
+  const std::vector<std::string> rows = ReadNamedByChunk(APath, true);
+  ASSERT_EQ(rows.size(), items.size()) << APath;
+  for (size_t i = 0; i < rows.size(); ++i)
+    if (rows[i] != items[i]) {
+      ADD_FAILURE() << APath << ": event " << i << "\n item: " << items[i] << "\n row:  " << rows[i];
+      break;
+    }
+}
+
+// TakeChunkNamed says what TakeChunk says for the hunt: over a log of many chunks, a
+// damaged log (records read from their XML, issues) and the sample logs.
+TEST(RecordFields, HuntRowsSayWhatItemsSay) {
+  ExpectNamedRowsAsItems(WriteTempFile("hunt-rows.evtx", MakeEvtxFile(4, 30)));
+  std::vector<uint8_t> file = MakeEvtxFile(3, 12);
+  CorruptRecordMagic(file, 0, 4);
+  CorruptRecordSizeCopy(file, 1, 7);
+  const std::vector<size_t> records =
+      ChunkRecordOffsets(std::span<const uint8_t>(file).subspan(ChunkFileOffset(2), kEvtxChunkSize));
+  ASSERT_GT(records.size(), 5u);
+  file[ChunkFileOffset(2) + records[3] + 24 + 30] ^= 0x5A;
+  file[ChunkFileOffset(2) + records[5] + 24 + 2] = 0x77;
+  ExpectNamedRowsAsItems(WriteTempFile("hunt-rows-damaged.evtx", file));
+  size_t done = 0;
+  for (const auto& sample : SampleFiles("", ".evtx")) {
+    if (done++ % 4) continue; // a quarter of them: the reading is the same code for all
+    ExpectNamedRowsAsItems(sample.string());
+    if (HasFailure()) break;
+  }
+}
+
+// Pairs whose values lie elsewhere (AddView): read, counted, dropped and swapped as
+// copied ones.
+TEST(RecordFields, NamedValuesViewedKeepTheirPlace) {
+  const std::string outside = "viewed value";
+  TNamedValues values;
+  values.Begin(nfText, "Copied", "");
+  values.Text().append("abc");
+  values.End();
+  values.AddView(nfSystemAttr, "Provider", "Name", TNamedValues::kNoNameId, outside);
+  values.AddView(nfText, "Gone", "", TNamedValues::kNoNameId, "xy");
+  EXPECT_EQ(values.Bytes(), values.Text().size() + outside.size() + 2);
+  values.Drop();
+  EXPECT_EQ(values.Bytes(), values.Text().size() + outside.size());
+  ASSERT_EQ(values.Count(), 2u);
+  EXPECT_EQ(values.Value(values.Item(0)), "abc");
+  EXPECT_EQ(values.Value(values.Item(1)).data(), outside.data());
+  EXPECT_EQ(values.Name(values.Item(1)), "Provider");
+  EXPECT_EQ(values.Attr(values.Item(1)), "Name");
+  TNamedValues other;
+  other.Swap(values);
+  EXPECT_EQ(values.Count(), 0u);
+  EXPECT_EQ(values.Bytes(), 0u);
+  EXPECT_EQ(DescribeNamed(other), "0:Copied/=abc|1:Provider/Name=viewed value|");
+  other.Clear();
+  EXPECT_EQ(other.Bytes(), 0u);
 }
 
 // Every sample log: the same both ways, and few events need their XML.

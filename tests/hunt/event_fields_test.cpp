@@ -47,6 +47,32 @@ TEST(HuntEventFields, SystemEventDataAndUserDataNames) {
   EXPECT_TRUE(ValuesOf(fields, image).empty());
 }
 
+// Pairs whose values lie outside their text (the System fields a chunk holds): every
+// lower-case form made stays where it was made, the fold buffer having room for them all.
+TEST(HuntEventFields, ViewedPairsLowerInPlace) {
+  TFieldNames names;
+  const uint32_t computer = names.Intern("Computer"), image = names.Intern("Image");
+  TEventFields fields(names);
+  const std::string big(4000, 'A'), other(3000, 'B');
+  TNamedValues values;
+  values.AddView(nfText, "Computer", "", TNamedValues::kNoNameId, big);
+  values.Begin(nfText, "Image", "");
+  values.Text().append("C:\\X.EXE");
+  values.End();
+  values.AddView(nfText, "Computer", "", TNamedValues::kNoNameId, other);
+  fields.Load(values);
+  ASSERT_EQ(ValuesOf(fields, computer), (std::vector<std::string>{big, other}));
+  EXPECT_EQ(ValuesOf(fields, image), std::vector<std::string>{"C:\\X.EXE"});
+  // The short copied value first, then the long viewed ones after it.
+  const int first = fields.First(computer);
+  const std::string_view lowerImage = fields.Lower(fields.First(image));
+  const void* const imageAt = lowerImage.data();
+  EXPECT_EQ(fields.Lower(first), std::string(4000, 'a'));
+  EXPECT_EQ(fields.Lower(fields.Value(first).Next), std::string(3000, 'b'));
+  ASSERT_EQ(fields.Lower(fields.First(image)).data(), imageAt); // not moved by the later ones
+  EXPECT_EQ(lowerImage, "c:\\x.exe");
+}
+
 TEST(HuntEventFields, MalformedTextNeverRaises) {
   TFieldNames names;
   names.Intern("A");
