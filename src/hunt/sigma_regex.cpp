@@ -3,8 +3,11 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <atomic>
+#include <cstring>
 #include <mutex>
 #include <stdexcept>
+#include <vector>
 
 namespace qvx::hunt {
 
@@ -13,6 +16,7 @@ struct TSigmaRegex::THandles {
   pcre2_match_context* Context = nullptr;
   std::once_flag Jitted;
   bool Jit = false;
+  uint64_t Serial = 0; // unique in the process (the answer memo's key: addresses are reused)
   ~THandles() {
     pcre2_match_context_free(Context);
     pcre2_code_free(Code);
@@ -34,6 +38,50 @@ pcre2_match_data* ThreadMatchData() {
   return holder.Data;
 }
 
+// The answers of this thread's last searches: events repeat their values (the same
+// command lines, paths, users), and a pattern's answer for a text is always the same.
+// Direct mapped by a hash of the pattern and the text; a slot keeps the text to compare,
+// so a hash collision never gives another text's answer. Answers that reached a limit
+// are not kept (they are counted every time).
+class TAnswerMemo {
+public:
+  static constexpr size_t kSlots = 4096;
+  static constexpr size_t kMinText = 16, kMaxText = 1024; // shorter are searched faster than looked up
+
+  // The slot for (ASerial, AText), and whether it holds its answer.
+  struct TSlot {
+    uint64_t Hash = 0;
+    uint64_t Serial = 0; // 0: empty
+    bool Matched = false;
+    std::string Text;
+  };
+  TSlot& Find(uint64_t ASerial, std::string_view AText, uint64_t& AHash, bool& AKnown) {
+    if (FSlots.empty()) [[unlikely]]
+      FSlots.resize(kSlots);
+    AHash = Hash(AText) ^ ASerial * 0xD6E8FEB86659FD93ull;
+    TSlot& slot = FSlots[(AHash >> 40) % kSlots];
+    AKnown = slot.Serial == ASerial && slot.Hash == AHash && slot.Text == AText;
+    return slot;
+  }
+
+private:
+  static uint64_t Hash(std::string_view AText) {
+    uint64_t hash = AText.size() * 0x9E3779B97F4A7C15ull;
+    size_t i = 0;
+    for (; i + 8 <= AText.size(); i += 8) {
+      uint64_t word;
+      std::memcpy(&word, AText.data() + i, 8);
+      hash = (hash ^ word) * 0xBF58476D1CE4E5B9ull;
+      hash ^= hash >> 31;
+    }
+    uint64_t tail = 0;
+    std::memcpy(&tail, AText.data() + i, AText.size() - i);
+    hash = (hash ^ tail) * 0x94D049BB133111EBull;
+    return hash ^ hash >> 29;
+  }
+  std::vector<TSlot> FSlots;
+};
+
 } // namespace
 
 TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultiline, bool ADotAll)
@@ -54,6 +102,8 @@ TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultil
     throw std::invalid_argument(std::string("regular expression: ") + reinterpret_cast<const char*>(buffer) +
                                 " at offset " + std::to_string(offset));
   }
+  static std::atomic<uint64_t> serials{0};
+  FHandles->Serial = ++serials;
   FHandles->Context = pcre2_match_context_create(nullptr);
   if (!FHandles->Context) throw std::bad_alloc();
   pcre2_set_match_limit(FHandles->Context, kMatchLimit);
@@ -70,6 +120,23 @@ bool TSigmaRegex::IsJit() const {
 }
 
 TSigmaRegex::TResult TSigmaRegex::Search(std::string_view AText) const {
+  if (AText.size() < TAnswerMemo::kMinText || AText.size() > TAnswerMemo::kMaxText) return SearchNow(AText);
+  thread_local TAnswerMemo memo;
+  uint64_t hash = 0;
+  bool known = false;
+  TAnswerMemo::TSlot& slot = memo.Find(FHandles->Serial, AText, hash, known);
+  if (known) return slot.Matched ? rxMatch : rxNoMatch;
+  const TResult result = SearchNow(AText);
+  if (result != rxLimit) {
+    slot.Hash = hash;
+    slot.Serial = FHandles->Serial;
+    slot.Matched = result == rxMatch;
+    slot.Text.assign(AText);
+  }
+  return result;
+}
+
+TSigmaRegex::TResult TSigmaRegex::SearchNow(std::string_view AText) const {
   const auto subject = reinterpret_cast<PCRE2_SPTR>(AText.data());
   pcre2_match_data* data = ThreadMatchData();
   const bool jit = IsJit();
