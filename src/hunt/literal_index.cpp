@@ -57,7 +57,7 @@ using TNeeds = std::vector<TNeed>;
 
 // A binding is selected only when every clause it keeps holds; more clauses than this
 // cost more to count than they save.
-constexpr size_t kMaxClauses = 8;
+constexpr size_t kMaxClauses = 3;
 
 class TNeedFinder {
 public:
