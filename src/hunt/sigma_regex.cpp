@@ -3,6 +3,7 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -39,7 +40,8 @@ pcre2_match_data* ThreadMatchData() {
 }
 
 // The answers of this thread's last searches: events repeat their values (the same
-// command lines, paths, users), and a pattern's answer for a text is always the same.
+// command lines, paths, users), and a pattern's answer for a text is always the same. A
+// text is kept once it has been searched twice (as literal_index.h's scan memo does).
 // Direct mapped by a hash of the pattern and the text; a slot keeps the text to compare,
 // so a hash collision never gives another text's answer. Answers that reached a limit
 // are not kept (they are counted every time).
@@ -52,6 +54,7 @@ public:
   struct TSlot {
     uint64_t Hash = 0;
     uint64_t Serial = 0; // 0: empty
+    bool Kept = false;   // Text and Matched are set (else the text was seen once)
     bool Matched = false;
     std::string Text;
   };
@@ -60,23 +63,26 @@ public:
       FSlots.resize(kSlots);
     AHash = Hash(AText) ^ ASerial * 0xD6E8FEB86659FD93ull;
     TSlot& slot = FSlots[(AHash >> 40) % kSlots];
-    AKnown = slot.Serial == ASerial && slot.Hash == AHash && slot.Text == AText;
+    AKnown = slot.Kept && slot.Serial == ASerial && slot.Hash == AHash && slot.Text == AText;
     return slot;
   }
 
 private:
+  // Of the length and at most the first and last 32 bytes (long texts that differ only
+  // in the middle share a slot, and are told apart by their text).
   static uint64_t Hash(std::string_view AText) {
     uint64_t hash = AText.size() * 0x9E3779B97F4A7C15ull;
-    size_t i = 0;
-    for (; i + 8 <= AText.size(); i += 8) {
+    auto mix = [&](const char* AAt) {
       uint64_t word;
-      std::memcpy(&word, AText.data() + i, 8);
+      std::memcpy(&word, AAt, 8);
       hash = (hash ^ word) * 0xBF58476D1CE4E5B9ull;
       hash ^= hash >> 31;
-    }
-    uint64_t tail = 0;
-    std::memcpy(&tail, AText.data() + i, AText.size() - i);
-    hash = (hash ^ tail) * 0x94D049BB133111EBull;
+    };
+    // (AText holds at least kMinText = 16 bytes)
+    const size_t head = std::min<size_t>(AText.size() / 8, 4);
+    for (size_t i = 0; i < head; ++i) mix(AText.data() + i * 8);
+    for (size_t i = 1; i <= head; ++i) mix(AText.data() + AText.size() - i * 8);
+    hash *= 0x94D049BB133111EBull;
     return hash ^ hash >> 29;
   }
   std::vector<TSlot> FSlots;
@@ -126,10 +132,18 @@ TSigmaRegex::TResult TSigmaRegex::Search(std::string_view AText) const {
   bool known = false;
   TAnswerMemo::TSlot& slot = memo.Find(FHandles->Serial, AText, hash, known);
   if (known) return slot.Matched ? rxMatch : rxNoMatch;
-  const TResult result = SearchNow(AText);
-  if (result != rxLimit) {
+  if (slot.Serial != FHandles->Serial || slot.Hash != hash || slot.Kept) {
+    // Seen for the first time (or another text in its place): noted only, so a text
+    // seen once costs a hash and not a copy.
     slot.Hash = hash;
     slot.Serial = FHandles->Serial;
+    slot.Kept = false;
+    return SearchNow(AText);
+  }
+  // The second time: kept with its answer.
+  const TResult result = SearchNow(AText);
+  if (result != rxLimit) {
+    slot.Kept = true;
     slot.Matched = result == rxMatch;
     slot.Text.assign(AText);
   }
