@@ -50,79 +50,112 @@ bool DecidedByLiteral(const TValueTest& ATest) {
                           ATest.Kind == TValueTest::vkStartsWith || ATest.Kind == TValueTest::vkEndsWith);
 }
 
-// What a part of a rule needs: one of these literals is in the event.
+// What a part of a rule needs: one of these literals is in the event (a clause).
 using TNeed = std::vector<uint32_t>;
+// Every one of these clauses holds (none: the part needs nothing the index can see).
+using TNeeds = std::vector<TNeed>;
 
-class TNeeds {
+// A binding is selected only when every clause it keeps holds; more clauses than this
+// cost more to count than they save.
+constexpr size_t kMaxClauses = 3;
+
+class TNeedFinder {
 public:
-  TNeeds(const TSigmaRule& ARule, const std::vector<uint32_t>& ATestLiterals, const std::vector<uint32_t>& ALengths)
+  TNeedFinder(const TSigmaRule& ARule, const std::vector<uint32_t>& ATestLiterals, const std::vector<uint32_t>& ALengths)
       : FRule(ARule), FTestLiterals(ATestLiterals), FLengths(ALengths) {}
 
-  std::optional<TNeed> Node(const TCondNode& ANode) const {
-    switch (ANode.Kind) {
-    case TCondNode::cnSearch: return Search(FRule.Searches[ANode.Search]);
-    case TCondNode::cnNot: return std::nullopt;
-    case TCondNode::cnOr: {
-      TNeed all;
-      for (const TCondNode& child : ANode.Children) {
-        std::optional<TNeed> need = Node(child);
-        if (!need) return std::nullopt;
-        all.insert(all.end(), need->begin(), need->end());
-      }
-      return all;
+  // The clauses of a condition, the most selective first, at most kMaxClauses, each
+  // sorted without repeats.
+  TNeeds Rule(const TCondNode& ANode) const {
+    TNeeds needs = Node(ANode, 0);
+    for (TNeed& need : needs) {
+      std::sort(need.begin(), need.end());
+      need.erase(std::unique(need.begin(), need.end()), need.end());
     }
-    case TCondNode::cnAnd: {
-      std::optional<TNeed> best;
-      for (const TCondNode& child : ANode.Children) {
-        std::optional<TNeed> need = Node(child);
-        if (need && (!best || Better(*need, *best))) best = std::move(need);
-      }
-      return best;
-    }
-    }
-    return std::nullopt;
+    std::stable_sort(needs.begin(), needs.end(), [&](const TNeed& A, const TNeed& B) { return Better(A, B); });
+    if (needs.size() > kMaxClauses) needs.resize(kMaxClauses);
+    return needs;
   }
 
 private:
+  // (ADepth: the condition's depth is bounded at compile time; kept as a guard.)
+  TNeeds Node(const TCondNode& ANode, int ADepth) const {
+    if (ADepth > 256) return {};
+    switch (ANode.Kind) {
+    case TCondNode::cnSearch: return Search(FRule.Searches[ANode.Search]);
+    case TCondNode::cnNot: return {};
+    case TCondNode::cnOr: {
+      // One of the parts holds: the best clause of each, together.
+      TNeed all;
+      for (const TCondNode& child : ANode.Children) {
+        const TNeeds need = Node(child, ADepth + 1);
+        if (need.empty()) return {};
+        const TNeed& best = Best(need);
+        all.insert(all.end(), best.begin(), best.end());
+      }
+      if (all.empty()) return {};
+      return {std::move(all)};
+    }
+    case TCondNode::cnAnd: {
+      // Every part holds: what each needs.
+      TNeeds all;
+      for (const TCondNode& child : ANode.Children) Append(all, Node(child, ADepth + 1));
+      return all;
+    }
+    }
+    return {};
+  }
+
   uint32_t Literal(const TValueTest& ATest) const {
     const uint32_t coded = FTestLiterals[ATest.Index];
     return coded == kNone ? kNone : coded >> 1;
   }
 
-  std::optional<TNeed> Field(const TFieldTest& AField) const {
-    TNeed need;
+  TNeeds Field(const TFieldTest& AField) const {
+    TNeeds needs;
     if (AField.All) {
-      // Every value must match: the longest literal of one of them is enough.
-      uint32_t best = kNone;
-      for (const TValueTest& value : AField.Values) {
-        const uint32_t literal = Literal(value);
-        if (literal != kNone && (best == kNone || FLengths[literal] > FLengths[best])) best = literal;
-      }
-      if (best == kNone) return std::nullopt;
-      need.push_back(best);
-      return need;
+      // Every value must match: the literal of each that has one.
+      for (const TValueTest& value : AField.Values)
+        if (const uint32_t literal = Literal(value); literal != kNone) needs.push_back({literal});
+      return needs;
     }
+    TNeed need;
     for (const TValueTest& value : AField.Values) {
       const uint32_t literal = Literal(value);
-      if (literal == kNone) return std::nullopt;
+      if (literal == kNone) return {};
       need.push_back(literal);
     }
-    return need;
+    if (!need.empty()) needs.push_back(std::move(need));
+    return needs;
   }
 
-  std::optional<TNeed> Search(const TSearch& ASearch) const {
-    TNeed all;
-    if (ASearch.Alts.empty()) return std::nullopt;
-    for (const TSearchAlt& alt : ASearch.Alts) {
-      std::optional<TNeed> best;
-      for (const TFieldTest& field : alt.Fields) {
-        std::optional<TNeed> need = Field(field);
-        if (need && (!best || Better(*need, *best))) best = std::move(need);
-      }
-      if (!best) return std::nullopt;
-      all.insert(all.end(), best->begin(), best->end());
-    }
+  TNeeds Alt(const TSearchAlt& AAlt) const {
+    TNeeds all;
+    for (const TFieldTest& field : AAlt.Fields) Append(all, Field(field));
     return all;
+  }
+
+  TNeeds Search(const TSearch& ASearch) const {
+    if (ASearch.Alts.empty()) return {};
+    if (ASearch.Alts.size() == 1) return Alt(ASearch.Alts[0]);
+    TNeed all;
+    for (const TSearchAlt& alt : ASearch.Alts) {
+      const TNeeds need = Alt(alt);
+      if (need.empty()) return {};
+      const TNeed& best = Best(need);
+      all.insert(all.end(), best.begin(), best.end());
+    }
+    return {std::move(all)};
+  }
+
+  static void Append(TNeeds& ATo, TNeeds AFrom) {
+    for (TNeed& need : AFrom) ATo.push_back(std::move(need));
+  }
+  const TNeed& Best(const TNeeds& ANeeds) const {
+    size_t best = 0;
+    for (size_t i = 1; i < ANeeds.size(); ++i)
+      if (Better(ANeeds[i], ANeeds[best])) best = i;
+    return ANeeds[best];
   }
 
   // The more selective need: the one less likely found, taking a literal one byte
@@ -242,20 +275,31 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
     FAutomata.back()->Literals = std::move(keywords);
   }
 
-  // Tests whose literal did not fit search the value themselves; then what each binding needs.
-  FNeededBy.resize(FLengths.size());
-  FAlways.assign(ABindings.size(), 1);
+  // Tests whose literal did not fit search the value themselves; then what each binding
+  // needs: clauses, each one of whose literals must be found.
+  FClauseCount.assign(ABindings.size(), 0);
+  std::vector<std::pair<uint32_t, uint32_t>> needed; // literal, clause
   for (uint32_t b = 0; b < ABindings.size(); ++b) {
     const TRuleBinding& binding = *ABindings[b];
     for (uint32_t& coded : FTestLiterals[b])
       if (coded != kNoLiteral && !FIndexed[coded >> 1]) coded = kNoLiteral;
-    const std::optional<TNeed> need = TNeeds(*binding.Rule, FTestLiterals[b], FLengths).Node(binding.Rule->Condition);
-    if (!need || need->empty()) continue;
-    FAlways[b] = 0;
-    for (const uint32_t literal : *need) {
-      std::vector<uint32_t>& list = FNeededBy[literal];
-      if (list.empty() || list.back() != b) list.push_back(b);
+    const TNeeds needs = TNeedFinder(*binding.Rule, FTestLiterals[b], FLengths).Rule(binding.Rule->Condition);
+    for (const TNeed& need : needs) {
+      const uint32_t clause = static_cast<uint32_t>(FClauseBinding.size());
+      FClauseBinding.push_back(b);
+      ++FClauseCount[b];
+      for (const uint32_t literal : need) needed.emplace_back(literal, clause);
     }
+  }
+  // Flat, by literal (per event, every literal found walks its clauses here), each
+  // literal's in clause order.
+  FNeededAt.assign(FLengths.size() + 1, 0);
+  for (const auto& [literal, clause] : needed) ++FNeededAt[literal + 1];
+  for (size_t i = 1; i < FNeededAt.size(); ++i) FNeededAt[i] += FNeededAt[i - 1];
+  FNeeded.resize(needed.size());
+  {
+    std::vector<uint32_t> fill(FNeededAt.begin(), FNeededAt.end() - 1);
+    for (const auto& [literal, clause] : needed) FNeeded[fill[literal]++] = {clause, FClauseBinding[clause]};
   }
 }
 
@@ -571,7 +615,8 @@ size_t TLiteralIndex::MemoryBytes() const {
     total += sizeof A + A.Dense16.size() * 2 + A.Dense32.size() * 4 + A.Own.size() * (4 * 5 + 2);
   };
   for (const auto& automaton : FAutomata) add(*automaton);
-  for (const auto& list : FNeededBy) total += list.size() * 4 + sizeof list;
+  total += FNeeded.size() * sizeof(TClause) + FNeededAt.size() * 4;
+  total += FClauseBinding.size() * 4 + FClauseCount.size() * 4;
   return total + FLengths.size() * 8;
 }
 

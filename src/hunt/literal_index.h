@@ -14,10 +14,11 @@
 // rule_set.h), and is made when an event first needs that list.
 //
 // The same texts select the rules worth evaluating: from its tests each rule binding gets
-// a set of texts of which at least one must be in the event for it to match (a field test
-// needs one of its values' texts, an AND what its most selective part needs, an OR all of
-// what its parts need; "not", null, exists, numbers, field references and regular
-// expressions need nothing). A binding that needs nothing is evaluated on every event of
+// clauses, sets of texts of which at least one must be in the event for it to match, and
+// is evaluated only when every clause holds (a field test needs one of its values' texts,
+// a field test of "all" values each of their texts, an AND what every part needs, an OR
+// one of the texts of the most selective clause of each part; "not", null, exists,
+// numbers, field references and regular expressions need nothing). A binding that needs nothing is evaluated on every event of
 // its channel and ID. Neither shortcut ever changes a result.
 //
 // An automaton is built the first time a value is scanned with it (on whichever thread
@@ -32,6 +33,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -96,13 +98,25 @@ public:
   };
   const std::vector<TScan>& Scans() const { return FScans; }
   uint32_t AutomatonCount() const { return static_cast<uint32_t>(FAutomata.size()); }
-  // The numbers of the bindings that need ALiteral.
-  const std::vector<uint32_t>& NeededBy(uint32_t ALiteral) const { return FNeededBy[ALiteral]; }
+  // The clauses ALiteral is one of (a clause holds when one of its literals is found),
+  // each with its binding.
+  struct TClause {
+    uint32_t Clause = 0;
+    uint32_t Binding = 0;
+  };
+  std::span<const TClause> NeededBy(uint32_t ALiteral) const {
+    return {FNeeded.data() + FNeededAt[ALiteral], FNeeded.data() + FNeededAt[ALiteral + 1]};
+  }
+  uint32_t ClauseCount() const { return static_cast<uint32_t>(FClauseBinding.size()); }
+  // The binding a clause is of, and how many clauses a binding has: it is worth
+  // evaluating only when all of them hold.
+  uint32_t ClauseBinding(uint32_t AClause) const { return FClauseBinding[AClause]; }
+  uint32_t ClausesOf(uint32_t ABinding) const { return FClauseCount[ABinding]; }
   // Per value test of binding ABinding (TValueTest::Index): literal << 1 | 1 when only a
   // hint, kNoLiteral when the test has none (MatchRule's ATestLiterals).
   const uint32_t* TestLiterals(uint32_t ABinding) const { return FTestLiterals[ABinding].data(); }
   // The binding needs no literal: it is evaluated on every event it is a candidate for.
-  bool Always(uint32_t ABinding) const { return FAlways[ABinding] != 0; }
+  bool Always(uint32_t ABinding) const { return FClauseCount[ABinding] == 0; }
   // Scans AText (as the event has it; folded while scanned) with automaton AAutomaton,
   // adding the literals it finds to AHits. Builds the automaton first when it is new;
   // safe on several threads at once.
@@ -161,9 +175,11 @@ private:
   std::vector<uint32_t> FFields;     // per literal: its field
   std::vector<uint32_t> FLengths;    // per literal: length in bytes
   std::vector<uint8_t> FIndexed;     // per literal: in its automaton (not over the budget)
-  std::vector<std::vector<uint32_t>> FNeededBy;
+  std::vector<TClause> FNeeded;                 // by literal: the clauses it is one of
+  std::vector<uint32_t> FNeededAt;              // per literal: where its clauses start in FNeeded (and the end)
+  std::vector<uint32_t> FClauseBinding;         // per clause
+  std::vector<uint32_t> FClauseCount;           // per binding
   std::vector<std::vector<uint32_t>> FTestLiterals; // per binding
-  std::vector<uint8_t> FAlways;                     // per binding
   std::vector<std::unique_ptr<TAutomaton>> FAutomata; // (not movable: once flags)
   std::vector<TScan> FScans;
   uint64_t FSerial = 0; // unique among the indexes of the process (a memo's key)

@@ -478,20 +478,31 @@ void THunter::TestList(const TBindingList& AList) {
   // Every literal of the list's rules, found in one pass over each value they read.
   const TLiteralIndex& literals = *AList.Literals;
   if (FHits.Bits.size() < literals.LiteralCount()) FHits.Bits.resize(literals.LiteralCount(), 0);
-  if (FSelected.size() < AList.Bindings.size()) FSelected.resize(AList.Bindings.size(), 0);
+  if (FSelected.size() < AList.Bindings.size()) {
+    FSelected.resize(AList.Bindings.size(), 0);
+    FSatisfied.resize(AList.Bindings.size(), 0);
+  }
+  if (FClauseSeen.size() < literals.ClauseCount()) FClauseSeen.resize(literals.ClauseCount(), 0);
   if (++FStamp == 0) {
     std::fill(FSelected.begin(), FSelected.end(), 0);
+    std::fill(FClauseSeen.begin(), FClauseSeen.end(), 0);
     FStamp = 1;
   }
   FHits.Clear();
   for (const TLiteralIndex::TScan& scan : literals.Scans()) literals.ScanFields(scan, FFields, FHits, &FMemo);
+  // A binding is selected when every one of its clauses has a literal found: the clauses
+  // that hold are counted per binding (FSelected stamps the count as this list's).
   FSelectedList.clear();
   for (const uint32_t literal : FHits.Found)
-    for (const uint32_t binding : literals.NeededBy(literal))
+    for (const auto& [clause, binding] : literals.NeededBy(literal)) {
+      if (FClauseSeen[clause] == FStamp) continue;
+      FClauseSeen[clause] = FStamp;
       if (FSelected[binding] != FStamp) {
         FSelected[binding] = FStamp;
-        FSelectedList.push_back(binding);
+        FSatisfied[binding] = 0;
       }
+      if (++FSatisfied[binding] == literals.ClausesOf(binding)) FSelectedList.push_back(binding);
+    }
 
   // The places to evaluate, in list order.
   FPlaces.clear();
@@ -503,7 +514,8 @@ void THunter::TestList(const TBindingList& AList) {
     std::inplace_merge(FPlaces.begin(), FPlaces.begin() + static_cast<ptrdiff_t>(selected), FPlaces.end());
   } else {
     for (uint32_t i = 0; i < AList.Bindings.size(); ++i)
-      if (FSelected[i] == FStamp || literals.Always(i)) FPlaces.push_back(i);
+      if ((FSelected[i] == FStamp && FSatisfied[i] == literals.ClausesOf(i)) || literals.Always(i))
+        FPlaces.push_back(i);
   }
   for (const uint32_t place : FPlaces) {
     const TRuleBinding* binding = AList.Bindings[place];

@@ -213,7 +213,9 @@ private:
   std::vector<TMatchedValue> FRecord;
   TLiteralHits FHits;              // of the list being tested (room for the largest)
   TScanMemo FMemo;
-  std::vector<uint32_t> FSelected; // per binding of the list: the stamp for which a literal it needs was found
+  std::vector<uint32_t> FSelected;   // per binding of the list: the stamp FSatisfied is counted for
+  std::vector<uint32_t> FSatisfied;  // per binding: its clauses that hold
+  std::vector<uint32_t> FClauseSeen; // per clause of the list: the stamp for which it holds
   std::string FKey;
   std::vector<uint32_t> FSelectedList; // the selected bindings of the list being tested
   std::vector<uint32_t> FPlaces;

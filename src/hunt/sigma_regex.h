@@ -4,7 +4,8 @@
 // the library can, at the first search (most patterns of a rule set never see an event
 // of their log source, and JIT compiling them all took a tenth of a rule set's load);
 // matching reuses one match data block per thread and one match
-// context (so a match allocates nothing once a thread has matched) and runs under match,
+// context (so a match allocates nothing once a thread has matched), and a thread keeps
+// the answers of its recent texts (events repeat their values) and runs under match,
 // depth and heap limits, so a pattern that would backtrack without end reports a failure
 // instead of hanging. Several threads may match with one pattern at once.
 #pragma once
@@ -32,11 +33,14 @@ public:
   TSigmaRegex& operator=(const TSigmaRegex&) = delete;
 
   // Whether the pattern matches anywhere in AText. rxLimit when a limit was reached.
+  // The answers of a thread's recent texts are kept (not those that reached a limit), so
+  // a text seen again is answered without matching.
   TResult Search(std::string_view AText) const;
   // Whether the code is JIT-compiled (done here when not yet).
   bool IsJit() const;
 
 private:
+  TResult SearchNow(std::string_view AText) const;
   struct THandles;
   std::unique_ptr<THandles> FHandles;
 };

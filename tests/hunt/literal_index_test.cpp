@@ -141,6 +141,52 @@ TEST(HuntLiteralIndex, HeadsTestedEveryFewPlacesFindLiteralsAnywhere) {
   EXPECT_EQ(CompareOver(rules, path), size_t{2 * 9 * 4 + 9 + 4 + 1});
 }
 
+// A rule is evaluated only when every clause it needs holds: each part of an AND, each
+// value of an "all" field, one text of each side of an OR. Events holding one part, the
+// other, both or neither report as testing every rule would.
+TEST(HuntLiteralIndex, ClausesOfEveryPartSelectTogether) {
+  const std::vector<std::string> detections = {
+      "  sel:\n    Image|endswith: '\\csi.exe'\n    Company: 'Microsoft Corporation'\n  condition: sel\n",
+      "  a:\n    Image|endswith: '\\csi.exe'\n  b:\n    CommandLine|contains: 'evil'\n  condition: a and b\n",
+      "  sel:\n    CommandLine|contains|all:\n      - 'one'\n      - 'two'\n  condition: sel\n",
+      "  a:\n    - Image|endswith: '\\csi.exe'\n    - CommandLine|contains: 'evil'\n"
+      "  b:\n    Company: 'Microsoft Corporation'\n  condition: a and b\n",
+      "  a:\n    Image|endswith: '\\csi.exe'\n  b:\n    CommandLine|contains: 'evil'\n"
+      "  c:\n    CommandLine|contains: 'one'\n  condition: (a and b) or c\n",
+      "  a:\n    Image|endswith: '\\csi.exe'\n  b:\n    CommandLine|re: 'ev.l'\n  condition: a and not b\n",
+      "  a:\n    Image|endswith: '\\csi.exe'\n  b:\n    CommandLine|re: 'ev.l'\n  condition: a and b\n",
+  };
+  TRuleSet rules;
+  for (size_t i = 0; i < detections.size(); ++i) rules.LoadText(RuleText(detections[i]), std::to_string(i) + ".yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  std::string key;
+  const TRuleSet::TCandidates candidates = rules.Candidates("Microsoft-Windows-Sysmon/Operational", 1, key);
+  const hunt::TBindingList* list = nullptr;
+  for (const hunt::TBindingList* candidate : candidates.Lists)
+    if (candidate && candidate->Bindings.size() == detections.size()) list = candidate;
+  ASSERT_NE(list, nullptr);
+  const hunt::TLiteralIndex& index = *list->Literals;
+  const uint32_t expected[] = {2, 2, 2, 2, 1, 1, 1};
+  for (uint32_t b = 0; b < detections.size(); ++b) EXPECT_EQ(index.ClausesOf(b), expected[b]) << detections[b];
+  for (uint32_t clause = 0; clause < index.ClauseCount(); ++clause)
+    EXPECT_LT(index.ClauseBinding(clause), detections.size());
+
+  const char* const images[] = {"C:\\x\\csi.exe", "C:\\x\\other.exe"};
+  const char* const lines[] = {"evil", "one", "two", "one two", "EVIL one", "nothing"};
+  TEvtxFileWriter writer;
+  for (const char* image : images)
+    for (const char* line : lines) {
+      writer.AddEvent(ProcessEvent(image, line));
+      writer.AddEvent(ProcessEvent(image, line, {{"Company", "Microsoft Corporation"}}));
+    }
+  const std::string path = WriteTempFile("literal_clauses.evtx", writer.Bytes());
+  // Per rule: csi and company on each of its 6 lines; csi and "evil" (either case) 2 x 2;
+  // "one" and "two" 1 line x 2 images x 2; csi or "evil", with company, 6 + 2; one of
+  // "one" (3 lines x 4) or csi and "evil" (2 more); csi without the cased "ev.l" 5 x 2;
+  // csi with it 1 x 2.
+  EXPECT_EQ(CompareOver(rules, path), size_t{6 + 4 + 4 + 8 + 14 + 10 + 2});
+}
+
 TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {
   if (SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
   TRuleSet rules;
