@@ -4,6 +4,8 @@
 #include "platform/crc32.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -44,6 +46,16 @@ __attribute__((target("avx2"))) size_t ReplaceControlAvx2(unsigned char* p, size
   return n - i;
 }
 #endif
+
+// How long a thread stays awake waiting for a batch, and how often it retries the lock.
+constexpr auto kSpinTime = std::chrono::microseconds(50);
+constexpr int kLockSpins = 200;
+
+inline void CpuRelax() {
+#if defined(__GNUC__) && defined(__x86_64__)
+  _mm_pause();
+#endif
+}
 
 } // namespace
 
@@ -169,9 +181,11 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   // Every thread, the calling one included, takes batches of jobs in order under one
   // lock and renders them outside it. A finished batch is parked; whichever thread finds
   // the next batch in sequence waiting hands it (and any that follow it) to the consumer,
-  // one thread at a time. Batches are recycled by the thread that filled them, so their
-  // buffers keep their capacity and stay in that core's cache, and at most
-  // kBatchesPerWorker batches per thread are in flight.
+  // one thread at a time. A thread takes back the batches it filled first, so their
+  // buffers keep their capacity and stay in that core's cache, and borrows another
+  // thread's idle one when all of its own are parked behind a slower thread: at most
+  // kBatchesPerWorker batches per thread are in flight, yet one thread may run ahead of
+  // a stalled one by nearly all of them.
   constexpr size_t kBatchSize = 1;
   constexpr size_t kBatchesPerWorker = 3;
   struct TBatch {
@@ -191,7 +205,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     }
   }
   std::mutex lock;
-  std::condition_variable batchFree; // a thread waits for one of its batches to come back
+  std::condition_variable batchFree; // a thread waits for a batch to come back
   std::map<uint64_t, TBatch*> done;
   uint64_t nextBatch = 0; // sequence number of the next batch handed out
   uint64_t nextWrite = 0; // next batch the consumer takes
@@ -200,11 +214,32 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   bool failed = false;
   bool writing = false;   // a thread is handing results to the consumer
   std::exception_ptr error;
+  // Read without the lock by a thread that spins before it sleeps: batches idle, and
+  // whether the run is over.
+  std::atomic<size_t> idleCount{storage.size()};
+  std::atomic<bool> over{false};
 
   auto fail = [&](std::exception_ptr AError) {
     failed = true;
+    over.store(true, std::memory_order_relaxed);
     if (!error) error = AError;
     batchFree.notify_all();
+  };
+
+  // Waking a sleeping thread takes tens of microseconds, a chunk's render about fifty:
+  // a thread about to sleep first waits a little while awake, and the lock, held only
+  // for moments, is taken by retrying before sleeping on it.
+  auto spinLock = [&](std::unique_lock<std::mutex>& AGuard) {
+    for (int i = 0; i < kLockSpins; ++i) {
+      if (AGuard.try_lock()) return;
+      CpuRelax();
+    }
+    AGuard.lock();
+  };
+
+  auto giveBack = [&](TBatch* ABatch) {
+    idle[ABatch->Owner].push_back(ABatch);
+    idleCount.fetch_add(1, std::memory_order_relaxed);
   };
 
   // Called with the lock held: hands every parked batch that is next in order to the
@@ -225,27 +260,45 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       } catch (...) {
         consumerError = std::current_exception();
       }
-      AGuard.lock();
+      spinLock(AGuard);
       if (consumerError) fail(consumerError);
       ++nextWrite;
-      idle[batch->Owner].push_back(batch);
+      giveBack(batch);
       batchFree.notify_all();
     }
     writing = false;
   };
 
+  // Called with the lock held: an idle batch, the thread's own when it has one; null
+  // when every batch is in flight.
+  auto takeBatch = [&](unsigned AWorker) -> TBatch* {
+    std::vector<TBatch*>* from = &idle[AWorker];
+    for (unsigned w = 0; from->empty() && w < AThreads; ++w) from = &idle[w];
+    if (from->empty()) return nullptr;
+    TBatch* batch = from->back();
+    from->pop_back();
+    idleCount.fetch_sub(1, std::memory_order_relaxed);
+    return batch;
+  };
+
   auto worker = [&](unsigned AWorker) {
-    std::vector<TBatch*>& mine = idle[AWorker];
-    std::unique_lock<std::mutex> guard(lock);
+    std::unique_lock<std::mutex> guard(lock, std::defer_lock);
+    spinLock(guard);
     for (;;) {
       if (failed || exhausted) return; // batches still parked are written by whoever parks the one they wait for
-      if (mine.empty()) {
-        // All our batches are parked behind a slower thread's; it hands them back.
-        batchFree.wait(guard, [&] { return failed || exhausted || !mine.empty(); });
+      TBatch* batch = takeBatch(AWorker);
+      if (!batch) {
+        // Every batch is parked behind a slower thread's; it hands them back.
+        guard.unlock();
+        const auto until = std::chrono::steady_clock::now() + kSpinTime;
+        for (unsigned i = 1; idleCount.load(std::memory_order_relaxed) == 0 && !over.load(std::memory_order_relaxed); ++i) {
+          CpuRelax();
+          if (i % 64 == 0 && std::chrono::steady_clock::now() >= until) break;
+        }
+        spinLock(guard);
+        batchFree.wait(guard, [&] { return failed || exhausted || idleCount.load(std::memory_order_relaxed) > 0; });
         continue;
       }
-      TBatch* batch = mine.back();
-      mine.pop_back();
       batch->Count = 0;
       try {
         while (batch->Count < kBatchSize) {
@@ -257,6 +310,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           job.ReadRecords = nullptr;
           if (!AProducer(job)) {
             exhausted = true;
+            over.store(true, std::memory_order_relaxed);
             batchFree.notify_all();
             break;
           }
@@ -264,12 +318,12 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           ++batch->Count;
         }
       } catch (...) {
-        mine.push_back(batch);
+        giveBack(batch);
         fail(std::current_exception());
         return;
       }
       if (batch->Count == 0) {
-        mine.push_back(batch);
+        giveBack(batch);
         continue;
       }
       batch->Sequence = nextBatch++;
@@ -283,9 +337,9 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       } catch (...) {
         renderError = std::current_exception();
       }
-      guard.lock();
+      spinLock(guard);
       if (renderError) {
-        mine.push_back(batch);
+        giveBack(batch);
         fail(renderError);
         return;
       }
