@@ -48,8 +48,8 @@ __attribute__((target("avx2"))) size_t ReplaceControlAvx2(unsigned char* p, size
 #endif
 
 // How long a thread stays awake waiting for a batch, and how often it retries the lock.
-constexpr auto kSpinTime = std::chrono::microseconds(50);
-constexpr int kLockSpins = 200;
+constexpr std::chrono::nanoseconds kSpinTime = std::chrono::microseconds(20);
+constexpr int kLockSpins = 100;
 
 inline void CpuRelax() {
 #if defined(__GNUC__) && defined(__x86_64__)
@@ -283,20 +283,39 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
 
   auto worker = [&](unsigned AWorker) {
     std::unique_lock<std::mutex> guard(lock, std::defer_lock);
+    std::chrono::nanoseconds spinBudget = kSpinTime;
     spinLock(guard);
     for (;;) {
       if (failed || exhausted) return; // batches still parked are written by whoever parks the one they wait for
       TBatch* batch = takeBatch(AWorker);
       if (!batch) {
-        // Every batch is parked behind a slower thread's; it hands them back.
-        guard.unlock();
-        const auto until = std::chrono::steady_clock::now() + kSpinTime;
-        for (unsigned i = 1; idleCount.load(std::memory_order_relaxed) == 0 && !over.load(std::memory_order_relaxed); ++i) {
-          CpuRelax();
-          if (i % 64 == 0 && std::chrono::steady_clock::now() >= until) break;
+        // Every batch is parked behind a slower thread's; it hands them back. The thread
+        // waits awake for as long as recent waits lasted (a wait that ended asleep but
+        // soon doubles the time, one that lasted longer halves it): the slower thread is
+        // usually a moment from done, but on a busy machine it may have lost its core for
+        // milliseconds, and then waiting awake only takes the core from others.
+        const auto begin = std::chrono::steady_clock::now();
+        bool free = false;
+        if (spinBudget.count() > 0) {
+          guard.unlock();
+          for (unsigned i = 1;; ++i) {
+            if (idleCount.load(std::memory_order_relaxed) > 0 || over.load(std::memory_order_relaxed)) {
+              free = true;
+              break;
+            }
+            CpuRelax();
+            if (i % 32 == 0 && std::chrono::steady_clock::now() - begin >= spinBudget) break;
+          }
+          spinLock(guard);
         }
-        spinLock(guard);
-        batchFree.wait(guard, [&] { return failed || exhausted || idleCount.load(std::memory_order_relaxed) > 0; });
+        if (!free) {
+          batchFree.wait(guard, [&] { return failed || exhausted || idleCount.load(std::memory_order_relaxed) > 0; });
+          // A wait longer than the spin: the slower thread had lost its core.
+          if (std::chrono::steady_clock::now() - begin < kSpinTime)
+            spinBudget = std::max<std::chrono::nanoseconds>(spinBudget, kSpinTime / 4);
+          else
+            spinBudget = spinBudget / 2 < kSpinTime / 8 ? std::chrono::nanoseconds(0) : spinBudget / 2;
+        }
         continue;
       }
       batch->Count = 0;

@@ -2,11 +2,8 @@
 
 #include "engine/evtx/evtx_layout.h"
 #include "platform/byte_reader.h"
-#include "platform/read_stream.h"
 
 #include <algorithm>
-#include <exception>
-#include <thread>
 
 namespace qvx {
 
@@ -40,67 +37,17 @@ bool TEvtxFile::HeaderValid() {
   return FHeaderValid;
 }
 
-namespace {
-
-// Below this many chunk positions reading the headers on another thread costs more than
-// it saves (starting the thread takes about as long as a hundred reads).
-constexpr uint64_t kParallelListChunks = 256;
-
-// Reads the headers of the chunks at positions AFirst .. AEnd-1 (numbered from the first
-// chunk, 65536 bytes apart) into AList, stopping at the first that is not a chunk.
-// Returns true when every one was.
-bool ReadChunkHeaders(const TReadStream* AFile, uint64_t AFirst, uint64_t AEnd,
-                      std::vector<std::unique_ptr<TEvtxChunk>>& AList) {
-  for (uint64_t i = AFirst; i < AEnd; ++i) {
-    const uint64_t start = kFileHeaderBlockSize + i * kChunkSize;
-    if (start > UINT32_MAX) return false; // chunk positions are 32-bit
-    auto chunk = std::make_unique<TEvtxChunk>(AFile, true);
-    chunk->Start = static_cast<uint32_t>(start);
-    if (!chunk->Valid()) return false;
-    AList.push_back(std::move(chunk));
-  }
-  return true;
-}
-
-} // namespace
-
 void TEvtxFile::BuildChunks() {
   FActive = true;
   if (!Valid()) return;
-  // Every position where a chunk's header could lie (the walk stops at the first one
-  // that holds none, at the latest past the end of the file).
-  const uint64_t size = FFileHandle ? FFileHandle->Size() : 0;
-  const uint64_t positions = size > kFileHeaderBlockSize ? (size - kFileHeaderBlockSize + kChunkSize - 1) / kChunkSize : 0;
-  if (FListThreads > 1 && positions >= kParallelListChunks && FFileHandle->ParallelReads()) {
-    // The second half is read on another thread and kept only when the walk of the first
-    // half reaches it, so the list is the one the walk one by one makes.
-    const uint64_t half = positions / 2;
-    std::vector<std::unique_ptr<TEvtxChunk>> later;
-    bool laterThere = true;
-    std::exception_ptr laterError;
-    std::thread other([&] {
-      try {
-        laterThere = ReadChunkHeaders(FFileHandle, half, positions, later);
-      } catch (...) {
-        laterError = std::current_exception();
-      }
-    });
-    bool whole = false;
-    try {
-      whole = ReadChunkHeaders(FFileHandle, 0, half, FChunksList);
-    } catch (...) {
-      other.join();
-      throw;
-    }
-    other.join();
-    if (whole) {
-      if (laterError) std::rethrow_exception(laterError);
-      for (auto& chunk : later) FChunksList.push_back(std::move(chunk));
-      // A file that grew since its size was taken: the walk goes on past it.
-      if (laterThere) ReadChunkHeaders(FFileHandle, positions, UINT64_MAX, FChunksList);
-    }
-  } else {
-    ReadChunkHeaders(FFileHandle, 0, UINT64_MAX, FChunksList);
+  uint64_t start = kFileHeaderBlockSize;
+  for (;;) {
+    if (start > UINT32_MAX) break; // chunk positions are 32-bit
+    auto chunk = std::make_unique<TEvtxChunk>(FFileHandle, true);
+    chunk->Start = static_cast<uint32_t>(start);
+    if (!chunk->Valid()) break;
+    FChunksList.push_back(std::move(chunk));
+    start += kChunkSize;
   }
   std::stable_sort(FChunksList.begin(), FChunksList.end(),
                    [](const auto& a, const auto& b) { return a->NumFirstFile() > b->NumFirstFile(); });

@@ -20,10 +20,6 @@ public:
   int Count();
   // The chunk at AIndex (0 is the newest: largest first record identifier), or null.
   TEvtxChunk* GetChunk(int AIndex);
-  // Threads that may read the chunk headers when the list is built (1, the default: the
-  // calling thread alone). A large file's headers are then read in parallel; the list is
-  // the same as read one by one. Set before the first use of the list.
-  void SetListThreads(unsigned AThreads) { FListThreads = AThreads; }
 
   // The header alone passed its checks (magic, version 3.1 or later, sizes 128/4096).
   bool HeaderValid();
@@ -58,7 +54,6 @@ private:
 
   std::vector<std::unique_ptr<TEvtxChunk>> FChunksList;
   bool FActive = false;
-  unsigned FListThreads = 1;
   bool FHeaderValid = false;
   uint64_t FOldestChunk = 0;
   uint64_t FCurrentChunk = 0;

@@ -215,6 +215,20 @@ TEST(ChunkReader, StalledThreadLetsOthersRunAheadWithinTheWindow) {
   }
 }
 
+// A source that ends before the chunks do (a chunk list cut short): every thread stops,
+// and the consumer got exactly the chunks handed out, in order.
+TEST(ChunkReader, SourceEndingEarlyStopsEveryThread) {
+  auto file = MakeEvtxFile(40, 2);
+  for (unsigned threads : {2u, 3u, 8u}) {
+    for (size_t chunks : {size_t{0}, size_t{1}, size_t{7}}) {
+      auto log = RunLogged(file, chunks, threads, [](uint64_t) {});
+      EXPECT_FALSE(log.Raised);
+      ASSERT_EQ(log.Seen.size(), chunks) << threads;
+      for (size_t i = 0; i < chunks; ++i) EXPECT_EQ(log.Seen[i], i) << threads;
+    }
+  }
+}
+
 // A failing render or consumer stops the run with several threads: the error is raised
 // again, and the consumer saw only chunks before the failing one, in order.
 TEST(ChunkReader, FailureWithSeveralThreadsStopsInOrder) {

@@ -101,56 +101,5 @@ TEST(EvtxFileChunks, ExportHandsOutEveryChunkThenReadsAgain) {
   EXPECT_EQ(f.File.Count(), 3);
 }
 
-
-// The chunk list of a large file is read on two threads (its second half on another)
-// when asked: the list must be the one the walk on one thread makes, ending at the first
-// position that holds no chunk even when the chunks after it were read already.
-std::vector<std::pair<uint32_t, uint64_t>> ListChunks(const std::vector<uint8_t>& ABytes, unsigned AThreads,
-                                                      int& ACount) {
-  TOpenFile f(ABytes, AThreads > 1 ? "list2.evtx" : "list1.evtx");
-  f.File.SetListThreads(AThreads);
-  ACount = f.File.Count();
-  std::vector<std::pair<uint32_t, uint64_t>> list;
-  for (int i = 0; i < f.File.ChunksFound(); ++i)
-    list.emplace_back(f.File.GetFoundChunk(i)->Start, f.File.GetFoundChunk(i)->NumFirstFile());
-  return list;
-}
-
-TEST(EvtxFileChunks, ListReadOnTwoThreadsIsTheOneReadOnOne) {
-  // A log that wrapped around: the newest chunk lies in the first half.
-  std::vector<size_t> order;
-  for (size_t i = 0; i < 300; ++i) order.push_back((i + 200) % 300);
-  auto bytes = MakeFileInChunkOrder(order, 1);
-  int one = 0, two = 0;
-  auto listOne = ListChunks(bytes, 1, one);
-  auto listTwo = ListChunks(bytes, 2, two);
-  EXPECT_EQ(one, 300);
-  EXPECT_EQ(two, 300);
-  EXPECT_EQ(listTwo, listOne);
-  ASSERT_EQ(listTwo.size(), 300u);
-  EXPECT_EQ(listTwo.front().first, ChunkFileOffset(99)); // chronologically last
-}
-
-TEST(EvtxFileChunks, ListReadOnTwoThreadsEndsAtTheFirstMissingChunk) {
-  for (size_t broken : {size_t{20}, size_t{149}, size_t{150}, size_t{280}, size_t{299}}) {
-    auto bytes = MakeEvtxFile(300, 1);
-    bytes[ChunkFileOffset(broken)] = 'X'; // no "ElfChnk" signature there
-    int one = 0, two = 0;
-    auto listOne = ListChunks(bytes, 1, one);
-    auto listTwo = ListChunks(bytes, 2, two);
-    EXPECT_EQ(listOne.size(), broken) << broken;
-    EXPECT_EQ(listTwo, listOne) << broken;
-    EXPECT_EQ(two, -1) << broken; // the header names 300
-    EXPECT_EQ(one, -1) << broken;
-  }
-  // Cut inside the last chunk's header: the walk ends before it on both.
-  auto cut = MakeEvtxFile(300, 1);
-  TruncateAt(cut, ChunkFileOffset(299) + 100);
-  int one = 0, two = 0;
-  auto listOne = ListChunks(cut, 1, one);
-  EXPECT_EQ(ListChunks(cut, 2, two), listOne);
-  EXPECT_EQ(listOne.size(), 299u);
-}
-
 } // namespace
 } // namespace qvx
