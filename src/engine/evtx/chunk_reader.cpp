@@ -290,10 +290,11 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       TBatch* batch = takeBatch(AWorker);
       if (!batch) {
         // Every batch is parked behind a slower thread's; it hands them back. The thread
-        // waits awake for as long as recent waits lasted (a wait that ended asleep but
-        // soon doubles the time, one that lasted longer halves it): the slower thread is
-        // usually a moment from done, but on a busy machine it may have lost its core for
-        // milliseconds, and then waiting awake only takes the core from others.
+        // first waits awake, up to kSpinTime: the slower thread is usually a moment from
+        // done. On a busy machine it may have lost its core for milliseconds, and waiting
+        // awake then only takes the core from others: each wait that outlasts kSpinTime
+        // halves the time spent awake (down to none), one that ended soon after the
+        // thread fell asleep brings it back to a quarter.
         const auto begin = std::chrono::steady_clock::now();
         bool free = false;
         if (spinBudget.count() > 0) {
