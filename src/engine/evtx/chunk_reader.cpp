@@ -4,8 +4,6 @@
 #include "platform/crc32.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -47,8 +45,7 @@ __attribute__((target("avx2"))) size_t ReplaceControlAvx2(unsigned char* p, size
 }
 #endif
 
-// How long a thread stays awake waiting for a batch, and how often it retries the lock.
-constexpr std::chrono::nanoseconds kSpinTime = std::chrono::microseconds(20);
+// How often a thread retries the reader's lock before it sleeps on it.
 constexpr int kLockSpins = 100;
 
 inline void CpuRelax() {
@@ -214,21 +211,16 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   bool failed = false;
   bool writing = false;   // a thread is handing results to the consumer
   std::exception_ptr error;
-  // Read without the lock by a thread that spins before it sleeps: batches idle, and
-  // whether the run is over.
-  std::atomic<size_t> idleCount{storage.size()};
-  std::atomic<bool> over{false};
+  size_t idleCount = storage.size(); // batches in the idle lists
 
   auto fail = [&](std::exception_ptr AError) {
     failed = true;
-    over.store(true, std::memory_order_relaxed);
     if (!error) error = AError;
     batchFree.notify_all();
   };
 
-  // Waking a sleeping thread takes tens of microseconds, a chunk's render about fifty:
-  // a thread about to sleep first waits a little while awake, and the lock, held only
-  // for moments, is taken by retrying before sleeping on it.
+  // The lock is held only for moments, and waking a thread that slept on it takes tens
+  // of microseconds (a chunk's render takes about fifty): retry it a little first.
   auto spinLock = [&](std::unique_lock<std::mutex>& AGuard) {
     for (int i = 0; i < kLockSpins; ++i) {
       if (AGuard.try_lock()) return;
@@ -239,7 +231,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
 
   auto giveBack = [&](TBatch* ABatch) {
     idle[ABatch->Owner].push_back(ABatch);
-    idleCount.fetch_add(1, std::memory_order_relaxed);
+    ++idleCount;
   };
 
   // Called with the lock held: hands every parked batch that is next in order to the
@@ -277,46 +269,21 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     if (from->empty()) return nullptr;
     TBatch* batch = from->back();
     from->pop_back();
-    idleCount.fetch_sub(1, std::memory_order_relaxed);
+    --idleCount;
     return batch;
   };
 
   auto worker = [&](unsigned AWorker) {
     std::unique_lock<std::mutex> guard(lock, std::defer_lock);
-    std::chrono::nanoseconds spinBudget = kSpinTime;
     spinLock(guard);
     for (;;) {
       if (failed || exhausted) return; // batches still parked are written by whoever parks the one they wait for
       TBatch* batch = takeBatch(AWorker);
       if (!batch) {
-        // Every batch is parked behind a slower thread's; it hands them back. The thread
-        // first waits awake, up to kSpinTime: the slower thread is usually a moment from
-        // done. On a busy machine it may have lost its core for milliseconds, and waiting
-        // awake then only takes the core from others: each wait that outlasts kSpinTime
-        // halves the time spent awake (down to none), one that ended soon after the
-        // thread fell asleep brings it back to a quarter.
-        const auto begin = std::chrono::steady_clock::now();
-        bool free = false;
-        if (spinBudget.count() > 0) {
-          guard.unlock();
-          for (unsigned i = 1;; ++i) {
-            if (idleCount.load(std::memory_order_relaxed) > 0 || over.load(std::memory_order_relaxed)) {
-              free = true;
-              break;
-            }
-            CpuRelax();
-            if (i % 32 == 0 && std::chrono::steady_clock::now() - begin >= spinBudget) break;
-          }
-          spinLock(guard);
-        }
-        if (!free) {
-          batchFree.wait(guard, [&] { return failed || exhausted || idleCount.load(std::memory_order_relaxed) > 0; });
-          // A wait longer than the spin: the slower thread had lost its core.
-          if (std::chrono::steady_clock::now() - begin < kSpinTime)
-            spinBudget = std::max<std::chrono::nanoseconds>(spinBudget, kSpinTime / 4);
-          else
-            spinBudget = spinBudget / 2 < kSpinTime / 8 ? std::chrono::nanoseconds(0) : spinBudget / 2;
-        }
+        // Every batch is parked behind a slower thread's; it hands them back. (Waiting
+        // awake here first gained nothing measurable with two threads on an idle machine
+        // and cost several milliseconds of processor time on a busy one.)
+        batchFree.wait(guard, [&] { return failed || exhausted || idleCount > 0; });
         continue;
       }
       batch->Count = 0;
@@ -330,8 +297,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           job.ReadRecords = nullptr;
           if (!AProducer(job)) {
             exhausted = true;
-            over.store(true, std::memory_order_relaxed);
-            batchFree.notify_all();
+                    batchFree.notify_all();
             break;
           }
           ++nextJob;
