@@ -45,6 +45,15 @@ __attribute__((target("avx2"))) size_t ReplaceControlAvx2(unsigned char* p, size
 }
 #endif
 
+// How often a thread retries the reader's lock before it sleeps on it.
+constexpr int kLockSpins = 100;
+
+inline void CpuRelax() {
+#if defined(__GNUC__) && defined(__x86_64__)
+  _mm_pause();
+#endif
+}
+
 } // namespace
 
 void ReplaceControlCharacters(std::string& AText) {
@@ -169,9 +178,11 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   // Every thread, the calling one included, takes batches of jobs in order under one
   // lock and renders them outside it. A finished batch is parked; whichever thread finds
   // the next batch in sequence waiting hands it (and any that follow it) to the consumer,
-  // one thread at a time. Batches are recycled by the thread that filled them, so their
-  // buffers keep their capacity and stay in that core's cache, and at most
-  // kBatchesPerWorker batches per thread are in flight.
+  // one thread at a time. A thread takes back the batches it filled first, so their
+  // buffers keep their capacity and stay in that core's cache, and borrows another
+  // thread's idle one when all of its own are parked behind a slower thread: at most
+  // kBatchesPerWorker batches per thread are in flight, yet one thread may run ahead of
+  // a stalled one by nearly all of them.
   constexpr size_t kBatchSize = 1;
   constexpr size_t kBatchesPerWorker = 3;
   struct TBatch {
@@ -191,7 +202,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     }
   }
   std::mutex lock;
-  std::condition_variable batchFree; // a thread waits for one of its batches to come back
+  std::condition_variable batchFree; // a thread waits for a batch to come back
   std::map<uint64_t, TBatch*> done;
   uint64_t nextBatch = 0; // sequence number of the next batch handed out
   uint64_t nextWrite = 0; // next batch the consumer takes
@@ -200,11 +211,27 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   bool failed = false;
   bool writing = false;   // a thread is handing results to the consumer
   std::exception_ptr error;
+  size_t idleCount = storage.size(); // batches in the idle lists
 
   auto fail = [&](std::exception_ptr AError) {
     failed = true;
     if (!error) error = AError;
     batchFree.notify_all();
+  };
+
+  // The lock is held only for moments, and waking a thread that slept on it takes tens
+  // of microseconds (a chunk's render takes about fifty): retry it a little first.
+  auto spinLock = [&](std::unique_lock<std::mutex>& AGuard) {
+    for (int i = 0; i < kLockSpins; ++i) {
+      if (AGuard.try_lock()) return;
+      CpuRelax();
+    }
+    AGuard.lock();
+  };
+
+  auto giveBack = [&](TBatch* ABatch) {
+    idle[ABatch->Owner].push_back(ABatch);
+    ++idleCount;
   };
 
   // Called with the lock held: hands every parked batch that is next in order to the
@@ -225,27 +252,40 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       } catch (...) {
         consumerError = std::current_exception();
       }
-      AGuard.lock();
+      spinLock(AGuard);
       if (consumerError) fail(consumerError);
       ++nextWrite;
-      idle[batch->Owner].push_back(batch);
+      giveBack(batch);
       batchFree.notify_all();
     }
     writing = false;
   };
 
+  // Called with the lock held: an idle batch, the thread's own when it has one; null
+  // when every batch is in flight.
+  auto takeBatch = [&](unsigned AWorker) -> TBatch* {
+    std::vector<TBatch*>* from = &idle[AWorker];
+    for (unsigned w = 0; from->empty() && w < AThreads; ++w) from = &idle[w];
+    if (from->empty()) return nullptr;
+    TBatch* batch = from->back();
+    from->pop_back();
+    --idleCount;
+    return batch;
+  };
+
   auto worker = [&](unsigned AWorker) {
-    std::vector<TBatch*>& mine = idle[AWorker];
-    std::unique_lock<std::mutex> guard(lock);
+    std::unique_lock<std::mutex> guard(lock, std::defer_lock);
+    spinLock(guard);
     for (;;) {
       if (failed || exhausted) return; // batches still parked are written by whoever parks the one they wait for
-      if (mine.empty()) {
-        // All our batches are parked behind a slower thread's; it hands them back.
-        batchFree.wait(guard, [&] { return failed || exhausted || !mine.empty(); });
+      TBatch* batch = takeBatch(AWorker);
+      if (!batch) {
+        // Every batch is parked behind a slower thread's; it hands them back. (Waiting
+        // awake here first gained nothing measurable with two threads on an idle machine
+        // and cost several milliseconds of processor time on a busy one.)
+        batchFree.wait(guard, [&] { return failed || exhausted || idleCount > 0; });
         continue;
       }
-      TBatch* batch = mine.back();
-      mine.pop_back();
       batch->Count = 0;
       try {
         while (batch->Count < kBatchSize) {
@@ -257,19 +297,19 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           job.ReadRecords = nullptr;
           if (!AProducer(job)) {
             exhausted = true;
-            batchFree.notify_all();
+                    batchFree.notify_all();
             break;
           }
           ++nextJob;
           ++batch->Count;
         }
       } catch (...) {
-        mine.push_back(batch);
+        giveBack(batch);
         fail(std::current_exception());
         return;
       }
       if (batch->Count == 0) {
-        mine.push_back(batch);
+        giveBack(batch);
         continue;
       }
       batch->Sequence = nextBatch++;
@@ -283,9 +323,9 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       } catch (...) {
         renderError = std::current_exception();
       }
-      guard.lock();
+      spinLock(guard);
       if (renderError) {
-        mine.push_back(batch);
+        giveBack(batch);
         fail(renderError);
         return;
       }

@@ -6,7 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
 #include <mutex>
+#include <thread>
 #include <stdexcept>
 
 namespace qvx {
@@ -145,6 +150,103 @@ TEST(ChunkReader, ProducerFailureStopsTheRunAndIsRaisedAgain) {
   for (unsigned threads : {1u, 2u}) {
     calls = 0;
     EXPECT_THROW(TChunkReader::Run(producer, [](TChunkResult&) {}, threads), std::runtime_error);
+  }
+}
+
+
+// Renders AChunks chunks of AFile with AThreads threads, the finisher calling AOnRender
+// for each first; the sequence numbers the consumer received, in order, and the most
+// chunks handed out but not yet consumed at any time.
+struct TRunLog {
+  std::vector<uint64_t> Seen;
+  size_t MaxInFlight = 0;
+  bool Raised = false;
+};
+TRunLog RunLogged(const std::vector<uint8_t>& AFile, size_t AChunks, unsigned AThreads,
+                  const std::function<void(uint64_t)>& AOnRender,
+                  const std::function<void(uint64_t)>& AOnConsume = {}) {
+  TRunLog log;
+  size_t next = 0;
+  std::atomic<size_t> inFlight{0};
+  try {
+    TChunkReader::Run(
+        [&](TChunkJob& AJob) {
+          if (next == AChunks) return false;
+          AJob.Position = ChunkFileOffset(next++);
+          AJob.Bytes.assign(AFile.begin() + static_cast<ptrdiff_t>(AJob.Position),
+                            AFile.begin() + static_cast<ptrdiff_t>(AJob.Position + 65536));
+          log.MaxInFlight = std::max(log.MaxInFlight, ++inFlight);
+          return true;
+        },
+        [&](TChunkResult& AResult) {
+          if (AOnConsume) AOnConsume(AResult.Sequence);
+          // The finisher's note travels with the result it was made for.
+          EXPECT_EQ(AResult.Notes.size(), 1u);
+          if (!AResult.Notes.empty()) {
+            EXPECT_EQ(AResult.Notes[0], std::to_string(AResult.Position));
+          }
+          log.Seen.push_back(AResult.Sequence);
+          --inFlight;
+        },
+        AThreads,
+        [&](TChunkResult& AResult, unsigned) {
+          AResult.Notes.assign(1, std::to_string(AResult.Position));
+          AOnRender(AResult.Sequence);
+        });
+  } catch (const std::runtime_error&) {
+    log.Raised = true;
+  }
+  return log;
+}
+
+// One thread stalls on a chunk: the others render ahead of it into the batches that are
+// idle, but never more than the window, and the consumer still gets every chunk in order.
+TEST(ChunkReader, StalledThreadLetsOthersRunAheadWithinTheWindow) {
+  auto file = MakeEvtxFile(60, 3);
+  for (unsigned threads : {2u, 3u}) {
+    auto log = RunLogged(file, 60, threads, [](uint64_t ASequence) {
+      if (ASequence == 1 || ASequence == 30) std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    });
+    ASSERT_EQ(log.Seen.size(), 60u) << threads;
+    for (size_t i = 0; i < log.Seen.size(); ++i) EXPECT_EQ(log.Seen[i], i) << threads;
+    EXPECT_LE(log.MaxInFlight, 3u * threads) << threads;
+    // While one thread slept the others filled the window, borrowing its idle batches.
+    EXPECT_EQ(log.MaxInFlight, 3u * threads) << threads;
+  }
+}
+
+// A source that ends before the chunks do (a chunk list cut short): every thread stops,
+// and the consumer got exactly the chunks handed out, in order.
+TEST(ChunkReader, SourceEndingEarlyStopsEveryThread) {
+  auto file = MakeEvtxFile(40, 2);
+  for (unsigned threads : {2u, 3u, 8u}) {
+    for (size_t chunks : {size_t{0}, size_t{1}, size_t{7}}) {
+      auto log = RunLogged(file, chunks, threads, [](uint64_t) {});
+      EXPECT_FALSE(log.Raised);
+      ASSERT_EQ(log.Seen.size(), chunks) << threads;
+      for (size_t i = 0; i < chunks; ++i) EXPECT_EQ(log.Seen[i], i) << threads;
+    }
+  }
+}
+
+// A failing render or consumer stops the run with several threads: the error is raised
+// again, and the consumer saw only chunks before the failing one, in order.
+TEST(ChunkReader, FailureWithSeveralThreadsStopsInOrder) {
+  auto file = MakeEvtxFile(40, 2);
+  for (unsigned threads : {2u, 3u}) {
+    auto render = RunLogged(file, 40, threads, [](uint64_t ASequence) {
+      if (ASequence == 17) throw std::runtime_error("render failed");
+    });
+    EXPECT_TRUE(render.Raised) << threads;
+    EXPECT_LT(render.Seen.size(), 18u) << threads;
+    for (size_t i = 0; i < render.Seen.size(); ++i) EXPECT_EQ(render.Seen[i], i) << threads;
+
+    auto consume = RunLogged(file, 40, threads, [](uint64_t) {}, [](uint64_t ASequence) {
+      if (ASequence == 9) throw std::runtime_error("write failed");
+    });
+    EXPECT_TRUE(consume.Raised) << threads;
+    ASSERT_EQ(consume.Seen.size(), 9u) << threads;
+    for (size_t i = 0; i < consume.Seen.size(); ++i) EXPECT_EQ(consume.Seen[i], i) << threads;
   }
 }
 
