@@ -261,8 +261,7 @@ TChunkReader::TProducer TEventLogBinXML::ChunkProducer() {
   };
 }
 
-void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
-                                const std::function<void(TEventItemX&)>& AEach) {
+void TEventLogBinXML::BeginTaking(TChunkResult& AResult, uint64_t AChunkNumber) {
   // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
   if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
   FIssueList->Clear();
@@ -271,8 +270,37 @@ void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
   FEventIndex = 0;
   FChunkXML.clear();
   AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
-  uint32_t taken = 0;
   FTakingChunk = true;
+}
+
+void TEventLogBinXML::EndTaking(TChunkResult& AResult, uint32_t ATaken) {
+  FTakingChunk = false;
+  std::swap(FChunk, AResult);
+  AResult.Taken = ATaken;
+  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
+}
+
+bool TEventLogBinXML::NextIsPlanned() const {
+  const size_t count = FChunk.RecordFields.size();
+  return FChunk.FieldsRead && count > 0 && FEventIndex < count &&
+         FChunk.RecordFields[count - 1 - FEventIndex].Plan != 0xFFFFFFFF;
+}
+
+TChunkResult::TRecordSpan TEventLogBinXML::NextPlannedSpan() {
+  const size_t count = FChunk.RecordFields.size();
+  const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
+  if (++FEventIndex >= count) {
+    FEventIndex = 0;
+    ++FChunkIndex;
+  }
+  ++FRecordCounter;
+  return span;
+}
+
+void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
+                                const std::function<void(TEventItemX&)>& AEach) {
+  BeginTaking(AResult, AChunkNumber);
+  uint32_t taken = 0;
   // As EventNext: TakeEvent moves to the next chunk (FChunkIndex) after the last event.
   while (FChunkIndex == 0) {
     FEventWithoutXml = false;
@@ -282,24 +310,13 @@ void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
     ++taken;
     AEach(FItem);
   }
-  FTakingChunk = false;
-  std::swap(FChunk, AResult);
-  AResult.Taken = taken;
-  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
+  EndTaking(AResult, taken);
 }
 
 void TEventLogBinXML::TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber,
                                     const std::function<void(const TEventRow&)>& ARow) {
-  // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
-  if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
-  FIssueList->Clear();
-  std::swap(FChunk, AResult);
-  FChunkIndex = 0;
-  FEventIndex = 0;
-  FChunkXML.clear();
-  AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
+  BeginTaking(AResult, AChunkNumber);
   uint32_t taken = 0;
-  FTakingChunk = true;
   // A row says what the item would only where the description is the mark alone (no
   // offline descriptions; the system's own are looked up on Windows).
 #ifdef _WIN32
@@ -309,8 +326,7 @@ void TEventLogBinXML::TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber
 #endif
   TEventRow row;
   while (FChunkIndex == 0) {
-    const size_t count = FChunk.RecordFields.size();
-    if (rows && FChunk.FieldsRead && count > 0 && FChunk.RecordFields[count - 1 - FEventIndex].Plan != 0xFFFFFFFF) {
+    if (rows && NextIsPlanned()) {
       TakeRowEvent(row);
       ++taken;
       ARow(row);
@@ -324,36 +340,18 @@ void TEventLogBinXML::TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber
     RowOfItem(FItem, row);
     ARow(row);
   }
-  FTakingChunk = false;
-  std::swap(FChunk, AResult);
-  AResult.Taken = taken;
-  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
+  EndTaking(AResult, taken);
 }
 
 void TEventLogBinXML::TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumber, const TNamedEach& AEach) {
-  // Every issue goes to AResult.Notes: the reading source's list keeps the first 2000.
-  if (FIssueList->MaxCount() >= 0) FIssueList = std::make_unique<TIssueList>(-1);
-  FIssueList->Clear();
-  std::swap(FChunk, AResult);
-  FChunkIndex = 0;
-  FEventIndex = 0;
-  FChunkXML.clear();
-  AcceptChunk("Chunk #" + std::to_string(AChunkNumber) + " at offset " + HexText(FChunk.Position));
+  BeginTaking(AResult, AChunkNumber);
   uint32_t taken = 0;
-  FTakingChunk = true;
   TEventRow row;
   row.Owner = this;
   while (FChunkIndex == 0) {
-    const size_t count = FChunk.RecordFields.size();
-    if (FNamedValues && FChunk.FieldsRead && count > 0 &&
-        FChunk.RecordFields[count - 1 - FEventIndex].Plan != 0xFFFFFFFF) {
+    if (FNamedValues && NextIsPlanned()) {
       // As TakeFieldsEvent and BuildItem, reading the fields where they lie.
-      const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
-      if (++FEventIndex >= count) {
-        FEventIndex = 0;
-        ++FChunkIndex;
-      }
-      ++FRecordCounter;
+      const TChunkResult::TRecordSpan span = NextPlannedSpan();
       FHaveNamed = false;
       TakeRecordNamedValues(FChunk, span, FNamed, true); // (used before the chunk changes)
       const std::string* fields = FChunk.Fields.data() + span.First;
@@ -380,21 +378,12 @@ void TEventLogBinXML::TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumbe
     row.Computer = FItem.FComputername;
     AEach(row, NamedValues(), FItem.FEvtXML);
   }
-  FTakingChunk = false;
-  std::swap(FChunk, AResult);
-  AResult.Taken = taken;
-  AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
+  EndTaking(AResult, taken);
 }
 
 void TEventLogBinXML::TakeRowEvent(TEventRow& ARow) {
   // As TakeFieldsEvent and BuildItem, reading the fields where they lie.
-  const size_t count = FChunk.RecordFields.size();
-  const TChunkResult::TRecordSpan span = FChunk.RecordFields[count - 1 - FEventIndex];
-  if (++FEventIndex >= count) {
-    FEventIndex = 0;
-    ++FChunkIndex;
-  }
-  ++FRecordCounter;
+  const TChunkResult::TRecordSpan span = NextPlannedSpan();
   const std::string* fields = FChunk.Fields.data() + span.First;
   const std::string& provider = fields[rfProviderName];
   const std::string& userId = fields[rfUserID];

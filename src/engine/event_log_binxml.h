@@ -156,6 +156,13 @@ protected:
   void TakeFieldsEvent(std::string& AXml, TEventXmlFields& AFields);
   // Views the chunk's next event, read by its plan, as ARow (TakeChunkRows).
   void TakeRowEvent(TEventRow& ARow);
+  // TakeChunk*: AResult becomes the current chunk (its issues kept apart), and is handed
+  // back with the count of events taken and the issues met.
+  void BeginTaking(TChunkResult& AResult, uint64_t AChunkNumber);
+  void EndTaking(TChunkResult& AResult, uint32_t ATaken);
+  // Whether the current chunk's next event was read by its plan; its span, moving past it.
+  bool NextIsPlanned() const;
+  TChunkResult::TRecordSpan NextPlannedSpan();
   // The task and user names of the last few (provider, task, user) of rows
   // (TakeRowEvent), kept for the next ones; the oldest gives way.
   struct TRowNames {
