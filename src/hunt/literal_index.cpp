@@ -414,7 +414,7 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   AAutomaton.MinLength = 0xFFFFFFFF;
   for (const uint32_t literal : ALiterals) AAutomaton.MinLength = std::min(AAutomaton.MinLength, FLengths[literal]);
   if (ALiterals.empty()) AAutomaton.MinLength = 1;
-  const bool heads = classes < 256 && ALiterals.size() <= kMaxHeadLiterals &&
+  const bool heads = ALiterals.size() <= kMaxHeadLiterals &&
                      std::all_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t A) { return FLengths[A] >= 4; });
   if (heads) {
     // The 4-byte runs at the first HeadStep places of each literal: every literal is
@@ -424,9 +424,7 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
     AAutomaton.Heads.assign(65536 / 64, 0);
     for (const uint32_t literal : ALiterals)
       for (size_t at = 0; at < AAutomaton.HeadStep; ++at) {
-        uint32_t run = 0;
-        for (size_t i = at; i < at + 4; ++i) run = run << 8 | classOf[static_cast<uint8_t>(FTexts[literal][i])];
-        const uint32_t hash = HeadHash(run);
+        const uint32_t hash = HeadHash(HeadRun(reinterpret_cast<const uint8_t*>(FTexts[literal].data()) + at));
         AAutomaton.Heads[hash >> 6] |= uint64_t{1} << (hash & 63);
       }
   }
@@ -533,29 +531,43 @@ void TLiteralIndex::ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, 
   scratch.Clear();
 }
 
+namespace {
+
+// Whether one of the 4-byte runs of AText at the multiples of AStep has its bit in
+// AHeads (runs read whole, so only those that end within the text are tested).
+template <uint32_t AStep>
+bool AnyHead(const uint64_t* AHeads, const uint8_t* AText, size_t ASize) {
+  if (ASize < 4) return false;
+  const size_t last = ASize - 4; // the last place a run starts at
+  auto test = [&](size_t AAt) {
+    const uint32_t hash = (HeadRunOf(AText + AAt) * 0x9E3779B1u) >> 16;
+    return AHeads[hash >> 6] >> (hash & 63) & 1;
+  };
+  size_t at = 0;
+  // Four runs at a time, one branch for them all (most texts hold no head at all).
+  for (; at + 3 * AStep <= last; at += 4 * AStep)
+    if (test(at) | test(at + AStep) | test(at + 2 * AStep) | test(at + 3 * AStep)) return true;
+  for (; at <= last; at += AStep)
+    if (test(at)) return true;
+  return false;
+}
+
+} // namespace
+
 inline void TLiteralIndex::ScanText(const TAutomaton& automaton, std::string_view AText, TLiteralHits& AHits) const {
   if (!automaton.Heads.empty()) {
     const auto* text = reinterpret_cast<const uint8_t*>(AText.data());
     const uint64_t* heads = automaton.Heads.data();
-    const uint16_t* classOf = automaton.ClassOf;
-    const size_t step = automaton.HeadStep;
-    bool candidate = false;
-    if (step == 1) {
-      uint32_t head = 0;
-      size_t i = 0;
-      for (; i < AText.size() && i < 3; ++i) head = head << 8 | classOf[text[i]];
-      for (; i < AText.size() && !candidate; ++i) {
-        head = head << 8 | classOf[text[i]];
-        const uint32_t hash = HeadHash(head);
-        candidate = heads[hash >> 6] >> (hash & 63) & 1;
-      }
-    } else {
-      for (size_t at = 0; at + 4 <= AText.size() && !candidate; at += step) {
-        const uint32_t run = uint32_t{classOf[text[at]]} << 24 | uint32_t{classOf[text[at + 1]]} << 16 |
-                             uint32_t{classOf[text[at + 2]]} << 8 | classOf[text[at + 3]];
-        const uint32_t hash = HeadHash(run);
-        candidate = heads[hash >> 6] >> (hash & 63) & 1;
-      }
+    bool candidate;
+    switch (automaton.HeadStep) {
+    case 1: candidate = AnyHead<1>(heads, text, AText.size()); break;
+    case 2: candidate = AnyHead<2>(heads, text, AText.size()); break;
+    case 3: candidate = AnyHead<3>(heads, text, AText.size()); break;
+    case 4: candidate = AnyHead<4>(heads, text, AText.size()); break;
+    case 5: candidate = AnyHead<5>(heads, text, AText.size()); break;
+    case 6: candidate = AnyHead<6>(heads, text, AText.size()); break;
+    case 7: candidate = AnyHead<7>(heads, text, AText.size()); break;
+    default: candidate = AnyHead<8>(heads, text, AText.size()); break;
     }
     if (!candidate) return;
   }

@@ -31,6 +31,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -39,6 +40,15 @@
 #include <vector>
 
 namespace qvx::hunt {
+
+// The 4 bytes at AAt (all readable), each with its 0x20 bit set: an ASCII letter and
+// its folded form give the same run, so a text's runs can be tested against folded
+// literals' without folding it (other bytes may share a run too: only more candidates).
+inline uint32_t HeadRunOf(const uint8_t* AAt) {
+  uint32_t run;
+  std::memcpy(&run, AAt, 4);
+  return run | 0x20202020u;
+}
 
 // Where a literal was found in a value (bits of TLiteralHits::Bits).
 enum TLiteralHit : uint8_t { lhContains = 1, lhStarts = 2, lhEnds = 4, lhEquals = 8 };
@@ -148,8 +158,8 @@ private:
     std::vector<uint32_t> Fail;
     std::vector<uint32_t> Own;    // state -> the literal it completes, or kNoLiteral
     std::vector<uint32_t> Suffix; // state -> the next state down its suffixes that completes one, or 0
-    // For a few literals of 4 bytes or more: a bit per hash of the input classes of their
-    // first 4 bytes. A value none of whose 4-byte runs has its bit set holds none of them,
+    // For a few literals of 4 bytes or more: a bit per hash of their first 4 bytes, each
+    // with its 0x20 bit set (HeadRunOf). A value none of whose 4-byte runs has its bit set holds none of them,
     // and is passed over at a fraction of the cost of the automaton.
     std::vector<uint64_t> Heads;
     uint32_t HeadStep = 1; // the heads are tested at every HeadStep-th place of a text
@@ -159,8 +169,9 @@ private:
   void ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText, TLiteralHits& AHits,
                       TScanMemo& AMemo) const;
   static constexpr size_t kMaxHeadLiterals = 256;
-  static constexpr uint32_t kMaxHeadStep = 4;
-  static uint32_t HeadHash(uint32_t AClasses) { return (AClasses * 0x9E3779B1u) >> 16; }
+  static constexpr uint32_t kMaxHeadStep = 8;
+  static uint32_t HeadHash(uint32_t ARun) { return (ARun * 0x9E3779B1u) >> 16; }
+  static uint32_t HeadRun(const uint8_t* AAt) { return HeadRunOf(AAt); }
   static constexpr uint32_t kOutput = 0x80000000;
   static constexpr uint16_t kOutput16 = 0x8000;
   static constexpr size_t kDenseBytes = 256u << 10; // per automaton

@@ -141,6 +141,32 @@ TEST(HuntLiteralIndex, HeadsTestedEveryFewPlacesFindLiteralsAnywhere) {
   EXPECT_EQ(CompareOver(rules, path), size_t{2 * 9 * 4 + 9 + 4 + 1});
 }
 
+// The widest step (literals of 11 bytes or more: a run tested every eighth place, the
+// last one a literal at the end needs ending at the text's end), with
+// the runs read four at a time and then one by one up to the text's end: a literal is
+// found at every place and in any case, texts shorter than a run hold nothing, and a
+// text whose runs share the literal's bits only when the 0x20 bit is set ('`' for '@')
+// is not taken for it.
+TEST(HuntLiteralIndex, WidestHeadStepFindsLiteralsUpToTheEnd) {
+  TRuleSet rules;
+  rules.LoadText(RuleText("  sel:\n    CommandLine|contains:\n      - 'lsadump::sa'\n      - 'invoke@mimikatz'\n"
+                          "  condition: sel\n"),
+                 "a.yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  const char* const found[] = {"lsadump::sa",     "LSADUMP::SA",     "invoke@mimikatz",
+                               "INVOKE@MIMIKATZ", "invoke`mimikatz", "lsadump::s", "sadump::sa"};
+  TEvtxFileWriter writer;
+  for (const char* literal : found)
+    for (size_t before = 0; before < 10; ++before)
+      for (size_t after : {0u, 1u, 3u, 7u, 29u}) {
+        const std::string line = std::string(before, 'x') + literal + std::string(after, 'y');
+        writer.AddEvent(ProcessEvent("C:\\x.exe", line));
+      }
+  for (const char* line : {"", "l", "ls", "lsa", "lsad"}) writer.AddEvent(ProcessEvent("C:\\x.exe", line));
+  const std::string path = WriteTempFile("literal_wide_heads.evtx", writer.Bytes());
+  EXPECT_EQ(CompareOver(rules, path), size_t{4 * 10 * 5});
+}
+
 // A rule is evaluated only when every clause it needs holds: each part of an AND, each
 // value of an "all" field, one text of each side of an OR. Events holding one part, the
 // other, both or neither report as testing every rule would.
