@@ -302,7 +302,7 @@ private:
     std::string Raw, Json = "\"\""; // at first the empty value's
   };
   void AppendJsonCached(TJsonCache& ACache, std::string_view AText) {
-    if (AText.size() != ACache.Raw.size() || std::memcmp(AText.data(), ACache.Raw.data(), AText.size()) != 0) {
+    if (AText != std::string_view(ACache.Raw)) {
       ACache.Raw.assign(AText);
       ACache.Json.clear();
       AppendJsonString(ACache.Json, AText);
