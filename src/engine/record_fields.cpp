@@ -10,6 +10,7 @@
 #include "platform/text_escape.h"
 #include "platform/utf16.h"
 
+#include <array>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -430,6 +431,20 @@ uint32_t ProgramNumber(const TBXmlTemplateNode* ATemplate, std::string& AScratch
   return it->second;
 }
 
+// The last value each system field was made of alone (one substitution, no fixed text)
+// in the chunk being read, and the slot of Fields that holds its text: most events of a
+// chunk repeat their provider, level, task, keywords, computer and user, whose text is
+// then copied instead of made again. AppendValue's text depends on the value's type and
+// bytes only. Valid for one chunk's bytes (emptied with each chunk).
+struct TSystemMemo {
+  const uint8_t* Data = nullptr;
+  uint32_t Size = 0;
+  uint32_t Slot = 0;
+  uint8_t Type = 0;
+  bool Set = false;
+};
+using TSystemMemos = std::array<TSystemMemo, rfBinaryData>;
+
 // What a reading thread keeps from chunk to chunk: the room the values are written in.
 struct TReaderRoom {
   std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers; // of the chunk's programs
@@ -451,6 +466,7 @@ struct TReaderRoom {
   uint32_t LastNumber = 0;
   std::string LastKey;
   std::shared_ptr<const TPlan> LastPlan;
+  TSystemMemos SystemMemos; // of the chunk being read
 };
 
 // Per chunk.
@@ -550,7 +566,25 @@ void AppendValue(const TValueSet& AValues, const TBXmlSubstValue& AValue, std::s
     AOut.resize(w);
     return;
   }
-  case 0x02:
+  case 0x02: {
+    // An ANSI string: its XML text decoded is its bytes, NULs dropped, control characters
+    // replaced and the upper half read as code page 1252, made here in one pass.
+    const uint8_t* const end = data + AValue.Size;
+    for (const uint8_t* p = data; p < end;) {
+      const uint8_t* run = p;
+      while (run < end && *run >= 0x20 && *run < 0x80) ++run;
+      if (run != p) {
+        AOut.append(reinterpret_cast<const char*>(p), static_cast<size_t>(run - p));
+        p = run;
+        if (p == end) break;
+      }
+      const uint8_t b = *p++;
+      if (b == 0) continue;
+      if (b >= 0x80) AppendCp1252(AOut, &b, 1);
+      else AOut += b == '\t' || b == '\n' || b == '\r' ? static_cast<char>(b) : ' ';
+    }
+    return;
+  }
   case 0x81:
     break;
   default:
@@ -576,13 +610,31 @@ void AppendSource(const TValueSet& AValues, const TSource& ASource, std::string&
   }
 }
 
-// Makes an event's system fields (ASystem: rfProviderName .. rfUserID) and the bytes of
-// its <Binary> (ABinary) from its plan and values.
-void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::string* const* ASystem, std::string& ABinary) {
+// Makes an event's system fields (AFields[AFirst + rfProviderName .. rfUserID]) and the
+// bytes of its <Binary> (AFields[AFirst + rfBinaryData]) from its plan and values.
+void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::vector<std::string>& AFields, uint32_t AFirst,
+                      TSystemMemos& AMemos) {
   for (uint32_t f = 0; f < rfBinaryData; ++f) {
-    ASystem[f]->clear();
-    AppendSource(AValues, APlan.System[f], *ASystem[f]);
+    std::string& out = AFields[AFirst + f];
+    out.clear();
+    const std::vector<TPiece>& pieces = APlan.System[f].Pieces;
+    if (pieces.size() != 1 || pieces[0].Ref == kFixed) {
+      AppendSource(AValues, APlan.System[f], out);
+      continue;
+    }
+    const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
+    const uint8_t* data = AValues.Data + v.Offset;
+    TSystemMemo& memo = AMemos[f];
+    // (memcmp only with a size: an empty value may have no bytes to point at.)
+    if (memo.Set && memo.Type == v.Type && memo.Size == v.Size &&
+        (v.Size == 0 || std::memcmp(memo.Data, data, v.Size) == 0)) {
+      out.assign(AFields[memo.Slot]);
+      continue;
+    }
+    AppendValue(AValues, v, out);
+    memo = {data, v.Size, AFirst + f, v.Type, true};
   }
+  std::string& ABinary = AFields[AFirst + rfBinaryData];
   ABinary.clear();
   if (!APlan.Binary.Pieces.empty()) {
     static thread_local std::string hex;
@@ -624,6 +676,7 @@ template <typename TSink> void MakeDataValuesInto(const TPlan& APlan, const TVal
     if (source.Expand) {
       const TBXmlSubstValue v = AValues.Value(source.Pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
+        if (ASink.DirectArray(AValues, v)) continue;
         // Each item is a <Data> of its own; no item at all leaves one empty element.
         ForEachArrayItem(AValues, v, [&](std::string_view AItem) {
           AppendXmlUnescaped(ASink.Begin(), AItem);
@@ -659,6 +712,7 @@ struct TListSink {
     if (!AKeep) --Count;
   }
   static bool Direct(const TValueSet&, const TBXmlSubstValue&, uint8_t) { return false; }
+  static bool DirectArray(const TValueSet&, const TBXmlSubstValue&) { return false; }
 };
 
 // Makes an event's data values from its plan and values into AFields.Strings.
@@ -779,6 +833,13 @@ char* PutUtf16Json(char* ADest, const uint8_t* AData, size_t ACount) {
 void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
   // At most 3 bytes a unit (an escape takes 2; a pair of units 4), the quotes and the
   // last block's spare bytes.
+  // A short string is made on the stack and appended: growing AOut to the bound first
+  // would clear those bytes, which costs more than the copy.
+  if (ACount <= 256) {
+    char text[3 * 256 + 10];
+    AOut.append(text, static_cast<size_t>(PutUtf16Json(text, AData, ACount) - text));
+    return;
+  }
   const size_t start = AOut.size();
   AOut.resize(start + 3 * ACount + 10);
   char* const base = AOut.data() + start;
@@ -811,6 +872,32 @@ struct TJsonSink {
       return true;
     }
     First = false;
+    return true;
+  }
+  // A string array repeated as <Data> elements: each item's JSON string straight from
+  // its UTF-16 units. Its items hold no NUL (they are split at them), and the XML text
+  // that ForEachArrayItem cuts and decodes again is the item with control characters
+  // replaced, which is what AppendUtf16Json writes. No item at all is one empty value.
+  bool DirectArray(const TValueSet& AValues, const TBXmlSubstValue& AValue) {
+    if (AValue.Type != 0x81) return false;
+    const uint8_t* data = AValues.Data + AValue.Offset;
+    const uint32_t units = AValue.Size / 2;
+    auto put = [&](uint32_t AFrom, uint32_t ATo) {
+      if (!First) Out += ',';
+      First = false;
+      AppendUtf16Json(Out, data + 2 * size_t{AFrom}, ATo - AFrom);
+    };
+    uint32_t start = 0, items = 0;
+    // As variant_types' ForEachArrayItem: a last string without its NUL still counts, an
+    // empty tail after the last NUL does not.
+    for (uint32_t i = 0; i <= units; ++i) {
+      if (i < units && (data[2 * i] | data[2 * i + 1]) != 0) continue;
+      if (i == units && start == units) break;
+      put(start, i);
+      ++items;
+      start = i + 1;
+    }
+    if (!items) put(0, 0);
     return true;
   }
   // Numbers, times, GUIDs, SIDs and hexadecimal: their text (digits, letters and
@@ -859,6 +946,7 @@ struct TJoinSink {
     Out += Value;
   }
   static bool Direct(const TValueSet&, const TBXmlSubstValue&, uint8_t) { return false; }
+  static bool DirectArray(const TValueSet&, const TBXmlSubstValue&) { return false; }
 };
 
 // Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
@@ -1045,11 +1133,8 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   // each before it writes it.
   if (R.Result.Fields.size() < first + rfValues) R.Result.Fields.resize(first + rfValues);
   R.Used = first + rfValues;
-  std::string* system[rfBinaryData];
-  for (uint32_t f = 0; f < rfBinaryData; ++f) system[f] = &result.Fields[first + f];
-  std::string& binary = result.Fields[first + rfBinaryData];
   const TValueSet values{R.Chunk.Data(), result.Values.data() + firstValue, R.Value};
-  MakeSystemFields(plan, values, system, binary);
+  MakeSystemFields(plan, values, result.Fields, first, R.Room.SystemMemos);
   result.RecordFields.push_back({first, rfValues, R.LastPlan, firstValue});
   return true;
 }
@@ -1175,6 +1260,7 @@ void ReadChunk(TEvtxChunk& AChunk, TChunkResult& AResult, bool ANamed) {
   room.LastTemplate = nullptr;
   room.LastPlan = nullptr;
   room.PlanIndex.clear();
+  room.SystemMemos = {};
   AResult.Values.clear();
   AResult.Plans.clear();
   TReaderState R{AChunk, AResult, room, 0};
