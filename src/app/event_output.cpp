@@ -77,6 +77,29 @@ void AppendUnsigned(std::string& AOut, uint64_t AValue) {
   AOut.append(p, static_cast<size_t>(end - p));
 }
 
+// Writers of a row's fixed parts into a small buffer, appended at once.
+template <size_t N> inline char* PutLiteral(char* ADest, const char (&AText)[N]) {
+  std::memcpy(ADest, AText, N - 1);
+  return ADest + N - 1;
+}
+
+inline char* PutUnsigned(char* ADest, uint64_t AValue) {
+  if (AValue < 10) {
+    *ADest = static_cast<char>('0' + AValue);
+    return ADest + 1;
+  }
+  char buf[24];
+  char* end = buf + sizeof buf;
+  char* p = end;
+  do {
+    *--p = static_cast<char>('0' + AValue % 10);
+    AValue /= 10;
+  } while (AValue);
+  const size_t n = static_cast<size_t>(end - p);
+  std::memcpy(ADest, p, n);
+  return ADest + n;
+}
+
 // --- table ----------------------------------------------------------------------
 
 class TTableWriter : public TEventWriter {
@@ -221,9 +244,11 @@ public:
 
   void WriteRow(const TEventRow& ARow) override {
     const TEventLogBase* owner = ARow.Owner;
-    FBuffer += "{\"record\":";
-    AppendUnsigned(FBuffer, ARow.RecordId);
-    FBuffer += ",\"time\":\"";
+    char fixed[192]; // the numbers between the texts, with their names
+    char* d = PutLiteral(fixed, "{\"record\":");
+    d = PutUnsigned(d, ARow.RecordId);
+    d = PutLiteral(d, ",\"time\":\"");
+    FBuffer.append(fixed, static_cast<size_t>(d - fixed));
     // The day count carries milliseconds; the 100 ns digits below them come from the
     // event's own time text (the zone offset is whole minutes, so they are the same).
     const unsigned units = static_cast<unsigned>(FractionDigits(ARow.SystemTime, 3, 4));
@@ -248,21 +273,23 @@ public:
     AppendJsonString(FBuffer, ARow.SystemTime);
     FBuffer += ",\"type\":";
     AppendJsonCached(FTypeJson, EventTypeName(ARow.Type));
-    FBuffer += ",\"level\":";
-    AppendUnsigned(FBuffer, ARow.Level);
-    FBuffer += ",\"event_id\":";
-    AppendUnsigned(FBuffer, ARow.EventId);
-    FBuffer += ",\"qualifiers\":";
-    AppendUnsigned(FBuffer, ARow.Qualifiers);
-    FBuffer += ",\"version\":";
-    AppendUnsigned(FBuffer, ARow.Version);
-    FBuffer += ",\"task\":";
+    d = PutLiteral(fixed, ",\"level\":");
+    d = PutUnsigned(d, ARow.Level);
+    d = PutLiteral(d, ",\"event_id\":");
+    d = PutUnsigned(d, ARow.EventId);
+    d = PutLiteral(d, ",\"qualifiers\":");
+    d = PutUnsigned(d, ARow.Qualifiers);
+    d = PutLiteral(d, ",\"version\":");
+    d = PutUnsigned(d, ARow.Version);
+    d = PutLiteral(d, ",\"task\":");
+    FBuffer.append(fixed, static_cast<size_t>(d - fixed));
     AppendJsonCached(FTaskNameJson, ARow.TaskName);
-    FBuffer += ",\"task_id\":";
-    AppendUnsigned(FBuffer, ARow.TaskNumber);
-    FBuffer += ",\"opcode\":";
-    AppendUnsigned(FBuffer, ARow.OpCode);
-    FBuffer += ",\"keywords\":";
+    d = PutLiteral(fixed, ",\"task_id\":");
+    d = PutUnsigned(d, ARow.TaskNumber);
+    d = PutLiteral(d, ",\"opcode\":");
+    d = PutUnsigned(d, ARow.OpCode);
+    d = PutLiteral(d, ",\"keywords\":");
+    FBuffer.append(fixed, static_cast<size_t>(d - fixed));
     AppendJsonCached(FKeywordsJson, ARow.Keywords);
     if (!ARow.OpcodeName.empty()) {
       FBuffer += ",\"opcode_name\":";

@@ -92,6 +92,7 @@ struct TPlan {
   TSource Binary; // pieces of the undecoded <Binary> text
   std::vector<TSource> Values;
   std::vector<TRef> Refs;
+  std::vector<uint32_t> RefIndex; // per ref: its value's index in its fragment's array
   std::vector<uint8_t> ExpandRefs; // per ref: 1 when an array value may repeat its element
   std::vector<uint32_t> RepeatRefs; // refs whose array value would repeat an element other than such a <Data>
 };
@@ -360,6 +361,9 @@ void CompilePlan(const std::vector<TFragment>& AFragments, TPlan& APlan, bool AN
     const TBXmlOp& o = AFragments[APlan.Refs[ref].Fragment].Template->Ops[APlan.Refs[ref].Op];
     if (o.Element && !APlan.ExpandRefs[ref]) APlan.RepeatRefs.push_back(ref);
   }
+  APlan.RefIndex.resize(refs);
+  for (uint32_t ref = 0; ref < refs; ++ref)
+    APlan.RefIndex[ref] = AFragments[APlan.Refs[ref].Fragment].Template->Ops[APlan.Refs[ref].Op].Index;
   APlan.Ok = true;
   APlan.NamedOk = ANamed && CompileNamed(AFragments, event, APlan);
 }
@@ -1125,7 +1129,13 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     R.LastPlan = known->second;
   }
   const uint32_t firstValue = static_cast<uint32_t>(result.Values.size());
-  for (uint32_t ref = 0; ref < plan.Refs.size(); ++ref) result.Values.push_back(PackValue(R.ValueOf(plan, ref)));
+  // A program's ops, their indexes included, are the same in every chunk (the plan's
+  // key): each ref's value is read at the index the plan keeps (WalkFragment checked it).
+  const size_t refCount = plan.Refs.size();
+  result.Values.resize(firstValue + refCount);
+  uint64_t* const packed = result.Values.data() + firstValue;
+  for (size_t ref = 0; ref < refCount; ++ref)
+    packed[ref] = PackValue(R.Fragments[plan.Refs[ref].Fragment].Array->Values[plan.RefIndex[ref]]);
   // The system fields are made here, the data values by the taker: the two threads
   // share the work about evenly.
   const uint32_t first = R.Used;

@@ -152,6 +152,48 @@ TEST(EventRow, StringValuesEscapeAsTheItemsText) {
   ExpectRowsAsItems(WriteTempFile("row-strings.evtx", MakeFileFromChunks({chunk.Finish()})), events.size());
 }
 
+// String arrays repeated as <Data>, written to JSON straight from their units: empty
+// items first, in the middle and last, a last item without its NUL, an empty tail after
+// the last NUL, escapes, control characters, surrogates, and no item at all.
+TEST(EventRow, StringArrayItemsAsTheItemsText) {
+  auto array = [](const std::vector<std::vector<uint16_t>>& AItems, bool ALastNul) {
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < AItems.size(); ++i) {
+      for (const uint16_t u : AItems[i]) bytes.push_back(static_cast<uint8_t>(u & 0xFF)), bytes.push_back(static_cast<uint8_t>(u >> 8));
+      if (ALastNul || i + 1 < AItems.size()) bytes.push_back(0), bytes.push_back(0);
+    }
+    return TEvtxValue(0x81, bytes);
+  };
+  std::vector<uint16_t> longItem;
+  for (int i = 0; i < 270; ++i) longItem.push_back(static_cast<uint16_t>(i % 9 == 4 ? '\\' : 'A' + i % 26));
+  const std::vector<TEvtxValue> values = {
+      array({}, true),
+      array({{}}, true),
+      array({{}, {}}, true),
+      array({{}, Ascii("a"), {}}, true),
+      array({Ascii("one"), Ascii("two")}, false),
+      array({Ascii("one"), {}}, false),
+      array({Ascii("q\"uote"), Ascii("back\\slash"), Ascii("<&amp;>")}, true),
+      array({{'t', '\t', 'x', 0x01, 0x1F, '\r', '\n'}, {0xE9, 0x20AC, 0xD83D, 0xDE00}}, true),
+      array({{0xD800, 'a'}, {'b', 0xDC00}, {0xDBFF}}, true),
+      array({Ascii("12345678"), Ascii("1234567"), Ascii("123456789abcdef\"")}, true),
+      array({longItem, Ascii("after")}, true),
+      TEvtxValue(0x81, {0x41}), // an odd byte: no whole unit
+  };
+  std::vector<TEvtxEventDraft> events;
+  uint64_t id = 1;
+  for (const TEvtxValue& v : values) {
+    TEvtxEventDraft e = SampleEvent(id++);
+    e.FData = {{"Before", TEvtxValue::String("b")}, {"Items", v}, {"After", TEvtxValue::UInt32(7)}};
+    events.push_back(e);
+  }
+  TEvtxChunkWriter chunk;
+  TEvtxEventTemplates templates;
+  uint64_t record = 1;
+  for (const auto& e : events) ASSERT_TRUE(chunk.AddEvent(record++, e, templates));
+  ExpectRowsAsItems(WriteTempFile("row-arrays.evtx", MakeFileFromChunks({chunk.Finish()})), events.size());
+}
+
 // UserData text that is blank once made (a tab, a control character, NULs) is no value.
 TEST(EventRow, BlankUserDataTextIsNoValue) {
   auto inner = std::make_shared<TEvtxTemplate>("user-data", [](TBinXmlWriter& w) {

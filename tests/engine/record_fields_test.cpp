@@ -214,6 +214,61 @@ TEST(RecordFields, ValuesOfEveryKindReadTheSame) {
   EXPECT_EQ(direct.Events.size(), events.size());
 }
 
+// System fields that repeat from event to event are copied from the last event of the
+// chunk made of the same value: values equal in size but not in bytes, other sizes, an
+// empty one, and chunks of the same layout whose values differ (a value kept from the
+// chunk before must not stand for the one at the same place in the next).
+TEST(RecordFields, RepeatedSystemFieldsReadTheSame) {
+  std::vector<std::vector<uint8_t>> chunks;
+  uint64_t id = 1;
+  for (int c = 0; c < 3; ++c) {
+    TEvtxChunkWriter chunk;
+    TEvtxEventTemplates templates;
+    for (int i = 0; i < 6; ++i) {
+      TEvtxEventDraft e = SampleEvent(static_cast<uint64_t>(i + 1));
+      e.FComputer = "host-" + std::to_string(c) + (i % 3 == 2 ? "b" : "a");
+      e.FLevel = static_cast<uint8_t>(i < 3 ? 4 : 2 + c);
+      e.FKeywords = i % 2 ? 0x8010000000000000ull : 0x8020000000000000ull;
+      e.FUserId = i == 4 ? std::string() : (i == 5 ? "S-1-5-21-1-2-3-1001" : "S-1-5-18");
+      e.FProviderName = i == 1 ? "Other-Provider" : "Some-Provider";
+      EXPECT_TRUE(chunk.AddEvent(id++, e, templates));
+    }
+    chunks.push_back(chunk.Finish());
+  }
+  const TReading direct = ExpectSameBothWays(WriteTempFile("repeated.evtx", MakeFileFromChunks(chunks)));
+  EXPECT_EQ(direct.Events.size(), 18u);
+  EXPECT_EQ(direct.FromXml, 0u);
+  ASSERT_EQ(direct.Events.size(), 18u);
+  // Newest first: the last chunk's last event, whose computer is host-2b.
+  EXPECT_NE(direct.Events[0].find("computer=host-2b|"), std::string::npos) << direct.Events[0];
+  EXPECT_NE(direct.Events[17].find("computer=host-0a|"), std::string::npos) << direct.Events[17];
+}
+
+// ANSI strings, decoded in one pass: NULs, control characters, the bytes XML escapes and
+// every byte of the upper half.
+TEST(RecordFields, AnsiStringsReadTheSame) {
+  std::string upper;
+  for (int b = 0x80; b <= 0xFF; ++b) upper.push_back(static_cast<char>(b));
+  std::vector<TEvtxEventDraft> events;
+  const std::vector<std::vector<uint8_t>> texts = {
+      {},
+      {0},
+      {'a', 0, 'b', 0},
+      {'x', 0x01, 'y', 0x1F, 0x7F, '\t', '\r', '\n', 'z'},
+      {'&', 'a', 'm', 'p', ';', '<', '>', '"', '\'', '&', '#', '6', '5', ';'},
+      {' ', ' '},
+      std::vector<uint8_t>(upper.begin(), upper.end()),
+  };
+  uint64_t id = 1;
+  for (const auto& text : texts) {
+    TEvtxEventDraft e = SampleEvent(id++);
+    e.FData = {{"A", TEvtxValue(0x02, text)}, {"B", TEvtxValue::AnsiString("tail")}};
+    events.push_back(e);
+  }
+  const TReading direct = ExpectSameBothWays(WriteChunks("ansi.evtx", events));
+  EXPECT_EQ(direct.Events.size(), events.size());
+}
+
 // UserData made of an embedded template: attribute values (optional ones left out when
 // empty), texts (blank ones are no value), nested elements, and a fragment without a
 // template (read from its XML).
