@@ -389,23 +389,35 @@ std::unique_ptr<TEventWriter> MakeEventWriter(TOutputFormat AFormat, std::FILE* 
 
 void AppendDayCountText(std::string& AOut, double ADays, char ASeparator) {
   const TSystemTime t = DaysToSystemTime(ADays);
-  // Made in a buffer and appended at once (as AppendDigits makes each number).
+  // Made in a buffer and appended at once (as AppendDigits makes each number). The
+  // fields below the year are below 100 (milliseconds below 1000): their digits are
+  // put straight; a year of more than 4 digits takes the general way.
   char text[96];
   char* d = text;
-  auto put = [&d](unsigned AValue, int AWidth) { d = PutDigits(d, AValue, AWidth); };
-  put(t.wYear, 4);
+  auto two = [&d](unsigned AValue) {
+    d[0] = static_cast<char>('0' + AValue / 10);
+    d[1] = static_cast<char>('0' + AValue % 10);
+    d += 2;
+  };
+  if (t.wYear < 10000) {
+    two(t.wYear / 100u);
+    two(t.wYear % 100u);
+  } else {
+    d = PutDigits(d, t.wYear, 4);
+  }
   *d++ = '-';
-  put(t.wMonth, 2);
+  two(t.wMonth);
   *d++ = '-';
-  put(t.wDay, 2);
+  two(t.wDay);
   *d++ = ASeparator;
-  put(t.wHour, 2);
+  two(t.wHour);
   *d++ = ':';
-  put(t.wMinute, 2);
+  two(t.wMinute);
   *d++ = ':';
-  put(t.wSecond, 2);
+  two(t.wSecond);
   *d++ = '.';
-  put(t.wMilliseconds, 3);
+  *d++ = static_cast<char>('0' + t.wMilliseconds / 100u);
+  two(t.wMilliseconds % 100u);
   AOut.append(text, static_cast<size_t>(d - text));
 }
 

@@ -765,18 +765,19 @@ inline char* PutUtf8(char* ADest, uint32_t AChar) {
 }
 
 #if defined(__SSE2__)
-// Whether the 8 units at AUnits are plain ASCII for a JSON string (0x20 .. 0x7F but '"'
-// and '\\'); their low bytes are then stored at ADest.
-inline bool PutPlainJsonBlock(const uint8_t* AUnits, char* ADest) {
+// How many of the 8 units at AUnits, from the first, are plain ASCII for a JSON string
+// (0x20 .. 0x7F but '"' and '\\'); the low bytes of all 8 are stored at ADest (those past
+// the plain ones are written over or left past the end).
+inline unsigned PutPlainJsonBlock(const uint8_t* AUnits, char* ADest) {
   const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(AUnits));
   // A unit of 0x8000 or above compares below 0x20.
   __m128i bad = _mm_cmplt_epi16(v, _mm_set1_epi16(0x20));
   bad = _mm_or_si128(bad, _mm_cmpgt_epi16(v, _mm_set1_epi16(0x7F)));
   bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('"')));
   bad = _mm_or_si128(bad, _mm_cmpeq_epi16(v, _mm_set1_epi16('\\')));
-  if (_mm_movemask_epi8(bad) != 0) return false;
   _mm_storel_epi64(reinterpret_cast<__m128i*>(ADest), _mm_packus_epi16(v, v));
-  return true;
+  const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(bad));
+  return mask ? static_cast<unsigned>(__builtin_ctz(mask)) / 2 : 8;
 }
 #endif
 
@@ -790,22 +791,26 @@ char* PutUtf16Json(char* ADest, const uint8_t* AData, size_t ACount) {
   size_t i = 0;
   while (i < ACount) {
 #if defined(__SSE2__)
+    // The plain units before the first that is not go at once; that one is written
+    // below. (Each unit written so far took at most 3 bytes: the 8 stored fit.)
     if (ACount - i >= 8) {
-      if (PutPlainJsonBlock(AData + 2 * i, d)) {
-        d += 8;
-        i += 8;
-        continue;
-      }
+      const unsigned plain = PutPlainJsonBlock(AData + 2 * i, d);
+      d += plain;
+      i += plain;
+      if (plain == 8) continue;
     } else if (static_cast<size_t>(d - ADest) == i + 1) {
       // The last few units, all before them written a byte each: a block padded with
       // plain units (8 bytes are stored; the room allows for it).
       uint8_t tail[16];
       for (size_t k = 0; k < 8; ++k) tail[2 * k] = 'a', tail[2 * k + 1] = 0;
       std::memcpy(tail, AData + 2 * i, 2 * (ACount - i));
-      if (PutPlainJsonBlock(tail, d)) {
+      const unsigned plain = PutPlainJsonBlock(tail, d);
+      if (plain >= ACount - i) {
         d += ACount - i;
         break;
       }
+      d += plain;
+      i += plain;
     }
 #endif
     const uint32_t u = static_cast<uint32_t>(AData[2 * i]) | static_cast<uint32_t>(AData[2 * i + 1]) << 8;
@@ -834,16 +839,19 @@ char* PutUtf16Json(char* ADest, const uint8_t* AData, size_t ACount) {
 // Appends the JSON string of a string value (type 0x01, ACount UTF-16 units at AData):
 // the same text as AppendJsonString of what AppendValue makes of it (NULs dropped, other
 // control characters but tab, line feed and carriage return made spaces), in one pass.
-void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount) {
+void AppendUtf16Json(std::string& AOut, const uint8_t* AData, size_t ACount, bool AComma = false) {
   // At most 3 bytes a unit (an escape takes 2; a pair of units 4), the quotes and the
   // last block's spare bytes.
   // A short string is made on the stack and appended: growing AOut to the bound first
   // would clear those bytes, which costs more than the copy.
   if (ACount <= 256) {
-    char text[3 * 256 + 10];
-    AOut.append(text, static_cast<size_t>(PutUtf16Json(text, AData, ACount) - text));
+    char text[3 * 256 + 11];
+    text[0] = ',';
+    char* const from = AComma ? text + 1 : text;
+    AOut.append(text, static_cast<size_t>(PutUtf16Json(from, AData, ACount) - text));
     return;
   }
+  if (AComma) AOut += ',';
   const size_t start = AOut.size();
   AOut.resize(start + 3 * ACount + 10);
   char* const base = AOut.data() + start;
@@ -868,9 +876,8 @@ struct TJsonSink {
   bool Direct(const TValueSet& AValues, const TBXmlSubstValue& AValue, uint8_t AKind) {
     if (AValue.Type != 0x01) return DirectPlain(AValues, AValue, AKind);
     const size_t mark = Out.size();
-    if (!First) Out += ',';
-    const size_t at = Out.size();
-    AppendUtf16Json(Out, AValues.Data + AValue.Offset, AValue.Size / 2);
+    const size_t at = First ? mark : mark + 1; // where the string begins
+    AppendUtf16Json(Out, AValues.Data + AValue.Offset, AValue.Size / 2, !First);
     if (AKind == 1 && IsBlankJson(std::string_view(Out).substr(at + 1, Out.size() - at - 2))) {
       Out.resize(mark); // a blank text is no value
       return true;
@@ -887,9 +894,8 @@ struct TJsonSink {
     const uint8_t* data = AValues.Data + AValue.Offset;
     const uint32_t units = AValue.Size / 2;
     auto put = [&](uint32_t AFrom, uint32_t ATo) {
-      if (!First) Out += ',';
+      AppendUtf16Json(Out, data + 2 * size_t{AFrom}, ATo - AFrom, !First);
       First = false;
-      AppendUtf16Json(Out, data + 2 * size_t{AFrom}, ATo - AFrom);
     };
     uint32_t start = 0, items = 0;
     // As variant_types' ForEachArrayItem: a last string without its NUL still counts, an
@@ -910,8 +916,7 @@ struct TJsonSink {
     const uint8_t t = AValue.Type;
     if (!((t >= 0x03 && t <= 0x0D) || t == 0x0F || (t >= 0x11 && t <= 0x15))) return false;
     const size_t mark = Out.size();
-    if (!First) Out += ',';
-    Out += '"';
+    Out.append(",\"" + (First ? 1 : 0), First ? 1 : 2);
     const size_t at = Out.size();
     AppendVariantXml(Out, t, AValues.Data + AValue.Offset, AValue.Size, kVarModeSubstitution);
     if (AKind == 1 && Out.size() == at) {

@@ -2,7 +2,11 @@
 // line must still show its own event's values, empty ones included.
 #include "app/event_output.h"
 
+#include "descriptions/time_zones.h"
+
 #include <gtest/gtest.h>
+
+#include <limits>
 
 #include <string>
 
@@ -48,6 +52,51 @@ TEST(EventOutput, JsonlRepeatedFieldsShowEachEventsValues) {
   EXPECT_NE(lines[2].find(filled), std::string::npos) << lines[2];
   EXPECT_NE(lines[3].find(blank), std::string::npos) << lines[3];
   EXPECT_NE(lines[3].find("\"data\":[\"v\"]}"), std::string::npos) << lines[3];
+}
+
+// Times are written digit by digit: zero padding of each field, the last millisecond of
+// a day, and the clamps at both ends (a five-digit year).
+TEST(EventOutput, DayCountTextPadsAndClamps) {
+  auto text = [](uint16_t AYear, uint16_t AMonth, uint16_t ADay, uint16_t AHour, uint16_t AMinute, uint16_t ASecond,
+                 uint16_t AMs) {
+    TSystemTime t{};
+    t.wYear = AYear, t.wMonth = AMonth, t.wDay = ADay, t.wHour = AHour, t.wMinute = AMinute, t.wSecond = ASecond;
+    t.wMilliseconds = AMs;
+    std::string out = "x";
+    AppendDayCountText(out, SystemTimeToDays(t), 'T');
+    return out;
+  };
+  EXPECT_EQ(text(2024, 3, 5, 7, 8, 9, 7), "x2024-03-05T07:08:09.007");
+  EXPECT_EQ(text(1999, 12, 31, 23, 59, 59, 999), "x1999-12-31T23:59:59.999");
+  EXPECT_EQ(text(2000, 1, 1, 0, 0, 0, 0), "x2000-01-01T00:00:00.000");
+  EXPECT_EQ(text(1601, 1, 1, 0, 0, 0, 10), "x1601-01-01T00:00:00.010");
+  EXPECT_EQ(text(9999, 12, 31, 12, 30, 45, 100), "x9999-12-31T12:30:45.100");
+  EXPECT_EQ(text(10000, 1, 1, 0, 0, 0, 0), "x10000-01-01T00:00:00.000");
+  std::string low, high;
+  AppendDayCountText(low, -1e9);
+  AppendDayCountText(high, 1e9);
+  EXPECT_EQ(low, "1601-01-01 00:00:00.000");
+  EXPECT_EQ(high, "30827-12-31 23:59:59.999");
+}
+
+// A row's numbers are written between their names: one digit, many, and the largest.
+TEST(EventOutput, JsonlRowNumbers) {
+  const TStringList values;
+  TEventRow row;
+  row.List = &values;
+  row.RecordId = 18446744073709551615ull;
+  row.Level = 0;
+  row.EventId = 4294967295u;
+  row.Qualifiers = 16384;
+  row.Version = 9;
+  row.TaskNumber = 65535;
+  row.OpCode = 10;
+  const std::string text = JsonlOf({row});
+  EXPECT_EQ(text.rfind("{\"record\":18446744073709551615,\"time\":\"", 0), 0u) << text;
+  EXPECT_NE(text.find(",\"level\":0,\"event_id\":4294967295,\"qualifiers\":16384,\"version\":9,\"task\":\"\","
+                      "\"task_id\":65535,\"opcode\":10,\"keywords\":\"\","),
+            std::string::npos)
+      << text;
 }
 
 } // namespace
