@@ -452,12 +452,24 @@ using TSystemMemos = std::array<TSystemMemo, rfBinaryData>;
 // What a reading thread keeps from chunk to chunk: the room the values are written in.
 struct TReaderRoom {
   std::unordered_map<const TBXmlTemplateNode*, uint32_t> Numbers; // of the chunk's programs
-  // Per template of the chunk, its substitution ops (their numbers, in SubstOps): a
-  // record's walk looks at those alone, not at every op of the program.
-  std::unordered_map<const TBXmlTemplateNode*, std::pair<uint32_t, uint32_t>> SubstRanges;
-  std::vector<uint32_t> SubstOps;
-  const TBXmlTemplateNode* LastSubstTemplate = nullptr;
-  std::pair<uint32_t, uint32_t> LastSubstRange;
+  // Per template of the chunk, its substitution ops (their numbers and value indexes, in
+  // SubstOps) and the highest index they read: a record's walk looks at those alone, not
+  // at every op of the program.
+  struct TSubstOp {
+    uint32_t Op;
+    uint32_t Index;
+  };
+  struct TSubstRange {
+    uint32_t First = 0, Count = 0;
+    uint32_t End = 0; // the highest index read, plus one (0: none)
+  };
+  std::unordered_map<const TBXmlTemplateNode*, TSubstRange> SubstRanges;
+  std::vector<TSubstOp> SubstOps;
+  // The last template looked up at each level of nesting (a record's own and the one it
+  // embeds take turns), reset with each chunk.
+  static constexpr uint32_t kLastLevels = 4;
+  std::array<const TBXmlTemplateNode*, kLastLevels> LastSubstTemplates{};
+  std::array<TSubstRange, kLastLevels> LastSubstRanges{};
   std::string Scratch;
   std::vector<TFragment> Fragments;
   std::string Key;
@@ -466,10 +478,17 @@ struct TReaderRoom {
   std::vector<uint8_t> Failed;
   std::unordered_map<const TPlan*, uint32_t> PlanIndex; // the chunk's plans: their index in its result
   // The last program number and plan looked up (reset with each chunk).
-  const TBXmlTemplateNode* LastTemplate = nullptr;
-  uint32_t LastNumber = 0;
-  std::string LastKey;
-  std::shared_ptr<const TPlan> LastPlan;
+  // The program numbers of the templates last met at each place of a record's fragment
+  // list, and the plans of the last few shapes (their keys are program numbers, never
+  // given twice): records of a few shapes take turns. Reset with each chunk.
+  std::array<const TBXmlTemplateNode*, kLastLevels> LastTemplates{};
+  std::array<uint32_t, kLastLevels> LastNumbers{};
+  struct TShape {
+    std::string Key;
+    std::shared_ptr<const TPlan> Plan;
+  };
+  std::array<TShape, 8> Shapes;
+  uint32_t ShapeNext = 0;
   TSystemMemos SystemMemos; // of the chunk being read
 };
 
@@ -1029,31 +1048,42 @@ constexpr int kMaxLevel = 8;
 // checks its values as the render would meet them: false at the first that the render
 // would raise at or that this reader does not follow (embedded fragments are prepared
 // here, as the render prepares them; one that raises is left unprepared again).
-// Where the numbers of ATemplate's substitution ops lie in ARoom.SubstOps (first, count).
-std::pair<uint32_t, uint32_t> SubstRange(TReaderRoom& ARoom, const TBXmlTemplateNode* ATemplate) {
-  if (ATemplate == ARoom.LastSubstTemplate) return ARoom.LastSubstRange;
+// Where ATemplate's substitution ops lie in ARoom.SubstOps.
+TReaderRoom::TSubstRange SubstRange(TReaderRoom& ARoom, const TBXmlTemplateNode* ATemplate, int ALevel) {
+  const uint32_t level = static_cast<uint32_t>(ALevel) % TReaderRoom::kLastLevels;
+  if (ATemplate == ARoom.LastSubstTemplates[level]) return ARoom.LastSubstRanges[level];
   auto found = ARoom.SubstRanges.find(ATemplate);
   if (found == ARoom.SubstRanges.end()) {
-    const auto first = static_cast<uint32_t>(ARoom.SubstOps.size());
-    for (uint32_t i = 0; i < ATemplate->OpCount; ++i)
-      if (!ATemplate->Ops[i].TextLength) ARoom.SubstOps.push_back(i);
-    found = ARoom.SubstRanges.emplace(ATemplate, std::make_pair(first, static_cast<uint32_t>(ARoom.SubstOps.size()) - first)).first;
+    TReaderRoom::TSubstRange range;
+    range.First = static_cast<uint32_t>(ARoom.SubstOps.size());
+    for (uint32_t i = 0; i < ATemplate->OpCount; ++i) {
+      const TBXmlOp& op = ATemplate->Ops[i];
+      if (op.TextLength) continue;
+      ARoom.SubstOps.push_back({i, op.Index});
+      range.End = std::max<uint32_t>(range.End, uint32_t{op.Index} + 1);
+    }
+    range.Count = static_cast<uint32_t>(ARoom.SubstOps.size()) - range.First;
+    found = ARoom.SubstRanges.emplace(ATemplate, range).first;
   }
-  ARoom.LastSubstTemplate = ATemplate;
-  ARoom.LastSubstRange = found->second;
+  ARoom.LastSubstTemplates[level] = ATemplate;
+  ARoom.LastSubstRanges[level] = found->second;
   return found->second;
 }
 
 bool WalkFragment(TReaderState& R, uint32_t AFragment, int ALevel) {
   const TBXmlTemplateNode* t = R.Fragments[AFragment].Template;
   const TBXmlSubstArrayNode* array = R.Fragments[AFragment].Array;
-  const auto [firstOp, opCount] = SubstRange(R.Room, t);
-  for (uint32_t k = 0; k < opCount; ++k) {
-    const uint32_t i = R.Room.SubstOps[firstOp + k];
-    const TBXmlOp& op = t->Ops[i];
-    if (op.Index >= array->Count) return false;
-    TBXmlSubstValue& v = array->Values[op.Index];
+  const TReaderRoom::TSubstRange range = SubstRange(R.Room, t, ALevel);
+  // An index past the array stops the walk at its op (the fragments before it prepared
+  // as before); most arrays hold every index their ops read, checked once.
+  const bool allIn = range.End <= array->Count;
+  const TReaderRoom::TSubstOp* ops = R.Room.SubstOps.data() + range.First;
+  for (uint32_t k = 0; k < range.Count; ++k) {
+    if (!allIn && ops[k].Index >= array->Count) return false;
+    TBXmlSubstValue& v = array->Values[ops[k].Index];
     if (v.Type != 0x21 || !v.Size) continue;
+    const uint32_t i = ops[k].Op;
+    const TBXmlOp& op = t->Ops[i];
     if (op.Attribute || ALevel >= kMaxLevel || R.Fragments.size() >= kMaxFragments) return false;
     if (!v.Nested) {
       v.Nested = CreateRootNode(R.Chunk, v.Offset, v.Size);
@@ -1083,20 +1113,28 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
   if (!WalkFragment(R, 0, 0)) return false;
   R.Key.clear();
   Put(R.Key, R.Named);
-  for (const TFragment& f : R.Fragments) {
-    if (f.Template != R.Room.LastTemplate) {
+  for (size_t k = 0; k < R.Fragments.size(); ++k) {
+    const TFragment& f = R.Fragments[k];
+    const size_t place = k % TReaderRoom::kLastLevels;
+    if (f.Template != R.Room.LastTemplates[place]) {
       auto number = R.Numbers.find(f.Template);
       if (number == R.Numbers.end())
         number = R.Numbers.emplace(f.Template, ProgramNumber(f.Template, R.Scratch)).first;
-      R.Room.LastTemplate = f.Template;
-      R.Room.LastNumber = number->second;
+      R.Room.LastTemplates[place] = f.Template;
+      R.Room.LastNumbers[place] = number->second;
     }
-    Put(R.Key, R.Room.LastNumber);
+    Put(R.Key, R.Room.LastNumbers[place]);
     Put(R.Key, f.Parent);
     Put(R.Key, f.ParentOp);
   }
-  // Records of one shape tend to follow each other: the last shape's plan is tried first.
-  if (!R.Room.LastPlan || R.Key != R.Room.LastKey) {
+  // Records of a few shapes tend to follow each other: their plans are tried first.
+  const std::shared_ptr<const TPlan>* recent = nullptr;
+  for (const TReaderRoom::TShape& shape : R.Room.Shapes)
+    if (shape.Plan && shape.Key == R.Key) {
+      recent = &shape.Plan;
+      break;
+    }
+  if (!recent) {
     std::shared_ptr<const TPlan> found;
     {
       const std::lock_guard<std::mutex> lock(GPlanCache.Lock);
@@ -1114,10 +1152,13 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
       if (added) GPlanCache.Bytes += bytes;
       found = it->second;
     }
-    R.Room.LastPlan = std::move(found);
-    R.Room.LastKey = R.Key;
+    TReaderRoom::TShape& shape = R.Room.Shapes[R.Room.ShapeNext];
+    R.Room.ShapeNext = (R.Room.ShapeNext + 1) % static_cast<uint32_t>(R.Room.Shapes.size());
+    shape.Plan = std::move(found);
+    shape.Key = R.Key;
+    recent = &shape.Plan;
   }
-  const std::shared_ptr<const TPlan>& shared = R.Room.LastPlan;
+  const std::shared_ptr<const TPlan>& shared = *recent;
   const TPlan& plan = *shared;
   if (!plan.Ok || (R.Named && !plan.NamedOk)) return false;
   // An array that would repeat an element other than a <Data> of its own.
@@ -1271,9 +1312,10 @@ void ReadChunk(TEvtxChunk& AChunk, TChunkResult& AResult, bool ANamed) {
   room.Numbers.clear();
   room.SubstRanges.clear();
   room.SubstOps.clear();
-  room.LastSubstTemplate = nullptr;
-  room.LastTemplate = nullptr;
-  room.LastPlan = nullptr;
+  room.LastSubstTemplates = {};
+  room.LastTemplates = {};
+  for (TReaderRoom::TShape& shape : room.Shapes) shape.Plan = nullptr;
+  room.ShapeNext = 0;
   room.PlanIndex.clear();
   room.SystemMemos = {};
   AResult.Values.clear();
