@@ -477,7 +477,6 @@ struct TReaderRoom {
   std::string Xml;
   std::vector<uint8_t> Failed;
   std::unordered_map<const TPlan*, uint32_t> PlanIndex; // the chunk's plans: their index in its result
-  // The last program number and plan looked up (reset with each chunk).
   // The program numbers of the templates last met at each place of a record's fragment
   // list, and the plans of the last few shapes (their keys are program numbers, never
   // given twice): records of a few shapes take turns. Reset with each chunk.
@@ -657,8 +656,8 @@ void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::vector<
     AppendValue(AValues, v, out);
     memo = {data, v.Size, AFirst + f, v.Type, true};
   }
-  std::string& ABinary = AFields[AFirst + rfBinaryData];
-  ABinary.clear();
+  std::string& binary = AFields[AFirst + rfBinaryData];
+  binary.clear();
   if (!APlan.Binary.Pieces.empty()) {
     static thread_local std::string hex;
     hex.clear();
@@ -670,7 +669,7 @@ void MakeSystemFields(const TPlan& APlan, const TValueSet& AValues, std::vector<
         hex.append(AValues.Scratch);
       }
     }
-    DecodeBinaryText(hex, ABinary);
+    DecodeBinaryText(hex, binary);
   }
 }
 
