@@ -253,22 +253,32 @@ public:
     // event's own time text (the zone offset is whole minutes, so they are the same).
     const unsigned units = static_cast<unsigned>(FractionDigits(ARow.SystemTime, 3, 4));
     const double local = owner ? owner->ConvertTime(ARow.TimeGenerated) : ARow.TimeGenerated;
-    const size_t at = FBuffer.size();
-    AppendDayCountText(FBuffer, local, 'T');
-    AppendDigits(FBuffer, units, 4);
-    // Shown in UTC the two times are the same text: it is made once.
-    char same[48];
-    const size_t length = FBuffer.size() - at;
-    const bool reuse = local == ARow.TimeGenerated && length <= sizeof same;
-    if (reuse) std::memcpy(same, FBuffer.data() + at, length);
+    char unitsText[12];
+    const size_t unitsLength = static_cast<size_t>(PutDigits(unitsText, units, 4) - unitsText);
+    // Events often share their millisecond with the one before: the text of a day count
+    // is kept for the next event of the same one (equal numbers give equal texts). Shown
+    // in UTC the two times are the same text: it is made once.
+    if (!FTimesSet || !(local == FLocalDays)) {
+      FLocalText.clear();
+      AppendDayCountText(FLocalText, local, 'T');
+      FLocalDays = local;
+    }
+    if (!FTimesSet || !(ARow.TimeGenerated == FUtcDays)) {
+      if (ARow.TimeGenerated == local) {
+        FUtcText = FLocalText;
+      } else {
+        FUtcText.clear();
+        AppendDayCountText(FUtcText, ARow.TimeGenerated, 'T');
+      }
+      FUtcDays = ARow.TimeGenerated;
+    }
+    FTimesSet = true;
+    FBuffer += FLocalText;
+    FBuffer.append(unitsText, unitsLength);
     AppendOffsetText(FBuffer, owner ? owner->ShiftMinutesAt(ARow.TimeGenerated) : 0);
     FBuffer += "\",\"time_utc\":\"";
-    if (reuse) {
-      FBuffer.append(same, length);
-    } else {
-      AppendDayCountText(FBuffer, ARow.TimeGenerated, 'T');
-      AppendDigits(FBuffer, units, 4);
-    }
+    FBuffer += FUtcText;
+    FBuffer.append(unitsText, unitsLength);
     FBuffer += "Z\",\"system_time\":";
     AppendJsonString(FBuffer, ARow.SystemTime);
     FBuffer += ",\"type\":";
@@ -338,6 +348,9 @@ private:
   }
 
   TEventRow FRow;
+  bool FTimesSet = false;
+  double FLocalDays = 0, FUtcDays = 0;
+  std::string FLocalText, FUtcText;
   TJsonCache FTypeJson, FTaskNameJson, FKeywordsJson, FSourceJson, FChannelJson, FComputerJson, FUserNameJson,
       FUserSidJson;
 };

@@ -414,7 +414,17 @@ void TEventLogBinXML::TakeRowEvent(TEventRow& ARow) {
   ARow.Owner = this;
   const int64_t recordId = TextToInt(fields[rfEventRecordID]);
   ARow.RecordId = static_cast<uint64_t>(recordId);
-  ARow.TimeGenerated = SystemTimeTextToDays(fields[rfTimeCreated]);
+  // Events often share their millisecond with the one before: the day count is a
+  // function of the time text's first 23 bytes (to the milliseconds' digits).
+  const std::string& time = fields[rfTimeCreated];
+  const std::string_view timeKey(time.data(), std::min<size_t>(time.size(), kRowTimeKey));
+  if (!FRowTimeSet || timeKey != std::string_view(FRowTimeKey, FRowTimeKeySize)) {
+    std::memcpy(FRowTimeKey, timeKey.data(), timeKey.size());
+    FRowTimeKeySize = timeKey.size();
+    FRowTimeDays = SystemTimeTextToDays(time);
+    FRowTimeSet = true;
+  }
+  ARow.TimeGenerated = FRowTimeDays;
   ARow.Type = EventTypeFromXml(fields[rfChannel], fields[rfKeywords], fields[rfLevel]);
   ARow.EventId = static_cast<uint32_t>(TextToInt(fields[rfEventID]));
   ARow.Qualifiers = static_cast<uint16_t>(TextToInt(fields[rfEventIDQual]));

@@ -173,6 +173,12 @@ protected:
   std::array<TRowNames, 8> FRowNames;
   uint32_t FRowNamesNext = 0;
   TEventXmlFields FRowFields; // for ResolveTaskAndUser
+  // The time text of the last row (as far as its day count reads it) and its day count.
+  static constexpr size_t kRowTimeKey = 23;
+  char FRowTimeKey[kRowTimeKey] = {};
+  size_t FRowTimeKeySize = 0;
+  double FRowTimeDays = 0;
+  bool FRowTimeSet = false;
   // What FillFields does after the fields of the XML are read.
   void CompleteFields(TEventXmlFields& AFields);
 };

@@ -3,6 +3,7 @@
 #include "app/event_output.h"
 
 #include "descriptions/time_zones.h"
+#include "engine/event_log_binxml.h"
 
 #include <gtest/gtest.h>
 
@@ -97,6 +98,53 @@ TEST(EventOutput, JsonlRowNumbers) {
                       "\"task_id\":65535,\"opcode\":10,\"keywords\":\"\","),
             std::string::npos)
       << text;
+}
+
+// Rows of the same millisecond share the text of their time, each with its own 100 ns
+// digits; a time after another is written afresh, and so is a return to an earlier one,
+// in UTC and shifted.
+TEST(EventOutput, JsonlTimesOfNeighbouringRows) {
+  TSystemTime t{};
+  t.wYear = 2024, t.wMonth = 2, t.wDay = 29, t.wHour = 23, t.wMinute = 59, t.wSecond = 59, t.wMilliseconds = 999;
+  const double a = SystemTimeToDays(t);
+  t.wYear = 2024, t.wMonth = 3, t.wDay = 1, t.wHour = 0, t.wMinute = 0, t.wSecond = 0, t.wMilliseconds = 0;
+  const double b = SystemTimeToDays(t);
+  const TStringList values;
+  std::vector<TEventRow> rows;
+  const std::vector<std::pair<double, std::string_view>> times = {{a, "2024-02-29T23:59:59.9991234Z"},
+                                                                   {a, "2024-02-29T23:59:59.9995678Z"},
+                                                                   {b, "2024-03-01T00:00:00.0000001Z"},
+                                                                   {a, "2024-02-29T23:59:59.999Z"}};
+  for (const auto& [days, text] : times) {
+    TEventRow row;
+    row.List = &values;
+    row.TimeGenerated = days;
+    row.SystemTime = text;
+    rows.push_back(row);
+  }
+  auto expect = [](const std::string& AText, const std::vector<std::string>& AExpected) {
+    size_t at = 0;
+    for (const std::string& line : AExpected) {
+      const size_t end = AText.find('\n', at);
+      ASSERT_NE(end, std::string::npos);
+      const std::string got = AText.substr(at, end - at);
+      EXPECT_NE(got.find(line), std::string::npos) << got << "\n wants " << line;
+      at = end + 1;
+    }
+    EXPECT_EQ(at, AText.size());
+  };
+  expect(JsonlOf(rows), {"\"time\":\"2024-02-29T23:59:59.9991234Z\",\"time_utc\":\"2024-02-29T23:59:59.9991234Z\"",
+                         "\"time\":\"2024-02-29T23:59:59.9995678Z\",\"time_utc\":\"2024-02-29T23:59:59.9995678Z\"",
+                         "\"time\":\"2024-03-01T00:00:00.0000001Z\",\"time_utc\":\"2024-03-01T00:00:00.0000001Z\"",
+                         "\"time\":\"2024-02-29T23:59:59.9990000Z\",\"time_utc\":\"2024-02-29T23:59:59.9990000Z\""});
+  TEventLogBinXML shifted;
+  shifted.SetTimeShift(0, -90, {});
+  for (TEventRow& row : rows) row.Owner = &shifted;
+  expect(JsonlOf(rows),
+         {"\"time\":\"2024-02-29T22:29:59.9991234-01:30\",\"time_utc\":\"2024-02-29T23:59:59.9991234Z\"",
+          "\"time\":\"2024-02-29T22:29:59.9995678-01:30\",\"time_utc\":\"2024-02-29T23:59:59.9995678Z\"",
+          "\"time\":\"2024-02-29T22:30:00.0000001-01:30\",\"time_utc\":\"2024-03-01T00:00:00.0000001Z\"",
+          "\"time\":\"2024-02-29T22:29:59.9990000-01:30\",\"time_utc\":\"2024-02-29T23:59:59.9990000Z\""});
 }
 
 } // namespace

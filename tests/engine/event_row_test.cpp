@@ -267,6 +267,58 @@ TEST(EventRow, ValuesOfEveryKindAsTheItemsText) {
   ExpectRowsAsItems(WriteTempFile("row-kinds.evtx", MakeFileFromChunks({chunk.Finish()})), 2);
 }
 
+// A row's day count is kept for the next row whose time text reads the same to the
+// millisecond: rows of one millisecond, the next one, and back to the first, must each
+// carry exactly the item's day count.
+TEST(EventRow, TimesOfNeighbouringRowsAsTheItems) {
+  const uint64_t t = 133000000000000000ull + 9990000; // .999 of a second
+  const std::vector<uint64_t> times = {t, t + 1, t + 9999, t + 10000, t + 10001, t + 5, t - 10000, 0, 0};
+  std::vector<TEvtxEventDraft> events;
+  uint64_t id = 1;
+  for (const uint64_t time : times) {
+    TEvtxEventDraft e = SampleEvent(id++);
+    e.FTimeCreated = time;
+    events.push_back(e);
+  }
+  TEvtxChunkWriter chunk;
+  TEvtxEventTemplates templates;
+  uint64_t record = 1;
+  for (const auto& e : events) ASSERT_TRUE(chunk.AddEvent(record++, e, templates));
+  const std::string path = WriteTempFile("row-times.evtx", MakeFileFromChunks({chunk.Finish()}));
+  auto read = [&](bool ARows) {
+    TEventLogBinXML reader;
+    reader.SetBackupFileName(path);
+    reader.SetWithoutXml(true);
+    reader.SetActive(true);
+    EXPECT_TRUE(reader.Active());
+    TEventLogBinXML taker;
+    taker.SetWithoutXml(true);
+    taker.SetValuesForMissingDescription(false);
+    std::vector<std::pair<double, std::string>> seen;
+    TChunkReader::Run(
+        reader.ChunkProducer(), [](TChunkResult&) {}, 1, [&](TChunkResult& AResult, unsigned) {
+          if (ARows)
+            taker.TakeChunkRows(AResult, AResult.Sequence, [&](const TEventRow& ARow) {
+              seen.emplace_back(ARow.TimeGenerated, std::string(ARow.SystemTime));
+            });
+          else
+            taker.TakeChunk(AResult, AResult.Sequence, [&](TEventItemX& AItem) {
+              seen.emplace_back(AItem.FTimeGenerated, AItem.FSystemTime);
+            });
+        });
+    return seen;
+  };
+  const auto rows = read(true);
+  const auto items = read(false);
+  ASSERT_EQ(rows.size(), times.size());
+  ASSERT_EQ(items.size(), rows.size());
+  for (size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(rows[i].second, items[i].second) << i;
+    EXPECT_EQ(rows[i].first, items[i].first) << i << " " << rows[i].second; // exactly
+  }
+  EXPECT_NE(rows[0].first, rows[2].first); // the times do differ
+}
+
 TEST(EventRow, SampleLogGivesTheItemsRows) {
   ExpectRowsAsItems(WriteTempFile("row-sample.evtx", MakeEvtxFile(3, 20)), 60);
 }
