@@ -39,6 +39,10 @@ void LiteralText(const TValueTest& ATest, std::string& AOut) {
     AOut.assign(best);
     break;
   }
+  case TValueTest::vkRegex:
+    // Already folded; a hint only (the pattern must still be matched).
+    if (ATest.Regex) AOut.assign(ATest.Regex->Literal());
+    return;
   default: return;
   }
   for (char& c : AOut) c = FoldChar(c);

@@ -1,14 +1,15 @@
 // Every literal text of every bound rule, found in an event's values in one pass.
 //
-// The texts that value tests compare with (equals, contains, starts and ends with, and
-// the longest plain run of a wildcard pattern) are gathered per event field, case-folded,
-// into one Aho-Corasick automaton per field (and one for keyword tests, which look at
-// every value). Per event, each value of a field some candidate rule reads is scanned once
-// through its field's automaton, whatever the number of rules, and every text found is
-// noted with where it was: anywhere, at the start, at the end, or the whole value. Value
-// tests then read the answer instead of searching the value again: a test of folded text
-// is decided by it, and a cased test or a wildcard pattern is tried only when its text
-// was found.
+// The texts that value tests compare with (equals, contains, starts and ends with, the
+// longest plain run of a wildcard pattern, and the run every match of a regular
+// expression holds) are gathered per event field, case-folded, into one Aho-Corasick
+// automaton per field (and one for keyword tests, which look at every value). Per event,
+// each value of a field some candidate rule reads is scanned once through its field's
+// automaton, whatever the number of rules, and every text found is noted with where it
+// was: anywhere, at the start, at the end, or the whole value. Value tests then read the
+// answer instead of searching the value again: a test of folded text is decided by it,
+// and a cased test, a wildcard pattern or a regular expression is tried only when its
+// text was found.
 //
 // An index serves one list of bindings (the rules of one channel and event ID, see
 // rule_set.h), and is made when an event first needs that list.
@@ -18,8 +19,10 @@
 // is evaluated only when every clause holds (a field test needs one of its values' texts,
 // a field test of "all" values each of their texts, an AND what every part needs, an OR
 // one of the texts of the most selective clause of each part; "not", null, exists,
-// numbers, field references and regular expressions need nothing). A binding that needs nothing is evaluated on every event of
-// its channel and ID. Neither shortcut ever changes a result.
+// numbers, field references and regular expressions without a sure run need nothing). A
+// binding that needs nothing is evaluated on every event of its channel and ID. Neither
+// shortcut ever changes a result (but a regular expression that is not run cannot reach
+// its limits either: limits are counted only for the texts a pattern is run on).
 //
 // An automaton is built the first time a value is scanned with it (on whichever thread
 // that is), so a log that holds few kinds of events pays only for the fields their rules
