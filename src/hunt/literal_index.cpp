@@ -212,6 +212,32 @@ uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText, std::v
   return literal;
 }
 
+void TLiteralIndex::AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes) {
+  const size_t tests = ACodes.size(); // (ARule.TestCount)
+  ACodes.resize(tests + ARule.FieldTestCount, kNoLiteral);
+  for (const TSearch& search : ARule.Searches)
+    for (const TSearchAlt& alt : search.Alts) {
+      if (alt.Keywords) continue;
+      for (const TFieldTest& field : alt.Fields) {
+        bool decided = true;
+        for (const TValueTest& value : field.Values) {
+          const uint32_t coded = ACodes[value.Index];
+          decided = decided && DecidedByLiteral(value) && coded != kNoLiteral && !(coded & 1) &&
+                    (coded >> 1) < (1u << 27);
+        }
+        if (!decided) continue;
+        ACodes[tests + field.Index] = static_cast<uint32_t>(ACodes.size());
+        for (const TValueTest& value : field.Values) {
+          const uint8_t bit = value.Kind == TValueTest::vkEquals       ? lhEquals
+                              : value.Kind == TValueTest::vkStartsWith ? lhStarts
+                              : value.Kind == TValueTest::vkEndsWith   ? lhEnds
+                                                                       : lhContains;
+          ACodes.push_back((ACodes[value.Index] >> 1) << 4 | bit);
+        }
+      }
+    }
+}
+
 TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) {
   static std::atomic<uint64_t> serials{0};
   FSerial = ++serials;
@@ -294,6 +320,7 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
       ++FClauseCount[b];
       for (const uint32_t literal : need) needed.emplace_back(literal, clause);
     }
+    AddFieldAnswers(*binding.Rule, FTestLiterals[b]);
   }
   // Flat, by literal (per event, every literal found walks its clauses here), each
   // literal's in clause order.

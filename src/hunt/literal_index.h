@@ -126,7 +126,11 @@ public:
   uint32_t ClauseBinding(uint32_t AClause) const { return FClauseBinding[AClause]; }
   uint32_t ClausesOf(uint32_t ABinding) const { return FClauseCount[ABinding]; }
   // Per value test of binding ABinding (TValueTest::Index): literal << 1 | 1 when only a
-  // hint, kNoLiteral when the test has none (MatchRule's ATestLiterals).
+  // hint, kNoLiteral when the test has none (MatchRule's ATestLiterals). Then, per field
+  // test (TestCount + TFieldTest::Index), where in the same array the answers of a field
+  // test that the literal hits decide alone (all of its values are such tests) start, else
+  // kNoLiteral: per value, literal << 4 | the TLiteralHit bit that decides it. A rule's
+  // tests are then not read at all for such field tests.
   const uint32_t* TestLiterals(uint32_t ABinding) const { return FTestLiterals[ABinding].data(); }
   // The binding needs no literal: it is evaluated on every event it is a candidate for.
   bool Always(uint32_t ABinding) const { return FClauseCount[ABinding] == 0; }
@@ -180,6 +184,8 @@ private:
   static constexpr size_t kDenseBytes = 256u << 10; // per automaton
 
   uint32_t Intern(uint32_t AField, const std::string& AText, std::vector<uint32_t>& ASlots);
+  // Appends the field tests' part of TestLiterals to a binding's ACodes (its value tests' part).
+  static void AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const;
   const TAutomaton& Built(uint32_t AAutomaton) const;
   template <typename TEntry>

@@ -252,6 +252,40 @@ TEST(HuntLiteralIndex, RegexRunsSelectAsMatchingWould) {
   EXPECT_EQ(CompareOver(rules, path), size_t{2 * (1 + 2 + 2 + 1 + 7) + 1});
 }
 
+// Field tests that the literal hits decide alone are answered from the index's flat array,
+// without reading the rule's tests: any and all of many values, at an end, whole or
+// anywhere, fields the event lacks, and beside tests the hits cannot decide (cased, a
+// wildcard pattern, a regular expression) in the same map, the same search and the same
+// condition. Every event reports as testing every rule would.
+TEST(HuntLiteralIndex, FieldTestsDecidedByHitsAnswerAsSearchingWould) {
+  std::string many = "  sel:\n    CommandLine|contains:\n";
+  for (int i = 0; i < 40; ++i) many += "      - 'word" + std::to_string(i) + "x'\n";
+  many += "    Image|endswith:\n      - '\\a.exe'\n      - '\\b.exe'\n    Company: 'Corp'\n  condition: sel\n";
+  const std::vector<std::string> detections = {
+      many,
+      "  sel:\n    CommandLine|contains|all:\n      - 'word1x'\n      - 'word2x'\n      - 'word3x'\n"
+      "    Image|startswith: 'C:\\x'\n  condition: sel\n",
+      "  sel:\n    CommandLine|contains|cased: 'Word1x'\n    Image|endswith: '\\a.exe'\n  condition: sel\n",
+      "  sel:\n    Image: 'C:\\x\\?.exe'\n    CommandLine|contains: 'word2x'\n  condition: sel\n",
+      "  a:\n    CommandLine|re: 'word[12]x'\n  b:\n    Missing: 'value'\n  c:\n    Missing|contains|all:\n"
+      "      - 'one'\n      - 'two'\n  condition: a and not b and not c\n",
+      "  a:\n    Image|endswith: '\\a.exe'\n  b:\n    Image|endswith: '\\b.exe'\n    CommandLine: 'word3x'\n"
+      "  condition: a or b\n",
+      "  sel:\n    Company: 'corp'\n  filter:\n    CommandLine|startswith: 'word1'\n  condition: sel and not filter\n",
+  };
+  TRuleSet rules;
+  for (size_t i = 0; i < detections.size(); ++i) rules.LoadText(RuleText(detections[i]), std::to_string(i) + ".yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  TEvtxFileWriter writer;
+  for (const char* image : {"C:\\x\\a.exe", "C:\\x\\b.exe", "C:\\y\\c.exe"})
+    for (const char* line : {"word1x", "Word1x word2x", "word1x word2x word3x", "word3x", "x word39x y", "nothing"}) {
+      writer.AddEvent(ProcessEvent(image, line));
+      writer.AddEvent(ProcessEvent(image, line, {{"Company", "CORP"}}));
+    }
+  const std::string path = WriteTempFile("literal_fields.evtx", writer.Bytes());
+  EXPECT_GT(CompareOver(rules, path), size_t{20});
+}
+
 TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {
   if (SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
   TRuleSet rules;
