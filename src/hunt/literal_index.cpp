@@ -214,7 +214,13 @@ uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText, std::v
 
 void TLiteralIndex::AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes) {
   const size_t tests = ACodes.size(); // (ARule.TestCount)
-  ACodes.resize(tests + ARule.FieldTestCount, kNoLiteral);
+  // (Room for every field test's number, whatever FieldTestCount says: MatchField reads
+  // the place of each one it tests.)
+  size_t fields = ARule.FieldTestCount;
+  for (const TSearch& search : ARule.Searches)
+    for (const TSearchAlt& alt : search.Alts)
+      for (const TFieldTest& field : alt.Fields) fields = std::max<size_t>(fields, size_t{field.Index} + 1);
+  ACodes.resize(tests + fields, kNoLiteral);
   for (const TSearch& search : ARule.Searches)
     for (const TSearchAlt& alt : search.Alts) {
       if (alt.Keywords) continue;
