@@ -141,64 +141,9 @@ void AppendMatchedJson(std::string& AOut, const TDetection& ADetection) {
   }
 }
 
-// A detection's line of JSON Lines or CSV (ACell is room for the CSV's matched values).
-void AppendDetectionLine(std::string& AOut, TOutputFormat AFormat, const TDetection& ADetection,
-                         const TEventInfo& AInfo, std::string& ACell) {
-  const TSigmaRule& rule = *ADetection.Rule;
-  if (AFormat == TOutputFormat::ofJsonl) {
-    AOut.append("{\"rule_id\":");
-    AppendJsonString(AOut, rule.Id);
-    AOut.append(",\"rule_title\":");
-    AppendJsonString(AOut, rule.Title);
-    AOut.append(",\"rule_author\":");
-    AppendJsonString(AOut, rule.Author);
-    AOut.append(",\"level\":");
-    AppendJsonString(AOut, LevelName(rule.Level));
-    AOut.append(",\"status\":");
-    AppendJsonString(AOut, rule.Status);
-    AOut.append(",\"tags\":[");
-    for (size_t i = 0; i < rule.Tags.size(); ++i) {
-      if (i) AOut.push_back(',');
-      AppendJsonString(AOut, rule.Tags[i]);
-    }
-    AOut.append("],\"record\":").append(std::to_string(AInfo.Record));
-    AOut.append(",\"event_id\":").append(std::to_string(AInfo.EventId));
-    AOut.append(",\"time\":");
-    AppendJsonString(AOut, AInfo.TimeIso);
-    AOut.append(",\"computer\":");
-    AppendJsonString(AOut, AInfo.Computer);
-    AOut.append(",\"channel\":");
-    AppendJsonString(AOut, AInfo.Channel);
-    AOut.append(",\"file\":");
-    AppendJsonString(AOut, *AInfo.File);
-    AOut.append(",\"matched\":{");
-    AppendMatchedJson(AOut, ADetection);
-    AOut.append("}}\n");
-    return;
-  }
-  AppendCsvField(AOut, AInfo.Time);
-  AOut.push_back(',');
-  AppendCsvField(AOut, LevelName(rule.Level));
-  for (const std::string* text : {&rule.Title, &rule.Author, &rule.Id}) {
-    AOut.push_back(',');
-    AppendCsvField(AOut, *text);
-  }
-  AOut.push_back(',');
-  AppendCsvField(AOut, AInfo.Computer);
-  AOut.append(",").append(std::to_string(AInfo.EventId)).append(",").append(std::to_string(AInfo.Record));
-  AOut.push_back(',');
-  AppendCsvField(AOut, AInfo.Channel);
-  AOut.push_back(',');
-  AppendCsvField(AOut, *AInfo.File);
-  AOut.push_back(',');
-  MatchedShort(ADetection, ACell);
-  AppendCsvField(AOut, ACell);
-  AOut.append("\r\n");
-}
-
-// AppendDetectionLine for the detections of one event after another, with what the line
-// takes from the rule made once per rule and what it takes from the event once per event:
-// the same text.
+// The lines of JSON Lines or CSV of the detections of one event after another: what a
+// line takes from its rule is made once per rule, and what it takes from its event once
+// per event.
 class TDetectionLines {
 public:
   explicit TDetectionLines(TOutputFormat AFormat) : FFormat(AFormat) {}
@@ -490,7 +435,8 @@ public:
         FTable(FBuffer,
                {{"Time"}, {"Level"}, {"Rule (author)", false, 4}, {"Computer", false, 0, 2}, {"ID", true},
                 {"Matched", false, 5, 1}},
-               AOptions.Width ? AOptions.Width : TerminalWidth(AOut)) {
+               AOptions.Width ? AOptions.Width : TerminalWidth(AOut)),
+        FLines(AOptions.Format) {
     if (AOptions.Format == TOutputFormat::ofCsv)
       FBuffer.append("time,level,rule_title,rule_author,rule_id,computer,event_id,record,channel,file,matched\r\n");
     if (!FLoad.Done() && (FHeld = std::tmpfile()) != nullptr) FErr = FHeld;
@@ -646,6 +592,7 @@ private:
       info.Computer = event.Computer;
       info.Channel = event.Channel;
       info.File = ABatch.File;
+      Event(info);
       for (; i < ABatch.Found.size() && &ABatch.Events[ABatch.Found[i].Event] == &event; ++i) {
         const TFoundDetection& found = ABatch.Found[i];
         detection.Rule = found.Rule;
@@ -837,6 +784,7 @@ private:
       info.Computer = row.Computer;
       info.Channel = channel;
       info.File = &APath;
+      Event(info);
       for (const TDetection& detection : detections) Write(detection, info);
     }
   }
@@ -862,6 +810,7 @@ private:
     if (detections.empty()) return;
     TEventInfo info;
     FillEventInfo(AItem, APath, info);
+    Event(info);
     for (const TDetection& detection : detections) Write(detection, info);
   }
 
@@ -872,6 +821,12 @@ private:
     ++FByRule[&ARule];
   }
 
+  // The event the detections written next are about.
+  void Event(const TEventInfo& AInfo) {
+    if (FOptions.Format != TOutputFormat::ofTable) FLines.Event(AInfo);
+  }
+
+  // A detection of the event given last to Event.
   void Write(const TDetection& ADetection, const TEventInfo& AInfo) {
     const TSigmaRule& rule = *ADetection.Rule;
     Count(rule);
@@ -879,7 +834,7 @@ private:
       MatchedShort(ADetection, FCell);
       AddTableRow(rule, AInfo.Time, AInfo.Computer, std::to_string(AInfo.EventId), FCell);
     } else {
-      AppendDetectionLine(FBuffer, FOptions.Format, ADetection, AInfo, FCell);
+      FLines.Append(FBuffer, ADetection);
     }
     if (FBuffer.size() > 256 * 1024) Flush();
   }
@@ -909,6 +864,7 @@ private:
   bool FOpen = false;       // the rules are loaded and usable
   std::string FBuffer;
   TTextTable FTable;
+  TDetectionLines FLines; // (JSON Lines, CSV)
   std::string FCell, FRuleCell;
   uint64_t FDetections = 0;
   uint64_t FByLevel[slCritical + 1] = {};

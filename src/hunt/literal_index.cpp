@@ -39,6 +39,10 @@ void LiteralText(const TValueTest& ATest, std::string& AOut) {
     AOut.assign(best);
     break;
   }
+  case TValueTest::vkRegex:
+    // Already folded; a hint only (the pattern must still be matched).
+    if (ATest.Regex) AOut.assign(ATest.Regex->Literal());
+    return;
   default: return;
   }
   for (char& c : AOut) c = FoldChar(c);
@@ -208,6 +212,38 @@ uint32_t TLiteralIndex::Intern(uint32_t AField, const std::string& AText, std::v
   return literal;
 }
 
+void TLiteralIndex::AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes) {
+  const size_t tests = ACodes.size(); // (ARule.TestCount)
+  // (Room for every field test's number, whatever FieldTestCount says: MatchField reads
+  // the place of each one it tests.)
+  size_t fields = ARule.FieldTestCount;
+  for (const TSearch& search : ARule.Searches)
+    for (const TSearchAlt& alt : search.Alts)
+      for (const TFieldTest& field : alt.Fields) fields = std::max<size_t>(fields, size_t{field.Index} + 1);
+  ACodes.resize(tests + fields, kNoLiteral);
+  for (const TSearch& search : ARule.Searches)
+    for (const TSearchAlt& alt : search.Alts) {
+      if (alt.Keywords) continue;
+      for (const TFieldTest& field : alt.Fields) {
+        bool decided = true;
+        for (const TValueTest& value : field.Values) {
+          const uint32_t coded = ACodes[value.Index];
+          decided = decided && DecidedByLiteral(value) && coded != kNoLiteral && !(coded & 1) &&
+                    (coded >> 1) < (1u << 27);
+        }
+        if (!decided) continue;
+        ACodes[tests + field.Index] = static_cast<uint32_t>(ACodes.size());
+        for (const TValueTest& value : field.Values) {
+          const uint8_t bit = value.Kind == TValueTest::vkEquals       ? lhEquals
+                              : value.Kind == TValueTest::vkStartsWith ? lhStarts
+                              : value.Kind == TValueTest::vkEndsWith   ? lhEnds
+                                                                       : lhContains;
+          ACodes.push_back((ACodes[value.Index] >> 1) << 4 | bit);
+        }
+      }
+    }
+}
+
 TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) {
   static std::atomic<uint64_t> serials{0};
   FSerial = ++serials;
@@ -290,6 +326,7 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
       ++FClauseCount[b];
       for (const uint32_t literal : need) needed.emplace_back(literal, clause);
     }
+    AddFieldAnswers(*binding.Rule, FTestLiterals[b]);
   }
   // Flat, by literal (per event, every literal found walks its clauses here), each
   // literal's in clause order.

@@ -1,14 +1,15 @@
 // Every literal text of every bound rule, found in an event's values in one pass.
 //
-// The texts that value tests compare with (equals, contains, starts and ends with, and
-// the longest plain run of a wildcard pattern) are gathered per event field, case-folded,
-// into one Aho-Corasick automaton per field (and one for keyword tests, which look at
-// every value). Per event, each value of a field some candidate rule reads is scanned once
-// through its field's automaton, whatever the number of rules, and every text found is
-// noted with where it was: anywhere, at the start, at the end, or the whole value. Value
-// tests then read the answer instead of searching the value again: a test of folded text
-// is decided by it, and a cased test or a wildcard pattern is tried only when its text
-// was found.
+// The texts that value tests compare with (equals, contains, starts and ends with, the
+// longest plain run of a wildcard pattern, and the run every match of a regular
+// expression holds) are gathered per event field, case-folded, into one Aho-Corasick
+// automaton per field (and one for keyword tests, which look at every value). Per event,
+// each value of a field some candidate rule reads is scanned once through its field's
+// automaton, whatever the number of rules, and every text found is noted with where it
+// was: anywhere, at the start, at the end, or the whole value. Value tests then read the
+// answer instead of searching the value again: a test of folded text is decided by it,
+// and a cased test, a wildcard pattern or a regular expression is tried only when its
+// text was found.
 //
 // An index serves one list of bindings (the rules of one channel and event ID, see
 // rule_set.h), and is made when an event first needs that list.
@@ -18,8 +19,10 @@
 // is evaluated only when every clause holds (a field test needs one of its values' texts,
 // a field test of "all" values each of their texts, an AND what every part needs, an OR
 // one of the texts of the most selective clause of each part; "not", null, exists,
-// numbers, field references and regular expressions need nothing). A binding that needs nothing is evaluated on every event of
-// its channel and ID. Neither shortcut ever changes a result.
+// numbers, field references and regular expressions without a sure run need nothing). A
+// binding that needs nothing is evaluated on every event of its channel and ID. Neither
+// shortcut ever changes a result (but a regular expression that is not run cannot reach
+// its limits either: limits are counted only for the texts a pattern is run on).
 //
 // An automaton is built the first time a value is scanned with it (on whichever thread
 // that is), so a log that holds few kinds of events pays only for the fields their rules
@@ -123,7 +126,11 @@ public:
   uint32_t ClauseBinding(uint32_t AClause) const { return FClauseBinding[AClause]; }
   uint32_t ClausesOf(uint32_t ABinding) const { return FClauseCount[ABinding]; }
   // Per value test of binding ABinding (TValueTest::Index): literal << 1 | 1 when only a
-  // hint, kNoLiteral when the test has none (MatchRule's ATestLiterals).
+  // hint, kNoLiteral when the test has none (MatchRule's ATestLiterals). Then, per field
+  // test (TestCount + TFieldTest::Index), where in the same array the answers of a field
+  // test that the literal hits decide alone (all of its values are such tests) start, else
+  // kNoLiteral: per value, literal << 4 | the TLiteralHit bit that decides it. A rule's
+  // tests are then not read at all for such field tests.
   const uint32_t* TestLiterals(uint32_t ABinding) const { return FTestLiterals[ABinding].data(); }
   // The binding needs no literal: it is evaluated on every event it is a candidate for.
   bool Always(uint32_t ABinding) const { return FClauseCount[ABinding] == 0; }
@@ -177,6 +184,8 @@ private:
   static constexpr size_t kDenseBytes = 256u << 10; // per automaton
 
   uint32_t Intern(uint32_t AField, const std::string& AText, std::vector<uint32_t>& ASlots);
+  // Appends the field tests' part of TestLiterals to a binding's ACodes (its value tests' part).
+  static void AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const;
   const TAutomaton& Built(uint32_t AAutomaton) const;
   template <typename TEntry>

@@ -381,6 +381,7 @@ bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
         rule.Searches = std::move(compiled->Searches);
         rule.Condition = std::move(compiled->Condition);
         rule.TestCount = compiled->TestCount;
+        rule.FieldTestCount = compiled->FieldTestCount;
         deferred.State = 1;
       }
     } catch (const ESigmaError&) {

@@ -85,6 +85,7 @@ struct TContext {
   const TEventFields& Fields;
   const uint32_t* TestLiterals; // null: every test searches the values
   const uint8_t* Hits;
+  const uint32_t* FieldAnswers; // TestLiterals' field tests part (literal_index.h), or null
 };
 
 // What the literal index says of ATest: 1 it matches a value, 0 it matches none, -1 it
@@ -118,6 +119,24 @@ bool MatchAbsent(const TValueTest& ATest) {
 bool MatchField(const TContext& AContext, const TFieldTest& ATest, std::vector<TMatchedValue>* ARecord) {
   const uint32_t field = AContext.SlotFields[ATest.Slot];
   const int first = AContext.Fields.First(field);
+  if (AContext.FieldAnswers) {
+    // Every value test is decided by its literal's hits: read from a flat array, as the
+    // loops below would answer (none of these tests holds for an absent field).
+    const uint32_t at = AContext.FieldAnswers[ATest.Index];
+    if (at != TLiteralIndex::kNoLiteral) {
+      if (first == TEventFields::kNoValue) return ATest.All && ATest.Values.empty();
+      const uint32_t* code = AContext.TestLiterals + at;
+      const uint32_t* const end = code + ATest.Values.size();
+      if (ATest.All) {
+        for (; code != end; ++code)
+          if (!(AContext.Hits[*code >> 4] & (*code & 15))) return false;
+        return true;
+      }
+      for (; code != end; ++code)
+        if (AContext.Hits[*code >> 4] & (*code & 15)) return true;
+      return false;
+    }
+  }
   if (first == TEventFields::kNoValue) {
     for (const TValueTest& value : ATest.Values) {
       const bool hit = MatchAbsent(value);
@@ -253,7 +272,8 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
 
 bool MatchRule(const TSigmaRule& ARule, const uint32_t* ASlotFields, const TEventFields& AFields,
                std::vector<TMatchedValue>* ARecord, const uint32_t* ATestLiterals, const uint8_t* AHits) {
-  const TContext context{ARule, ASlotFields, AFields, ARecord ? nullptr : ATestLiterals, AHits};
+  const uint32_t* literals = ARecord ? nullptr : ATestLiterals;
+  const TContext context{ARule, ASlotFields, AFields, literals, AHits, literals ? literals + ARule.TestCount : nullptr};
   return MatchNode(context, ARule.Condition, ARecord);
 }
 

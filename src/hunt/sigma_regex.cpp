@@ -4,6 +4,7 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <cctype>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -115,9 +116,202 @@ TSigmaRegex::TSigmaRegex(std::string_view APattern, bool ACaseless, bool AMultil
   pcre2_set_match_limit(FHandles->Context, kMatchLimit);
   pcre2_set_depth_limit(FHandles->Context, kDepthLimit);
   pcre2_set_heap_limit(FHandles->Context, kHeapLimitKiB);
+  FLiteral = RequiredRegexLiteral(APattern, ACaseless);
 }
 
 TSigmaRegex::~TSigmaRegex() = default;
+
+namespace {
+
+// Reading a pattern for RequiredRegexLiteral: false when it holds what the reader does
+// not know (the caller then gives no literal).
+class TPatternReader {
+public:
+  TPatternReader(std::string_view APattern, bool ACaseless) : FText(APattern), FCaseless(ACaseless) {}
+
+  bool Read(std::string& ABest) {
+    if (FText.starts_with("(*")) return false; // (*UTF), (*CR), ... change how the rest reads
+    std::string run;
+    auto close = [&] {
+      if (run.size() > ABest.size()) ABest = run;
+      run.clear();
+    };
+    while (FAt < FText.size()) {
+      const auto c = static_cast<unsigned char>(FText[FAt]);
+      bool literal = false;
+      char ch = 0;
+      if (c == '\\') {
+        if (FAt + 1 >= FText.size()) return false;
+        const auto e = static_cast<unsigned char>(FText[FAt + 1]);
+        if (e >= 0x80) return false;
+        if (std::isalnum(e)) {
+          // Escapes of one character class, anchor or control character: no run goes on.
+          if (!std::strchr("dDsSwWbBAzZGhHvVRXKtnrfea", e)) return false;
+        } else {
+          literal = true;
+          ch = static_cast<char>(e);
+        }
+        FAt += 2;
+      } else if (c == '[') {
+        if (!SkipClass()) return false;
+      } else if (c == '(') {
+        if (!SkipGroup()) return false;
+      } else if (c == '.' || c == '^' || c == '$') {
+        ++FAt;
+      } else if (c >= 0x80) {
+        ++FAt; // (a UTF-8 sequence: its other bytes end the run as well)
+      } else if (c == '|' || c == ')' || c == '*' || c == '+' || c == '?' || c == '{' || c == '}' || c == ']') {
+        return false; // an alternation, or a quantifier or brace where an atom should be
+      } else {
+        literal = true;
+        ch = static_cast<char>(c);
+        ++FAt;
+      }
+      int least = 1; // how many times the atom must be there
+      if (!Quantifier(least)) return false;
+      if (!literal) {
+        close();
+        continue;
+      }
+      const char folded = FoldChar(ch);
+      if (least == 0 || (FCaseless && (folded == 'k' || folded == 's'))) {
+        close();
+        continue;
+      }
+      run.push_back(folded);
+      if (least != 1 || FQuantified) close(); // repeated: what follows it is not next to this one
+    }
+    close();
+    return true;
+  }
+
+private:
+  static char FoldChar(char AChar) { return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar; }
+
+  // A quantifier after an atom (none: ALeast stays 1); false when one cannot be read.
+  bool Quantifier(int& ALeast) {
+    FQuantified = false;
+    if (FAt >= FText.size()) return true;
+    const char q = FText[FAt];
+    if (q == '?' || q == '*') {
+      ALeast = 0;
+      ++FAt;
+    } else if (q == '+') {
+      ++FAt;
+    } else if (q == '{') {
+      // {n}, {n,}, {n,m}, {,m}; anything else is refused rather than guessed.
+      size_t at = FAt + 1;
+      const size_t digits = at;
+      while (at < FText.size() && std::isdigit(static_cast<unsigned char>(FText[at]))) ++at;
+      const bool least = at > digits;
+      ALeast = least && FText.substr(digits, at - digits).find_first_not_of('0') != std::string_view::npos ? 2 : 0;
+      if (at < FText.size() && FText[at] == ',') {
+        ++at;
+        const size_t most = at;
+        while (at < FText.size() && std::isdigit(static_cast<unsigned char>(FText[at]))) ++at;
+        if (!least && at == most) return false;
+      } else if (!least) {
+        return false;
+      }
+      if (at >= FText.size() || FText[at] != '}') return false;
+      FAt = at + 1;
+      if (ALeast == 2) ALeast = 1;
+    } else {
+      return true;
+    }
+    FQuantified = true;
+    if (FAt < FText.size() && (FText[FAt] == '?' || FText[FAt] == '+')) ++FAt; // lazy, possessive
+    return true;
+  }
+
+  // [...] from its '['.
+  bool SkipClass() {
+    size_t at = FAt + 1;
+    if (at < FText.size() && FText[at] == '^') ++at;
+    if (at < FText.size() && FText[at] == ']') ++at; // a ']' first is one of the class
+    while (at < FText.size()) {
+      const char c = FText[at];
+      if (c == '\\') {
+        if (at + 1 < FText.size() && FText[at + 1] == 'Q') return false;
+        at += 2;
+      } else if (c == '[' && at + 1 < FText.size() && FText[at + 1] == ':') {
+        const size_t end = FText.find(":]", at + 2);
+        if (end == std::string_view::npos) return false;
+        at = end + 2;
+      } else if (c == ']') {
+        FAt = at + 1;
+        return true;
+      } else {
+        ++at;
+      }
+    }
+    return false;
+  }
+
+  // (...) from its '(', with the groups, classes and escapes in it; notes the flags it sets.
+  bool SkipGroup() {
+    int depth = 0;
+    while (FAt < FText.size()) {
+      const char c = FText[FAt];
+      if (c == '\\') {
+        if (FAt + 1 < FText.size() && FText[FAt + 1] == 'Q') return false;
+        FAt += 2;
+      } else if (c == '[') {
+        if (!SkipClass()) return false;
+      } else if (c == '(') {
+        if (FText.substr(FAt).starts_with("(?#")) {
+          const size_t end = FText.find(')', FAt);
+          if (end == std::string_view::npos) return false;
+          FAt = end + 1;
+          continue;
+        }
+        if (FText.substr(FAt).starts_with("(*")) return false;
+        if (FText.substr(FAt).starts_with("(?")) {
+          // Option letters: (?i) (?-i) (?i: (?^x) ...; x changes how the pattern reads.
+          size_t at = FAt + 2;
+          while (at < FText.size() && (std::isalpha(static_cast<unsigned char>(FText[at])) || FText[at] == '-' ||
+                                       FText[at] == '^')) {
+            if (FText[at] == 'x') return false;
+            if (FText[at] == 'i') FCaseless = true; // (set or unset: taken as set, the safe side)
+            ++at;
+          }
+        }
+        ++depth;
+        ++FAt;
+      } else if (c == ')') {
+        ++FAt;
+        if (--depth == 0) return true;
+      } else {
+        ++FAt;
+      }
+    }
+    return false;
+  }
+
+  std::string_view FText;
+  size_t FAt = 0;
+  bool FCaseless;
+  bool FQuantified = false; // the last atom had a quantifier
+};
+
+} // namespace
+
+std::string RequiredRegexLiteral(std::string_view APattern, bool ACaseless) {
+  // Flags set inside a group count for the whole pattern (read first, so a run before
+  // them knows).
+  bool caseless = ACaseless;
+  for (size_t at = APattern.find("(?"); at != std::string_view::npos; at = APattern.find("(?", at + 2))
+    for (size_t i = at + 2; i < APattern.size() && (std::isalpha(static_cast<unsigned char>(APattern[i])) ||
+                                                    APattern[i] == '-' || APattern[i] == '^');
+         ++i) {
+      if (APattern[i] == 'x') return {};
+      if (APattern[i] == 'i') caseless = true;
+    }
+  std::string best;
+  TPatternReader reader(APattern, caseless);
+  if (!reader.Read(best)) return {};
+  return best;
+}
 
 bool TSigmaRegex::IsJit() const {
   THandles& handles = *FHandles;

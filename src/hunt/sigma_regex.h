@@ -38,11 +38,25 @@ public:
   TResult Search(std::string_view AText) const;
   // Whether the code is JIT-compiled (done here when not yet).
   bool IsJit() const;
+  // A text every match holds, in ASCII lower case (RequiredRegexLiteral); "" when none is sure.
+  const std::string& Literal() const { return FLiteral; }
 
 private:
   TResult SearchNow(std::string_view AText) const;
   struct THandles;
   std::unique_ptr<THandles> FHandles;
+  std::string FLiteral;
 };
+
+// The longest run of plain characters that every match of APattern holds, in ASCII lower
+// case, so that a text without it (folded the same way) cannot match: the characters of
+// the pattern's outermost sequence that stand for themselves and are not made optional,
+// between the groups, classes, escapes and anchors that end a run. "" when no run is sure:
+// an alternation outside groups, an escape or construct it does not know (\x, \Q, \p,
+// back references, (*VERB), a quantifier it cannot read) or extended mode ((?x)).
+// Caseless (ACaseless or (?i) anywhere), 'k' and 's' end a run: in UTF mode PCRE2 also
+// matches them with the Kelvin sign U+212A and the long s U+017F, which ASCII folding
+// does not; a non-ASCII character ends a run in every mode.
+std::string RequiredRegexLiteral(std::string_view APattern, bool ACaseless);
 
 } // namespace qvx::hunt

@@ -915,8 +915,10 @@ void TRuleCompiler::CompileDetection(const TYamlNode& ADetection) {
   if (auto ids = NodeEventIds(FRule.Condition, FRule)) FRule.EventIds = std::move(*ids);
   for (TSearch& search : FRule.Searches)
     for (TSearchAlt& alt : search.Alts)
-      for (TFieldTest& field : alt.Fields)
+      for (TFieldTest& field : alt.Fields) {
+        field.Index = FRule.FieldTestCount++;
         for (TValueTest& value : field.Values) value.Index = FRule.TestCount++;
+      }
 }
 
 std::string JoinText(const TYamlNode* ANode) {

@@ -52,25 +52,28 @@ public:
     vkEquals, vkContains, vkStartsWith, vkEndsWith, vkGlob, vkRegex, vkNetwork,
     vkLess, vkLessEqual, vkGreater, vkGreaterEqual, vkNull, vkExists, vkFieldRef
   };
+  // (What every test of a rule reads first, together at the start: a rule's tests are
+  // walked one after another, most of them decided by the literal index from these alone.)
   TKind Kind = vkEquals;
   bool Cased = false;  // compare with case (the cased modifier); otherwise Needle is folded
+  bool ExistsWanted = true;
+  uint32_t Index = 0;  // the test's number in its rule (TSigmaRule::TestCount)
   std::string Needle;  // equals/contains/starts/ends: the text; for display: the rule's value
   std::vector<TGlobSegment> Segments; // vkGlob: first anchored at the start, last at the end
   std::shared_ptr<TSigmaRegex> Regex;
   TNetwork Network;
   double Number = 0;
-  bool ExistsWanted = true;
   uint32_t RefSlot = 0;               // vkFieldRef: the slot of the other field
   TKind RefKind = vkEquals;           // vkFieldRef: how the values compare
   uint16_t Grams[2] = {};             // vkContains: 4-gram hashes of the needle's two ends
   bool HasGrams = false;
-  uint32_t Index = 0;                 // the test's number in its rule (TSigmaRule::TestCount)
 };
 
 // A field and its values: any value (or, with All, every value) matches one of the
 // event's values of that field.
 struct TFieldTest {
   uint32_t Slot = 0;
+  uint32_t Index = 0; // the field test's number in its rule (TSigmaRule::FieldTestCount)
   std::vector<TValueTest> Values;
   bool All = false;
 };
@@ -107,6 +110,7 @@ public:
   // The event IDs the condition needs one of, when it always needs one (empty: any).
   std::set<uint32_t> EventIds;
   uint32_t TestCount = 0; // value tests, numbered by TValueTest::Index
+  uint32_t FieldTestCount = 0; // field tests, numbered by TFieldTest::Index
   // Times a regular expression reached its limits while matching (the rule is reported;
   // hunters on several threads may count at once).
   mutable std::atomic<uint64_t> RegexLimitHits{0};

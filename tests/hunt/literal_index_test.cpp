@@ -192,7 +192,7 @@ TEST(HuntLiteralIndex, ClausesOfEveryPartSelectTogether) {
     if (candidate && candidate->Bindings.size() == detections.size()) list = candidate;
   ASSERT_NE(list, nullptr);
   const hunt::TLiteralIndex& index = *list->Literals;
-  const uint32_t expected[] = {2, 2, 2, 2, 1, 1, 1};
+  const uint32_t expected[] = {2, 2, 2, 2, 1, 1, 2};
   for (uint32_t b = 0; b < detections.size(); ++b) EXPECT_EQ(index.ClausesOf(b), expected[b]) << detections[b];
   for (uint32_t clause = 0; clause < index.ClauseCount(); ++clause)
     EXPECT_LT(index.ClauseBinding(clause), detections.size());
@@ -211,6 +211,79 @@ TEST(HuntLiteralIndex, ClausesOfEveryPartSelectTogether) {
   // "one" (3 lines x 4) or csi and "evil" (2 more); csi without the cased "ev.l" 5 x 2;
   // csi with it 1 x 2.
   EXPECT_EQ(CompareOver(rules, path), size_t{6 + 4 + 4 + 8 + 14 + 10 + 2});
+}
+
+// A regular expression's sure run selects its rule as its matches would: cased and
+// caseless patterns, texts in other cases, the Kelvin sign and long s that caseless
+// matching takes for k and s, and texts without the run.
+TEST(HuntLiteralIndex, RegexRunsSelectAsMatchingWould) {
+  const std::vector<std::string> detections = {
+      "  sel:\n    CommandLine|re: 'ipconfig\\s+/all'\n  condition: sel\n",
+      "  sel:\n    CommandLine|re: '(?i)werfaultsecure\\.exe\\s+\\d+'\n  condition: sel\n",
+      "  sel:\n    CommandLine|re|i: 'MASK'\n  condition: sel\n",
+      "  sel:\n    CommandLine|re: 'Kiwi'\n  condition: sel\n",
+      "  sel:\n    Image|endswith: '\\csi.exe'\n    CommandLine|re: 'ev.l'\n  condition: sel\n",
+      "  sel:\n    - CommandLine|re: '\\$PSHome\\['\n    - CommandLine|re: 'a|b'\n  condition: sel\n",
+  };
+  TRuleSet rules;
+  for (size_t i = 0; i < detections.size(); ++i) rules.LoadText(RuleText(detections[i]), std::to_string(i) + ".yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  std::string key;
+  const TRuleSet::TCandidates candidates = rules.Candidates("Microsoft-Windows-Sysmon/Operational", 1, key);
+  const hunt::TBindingList* list = nullptr;
+  for (const hunt::TBindingList* candidate : candidates.Lists)
+    if (candidate && candidate->Bindings.size() == detections.size()) list = candidate;
+  ASSERT_NE(list, nullptr);
+  // Each rule is selected by its run, but the last: "a|b" has none, so neither has its OR.
+  const uint32_t clauses[] = {1, 1, 1, 1, 2, 0};
+  for (uint32_t b = 0; b < detections.size(); ++b) EXPECT_EQ(list->Literals->ClausesOf(b), clauses[b]) << b;
+
+  const char* const lines[] = {"ipconfig /all",        "IPCONFIG  /all",  "ipconfig /ALL", "ipconfig",
+                               "x WerFaultSecure.exe 12", "werfault\xc5\xbf" "ecure.exe 7", "mask", "MA\xc5\xbf\xe2\x84\xaa",
+                               "Kiwi",                 "kiwi",            "evil",          "$PSHome[1]",
+                               "$pshome[",             "nothing at all"};
+  TEvtxFileWriter writer;
+  for (const char* image : {"C:\\x\\csi.exe", "C:\\x\\other.exe"})
+    for (const char* line : lines) writer.AddEvent(ProcessEvent(image, line));
+  const std::string path = WriteTempFile("literal_regex.evtx", writer.Bytes());
+  // Per image: the cased ipconfig 1; werfaultsecure 2 (with the long s too); MASK 2 (with
+  // the long s and Kelvin sign too); the cased Kiwi 1; $PSHome[ or an a or b 7; and ev.l
+  // on the csi image only.
+  EXPECT_EQ(CompareOver(rules, path), size_t{2 * (1 + 2 + 2 + 1 + 7) + 1});
+}
+
+// Field tests that the literal hits decide alone are answered from the index's flat array,
+// without reading the rule's tests: any and all of many values, at an end, whole or
+// anywhere, fields the event lacks, and beside tests the hits cannot decide (cased, a
+// wildcard pattern, a regular expression) in the same map, the same search and the same
+// condition. Every event reports as testing every rule would.
+TEST(HuntLiteralIndex, FieldTestsDecidedByHitsAnswerAsSearchingWould) {
+  std::string many = "  sel:\n    CommandLine|contains:\n";
+  for (int i = 0; i < 40; ++i) many += "      - 'word" + std::to_string(i) + "x'\n";
+  many += "    Image|endswith:\n      - '\\a.exe'\n      - '\\b.exe'\n    Company: 'Corp'\n  condition: sel\n";
+  const std::vector<std::string> detections = {
+      many,
+      "  sel:\n    CommandLine|contains|all:\n      - 'word1x'\n      - 'word2x'\n      - 'word3x'\n"
+      "    Image|startswith: 'C:\\x'\n  condition: sel\n",
+      "  sel:\n    CommandLine|contains|cased: 'Word1x'\n    Image|endswith: '\\a.exe'\n  condition: sel\n",
+      "  sel:\n    Image: 'C:\\x\\?.exe'\n    CommandLine|contains: 'word2x'\n  condition: sel\n",
+      "  a:\n    CommandLine|re: 'word[12]x'\n  b:\n    Missing: 'value'\n  c:\n    Missing|contains|all:\n"
+      "      - 'one'\n      - 'two'\n  condition: a and not b and not c\n",
+      "  a:\n    Image|endswith: '\\a.exe'\n  b:\n    Image|endswith: '\\b.exe'\n    CommandLine: 'word3x'\n"
+      "  condition: a or b\n",
+      "  sel:\n    Company: 'corp'\n  filter:\n    CommandLine|startswith: 'word1'\n  condition: sel and not filter\n",
+  };
+  TRuleSet rules;
+  for (size_t i = 0; i < detections.size(); ++i) rules.LoadText(RuleText(detections[i]), std::to_string(i) + ".yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  TEvtxFileWriter writer;
+  for (const char* image : {"C:\\x\\a.exe", "C:\\x\\b.exe", "C:\\y\\c.exe"})
+    for (const char* line : {"word1x", "Word1x word2x", "word1x word2x word3x", "word3x", "x word39x y", "nothing"}) {
+      writer.AddEvent(ProcessEvent(image, line));
+      writer.AddEvent(ProcessEvent(image, line, {{"Company", "CORP"}}));
+    }
+  const std::string path = WriteTempFile("literal_fields.evtx", writer.Bytes());
+  EXPECT_GT(CompareOver(rules, path), size_t{20});
 }
 
 TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {

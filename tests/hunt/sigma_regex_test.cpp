@@ -12,6 +12,7 @@
 namespace qvx::test {
 namespace {
 
+using hunt::RequiredRegexLiteral;
 using hunt::TSigmaRegex;
 
 TEST(SigmaRegexMemo, AnswersAgainAsTheFirstTime) {
@@ -78,6 +79,55 @@ TEST(SigmaRegexMemo, ThreadsKeepTheirOwn) {
   b.join();
   EXPECT_EQ(wrongA, 0);
   EXPECT_EQ(wrongB, 0);
+}
+
+// The run a pattern's every match holds is its longest plain run outside groups and
+// classes, folded; an atom made optional is left out, a repeated one ends the run.
+TEST(SigmaRegexLiteral, LongestSureRunOutsideGroupsAndClasses) {
+  EXPECT_EQ(RequiredRegexLiteral("ipconfig\\s+/all", false), "ipconfig");
+  EXPECT_EQ(RequiredRegexLiteral("\\$PSHome\\[\\s*\\d{1,3}\\s*\\]", false), "$pshome[");
+  EXPECT_EQ(RequiredRegexLiteral("(?:a|b)cde[xyz]fg", false), "cde");
+  EXPECT_EQ(RequiredRegexLiteral("^C:\\\\Windows\\\\Temp\\\\[a-z]{8}\\.exe$", false), "c:\\windows\\temp\\");
+  EXPECT_EQ(RequiredRegexLiteral("https?://", false), "http");         // s? may be absent
+  EXPECT_EQ(RequiredRegexLiteral("ab*cdef", false), "cdef");           // b* too
+  EXPECT_EQ(RequiredRegexLiteral("xy{0,2}zzz", false), "zzz");         // y{0,2} too
+  EXPECT_EQ(RequiredRegexLiteral("abc+defg", false), "defg");          // c+: "abc" and then c's
+  EXPECT_EQ(RequiredRegexLiteral("ab{2}cd", false), "ab");             // b{2} ends the run
+  EXPECT_EQ(RequiredRegexLiteral("a.b.cd", false), "cd");
+  EXPECT_EQ(RequiredRegexLiteral("[)(]abc(x(y)[)]z)", false), "abc"); // brackets in classes
+  EXPECT_EQ(RequiredRegexLiteral("\\(abc\\)", false), "(abc)");
+  EXPECT_EQ(RequiredRegexLiteral("", false), "");
+  EXPECT_EQ(RequiredRegexLiteral("\\d+\\s*", false), "");
+}
+
+// Whatever it does not know gives no run rather than a guess.
+TEST(SigmaRegexLiteral, UnknownConstructsGiveNone) {
+  EXPECT_EQ(RequiredRegexLiteral("abc|def", false), "");        // either side
+  EXPECT_EQ(RequiredRegexLiteral("\\x41BCD", false), "");       // \x41 is 'A'
+  EXPECT_EQ(RequiredRegexLiteral("\\QA|B\\Eabc", false), "");
+  EXPECT_EQ(RequiredRegexLiteral("(?x) a b c", false), "");     // spaces do not count
+  EXPECT_EQ(RequiredRegexLiteral("abc(?x:d e)", false), "");
+  EXPECT_EQ(RequiredRegexLiteral("(*UCP)abc", false), "");
+  EXPECT_EQ(RequiredRegexLiteral("ab{x}cd", false), "");        // not a quantifier PCRE2 knows for sure
+  EXPECT_EQ(RequiredRegexLiteral("abc\\1", false), "");         // a back reference
+  EXPECT_EQ(RequiredRegexLiteral("abc\\p{L}", false), "");
+  EXPECT_EQ(RequiredRegexLiteral("(abc", false), "");
+}
+
+// Caseless, PCRE2 in UTF mode matches 'k' with the Kelvin sign and 's' with the long s,
+// which ASCII folding keeps apart: a run stops at them, and at any non-ASCII byte.
+TEST(SigmaRegexLiteral, CaselessFoldingBeyondAsciiEndsRuns) {
+  EXPECT_EQ(RequiredRegexLiteral("MASK", false), "mask");
+  EXPECT_EQ(RequiredRegexLiteral("MASK", true), "ma");
+  EXPECT_EQ(RequiredRegexLiteral("(?i)werfaultsecure\\.exe", false), "ecure.exe");
+  EXPECT_EQ(RequiredRegexLiteral("abcd(?i:x)k", false), "abcd"); // (?i) anywhere counts
+  EXPECT_EQ(RequiredRegexLiteral("a\xc3\xa9zzz", false), "zzz");
+  const std::string longS = "ma\xc5\xbf\xe2\x84\xaa";            // "ma", U+017F, U+212A
+  for (const bool caseless : {true, false}) {
+    const TSigmaRegex regex(caseless ? "MASK" : "(?i)mask", caseless, false, false);
+    EXPECT_EQ(regex.Search("run " + longS + " now"), TSigmaRegex::rxMatch);
+    EXPECT_EQ(regex.Literal(), "ma");
+  }
 }
 
 } // namespace
