@@ -1,5 +1,6 @@
 #include "engine/evtx/chunk_reader.h"
 
+#include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_layout.h"
 #include "platform/crc32.h"
 
@@ -273,7 +274,11 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     return batch;
   };
 
+  // A template is compiled once for all the threads rather than once by each.
+  TBXmlSharedTemplates templates;
+
   auto worker = [&](unsigned AWorker) {
+    TBXmlSharedTemplates::TUse useTemplates(templates);
     std::unique_lock<std::mutex> guard(lock, std::defer_lock);
     spinLock(guard);
     for (;;) {
