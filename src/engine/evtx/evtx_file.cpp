@@ -2,8 +2,10 @@
 
 #include "engine/evtx/evtx_layout.h"
 #include "platform/byte_reader.h"
+#include "platform/read_stream.h"
 
 #include <algorithm>
+#include <thread>
 
 namespace qvx {
 
@@ -37,17 +39,75 @@ bool TEvtxFile::HeaderValid() {
   return FHeaderValid;
 }
 
+namespace {
+
+// Below this many chunks a second thread costs more than the reads it takes over.
+constexpr uint64_t kParallelListChunks = 256;
+
+// Appends to AList the header-only chunks at AStart, AStart + 65536, ... below AEnd, for
+// as long as each is valid; true when all were.
+bool ListChunks(const TReadStream* AFile, uint64_t AStart, uint64_t AEnd,
+                std::vector<std::unique_ptr<TEvtxChunk>>& AList) {
+  for (uint64_t start = AStart; start < AEnd; start += kChunkSize) {
+    auto chunk = std::make_unique<TEvtxChunk>(AFile, true);
+    chunk->Start = static_cast<uint32_t>(start);
+    if (!chunk->Valid()) return false;
+    AList.push_back(std::move(chunk));
+  }
+  return true;
+}
+
+} // namespace
+
+void TEvtxFile::SetListThreads(unsigned AThreads) { FListThreads = AThreads; }
+
 void TEvtxFile::BuildChunks() {
   FActive = true;
   if (!Valid()) return;
+  // Chunk positions are 32-bit, and a chunk's header must lie whole in the file.
+  const uint64_t size = FFileHandle->Size();
+  const uint64_t end = std::min<uint64_t>(size >= kChunkHeaderSize ? size - kChunkHeaderSize + 1 : 0,
+                                          uint64_t{UINT32_MAX} + 1);
+  const uint64_t candidates = end > kFileHeaderBlockSize ? (end - kFileHeaderBlockSize + kChunkSize - 1) / kChunkSize : 0;
   uint64_t start = kFileHeaderBlockSize;
-  for (;;) {
-    if (start > UINT32_MAX) break; // chunk positions are 32-bit
+  if (FListThreads > 1 && candidates >= kParallelListChunks && FFileHandle->ParallelReads()) {
+    // The second half of the headers is read on another thread; its chunks count only
+    // when every chunk of the first half was valid, as a walk from the start would find.
+    const uint64_t middle = kFileHeaderBlockSize + candidates / 2 * kChunkSize;
+    std::vector<std::unique_ptr<TEvtxChunk>> second;
+    bool secondWhole = false;
+    std::thread helper([&] {
+      try {
+        secondWhole = ListChunks(FFileHandle, middle, end, second);
+      } catch (...) {
+        // Only memory can run out here (a read that fails makes the chunk not valid); the
+        // walk below meets the same chunks again.
+        second.clear();
+      }
+    });
+    bool firstWhole = false;
+    try {
+      FChunksList.reserve(static_cast<size_t>(candidates));
+      firstWhole = ListChunks(FFileHandle, start, middle, FChunksList);
+    } catch (...) {
+      helper.join();
+      throw;
+    }
+    helper.join();
+    if (!firstWhole) {
+      start = UINT64_MAX; // the walk stopped in the first half
+    } else {
+      // When the helper stopped at a chunk that is not valid, the walk below reads it
+      // again and stops there too.
+      start = middle + second.size() * kChunkSize;
+      for (auto& chunk : second) FChunksList.push_back(std::move(chunk));
+    }
+  }
+  for (; start <= UINT32_MAX; start += kChunkSize) {
     auto chunk = std::make_unique<TEvtxChunk>(FFileHandle, true);
     chunk->Start = static_cast<uint32_t>(start);
     if (!chunk->Valid()) break;
     FChunksList.push_back(std::move(chunk));
-    start += kChunkSize;
   }
   std::stable_sort(FChunksList.begin(), FChunksList.end(),
                    [](const auto& a, const auto& b) { return a->NumFirstFile() > b->NumFirstFile(); });
