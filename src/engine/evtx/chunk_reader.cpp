@@ -185,7 +185,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   // kBatchesPerWorker batches per thread are in flight, yet one thread may run ahead of
   // a stalled one by nearly all of them.
   constexpr size_t kBatchSize = 1;
-  constexpr size_t kBatchesPerWorker = 3;
+  constexpr size_t kBatchesPerWorker = 8;
   struct TBatch {
     unsigned Owner = 0;
     uint64_t Sequence = 0;

@@ -101,5 +101,50 @@ TEST(EvtxFileChunks, ExportHandsOutEveryChunkThenReadsAgain) {
   EXPECT_EQ(f.File.Count(), 3);
 }
 
+// The chunk list of a large file (300 chunks) with its headers read on two threads:
+// the same chunks in the same order as one thread finds, wherever the walk stops (a
+// damaged chunk in the first half, at the first chunk of the second half, in the
+// second half, a header cut short by the end of the file) and the same validity.
+TEST(EvtxFileChunks, HeadersReadOnTwoThreadsGiveTheSameList) {
+  const auto intact = MakeEvtxFile(300, 1);
+  struct TCase {
+    const char* Name;
+    std::vector<uint8_t> Bytes;
+    int Found;
+  };
+  std::vector<TCase> cases;
+  cases.push_back({"intact", intact, 300});
+  for (size_t bad : {size_t{0}, size_t{10}, size_t{149}, size_t{150}, size_t{151}, size_t{299}}) {
+    auto bytes = intact;
+    bytes[ChunkFileOffset(bad)] = 'X'; // "XlfChnk"
+    cases.push_back({"damaged", bytes, static_cast<int>(bad)});
+  }
+  {
+    auto bytes = intact;
+    bytes.resize(ChunkFileOffset(299) + 100); // the last header cut short
+    cases.push_back({"cut in a header", bytes, 299});
+    bytes = intact;
+    bytes.resize(ChunkFileOffset(250) + 128); // a header whole, its records gone
+    cases.push_back({"cut after a header", bytes, 251});
+    bytes = intact;
+    bytes[ChunkFileOffset(20)] = 'X';
+    bytes[ChunkFileOffset(200)] = 'X';
+    cases.push_back({"damaged twice", bytes, 20});
+  }
+  for (const TCase& c : cases) {
+    TOpenFile one(c.Bytes, "one.evtx");
+    TOpenFile two(c.Bytes, "two.evtx");
+    two.File.SetListThreads(2);
+    ASSERT_EQ(one.File.ChunksFound(), c.Found) << c.Name;
+    ASSERT_EQ(two.File.ChunksFound(), c.Found) << c.Name;
+    EXPECT_EQ(two.File.Count(), one.File.Count()) << c.Name;
+    EXPECT_EQ(two.File.Count(), c.Found == 300 ? 300 : -1) << c.Name;
+    for (int i = 0; i < c.Found; ++i) {
+      EXPECT_EQ(two.File.GetFoundChunk(i)->Start, one.File.GetFoundChunk(i)->Start) << c.Name << " " << i;
+      EXPECT_EQ(two.File.GetFoundChunk(i)->NumFirstFile(), one.File.GetFoundChunk(i)->NumFirstFile()) << c.Name;
+    }
+  }
+}
+
 } // namespace
 } // namespace qvx
