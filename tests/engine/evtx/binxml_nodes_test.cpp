@@ -707,6 +707,20 @@ TEvtxTemplate SameGuidOtherNames() {
   });
 }
 
+// The same names and size as SmallTemplate, its second and third values swapped: only
+// the bytes of the definition tell them apart.
+TEvtxTemplate SameGuidSwappedValues() {
+  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
+    w.OpenElement("Root");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 2, EvtxType::UInt32);
+    w.SubstitutionElement("Opt", 1, EvtxType::String, true);
+    w.EndElement();
+  });
+}
+
 // A chunk of one record of ATemplate with AValues, after AFiller records of another
 // template (so the template and its names lie at another offset in each chunk).
 std::vector<uint8_t> OneTemplateChunk(const TEvtxTemplate& ATemplate, int AFiller,
@@ -731,8 +745,9 @@ TEST_F(BinXmlTemplateCache, ThreadsSharingACacheTakeEachOthersTemplates) {
   const auto a = OneTemplateChunk(SmallTemplate(), 0);
   const auto a2 = OneTemplateChunk(SmallTemplate(), 3);
   const auto b = OneTemplateChunk(SameGuidOtherNames(), 1);
+  const auto c = OneTemplateChunk(SameGuidSwappedValues(), 2);
   TBXmlSharedTemplates shared;
-  std::string first, second, other;
+  std::string first, second, other, swapped;
   TBXmlTemplateCacheInfo firstInfo, secondInfo;
   std::thread([&] {
     TBXmlSharedTemplates::TUse use(shared);
@@ -744,20 +759,23 @@ TEST_F(BinXmlTemplateCache, ThreadsSharingACacheTakeEachOthersTemplates) {
     TBXmlSharedTemplates::TUse use(shared);
     second = AllXml(a2);
     other = AllXml(b);
+    swapped = AllXml(c);
     secondInfo = BXmlTemplateCacheInfo();
   }).join();
   EXPECT_EQ(first.substr(first.rfind("\r\n<Root")), std::string(kSmallXml) + "\n");
   EXPECT_EQ(second.substr(second.rfind("\r\n<Root")), std::string(kSmallXml) + "\n");
   EXPECT_EQ(other.substr(other.rfind("\r\n<Other")), std::string(kOtherXml) + "\n");
+  EXPECT_EQ(swapped.substr(swapped.rfind("\r\n<Root")),
+            "\r\n<Root Attr=\"a\">\r\n<Item>x</Item>\r\n<Opt>7</Opt></Root>\n");
   // The first thread kept its templates in the shared cache, not its own.
   EXPECT_EQ(firstInfo.Entries, 0u);
   EXPECT_EQ(firstInfo.Hits, 0u);
   // The second found SmallTemplate there (at another offset), compiled the filler once
-  // (and found it there in the next chunk) and compiled the other definition.
-  EXPECT_EQ(secondInfo.Hits, 2u);
-  EXPECT_EQ(secondInfo.Misses, 2u);
+  // (and found it there in the next chunks) and compiled the two other definitions.
+  EXPECT_EQ(secondInfo.Hits, 3u);
+  EXPECT_EQ(secondInfo.Misses, 3u);
   EXPECT_EQ(secondInfo.Entries, 0u);
-  EXPECT_EQ(shared.Entries(), 3u);
+  EXPECT_EQ(shared.Entries(), 4u);
   // The caller's own cache was not touched.
   EXPECT_EQ(BXmlTemplateCacheInfo().Entries, 0u);
   EXPECT_EQ(BXmlTemplateCacheInfo().Misses, 0u);
@@ -790,13 +808,15 @@ TEST_F(BinXmlTemplateCache, SharedCacheAtItsLimitLeavesNewTemplatesToTheThread) 
 TEST_F(BinXmlTemplateCache, SameGuidWithOtherDefinitionsOnSeveralThreadsRendersEachChunksOwn) {
   const std::vector<TEvtxValue> numberValues = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
   const std::vector<TEvtxValue> textValues = {TEvtxValue::String("a"), TEvtxValue::String("t"), TEvtxValue::String("x")};
-  const TEvtxTemplate kinds[] = {SmallTemplate(), SameGuidOtherNames(), SmallTemplate(EvtxType::String)};
-  const std::string tails[] = {kSmallXml, kOtherXml, "\r\n<Root Attr=\"a\">\r\n<Item>t</Item>\r\n<Opt>x</Opt></Root>"};
-  ASSERT_EQ(kinds[2].Guid(), kinds[0].Guid());
+  const TEvtxTemplate kinds[] = {SmallTemplate(), SameGuidOtherNames(), SmallTemplate(EvtxType::String),
+                                 SameGuidSwappedValues()};
+  const std::string tails[] = {kSmallXml, kOtherXml, "\r\n<Root Attr=\"a\">\r\n<Item>t</Item>\r\n<Opt>x</Opt></Root>",
+                               "\r\n<Root Attr=\"a\">\r\n<Item>x</Item>\r\n<Opt>7</Opt></Root>"};
+  for (const TEvtxTemplate& kind : kinds) ASSERT_EQ(kind.Guid(), kinds[0].Guid());
   std::vector<std::vector<uint8_t>> chunks;
   std::vector<int> kindOf;
   for (int i = 0; i < 90; ++i) {
-    kindOf.push_back((i * 7 + i / 5) % 3);
+    kindOf.push_back((i * 7 + i / 5) % 4);
     chunks.push_back(OneTemplateChunk(kinds[kindOf.back()], i % 4, kindOf.back() == 2 ? textValues : numberValues));
   }
   auto run = [&](unsigned AThreads) {
