@@ -506,7 +506,8 @@ inline uint32_t DefinitionEnd(const uint8_t* AData, uint32_t AOffset) {
   return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{AOffset} + 24 + LoadU32(AData + AOffset + 20), kChunkSize));
 }
 
-// The variant of AKey whose bytes are ADefinition [0, ALength) but for its name offsets.
+// True when AVariant was parsed at ADepth and its bytes are those of ADefinition
+// [0, ALength) but for its name offsets.
 inline bool SameDefinition(const TCachedTemplate* AVariant, const uint8_t* ADefinition, size_t ALength, int ADepth) {
   if (AVariant->Depth != ADepth || AVariant->DefinitionLength != ALength) return false;
   // The bytes between the skipped ones must be the same.
