@@ -5,6 +5,7 @@
 #include "platform/read_stream.h"
 
 #include <algorithm>
+#include <atomic>
 #include <thread>
 
 namespace qvx {
@@ -43,19 +44,9 @@ namespace {
 
 // Below this many chunks a second thread costs more than the reads it takes over.
 constexpr uint64_t kParallelListChunks = 256;
-
-// Appends to AList the header-only chunks at AStart, AStart + 65536, ... below AEnd, for
-// as long as each is valid; true when all were.
-bool ListChunks(const TReadStream* AFile, uint64_t AStart, uint64_t AEnd,
-                std::vector<std::unique_ptr<TEvtxChunk>>& AList) {
-  for (uint64_t start = AStart; start < AEnd; start += kChunkSize) {
-    auto chunk = std::make_unique<TEvtxChunk>(AFile, true);
-    chunk->Start = static_cast<uint32_t>(start);
-    if (!chunk->Valid()) return false;
-    AList.push_back(std::move(chunk));
-  }
-  return true;
-}
+// Chunks a thread takes at a time: a thread that starts late, or is held up, leaves the
+// rest to the other rather than half of the file.
+constexpr uint64_t kListBlock = 32;
 
 } // namespace
 
@@ -71,37 +62,50 @@ void TEvtxFile::BuildChunks() {
   const uint64_t candidates = end > kFileHeaderBlockSize ? (end - kFileHeaderBlockSize + kChunkSize - 1) / kChunkSize : 0;
   uint64_t start = kFileHeaderBlockSize;
   if (FListThreads > 1 && candidates >= kParallelListChunks && FFileHandle->ParallelReads()) {
-    // The second half of the headers is read on another thread; its chunks count only
-    // when every chunk of the first half was valid, as a walk from the start would find.
-    const uint64_t middle = kFileHeaderBlockSize + candidates / 2 * kChunkSize;
-    std::vector<std::unique_ptr<TEvtxChunk>> second;
-    bool secondWhole = false;
+    // Two threads read the headers, blocks of them in file order; a block that begins
+    // past a chunk found not valid is not read. The list is then the chunks from the
+    // first on up to the first one missing, as a walk from the start would find; the
+    // walk below reads that one again (it is not valid, or lies past the file's end, or
+    // a thread could not read it for want of memory) and goes on from there.
+    std::vector<std::unique_ptr<TEvtxChunk>> found(static_cast<size_t>(candidates));
+    std::atomic<uint64_t> nextBlock{0};
+    std::atomic<uint64_t> firstInvalid{candidates};
+    auto work = [&] {
+      for (;;) {
+        const uint64_t first = nextBlock.fetch_add(1) * kListBlock;
+        if (first >= candidates || first >= firstInvalid.load()) return;
+        for (uint64_t i = first; i < std::min(candidates, first + kListBlock); ++i) {
+          auto chunk = std::make_unique<TEvtxChunk>(FFileHandle, true);
+          chunk->Start = static_cast<uint32_t>(kFileHeaderBlockSize + i * kChunkSize);
+          if (!chunk->Valid()) {
+            uint64_t known = firstInvalid.load();
+            while (i < known && !firstInvalid.compare_exchange_weak(known, i)) {
+            }
+            break;
+          }
+          found[static_cast<size_t>(i)] = std::move(chunk);
+        }
+      }
+    };
     std::thread helper([&] {
       try {
-        secondWhole = ListChunks(FFileHandle, middle, end, second);
+        work();
       } catch (...) {
-        // Only memory can run out here (a read that fails makes the chunk not valid); the
-        // walk below meets the same chunks again.
-        second.clear();
+        // Only memory can run out here (a read that fails makes the chunk not valid): the
+        // chunks it left out are read by the walk below.
       }
     });
-    bool firstWhole = false;
     try {
-      FChunksList.reserve(static_cast<size_t>(candidates));
-      firstWhole = ListChunks(FFileHandle, start, middle, FChunksList);
+      work();
     } catch (...) {
       helper.join();
       throw;
     }
     helper.join();
-    if (!firstWhole) {
-      start = UINT64_MAX; // the walk stopped in the first half
-    } else {
-      // When the helper stopped at a chunk that is not valid, the walk below reads it
-      // again and stops there too.
-      start = middle + second.size() * kChunkSize;
-      for (auto& chunk : second) FChunksList.push_back(std::move(chunk));
-    }
+    size_t i = 0;
+    FChunksList.reserve(found.size());
+    for (; i < found.size() && found[i]; ++i) FChunksList.push_back(std::move(found[i]));
+    start = kFileHeaderBlockSize + uint64_t{i} * kChunkSize;
   }
   for (; start <= UINT32_MAX; start += kChunkSize) {
     auto chunk = std::make_unique<TEvtxChunk>(FFileHandle, true);
