@@ -53,7 +53,7 @@ void ReportIssues(std::FILE* AErr, const std::string& APath, const TChunkResult&
 
 int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    TEvtxSource source(AOptions.Path, AOptions.Carve, AOptions.Order, AOptions.Threads);
+    TEvtxSource source(AOptions.Path, AOptions.Carve, AOptions.Order);
     for (const std::string& notice : source.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
     if (AOptions.Wrap) std::fputs("<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<Events>", AOut);
     uint64_t records = 0, chunks = 0, issues = 0;

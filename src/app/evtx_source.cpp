@@ -70,11 +70,9 @@ bool TEvtxSource::NeedsCarving(const std::string& APath, TEvtxFile& AFile, std::
   return CheckHeader(APath, AFile, *AFile.FileHandle(), ANotices ? *ANotices : notices);
 }
 
-TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder, unsigned AListThreads)
-    : FPath(APath) {
+TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {
   FRaw = OpenReadStream(APath);
   FFile = std::make_unique<TEvtxFile>(FRaw.get());
-  FFile->SetListThreads(AListThreads);
   FCarving = ACarve || CheckHeader(APath, *FFile, *FRaw, FNotices);
   if (FCarving) {
     FCarver = std::make_unique<TElfChnunks>();

@@ -20,9 +20,7 @@ public:
   // Opens APath. Raises std::runtime_error with a message naming the file when it cannot
   // be opened or is not an .evtx file and ACarve is false. Notices about falling back to
   // the carver are collected in Notices().
-  // AListThreads: threads that may read the chunk headers of a large file (see
-  // TEvtxFile::SetListThreads).
-  TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder, unsigned AListThreads = 1);
+  TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder);
 
   // The checks of the constructor (ACarve false) without making the carver: raises as it
   // does; true when the file's chunks must be found by scanning it. A load that checks

@@ -18,9 +18,6 @@ public:
   // each begins with "ElfChnk"; the file is valid only when that number equals the
   // header's chunk count.
   int Count();
-  // Reads the chunk headers for the list on up to AThreads threads (2 at most are used,
-  // for large files); the list is the same. Takes effect when the list is built.
-  void SetListThreads(unsigned AThreads);
   // The chunk at AIndex (0 is the newest: largest first record identifier), or null.
   TEvtxChunk* GetChunk(int AIndex);
 
@@ -58,7 +55,6 @@ private:
   std::vector<std::unique_ptr<TEvtxChunk>> FChunksList;
   bool FActive = false;
   bool FHeaderValid = false;
-  unsigned FListThreads = 1;
   uint64_t FOldestChunk = 0;
   uint64_t FCurrentChunk = 0;
   uint64_t FNextRecord = 0;

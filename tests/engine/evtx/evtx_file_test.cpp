@@ -5,9 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
-
 namespace qvx {
 namespace {
 
@@ -102,79 +99,6 @@ TEST(EvtxFileChunks, ExportHandsOutEveryChunkThenReadsAgain) {
   EXPECT_EQ(list.size(), 3u);
   // Header-only chunks carry no records; after the reset the file reads again.
   EXPECT_EQ(f.File.Count(), 3);
-}
-
-// The chunk list of a large file (300 chunks) with its headers read on two threads:
-// the same chunks in the same order as one thread finds, wherever the walk stops (a
-// damaged chunk at either end or side of a block of 32 the threads take, two damaged
-// chunks, a header cut short by the end of the file) and the same validity.
-TEST(EvtxFileChunks, HeadersReadOnTwoThreadsGiveTheSameList) {
-  const auto intact = MakeEvtxFile(300, 1);
-  struct TCase {
-    const char* Name;
-    std::vector<uint8_t> Bytes;
-    int Found;
-  };
-  std::vector<TCase> cases;
-  cases.push_back({"intact", intact, 300});
-  for (size_t bad : {size_t{0}, size_t{10}, size_t{31}, size_t{32}, size_t{149}, size_t{150}, size_t{151}, size_t{299}}) {
-    auto bytes = intact;
-    bytes[ChunkFileOffset(bad)] = 'X'; // "XlfChnk"
-    cases.push_back({"damaged", bytes, static_cast<int>(bad)});
-  }
-  {
-    auto bytes = intact;
-    bytes.resize(ChunkFileOffset(299) + 100); // the last header cut short
-    cases.push_back({"cut in a header", bytes, 299});
-    bytes = intact;
-    bytes.resize(ChunkFileOffset(250) + 128); // a header whole, its records gone
-    cases.push_back({"cut after a header", bytes, 251});
-    bytes = intact;
-    bytes[ChunkFileOffset(20)] = 'X';
-    bytes[ChunkFileOffset(200)] = 'X';
-    cases.push_back({"damaged twice", bytes, 20});
-  }
-  for (const TCase& c : cases) {
-    TOpenFile one(c.Bytes, "one.evtx");
-    TOpenFile two(c.Bytes, "two.evtx");
-    two.File.SetListThreads(2);
-    ASSERT_EQ(one.File.ChunksFound(), c.Found) << c.Name;
-    ASSERT_EQ(two.File.ChunksFound(), c.Found) << c.Name;
-    EXPECT_EQ(two.File.Count(), one.File.Count()) << c.Name;
-    EXPECT_EQ(two.File.Count(), c.Found == 300 ? 300 : -1) << c.Name;
-    for (int i = 0; i < c.Found; ++i) {
-      EXPECT_EQ(two.File.GetFoundChunk(i)->Start, one.File.GetFoundChunk(i)->Start) << c.Name << " " << i;
-      EXPECT_EQ(two.File.GetFoundChunk(i)->NumFirstFile(), one.File.GetFoundChunk(i)->NumFirstFile()) << c.Name;
-    }
-  }
-}
-
-// A file whose first chunks are slow to read (1 ms a header): the thread that takes
-// them finds the damaged chunk among them long after the other thread read the chunks
-// that follow it. Those are not listed.
-TEST(EvtxFileChunks, ChunksReadAheadOfADamagedOneAreNotListed) {
-  class TSlowStart : public TReadStream {
-  public:
-    explicit TSlowStart(const TReadStream& ABase) : FBase(ABase) {}
-    size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
-      if (AOffset >= ChunkFileOffset(0) && AOffset < ChunkFileOffset(32))
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      return FBase.ReadAt(AOffset, ABuffer, ALength);
-    }
-    uint64_t Size() const override { return FBase.Size(); }
-    const std::string& Path() const override { return FBase.Path(); }
-
-  private:
-    const TReadStream& FBase;
-  };
-  auto bytes = MakeEvtxFile(300, 1);
-  bytes[ChunkFileOffset(20)] = 'X';
-  TRawFile raw = TRawFile::Open(WriteTempFile("slow.evtx", bytes));
-  TSlowStart slow(raw);
-  TEvtxFile file(&slow);
-  file.SetListThreads(2);
-  EXPECT_EQ(file.ChunksFound(), 20);
-  EXPECT_EQ(file.Count(), -1);
 }
 
 } // namespace
