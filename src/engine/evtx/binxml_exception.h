@@ -24,11 +24,13 @@ private:
 
 // Every binary XML fault is raised here: one place to break on.
 [[noreturn]] void RaiseBinXml(const std::string& AMessage);
+// The same, kept out of line so that every Check stays small enough to inline.
+[[noreturn, gnu::cold]] void RaiseBinXmlText(const char* AMessage);
 
 // Raises EBinXMLLogReadingException with AMessage when ACondition is false.
 inline void Check(bool ACondition, const char* AMessage) {
   if (!ACondition) [[unlikely]]
-    RaiseBinXml(AMessage);
+    RaiseBinXmlText(AMessage);
 }
 
 } // namespace qvx

@@ -9,7 +9,9 @@
 #include "platform/utf16.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <mutex>
 #include <unordered_map>
 
 namespace qvx {
@@ -391,6 +393,7 @@ struct TCachedTemplate {
   uint32_t OpCount;
   uint32_t SubstRel;         // SubstStart less the definition's offset (0: none)
   int Depth;
+  uint64_t Key;              // DefinitionKey of Definition and Depth
   static constexpr uint32_t kNone = 0xFFFFFFFF;
 };
 
@@ -476,38 +479,87 @@ struct TTemplateCache {
 };
 thread_local TTemplateCache GTemplateCache;
 
+} // namespace
+
+// The entries the threads of one run share (see TBXmlSharedTemplates): only ever added
+// to, never changed or freed while it lives, so a thread reads them without the lock.
+// Slots of an open-addressed table hold the entries (several may share a key); a
+// thread publishes an entry whole, with release, into a free slot. Once either limit
+// is reached nothing more is added and threads keep what they compile in their own
+// caches, as before.
+struct TBXmlSharedTemplates::TImpl {
+  std::unique_ptr<std::atomic<const TCachedTemplate*>[]> Slots;
+  size_t Mask = 0;
+  std::mutex Lock;    // held to add an entry
+  TEntryPool Pool;    // the entries' memory (under Lock)
+  size_t Count = 0;   // entries added (under Lock)
+  size_t MaxEntries = 0;
+  std::atomic<bool> Full{false};
+};
+
+namespace {
+
+thread_local TBXmlSharedTemplates::TImpl* GSharedTemplates = nullptr;
+
 // The definition's bytes from its GUID on, as MakeTemplate reads them: [AOffset + 4, end).
 inline uint32_t DefinitionEnd(const uint8_t* AData, uint32_t AOffset) {
   return static_cast<uint32_t>(std::min<uint64_t>(uint64_t{AOffset} + 24 + LoadU32(AData + AOffset + 20), kChunkSize));
 }
 
-// The template at AOffset (its 24 header bytes fit) from the cache, registered with the
-// chunk, or null when the cache holds no entry that renders the same.
+// True when AVariant was parsed at ADepth and its bytes are those of ADefinition
+// [0, ALength) but for its name offsets.
+inline bool SameDefinition(const TCachedTemplate* AVariant, const uint8_t* ADefinition, size_t ALength, int ADepth) {
+  if (AVariant->Depth != ADepth || AVariant->DefinitionLength != ALength) return false;
+  // The bytes between the skipped ones must be the same.
+  size_t at = 0;
+  for (uint32_t k = 0; k < AVariant->SkipCount; ++k) {
+    const size_t skip = AVariant->Skips[k];
+    if (skip > at && std::memcmp(AVariant->Definition + at, ADefinition + at, skip - at) != 0) return false;
+    at = std::max(at, skip + 4);
+  }
+  return at >= ALength || std::memcmp(AVariant->Definition + at, ADefinition + at, ALength - at) == 0;
+}
+
+TBXmlTemplateNode* TemplateFromEntry(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth, const TCachedTemplate* AEntry);
+
+// The template at AOffset (its 24 header bytes fit) from the cache (the run's shared
+// one first, then the thread's own), registered with the chunk, or null when neither
+// holds an entry that renders the same. An entry whose bytes match but whose names read
+// otherwise in this chunk does not end the search: another variant may fit.
 TBXmlTemplateNode* TemplateFromCache(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth) {
   TTemplateCache& cache = GTemplateCache;
-  if (cache.Entries.empty()) return nullptr;
+  TBXmlSharedTemplates::TImpl* shared = GSharedTemplates;
+  if (cache.Entries.empty() && !shared) return nullptr;
   const uint8_t* d = AChunk.Data();
   const uint32_t end = DefinitionEnd(d, AOffset);
   const uint8_t* definition = d + AOffset + 4;
   const size_t length = end - (AOffset + 4);
-  auto found = cache.Entries.find(DefinitionKey(definition, ADepth));
+  const uint64_t key = DefinitionKey(definition, ADepth);
+  if (shared) {
+    for (size_t i = key & shared->Mask, probes = 0; probes <= shared->Mask; i = (i + 1) & shared->Mask, ++probes) {
+      const TCachedTemplate* e = shared->Slots[i].load(std::memory_order_acquire);
+      if (!e) break;
+      if (e->Key == key && SameDefinition(e, definition, length, ADepth))
+        if (TBXmlTemplateNode* t = TemplateFromEntry(AChunk, AOffset, ADepth, e)) return t;
+    }
+  }
+  if (cache.Entries.empty()) return nullptr;
+  auto found = cache.Entries.find(key);
   if (found == cache.Entries.end()) return nullptr;
   const TCachedTemplate* match = nullptr;
-  for (uint8_t i = 0; i < found->second.Count && !match; ++i) {
-    const TCachedTemplate* variant = found->second.List[i];
-    if (variant->Depth != ADepth || variant->DefinitionLength != length) continue;
-    // The bytes between the skipped ones must be the same.
-    size_t at = 0;
-    bool same = true;
-    for (uint32_t k = 0; k < variant->SkipCount && same; ++k) {
-      const size_t skip = variant->Skips[k];
-      if (skip > at) same = std::memcmp(variant->Definition + at, definition + at, skip - at) == 0;
-      at = std::max(at, skip + 4);
-    }
-    if (same && at < length) same = std::memcmp(variant->Definition + at, definition + at, length - at) == 0;
-    if (same) match = variant;
-  }
+  for (uint8_t i = 0; i < found->second.Count && !match; ++i)
+    if (SameDefinition(found->second.List[i], definition, length, ADepth)) match = found->second.List[i];
   if (!match) return nullptr;
+  return TemplateFromEntry(AChunk, AOffset, ADepth, match);
+}
+
+// AEntry, whose bytes match those at AOffset, made into the chunk's template; null when
+// its names do not read the same in this chunk.
+TBXmlTemplateNode* TemplateFromEntry(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth, const TCachedTemplate* AEntry) {
+  const uint8_t* d = AChunk.Data();
+  const uint32_t end = DefinitionEnd(d, AOffset);
+  const uint8_t* definition = d + AOffset + 4;
+  const TCachedTemplate* match = AEntry;
   const TCachedTemplate& e = *match;
   TBXmlArena& arena = AChunk.Arena();
   TByteReader r(d, kChunkSize);
@@ -571,7 +623,7 @@ TBXmlTemplateNode* TemplateFromCache(TEvtxChunk& AChunk, uint32_t AOffset, int A
   t->Ops = ops;
   t->OpCount = e.OpCount;
   t->ProgramState = 1;
-  ++cache.Hits;
+  ++GTemplateCache.Hits;
   return AChunk.AddTemplate(t);
 }
 
@@ -684,6 +736,55 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
                        round(scratch.Names.size() * sizeof(TCachedName)) + round(scratch.OpNames.size() * 4) +
                        round(scratch.Skips.size() * 4) +
                        round(definitionLength) + round(scratch.Blob.size()) + round(AText.size());
+  // Lays the entry out in the memory at p (bytes long).
+  auto layOut = [&](uint8_t* p) {
+    auto* e = new (p) TCachedTemplate{};
+    p += round(sizeof(TCachedTemplate));
+    auto* ops = reinterpret_cast<TBXmlOp*>(p);
+    for (size_t i = 0; i < AOps.size(); ++i) {
+      ops[i] = AOps[i];
+      ops[i].Attribute = ops[i].Element = nullptr;
+    }
+    p += round(AOps.size() * sizeof(TBXmlOp));
+    auto copy = [&p, &round](const void* AFrom, size_t ALength) {
+      uint8_t* at = p;
+      if (ALength) std::memcpy(at, AFrom, ALength);
+      p += round(ALength);
+      return at;
+    };
+    e->Ops = ops;
+    e->Names = reinterpret_cast<const TCachedName*>(copy(scratch.Names.data(), scratch.Names.size() * sizeof(TCachedName)));
+    e->OpNames = reinterpret_cast<const uint32_t*>(copy(scratch.OpNames.data(), scratch.OpNames.size() * 4));
+    e->Skips = reinterpret_cast<const uint32_t*>(copy(scratch.Skips.data(), scratch.Skips.size() * 4));
+    e->SkipCount = static_cast<uint32_t>(scratch.Skips.size());
+    e->Definition = copy(d + offset + 4, definitionLength);
+    e->Blob = reinterpret_cast<const char*>(copy(scratch.Blob.data(), scratch.Blob.size()));
+    e->Program = reinterpret_cast<const char*>(copy(AText.data(), AText.size()));
+    e->DefinitionLength = static_cast<uint32_t>(definitionLength);
+    e->NameCount = static_cast<uint32_t>(scratch.Names.size());
+    e->ProgramLength = static_cast<uint32_t>(AText.size());
+    e->OpCount = static_cast<uint32_t>(AOps.size());
+    e->SubstRel = ATemplate->SubstStart ? ATemplate->SubstStart - offset : 0;
+    e->Depth = ATemplate->ParseDepth;
+    e->Key = DefinitionKey(e->Definition, e->Depth);
+    return e;
+  };
+  if (TBXmlSharedTemplates::TImpl* shared = GSharedTemplates; shared && !shared->Full.load(std::memory_order_relaxed)) {
+    std::lock_guard<std::mutex> hold(shared->Lock);
+    auto* p = shared->Count < shared->MaxEntries ? static_cast<uint8_t*>(shared->Pool.Allocate(bytes)) : nullptr;
+    if (p) {
+      const TCachedTemplate* e = layOut(p);
+      ++shared->Count;
+      // The table has twice the room of the entries it may hold: a free slot follows.
+      for (size_t i = e->Key & shared->Mask;; i = (i + 1) & shared->Mask) {
+        if (shared->Slots[i].load(std::memory_order_relaxed)) continue;
+        shared->Slots[i].store(e, std::memory_order_release);
+        return;
+      }
+    }
+    // Full: what is compiled from now on stays with the thread that compiled it.
+    shared->Full.store(true, std::memory_order_relaxed);
+  }
   if (cache.Count >= cache.MaxEntries) cache.Clear();
   auto* p = static_cast<uint8_t*>(cache.Pool.Allocate(bytes));
   if (!p) {
@@ -691,35 +792,8 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
     p = static_cast<uint8_t*>(cache.Pool.Allocate(bytes));
     if (!p) return; // larger than the cache may hold
   }
-  auto* e = new (p) TCachedTemplate{};
-  p += round(sizeof(TCachedTemplate));
-  auto* ops = reinterpret_cast<TBXmlOp*>(p);
-  for (size_t i = 0; i < AOps.size(); ++i) {
-    ops[i] = AOps[i];
-    ops[i].Attribute = ops[i].Element = nullptr;
-  }
-  p += round(AOps.size() * sizeof(TBXmlOp));
-  auto copy = [&p, &round](const void* AFrom, size_t ALength) {
-    uint8_t* at = p;
-    if (ALength) std::memcpy(at, AFrom, ALength);
-    p += round(ALength);
-    return at;
-  };
-  e->Ops = ops;
-  e->Names = reinterpret_cast<const TCachedName*>(copy(scratch.Names.data(), scratch.Names.size() * sizeof(TCachedName)));
-  e->OpNames = reinterpret_cast<const uint32_t*>(copy(scratch.OpNames.data(), scratch.OpNames.size() * 4));
-  e->Skips = reinterpret_cast<const uint32_t*>(copy(scratch.Skips.data(), scratch.Skips.size() * 4));
-  e->SkipCount = static_cast<uint32_t>(scratch.Skips.size());
-  e->Definition = copy(d + offset + 4, definitionLength);
-  e->Blob = reinterpret_cast<const char*>(copy(scratch.Blob.data(), scratch.Blob.size()));
-  e->Program = reinterpret_cast<const char*>(copy(AText.data(), AText.size()));
-  e->DefinitionLength = static_cast<uint32_t>(definitionLength);
-  e->NameCount = static_cast<uint32_t>(scratch.Names.size());
-  e->ProgramLength = static_cast<uint32_t>(AText.size());
-  e->OpCount = static_cast<uint32_t>(AOps.size());
-  e->SubstRel = ATemplate->SubstStart ? ATemplate->SubstStart - offset : 0;
-  e->Depth = ATemplate->ParseDepth;
-  TTemplateCache::TVariants& variants = cache.Entries[DefinitionKey(e->Definition, e->Depth)];
+  TCachedTemplate* e = layOut(p);
+  TTemplateCache::TVariants& variants = cache.Entries[e->Key];
   if (variants.Count < kVariantsPerKey) {
     variants.List[variants.Count++] = e;
     ++cache.Count;
@@ -1340,6 +1414,30 @@ void EnsureTemplateNodes(TEvtxChunk& AChunk, TBXmlTemplateNode* ATemplate) {
   TParser P(AChunk, ATemplate->ParseDepth, true);
   ParseStream(P, ATemplate, ATemplate->Offset + ATemplate->Header, ATemplate->Offset + ATemplate->Size);
 }
+
+TBXmlSharedTemplates::TBXmlSharedTemplates() : FImpl(std::make_unique<TImpl>()) {
+  const TTemplateCache& own = GTemplateCache;
+  size_t slots = 16;
+  while (slots < 2 * own.MaxEntries) slots *= 2;
+  FImpl->Slots = std::make_unique<std::atomic<const TCachedTemplate*>[]>(slots);
+  for (size_t i = 0; i < slots; ++i) FImpl->Slots[i].store(nullptr, std::memory_order_relaxed);
+  FImpl->Mask = slots - 1;
+  FImpl->MaxEntries = own.MaxEntries;
+  FImpl->Pool.SetLimit(own.MaxBytes);
+}
+
+TBXmlSharedTemplates::~TBXmlSharedTemplates() = default;
+
+size_t TBXmlSharedTemplates::Entries() const {
+  std::lock_guard<std::mutex> hold(FImpl->Lock);
+  return FImpl->Count;
+}
+
+TBXmlSharedTemplates::TUse::TUse(TBXmlSharedTemplates& AShared) : FPrevious(GSharedTemplates) {
+  GSharedTemplates = AShared.FImpl.get();
+}
+
+TBXmlSharedTemplates::TUse::~TUse() { GSharedTemplates = FPrevious; }
 
 TBXmlTemplateCacheInfo BXmlTemplateCacheInfo() {
   const TTemplateCache& cache = GTemplateCache;

@@ -266,6 +266,39 @@ inline constexpr size_t kBXmlTemplateCacheBytes = 16 * 1024 * 1024;
 // Sets the calling thread's limits (entries, bytes) and empties its cache; for tests.
 void SetBXmlTemplateCacheLimits(size_t AMaxEntries, size_t AMaxBytes);
 
+// Compiled templates shared by the threads that render the chunks of one file, so that
+// each definition is compiled once rather than once per thread. While a thread holds a
+// TUse of it, the templates that thread compiles go here (until the limits of the
+// creating thread's cache are reached; then to its own cache, as before) and it looks
+// here before its own cache. Entries are never changed or freed while it lives: threads
+// read it without a lock. It must outlive every TUse of it.
+class TBXmlSharedTemplates {
+public:
+  struct TImpl;
+
+  TBXmlSharedTemplates();
+  ~TBXmlSharedTemplates();
+  TBXmlSharedTemplates(const TBXmlSharedTemplates&) = delete;
+  TBXmlSharedTemplates& operator=(const TBXmlSharedTemplates&) = delete;
+  size_t Entries() const;
+
+  // Installs the cache on the calling thread for its lifetime (and the one installed
+  // before it again afterwards).
+  class TUse {
+  public:
+    explicit TUse(TBXmlSharedTemplates& AShared);
+    ~TUse();
+    TUse(const TUse&) = delete;
+    TUse& operator=(const TUse&) = delete;
+
+  private:
+    TImpl* FPrevious;
+  };
+
+private:
+  std::unique_ptr<TImpl> FImpl;
+};
+
 // Deepest nesting of elements and fragments a record may have.
 inline constexpr int kMaxBXmlDepth = 128;
 

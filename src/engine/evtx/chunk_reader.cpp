@@ -1,5 +1,6 @@
 #include "engine/evtx/chunk_reader.h"
 
+#include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_layout.h"
 #include "platform/crc32.h"
 
@@ -182,9 +183,12 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   // buffers keep their capacity and stay in that core's cache, and borrows another
   // thread's idle one when all of its own are parked behind a slower thread: at most
   // kBatchesPerWorker batches per thread are in flight, yet one thread may run ahead of
-  // a stalled one by nearly all of them.
+  // a stalled one by nearly all of them. Chunks of real logs differ several times over in
+  // how long they take: with fewer batches a thread often slept until the other finished
+  // one (hundreds of sleeps and wake-ups in a 64 MB log), and a batch it does not need
+  // is never touched (the thread's own are taken most recent first).
   constexpr size_t kBatchSize = 1;
-  constexpr size_t kBatchesPerWorker = 3;
+  constexpr size_t kBatchesPerWorker = 8;
   struct TBatch {
     unsigned Owner = 0;
     uint64_t Sequence = 0;
@@ -273,7 +277,11 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     return batch;
   };
 
+  // A template is compiled once for all the threads rather than once by each.
+  TBXmlSharedTemplates templates;
+
   auto worker = [&](unsigned AWorker) {
+    TBXmlSharedTemplates::TUse useTemplates(templates);
     std::unique_lock<std::mutex> guard(lock, std::defer_lock);
     spinLock(guard);
     for (;;) {

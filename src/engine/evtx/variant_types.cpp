@@ -159,6 +159,7 @@ void AppendScalarXml(std::string& AOut, uint8_t ACode, const uint8_t* p) {
 
 
 void RaiseBinXml(const std::string& AMessage) { throw EBinXMLLogReadingException(AMessage); }
+void RaiseBinXmlText(const char* AMessage) { throw EBinXMLLogReadingException(AMessage); }
 
 bool IsVariantCode(uint8_t ACode) {
   return ACode <= 0x15 || ACode == 0x21 || ACode == 0x81 || (ACode >= 0x83 && ACode <= 0x8C) || ACode == 0x8F ||

@@ -1,5 +1,6 @@
 #include "engine/evtx/binxml_exception.h"
 #include "engine/evtx/binxml_nodes.h"
+#include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_writer.h"
 
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace qvx {
@@ -690,6 +692,155 @@ TEST_F(BinXmlTemplateCache, ByteLimitIsKept) {
     EXPECT_LE(BXmlTemplateCacheInfo().Bytes, 4096u);
     EXPECT_GT(BXmlTemplateCacheInfo().Entries, 0u);
   }
+}
+
+// Three definitions under one GUID (the key of SmallTemplate): the elements are named
+// otherwise, or a value has another type.
+TEvtxTemplate SameGuidOtherNames() {
+  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
+    w.OpenElement("Other");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 1, EvtxType::UInt32);
+    w.EndElement();
+  });
+}
+
+// The same names and size as SmallTemplate, its second and third values swapped: only
+// the bytes of the definition tell them apart.
+TEvtxTemplate SameGuidSwappedValues() {
+  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
+    w.OpenElement("Root");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 2, EvtxType::UInt32);
+    w.SubstitutionElement("Opt", 1, EvtxType::String, true);
+    w.EndElement();
+  });
+}
+
+// A chunk of one record of ATemplate with AValues, after AFiller records of another
+// template (so the template and its names lie at another offset in each chunk).
+std::vector<uint8_t> OneTemplateChunk(const TEvtxTemplate& ATemplate, int AFiller,
+                                      const std::vector<TEvtxValue>& AValues = {
+                                          TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")}) {
+  auto filler = TEvtxTemplate("filler", [](TBinXmlWriter& w) { w.SubstitutionElement("Note", 0, EvtxType::String); });
+  TEvtxChunkWriter w;
+  uint64_t id = 1;
+  for (int i = 0; i < AFiller; ++i)
+    EXPECT_TRUE(w.AddRecord(id++, kTime, filler,
+                            std::vector<TEvtxValue>{TEvtxValue::String(std::string(static_cast<size_t>(i + 1), 'n'))}));
+  EXPECT_TRUE(w.AddRecord(id, kTime, ATemplate, AValues));
+  return w.Finish();
+}
+
+const char* const kSmallXml = "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>";
+const char* const kOtherXml = "\r\n<Other Attr=\"a\">\r\n<Item>7</Item></Other>";
+
+// A template compiled on one thread of a run is taken by another from the run's cache;
+// a definition under the same GUID with other bytes is compiled and kept beside it.
+TEST_F(BinXmlTemplateCache, ThreadsSharingACacheTakeEachOthersTemplates) {
+  const auto a = OneTemplateChunk(SmallTemplate(), 0);
+  const auto a2 = OneTemplateChunk(SmallTemplate(), 3);
+  const auto b = OneTemplateChunk(SameGuidOtherNames(), 1);
+  const auto c = OneTemplateChunk(SameGuidSwappedValues(), 2);
+  TBXmlSharedTemplates shared;
+  std::string first, second, other, swapped;
+  TBXmlTemplateCacheInfo firstInfo, secondInfo;
+  std::thread([&] {
+    TBXmlSharedTemplates::TUse use(shared);
+    first = AllXml(a);
+    firstInfo = BXmlTemplateCacheInfo();
+  }).join();
+  EXPECT_EQ(shared.Entries(), 1u);
+  std::thread([&] {
+    TBXmlSharedTemplates::TUse use(shared);
+    second = AllXml(a2);
+    other = AllXml(b);
+    swapped = AllXml(c);
+    secondInfo = BXmlTemplateCacheInfo();
+  }).join();
+  EXPECT_EQ(first.substr(first.rfind("\r\n<Root")), std::string(kSmallXml) + "\n");
+  EXPECT_EQ(second.substr(second.rfind("\r\n<Root")), std::string(kSmallXml) + "\n");
+  EXPECT_EQ(other.substr(other.rfind("\r\n<Other")), std::string(kOtherXml) + "\n");
+  EXPECT_EQ(swapped.substr(swapped.rfind("\r\n<Root")),
+            "\r\n<Root Attr=\"a\">\r\n<Item>x</Item>\r\n<Opt>7</Opt></Root>\n");
+  // The first thread kept its templates in the shared cache, not its own.
+  EXPECT_EQ(firstInfo.Entries, 0u);
+  EXPECT_EQ(firstInfo.Hits, 0u);
+  // The second found SmallTemplate there (at another offset), compiled the filler once
+  // (and found it there in the next chunks) and compiled the two other definitions.
+  EXPECT_EQ(secondInfo.Hits, 3u);
+  EXPECT_EQ(secondInfo.Misses, 3u);
+  EXPECT_EQ(secondInfo.Entries, 0u);
+  EXPECT_EQ(shared.Entries(), 4u);
+  // The caller's own cache was not touched.
+  EXPECT_EQ(BXmlTemplateCacheInfo().Entries, 0u);
+  EXPECT_EQ(BXmlTemplateCacheInfo().Misses, 0u);
+}
+
+// Once the shared cache holds as many entries as the creating thread's limit, what a
+// thread compiles next stays in its own cache, and renders the same.
+TEST_F(BinXmlTemplateCache, SharedCacheAtItsLimitLeavesNewTemplatesToTheThread) {
+  SetBXmlTemplateCacheLimits(1, kBXmlTemplateCacheBytes);
+  TBXmlSharedTemplates shared;
+  SetBXmlTemplateCacheLimits(kBXmlTemplateCacheEntries, kBXmlTemplateCacheBytes);
+  const auto a = OneTemplateChunk(SmallTemplate(), 0);
+  const auto b = OneTemplateChunk(SameGuidOtherNames(), 0);
+  std::string xml;
+  TBXmlTemplateCacheInfo info;
+  std::thread([&] {
+    TBXmlSharedTemplates::TUse use(shared);
+    xml = AllXml(a) + AllXml(b) + AllXml(a) + AllXml(b);
+    info = BXmlTemplateCacheInfo();
+  }).join();
+  EXPECT_EQ(xml, std::string(kSmallXml) + "\n" + kOtherXml + "\n" + kSmallXml + "\n" + kOtherXml + "\n");
+  EXPECT_EQ(shared.Entries(), 1u);
+  EXPECT_EQ(info.Entries, 1u); // the other definition, in the thread's own cache
+  EXPECT_EQ(info.Hits, 2u);    // one from each cache
+}
+
+// Many chunks whose one template shares its GUID with the others' but not its bytes,
+// rendered by several threads at once through one shared cache: every chunk renders
+// its own definition, as with one thread.
+TEST_F(BinXmlTemplateCache, SameGuidWithOtherDefinitionsOnSeveralThreadsRendersEachChunksOwn) {
+  const std::vector<TEvtxValue> numberValues = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
+  const std::vector<TEvtxValue> textValues = {TEvtxValue::String("a"), TEvtxValue::String("t"), TEvtxValue::String("x")};
+  const TEvtxTemplate kinds[] = {SmallTemplate(), SameGuidOtherNames(), SmallTemplate(EvtxType::String),
+                                 SameGuidSwappedValues()};
+  const std::string tails[] = {kSmallXml, kOtherXml, "\r\n<Root Attr=\"a\">\r\n<Item>t</Item>\r\n<Opt>x</Opt></Root>",
+                               "\r\n<Root Attr=\"a\">\r\n<Item>x</Item>\r\n<Opt>7</Opt></Root>"};
+  for (const TEvtxTemplate& kind : kinds) ASSERT_EQ(kind.Guid(), kinds[0].Guid());
+  std::vector<std::vector<uint8_t>> chunks;
+  std::vector<int> kindOf;
+  for (int i = 0; i < 90; ++i) {
+    kindOf.push_back((i * 7 + i / 5) % 4);
+    chunks.push_back(OneTemplateChunk(kinds[kindOf.back()], i % 4, kindOf.back() == 2 ? textValues : numberValues));
+  }
+  auto run = [&](unsigned AThreads) {
+    size_t next = 0;
+    std::vector<std::string> got;
+    TChunkReader::Run(
+        [&](TChunkJob& AJob) {
+          if (next == chunks.size()) return false;
+          AJob.Position = next * 65536;
+          AJob.Bytes = chunks[next++];
+          return true;
+        },
+        [&](TChunkResult& AResult) { got.push_back(AResult.Xml); }, AThreads);
+    return got;
+  };
+  const std::vector<std::string> one = run(1);
+  ASSERT_EQ(one.size(), chunks.size());
+  for (size_t i = 0; i < chunks.size(); ++i) {
+    const std::string& tail = tails[kindOf[i]];
+    ASSERT_GE(one[i].size(), tail.size());
+    EXPECT_EQ(one[i].substr(one[i].size() - tail.size()), tail) << "chunk " << i;
+  }
+  for (unsigned threads : {2u, 3u})
+    for (int round = 0; round < 5; ++round) EXPECT_EQ(run(threads), one) << threads << " threads";
 }
 
 } // namespace
