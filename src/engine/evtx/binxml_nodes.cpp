@@ -9,6 +9,7 @@
 #include "platform/utf16.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -839,6 +840,17 @@ TBXmlRootNode* MakeRoot(TEvtxChunk& AChunk, uint32_t AStart, uint32_t ALength) {
   return root;
 }
 
+// Per value type, the size a substitution value of it is accepted at without measuring:
+// kDeclaredSize for null, strings, binary and embedded fragments (their declared size),
+// a scalar's own size, or 0 (measured).
+constexpr uint16_t kDeclaredSize = 0xFFFF;
+constexpr std::array<uint16_t, 256> kSubstValueSizes = [] {
+  std::array<uint16_t, 256> sizes{};
+  for (unsigned code = 0; code < 256; ++code) sizes[code] = static_cast<uint16_t>(VariantScalarSize(static_cast<uint8_t>(code)));
+  for (uint8_t code : {0x00, 0x01, 0x02, 0x0E, 0x21}) sizes[code] = kDeclaredSize;
+  return sizes;
+}();
+
 void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart, uint32_t AEnd) {
   TByteReader r(AChunk.Data(), AEnd);
   Check(r.Fits(AStart, 4), "SubArray: too short");
@@ -854,32 +866,25 @@ void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart
                           AChunk.Arena().Allocate(sizeof(TBXmlSubstValue) * count, alignof(TBXmlSubstValue)))
                     : nullptr;
   uint32_t pos = AStart + a->Header;
+  const uint8_t* data = AChunk.Data();
   for (uint32_t i = 0; i < count; ++i) {
-    const uint8_t* desc = AChunk.Data() + AStart + 4 + 4 * i;
+    const uint8_t* desc = data + AStart + 4 + 4 * i;
     TBXmlSubstValue& v = a->Values[i];
     v.Size = LoadU16(desc);
     v.Type = desc[2];
     v.Offset = pos;
     v.Nested = nullptr;
-    switch (v.Type) {
-    case 0x00: // null, strings, binary and embedded fragments take their declared size
-    case 0x01: // as MeasureVariant gives it for a substitution: no call for most values
-    case 0x02:
-    case 0x0E:
-    case 0x21:
-      Check(r.Fits(pos, v.Size), "SubArray: too short");
-      break;
-    default: {
-      // A scalar of exactly its size is what MeasureVariant would accept: no call.
-      if (const uint32_t n = VariantScalarSize(v.Type); n != 0 && v.Size == n) {
-        Check(r.Fits(pos, n), "SubArray: too short");
-        break;
-      }
+    // Null, strings, binary and embedded fragments take their declared size, as
+    // MeasureVariant gives it for a substitution, and a scalar of exactly its size is
+    // what MeasureVariant would accept: no call for most values. (pos never passes AEnd.)
+    const uint16_t known = kSubstValueSizes[v.Type];
+    if (known != 0 && (known == kDeclaredSize || known == v.Size)) [[likely]] {
+      Check(v.Size <= AEnd - pos, "SubArray: too short");
+    } else {
       if (!IsVariantCode(v.Type)) RaiseBinXml(std::string());
       Check(r.Fits(pos, v.Size), "SubArray: too short");
-      uint32_t used = MeasureVariant(v.Type, AChunk.Data() + pos, v.Size, kVarModeSubstitution);
+      uint32_t used = MeasureVariant(v.Type, data + pos, v.Size, kVarModeSubstitution);
       Check(used == v.Size, "SubArray: bad size for a child");
-    }
     }
     pos += v.Size;
   }
@@ -889,14 +894,57 @@ void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart
   ARoot->Array = a;
 }
 
+// Most records and embedded values are a fragment header and an instance of a template
+// defined earlier in the chunk (bytes 0F 01 01 00 0C 01, u32 id, u32 offset): builds
+// the two nodes ParseStream would build, without its general parse. False (nothing
+// built) for anything else, a definition that lies inline, or a reference the parse
+// would raise at; ParseStream then reads the stream as always.
+bool ShortRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AEnd) {
+  const uint32_t at = ARoot->Offset;
+  if (at >= AEnd || AEnd - at < 14) return false;
+  const uint8_t* d = AChunk.Data() + at;
+  if (d[0] != kTokFragmentHeader || d[1] != 1 || LoadU16(d + 2) != 1 || d[4] != kTokTemplateInstance || d[5] != 1)
+    return false;
+  const uint32_t id = LoadU32(d + 6);
+  const uint32_t offset = LoadU32(d + 10);
+  if (offset >= at + 4) return false;
+  TBXmlTemplateNode* t = AChunk.GetTemplateByPoint(offset);
+  if (!t || t->TemplateId != id) return false;
+  TBXmlArena& arena = AChunk.Arena();
+  auto* header = arena.New<TBXmlChild0FNode>();
+  header->Kind = TBXmlKind::bkChild0F;
+  header->Token = kTokFragmentHeader;
+  header->Offset = at;
+  header->Valid = header->Prepared = true;
+  header->Size = header->Header = 4;
+  Append(ARoot, header);
+  auto* n = arena.New<TBXmlChild0CNode>();
+  n->Kind = TBXmlKind::bkChild0C;
+  n->Token = kTokTemplateInstance;
+  n->Offset = at + 4;
+  n->Valid = n->Prepared = true;
+  n->TemplateId = id;
+  n->TemplateOffset = offset;
+  n->Template = t;
+  n->Header = n->Size = 10;
+  n->Data = 0;
+  n->SubstStart = at + 14;
+  Append(ARoot, n);
+  return true;
+}
+
 void PrepareRoot(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, int ADepth) {
   if (ARoot->Prepared) return;
   ARoot->Prepared = true;
   ARoot->Valid = false;
   Check(AChunk.Data() != nullptr, "Common: undefined root");
   uint32_t end = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{ARoot->Offset} + ARoot->Length, kChunkSize));
-  TParser P(AChunk, ADepth, false);
-  ARoot->SubstStart = ParseStream(P, ARoot, ARoot->Offset, end);
+  if (ADepth < kMaxBXmlDepth && ShortRoot(AChunk, ARoot, end)) {
+    ARoot->SubstStart = ARoot->LastChild->SubstStart;
+  } else {
+    TParser P(AChunk, ADepth, false);
+    ARoot->SubstStart = ParseStream(P, ARoot, ARoot->Offset, end);
+  }
   Check(ARoot->SubstStart != 0 && ARoot->SubstStart <= end, "Root: no subsarray");
   // A fragment without a template instance (an embedded value, a forwarded event) ends
   // with its stream: no values follow.
