@@ -1090,6 +1090,13 @@ bool WalkFragment(TReaderState& R, uint32_t AFragment, int ALevel) {
   // as before); most arrays hold every index their ops read, checked once.
   const bool allIn = range.End <= array->Count;
   const TReaderRoom::TSubstOp* ops = R.Room.SubstOps.data() + range.First;
+  if (!array->NestedCount) {
+    // No value embeds a fragment: the walk stops only at an index past the array.
+    if (allIn) return true;
+    for (uint32_t k = 0; k < range.Count; ++k)
+      if (ops[k].Index >= array->Count) return false;
+    return true;
+  }
   for (uint32_t k = 0; k < range.Count; ++k) {
     if (!allIn && ops[k].Index >= array->Count) return false;
     TBXmlSubstValue& v = array->Values[ops[k].Index];

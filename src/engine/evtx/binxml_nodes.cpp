@@ -886,6 +886,7 @@ void PrepareSubstArray(TEvtxChunk& AChunk, TBXmlRootNode* ARoot, uint32_t AStart
       uint32_t used = MeasureVariant(v.Type, data + pos, v.Size, kVarModeSubstitution);
       Check(used == v.Size, "SubArray: bad size for a child");
     }
+    a->NestedCount += v.Type == 0x21 && v.Size != 0;
     pos += v.Size;
   }
   a->Data = pos - AStart - a->Header;

@@ -124,6 +124,7 @@ struct TBXmlSubstValue {
 class TBXmlSubstArrayNode : public TBXmlNodeCommon {
 public:
   uint32_t Count = 0;
+  uint32_t NestedCount = 0; // values of type 0x21 with bytes (embedded fragments)
   TBXmlSubstValue* Values = nullptr;
 };
 

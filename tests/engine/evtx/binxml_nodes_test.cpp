@@ -176,6 +176,46 @@ TEST(BinXmlSubstitutions, ValueTypeWithoutAClassRaisesDefaultMessage) {
   EXPECT_EQ(c.Error(0), "BinXML read error");
 }
 
+TEST(BinXmlSubstitutions, EmptyValueOfATypeWithoutAClassStillRaises) {
+  // No size is known for the type: an empty value must not pass for one of its size.
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(0x93, {}), TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "BinXML read error");
+}
+
+TEST(BinXmlSubstitutions, ValueSmallerThanItsTypeIsMeasuredAndRaises) {
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(EvtxType::UInt32, {1, 0}), TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Error(0), "Var08: bad size");
+}
+
+TEST(BinXmlSubstitutions, DeclaredSizePastTheRecordRaisesTooShort) {
+  // The string's descriptor claims more bytes than the record holds.
+  TEvtxChunkWriter w;
+  auto t = SmallTemplate();
+  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(5), TEvtxValue::String("x")};
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  ASSERT_TRUE(w.AddRecord(2, kTime, ReferenceBody(t.Id(), w.Tables().FindTemplate(t.Guid()), {TEvtxValue::String("b")})));
+  TChunkUnderTest c(w);
+  ASSERT_EQ(c.Xml(0), "\r\n<Root Attr=\"a\">\r\n<Item>5</Item>\r\n<Opt>x</Opt></Root>");
+  // Record 2: fragment header and instance (14 bytes), then its array: the count and the
+  // one descriptor, whose size becomes 0x7000.
+  TBXmlRootNode* root = c.Chunk().GetEvent(1)->Root();
+  ASSERT_NE(root, nullptr);
+  uint8_t* array = const_cast<uint8_t*>(c.Chunk().Data()) + root->Offset + 14;
+  ASSERT_EQ(array[0], 1);
+  ASSERT_EQ(array[6], EvtxType::String);
+  array[4] = 0x00;
+  array[5] = 0x70;
+  EXPECT_EQ(c.Error(1), "SubArray: too short");
+}
+
 TEST(BinXmlSubstitutions, NullSubstitutionsMayDeclareASize) {
   TEvtxChunkWriter w;
   auto t = SmallTemplate();
@@ -400,6 +440,95 @@ TEST(BinXmlNesting, EmbeddedFragmentRendersInPlace) {
   ASSERT_TRUE(w.AddRecord(1, kTime, outer, v));
   TChunkUnderTest c(w);
   EXPECT_EQ(c.Xml(0), "\r\n<UserData>\r\n<Inner Id=\"42\" /></UserData>");
+}
+
+// Records that refer back to a definition (their own fragment header and instance, or
+// an embedded value's) must get the nodes the general parse builds.
+TEST(BinXmlNesting, ReferencedInstancesAtEveryLevelGetTheParsedNodes) {
+  auto inner = std::make_shared<TEvtxTemplate>("inner", [](TBinXmlWriter& w2) {
+    w2.OpenElement("Inner");
+    w2.Attribute("Id");
+    w2.Substitution(0, EvtxType::UInt16);
+    w2.CloseEmptyElement();
+  });
+  auto outer = TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
+    w2.OpenElement("UserData");
+    w2.CloseStartElement();
+    w2.Substitution(0, EvtxType::BinXml);
+    w2.EndElement();
+  });
+  TEvtxChunkWriter w;
+  for (uint16_t i = 1; i <= 3; ++i) {
+    std::vector<TEvtxValue> v = {TEvtxValue::BinXml(inner, {TEvtxValue::UInt16(i)})};
+    ASSERT_TRUE(w.AddRecord(i, kTime, outer, v));
+  }
+  TChunkUnderTest c(w);
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(c.Xml(i), "\r\n<UserData>\r\n<Inner Id=\"" + std::to_string(i + 1) + "\" /></UserData>");
+  // The third record: header and instance of the outer template, whose one value embeds
+  // a header and an instance of the inner one, each referring back.
+  TBXmlRootNode* root = c.Chunk().GetEvent(2)->Root();
+  ASSERT_TRUE(root->Valid);
+  const TBXmlNodeCommon* header = root->FirstChild;
+  ASSERT_NE(header, nullptr);
+  EXPECT_EQ(header->Kind, TBXmlKind::bkChild0F);
+  EXPECT_EQ(header->Offset, root->Offset);
+  EXPECT_EQ(header->Size, 4u);
+  EXPECT_EQ(header->Parent, root);
+  const auto* instance = static_cast<const TBXmlChild0CNode*>(header->Next);
+  ASSERT_NE(instance, nullptr);
+  EXPECT_EQ(root->LastChild, instance);
+  EXPECT_EQ(instance->Kind, TBXmlKind::bkChild0C);
+  EXPECT_EQ(instance->Token, 0x0C);
+  EXPECT_EQ(instance->Offset, root->Offset + 4);
+  EXPECT_EQ(instance->Size, 10u);
+  EXPECT_EQ(instance->Header, 10u);
+  EXPECT_EQ(instance->Data, 0u);
+  EXPECT_EQ(instance->TemplateOffset, w.Tables().FindTemplate(outer.Guid()));
+  EXPECT_EQ(instance->Template, c.Chunk().GetTemplateByPoint(instance->TemplateOffset));
+  EXPECT_EQ(instance->SubstStart, root->Offset + 14);
+  EXPECT_EQ(root->SubstStart, root->Offset + 14);
+  ASSERT_NE(root->Array, nullptr);
+  ASSERT_EQ(root->Array->Count, 1u);
+  EXPECT_EQ(root->Array->NestedCount, 1u);
+  const TBXmlRootNode* nested = root->Array->Values[0].Nested;
+  ASSERT_NE(nested, nullptr);
+  const auto* nestedInstance = static_cast<const TBXmlChild0CNode*>(nested->LastChild);
+  ASSERT_EQ(nestedInstance->Kind, TBXmlKind::bkChild0C);
+  EXPECT_EQ(nestedInstance->TemplateOffset, w.Tables().FindTemplate(inner->Guid()));
+  EXPECT_EQ(nestedInstance->Template->TemplateId, inner->Id());
+  EXPECT_EQ(nested->FirstChild->Kind, TBXmlKind::bkChild0F);
+  EXPECT_EQ(nested->Array->NestedCount, 0u);
+}
+
+TEST(BinXmlNesting, EmbeddedReferenceToAnotherIdRaisesWrongTemplate) {
+  auto inner = std::make_shared<TEvtxTemplate>("inner", [](TBinXmlWriter& w2) {
+    w2.OpenElement("Inner");
+    w2.CloseStartElement();
+    w2.Substitution(0, EvtxType::UInt16);
+    w2.EndElement();
+  });
+  auto outer = TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
+    w2.OpenElement("UserData");
+    w2.CloseStartElement();
+    w2.Substitution(0, EvtxType::BinXml);
+    w2.EndElement();
+  });
+  TEvtxChunkWriter w;
+  for (uint16_t i = 1; i <= 2; ++i) {
+    std::vector<TEvtxValue> v = {TEvtxValue::BinXml(inner, {TEvtxValue::UInt16(i)})};
+    ASSERT_TRUE(w.AddRecord(i, kTime, outer, v));
+  }
+  TChunkUnderTest c(w);
+  EXPECT_EQ(c.Xml(0), "\r\n<UserData>\r\n<Inner>1</Inner></UserData>");
+  // The second record's embedded instance names another template id.
+  TBXmlRootNode* root = c.Chunk().GetEvent(1)->Root();
+  const uint32_t at = root->Offset + 14 + 4 + 4; // its array: count, one descriptor, the value
+  uint8_t* value = const_cast<uint8_t*>(c.Chunk().Data()) + at;
+  ASSERT_EQ(value[0], 0x0F);
+  ASSERT_EQ(value[4], 0x0C);
+  value[6] ^= 1;
+  EXPECT_EQ(c.Error(1), "Root exception (NodeC: wrong template)");
 }
 
 TEST(BinXmlNesting, TemplateReferringToItselfIsRefusedNotFollowed) {
