@@ -471,7 +471,15 @@ const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const
   TAutomaton& automaton = *FAutomata[AAutomaton];
   if (automaton.Ready.load(std::memory_order_acquire)) [[likely]]
     return automaton;
+  // Another thread is building it: rather than wait, this one builds the automata of the
+  // index that no thread has started on (ScanFields builds every one of them for the
+  // first event anyway), then waits.
+  if (automaton.Started.load(std::memory_order_acquire))
+    for (const TScan& scan : FScans)
+      if (scan.Automaton != AAutomaton && !FAutomata[scan.Automaton]->Started.load(std::memory_order_acquire))
+        Built(scan.Automaton);
   std::call_once(automaton.Built, [&] {
+    automaton.Started.store(true, std::memory_order_release);
     BuildAutomaton(automaton, automaton.Literals);
     automaton.Literals = {};
     automaton.Ready.store(true, std::memory_order_release);

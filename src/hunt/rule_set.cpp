@@ -387,10 +387,28 @@ bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
     } catch (const ESigmaError&) {
     }
   }
-  // A cache written by another build that compiles differently: the rule never matches
-  // (its condition is an empty OR), and the run says so.
-  if (deferred.State != 1) FCacheNotes.push_back(rule.File + ": the rule compiles otherwise than the rule cache says; not used");
   return deferred.State == 1;
+}
+
+void TRuleSet::RunJob(const TRuleSet& ASet, TCompileJob& AJob) {
+  for (size_t at; (at = AJob.Next.fetch_add(1, std::memory_order_relaxed)) < AJob.Items.size();) {
+    try {
+      ASet.CompileDeferred(AJob.Items[at]);
+    } catch (...) { // out of memory: the preparing thread raises it
+      const std::lock_guard<std::mutex> lock(AJob.ErrorMutex);
+      if (!AJob.Error) AJob.Error = std::current_exception();
+    }
+    AJob.Finished.fetch_add(1, std::memory_order_release);
+  }
+}
+
+void TRuleSet::HelpCompile() const {
+  std::shared_ptr<TCompileJob> job;
+  {
+    const std::lock_guard<std::mutex> lock(FJobMutex);
+    job = FJob;
+  }
+  if (job) RunJob(*this, *job);
 }
 
 size_t TRuleSet::DeferredCompiled() const {
@@ -402,8 +420,40 @@ size_t TRuleSet::DeferredCompiled() const {
 void TRuleSet::PrepareList(const TBindingList& AList) const {
   if (AList.Ready.load(std::memory_order_relaxed)) return;
   auto& list = const_cast<TBindingList&>(AList);
+  // The rules not compiled yet, in list order (a rule bound twice is compiled once).
+  std::vector<uint32_t> pending;
+  std::vector<bool> listed(FDeferred.size());
   for (const TRuleBinding* binding : list.Bindings)
-    if (binding->Deferred != TRuleBinding::kCompiled) CompileDeferred(binding->Deferred);
+    if (binding->Deferred != TRuleBinding::kCompiled && FDeferred[binding->Deferred].State == 0 &&
+        !listed[binding->Deferred]) {
+      listed[binding->Deferred] = true;
+      pending.push_back(binding->Deferred);
+    }
+  constexpr size_t kShared = 32; // fewer are compiled before another thread could help
+  if (pending.size() < kShared) {
+    for (const uint32_t at : pending) CompileDeferred(at);
+  } else {
+    auto job = std::make_shared<TCompileJob>();
+    job->Items = pending;
+    {
+      const std::lock_guard<std::mutex> lock(FJobMutex);
+      FJob = job;
+    }
+    RunJob(*this, *job);
+    {
+      const std::lock_guard<std::mutex> lock(FJobMutex);
+      FJob.reset();
+    }
+    // The rules other threads took are compiled before the list is made of them.
+    while (job->Finished.load(std::memory_order_acquire) < job->Items.size()) std::this_thread::yield();
+    if (job->Error) std::rethrow_exception(job->Error);
+  }
+  // A cache written by another build that compiles differently: the rule never matches
+  // (its condition is an empty OR), and the run says so (in list order, as compiled).
+  for (const uint32_t at : pending)
+    if (FDeferred[at].State != 1)
+      FCacheNotes.push_back(FDeferred[at].Rule->File +
+                            ": the rule compiles otherwise than the rule cache says; not used");
   list.Literals = std::make_unique<TLiteralIndex>(list.Bindings);
   list.AlwaysAt.clear();
   for (uint32_t i = 0; i < list.Bindings.size(); ++i)
@@ -434,6 +484,7 @@ TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t A
   if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
   for (const TBindingList* list : out.Lists)
     if (list && !list->Ready.load(std::memory_order_acquire)) [[unlikely]] {
+      HelpCompile(); // (when another thread is preparing a list)
       const std::lock_guard<std::mutex> lock(FPrepareMutex);
       PrepareList(*list);
     }

@@ -29,6 +29,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -160,7 +161,20 @@ private:
   void Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred);
   void PrepareList(const TBindingList& AList) const; // under FPrepareMutex
-  bool CompileDeferred(uint32_t AIndex) const;       // under FPrepareMutex
+  // Compiles deferred rule AIndex unless done already; false when it cannot be compiled
+  // (the caller notes it). Under FPrepareMutex, or as an item of the published job.
+  bool CompileDeferred(uint32_t AIndex) const;
+  // The deferred rules a list being prepared compiles, shared out: the thread preparing
+  // the list (under FPrepareMutex) publishes them, and threads that need a list meanwhile
+  // compile some of them instead of waiting.
+  struct TCompileJob {
+    std::vector<uint32_t> Items; // deferred rules' numbers
+    std::atomic<size_t> Next{0}, Finished{0};
+    std::mutex ErrorMutex;
+    std::exception_ptr Error; // what compiling an item raised (the first)
+  };
+  static void RunJob(const TRuleSet& ASet, TCompileJob& AJob);
+  void HelpCompile() const;
 
   const TLogMapping* FMapping = nullptr; // null: the Windows mapping, not read yet
   TRuleFilter FFilter;
@@ -173,6 +187,8 @@ private:
   TChannelIndex FAnyChannel;
   mutable std::mutex FPrepareMutex;
   mutable std::vector<TDeferredRule> FDeferred;
+  mutable std::mutex FJobMutex;
+  mutable std::shared_ptr<TCompileJob> FJob; // (under FJobMutex) null: none published
   std::vector<std::unique_ptr<TRuleCache>> FCaches; // kept for the deferred rules' parsed form
   std::string FCacheFolder;
   size_t FCacheHits = 0, FCacheMisses = 0;
