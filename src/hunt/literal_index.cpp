@@ -467,10 +467,15 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   }
 }
 
-const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
-  TAutomaton& automaton = *FAutomata[AAutomaton];
+inline const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
+  const TAutomaton& automaton = *FAutomata[AAutomaton];
   if (automaton.Ready.load(std::memory_order_acquire)) [[likely]]
     return automaton;
+  return Build(AAutomaton);
+}
+
+const TLiteralIndex::TAutomaton& TLiteralIndex::Build(uint32_t AAutomaton) const {
+  TAutomaton& automaton = *FAutomata[AAutomaton];
   // Another thread is building it: rather than wait, this one builds the automata of the
   // index that no thread has started on (ScanFields builds every one of them for the
   // first event anyway), then waits.

@@ -189,7 +189,8 @@ private:
   // Appends the field tests' part of TestLiterals to a binding's ACodes (its value tests' part).
   static void AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const;
-  const TAutomaton& Built(uint32_t AAutomaton) const;
+  const TAutomaton& Built(uint32_t AAutomaton) const; // (the check for a built one is inline)
+  const TAutomaton& Build(uint32_t AAutomaton) const;
   template <typename TEntry>
   void ScanWith(const TAutomaton& AAutomaton, const TEntry* ARows, std::string_view AText, TLiteralHits& AHits) const;
 
