@@ -317,6 +317,7 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile, const TRu
 }
 
 void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred) {
+  ++FGeneration;
   for (const TLogSourceVariant& variant : AVariants) {
     // The event IDs both the log source and the condition allow.
     std::set<uint32_t> ids;
@@ -471,14 +472,31 @@ void TRuleSet::Prepare() const {
   if (!FAnyChannel.AnyId.Bindings.empty()) PrepareList(FAnyChannel.AnyId);
 }
 
-TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
-  TCandidates out;
+const TRuleSet::TChannelIndex* TRuleSet::FindChannel(std::string_view AChannel, std::string& AKey) const {
   AKey.assign(AChannel);
   for (char& c : AKey) c = FoldChar(c);
-  if (const auto channel = FByChannel.find(AKey); channel != FByChannel.end()) {
-    if (const auto id = channel->second.ById.find(AEventId); id != channel->second.ById.end())
-      out.Lists[0] = &id->second;
-    if (!channel->second.AnyId.Bindings.empty()) out.Lists[1] = &channel->second.AnyId;
+  const auto channel = FByChannel.find(AKey);
+  return channel == FByChannel.end() ? nullptr : &channel->second;
+}
+
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
+  return ListsOf(FindChannel(AChannel, AKey), AEventId);
+}
+
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, TChannelMemo& AMemo) const {
+  if (AMemo.Generation != FGeneration || AMemo.Channel != AChannel) [[unlikely]] {
+    AMemo.Index = FindChannel(AChannel, AMemo.Key);
+    AMemo.Channel.assign(AChannel);
+    AMemo.Generation = FGeneration;
+  }
+  return ListsOf(AMemo.Index, AEventId);
+}
+
+TRuleSet::TCandidates TRuleSet::ListsOf(const TChannelIndex* AChannel, uint32_t AEventId) const {
+  TCandidates out;
+  if (AChannel) {
+    if (const auto id = AChannel->ById.find(AEventId); id != AChannel->ById.end()) out.Lists[0] = &id->second;
+    if (!AChannel->AnyId.Bindings.empty()) out.Lists[1] = &AChannel->AnyId;
   }
   if (const auto id = FAnyChannel.ById.find(AEventId); id != FAnyChannel.ById.end()) out.Lists[2] = &id->second;
   if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
@@ -517,7 +535,7 @@ template <typename TSourceText>
 std::span<const TDetection> THunter::TestEvent(std::string_view AChannel, uint32_t AEventId, const TSourceText& AText) {
   ++FEvents;
   FCount = 0;
-  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FKey);
+  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FChannel);
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
   FFields.Load(AText);
