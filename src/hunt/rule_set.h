@@ -100,7 +100,8 @@ public:
     const TBindingList* Lists[4] = {};
   };
   // Each list returned is ready: its rules compiled and its literal index made, by the
-  // first call that needs it (by one thread: hunters that need it together wait).
+  // first call that needs it (by one thread: hunters that need a list meanwhile compile
+  // some of its rules, then wait).
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
 
 private:
