@@ -63,6 +63,19 @@ using TNeeds = std::vector<TNeed>;
 // cost more to count than they save.
 constexpr size_t kMaxClauses = 3;
 
+// The length a literal counts as when clauses are weighed: its own, but 1 for a part of
+// the paths that most process and file events hold ("\\windows\\", "\\system32\\",
+// ".exe"), which is found about as often as a single byte. Only the choice of clauses
+// depends on it, never a result.
+uint32_t CommonLength(std::string_view AFolded) {
+  static constexpr std::string_view kCommon[] = {
+      "c:\\windows\\system32\\", "c:\\windows\\syswow64\\", "c:\\program files (x86)\\",
+      "c:\\users\\",            "\\appdata\\local\\temp\\",   "\\appdata\\roaming\\", ".exe", ".dll"};
+  for (const std::string_view common : kCommon)
+    if (common.find(AFolded) != std::string_view::npos) return 1;
+  return static_cast<uint32_t>(AFolded.size());
+}
+
 class TNeedFinder {
 public:
   TNeedFinder(const TSigmaRule& ARule, const std::vector<uint32_t>& ATestLiterals, const std::vector<uint32_t>& ALengths)
@@ -164,7 +177,7 @@ private:
 
   // The more selective need: the one less likely found, taking a literal one byte
   // longer as half as likely (so "\\edr-freeze" or "\\edrfreeze" beats ".exe"), then
-  // fewer literals.
+  // fewer literals. (ALengths: the lengths the odds are reckoned with, CommonLength's.)
   bool Better(const TNeed& A, const TNeed& B) const {
     const uint64_t a = Odds(A), b = Odds(B);
     if (a != b) return a < b;
@@ -314,12 +327,14 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
   // Tests whose literal did not fit search the value themselves; then what each binding
   // needs: clauses, each one of whose literals must be found.
   FClauseCount.assign(ABindings.size(), 0);
+  std::vector<uint32_t> weighed(FLengths.size());
+  for (uint32_t literal = 0; literal < FLengths.size(); ++literal) weighed[literal] = CommonLength(FTexts[literal]);
   std::vector<std::pair<uint32_t, uint32_t>> needed; // literal, clause
   for (uint32_t b = 0; b < ABindings.size(); ++b) {
     const TRuleBinding& binding = *ABindings[b];
     for (uint32_t& coded : FTestLiterals[b])
       if (coded != kNoLiteral && !FIndexed[coded >> 1]) coded = kNoLiteral;
-    const TNeeds needs = TNeedFinder(*binding.Rule, FTestLiterals[b], FLengths).Rule(binding.Rule->Condition);
+    const TNeeds needs = TNeedFinder(*binding.Rule, FTestLiterals[b], weighed).Rule(binding.Rule->Condition);
     for (const TNeed& need : needs) {
       const uint32_t clause = static_cast<uint32_t>(FClauseBinding.size());
       FClauseBinding.push_back(b);
@@ -467,11 +482,24 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   }
 }
 
-const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
-  TAutomaton& automaton = *FAutomata[AAutomaton];
+inline const TLiteralIndex::TAutomaton& TLiteralIndex::Built(uint32_t AAutomaton) const {
+  const TAutomaton& automaton = *FAutomata[AAutomaton];
   if (automaton.Ready.load(std::memory_order_acquire)) [[likely]]
     return automaton;
+  return Build(AAutomaton);
+}
+
+const TLiteralIndex::TAutomaton& TLiteralIndex::Build(uint32_t AAutomaton) const {
+  TAutomaton& automaton = *FAutomata[AAutomaton];
+  // Another thread is building it: rather than wait, this one builds the automata of the
+  // index that no thread has started on (ScanFields builds every one of them for the
+  // first event anyway), then waits.
+  if (automaton.Started.load(std::memory_order_acquire))
+    for (const TScan& scan : FScans)
+      if (scan.Automaton != AAutomaton && !FAutomata[scan.Automaton]->Started.load(std::memory_order_acquire))
+        Built(scan.Automaton);
   std::call_once(automaton.Built, [&] {
+    automaton.Started.store(true, std::memory_order_release);
     BuildAutomaton(automaton, automaton.Literals);
     automaton.Literals = {};
     automaton.Ready.store(true, std::memory_order_release);

@@ -26,7 +26,8 @@
 //
 // An automaton is built the first time a value is scanned with it (on whichever thread
 // that is), so a log that holds few kinds of events pays only for the fields their rules
-// read, and a rule set loads without building any.
+// read, and a rule set loads without building any. A thread that needs an automaton
+// another thread is building builds the index's other automata meanwhile.
 #pragma once
 
 #include "hunt/event_fields.h"
@@ -155,6 +156,7 @@ private:
     std::vector<uint32_t> Literals; // what it finds (dropped once built)
     std::once_flag Built;
     std::atomic<bool> Ready{false}; // built (checked first: call_once costs more per scan)
+    std::atomic<bool> Started{false}; // a thread is building it (or has built it)
     uint32_t Classes = 1;
     uint32_t DenseStates = 0;
     uint16_t ClassOf[256] = {};   // byte -> input class of its folded form (0: in no literal)
@@ -187,7 +189,8 @@ private:
   // Appends the field tests' part of TestLiterals to a binding's ACodes (its value tests' part).
   static void AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const;
-  const TAutomaton& Built(uint32_t AAutomaton) const;
+  const TAutomaton& Built(uint32_t AAutomaton) const; // (the check for a built one is inline)
+  const TAutomaton& Build(uint32_t AAutomaton) const;
   template <typename TEntry>
   void ScanWith(const TAutomaton& AAutomaton, const TEntry* ARows, std::string_view AText, TLiteralHits& AHits) const;
 

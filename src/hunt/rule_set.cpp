@@ -317,6 +317,7 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile, const TRu
 }
 
 void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred) {
+  ++FGeneration;
   for (const TLogSourceVariant& variant : AVariants) {
     // The event IDs both the log source and the condition allow.
     std::set<uint32_t> ids;
@@ -387,10 +388,28 @@ bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
     } catch (const ESigmaError&) {
     }
   }
-  // A cache written by another build that compiles differently: the rule never matches
-  // (its condition is an empty OR), and the run says so.
-  if (deferred.State != 1) FCacheNotes.push_back(rule.File + ": the rule compiles otherwise than the rule cache says; not used");
   return deferred.State == 1;
+}
+
+void TRuleSet::RunJob(const TRuleSet& ASet, TCompileJob& AJob) {
+  for (size_t at; (at = AJob.Next.fetch_add(1, std::memory_order_relaxed)) < AJob.Items.size();) {
+    try {
+      ASet.CompileDeferred(AJob.Items[at]);
+    } catch (...) { // out of memory: the preparing thread raises it
+      const std::lock_guard<std::mutex> lock(AJob.ErrorMutex);
+      if (!AJob.Error) AJob.Error = std::current_exception();
+    }
+    AJob.Finished.fetch_add(1, std::memory_order_release);
+  }
+}
+
+void TRuleSet::HelpCompile() const {
+  std::shared_ptr<TCompileJob> job;
+  {
+    const std::lock_guard<std::mutex> lock(FJobMutex);
+    job = FJob;
+  }
+  if (job) RunJob(*this, *job);
 }
 
 size_t TRuleSet::DeferredCompiled() const {
@@ -402,8 +421,40 @@ size_t TRuleSet::DeferredCompiled() const {
 void TRuleSet::PrepareList(const TBindingList& AList) const {
   if (AList.Ready.load(std::memory_order_relaxed)) return;
   auto& list = const_cast<TBindingList&>(AList);
+  // The rules not compiled yet, in list order (a rule bound twice is compiled once).
+  std::vector<uint32_t> pending;
+  std::vector<bool> listed(FDeferred.size());
   for (const TRuleBinding* binding : list.Bindings)
-    if (binding->Deferred != TRuleBinding::kCompiled) CompileDeferred(binding->Deferred);
+    if (binding->Deferred != TRuleBinding::kCompiled && FDeferred[binding->Deferred].State == 0 &&
+        !listed[binding->Deferred]) {
+      listed[binding->Deferred] = true;
+      pending.push_back(binding->Deferred);
+    }
+  constexpr size_t kShared = 32; // fewer are compiled before another thread could help
+  if (pending.size() < kShared) {
+    for (const uint32_t at : pending) CompileDeferred(at);
+  } else {
+    auto job = std::make_shared<TCompileJob>();
+    job->Items = pending;
+    {
+      const std::lock_guard<std::mutex> lock(FJobMutex);
+      FJob = job;
+    }
+    RunJob(*this, *job);
+    {
+      const std::lock_guard<std::mutex> lock(FJobMutex);
+      FJob.reset();
+    }
+    // The rules other threads took are compiled before the list is made of them.
+    while (job->Finished.load(std::memory_order_acquire) < job->Items.size()) std::this_thread::yield();
+    if (job->Error) std::rethrow_exception(job->Error);
+  }
+  // A cache written by another build that compiles differently: the rule never matches
+  // (its condition is an empty OR), and the run says so (in list order, as compiled).
+  for (const uint32_t at : pending)
+    if (FDeferred[at].State != 1)
+      FCacheNotes.push_back(FDeferred[at].Rule->File +
+                            ": the rule compiles otherwise than the rule cache says; not used");
   list.Literals = std::make_unique<TLiteralIndex>(list.Bindings);
   list.AlwaysAt.clear();
   for (uint32_t i = 0; i < list.Bindings.size(); ++i)
@@ -421,19 +472,37 @@ void TRuleSet::Prepare() const {
   if (!FAnyChannel.AnyId.Bindings.empty()) PrepareList(FAnyChannel.AnyId);
 }
 
-TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
-  TCandidates out;
+const TRuleSet::TChannelIndex* TRuleSet::FindChannel(std::string_view AChannel, std::string& AKey) const {
   AKey.assign(AChannel);
   for (char& c : AKey) c = FoldChar(c);
-  if (const auto channel = FByChannel.find(AKey); channel != FByChannel.end()) {
-    if (const auto id = channel->second.ById.find(AEventId); id != channel->second.ById.end())
-      out.Lists[0] = &id->second;
-    if (!channel->second.AnyId.Bindings.empty()) out.Lists[1] = &channel->second.AnyId;
+  const auto channel = FByChannel.find(AKey);
+  return channel == FByChannel.end() ? nullptr : &channel->second;
+}
+
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const {
+  return ListsOf(FindChannel(AChannel, AKey), AEventId);
+}
+
+TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t AEventId, TChannelMemo& AMemo) const {
+  if (AMemo.Generation != FGeneration || AMemo.Channel != AChannel) [[unlikely]] {
+    AMemo.Index = FindChannel(AChannel, AMemo.Key);
+    AMemo.Channel.assign(AChannel);
+    AMemo.Generation = FGeneration;
+  }
+  return ListsOf(AMemo.Index, AEventId);
+}
+
+TRuleSet::TCandidates TRuleSet::ListsOf(const TChannelIndex* AChannel, uint32_t AEventId) const {
+  TCandidates out;
+  if (AChannel) {
+    if (const auto id = AChannel->ById.find(AEventId); id != AChannel->ById.end()) out.Lists[0] = &id->second;
+    if (!AChannel->AnyId.Bindings.empty()) out.Lists[1] = &AChannel->AnyId;
   }
   if (const auto id = FAnyChannel.ById.find(AEventId); id != FAnyChannel.ById.end()) out.Lists[2] = &id->second;
   if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
   for (const TBindingList* list : out.Lists)
     if (list && !list->Ready.load(std::memory_order_acquire)) [[unlikely]] {
+      HelpCompile(); // (when another thread is preparing a list)
       const std::lock_guard<std::mutex> lock(FPrepareMutex);
       PrepareList(*list);
     }
@@ -466,7 +535,7 @@ template <typename TSourceText>
 std::span<const TDetection> THunter::TestEvent(std::string_view AChannel, uint32_t AEventId, const TSourceText& AText) {
   ++FEvents;
   FCount = 0;
-  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FKey);
+  const TRuleSet::TCandidates candidates = FRules.Candidates(AChannel, AEventId, FChannel);
   if (!candidates.Lists[0] && !candidates.Lists[1] && !candidates.Lists[2] && !candidates.Lists[3]) return {};
   ++FTested;
   FFields.Load(AText);

@@ -29,6 +29,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -99,8 +100,23 @@ public:
     const TBindingList* Lists[4] = {};
   };
   // Each list returned is ready: its rules compiled and its literal index made, by the
-  // first call that needs it (by one thread: hunters that need it together wait).
+  // first call that needs it (by one thread: hunters that need a list meanwhile compile
+  // some of its rules, then wait).
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
+
+private:
+  struct TChannelIndex;
+
+public:
+  // The caller's memo of the channel it looked up last (the events of a log mostly share
+  // one): the same channel again is not folded and hashed again. Good across loads too.
+  struct TChannelMemo {
+    std::string Channel; // as the event gave it
+    std::string Key;     // folded
+    const TChannelIndex* Index = nullptr; // null: no rule reads the channel by name
+    uint64_t Generation = 0;              // the rule set's when found (0: nothing found yet)
+  };
+  TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, TChannelMemo& AMemo) const;
   // Makes every list ready now. Rules loaded afterwards make their lists again. Hunters
   // on several threads may share the rule set (loading more rules while they run is not
   // allowed).
@@ -159,8 +175,23 @@ private:
   void Resolve(const TLogMapping& AMapping, TParsedFile& AParsed) const;
   void Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred);
+  const TChannelIndex* FindChannel(std::string_view AChannel, std::string& AKey) const;
+  TCandidates ListsOf(const TChannelIndex* AChannel, uint32_t AEventId) const; // made ready
   void PrepareList(const TBindingList& AList) const; // under FPrepareMutex
-  bool CompileDeferred(uint32_t AIndex) const;       // under FPrepareMutex
+  // Compiles deferred rule AIndex unless done already; false when it cannot be compiled
+  // (the caller notes it). Under FPrepareMutex, or as an item of the published job.
+  bool CompileDeferred(uint32_t AIndex) const;
+  // The deferred rules a list being prepared compiles, shared out: the thread preparing
+  // the list (under FPrepareMutex) publishes them, and threads that need a list meanwhile
+  // compile some of them instead of waiting.
+  struct TCompileJob {
+    std::vector<uint32_t> Items; // deferred rules' numbers
+    std::atomic<size_t> Next{0}, Finished{0};
+    std::mutex ErrorMutex;
+    std::exception_ptr Error; // what compiling an item raised (the first)
+  };
+  static void RunJob(const TRuleSet& ASet, TCompileJob& AJob);
+  void HelpCompile() const;
 
   const TLogMapping* FMapping = nullptr; // null: the Windows mapping, not read yet
   TRuleFilter FFilter;
@@ -170,9 +201,12 @@ private:
   std::vector<TUnusableRule> FUnusable;
   size_t FFilteredOut = 0;
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
+  uint64_t FGeneration = 1; // changes with every binding (a channel memo is then looked up again)
   TChannelIndex FAnyChannel;
   mutable std::mutex FPrepareMutex;
   mutable std::vector<TDeferredRule> FDeferred;
+  mutable std::mutex FJobMutex;
+  mutable std::shared_ptr<TCompileJob> FJob; // (under FJobMutex) null: none published
   std::vector<std::unique_ptr<TRuleCache>> FCaches; // kept for the deferred rules' parsed form
   std::string FCacheFolder;
   size_t FCacheHits = 0, FCacheMisses = 0;
@@ -216,7 +250,7 @@ private:
   std::vector<uint32_t> FSelected;   // per binding of the list: the stamp FSatisfied is counted for
   std::vector<uint32_t> FSatisfied;  // per binding: its clauses that hold
   std::vector<uint32_t> FClauseSeen; // per clause of the list: the stamp for which it holds
-  std::string FKey;
+  TRuleSet::TChannelMemo FChannel;
   std::vector<uint32_t> FSelectedList; // the selected bindings of the list being tested
   std::vector<uint32_t> FPlaces;
   uint32_t FStamp = 0; // one per list tested

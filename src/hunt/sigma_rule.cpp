@@ -120,13 +120,28 @@ bool ParseNetwork(std::string_view AText, TNetwork& ANetwork) {
   return true;
 }
 
+namespace {
+
+// Bytes AAt..AAt+7 of an address as one number, the first byte the highest.
+uint64_t AddressWord(const std::array<uint8_t, 16>& AAddress, size_t AAt) {
+  uint64_t word = 0;
+  for (size_t i = 0; i < 8; ++i) word = word << 8 | AAddress[AAt + i];
+  return word;
+}
+
+// The first ABits bits of a word (ABits may be out of 0..64: none or all of them).
+uint64_t PrefixMask(int ABits) {
+  if (ABits <= 0) return 0;
+  if (ABits >= 64) return ~uint64_t{0};
+  return ~uint64_t{0} << (64 - ABits);
+}
+
+} // namespace
+
 bool TNetwork::Contains(const std::array<uint8_t, 16>& AAddress) const {
-  int bits = Prefix;
-  for (size_t i = 0; i < 16 && bits > 0; ++i, bits -= 8) {
-    const uint8_t mask = bits >= 8 ? 0xFF : static_cast<uint8_t>(0xFF << (8 - bits));
-    if ((Address[i] & mask) != (AAddress[i] & mask)) return false;
-  }
-  return true;
+  // (A whole word at a time: an IPv4 network's prefix is 96 bits and more.)
+  return ((AddressWord(Address, 0) ^ AddressWord(AAddress, 0)) & PrefixMask(Prefix)) == 0 &&
+         ((AddressWord(Address, 8) ^ AddressWord(AAddress, 8)) & PrefixMask(Prefix - 64)) == 0;
 }
 
 namespace {

@@ -213,6 +213,35 @@ TEST(HuntLiteralIndex, ClausesOfEveryPartSelectTogether) {
   EXPECT_EQ(CompareOver(rules, path), size_t{6 + 4 + 4 + 8 + 14 + 10 + 2});
 }
 
+// A part of the paths most events hold ("\\windows\\") weighs as a single byte when
+// the clause of an OR is chosen: the rarer text of the same part selects the rule, and
+// the results stay those of testing every rule.
+TEST(HuntLiteralIndex, CommonPathPartsDoNotSelect) {
+  const std::string detection = "  sel_1:\n    Image|contains: '\\Windows\\'\n    CommandLine|contains: '\\..\\..\\'\n"
+                                "  sel_2:\n    CommandLine|contains: '.exe\\..\\'\n  condition: 1 of sel_*\n";
+  TRuleSet rules;
+  rules.LoadText(RuleText(detection), "0.yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  std::string key;
+  const TRuleSet::TCandidates candidates = rules.Candidates("Microsoft-Windows-Sysmon/Operational", 1, key);
+  const hunt::TBindingList* list = candidates.Lists[0];
+  ASSERT_NE(list, nullptr);
+  const hunt::TLiteralIndex& index = *list->Literals;
+  ASSERT_EQ(index.LiteralCount(), 3u); // in the order of the tests
+  EXPECT_EQ(index.ClausesOf(0), 1u);
+  EXPECT_TRUE(index.NeededBy(0).empty()); // "\\windows\\"
+  EXPECT_EQ(index.NeededBy(1).size(), 1u); // "\\..\\..\\"
+  EXPECT_EQ(index.NeededBy(2).size(), 1u); // ".exe\\..\\"
+
+  TEvtxFileWriter writer;
+  for (const char* image : {"C:\\Windows\\System32\\cmd.exe", "D:\\tools\\cmd.exe"})
+    for (const char* line : {"cmd /c x\\..\\..\\y", "a.exe\\..\\b", "cmd /c dir", "A.EXE\\..\\..\\"})
+      writer.AddEvent(ProcessEvent(image, line));
+  const std::string path = WriteTempFile("literal_common.evtx", writer.Bytes());
+  // Windows image: the traversal, the .exe one and the line with both; other image: the .exe ones.
+  EXPECT_EQ(CompareOver(rules, path), size_t{3 + 2});
+}
+
 // A regular expression's sure run selects its rule as its matches would: cased and
 // caseless patterns, texts in other cases, the Kelvin sign and long s that caseless
 // matching takes for k and s, and texts without the run.

@@ -11,8 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 namespace qvx::test {
 namespace {
@@ -144,6 +146,49 @@ TEST(RuleCache, ACachedRuleIsCompiledWhenAnEventFirstNeedsIt) {
   EXPECT_TRUE(cached.CacheNotes().empty());
   cached.Prepare();
   EXPECT_EQ(cached.DeferredCompiled(), 3u);
+}
+
+// Hunters on several threads that first need a list of many cached rules together share
+// out compiling them: every rule is compiled once, and each thread finds what a load that
+// compiles every rule finds.
+TEST(RuleCache, HuntersThatNeedAListTogetherCompileItsRulesOnce) {
+  const fs::path scratch = ScratchDir();
+  const fs::path dir = scratch / "rules";
+  fs::create_directories(dir);
+  constexpr int kRules = 150; // (well over the number a list compiles alone)
+  for (int i = 0; i < kRules; ++i)
+    WriteText(dir / ("r" + std::to_string(1000 + i) + ".yml"),
+              RuleText("  sel:\n    Image|endswith: '\\t" + std::to_string(i % 7) + ".exe'\n    CommandLine|contains: '" +
+                       std::to_string(i % 3) + "'\n  condition: sel\n"));
+  TEvtxFileWriter writer;
+  for (int i = 0; i < 21; ++i)
+    writer.AddEvent(ProcessEvent("C:\\x\\t" + std::to_string(i % 7) + ".exe", "run " + std::to_string(i)));
+  const std::string log = WriteTempFile("cache_threads.evtx", writer.Bytes());
+  const std::string cache = (scratch / "cache").string();
+  const TLoaded plain = Load(dir, "", log);
+  ASSERT_FALSE(plain.Detections.empty());
+  Load(dir, cache, log); // writes the cache
+
+  for (int round = 0; round < 3; ++round) {
+    TRuleSet cached;
+    cached.SetCacheFolder(cache);
+    cached.LoadPath(dir.string());
+    ASSERT_EQ(cached.CacheHits(), size_t{kRules});
+    ASSERT_EQ(cached.DeferredCompiled(), 0u);
+    constexpr int kThreads = 4;
+    std::vector<std::vector<std::string>> found(kThreads);
+    std::atomic<int> waiting{kThreads};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+      threads.emplace_back([&, t] {
+        for (--waiting; waiting.load() > 0;) std::this_thread::yield(); // all start together
+        found[t] = HuntFile(cached, log);
+      });
+    for (std::thread& thread : threads) thread.join();
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(found[t], plain.Detections) << "thread " << t;
+    EXPECT_EQ(cached.DeferredCompiled(), size_t{kRules});
+    EXPECT_TRUE(cached.CacheNotes().empty());
+  }
 }
 
 // Verdicts (what compiling each document gave) round-trip, and cut bytes are refused.

@@ -3,12 +3,14 @@
 #include "hunt/hunt_fixture.h"
 
 #include "app/demo_log.h"
+#include "engine/event_log_binxml.h"
 #include "support/evtx_fixtures.h"
 #include "support/test_paths.h"
 
 #include <gtest/gtest.h>
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -25,6 +27,48 @@ std::string ReasonOf(const std::string& ARule) {
   rules.LoadText(ARule, "r.yml");
   EXPECT_EQ(rules.Unusable().size(), 1u);
   return rules.Unusable().empty() ? std::string() : rules.Unusable()[0].Reason;
+}
+
+// A hunter keeps the channel it looked up last: events of channels in turn (in either
+// case) find what a hunter made for each event alone finds.
+TEST(SigmaRuleSet, HunterFindsEachChannelsRulesAsChannelsChange) {
+  TEvtxFileWriter writer;
+  writer.AddEvent(ProcessEvent("C:\\x\\evil.exe", "evil"));
+  writer.AddEvent(HuntEvent("System", 7045, {{"ServiceName", "svc"}}, "Service Control Manager"));
+  writer.AddEvent(HuntEvent("SYSTEM", 7045, {{"ServiceName", "svc"}}, "Service Control Manager"));
+  writer.AddEvent(ProcessEvent("C:\\x\\good.exe", "good"));
+  writer.AddEvent(HuntEvent("Application", 7045, {{"ServiceName", "svc"}}, "Service Control Manager"));
+  writer.AddEvent(HuntEvent("System", 7045, {{"ServiceName", "svc"}}, "Service Control Manager"));
+  writer.AddEvent(ProcessEvent("C:\\x\\evil.exe", "evil again"));
+  struct TEvent {
+    std::string Channel, Xml;
+    uint32_t Id = 0;
+  };
+  std::vector<TEvent> events;
+  TEventLogBinXML source;
+  source.SetBackupFileName(WriteTempFile("channel_memo.evtx", writer.Bytes()));
+  source.SetActive(true);
+  while (TEventItemBase* item = source.EventNext()) {
+    if (item == TEventLogX::UndeliverableMarker()) continue;
+    const auto& x = static_cast<TEventItemX&>(*item);
+    events.push_back({x.FChannel, x.FEvtXML, x.FEventID});
+  }
+  ASSERT_EQ(events.size(), 7u);
+  TRuleSet rules;
+  rules.LoadText(RuleText("  sel:\n    Image|endswith: '\\evil.exe'\n  condition: sel\n"), "evil.yml");
+  rules.LoadText(RuleText("  sel:\n    EventID: 7045\n    ServiceName: svc\n  condition: sel\n",
+                          "    product: windows\n    service: system\n"),
+                 "svc.yml");
+  hunt::THunter hunter(rules);
+  std::vector<size_t> one, fresh;
+  for (int round = 0; round < 2; ++round)
+    for (const TEvent& event : events) {
+      one.push_back(hunter.Test(event.Channel, event.Id, event.Xml).size());
+      hunt::THunter alone(rules);
+      fresh.push_back(alone.Test(event.Channel, event.Id, event.Xml).size());
+    }
+  EXPECT_EQ(one, fresh);
+  EXPECT_EQ(std::count(fresh.begin(), fresh.end(), size_t{1}), 2 * 5); // all but good.exe and Application
 }
 
 TEST(SigmaUnusableRules, EachCauseIsNamedWithFileAndLine) {

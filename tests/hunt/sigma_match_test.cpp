@@ -1,5 +1,6 @@
 // Matching semantics of compiled rules, one group per feature, on small written events.
 #include "hunt/hunt_fixture.h"
+#include "hunt/sigma_rule.h"
 
 #include <gtest/gtest.h>
 
@@ -95,6 +96,31 @@ TEST(SigmaModifiers, Cidr) {
   EXPECT_FALSE(Matches(RuleText("  sel:\n    DestinationIp|cidr: 10.2.0.0/16\n  condition: sel\n", net), v4));
   EXPECT_TRUE(Matches(RuleText("  sel:\n    DestinationIp|cidr: 'fe80::/10'\n  condition: sel\n", net), v6));
   EXPECT_FALSE(Matches(RuleText("  sel:\n    DestinationIp|cidr: 10.0.0.0/8\n  condition: sel\n", net), v6));
+}
+
+// Every prefix length, against addresses that differ from the network in one bit each:
+// the address is in the network exactly when that bit is past the prefix.
+TEST(SigmaModifiers, CidrPrefixEveryLength) {
+  std::array<uint8_t, 16> base{};
+  for (size_t i = 0; i < 16; ++i) base[i] = static_cast<uint8_t>(0x5A ^ (i * 37));
+  for (int prefix = 0; prefix <= 128; ++prefix) {
+    hunt::TNetwork network;
+    network.Address = base;
+    network.Prefix = prefix;
+    EXPECT_TRUE(network.Contains(base)) << prefix;
+    for (int bit = 0; bit < 128; ++bit) {
+      std::array<uint8_t, 16> address = base;
+      address[bit / 8] ^= static_cast<uint8_t>(0x80 >> (bit % 8));
+      EXPECT_EQ(network.Contains(address), bit >= prefix) << "prefix " << prefix << " bit " << bit;
+    }
+  }
+  hunt::TNetwork v4;
+  ASSERT_TRUE(hunt::ParseNetwork("192.168.0.0/23", v4));
+  std::array<uint8_t, 16> address{};
+  ASSERT_TRUE(hunt::ParseIpAddress("192.168.1.255", address));
+  EXPECT_TRUE(v4.Contains(address));
+  ASSERT_TRUE(hunt::ParseIpAddress("192.168.2.0", address));
+  EXPECT_FALSE(v4.Contains(address));
 }
 
 TEST(SigmaModifiers, Base64AndOffsets) {
