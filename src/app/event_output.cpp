@@ -61,21 +61,6 @@ void AppendDigits(std::string& AOut, unsigned AValue, int AWidth) {
   AOut.append(buf, static_cast<size_t>(PutDigits(buf, AValue, AWidth) - buf));
 }
 
-void AppendUnsigned(std::string& AOut, uint64_t AValue) {
-  // Most values (levels, versions, opcodes) are one digit.
-  if (AValue < 10) {
-    AOut += static_cast<char>('0' + AValue);
-    return;
-  }
-  char buf[24];
-  char* end = buf + sizeof buf;
-  char* p = end;
-  do {
-    *--p = static_cast<char>('0' + AValue % 10);
-    AValue /= 10;
-  } while (AValue);
-  AOut.append(p, static_cast<size_t>(end - p));
-}
 
 // Writers of a row's fixed parts into a small buffer, appended at once.
 template <size_t N> inline char* PutLiteral(char* ADest, const char (&AText)[N]) {
@@ -98,6 +83,16 @@ inline char* PutUnsigned(char* ADest, uint64_t AValue) {
   const size_t n = static_cast<size_t>(end - p);
   std::memcpy(ADest, p, n);
   return ADest + n;
+}
+
+void AppendUnsigned(std::string& AOut, uint64_t AValue) {
+  // Most values (levels, versions, opcodes) are one digit.
+  if (AValue < 10) {
+    AOut += static_cast<char>('0' + AValue);
+    return;
+  }
+  char buf[24];
+  AOut.append(buf, static_cast<size_t>(PutUnsigned(buf, AValue) - buf));
 }
 
 // --- table ----------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include "engine/evtx/evtx_chunk.h"
 #include "engine/evtx/evtx_layout.h"
 #include "engine/evtx/variant_types.h"
+#include "platform/byte_reader.h"
 #include "platform/text_escape.h"
 #include "platform/utf16.h"
 
@@ -630,21 +631,6 @@ void AppendSource(const TValueSet& AValues, const TSource& ASource, std::string&
     if (piece.Ref == kFixed) AOut.append(piece.Text);
     else AppendValue(AValues, AValues.Value(piece.Ref), AOut);
   }
-}
-
-// Whether the ASize bytes at A and B are the same; inline, as most system values are a
-// few bytes (a call to memcmp costs more than the compare). Reads nothing when ASize is 0.
-inline bool SameBytes(const uint8_t* A, const uint8_t* B, size_t ASize) {
-  size_t i = 0;
-  for (; ASize - i >= 8; i += 8) {
-    uint64_t a, b;
-    std::memcpy(&a, A + i, 8);
-    std::memcpy(&b, B + i, 8);
-    if (a != b) return false;
-  }
-  for (; i < ASize; ++i)
-    if (A[i] != B[i]) return false;
-  return true;
 }
 
 // Makes an event's system fields (AFields[AFirst + rfProviderName .. rfUserID]) and the

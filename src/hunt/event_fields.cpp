@@ -2,6 +2,7 @@
 
 #include "engine/event_xml.h"
 #include "hunt/sigma_rule.h"
+#include "platform/byte_reader.h"
 
 #include <array>
 #include <cstring>
@@ -60,21 +61,6 @@ uint32_t TFieldNames::Find(std::string_view AName) const {
 }
 
 namespace {
-
-// Whether two texts of the same size ASize are equal: names are short, and compared for
-// nearly every value, so without a call.
-inline bool SameBytes(const char* A, const char* B, size_t ASize) {
-  size_t i = 0;
-  for (; i + 8 <= ASize; i += 8) {
-    uint64_t a, b;
-    std::memcpy(&a, A + i, 8);
-    std::memcpy(&b, B + i, 8);
-    if (a != b) return false;
-  }
-  for (; i < ASize; ++i)
-    if (A[i] != B[i]) return false;
-  return true;
-}
 
 inline bool Same(const std::string& A, std::string_view B) {
   return A.size() == B.size() && SameBytes(A.data(), B.data(), B.size());

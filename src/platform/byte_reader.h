@@ -13,6 +13,24 @@
 
 namespace qvx {
 
+// Whether the ASize bytes at A and B are the same, compared inline: the values compared
+// on hot paths (system values, field names) are a few bytes, where a call to memcmp costs
+// more than the compare. Reads nothing when ASize is 0, so null addresses are fine then.
+inline bool SameBytes(const void* A, const void* B, size_t ASize) {
+  const auto* a = static_cast<const unsigned char*>(A);
+  const auto* b = static_cast<const unsigned char*>(B);
+  size_t i = 0;
+  for (; ASize - i >= 8; i += 8) {
+    uint64_t x, y;
+    std::memcpy(&x, a + i, 8);
+    std::memcpy(&y, b + i, 8);
+    if (x != y) return false;
+  }
+  for (; i < ASize; ++i)
+    if (a[i] != b[i]) return false;
+  return true;
+}
+
 class TByteReader {
 public:
   TByteReader() = default;
