@@ -933,7 +933,7 @@ struct TJsonSink {
     const uint8_t t = AValue.Type;
     if (!((t >= 0x03 && t <= 0x0D) || t == 0x0F || (t >= 0x11 && t <= 0x15))) return false;
     const size_t mark = Out.size();
-    Out.append(",\"" + (First ? 1 : 0), First ? 1 : 2);
+    Out.append(First ? "\"" : ",\"", First ? 1 : 2);
     const size_t at = Out.size();
     AppendVariantXml(Out, t, AValues.Data + AValue.Offset, AValue.Size, kVarModeSubstitution);
     if (AKind == 1 && Out.size() == at) {

@@ -103,7 +103,7 @@ TEST(HuntLiteralIndex, AnswersAsSearchingWould) {
                                 "C:\\Wxndows\\Temp\\cad.exe", "d.exe", "x", ""};
   const char* const lines[] = {"a",        "A",        "ab",         "abc",           "ABC",       "aaaa",
                                "aa",       "xabcx zz", "cmd.exe /c", "d.exe",         "evil",      "r\xD1\x80r",
-                               "p\xD1\x80", "YWJj",     "zzabc",      "/c whoami -c ", "x \xE2\x80\x93" "c ", ""};
+                               "p\xD1\x80", "YWJj",     "zzabc",      "/c whoami -c ", ("x \xE2\x80\x93" "c "), ""};
   TEvtxFileWriter writer;
   for (const char* image : images)
     for (const char* line : lines) {
@@ -268,7 +268,7 @@ TEST(HuntLiteralIndex, RegexRunsSelectAsMatchingWould) {
   for (uint32_t b = 0; b < detections.size(); ++b) EXPECT_EQ(list->Literals->ClausesOf(b), clauses[b]) << b;
 
   const char* const lines[] = {"ipconfig /all",        "IPCONFIG  /all",  "ipconfig /ALL", "ipconfig",
-                               "x WerFaultSecure.exe 12", "werfault\xc5\xbf" "ecure.exe 7", "mask", "MA\xc5\xbf\xe2\x84\xaa",
+                               "x WerFaultSecure.exe 12", ("werfault\xc5\xbf" "ecure.exe 7"), "mask", "MA\xc5\xbf\xe2\x84\xaa",
                                "Kiwi",                 "kiwi",            "evil",          "$PSHome[1]",
                                "$pshome[",             "nothing at all"};
   TEvtxFileWriter writer;
