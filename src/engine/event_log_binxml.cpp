@@ -280,6 +280,14 @@ void TEventLogBinXML::EndTaking(TChunkResult& AResult, uint32_t ATaken) {
   AResult.Notes.assign(FIssueList->Lines().begin(), FIssueList->Lines().end());
 }
 
+bool TEventLogBinXML::TakeItem(uint64_t AChunkNumber) {
+  FEventWithoutXml = false;
+  TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
+  if (FXml.size() == 1 && FXml[0] == '*') return false;
+  BuildItem(FXml, FFields, true);
+  return true;
+}
+
 bool TEventLogBinXML::NextIsPlanned() const {
   const size_t count = FChunk.RecordFields.size();
   return FChunk.FieldsRead && count > 0 && FEventIndex < count &&
@@ -303,10 +311,7 @@ void TEventLogBinXML::TakeChunk(TChunkResult& AResult, uint64_t AChunkNumber,
   uint32_t taken = 0;
   // As EventNext: TakeEvent moves to the next chunk (FChunkIndex) after the last event.
   while (FChunkIndex == 0) {
-    FEventWithoutXml = false;
-    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
-    if (FXml.size() == 1 && FXml[0] == '*') continue;
-    BuildItem(FXml, FFields, true);
+    if (!TakeItem(AChunkNumber)) continue;
     ++taken;
     AEach(FItem);
   }
@@ -332,10 +337,7 @@ void TEventLogBinXML::TakeChunkRows(TChunkResult& AResult, uint64_t AChunkNumber
       ARow(row);
       continue;
     }
-    FEventWithoutXml = false;
-    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
-    if (FXml.size() == 1 && FXml[0] == '*') continue;
-    BuildItem(FXml, FFields, true);
+    if (!TakeItem(AChunkNumber)) continue;
     ++taken;
     RowOfItem(FItem, row);
     ARow(row);
@@ -365,10 +367,7 @@ void TEventLogBinXML::TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumbe
       AEach(row, &FNamed, {});
       continue;
     }
-    FEventWithoutXml = false;
-    TakeEvent(FXml, FFields, "Inconsistent data in chunk #", static_cast<int64_t>(AChunkNumber));
-    if (FXml.size() == 1 && FXml[0] == '*') continue;
-    BuildItem(FXml, FFields, true);
+    if (!TakeItem(AChunkNumber)) continue;
     ++taken;
     row.RecordId = FItem.FEventRecordID;
     row.EventId = FItem.FEventID;

@@ -160,6 +160,8 @@ protected:
   // back with the count of events taken and the issues met.
   void BeginTaking(TChunkResult& AResult, uint64_t AChunkNumber);
   void EndTaking(TChunkResult& AResult, uint32_t ATaken);
+  // The next event of the chunk read in full into FItem; false for a record that gives none.
+  bool TakeItem(uint64_t AChunkNumber);
   // Whether the current chunk's next event was read by its plan; its span, moving past it.
   bool NextIsPlanned() const;
   TChunkResult::TRecordSpan NextPlannedSpan();
