@@ -9,6 +9,8 @@
 #include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
 #include "engine/evtx/chunk_reader.h"
+#include "engine/event_xml.h"
+#include "engine/record_fields.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
 #include "view/detection_store.h"
@@ -700,6 +702,21 @@ private:
           TChunkFound found;
           if (!worker.Lines) worker.Lines = std::make_unique<TDetectionLines>(FOptions.Format);
           TEventInfo info;
+          if (threads > 1 && AResult.FieldsRead) {
+            // The kinds of events of the chunk, whose rule lists this thread makes ready
+            // first when no other thread has started on them: each thread makes others.
+            worker.Kinds.clear();
+            for (const TChunkResult::TRecordSpan& span : AResult.RecordFields) {
+              if (span.Count <= rfChannel) continue;
+              const std::string& channel = AResult.Fields[span.First + rfChannel];
+              const auto id = static_cast<uint32_t>(TextToInt(AResult.Fields[span.First + rfEventID]));
+              if (std::none_of(worker.Kinds.begin(), worker.Kinds.end(), [&](const TRuleSet::TEventKind& A) {
+                    return A.EventId == id && A.Channel == channel;
+                  }))
+                worker.Kinds.push_back({channel, id});
+            }
+            worker.Hunter.PrepareAhead(worker.Kinds);
+          }
           worker.Source.TakeChunkNamed(AResult, firstChunk + AResult.Sequence, [&](const TEventRow& ARow,
                                                                                    const TNamedValues* ANamed,
                                                                                    std::string_view AXml) {
@@ -878,6 +895,7 @@ private:
     TEventLogBinXML Source;
     THunter Hunter;
     std::unique_ptr<TDetectionLines> Lines; // made for the run's format
+    std::vector<TRuleSet::TEventKind> Kinds; // of the chunk being taken
   };
   // The detections of a chunk's events, left by the thread that tested them for the writer.
   struct TChunkFound {

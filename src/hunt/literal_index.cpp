@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 
 namespace qvx::hunt {
 
@@ -412,56 +413,65 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
     AAutomaton.Own[i] = own[order[i]];
   }
 
-  // In breadth-first order (every link goes to a shallower state, done before): the full
-  // row of a shallow state, its failure state's row with its own children put in; the
-  // failure link of each child, read from a full row as soon as the chain reaches one;
-  // and its suffix link.
+  // In breadth-first order (every link goes to a shallower state, done before): the
+  // failure link of each child of a state, read from a full row as soon as the chain
+  // reaches one, and its suffix link; then the full row of a shallow state, its failure
+  // state's row with its own children put in. An entry is marked when its state ends
+  // literals as it is written (a copied entry is marked already), and the rows are made
+  // in place, of the width they are kept in.
   const bool narrow = states < kOutput16;
   const size_t entryBytes = narrow ? 2 : 4;
   const uint32_t dense =
       static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
   AAutomaton.DenseStates = dense;
-  std::vector<uint32_t> rows(size_t{dense} * classes, 0);
   std::vector<uint32_t>& fail = AAutomaton.Fail;
   std::vector<uint32_t>& suffix = AAutomaton.Suffix;
   fail.assign(states, 0);
   suffix.assign(states, 0);
+  const uint32_t* firstChild = AAutomaton.FirstChild.data();
+  const uint32_t* childCount = AAutomaton.ChildCount.data();
+  const uint16_t* inClassOf = AAutomaton.InClass.data();
+  const uint32_t* ownOf = AAutomaton.Own.data();
   auto childOf = [&](uint32_t AState, uint16_t AClass) {
-    const uint32_t first = AAutomaton.FirstChild[AState];
-    for (uint32_t c = first; c < first + AAutomaton.ChildCount[AState]; ++c)
-      if (AAutomaton.InClass[c] == AClass) return c;
+    const uint32_t first = firstChild[AState];
+    for (uint32_t c = first; c < first + childCount[AState]; ++c)
+      if (inClassOf[c] == AClass) return c;
     return kNone;
   };
-  for (uint32_t state = 0; state < states; ++state) {
-    const uint32_t first = AAutomaton.FirstChild[state];
-    const uint32_t last = first + AAutomaton.ChildCount[state];
-    if (state < dense) {
-      uint32_t* row = rows.data() + size_t{state} * classes;
-      if (state != 0) std::copy_n(rows.data() + size_t{fail[state]} * classes, classes, row);
-      for (uint32_t child = first; child < last; ++child) row[AAutomaton.InClass[child]] = child;
-    }
-    for (uint32_t child = first; child < last; ++child) {
-      uint32_t link = 0;
-      if (state != 0) {
-        const uint16_t c = AAutomaton.InClass[child];
-        uint32_t f = fail[state];
-        link = kNone;
-        while (f >= dense && link == kNone) {
-          link = childOf(f, c);
-          f = fail[f];
+  auto fill = [&](auto& ARows, uint32_t AOutput) {
+    using TEntry = typename std::remove_reference_t<decltype(ARows)>::value_type;
+    ARows.resize(size_t{dense} * classes); // (the root's row: the root, but for its children)
+    TEntry* rows = ARows.data();
+    const uint32_t mask = ~AOutput;
+    for (uint32_t state = 0; state < states; ++state) {
+      const uint32_t first = firstChild[state];
+      const uint32_t last = first + childCount[state];
+      if (state != 0)
+        for (uint32_t child = first; child < last; ++child) {
+          const uint16_t c = inClassOf[child];
+          uint32_t f = fail[state];
+          uint32_t link = kNone;
+          while (f >= dense && link == kNone) {
+            link = childOf(f, c);
+            f = fail[f];
+          }
+          if (link == kNone) link = rows[size_t{f} * classes + c] & mask;
+          fail[child] = link;
+          suffix[child] = ownOf[link] != kNoLiteral ? link : suffix[link];
         }
-        if (link == kNone) link = rows[size_t{f} * classes + c];
+      if (state < dense) {
+        TEntry* row = rows + size_t{state} * classes;
+        if (state != 0) std::copy_n(rows + size_t{fail[state]} * classes, classes, row);
+        for (uint32_t child = first; child < last; ++child)
+          row[inClassOf[child]] =
+              static_cast<TEntry>(child | (ownOf[child] != kNoLiteral || suffix[child] != 0 ? AOutput : 0));
       }
-      fail[child] = link;
-      suffix[child] = AAutomaton.Own[link] != kNoLiteral ? link : suffix[link];
     }
-  }
-  for (uint32_t& row : rows)
-    if (AAutomaton.Own[row] != kNoLiteral || suffix[row] != 0) row |= narrow ? kOutput16 : kOutput;
+  };
   if (narrow)
-    AAutomaton.Dense16.assign(rows.begin(), rows.end());
+    fill(AAutomaton.Dense16, kOutput16);
   else
-    AAutomaton.Dense32 = std::move(rows);
+    fill(AAutomaton.Dense32, kOutput);
 
   AAutomaton.MinLength = 0xFFFFFFFF;
   for (const uint32_t literal : ALiterals) AAutomaton.MinLength = std::min(AAutomaton.MinLength, FLengths[literal]);
