@@ -369,35 +369,35 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   for (int b = 0; b < 256; ++b) AAutomaton.ClassOf[b] = classOf[static_cast<uint8_t>(FoldChar(static_cast<char>(b)))];
   AAutomaton.Classes = classes;
 
-  // The trie, children as sibling lists. The literals (each text once, none empty) go in
-  // in byte order: a literal shares with the one before it the longest prefix it shares
-  // with any before it, so it leaves that one's path where they differ, with a state
-  // of its own from there on (no child is searched for).
-  std::vector<uint32_t> sorted(ALiterals);
-  std::sort(sorted.begin(), sorted.end(), [&](uint32_t A, uint32_t B) { return FTexts[A] < FTexts[B]; });
-  std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral};
+  // The trie, children as sibling lists (the root's by class: it has the most).
+  std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral}, rootChild(classes, kNone);
   std::vector<uint16_t> inClass{0};
-  std::vector<uint32_t> path{0}; // the states along the literal before, by depth
-  std::string_view previous;
-  for (const uint32_t literal : sorted) {
-    const std::string_view text = FTexts[literal];
-    size_t common = 0;
-    const size_t shorter = std::min(text.size(), previous.size());
-    while (common < shorter && text[common] == previous[common]) ++common;
-    path.resize(common + 1);
-    uint32_t state = path[common];
-    for (size_t i = common; i < text.size(); ++i) {
-      const uint32_t child = static_cast<uint32_t>(own.size());
-      head.push_back(kNone);
-      sibling.push_back(head[state]);
-      own.push_back(kNoLiteral);
-      inClass.push_back(classOf[static_cast<uint8_t>(text[i])]);
-      head[state] = child;
-      path.push_back(child);
+  size_t most = 1; // states at most
+  for (const uint32_t literal : ALiterals) most += FLengths[literal];
+  most = std::min(most, kMaxStates + 1);
+  head.reserve(most);
+  sibling.reserve(most);
+  own.reserve(most);
+  inClass.reserve(most);
+  for (const uint32_t literal : ALiterals) {
+    uint32_t state = 0;
+    for (const char c : FTexts[literal]) {
+      const uint16_t cls = classOf[static_cast<uint8_t>(c)];
+      uint32_t child = state == 0 ? rootChild[cls] : head[state];
+      if (state != 0)
+        while (child != kNone && inClass[child] != cls) child = sibling[child];
+      if (child == kNone) {
+        child = static_cast<uint32_t>(own.size());
+        head.push_back(kNone);
+        sibling.push_back(head[state]);
+        own.push_back(kNoLiteral);
+        inClass.push_back(cls);
+        head[state] = child;
+        if (state == 0) rootChild[cls] = child;
+      }
       state = child;
     }
     own[state] = literal;
-    previous = text;
   }
 
   // Numbered breadth first: a state's children get consecutive numbers.
