@@ -258,7 +258,7 @@ void TLiteralIndex::AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_
     }
 }
 
-TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) {
+TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings, TAutomatonPool* APool) {
   static std::atomic<uint64_t> serials{0};
   FSerial = ++serials;
   // The literal of every value test, per binding (the binding says which event field a
@@ -316,13 +316,11 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
       }
     literals.resize(kept);
     FScans.push_back({static_cast<uint32_t>(FAutomata.size()), static_cast<uint32_t>(field)});
-    FAutomata.push_back(std::make_unique<TAutomaton>());
-    FAutomata.back()->Literals = std::move(literals);
+    AddAutomaton(std::move(literals), APool);
   }
   if (!keywords.empty()) {
     FScans.push_back({static_cast<uint32_t>(FAutomata.size()), kKeywordField});
-    FAutomata.push_back(std::make_unique<TAutomaton>());
-    FAutomata.back()->Literals = std::move(keywords);
+    AddAutomaton(std::move(keywords), APool);
   }
 
   // Tests whose literal did not fit search the value themselves; then what each binding
@@ -354,6 +352,36 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
     std::vector<uint32_t> fill(FNeededAt.begin(), FNeededAt.end() - 1);
     for (const auto& [literal, clause] : needed) FNeeded[fill[literal]++] = {clause, FClauseBinding[clause]};
   }
+}
+
+void TLiteralIndex::AddAutomaton(std::vector<uint32_t> ALiterals, TAutomatonPool* APool) {
+  // A small automaton is built sooner than its key is made and looked up.
+  constexpr size_t kPooledLiterals = 16;
+  std::string key;
+  if (APool && ALiterals.size() >= kPooledLiterals) {
+    size_t bytes = 0;
+    for (const uint32_t literal : ALiterals) bytes += 8 + FTexts[literal].size();
+    key.reserve(bytes);
+    for (const uint32_t literal : ALiterals) {
+      const uint32_t head[2] = {literal, FLengths[literal]};
+      key.append(reinterpret_cast<const char*>(head), sizeof head);
+      key.append(FTexts[literal]);
+    }
+    const std::lock_guard<std::mutex> lock(APool->FMutex);
+    if (const auto found = APool->FByLiterals.find(key); found != APool->FByLiterals.end()) {
+      // The same literals under the same numbers: what it finds is the same, whichever
+      // index builds it (an index's FTexts and FLengths of these numbers are equal).
+      FAutomata.push_back(found->second);
+      return;
+    }
+  }
+  auto automaton = std::make_shared<TAutomaton>();
+  automaton->Literals = std::move(ALiterals);
+  FAutomata.push_back(automaton);
+  if (key.empty()) return;
+  const std::lock_guard<std::mutex> lock(APool->FMutex);
+  // (Another index may have put one there meanwhile: this one is kept for this index.)
+  APool->FByLiterals.emplace(std::move(key), std::move(automaton));
 }
 
 void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const {

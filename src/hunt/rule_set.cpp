@@ -534,7 +534,7 @@ void TRuleSet::PrepareList(TBindingList& AList) const {
       FCacheNotes.push_back(deferred.Rule->File + ": the rule compiles otherwise than the rule cache says; not used");
     }
   }
-  AList.Literals = std::make_unique<TLiteralIndex>(AList.Bindings);
+  AList.Literals = std::make_unique<TLiteralIndex>(AList.Bindings, &FAutomata);
   AList.AlwaysAt.clear();
   for (uint32_t i = 0; i < AList.Bindings.size(); ++i)
     if (AList.Literals->Always(i)) AList.AlwaysAt.push_back(i);

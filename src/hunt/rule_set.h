@@ -244,6 +244,7 @@ private:
   mutable std::condition_variable FWaitChanged;
   mutable uint64_t FWaitEpoch = 0;  // (under FWaitMutex) counts the changes signalled
   mutable std::mutex FNotesMutex; // for FCacheNotes while hunting
+  mutable TLiteralIndex::TAutomatonPool FAutomata; // shared by the lists' literal indexes
   std::vector<std::unique_ptr<TRuleCache>> FCaches; // kept for the deferred rules' parsed form
   std::string FCacheFolder;
   size_t FCacheHits = 0, FCacheMisses = 0;
