@@ -167,6 +167,8 @@ public:
   void ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits,
                   TScanMemo* AMemo = nullptr) const;
   size_t MemoryBytes() const;
+  // Which automaton AAutomaton is: the same for indexes that share it (TAutomatonPool).
+  const void* AutomatonIdentity(uint32_t AAutomaton) const { return FAutomata[AAutomaton].get(); }
 
 private:
   // States are numbered breadth first. The first DenseStates (the shallow ones, where
