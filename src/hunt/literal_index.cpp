@@ -552,6 +552,11 @@ const TLiteralIndex::TAutomaton& TLiteralIndex::Build(uint32_t AAutomaton) const
   return automaton;
 }
 
+void TLiteralIndex::BuildUnstarted() const {
+  for (const TScan& scan : FScans)
+    if (!FAutomata[scan.Automaton]->Started.load(std::memory_order_acquire)) Built(scan.Automaton);
+}
+
 void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {
   ScanText(Built(AAutomaton), AText, AHits);
 }

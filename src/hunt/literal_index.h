@@ -161,6 +161,9 @@ public:
   // adding the literals it finds to AHits. Builds the automaton first when it is new;
   // safe on several threads at once.
   void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
+  // Builds the automata no thread has started on (those a thread is building are left
+  // to it); safe on several threads at once.
+  void BuildUnstarted() const;
   // Scans what AScan names in AFields: every value of its field, or of the event for
   // kKeywordField (the automaton looked up once for all of them).
   // With AMemo, texts scanned before are looked up there (the same hits either way).

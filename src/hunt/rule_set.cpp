@@ -562,6 +562,10 @@ void TRuleSet::PrepareAhead(std::span<const TEventKind> AKinds) const {
   std::stable_sort(lists.begin(), lists.end(),
                    [](const TBindingList* A, const TBindingList* B) { return A->Bindings.size() > B->Bindings.size(); });
   for (const TBindingList* list : lists) TryPrepareList(*list);
+  // Their automata too: every one of a list is built when an event first needs the list,
+  // and the events are there. (Those another thread is building are left to it.)
+  for (const TBindingList* list : lists)
+    if (list->Ready.load(std::memory_order_acquire)) list->Literals->BuildUnstarted();
 }
 
 bool TRuleSet::ListsReady(std::string_view AChannel, uint32_t AEventId) const {

@@ -126,9 +126,11 @@ public:
     uint32_t EventId = 0;
   };
   // Makes ready the lists these kinds of events are tested against that no thread has
-  // started on, the longest first, and returns without waiting for the others: hunters
-  // on several threads that call it with the events of their next batch each make other
-  // lists at once. Only a head start; Candidates makes ready whatever is left.
+  // started on, the longest first, then builds their automata that no thread has started
+  // on (the first event of a list needs them all), and returns without waiting for the
+  // others: hunters on several threads that call it with the events of their next batch
+  // each make other lists at once. Only a head start; Candidates makes ready whatever is
+  // left.
   void PrepareAhead(std::span<const TEventKind> AKinds) const;
   // The lists of events of AChannel (any case) and AEventId are all ready.
   bool ListsReady(std::string_view AChannel, uint32_t AEventId) const;
