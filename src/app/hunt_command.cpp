@@ -328,8 +328,10 @@ struct THuntAbort {};
 class THuntPool {
 public:
   // The rule set is prepared by the first hunter to test an event, while the reader
-  // starts on the log (preparing it uses one core, and the reader the other).
-  THuntPool(const TRuleSet& ARules, TRuleLoad& ALoad, unsigned AThreads) : FRing(2 * AThreads + 2), FLoad(ALoad) {
+  // starts on the log (preparing it uses one core, and the reader the other); a reader
+  // that would wait for the hunters makes lists ready meanwhile (PrepareAhead).
+  THuntPool(const TRuleSet& ARules, TRuleLoad& ALoad, unsigned AThreads)
+      : FRing(2 * AThreads + 2), FRules(ARules), FLoad(ALoad) {
     for (unsigned i = 0; i < AThreads; ++i) FHunters.push_back(std::make_unique<THunter>(ARules));
     for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FHunters[i]); });
   }
@@ -359,6 +361,15 @@ public:
   THuntBatch* Oldest() {
     if (FWritten == FFill) return nullptr;
     THuntBatch& batch = FRing[FWritten % FRing.size()];
+    if (!FAheadDone) {
+      // (The batch is tested once the rules are loaded: waiting for them comes first anyway.)
+      bool done;
+      {
+        std::lock_guard<std::mutex> lock(FMutex);
+        done = batch.Done;
+      }
+      if (!done && FLoad.Wait()) PrepareAhead();
+    }
     std::unique_lock<std::mutex> lock(FMutex);
     FBatchDone.wait(lock, [&] { return batch.Done; });
     return &batch;
@@ -381,6 +392,24 @@ public:
   }
 
 private:
+  // Instead of waiting for the hunters, the reader makes ready the lists that the events
+  // of the batches handed over need and no hunter has started on (the rules are loaded),
+  // until it finds them all ready. (The hunters only read the batches' events too.)
+  void PrepareAhead() {
+    FKinds.clear();
+    for (size_t b = FWritten; b < FFill; ++b) {
+      const THuntBatch& batch = FRing[b % FRing.size()];
+      for (size_t i = 0; i < batch.Count; ++i) {
+        const TPendingEvent& event = batch.Events[i];
+        if (std::none_of(FKinds.begin(), FKinds.end(), [&](const TRuleSet::TEventKind& A) {
+              return A.EventId == event.EventId && A.Channel == event.Channel;
+            }))
+          FKinds.push_back({event.Channel, event.EventId});
+      }
+    }
+    FAheadDone = FRules.PrepareAhead(FKinds);
+  }
+
   void Work(THunter& AHunter) {
     for (;;) {
       THuntBatch* batch = nullptr;
@@ -417,7 +446,10 @@ private:
   }
 
   std::vector<THuntBatch> FRing;
+  const TRuleSet& FRules;
   TRuleLoad& FLoad;
+  bool FAheadDone = false; // (reader) the lists of the kinds of events met were all ready
+  std::vector<TRuleSet::TEventKind> FKinds; // (reader) of the batches in flight
   std::vector<std::unique_ptr<THunter>> FHunters;
   std::vector<std::thread> FThreads;
   std::mutex FMutex;

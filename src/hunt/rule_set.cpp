@@ -550,22 +550,29 @@ void TRuleSet::Prepare() const {
   if (!FAnyChannel.AnyId.Bindings.empty()) MakeReady(FAnyChannel.AnyId);
 }
 
-void TRuleSet::PrepareAhead(std::span<const TEventKind> AKinds) const {
-  std::vector<const TBindingList*> lists;
+bool TRuleSet::PrepareAhead(std::span<const TEventKind> AKinds) const {
+  std::vector<const TBindingList*> lists, others;
   std::string key;
   for (const TEventKind& kind : AKinds)
-    for (const TBindingList* list : FindLists(FindChannel(kind.Channel, key), kind.EventId).Lists)
-      if (list && !list->Ready.load(std::memory_order_relaxed) && !list->Claimed.load(std::memory_order_relaxed) &&
-          std::find(lists.begin(), lists.end(), list) == lists.end())
-        lists.push_back(list);
+    for (const TBindingList* list : FindLists(FindChannel(kind.Channel, key), kind.EventId).Lists) {
+      if (!list || list->Ready.load(std::memory_order_acquire)) continue;
+      std::vector<const TBindingList*>& to = list->Claimed.load(std::memory_order_relaxed) ? others : lists;
+      if (std::find(to.begin(), to.end(), list) == to.end()) to.push_back(list);
+    }
   // The longest first: another thread doing the same takes the next longest meanwhile.
   std::stable_sort(lists.begin(), lists.end(),
                    [](const TBindingList* A, const TBindingList* B) { return A->Bindings.size() > B->Bindings.size(); });
   for (const TBindingList* list : lists) TryPrepareList(*list);
   // Their automata too: every one of a list is built when an event first needs the list,
   // and the events are there. (Those another thread is building are left to it.)
+  bool ready = true;
   for (const TBindingList* list : lists)
-    if (list->Ready.load(std::memory_order_acquire)) list->Literals->BuildUnstarted();
+    if (list->Ready.load(std::memory_order_acquire))
+      list->Literals->BuildUnstarted();
+    else
+      ready = false;
+  for (const TBindingList* list : others) ready = ready && list->Ready.load(std::memory_order_acquire);
+  return ready;
 }
 
 bool TRuleSet::ListsReady(std::string_view AChannel, uint32_t AEventId) const {

@@ -130,8 +130,8 @@ public:
   // on (the first event of a list needs them all), and returns without waiting for the
   // others: hunters on several threads that call it with the events of their next batch
   // each make other lists at once. Only a head start; Candidates makes ready whatever is
-  // left.
-  void PrepareAhead(std::span<const TEventKind> AKinds) const;
+  // left. True when every list of the kinds is ready on return.
+  bool PrepareAhead(std::span<const TEventKind> AKinds) const;
   // The lists of events of AChannel (any case) and AEventId are all ready.
   bool ListsReady(std::string_view AChannel, uint32_t AEventId) const;
   // Makes every list ready now. Rules loaded afterwards make their lists again. Hunters
