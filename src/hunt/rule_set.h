@@ -11,6 +11,13 @@
 // were found are evaluated. Rules that cannot be used are kept with the reason, once
 // each; loading goes on.
 //
+// Hunters on several threads share the lists: a list is made by the thread that claims
+// it first, several lists at once, and a thread that needs a list another is making helps
+// compile the rules of the lists being made meanwhile. A hunter told the kinds of events
+// it is about to test (PrepareAhead) makes the lists no thread has started on first, so
+// two threads make two lists from the start. Indexes of the same literals (a log source
+// bound in two logs under other field names) share their automata.
+//
 // With a rule cache, a rule found there is not compiled at load: the cache knows
 // whether it compiles and its log source, level and fields (rule_cache.h), which is all
 // loading and binding need, and its detection is compiled when a list it is in is first
