@@ -695,6 +695,8 @@ private:
   // a chunk, reads its events' values, tests them with a hunter of its own and makes the
   // chunk's detection lines; this thread writes them in the chunks' order and counts them.
   // The output is the same.
+  static constexpr unsigned kQuietChunks = 16;
+
   void EvtxByChunk(TEventLogBinXML& ASource, const std::string& APath) {
     Ready(); // (every thread tests what it renders)
     const unsigned threads = std::min(FOptions.Threads, 64u) + 1; // the calling thread renders too
@@ -734,9 +736,11 @@ private:
           TChunkFound found;
           if (!worker.Lines) worker.Lines = std::make_unique<TDetectionLines>(FOptions.Format);
           TEventInfo info;
-          if (threads > 1 && AResult.FieldsRead) {
+          if (threads > 1 && AResult.FieldsRead && worker.QuietChunks < kQuietChunks) {
             // The kinds of events of the chunk, whose rule lists this thread makes ready
             // first when no other thread has started on them: each thread makes others.
+            // Once a run of chunks has held no kind new to it, the thread stops looking (a
+            // kind first met later is made ready when an event needs it).
             worker.Kinds.clear();
             for (const TChunkResult::TRecordSpan& span : AResult.RecordFields) {
               if (span.Count <= rfChannel) continue;
@@ -747,7 +751,7 @@ private:
                   }))
                 worker.Kinds.push_back({channel, id});
             }
-            worker.Hunter.PrepareAhead(worker.Kinds);
+            worker.QuietChunks = worker.Hunter.PrepareAhead(worker.Kinds) ? 0 : worker.QuietChunks + 1;
           }
           worker.Source.TakeChunkNamed(AResult, firstChunk + AResult.Sequence, [&](const TEventRow& ARow,
                                                                                    const TNamedValues* ANamed,
@@ -928,6 +932,7 @@ private:
     THunter Hunter;
     std::unique_ptr<TDetectionLines> Lines; // made for the run's format
     std::vector<TRuleSet::TEventKind> Kinds; // of the chunk being taken
+    unsigned QuietChunks = 0; // chunks in a row whose kinds' lists were all known ready
   };
   // The detections of a chunk's events, left by the thread that tested them for the writer.
   struct TChunkFound {

@@ -643,7 +643,7 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
   return TestEvent(AChannel, AEventId, AValues);
 }
 
-void THunter::PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds) {
+bool THunter::PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds) {
   FKindsAhead.clear();
   for (const TRuleSet::TEventKind& kind : AKinds) {
     FKindKey.assign(kind.Channel);
@@ -652,7 +652,7 @@ void THunter::PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds) {
                      [&](const auto& A) { return A.second == kind.EventId && A.first == FKindKey; }))
       FKindsAhead.push_back(kind);
   }
-  if (FKindsAhead.empty()) return;
+  if (FKindsAhead.empty()) return false;
   FRules.PrepareAhead(FKindsAhead);
   constexpr size_t kMaxKinds = 256; // (a log of more kinds goes on without the memo)
   for (const TRuleSet::TEventKind& kind : FKindsAhead)
@@ -661,6 +661,7 @@ void THunter::PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds) {
       for (char& c : FKindKey) c = FoldChar(c);
       FKindsReady.emplace_back(FKindKey, kind.EventId);
     }
+  return true;
 }
 
 template <typename TSourceText>

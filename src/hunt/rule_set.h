@@ -279,8 +279,9 @@ public:
   std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues);
   // Before a batch of events: makes ready the lists they need that no other thread has
   // started on (TRuleSet::PrepareAhead), so hunters on several threads make different lists.
-  // Kinds whose lists it has found ready are passed over from then on.
-  void PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds);
+  // Kinds whose lists it has found ready are passed over from then on; false when every
+  // kind was such a kind.
+  bool PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds);
 
   uint64_t EventsRead() const { return FEvents; }
   uint64_t EventsTested() const { return FTested; }
