@@ -9,6 +9,8 @@
 #include "engine/classic_log.h"
 #include "engine/event_log_binxml.h"
 #include "engine/evtx/chunk_reader.h"
+#include "engine/event_xml.h"
+#include "engine/record_fields.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
 #include "view/detection_store.h"
@@ -326,8 +328,10 @@ struct THuntAbort {};
 class THuntPool {
 public:
   // The rule set is prepared by the first hunter to test an event, while the reader
-  // starts on the log (preparing it uses one core, and the reader the other).
-  THuntPool(const TRuleSet& ARules, TRuleLoad& ALoad, unsigned AThreads) : FRing(2 * AThreads + 2), FLoad(ALoad) {
+  // starts on the log (preparing it uses one core, and the reader the other); a reader
+  // that would wait for the hunters makes lists ready meanwhile (PrepareAhead).
+  THuntPool(const TRuleSet& ARules, TRuleLoad& ALoad, unsigned AThreads)
+      : FRing(2 * AThreads + 2), FRules(ARules), FLoad(ALoad) {
     for (unsigned i = 0; i < AThreads; ++i) FHunters.push_back(std::make_unique<THunter>(ARules));
     for (unsigned i = 0; i < AThreads; ++i) FThreads.emplace_back([this, i] { Work(*FHunters[i]); });
   }
@@ -357,6 +361,15 @@ public:
   THuntBatch* Oldest() {
     if (FWritten == FFill) return nullptr;
     THuntBatch& batch = FRing[FWritten % FRing.size()];
+    if (!FAheadDone) {
+      // (The batch is tested once the rules are loaded: waiting for them comes first anyway.)
+      bool done;
+      {
+        std::lock_guard<std::mutex> lock(FMutex);
+        done = batch.Done;
+      }
+      if (!done && FLoad.Wait()) PrepareAhead();
+    }
     std::unique_lock<std::mutex> lock(FMutex);
     FBatchDone.wait(lock, [&] { return batch.Done; });
     return &batch;
@@ -379,6 +392,24 @@ public:
   }
 
 private:
+  // Instead of waiting for the hunters, the reader makes ready the lists that the events
+  // of the batches handed over need and no hunter has started on (the rules are loaded),
+  // until it finds them all ready. (The hunters only read the batches' events too.)
+  void PrepareAhead() {
+    FKinds.clear();
+    for (size_t b = FWritten; b < FFill; ++b) {
+      const THuntBatch& batch = FRing[b % FRing.size()];
+      for (size_t i = 0; i < batch.Count; ++i) {
+        const TPendingEvent& event = batch.Events[i];
+        if (std::none_of(FKinds.begin(), FKinds.end(), [&](const TRuleSet::TEventKind& A) {
+              return A.EventId == event.EventId && A.Channel == event.Channel;
+            }))
+          FKinds.push_back({event.Channel, event.EventId});
+      }
+    }
+    FAheadDone = FRules.PrepareAhead(FKinds);
+  }
+
   void Work(THunter& AHunter) {
     for (;;) {
       THuntBatch* batch = nullptr;
@@ -415,7 +446,10 @@ private:
   }
 
   std::vector<THuntBatch> FRing;
+  const TRuleSet& FRules;
   TRuleLoad& FLoad;
+  bool FAheadDone = false; // (reader) the lists of the kinds of events met were all ready
+  std::vector<TRuleSet::TEventKind> FKinds; // (reader) of the batches in flight
   std::vector<std::unique_ptr<THunter>> FHunters;
   std::vector<std::thread> FThreads;
   std::mutex FMutex;
@@ -661,6 +695,8 @@ private:
   // a chunk, reads its events' values, tests them with a hunter of its own and makes the
   // chunk's detection lines; this thread writes them in the chunks' order and counts them.
   // The output is the same.
+  static constexpr unsigned kQuietChunks = 16;
+
   void EvtxByChunk(TEventLogBinXML& ASource, const std::string& APath) {
     Ready(); // (every thread tests what it renders)
     const unsigned threads = std::min(FOptions.Threads, 64u) + 1; // the calling thread renders too
@@ -700,6 +736,23 @@ private:
           TChunkFound found;
           if (!worker.Lines) worker.Lines = std::make_unique<TDetectionLines>(FOptions.Format);
           TEventInfo info;
+          if (threads > 1 && AResult.FieldsRead && worker.QuietChunks < kQuietChunks) {
+            // The kinds of events of the chunk, whose rule lists this thread makes ready
+            // first when no other thread has started on them: each thread makes others.
+            // Once a run of chunks has held no kind new to it, the thread stops looking (a
+            // kind first met later is made ready when an event needs it).
+            worker.Kinds.clear();
+            for (const TChunkResult::TRecordSpan& span : AResult.RecordFields) {
+              if (span.Count <= rfChannel) continue;
+              const std::string& channel = AResult.Fields[span.First + rfChannel];
+              const auto id = static_cast<uint32_t>(TextToInt(AResult.Fields[span.First + rfEventID]));
+              if (std::none_of(worker.Kinds.begin(), worker.Kinds.end(), [&](const TRuleSet::TEventKind& A) {
+                    return A.EventId == id && A.Channel == channel;
+                  }))
+                worker.Kinds.push_back({channel, id});
+            }
+            worker.QuietChunks = worker.Hunter.PrepareAhead(worker.Kinds) ? 0 : worker.QuietChunks + 1;
+          }
           worker.Source.TakeChunkNamed(AResult, firstChunk + AResult.Sequence, [&](const TEventRow& ARow,
                                                                                    const TNamedValues* ANamed,
                                                                                    std::string_view AXml) {
@@ -878,6 +931,8 @@ private:
     TEventLogBinXML Source;
     THunter Hunter;
     std::unique_ptr<TDetectionLines> Lines; // made for the run's format
+    std::vector<TRuleSet::TEventKind> Kinds; // of the chunk being taken
+    unsigned QuietChunks = 0; // chunks in a row whose kinds' lists were all known ready
   };
   // The detections of a chunk's events, left by the thread that tested them for the writer.
   struct TChunkFound {

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <optional>
+#include <type_traits>
 
 namespace qvx::hunt {
 
@@ -257,7 +258,7 @@ void TLiteralIndex::AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_
     }
 }
 
-TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) {
+TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings, TAutomatonPool* APool) {
   static std::atomic<uint64_t> serials{0};
   FSerial = ++serials;
   // The literal of every value test, per binding (the binding says which event field a
@@ -315,13 +316,11 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
       }
     literals.resize(kept);
     FScans.push_back({static_cast<uint32_t>(FAutomata.size()), static_cast<uint32_t>(field)});
-    FAutomata.push_back(std::make_unique<TAutomaton>());
-    FAutomata.back()->Literals = std::move(literals);
+    AddAutomaton(std::move(literals), APool);
   }
   if (!keywords.empty()) {
     FScans.push_back({static_cast<uint32_t>(FAutomata.size()), kKeywordField});
-    FAutomata.push_back(std::make_unique<TAutomaton>());
-    FAutomata.back()->Literals = std::move(keywords);
+    AddAutomaton(std::move(keywords), APool);
   }
 
   // Tests whose literal did not fit search the value themselves; then what each binding
@@ -355,6 +354,36 @@ TLiteralIndex::TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings) 
   }
 }
 
+void TLiteralIndex::AddAutomaton(std::vector<uint32_t> ALiterals, TAutomatonPool* APool) {
+  // A small automaton is built sooner than its key is made and looked up.
+  constexpr size_t kPooledLiterals = 16;
+  std::string key;
+  if (APool && ALiterals.size() >= kPooledLiterals) {
+    size_t bytes = 0;
+    for (const uint32_t literal : ALiterals) bytes += 8 + FTexts[literal].size();
+    key.reserve(bytes);
+    for (const uint32_t literal : ALiterals) {
+      const uint32_t head[2] = {literal, FLengths[literal]};
+      key.append(reinterpret_cast<const char*>(head), sizeof head);
+      key.append(FTexts[literal]);
+    }
+    const std::lock_guard<std::mutex> lock(APool->FMutex);
+    if (const auto found = APool->FByLiterals.find(key); found != APool->FByLiterals.end()) {
+      // The same literals under the same numbers: what it finds is the same, whichever
+      // index builds it (an index's FTexts and FLengths of these numbers are equal).
+      FAutomata.push_back(found->second);
+      return;
+    }
+  }
+  auto automaton = std::make_shared<TAutomaton>();
+  automaton->Literals = std::move(ALiterals);
+  FAutomata.push_back(automaton);
+  if (key.empty()) return;
+  const std::lock_guard<std::mutex> lock(APool->FMutex);
+  // (Another index may have put one there meanwhile: this one is kept for this index.)
+  APool->FByLiterals.emplace(std::move(key), std::move(automaton));
+}
+
 void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const {
   // Input classes: one per byte that some literal holds (literals are folded, so an upper
   // case letter falls into its lower case letter's class), 0 for the others.
@@ -371,6 +400,13 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
   // The trie, children as sibling lists (the root's by class: it has the most).
   std::vector<uint32_t> head{kNone}, sibling{kNone}, own{kNoLiteral}, rootChild(classes, kNone);
   std::vector<uint16_t> inClass{0};
+  size_t most = 1; // states at most
+  for (const uint32_t literal : ALiterals) most += FLengths[literal];
+  most = std::min(most, kMaxStates + 1);
+  head.reserve(most);
+  sibling.reserve(most);
+  own.reserve(most);
+  inClass.reserve(most);
   for (const uint32_t literal : ALiterals) {
     uint32_t state = 0;
     for (const char c : FTexts[literal]) {
@@ -412,56 +448,65 @@ void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uin
     AAutomaton.Own[i] = own[order[i]];
   }
 
-  // In breadth-first order (every link goes to a shallower state, done before): the full
-  // row of a shallow state, its failure state's row with its own children put in; the
-  // failure link of each child, read from a full row as soon as the chain reaches one;
-  // and its suffix link.
+  // In breadth-first order (every link goes to a shallower state, done before): the
+  // failure link of each child of a state, read from a full row as soon as the chain
+  // reaches one, and its suffix link; then the full row of a shallow state, its failure
+  // state's row with its own children put in. An entry is marked when its state ends
+  // literals as it is written (a copied entry is marked already), and the rows are made
+  // in place, of the width they are kept in.
   const bool narrow = states < kOutput16;
   const size_t entryBytes = narrow ? 2 : 4;
   const uint32_t dense =
       static_cast<uint32_t>(std::min<size_t>(states, std::max<size_t>(1, kDenseBytes / entryBytes / classes)));
   AAutomaton.DenseStates = dense;
-  std::vector<uint32_t> rows(size_t{dense} * classes, 0);
   std::vector<uint32_t>& fail = AAutomaton.Fail;
   std::vector<uint32_t>& suffix = AAutomaton.Suffix;
   fail.assign(states, 0);
   suffix.assign(states, 0);
+  const uint32_t* firstChild = AAutomaton.FirstChild.data();
+  const uint32_t* childCount = AAutomaton.ChildCount.data();
+  const uint16_t* inClassOf = AAutomaton.InClass.data();
+  const uint32_t* ownOf = AAutomaton.Own.data();
   auto childOf = [&](uint32_t AState, uint16_t AClass) {
-    const uint32_t first = AAutomaton.FirstChild[AState];
-    for (uint32_t c = first; c < first + AAutomaton.ChildCount[AState]; ++c)
-      if (AAutomaton.InClass[c] == AClass) return c;
+    const uint32_t first = firstChild[AState];
+    for (uint32_t c = first; c < first + childCount[AState]; ++c)
+      if (inClassOf[c] == AClass) return c;
     return kNone;
   };
-  for (uint32_t state = 0; state < states; ++state) {
-    const uint32_t first = AAutomaton.FirstChild[state];
-    const uint32_t last = first + AAutomaton.ChildCount[state];
-    if (state < dense) {
-      uint32_t* row = rows.data() + size_t{state} * classes;
-      if (state != 0) std::copy_n(rows.data() + size_t{fail[state]} * classes, classes, row);
-      for (uint32_t child = first; child < last; ++child) row[AAutomaton.InClass[child]] = child;
-    }
-    for (uint32_t child = first; child < last; ++child) {
-      uint32_t link = 0;
-      if (state != 0) {
-        const uint16_t c = AAutomaton.InClass[child];
-        uint32_t f = fail[state];
-        link = kNone;
-        while (f >= dense && link == kNone) {
-          link = childOf(f, c);
-          f = fail[f];
+  auto fill = [&](auto& ARows, uint32_t AOutput) {
+    using TEntry = typename std::remove_reference_t<decltype(ARows)>::value_type;
+    ARows.resize(size_t{dense} * classes); // (the root's row: the root, but for its children)
+    TEntry* rows = ARows.data();
+    const uint32_t mask = ~AOutput;
+    for (uint32_t state = 0; state < states; ++state) {
+      const uint32_t first = firstChild[state];
+      const uint32_t last = first + childCount[state];
+      if (state != 0)
+        for (uint32_t child = first; child < last; ++child) {
+          const uint16_t c = inClassOf[child];
+          uint32_t f = fail[state];
+          uint32_t link = kNone;
+          while (f >= dense && link == kNone) {
+            link = childOf(f, c);
+            f = fail[f];
+          }
+          if (link == kNone) link = rows[size_t{f} * classes + c] & mask;
+          fail[child] = link;
+          suffix[child] = ownOf[link] != kNoLiteral ? link : suffix[link];
         }
-        if (link == kNone) link = rows[size_t{f} * classes + c];
+      if (state < dense) {
+        TEntry* row = rows + size_t{state} * classes;
+        if (state != 0) std::copy_n(rows + size_t{fail[state]} * classes, classes, row);
+        for (uint32_t child = first; child < last; ++child)
+          row[inClassOf[child]] =
+              static_cast<TEntry>(child | (ownOf[child] != kNoLiteral || suffix[child] != 0 ? AOutput : 0));
       }
-      fail[child] = link;
-      suffix[child] = AAutomaton.Own[link] != kNoLiteral ? link : suffix[link];
     }
-  }
-  for (uint32_t& row : rows)
-    if (AAutomaton.Own[row] != kNoLiteral || suffix[row] != 0) row |= narrow ? kOutput16 : kOutput;
+  };
   if (narrow)
-    AAutomaton.Dense16.assign(rows.begin(), rows.end());
+    fill(AAutomaton.Dense16, kOutput16);
   else
-    AAutomaton.Dense32 = std::move(rows);
+    fill(AAutomaton.Dense32, kOutput);
 
   AAutomaton.MinLength = 0xFFFFFFFF;
   for (const uint32_t literal : ALiterals) AAutomaton.MinLength = std::min(AAutomaton.MinLength, FLengths[literal]);
@@ -505,6 +550,11 @@ const TLiteralIndex::TAutomaton& TLiteralIndex::Build(uint32_t AAutomaton) const
     automaton.Ready.store(true, std::memory_order_release);
   });
   return automaton;
+}
+
+void TLiteralIndex::BuildUnstarted() const {
+  for (const TScan& scan : FScans)
+    if (!FAutomata[scan.Automaton]->Started.load(std::memory_order_acquire)) Built(scan.Automaton);
 }
 
 void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const {

@@ -41,6 +41,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace qvx::hunt {
@@ -93,14 +94,35 @@ private:
 };
 
 class TLiteralIndex {
+private:
+  struct TAutomaton;
+
 public:
   static constexpr uint32_t kNoLiteral = 0xFFFFFFFF;
   static constexpr uint32_t kKeywordField = 0xFFFFFFFE; // keyword tests: every value of the event
 
+  // The automata of the indexes of one rule set, by the literals they find: lists that
+  // hold the same rules read through other field names (a log source in two logs) have
+  // automata of the same literals under the same numbers, built once for both. Safe on
+  // several threads at once; an automaton lives as long as an index or the pool has it.
+  class TAutomatonPool {
+  public:
+    TAutomatonPool() = default;
+    TAutomatonPool(const TAutomatonPool&) = delete;
+    TAutomatonPool& operator=(const TAutomatonPool&) = delete;
+
+  private:
+    friend class TLiteralIndex;
+    std::mutex FMutex;
+    // Key: each literal's number, length and text, in the automaton's order.
+    std::unordered_map<std::string, std::shared_ptr<TAutomaton>> FByLiterals;
+  };
+
   // Builds the index of one list of bindings (binding number I is ABindings[I]): the
   // literal of each of their tests, what each binding needs, and the automata (left
-  // unbuilt until first scanned).
-  explicit TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings);
+  // unbuilt until first scanned; with APool, taken from it when it has one of the same
+  // literals, and else put there).
+  explicit TLiteralIndex(const std::vector<const TRuleBinding*>& ABindings, TAutomatonPool* APool = nullptr);
 
   uint32_t LiteralCount() const { return static_cast<uint32_t>(FLengths.size()); }
   // What must be scanned before the bindings are evaluated: the automaton of each field
@@ -139,12 +161,17 @@ public:
   // adding the literals it finds to AHits. Builds the automaton first when it is new;
   // safe on several threads at once.
   void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
+  // Builds the automata no thread has started on (those a thread is building are left
+  // to it); safe on several threads at once.
+  void BuildUnstarted() const;
   // Scans what AScan names in AFields: every value of its field, or of the event for
   // kKeywordField (the automaton looked up once for all of them).
   // With AMemo, texts scanned before are looked up there (the same hits either way).
   void ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits,
                   TScanMemo* AMemo = nullptr) const;
   size_t MemoryBytes() const;
+  // Which automaton AAutomaton is: the same for indexes that share it (TAutomatonPool).
+  const void* AutomatonIdentity(uint32_t AAutomaton) const { return FAutomata[AAutomaton].get(); }
 
 private:
   // States are numbered breadth first. The first DenseStates (the shallow ones, where
@@ -188,6 +215,8 @@ private:
   uint32_t Intern(uint32_t AField, const std::string& AText, std::vector<uint32_t>& ASlots);
   // Appends the field tests' part of TestLiterals to a binding's ACodes (its value tests' part).
   static void AddFieldAnswers(const TSigmaRule& ARule, std::vector<uint32_t>& ACodes);
+  // Adds the automaton of ALiterals (from APool when it has one of them).
+  void AddAutomaton(std::vector<uint32_t> ALiterals, TAutomatonPool* APool);
   void BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const;
   const TAutomaton& Built(uint32_t AAutomaton) const; // (the check for a built one is inline)
   const TAutomaton& Build(uint32_t AAutomaton) const;
@@ -203,7 +232,7 @@ private:
   std::vector<uint32_t> FClauseBinding;         // per clause
   std::vector<uint32_t> FClauseCount;           // per binding
   std::vector<std::vector<uint32_t>> FTestLiterals; // per binding
-  std::vector<std::unique_ptr<TAutomaton>> FAutomata; // (not movable: once flags)
+  std::vector<std::shared_ptr<TAutomaton>> FAutomata; // (not movable: once flags; may be shared, see TAutomatonPool)
   std::vector<TScan> FScans;
   uint64_t FSerial = 0; // unique among the indexes of the process (a memo's key)
 };

@@ -311,7 +311,7 @@ void TRuleSet::Compile(TParsedFile& AParsed, const std::string& AFile, const TRu
       FUnusable.push_back({AFile, rule->Title, AFile + ": the event IDs its condition needs are not those of its log source"});
       continue;
     }
-    if (compiled.Deferred) FDeferred.push_back({rule.get(), ACache, AParsed.Found, compiled.Document, 0});
+    if (compiled.Deferred) FDeferred.push_back({rule.get(), ACache, AParsed.Found, compiled.Document, {}});
     FRules.push_back(std::move(rule));
   }
 }
@@ -348,6 +348,7 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
     auto add = [&](TBindingList& AList) {
       AList.Bindings.push_back(binding.get());
       AList.Ready = false;
+      AList.Claimed = false;
     };
     if (ids.empty())
       add(index.AnyId);
@@ -357,38 +358,72 @@ void TRuleSet::Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant
   }
 }
 
-bool TRuleSet::CompileDeferred(uint32_t AIndex) const {
+void TRuleSet::CompileDeferred(uint32_t AIndex) const {
   TDeferredRule& deferred = FDeferred[AIndex];
-  if (deferred.State != 0) return deferred.State == 1;
-  deferred.State = 2;
-  TSigmaRule& rule = *deferred.Rule;
-  TParsedRuleFile parsed;
-  std::string bytes;
-  if (!deferred.Cache || !deferred.Cache->ReadParsed(deferred.Found, bytes) || !TRuleCache::Decode(bytes, parsed)) {
-    // The cache's parsed form is damaged or gone: the rule file is read again (and
-    // compiling it must still give what the cache says).
-    std::ifstream in(rule.File, std::ios::binary);
-    std::ostringstream stream;
-    stream << in.rdbuf();
-    parsed = in ? ParseFile(std::move(stream).str(), rule.File) : TParsedRuleFile{true, "cannot be read", {}};
-  }
-  if (!parsed.Failed && deferred.Document < parsed.Documents.size()) {
-    try {
-      std::unique_ptr<TSigmaRule> compiled = CompileSigmaRule(parsed.Documents[deferred.Document], rule.File);
-      // What loading used must be what compiling gives now.
-      if (compiled->SlotNames == rule.SlotNames && compiled->EventIds == rule.EventIds &&
-          compiled->Product == rule.Product && compiled->Category == rule.Category &&
-          compiled->Service == rule.Service) {
-        rule.Searches = std::move(compiled->Searches);
-        rule.Condition = std::move(compiled->Condition);
-        rule.TestCount = compiled->TestCount;
-        rule.FieldTestCount = compiled->FieldTestCount;
-        deferred.State = 1;
-      }
-    } catch (const ESigmaError&) {
+  uint8_t expected = kNotCompiled;
+  if (deferred.State.Value.load(std::memory_order_relaxed) != kNotCompiled ||
+      !deferred.State.Value.compare_exchange_strong(expected, kCompiling, std::memory_order_acquire))
+    return; // done, or another thread has it
+  uint8_t outcome = kFailed;
+  try {
+    TSigmaRule& rule = *deferred.Rule;
+    TParsedRuleFile parsed;
+    std::string bytes;
+    if (!deferred.Cache || !deferred.Cache->ReadParsed(deferred.Found, bytes) || !TRuleCache::Decode(bytes, parsed)) {
+      // The cache's parsed form is damaged or gone: the rule file is read again (and
+      // compiling it must still give what the cache says).
+      std::ifstream in(rule.File, std::ios::binary);
+      std::ostringstream stream;
+      stream << in.rdbuf();
+      parsed = in ? ParseFile(std::move(stream).str(), rule.File) : TParsedRuleFile{true, "cannot be read", {}};
     }
+    if (!parsed.Failed && deferred.Document < parsed.Documents.size()) {
+      try {
+        std::unique_ptr<TSigmaRule> compiled = CompileSigmaRule(parsed.Documents[deferred.Document], rule.File);
+        // What loading used must be what compiling gives now.
+        if (compiled->SlotNames == rule.SlotNames && compiled->EventIds == rule.EventIds &&
+            compiled->Product == rule.Product && compiled->Category == rule.Category &&
+            compiled->Service == rule.Service) {
+          rule.Searches = std::move(compiled->Searches);
+          rule.Condition = std::move(compiled->Condition);
+          rule.TestCount = compiled->TestCount;
+          rule.FieldTestCount = compiled->FieldTestCount;
+          outcome = kCompiled;
+        }
+      } catch (const ESigmaError&) {
+      }
+    }
+  } catch (...) { // out of memory: the rule is left as not compiled, and the error raised
+    deferred.State.Value.store(kFailed, std::memory_order_release);
+    Signal();
+    throw;
   }
-  return deferred.State == 1;
+  deferred.State.Value.store(outcome, std::memory_order_release);
+  Signal();
+}
+
+void TRuleSet::Signal() const {
+  {
+    const std::lock_guard<std::mutex> lock(FWaitMutex);
+    ++FWaitEpoch;
+  }
+  FWaitChanged.notify_all();
+}
+
+template <typename TPredicate>
+void TRuleSet::WaitHelping(const TPredicate& APredicate) const {
+  for (;;) {
+    // The epoch is read before the predicate: a change made after the check wakes the wait.
+    uint64_t epoch;
+    {
+      const std::lock_guard<std::mutex> lock(FWaitMutex);
+      epoch = FWaitEpoch;
+    }
+    if (APredicate()) return;
+    if (HelpCompile()) continue;
+    std::unique_lock<std::mutex> lock(FWaitMutex);
+    FWaitChanged.wait(lock, [&] { return FWaitEpoch != epoch; });
+  }
 }
 
 void TRuleSet::RunJob(const TRuleSet& ASet, TCompileJob& AJob) {
@@ -399,77 +434,152 @@ void TRuleSet::RunJob(const TRuleSet& ASet, TCompileJob& AJob) {
       const std::lock_guard<std::mutex> lock(AJob.ErrorMutex);
       if (!AJob.Error) AJob.Error = std::current_exception();
     }
-    AJob.Finished.fetch_add(1, std::memory_order_release);
   }
 }
 
-void TRuleSet::HelpCompile() const {
-  std::shared_ptr<TCompileJob> job;
+bool TRuleSet::HelpCompile() const {
+  std::vector<std::shared_ptr<TCompileJob>> jobs;
   {
     const std::lock_guard<std::mutex> lock(FJobMutex);
-    job = FJob;
+    for (const std::shared_ptr<TCompileJob>& job : FJobs)
+      if (job->Next.load(std::memory_order_relaxed) < job->Items.size()) jobs.push_back(job);
   }
-  if (job) RunJob(*this, *job);
+  for (const std::shared_ptr<TCompileJob>& job : jobs) RunJob(*this, *job);
+  return !jobs.empty();
 }
 
 size_t TRuleSet::DeferredCompiled() const {
-  const std::lock_guard<std::mutex> lock(FPrepareMutex);
-  return static_cast<size_t>(
-      std::count_if(FDeferred.begin(), FDeferred.end(), [](const TDeferredRule& A) { return A.State == 1; }));
+  return static_cast<size_t>(std::count_if(FDeferred.begin(), FDeferred.end(), [](const TDeferredRule& A) {
+    return A.State.Value.load(std::memory_order_acquire) == kCompiled;
+  }));
 }
 
-void TRuleSet::PrepareList(const TBindingList& AList) const {
-  if (AList.Ready.load(std::memory_order_relaxed)) return;
+bool TRuleSet::TryPrepareList(const TBindingList& AList) const {
+  if (AList.Ready.load(std::memory_order_acquire)) return true;
   auto& list = const_cast<TBindingList&>(AList);
-  // The rules not compiled yet, in list order (a rule bound twice is compiled once).
+  if (list.Claimed.load(std::memory_order_relaxed) || list.Claimed.exchange(true, std::memory_order_acq_rel))
+    return false;
+  try {
+    PrepareList(list);
+  } catch (...) { // out of memory: left for another thread to try again
+    list.Claimed.store(false, std::memory_order_release);
+    Signal();
+    throw;
+  }
+  Signal();
+  return true;
+}
+
+void TRuleSet::MakeReady(const TBindingList& AList) const {
+  while (!AList.Ready.load(std::memory_order_acquire)) {
+    if (TryPrepareList(AList)) return;
+    WaitHelping([&] {
+      return AList.Ready.load(std::memory_order_acquire) || !AList.Claimed.load(std::memory_order_acquire);
+    });
+  }
+}
+
+void TRuleSet::PrepareList(TBindingList& AList) const {
+  // The rules not compiled yet (or being compiled by another thread), in list order (a
+  // rule bound twice is compiled once).
   std::vector<uint32_t> pending;
   std::vector<bool> listed(FDeferred.size());
-  for (const TRuleBinding* binding : list.Bindings)
-    if (binding->Deferred != TRuleBinding::kCompiled && FDeferred[binding->Deferred].State == 0 &&
-        !listed[binding->Deferred]) {
+  for (const TRuleBinding* binding : AList.Bindings) {
+    if (binding->Deferred == TRuleBinding::kCompiled || listed[binding->Deferred]) continue;
+    const uint8_t state = FDeferred[binding->Deferred].State.Value.load(std::memory_order_acquire);
+    if (state == kNotCompiled || state == kCompiling) {
       listed[binding->Deferred] = true;
       pending.push_back(binding->Deferred);
     }
+  }
   constexpr size_t kShared = 32; // fewer are compiled before another thread could help
+  std::shared_ptr<TCompileJob> job;
   if (pending.size() < kShared) {
     for (const uint32_t at : pending) CompileDeferred(at);
   } else {
-    auto job = std::make_shared<TCompileJob>();
+    job = std::make_shared<TCompileJob>();
     job->Items = pending;
     {
       const std::lock_guard<std::mutex> lock(FJobMutex);
-      FJob = job;
+      FJobs.push_back(job);
     }
+    Signal(); // (threads waiting may help)
+    struct TWithdraw {
+      const TRuleSet& Set;
+      const std::shared_ptr<TCompileJob>& Job;
+      ~TWithdraw() {
+        const std::lock_guard<std::mutex> lock(Set.FJobMutex);
+        Set.FJobs.erase(std::find(Set.FJobs.begin(), Set.FJobs.end(), Job));
+      }
+    } withdraw{*this, job};
     RunJob(*this, *job);
-    {
-      const std::lock_guard<std::mutex> lock(FJobMutex);
-      FJob.reset();
-    }
-    // The rules other threads took are compiled before the list is made of them.
-    while (job->Finished.load(std::memory_order_acquire) < job->Items.size()) std::this_thread::yield();
-    if (job->Error) std::rethrow_exception(job->Error);
   }
+  // The rules other threads took are compiled before the list is made of them.
+  size_t done = 0;
+  WaitHelping([&] {
+    for (; done < pending.size(); ++done) {
+      const uint8_t state = FDeferred[pending[done]].State.Value.load(std::memory_order_acquire);
+      if (state == kNotCompiled || state == kCompiling) return false;
+    }
+    return true;
+  });
+  if (job && job->Error) std::rethrow_exception(job->Error);
   // A cache written by another build that compiles differently: the rule never matches
-  // (its condition is an empty OR), and the run says so (in list order, as compiled).
-  for (const uint32_t at : pending)
-    if (FDeferred[at].State != 1)
-      FCacheNotes.push_back(FDeferred[at].Rule->File +
-                            ": the rule compiles otherwise than the rule cache says; not used");
-  list.Literals = std::make_unique<TLiteralIndex>(list.Bindings);
-  list.AlwaysAt.clear();
-  for (uint32_t i = 0; i < list.Bindings.size(); ++i)
-    if (list.Literals->Always(i)) list.AlwaysAt.push_back(i);
-  list.Ready.store(true, std::memory_order_release);
+  // (its condition is an empty OR), and the run says so (once, in list order).
+  for (const uint32_t at : pending) {
+    TDeferredRule& deferred = FDeferred[at];
+    if (deferred.State.Value.load(std::memory_order_acquire) != kCompiled &&
+        !deferred.State.Noted.exchange(true, std::memory_order_relaxed)) {
+      const std::lock_guard<std::mutex> lock(FNotesMutex);
+      FCacheNotes.push_back(deferred.Rule->File + ": the rule compiles otherwise than the rule cache says; not used");
+    }
+  }
+  AList.Literals = std::make_unique<TLiteralIndex>(AList.Bindings, &FAutomata);
+  AList.AlwaysAt.clear();
+  for (uint32_t i = 0; i < AList.Bindings.size(); ++i)
+    if (AList.Literals->Always(i)) AList.AlwaysAt.push_back(i);
+  AList.Ready.store(true, std::memory_order_release);
 }
 
 void TRuleSet::Prepare() const {
-  const std::lock_guard<std::mutex> lock(FPrepareMutex);
   for (const auto& [channel, index] : FByChannel) {
-    for (const auto& [id, list] : index.ById) PrepareList(list);
-    if (!index.AnyId.Bindings.empty()) PrepareList(index.AnyId);
+    for (const auto& [id, list] : index.ById) MakeReady(list);
+    if (!index.AnyId.Bindings.empty()) MakeReady(index.AnyId);
   }
-  for (const auto& [id, list] : FAnyChannel.ById) PrepareList(list);
-  if (!FAnyChannel.AnyId.Bindings.empty()) PrepareList(FAnyChannel.AnyId);
+  for (const auto& [id, list] : FAnyChannel.ById) MakeReady(list);
+  if (!FAnyChannel.AnyId.Bindings.empty()) MakeReady(FAnyChannel.AnyId);
+}
+
+bool TRuleSet::PrepareAhead(std::span<const TEventKind> AKinds) const {
+  std::vector<const TBindingList*> lists, others;
+  std::string key;
+  for (const TEventKind& kind : AKinds)
+    for (const TBindingList* list : FindLists(FindChannel(kind.Channel, key), kind.EventId).Lists) {
+      if (!list || list->Ready.load(std::memory_order_acquire)) continue;
+      std::vector<const TBindingList*>& to = list->Claimed.load(std::memory_order_relaxed) ? others : lists;
+      if (std::find(to.begin(), to.end(), list) == to.end()) to.push_back(list);
+    }
+  // The longest first: another thread doing the same takes the next longest meanwhile.
+  std::stable_sort(lists.begin(), lists.end(),
+                   [](const TBindingList* A, const TBindingList* B) { return A->Bindings.size() > B->Bindings.size(); });
+  for (const TBindingList* list : lists) TryPrepareList(*list);
+  // Their automata too: every one of a list is built when an event first needs the list,
+  // and the events are there. (Those another thread is building are left to it.)
+  bool ready = true;
+  for (const TBindingList* list : lists)
+    if (list->Ready.load(std::memory_order_acquire))
+      list->Literals->BuildUnstarted();
+    else
+      ready = false;
+  for (const TBindingList* list : others) ready = ready && list->Ready.load(std::memory_order_acquire);
+  return ready;
+}
+
+bool TRuleSet::ListsReady(std::string_view AChannel, uint32_t AEventId) const {
+  std::string key;
+  for (const TBindingList* list : FindLists(FindChannel(AChannel, key), AEventId).Lists)
+    if (list && !list->Ready.load(std::memory_order_acquire)) return false;
+  return true;
 }
 
 const TRuleSet::TChannelIndex* TRuleSet::FindChannel(std::string_view AChannel, std::string& AKey) const {
@@ -492,7 +602,7 @@ TRuleSet::TCandidates TRuleSet::Candidates(std::string_view AChannel, uint32_t A
   return ListsOf(AMemo.Index, AEventId);
 }
 
-TRuleSet::TCandidates TRuleSet::ListsOf(const TChannelIndex* AChannel, uint32_t AEventId) const {
+TRuleSet::TCandidates TRuleSet::FindLists(const TChannelIndex* AChannel, uint32_t AEventId) const {
   TCandidates out;
   if (AChannel) {
     if (const auto id = AChannel->ById.find(AEventId); id != AChannel->ById.end()) out.Lists[0] = &id->second;
@@ -500,12 +610,14 @@ TRuleSet::TCandidates TRuleSet::ListsOf(const TChannelIndex* AChannel, uint32_t 
   }
   if (const auto id = FAnyChannel.ById.find(AEventId); id != FAnyChannel.ById.end()) out.Lists[2] = &id->second;
   if (!FAnyChannel.AnyId.Bindings.empty()) out.Lists[3] = &FAnyChannel.AnyId;
+  return out;
+}
+
+TRuleSet::TCandidates TRuleSet::ListsOf(const TChannelIndex* AChannel, uint32_t AEventId) const {
+  const TCandidates out = FindLists(AChannel, AEventId);
   for (const TBindingList* list : out.Lists)
-    if (list && !list->Ready.load(std::memory_order_acquire)) [[unlikely]] {
-      HelpCompile(); // (when another thread is preparing a list)
-      const std::lock_guard<std::mutex> lock(FPrepareMutex);
-      PrepareList(*list);
-    }
+    if (list && !list->Ready.load(std::memory_order_acquire)) [[unlikely]]
+      MakeReady(*list);
   return out;
 }
 
@@ -529,6 +641,27 @@ std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AE
 
 std::span<const TDetection> THunter::Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues) {
   return TestEvent(AChannel, AEventId, AValues);
+}
+
+bool THunter::PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds) {
+  FKindsAhead.clear();
+  for (const TRuleSet::TEventKind& kind : AKinds) {
+    FKindKey.assign(kind.Channel);
+    for (char& c : FKindKey) c = FoldChar(c);
+    if (std::none_of(FKindsReady.begin(), FKindsReady.end(),
+                     [&](const auto& A) { return A.second == kind.EventId && A.first == FKindKey; }))
+      FKindsAhead.push_back(kind);
+  }
+  if (FKindsAhead.empty()) return false;
+  FRules.PrepareAhead(FKindsAhead);
+  constexpr size_t kMaxKinds = 256; // (a log of more kinds goes on without the memo)
+  for (const TRuleSet::TEventKind& kind : FKindsAhead)
+    if (FKindsReady.size() < kMaxKinds && FRules.ListsReady(kind.Channel, kind.EventId)) {
+      FKindKey.assign(kind.Channel);
+      for (char& c : FKindKey) c = FoldChar(c);
+      FKindsReady.emplace_back(FKindKey, kind.EventId);
+    }
+  return true;
 }
 
 template <typename TSourceText>

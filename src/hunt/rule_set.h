@@ -11,6 +11,13 @@
 // were found are evaluated. Rules that cannot be used are kept with the reason, once
 // each; loading goes on.
 //
+// Hunters on several threads share the lists: a list is made by the thread that claims
+// it first, several lists at once, and a thread that needs a list another is making helps
+// compile the rules of the lists being made meanwhile. A hunter told the kinds of events
+// it is about to test (PrepareAhead) makes the lists no thread has started on first, so
+// two threads make two lists from the start. Indexes of the same literals (a log source
+// bound in two logs under other field names) share their automata.
+//
 // With a rule cache, a rule found there is not compiled at load: the cache knows
 // whether it compiles and its log source, level and fields (rule_cache.h), which is all
 // loading and binding need, and its detection is compiled when a list it is in is first
@@ -28,6 +35,7 @@
 #include "platform/file_stamp.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstddef>
 #include <exception>
 #include <memory>
@@ -62,6 +70,7 @@ struct TBindingList {
   static constexpr size_t kLongList = 64;
   std::vector<uint32_t> AlwaysAt;
   std::atomic<bool> Ready{false}; // Literals and AlwaysAt made for these bindings
+  std::atomic<bool> Claimed{false}; // a thread is making them (or has made them)
 };
 
 class TRuleSet {
@@ -100,8 +109,9 @@ public:
     const TBindingList* Lists[4] = {};
   };
   // Each list returned is ready: its rules compiled and its literal index made, by the
-  // first call that needs it (by one thread: hunters that need a list meanwhile compile
-  // some of its rules, then wait).
+  // first call that needs it (by one thread per list, several lists at once: hunters that
+  // need a list another is making meanwhile compile rules of the lists being made, then
+  // wait; a rule in several lists is compiled once).
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, std::string& AKey) const;
 
 private:
@@ -117,6 +127,20 @@ public:
     uint64_t Generation = 0;              // the rule set's when found (0: nothing found yet)
   };
   TCandidates Candidates(std::string_view AChannel, uint32_t AEventId, TChannelMemo& AMemo) const;
+  // A kind of event some events about to be tested are of: channel (any case) and ID.
+  struct TEventKind {
+    std::string_view Channel;
+    uint32_t EventId = 0;
+  };
+  // Makes ready the lists these kinds of events are tested against that no thread has
+  // started on, the longest first, then builds their automata that no thread has started
+  // on (the first event of a list needs them all), and returns without waiting for the
+  // others: hunters on several threads that call it with the events of their next batch
+  // each make other lists at once. Only a head start; Candidates makes ready whatever is
+  // left. True when every list of the kinds is ready on return.
+  bool PrepareAhead(std::span<const TEventKind> AKinds) const;
+  // The lists of events of AChannel (any case) and AEventId are all ready.
+  bool ListsReady(std::string_view AChannel, uint32_t AEventId) const;
   // Makes every list ready now. Rules loaded afterwards make their lists again. Hunters
   // on several threads may share the rule set (loading more rules while they run is not
   // allowed).
@@ -157,8 +181,16 @@ private:
     const TRuleCache* Cache = nullptr; // holds its file's parsed form
     TCachedRuleFile Found;
     uint32_t Document = 0;
-    uint8_t State = 0; // 0 not compiled yet, 1 compiled, 2 could not be compiled
+    // 0 not compiled yet, 1 compiled, 2 could not be compiled, 3 being compiled (by the
+    // thread that set it); Noted: 2 has been said in the cache notes.
+    struct TState {
+      std::atomic<uint8_t> Value{0};
+      std::atomic<bool> Noted{false};
+      TState() = default;
+      TState(const TState& AOther) : Value(AOther.Value.load()), Noted(AOther.Noted.load()) {} // (while loading)
+    } State;
   };
+  static constexpr uint8_t kNotCompiled = 0, kCompiled = 1, kFailed = 2, kCompiling = 3;
   static TParsedRuleFile ParseFile(const std::string& AText, const std::string& AFile);
   static void CompileDocuments(const TParsedRuleFile& AYaml, const std::string& AFile, TParsedFile& AParsed);
   static void Read(const std::string& AText, const std::string& AFile, TParsedFile& AParsed);
@@ -176,22 +208,33 @@ private:
   void Compile(TParsedFile& AParsed, const std::string& AFile, const TRuleCache* ACache);
   void Bind(const TSigmaRule& ARule, const std::vector<TLogSourceVariant>& AVariants, uint32_t ADeferred);
   const TChannelIndex* FindChannel(std::string_view AChannel, std::string& AKey) const;
+  TCandidates FindLists(const TChannelIndex* AChannel, uint32_t AEventId) const;
   TCandidates ListsOf(const TChannelIndex* AChannel, uint32_t AEventId) const; // made ready
-  void PrepareList(const TBindingList& AList) const; // under FPrepareMutex
-  // Compiles deferred rule AIndex unless done already; false when it cannot be compiled
-  // (the caller notes it). Under FPrepareMutex, or as an item of the published job.
-  bool CompileDeferred(uint32_t AIndex) const;
+  // Makes AList ready unless another thread has claimed it; false when one has.
+  bool TryPrepareList(const TBindingList& AList) const;
+  // Makes AList ready, or waits (helping) for the thread making it.
+  void MakeReady(const TBindingList& AList) const;
+  void PrepareList(TBindingList& AList) const; // by the thread that claimed it
+  // Compiles deferred rule AIndex unless another thread has claimed it (the rule's state
+  // tells how it went; the caller notes a failure).
+  void CompileDeferred(uint32_t AIndex) const;
   // The deferred rules a list being prepared compiles, shared out: the thread preparing
-  // the list (under FPrepareMutex) publishes them, and threads that need a list meanwhile
-  // compile some of them instead of waiting.
+  // the list publishes them, and threads that wait for a list meanwhile compile some of
+  // them instead of waiting.
   struct TCompileJob {
     std::vector<uint32_t> Items; // deferred rules' numbers
-    std::atomic<size_t> Next{0}, Finished{0};
+    std::atomic<size_t> Next{0};
     std::mutex ErrorMutex;
     std::exception_ptr Error; // what compiling an item raised (the first)
   };
   static void RunJob(const TRuleSet& ASet, TCompileJob& AJob);
-  void HelpCompile() const;
+  // Compiles items of the published jobs; false when there were none to take.
+  bool HelpCompile() const;
+  // Wakes the threads waiting for a list or a rule (something they wait for has changed).
+  void Signal() const;
+  // Waits until APredicate holds, helping with the published jobs meanwhile.
+  template <typename TPredicate>
+  void WaitHelping(const TPredicate& APredicate) const;
 
   const TLogMapping* FMapping = nullptr; // null: the Windows mapping, not read yet
   TRuleFilter FFilter;
@@ -203,10 +246,14 @@ private:
   std::unordered_map<std::string, TChannelIndex> FByChannel; // folded channel
   uint64_t FGeneration = 1; // changes with every binding (a channel memo is then looked up again)
   TChannelIndex FAnyChannel;
-  mutable std::mutex FPrepareMutex;
   mutable std::vector<TDeferredRule> FDeferred;
   mutable std::mutex FJobMutex;
-  mutable std::shared_ptr<TCompileJob> FJob; // (under FJobMutex) null: none published
+  mutable std::vector<std::shared_ptr<TCompileJob>> FJobs; // (under FJobMutex) those published
+  mutable std::mutex FWaitMutex;
+  mutable std::condition_variable FWaitChanged;
+  mutable uint64_t FWaitEpoch = 0;  // (under FWaitMutex) counts the changes signalled
+  mutable std::mutex FNotesMutex; // for FCacheNotes while hunting
+  mutable TLiteralIndex::TAutomatonPool FAutomata; // shared by the lists' literal indexes
   std::vector<std::unique_ptr<TRuleCache>> FCaches; // kept for the deferred rules' parsed form
   std::string FCacheFolder;
   size_t FCacheHits = 0, FCacheMisses = 0;
@@ -230,6 +277,11 @@ public:
   std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, std::string_view AXml);
   // The same, for an event given as its (name, value) pairs (engine/named_fields.h).
   std::span<const TDetection> Test(std::string_view AChannel, uint32_t AEventId, const TNamedValues& AValues);
+  // Before a batch of events: makes ready the lists they need that no other thread has
+  // started on (TRuleSet::PrepareAhead), so hunters on several threads make different lists.
+  // Kinds whose lists it has found ready are passed over from then on; false when every
+  // kind was such a kind.
+  bool PrepareAhead(std::span<const TRuleSet::TEventKind> AKinds);
 
   uint64_t EventsRead() const { return FEvents; }
   uint64_t EventsTested() const { return FTested; }
@@ -253,6 +305,9 @@ private:
   TRuleSet::TChannelMemo FChannel;
   std::vector<uint32_t> FSelectedList; // the selected bindings of the list being tested
   std::vector<uint32_t> FPlaces;
+  std::vector<std::pair<std::string, uint32_t>> FKindsReady; // (PrepareAhead) folded channel, ID
+  std::vector<TRuleSet::TEventKind> FKindsAhead;
+  std::string FKindKey;
   uint32_t FStamp = 0; // one per list tested
   uint64_t FEvents = 0;
   uint64_t FTested = 0;

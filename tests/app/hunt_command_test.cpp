@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -154,6 +155,35 @@ TEST_F(HuntByChunk, SigmaRulesSameAsByEvent) {
     if (fs::file_size(sample) < 4 * 1024 * 1024 && FOptions.Inputs.size() < 40)
       FOptions.Inputs.push_back(sample.string());
   ExpectSameByChunk(FOptions, "Sigma rules");
+}
+
+// Events read one by one and tested by hunter threads (the reader making lists ready
+// while it waits for them) give what testing them as they are read gives, with the
+// Windows rule set and its cache (its lists made by two threads at once).
+TEST_F(HuntByChunk, HunterThreadsByEventSameAsAlone) {
+  if (test::SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
+  FOptions.Rules = {(test::SigmaDir() / "rules" / "windows").string()};
+  FOptions.Inputs = {(FDir / "many.evtx").string(), (FDir / "damaged.evtx").string()};
+  FOptions.RuleCache = true;
+  const std::string cacheHome = (FDir / "cache-home").string();
+  const char* before = std::getenv("XDG_CACHE_HOME");
+  const std::string saved = before ? before : "";
+  ::setenv("XDG_CACHE_HOME", cacheHome.c_str(), 1);
+  const THuntOutput alone = Hunt(FOptions, false, 0); // (writes the cache)
+  EXPECT_NE(alone.Err.find("detection"), std::string::npos) << alone.Err;
+  EXPECT_FALSE(fs::is_empty(fs::path(cacheHome) / "quorvex")); // (the runs below take the rules from it)
+  for (int round = 0; round < 2; ++round)
+    for (unsigned threads : {1u, 3u})
+      for (bool byChunk : {false, true}) {
+        const THuntOutput run = Hunt(FOptions, byChunk, threads);
+        EXPECT_EQ(run.Status, alone.Status) << threads << " threads";
+        EXPECT_TRUE(run.Out == alone.Out) << threads << " threads, by chunk " << byChunk;
+        EXPECT_EQ(run.Err, alone.Err) << threads << " threads, by chunk " << byChunk;
+      }
+  if (before)
+    ::setenv("XDG_CACHE_HOME", saved.c_str(), 1);
+  else
+    ::unsetenv("XDG_CACHE_HOME");
 }
 
 // The rules load while the inputs are opened and read: a load that fails is all the run

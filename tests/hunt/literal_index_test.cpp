@@ -315,6 +315,47 @@ TEST(HuntLiteralIndex, FieldTestsDecidedByHitsAnswerAsSearchingWould) {
   EXPECT_GT(CompareOver(rules, path), size_t{20});
 }
 
+// The process creation rules are bound to Sysmon 1 and to Security 4688 (Image read as
+// NewProcessName): the two lists' indexes have the same automata, built once, and each
+// answers as searching would.
+TEST(HuntLiteralIndex, ListsOfTheSameLiteralsShareTheirAutomata) {
+  TRuleSet rules;
+  constexpr int kRules = 24; // (enough literals per field for the automata to be shared)
+  for (int i = 0; i < kRules; ++i)
+    rules.LoadText(RuleText("  sel:\n    Image|endswith: '\\t" + std::to_string(i) + ".exe'\n    CommandLine|contains: 'arg" +
+                            std::to_string(i) + "'\n  condition: sel\n"),
+                   std::to_string(i) + ".yml");
+  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
+  std::string key;
+  const hunt::TBindingList* sysmon = rules.Candidates("Microsoft-Windows-Sysmon/Operational", 1, key).Lists[0];
+  const hunt::TBindingList* security = rules.Candidates("Security", 4688, key).Lists[0];
+  ASSERT_NE(sysmon, nullptr);
+  ASSERT_NE(security, nullptr);
+  ASSERT_EQ(sysmon->Literals->AutomatonCount(), 2u);
+  ASSERT_EQ(security->Literals->AutomatonCount(), 2u);
+  std::vector<const void*> a, b;
+  for (uint32_t i = 0; i < 2; ++i) {
+    a.push_back(sysmon->Literals->AutomatonIdentity(i));
+    b.push_back(security->Literals->AutomatonIdentity(i));
+  }
+  std::sort(a.begin(), a.end());
+  std::sort(b.begin(), b.end());
+  EXPECT_EQ(a, b);
+
+  TEvtxFileWriter writer;
+  for (int i = 0; i < kRules + 2; ++i) {
+    const std::string image = "C:\\x\\t" + std::to_string(i % (kRules + 1)) + ".exe";
+    const std::string line = "run arg" + std::to_string((i * 7) % (kRules + 2));
+    writer.AddEvent(ProcessEvent(image, line));
+    writer.AddEvent(HuntEvent("Security", 4688, {{"NewProcessName", image}, {"CommandLine", line}},
+                              "Microsoft-Windows-Security-Auditing"));
+    writer.AddEvent(HuntEvent("Security", 4688, {{"NewProcessName", image}, {"CommandLine", "arg" + std::to_string(i)}},
+                              "Microsoft-Windows-Security-Auditing"));
+  }
+  const std::string path = WriteTempFile("literal_shared.evtx", writer.Bytes());
+  EXPECT_GT(CompareOver(rules, path), size_t{kRules});
+}
+
 TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {
   if (SigmaDir().empty()) GTEST_SKIP() << "no Sigma rules beside the repository";
   TRuleSet rules;

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -189,6 +190,114 @@ TEST(RuleCache, HuntersThatNeedAListTogetherCompileItsRulesOnce) {
     EXPECT_EQ(cached.DeferredCompiled(), size_t{kRules});
     EXPECT_TRUE(cached.CacheNotes().empty());
   }
+}
+
+// A rule of its own ID (RuleText's with the last digits replaced).
+std::string RuleWithId(int AId, const std::string& ADetection, const std::string& ALogSource) {
+  std::string text = ALogSource.empty() ? RuleText(ADetection) : RuleText(ADetection, ALogSource);
+  const std::string digits = std::to_string(100000 + AId);
+  text.replace(text.find("000000000001"), 12, std::string(12 - digits.size(), '0') + digits);
+  return text;
+}
+
+// Hunters on several threads that make overlapping lists at once (the process creation
+// rules are bound both to Sysmon 1 and to Security 4688, with other field names), each
+// starting ahead on the kinds of events in an order of its own: every rule is compiled,
+// and each thread finds what one hunter over rules compiled at load finds.
+TEST(RuleCache, HuntersMakingOverlappingListsAtOnceFindWhatOneFinds) {
+  const fs::path scratch = ScratchDir();
+  const fs::path dir = scratch / "rules";
+  fs::create_directories(dir);
+  constexpr int kProcessRules = 120, kLogonRules = 40;
+  for (int i = 0; i < kProcessRules; ++i)
+    WriteText(dir / ("p" + std::to_string(1000 + i) + ".yml"),
+              RuleWithId(i,
+                         "  sel:\n    Image|endswith: '\\t" + std::to_string(i % 7) +
+                             ".exe'\n    CommandLine|contains: '" + std::to_string(i % 3) + "'\n  condition: sel\n",
+                         ""));
+  const std::string logon = "    product: windows\n    service: security\n";
+  for (int i = 0; i < kLogonRules; ++i)
+    WriteText(dir / ("l" + std::to_string(1000 + i) + ".yml"),
+              RuleWithId(kProcessRules + i,
+                         "  sel:\n    EventID: 4624\n    TargetUserName|startswith: 'u" + std::to_string(i % 5) +
+                             "'\n  condition: sel\n",
+                         logon));
+  TEvtxFileWriter writer;
+  for (int i = 0; i < 42; ++i) {
+    const std::string image = "C:\\x\\t" + std::to_string(i % 7) + ".exe";
+    const std::string command = "run " + std::to_string(i);
+    if (i % 3 == 0) writer.AddEvent(ProcessEvent(image, command));
+    if (i % 3 == 1)
+      writer.AddEvent(HuntEvent("Security", 4688, {{"NewProcessName", image}, {"CommandLine", command}},
+                                "Microsoft-Windows-Security-Auditing"));
+    if (i % 3 == 2)
+      writer.AddEvent(HuntEvent("Security", 4624, {{"TargetUserName", "u" + std::to_string(i % 5) + "x"}},
+                                "Microsoft-Windows-Security-Auditing"));
+  }
+  const std::string log = WriteTempFile("cache_overlap.evtx", writer.Bytes());
+  const std::string cache = (scratch / "cache").string();
+  const TLoaded plain = Load(dir, "", log);
+  ASSERT_GT(plain.Detections.size(), 20u);
+  Load(dir, cache, log); // writes the cache
+
+  const std::vector<TRuleSet::TEventKind> kinds = {
+      {kSysmonChannel, 1}, {"SECURITY", 4688}, {"Security", 4624}, {"Security", 4625}, {"System", 7045}};
+  for (int round = 0; round < 4; ++round) {
+    TRuleSet cached;
+    cached.SetCacheFolder(cache);
+    cached.LoadPath(dir.string());
+    ASSERT_EQ(cached.CacheHits(), size_t{kProcessRules + kLogonRules});
+    ASSERT_EQ(cached.DeferredCompiled(), 0u);
+    constexpr int kThreads = 4;
+    std::vector<std::vector<std::string>> found(kThreads);
+    std::atomic<int> waiting{kThreads};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+      threads.emplace_back([&, t] {
+        std::vector<TRuleSet::TEventKind> mine = kinds;
+        std::rotate(mine.begin(), mine.begin() + (t + round) % mine.size(), mine.end());
+        hunt::THunter hunter(cached);
+        for (--waiting; waiting.load() > 0;) std::this_thread::yield(); // all start together
+        if (t % 2 == 0) hunter.PrepareAhead(mine); // (the others need the lists first as events come)
+        found[t] = HuntFile(cached, log);
+      });
+    for (std::thread& thread : threads) thread.join();
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(found[t], plain.Detections) << "round " << round << " thread " << t;
+    EXPECT_EQ(cached.DeferredCompiled(), size_t{kProcessRules + kLogonRules});
+    EXPECT_TRUE(cached.CacheNotes().empty());
+    for (const TRuleSet::TEventKind& kind : kinds) EXPECT_TRUE(cached.ListsReady(kind.Channel, kind.EventId));
+  }
+}
+
+// Making ready ahead compiles the rules of the lists of the kinds given, and no others.
+TEST(RuleCache, PrepareAheadMakesOnlyTheListsOfItsKinds) {
+  const fs::path scratch = ScratchDir();
+  const fs::path dir = scratch / "rules";
+  fs::create_directories(dir);
+  WriteText(dir / "p.yml", RuleWithId(1, "  sel:\n    Image|endswith: '\\evil.exe'\n  condition: sel\n", ""));
+  WriteText(dir / "s.yml", RuleWithId(2, "  sel:\n    EventID: 7045\n    ServiceName: x\n  condition: sel\n",
+                                      "    product: windows\n    service: system\n"));
+  const std::string cache = (scratch / "cache").string();
+  {
+    TRuleSet writing;
+    writing.SetCacheFolder(cache);
+    writing.LoadPath(dir.string());
+  }
+  TRuleSet cached;
+  cached.SetCacheFolder(cache);
+  cached.LoadPath(dir.string());
+  ASSERT_EQ(cached.CacheHits(), 2u);
+  EXPECT_FALSE(cached.ListsReady("Security", 4688));
+  EXPECT_TRUE(cached.ListsReady("Application", 1)); // no rule reads it
+  const std::vector<TRuleSet::TEventKind> kinds = {{"Security", 4688}, {"Application", 1}};
+  cached.PrepareAhead(kinds);
+  EXPECT_TRUE(cached.ListsReady("security", 4688));
+  EXPECT_EQ(cached.DeferredCompiled(), 1u); // the process creation rule: its Sysmon list is not made
+  EXPECT_FALSE(cached.ListsReady(kSysmonChannel, 1));
+  EXPECT_FALSE(cached.ListsReady("System", 7045));
+  cached.Prepare();
+  EXPECT_EQ(cached.DeferredCompiled(), 2u);
+  EXPECT_TRUE(cached.ListsReady(kSysmonChannel, 1));
 }
 
 // Verdicts (what compiling each document gave) round-trip, and cut bytes are refused.
