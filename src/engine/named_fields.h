@@ -61,7 +61,18 @@ public:
     FText.clear();
     FItems.clear();
     FViewBytes = 0;
+    FShape = {};
   }
+  // What the items' kinds, names and order follow from, when the maker of the pairs knows
+  // it (Form 0: not known): two events of the same shape have the same items in the same
+  // order, but for their values, and a reader may keep what it made of their names.
+  struct TShape {
+    uint64_t Form = 0;    // unique in the process
+    uint64_t Variant = 0; // which of the form's optional items are left out
+    bool operator==(const TShape&) const = default;
+  };
+  const TShape& Shape() const { return FShape; }
+  void SetShape(const TShape& AShape) { FShape = AShape; }
   // Starts an item; its value is appended to Text() until the next Begin. With a name
   // number (InternNamedField of AKind, AName and AAttr) the name is not copied.
   void Begin(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr, uint32_t ANameId = kNoNameId) {
@@ -119,12 +130,14 @@ public:
     FText.swap(AOther.FText);
     FItems.swap(AOther.FItems);
     std::swap(FViewBytes, AOther.FViewBytes);
+    std::swap(FShape, AOther.FShape);
   }
 
 private:
   std::string FText;
   std::vector<TItem> FItems;
   size_t FViewBytes = 0; // the sizes of the viewed values
+  TShape FShape;
 };
 
 namespace detail {

@@ -12,6 +12,7 @@
 #include "platform/utf16.h"
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -84,6 +85,7 @@ struct TNamedSource {
 };
 
 struct TPlan {
+  uint64_t Serial = 0; // unique in the process (the shape of the pairs MakeNamedValues makes)
   bool Ok = false;
   bool NamedOk = false; // Named says what ForEachNamedField would read from the XML
   std::vector<TNamedSource> Named;
@@ -980,6 +982,10 @@ struct TJoinSink {
 void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, bool AViewSystem,
                      TNamedValues& AOut) {
   AOut.Clear();
+  // The shape: the plan, and which of its optional attributes are left out (up to 64 of
+  // them; arrays repeated as elements give no shape).
+  TNamedValues::TShape shape{APlan.Serial, 0};
+  uint32_t optional = 0;
   const char* const text = APlan.NamedText.data();
   for (const TNamedSource& source : APlan.Named) {
     const std::string_view name(text + source.NameAt, source.NameSize);
@@ -1000,6 +1006,7 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
+        shape.Form = 0;
         ForEachArrayItem(AValues, v, [&](std::string_view AItem) {
           AOut.Begin(source.Kind, name, attr, source.NameId);
           AppendXmlUnescaped(AOut.Text(), AItem);
@@ -1014,8 +1021,14 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       AOut.Begin(source.Kind, name, attr, source.NameId);
       const size_t at = AOut.Text().size();
       AppendValue(AValues, AValues.Value(pieces[0].Ref), AOut.Text());
-      if (AOut.Text().size() == at) AOut.Drop();
-      else AOut.End();
+      if (AOut.Text().size() == at) {
+        AOut.Drop();
+        if (optional < 64) shape.Variant |= uint64_t{1} << optional;
+        else shape.Form = 0;
+      } else {
+        AOut.End();
+      }
+      ++optional;
       continue;
     }
     AOut.Begin(source.Kind, name, attr, source.NameId);
@@ -1026,6 +1039,7 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
     }
     AOut.End();
   }
+  AOut.SetShape(shape);
 }
 
 // The template instance a root renders: its last child, after fragment headers only.
@@ -1148,6 +1162,8 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     if (!found) {
       // Made outside the lock; a plan another thread made meanwhile for the shape is the same.
       auto compiled = std::make_shared<TPlan>();
+      static std::atomic<uint64_t> serials{0};
+      compiled->Serial = serials.fetch_add(1, std::memory_order_relaxed) + 1;
       CompilePlan(R.Fragments, *compiled, R.Named);
       const size_t bytes = R.Key.size() + 256 + 64 * compiled->Values.size() +
                            sizeof(TNamedSource) * compiled->Named.size() +

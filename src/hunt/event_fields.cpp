@@ -109,17 +109,25 @@ void TEventFields::AddText(std::string_view AName, std::string_view AText) {
   Link(value.FieldId, static_cast<int>(FValues.size() - 1));
 }
 
-void TEventFields::Begin(size_t ASize) {
-  FValues.clear();
+void TEventFields::Clear(size_t ASize) {
   FDecoded.clear();
   FFolded.clear();
   FGrams.clear();
   if (FDecoded.capacity() < ASize) FDecoded.reserve(ASize);
   if (FFolded.capacity() < ASize) FFolded.reserve(ASize);
+  if (++FEvent == 0) {
+    FAddresses.clear();
+    FEvent = 1;
+  }
+}
+
+void TEventFields::Begin(size_t ASize) {
+  Clear(ASize);
+  FValues.clear();
+  FShape = {};
   if (FChains.size() < FNames.Count()) FChains.resize(FNames.Count());
   if (++FGeneration == 0) {
     for (TChain& chain : FChains) chain.Stamp = 0;
-    FAddresses.clear();
     FGeneration = 1;
   }
 }
@@ -140,18 +148,36 @@ inline void TEventFields::AddKnown(std::string_view AName, std::string_view ATex
   Link(AFieldId, at);
 }
 
+void TEventFields::Reload(const TNamedValues& AValues) {
+  Clear(AValues.Bytes());
+  TValue* value = FValues.data();
+  for (size_t i = 0, count = FValues.size(); i < count; ++i, ++value) {
+    value->Text = AValues.Value(AValues.Item(i));
+    value->LowerAt = value->GramsAt = -1;
+  }
+}
+
 void TEventFields::Load(const TNamedValues& AValues) {
-  Begin(AValues.Bytes()); // (the fold buffer must hold every value: views point into it)
   if (FKnownNames != FNames.Count()) {
     FKnown.clear();
     FKnownNames = FNames.Count();
+    FShape = {};
   }
+  // Events of one kind follow each other: their names, fields and chains are those of
+  // the last event.
+  if (AValues.Shape().Form != 0 && AValues.Shape() == FShape && AValues.Count() == FValues.size()) {
+    Reload(AValues);
+    return;
+  }
+  Begin(AValues.Bytes()); // (the fold buffer must hold every value: views point into it)
+  bool numbered = true;
   if (FValues.capacity() < AValues.Count()) FValues.reserve(AValues.Count());
   for (size_t i = 0; i < AValues.Count(); ++i) {
     const TNamedValues::TItem& item = AValues.Item(i);
     if (item.NameId == TNamedValues::kNoNameId) {
       const std::string_view name = AValues.Name(item);
       AddText(item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name, AValues.Value(item));
+      numbered = false; // (its name lies in the pairs: not kept for the next event)
       continue;
     }
     // A name met before by its number: nothing looked up.
@@ -166,6 +192,7 @@ void TEventFields::Load(const TNamedValues& AValues) {
     }
     AddKnown(known.Name, AValues.Value(item), known.FieldId);
   }
+  if (numbered) FShape = AValues.Shape();
 }
 
 
@@ -217,8 +244,8 @@ bool TEventFields::Address(int AIndex, std::array<uint8_t, 16>& AAddress) const 
   const size_t at = static_cast<size_t>(AIndex);
   if (at >= FAddresses.size()) FAddresses.resize(FValues.size());
   TAddressMemo& memo = FAddresses[at];
-  if (memo.Generation != FGeneration) {
-    memo.Generation = FGeneration;
+  if (memo.Event != FEvent) {
+    memo.Event = FEvent;
     memo.Valid = ParseIpAddress(FValues[at].Text, memo.Bytes);
   }
   AAddress = memo.Bytes;

@@ -115,6 +115,9 @@ public:
 
 private:
   void Begin(size_t ASize);
+  void Clear(size_t ASize); // the buffers of the last event, for one of ASize bytes
+  // Loads pairs of the shape loaded last: only their values change.
+  void Reload(const TNamedValues& AValues);
   void Add(std::string_view AName, std::string_view ARaw); // raw: entities decoded here
   void AddText(std::string_view AName, std::string_view AText);
   void AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId);
@@ -130,12 +133,16 @@ private:
     int Last = kNoValue;         // its last value
   };
   std::vector<TChain> FChains;
-  uint32_t FGeneration = 0;
+  uint32_t FGeneration = 0;      // the chains' (the same while events of one shape follow)
+  uint32_t FEvent = 0;           // the event's (address memos)
+  // The shape of the pairs loaded last, when their names all had numbers (Form 0: none):
+  // FValues then holds their names, fields and chains.
+  TNamedValues::TShape FShape;
   std::string FDecoded;          // values with entities, decoded (room kept)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   struct TAddressMemo {
-    uint32_t Generation = 0; // the event it was parsed for
+    uint32_t Event = 0; // the event it was parsed for (FEvent)
     bool Valid = false;
     std::array<uint8_t, 16> Bytes{};
   };

@@ -595,7 +595,8 @@ void THunter::TestList(const TBindingList& AList) {
       continue;
     // Matched: once more, noting the values that satisfied the searches.
     FRecord.clear();
-    MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);
+    MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord, literals.TestLiterals(place),
+              FHits.Bits.data());
     if (FCount == FDetections.size()) FDetections.emplace_back();
     TDetection& detection = FDetections[FCount++];
     detection.Rule = binding->Rule;
