@@ -112,6 +112,9 @@ void TEventFields::AddText(std::string_view AName, std::string_view AText) {
 }
 
 void TEventFields::Clear(size_t ASize) {
+  FPairs = nullptr;
+  FMade.clear();
+  FMadeOver.clear();
   FDecoded.clear();
   FFolded.clear();
   FGrams.clear();
@@ -164,14 +167,38 @@ inline void TEventFields::AddKnown(std::string_view AName, std::string_view ATex
 }
 
 void TEventFields::Reload(const TNamedValues& AValues, uint32_t ALayout) {
-  Clear(AValues.Bytes());
+  Clear(AValues.Bytes() + AValues.DeferredBytes());
+  Pairs(AValues);
   FCurrent = ALayout;
   TValue* value = FLayouts[ALayout].Values.data();
   for (size_t i = 0, count = AValues.Count(); i < count; ++i, ++value) {
-    value->Text = AValues.Value(AValues.Item(i));
+    const TNamedValues::TItem& item = AValues.Item(i);
+    value->Text = AValues.Value(item);
     value->LowerAt = value->GramsAt = -1;
+    value->Deferred = item.Deferred ? static_cast<int>(i) : -1;
+    value->Type = item.Type;
   }
   Settle();
+}
+
+void TEventFields::Pairs(const TNamedValues& AValues) {
+  FPairs = &AValues;
+  if (FMade.capacity() < AValues.DeferredBytes()) FMade.reserve(AValues.DeferredBytes());
+}
+
+void TEventFields::Make(const TValue& AValue) const {
+  const TNamedValues::TItem& item = FPairs->Item(static_cast<size_t>(AValue.Deferred));
+  AValue.Deferred = -1;
+  if (FMade.capacity() - FMade.size() >= item.ValueSize) {
+    // Within the room reserved for every deferred value: earlier views stay good.
+    const size_t at = FMade.size();
+    FPairs->Make(item, FMade);
+    AValue.Text = std::string_view(FMade.data() + at, FMade.size() - at);
+    return;
+  }
+  std::string& made = FMadeOver.emplace_back();
+  FPairs->Make(item, made);
+  AValue.Text = made;
 }
 
 void TEventFields::Load(const TNamedValues& AValues) {
@@ -192,7 +219,10 @@ void TEventFields::Load(const TNamedValues& AValues) {
     into = FNextShape;
     FNextShape = (FNextShape + 1) % kShapes;
   }
-  Begin(AValues.Bytes(), into); // (the fold buffer must hold every value: views point into it)
+  // (The fold buffer must hold every value, and the buffer of made values every deferred
+  // one: views point into them.)
+  Begin(AValues.Bytes() + AValues.DeferredBytes(), into);
+  Pairs(AValues);
   bool numbered = true;
   std::vector<TValue>& values = FLayouts[into].Values;
   if (values.capacity() < AValues.Count()) values.reserve(AValues.Count());
@@ -216,6 +246,11 @@ void TEventFields::Load(const TNamedValues& AValues) {
     }
     AddKnown(known.Name, AValues.Value(item), known.FieldId);
   }
+  for (size_t i = 0; i < AValues.Count(); ++i)
+    if (const TNamedValues::TItem& item = AValues.Item(i); item.Deferred) {
+      values[i].Deferred = static_cast<int>(i);
+      values[i].Type = item.Type;
+    }
   if (numbered) FLayouts[into].Shape = shape;
   Settle();
 }
@@ -243,7 +278,7 @@ std::string_view TEventFields::Lower(int AIndex) const {
   if (value.LowerAt < 0) {
     // FFolded has room for every value of the event, so earlier views stay valid.
     value.LowerAt = static_cast<int>(FFolded.size());
-    for (const char c : value.Text) FFolded.push_back(FoldChar(c));
+    for (const char c : Text(AIndex)) FFolded.push_back(FoldChar(c));
   }
   return std::string_view(FFolded.data() + value.LowerAt, value.Text.size());
 }
@@ -271,7 +306,7 @@ bool TEventFields::Address(int AIndex, std::array<uint8_t, 16>& AAddress) const 
   TAddressMemo& memo = FAddresses[at];
   if (memo.Event != FEvent) {
     memo.Event = FEvent;
-    memo.Valid = ParseIpAddress(FValuesAt[at].Text, memo.Bytes);
+    memo.Valid = ParseIpAddress(Text(AIndex), memo.Bytes);
   }
   AAddress = memo.Bytes;
   return memo.Valid;

@@ -79,11 +79,15 @@ public:
 
   struct TValue {
     std::string_view Name;
-    std::string_view Text;
+    mutable std::string_view Text; // (read through TEventFields::Text: it may not be made yet)
     uint32_t FieldId = TFieldNames::kNone;
     int Next = kNoValue; // the next value of the same field
     mutable int LowerAt = -1; // offset of the lower-case form in the fold buffer, once made
     mutable int GramsAt = -1; // offset of the 4-gram table in the gram buffer, once made
+    // Not made yet: its item in the pairs it was loaded from (else -1), and its binary
+    // type (NarrowTextChars says what its text can hold).
+    mutable int Deferred = -1;
+    uint8_t Type = 0;
   };
 
   explicit TEventFields(const TFieldNames& ANames) : FNames(ANames) {}
@@ -102,6 +106,14 @@ public:
   }
   const TValue& Value(int AIndex) const { return FValuesAt[AIndex]; }
   int ValueCount() const { return FValueCount; }
+  // The value's text, made now when it was left to make (pairs may defer values: those no
+  // test reads are never made).
+  std::string_view Text(int AIndex) const {
+    const TValue& value = FValuesAt[AIndex];
+    if (value.Deferred >= 0) [[unlikely]]
+      Make(value);
+    return value.Text;
+  }
   // The value's text in lower case.
   std::string_view Lower(int AIndex) const;
   // The 4-gram table of the lower-case value: bit GramHash(x) is set for every 4 bytes x
@@ -120,10 +132,12 @@ private:
   // Loads pairs into the layout made for their shape: only their values change.
   void Reload(const TNamedValues& AValues, uint32_t ALayout);
   void Settle(); // the event's layout read from now on
+  void Pairs(const TNamedValues& AValues); // what deferred values are made from
   void Add(std::string_view AName, std::string_view ARaw); // raw: entities decoded here
   void AddText(std::string_view AName, std::string_view AText);
   void AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId);
   void Link(uint32_t AId, int AIndex);
+  void Make(const TValue& AValue) const;
   // The lasting copy of the System name AElement_AAttr.
   std::string_view SystemAttrName(std::string_view AElement, std::string_view AAttr);
 
@@ -155,6 +169,9 @@ private:
   size_t FChainCount = 0;
   uint32_t FStamp = 0;
   std::string FDecoded;          // values with entities, decoded (room kept)
+  const TNamedValues* FPairs = nullptr; // what deferred values are made from
+  mutable std::string FMade;     // deferred values made (room for all of them, kept)
+  mutable std::deque<std::string> FMadeOver; // (should a value outgrow its bound)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   struct TAddressMemo {

@@ -605,7 +605,7 @@ void THunter::TestList(const TBindingList& AList) {
       const std::string_view name = value.Slot == TMatchedValue::kKeywordSlot
                                         ? FFields.Value(value.Value).Name
                                         : std::string_view(binding->Rule->SlotNames[value.Slot]);
-      const std::pair<std::string_view, std::string_view> item{name, FFields.Value(value.Value).Text};
+      const std::pair<std::string_view, std::string_view> item{name, FFields.Text(value.Value)};
       if (std::find(detection.Matched.begin(), detection.Matched.end(), item) == detection.Matched.end())
         detection.Matched.push_back(item);
     }

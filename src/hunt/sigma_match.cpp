@@ -218,7 +218,7 @@ bool MatchNode(const TContext& AContext, const TCondNode& ANode, std::vector<TMa
 
 bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t* ASlotFields,
                 const TEventFields& AFields, int AValue) {
-  const std::string_view text = AFields.Value(AValue).Text;
+  const std::string_view text = AFields.Text(AValue);
   switch (ATest.Kind) {
   case TValueTest::vkEquals:
     if (text.size() != ATest.Needle.size()) return false;
@@ -264,7 +264,7 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
     const int other = AFields.First(ASlotFields[ATest.RefSlot]);
     for (int v = other; v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
       const std::string_view mine = ATest.Cased ? text : AFields.Lower(AValue);
-      const std::string_view theirs = ATest.Cased ? AFields.Value(v).Text : AFields.Lower(v);
+      const std::string_view theirs = ATest.Cased ? AFields.Text(v) : AFields.Lower(v);
       if (Compare(ATest.RefKind, mine, theirs)) return true;
     }
     return false;

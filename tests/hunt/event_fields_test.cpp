@@ -15,7 +15,7 @@ namespace {
 std::vector<std::string> ValuesOf(const TEventFields& AFields, uint32_t AId) {
   std::vector<std::string> out;
   for (int v = AFields.First(AId); v != TEventFields::kNoValue; v = AFields.Value(v).Next)
-    out.emplace_back(AFields.Value(v).Text);
+    out.emplace_back(AFields.Text(v));
   return out;
 }
 
