@@ -355,7 +355,7 @@ void TEventLogBinXML::TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumbe
       // As TakeFieldsEvent and BuildItem, reading the fields where they lie.
       const TChunkResult::TRecordSpan span = NextPlannedSpan();
       FHaveNamed = false;
-      TakeRecordNamedValues(FChunk, span, FNamed, true); // (used before the chunk changes)
+      TakeRecordNamedValues(FChunk, span, FNamed, true, true); // (used before the chunk changes)
       const std::string* fields = FChunk.Fields.data() + span.First;
       row.RecordId = static_cast<uint64_t>(TextToInt(fields[rfEventRecordID]));
       row.EventId = static_cast<uint32_t>(TextToInt(fields[rfEventID]));

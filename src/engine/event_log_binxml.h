@@ -104,8 +104,9 @@ public:
   // (Owner, RecordId, EventId, SystemTime, Channel, Computer, and TimeGenerated, made
   // from SystemTime) with its (name, value) pairs, or, when it came with its XML instead
   // (ANamed null), that XML. An event read by its plan is viewed where the chunk holds
-  // its fields, with no item made; the others are made as TakeChunk makes them. No task
-  // or user name is looked up. What AEach is given is good until it returns.
+  // its fields, with no item made, and its data values deferred (made when asked for,
+  // TNamedValues::Make); the others are made as TakeChunk makes them. No task or user
+  // name is looked up. What AEach is given is good until it returns.
   using TNamedEach = std::function<void(const TEventRow& ARow, const TNamedValues* ANamed, std::string_view AXml)>;
   void TakeChunkNamed(TChunkResult& AResult, uint64_t AChunkNumber, const TNamedEach& AEach);
 

@@ -52,16 +52,41 @@ public:
   static constexpr uint32_t kNoNameId = 0xFFFFFFFF;
   struct TItem {
     TNamedFieldKind Kind = nfText;
+    // A value not made yet (AddDeferred): ValueAt is its maker's number for it, ValueSize
+    // the most bytes its text can take, Type its binary type.
+    bool Deferred = false;
+    uint8_t Type = 0;
     // The number InternNamedField gave its kind, name and attribute (kNoNameId: none).
     uint32_t NameId = kNoNameId;
     uint32_t NameAt = 0, NameSize = 0, AttrAt = 0, AttrSize = 0, ValueAt = 0, ValueSize = 0;
     const char* View = nullptr; // the value's text when it lies outside Text() (AddView)
   };
+  // What makes deferred values: Make appends the text of value ANumber to AOut (never
+  // more than the bound AddDeferred was given, also while it works). Its data must stay
+  // unchanged while the pairs are used.
+  struct TMaker {
+    void (*Make)(const TMaker& AMaker, uint32_t ANumber, std::string& AOut) = nullptr;
+    const void* Context = nullptr;
+    const uint8_t* Data = nullptr;
+    const uint64_t* Refs = nullptr;
+  };
   void Clear() {
     FText.clear();
     FItems.clear();
     FViewBytes = 0;
+    FShape = {};
+    FDeferredBytes = 0;
   }
+  // What the items' kinds, names and order follow from, when the maker of the pairs knows
+  // it (Form 0: not known): two events of the same shape have the same items in the same
+  // order, but for their values, and a reader may keep what it made of their names.
+  struct TShape {
+    uint64_t Form = 0;    // unique in the process
+    uint64_t Variant = 0; // which of the form's optional items are left out
+    bool operator==(const TShape&) const = default;
+  };
+  const TShape& Shape() const { return FShape; }
+  void SetShape(const TShape& AShape) { FShape = AShape; }
   // Starts an item; its value is appended to Text() until the next Begin. With a name
   // number (InternNamedField of AKind, AName and AAttr) the name is not copied.
   void Begin(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr, uint32_t ANameId = kNoNameId) {
@@ -88,6 +113,24 @@ public:
     item.ValueSize = static_cast<uint32_t>(AValue.size());
     FViewBytes += AValue.size();
   }
+  // Adds an item whose value is made only when asked for (Make), by the maker set last:
+  // a reader that needs few of an event's values makes only those. AType is the value's
+  // binary type, ABound the most bytes its text can take.
+  void AddDeferred(TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr, uint32_t ANameId,
+                   uint32_t ANumber, uint8_t AType, uint32_t ABound) {
+    Begin(AKind, AName, AAttr, ANameId);
+    TItem& item = FItems.back();
+    item.Deferred = true;
+    item.Type = AType;
+    item.ValueAt = ANumber;
+    item.ValueSize = ABound;
+    FDeferredBytes += ABound;
+  }
+  void SetMaker(const TMaker& AMaker) { FMaker = AMaker; }
+  // Appends a deferred item's text to AOut.
+  void Make(const TItem& AItem, std::string& AOut) const { FMaker.Make(FMaker, AItem.ValueAt, AOut); }
+  // The most bytes the deferred items' texts take together.
+  size_t DeferredBytes() const { return FDeferredBytes; }
   std::string& Text() { return FText; }
   // The bytes of all values (those in Text() and those viewed elsewhere), names aside
   // for items without a number: at least the sum of the values' sizes.
@@ -112,19 +155,27 @@ public:
     if (AItem.NameId != kNoNameId) return NamedFieldOf(AItem.NameId).Attr;
     return {FText.data() + AItem.AttrAt, AItem.AttrSize};
   }
+  // (Empty for a deferred item: Make gives its text.)
   std::string_view Value(const TItem& AItem) const {
+    if (AItem.Deferred) return {};
     return {AItem.View ? AItem.View : FText.data() + AItem.ValueAt, AItem.ValueSize};
   }
   void Swap(TNamedValues& AOther) {
     FText.swap(AOther.FText);
     FItems.swap(AOther.FItems);
     std::swap(FViewBytes, AOther.FViewBytes);
+    std::swap(FShape, AOther.FShape);
+    std::swap(FDeferredBytes, AOther.FDeferredBytes);
+    std::swap(FMaker, AOther.FMaker);
   }
 
 private:
   std::string FText;
   std::vector<TItem> FItems;
-  size_t FViewBytes = 0; // the sizes of the viewed values
+  size_t FViewBytes = 0;     // the sizes of the viewed values
+  size_t FDeferredBytes = 0; // the bounds of the deferred values
+  TMaker FMaker;
+  TShape FShape;
 };
 
 namespace detail {

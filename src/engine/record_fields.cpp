@@ -12,6 +12,7 @@
 #include "platform/utf16.h"
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -84,6 +85,7 @@ struct TNamedSource {
 };
 
 struct TPlan {
+  uint64_t Serial = 0; // unique in the process (the shape of the pairs MakeNamedValues makes)
   bool Ok = false;
   bool NamedOk = false; // Named says what ForEachNamedField would read from the XML
   std::vector<TNamedSource> Named;
@@ -977,9 +979,38 @@ struct TJoinSink {
 
 // Makes an event's (name, value) pairs from its plan and values into AOut (ASystem: its
 // system fields, rfProviderName .. rfUserID, made from the same values).
+// The most bytes AppendValue's text of a value of type AType and ASize bytes takes, for
+// the types whose text may be made later: numbers, times, GUIDs, SIDs, hexadecimal and
+// binary (NarrowTextChars: a search for text can often tell without making it); 0 for the
+// others (strings are mostly read anyway).
+inline uint32_t DeferredBound(uint8_t AType, uint32_t ASize) { return NarrowTextChars(AType) ? ASize * 4 + 64 : 0; }
+
+// Whether the text of a value is never empty: a number, time, GUID, SID or boolean, or
+// binary data of at least a byte.
+inline bool TextNeverEmpty(uint8_t AType, uint32_t ASize) {
+  const char* const chars = NarrowTextChars(AType);
+  return chars && *chars && (AType != 0x0E || ASize > 0);
+}
+
+// Makes the value of source ANumber of a plan (TNamedValues::TMaker of MakeNamedValues).
+void MakeDeferred(const TNamedValues::TMaker& AMaker, uint32_t ANumber, std::string& AOut) {
+  static thread_local std::string scratch;
+  const auto& plan = *static_cast<const TPlan*>(AMaker.Context);
+  const TValueSet values{AMaker.Data, AMaker.Refs, scratch};
+  AppendValue(values, values.Value(plan.NamedPieces[plan.Named[ANumber].FirstPiece].Ref), AOut);
+}
+
+// With ALazy, the values that are one substitution of a type DeferredBound allows are not
+// made: their items are deferred, and made from AValues' data when asked for (an optional
+// attribute only when its text cannot be empty).
 void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::string* ASystem, bool AViewSystem,
-                     TNamedValues& AOut) {
+                     TNamedValues& AOut, bool ALazy = false) {
   AOut.Clear();
+  // The shape: the plan, and which of its optional attributes are left out (up to 64 of
+  // them; arrays repeated as elements give no shape).
+  TNamedValues::TShape shape{APlan.Serial, 0};
+  uint32_t optional = 0;
+  if (ALazy) AOut.SetMaker({MakeDeferred, &APlan, AValues.Data, AValues.Refs});
   const char* const text = APlan.NamedText.data();
   for (const TNamedSource& source : APlan.Named) {
     const std::string_view name(text + source.NameAt, source.NameSize);
@@ -1000,11 +1031,23 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
       if (IsArrayCode(v.Type)) {
         // Each item is a <Data> of its own; no item at all leaves one empty element.
+        shape.Form = 0;
         ForEachArrayItem(AValues, v, [&](std::string_view AItem) {
           AOut.Begin(source.Kind, name, attr, source.NameId);
           AppendXmlUnescaped(AOut.Text(), AItem);
           AOut.End();
         });
+        continue;
+      }
+    }
+    if (ALazy && source.PieceCount == 1 && pieces[0].Ref != kFixed) {
+      // (An optional attribute only when its text cannot be empty: it is there.)
+      const TBXmlSubstValue v = AValues.Value(pieces[0].Ref);
+      const uint32_t bound = DeferredBound(v.Type, v.Size);
+      if (bound && (!source.OptionalAttribute || TextNeverEmpty(v.Type, v.Size))) {
+        AOut.AddDeferred(source.Kind, name, attr, source.NameId, static_cast<uint32_t>(&source - APlan.Named.data()),
+                         v.Type, bound);
+        optional += source.OptionalAttribute; // (there: not left out)
         continue;
       }
     }
@@ -1014,8 +1057,14 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
       AOut.Begin(source.Kind, name, attr, source.NameId);
       const size_t at = AOut.Text().size();
       AppendValue(AValues, AValues.Value(pieces[0].Ref), AOut.Text());
-      if (AOut.Text().size() == at) AOut.Drop();
-      else AOut.End();
+      if (AOut.Text().size() == at) {
+        AOut.Drop();
+        if (optional < 64) shape.Variant |= uint64_t{1} << optional;
+        else shape.Form = 0;
+      } else {
+        AOut.End();
+      }
+      ++optional;
       continue;
     }
     AOut.Begin(source.Kind, name, attr, source.NameId);
@@ -1026,6 +1075,7 @@ void MakeNamedValues(const TPlan& APlan, const TValueSet& AValues, const std::st
     }
     AOut.End();
   }
+  AOut.SetShape(shape);
 }
 
 // The template instance a root renders: its last child, after fragment headers only.
@@ -1148,6 +1198,8 @@ bool ReadDirect(TReaderState& R, TBXmlRootNode* ARoot) {
     if (!found) {
       // Made outside the lock; a plan another thread made meanwhile for the shape is the same.
       auto compiled = std::make_shared<TPlan>();
+      static std::atomic<uint64_t> serials{0};
+      compiled->Serial = serials.fetch_add(1, std::memory_order_relaxed) + 1;
       CompilePlan(R.Fragments, *compiled, R.Named);
       const size_t bytes = R.Key.size() + 256 + 64 * compiled->Values.size() +
                            sizeof(TNamedSource) * compiled->Named.size() +
@@ -1293,11 +1345,11 @@ void AppendRecordValuesJoined(const TChunkResult& AResult, const TChunkResult::T
 }
 
 void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut,
-                           bool AViewSystem) {
+                           bool AViewSystem, bool ALazy) {
   static thread_local std::string scratch;
   const auto& plan = *static_cast<const TPlan*>(AResult.Plans[ASpan.Plan].get());
   const TValueSet values{AResult.Bytes.data(), AResult.Values.data() + ASpan.FirstValue, scratch};
-  MakeNamedValues(plan, values, AResult.Fields.data() + ASpan.First, AViewSystem, AOut);
+  MakeNamedValues(plan, values, AResult.Fields.data() + ASpan.First, AViewSystem, AOut, ALazy);
 }
 
 namespace {

@@ -74,8 +74,10 @@ void ReadChunkNamedFields(TEvtxChunk& AChunk, TChunkResult& AResult);
 // Makes the (name, value) pairs of an event that ReadChunkNamedFields read from its plan
 // (ASpan.Plan set) into AOut. With AViewSystem, the values of its System fields are not
 // copied but viewed where AResult.Fields holds them (TNamedValues::AddView): AOut is then
-// good only while AResult's fields are unchanged.
+// good only while AResult's fields are unchanged. With ALazy, the data values that are one
+// scalar or string value each are deferred (TNamedValues::AddDeferred), made from AResult
+// when asked for: AOut is then good only while AResult is unchanged.
 void TakeRecordNamedValues(const TChunkResult& AResult, const TChunkResult::TRecordSpan& ASpan, TNamedValues& AOut,
-                           bool AViewSystem = false);
+                           bool AViewSystem = false, bool ALazy = false);
 
 } // namespace qvx

@@ -70,12 +70,13 @@ inline bool Same(const std::string& A, std::string_view B) {
 
 void TEventFields::Link(uint32_t AId, int AIndex) {
   if (AId == TFieldNames::kNone) return;
-  TChain& chain = FChains[AId];
-  if (chain.Stamp != FGeneration) {
-    chain.Stamp = FGeneration;
+  TLayout& layout = FLayouts[FCurrent];
+  TChain& chain = layout.Chains[AId];
+  if (chain.Stamp != layout.Generation) {
+    chain.Stamp = layout.Generation;
     chain.First = AIndex;
   } else {
-    FValues[static_cast<size_t>(chain.Last)].Next = AIndex;
+    layout.Values[static_cast<size_t>(chain.Last)].Next = AIndex;
   }
   chain.Last = AIndex;
 }
@@ -93,12 +94,13 @@ void TEventFields::Add(std::string_view AName, std::string_view ARaw) {
 }
 
 void TEventFields::AddText(std::string_view AName, std::string_view AText) {
-  TValue& value = FValues.emplace_back();
+  std::vector<TValue>& values = FLayouts[FCurrent].Values;
+  TValue& value = values.emplace_back();
   value.Name = AName;
   value.Text = AText;
   // Events of one kind name their values in the same order: the name at this place in
   // the last event is tried before the table.
-  const size_t at = FValues.size() - 1;
+  const size_t at = values.size() - 1;
   if (at >= FNameCache.size()) FNameCache.resize(at + 1);
   auto& [cachedName, cachedId] = FNameCache[at];
   if (!Same(cachedName, AName)) {
@@ -106,52 +108,130 @@ void TEventFields::AddText(std::string_view AName, std::string_view AText) {
     cachedId = FNames.Find(AName);
   }
   value.FieldId = cachedId;
-  Link(value.FieldId, static_cast<int>(FValues.size() - 1));
+  Link(value.FieldId, static_cast<int>(at));
 }
 
-void TEventFields::Begin(size_t ASize) {
-  FValues.clear();
+void TEventFields::Clear(size_t ASize) {
+  FPairs = nullptr;
+  FMade.clear();
+  FMadeOver.clear();
   FDecoded.clear();
   FFolded.clear();
   FGrams.clear();
   if (FDecoded.capacity() < ASize) FDecoded.reserve(ASize);
   if (FFolded.capacity() < ASize) FFolded.reserve(ASize);
-  if (FChains.size() < FNames.Count()) FChains.resize(FNames.Count());
-  if (++FGeneration == 0) {
-    for (TChain& chain : FChains) chain.Stamp = 0;
+  if (++FEvent == 0) {
     FAddresses.clear();
-    FGeneration = 1;
+    FEvent = 1;
   }
 }
 
+void TEventFields::Begin(size_t ASize, uint32_t ALayout) {
+  Clear(ASize);
+  FCurrent = ALayout;
+  TLayout& layout = FLayouts[ALayout];
+  layout.Values.clear();
+  layout.Shape = {};
+  if (layout.Chains.size() < FNames.Count()) layout.Chains.resize(FNames.Count());
+  if (++layout.Generation == 0) {
+    for (TChain& chain : layout.Chains) chain.Stamp = 0;
+    layout.Generation = 1;
+  }
+}
+
+void TEventFields::Settle() {
+  const TLayout& layout = FLayouts[FCurrent];
+  FValuesAt = layout.Values.data();
+  FValueCount = static_cast<int>(layout.Values.size());
+  FChainsAt = layout.Chains.data();
+  FChainCount = layout.Chains.size();
+  FStamp = layout.Generation;
+}
+
 void TEventFields::Load(std::string_view AXml) {
-  Begin(AXml.size());
+  Begin(AXml.size(), kShapes);
   ForEachNamedField(AXml, [this](TNamedFieldKind AKind, std::string_view AName, std::string_view AAttr,
                                  std::string_view ARaw) {
     // Element_Attribute names live in a small buffer of their own; they are few and
     // always the same, so they are kept once.
     Add(AKind == nfSystemAttr ? SystemAttrName(AName, AAttr) : AName, ARaw);
   });
+  Settle();
 }
 
 inline void TEventFields::AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId) {
-  const int at = static_cast<int>(FValues.size());
-  FValues.push_back(TValue{AName, AText, AFieldId});
+  std::vector<TValue>& values = FLayouts[FCurrent].Values;
+  const int at = static_cast<int>(values.size());
+  values.push_back(TValue{AName, AText, AFieldId});
   Link(AFieldId, at);
 }
 
+void TEventFields::Reload(const TNamedValues& AValues, uint32_t ALayout) {
+  Clear(AValues.Bytes() + AValues.DeferredBytes());
+  Pairs(AValues);
+  FCurrent = ALayout;
+  TValue* value = FLayouts[ALayout].Values.data();
+  for (size_t i = 0, count = AValues.Count(); i < count; ++i, ++value) {
+    const TNamedValues::TItem& item = AValues.Item(i);
+    value->Text = AValues.Value(item);
+    value->LowerAt = value->GramsAt = -1;
+    value->Deferred = item.Deferred ? static_cast<int>(i) : -1;
+    value->Type = item.Type;
+  }
+  Settle();
+}
+
+void TEventFields::Pairs(const TNamedValues& AValues) {
+  FPairs = &AValues;
+  if (FMade.capacity() < AValues.DeferredBytes()) FMade.reserve(AValues.DeferredBytes());
+}
+
+void TEventFields::Make(const TValue& AValue) const {
+  const TNamedValues::TItem& item = FPairs->Item(static_cast<size_t>(AValue.Deferred));
+  AValue.Deferred = -1;
+  if (FMade.capacity() - FMade.size() >= item.ValueSize) {
+    // Within the room reserved for every deferred value: earlier views stay good.
+    const size_t at = FMade.size();
+    FPairs->Make(item, FMade);
+    AValue.Text = std::string_view(FMade.data() + at, FMade.size() - at);
+    return;
+  }
+  std::string& made = FMadeOver.emplace_back();
+  FPairs->Make(item, made);
+  AValue.Text = made;
+}
+
 void TEventFields::Load(const TNamedValues& AValues) {
-  Begin(AValues.Bytes()); // (the fold buffer must hold every value: views point into it)
   if (FKnownNames != FNames.Count()) {
+    // Names added: what was made of names is made again.
     FKnown.clear();
     FKnownNames = FNames.Count();
+    for (TLayout& layout : FLayouts) layout.Shape = {};
   }
-  if (FValues.capacity() < AValues.Count()) FValues.reserve(AValues.Count());
+  const TNamedValues::TShape& shape = AValues.Shape();
+  uint32_t into = kShapes;
+  if (shape.Form != 0) {
+    for (uint32_t at = 0; at < kShapes; ++at)
+      if (FLayouts[at].Shape == shape && FLayouts[at].Values.size() == AValues.Count()) {
+        Reload(AValues, at);
+        return;
+      }
+    into = FNextShape;
+    FNextShape = (FNextShape + 1) % kShapes;
+  }
+  // (The fold buffer must hold every value, and the buffer of made values every deferred
+  // one: views point into them.)
+  Begin(AValues.Bytes() + AValues.DeferredBytes(), into);
+  Pairs(AValues);
+  bool numbered = true;
+  std::vector<TValue>& values = FLayouts[into].Values;
+  if (values.capacity() < AValues.Count()) values.reserve(AValues.Count());
   for (size_t i = 0; i < AValues.Count(); ++i) {
     const TNamedValues::TItem& item = AValues.Item(i);
     if (item.NameId == TNamedValues::kNoNameId) {
       const std::string_view name = AValues.Name(item);
       AddText(item.Kind == nfSystemAttr ? SystemAttrName(name, AValues.Attr(item)) : name, AValues.Value(item));
+      numbered = false; // (its name lies in the pairs: not kept for the next event)
       continue;
     }
     // A name met before by its number: nothing looked up.
@@ -166,6 +246,13 @@ void TEventFields::Load(const TNamedValues& AValues) {
     }
     AddKnown(known.Name, AValues.Value(item), known.FieldId);
   }
+  for (size_t i = 0; i < AValues.Count(); ++i)
+    if (const TNamedValues::TItem& item = AValues.Item(i); item.Deferred) {
+      values[i].Deferred = static_cast<int>(i);
+      values[i].Type = item.Type;
+    }
+  if (numbered) FLayouts[into].Shape = shape;
+  Settle();
 }
 
 
@@ -187,17 +274,17 @@ std::string_view TEventFields::SystemAttrName(std::string_view AElement, std::st
 }
 
 std::string_view TEventFields::Lower(int AIndex) const {
-  const TValue& value = FValues[static_cast<size_t>(AIndex)];
+  const TValue& value = FValuesAt[AIndex];
   if (value.LowerAt < 0) {
     // FFolded has room for every value of the event, so earlier views stay valid.
     value.LowerAt = static_cast<int>(FFolded.size());
-    for (const char c : value.Text) FFolded.push_back(FoldChar(c));
+    for (const char c : Text(AIndex)) FFolded.push_back(FoldChar(c));
   }
   return std::string_view(FFolded.data() + value.LowerAt, value.Text.size());
 }
 
 const uint64_t* TEventFields::Grams(int AIndex) const {
-  const TValue& value = FValues[static_cast<size_t>(AIndex)];
+  const TValue& value = FValuesAt[AIndex];
   if (value.GramsAt < 0) {
     const std::string_view text = Lower(AIndex);
     value.GramsAt = static_cast<int>(FGrams.size());
@@ -215,11 +302,11 @@ const uint64_t* TEventFields::Grams(int AIndex) const {
 
 bool TEventFields::Address(int AIndex, std::array<uint8_t, 16>& AAddress) const {
   const size_t at = static_cast<size_t>(AIndex);
-  if (at >= FAddresses.size()) FAddresses.resize(FValues.size());
+  if (at >= FAddresses.size()) FAddresses.resize(static_cast<size_t>(FValueCount));
   TAddressMemo& memo = FAddresses[at];
-  if (memo.Generation != FGeneration) {
-    memo.Generation = FGeneration;
-    memo.Valid = ParseIpAddress(FValues[at].Text, memo.Bytes);
+  if (memo.Event != FEvent) {
+    memo.Event = FEvent;
+    memo.Valid = ParseIpAddress(Text(AIndex), memo.Bytes);
   }
   AAddress = memo.Bytes;
   return memo.Valid;

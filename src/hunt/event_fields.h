@@ -79,11 +79,15 @@ public:
 
   struct TValue {
     std::string_view Name;
-    std::string_view Text;
+    mutable std::string_view Text; // (read through TEventFields::Text: it may not be made yet)
     uint32_t FieldId = TFieldNames::kNone;
     int Next = kNoValue; // the next value of the same field
     mutable int LowerAt = -1; // offset of the lower-case form in the fold buffer, once made
     mutable int GramsAt = -1; // offset of the 4-gram table in the gram buffer, once made
+    // Not made yet: its item in the pairs it was loaded from (else -1), and its binary
+    // type (NarrowTextChars says what its text can hold).
+    mutable int Deferred = -1;
+    uint8_t Type = 0;
   };
 
   explicit TEventFields(const TFieldNames& ANames) : FNames(ANames) {}
@@ -98,10 +102,18 @@ public:
   // The first value of field AId, kNoValue when the event has none; values chain
   // through TValue::Next.
   int First(uint32_t AId) const {
-    return AId < FChains.size() && FChains[AId].Stamp == FGeneration ? FChains[AId].First : kNoValue;
+    return AId < FChainCount && FChainsAt[AId].Stamp == FStamp ? FChainsAt[AId].First : kNoValue;
   }
-  const TValue& Value(int AIndex) const { return FValues[static_cast<size_t>(AIndex)]; }
-  int ValueCount() const { return static_cast<int>(FValues.size()); }
+  const TValue& Value(int AIndex) const { return FValuesAt[AIndex]; }
+  int ValueCount() const { return FValueCount; }
+  // The value's text, made now when it was left to make (pairs may defer values: those no
+  // test reads are never made).
+  std::string_view Text(int AIndex) const {
+    const TValue& value = FValuesAt[AIndex];
+    if (value.Deferred >= 0) [[unlikely]]
+      Make(value);
+    return value.Text;
+  }
   // The value's text in lower case.
   std::string_view Lower(int AIndex) const;
   // The 4-gram table of the lower-case value: bit GramHash(x) is set for every 4 bytes x
@@ -114,28 +126,56 @@ public:
   bool Address(int AIndex, std::array<uint8_t, 16>& AAddress) const;
 
 private:
-  void Begin(size_t ASize);
+  // Starts loading an event of ASize bytes into layout ALayout.
+  void Begin(size_t ASize, uint32_t ALayout);
+  void Clear(size_t ASize); // the buffers of the last event, for one of ASize bytes
+  // Loads pairs into the layout made for their shape: only their values change.
+  void Reload(const TNamedValues& AValues, uint32_t ALayout);
+  void Settle(); // the event's layout read from now on
+  void Pairs(const TNamedValues& AValues); // what deferred values are made from
   void Add(std::string_view AName, std::string_view ARaw); // raw: entities decoded here
   void AddText(std::string_view AName, std::string_view AText);
   void AddKnown(std::string_view AName, std::string_view AText, uint32_t AFieldId);
   void Link(uint32_t AId, int AIndex);
+  void Make(const TValue& AValue) const;
   // The lasting copy of the System name AElement_AAttr.
   std::string_view SystemAttrName(std::string_view AElement, std::string_view AAttr);
 
   const TFieldNames& FNames;
-  std::vector<TValue> FValues;
   struct TChain {                // per field number (together: one place to touch per value)
-    uint32_t Stamp = 0;          // the event First and Last were set for
+    uint32_t Stamp = 0;          // the load First and Last were set for
     int First = kNoValue;        // its first value
     int Last = kNoValue;         // its last value
   };
-  std::vector<TChain> FChains;
-  uint32_t FGeneration = 0;
+  // An event's values with their fields, and each field's chain. Pairs of a shape met
+  // lately (TNamedValues::Shape: their names all numbered) are loaded into the layout
+  // made for that shape, where only the values' texts change: a log's events are of a few
+  // kinds, mixed.
+  struct TLayout {
+    std::vector<TValue> Values;
+    std::vector<TChain> Chains;
+    uint32_t Generation = 0;    // the chains' (the load that made them)
+    TNamedValues::TShape Shape; // Form 0: made for no shape
+  };
+  static constexpr uint32_t kShapes = 16;
+  TLayout FLayouts[kShapes + 1]; // the last: events of no shape, and XML
+  uint32_t FCurrent = kShapes;   // the event's
+  uint32_t FNextShape = 0;       // the layout the next new shape takes
+  uint32_t FEvent = 0;           // the event's (address memos)
+  // The event's layout, as its readers read it (set once the event is loaded).
+  const TValue* FValuesAt = nullptr;
+  int FValueCount = 0;
+  const TChain* FChainsAt = nullptr;
+  size_t FChainCount = 0;
+  uint32_t FStamp = 0;
   std::string FDecoded;          // values with entities, decoded (room kept)
+  const TNamedValues* FPairs = nullptr; // what deferred values are made from
+  mutable std::string FMade;     // deferred values made (room for all of them, kept)
+  mutable std::deque<std::string> FMadeOver; // (should a value outgrow its bound)
   mutable std::string FFolded;   // lower-case forms (room kept)
   mutable std::vector<uint64_t> FGrams; // 4-gram tables (room kept)
   struct TAddressMemo {
-    uint32_t Generation = 0; // the event it was parsed for
+    uint32_t Event = 0; // the event it was parsed for (FEvent)
     bool Valid = false;
     std::array<uint8_t, 16> Bytes{};
   };

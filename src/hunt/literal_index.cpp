@@ -1,5 +1,7 @@
 #include "hunt/literal_index.h"
 
+#include "engine/evtx/variant_types.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -385,6 +387,15 @@ void TLiteralIndex::AddAutomaton(std::vector<uint32_t> ALiterals, TAutomatonPool
 }
 
 void TLiteralIndex::BuildAutomaton(TAutomaton& AAutomaton, const std::vector<uint32_t>& ALiterals) const {
+  for (uint8_t type = 0; type < 32; ++type) {
+    const char* const chars = NarrowTextChars(type);
+    if (!chars) continue;
+    const std::string folded = FoldText(chars);
+    if (std::none_of(ALiterals.begin(), ALiterals.end(), [&](uint32_t ALiteral) {
+          return FTexts[ALiteral].find_first_not_of(folded) == std::string::npos;
+        }))
+      AAutomaton.SkipTypes |= uint32_t{1} << type;
+  }
   // Input classes: one per byte that some literal holds (literals are folded, so an upper
   // case letter falls into its lower case letter's class), 0 for the others.
   bool used[256] = {};
@@ -565,9 +576,13 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
                                TScanMemo* AMemo) const {
   const TAutomaton& automaton = Built(AScan.Automaton);
   const size_t shortest = automaton.MinLength;
+  // (A value not made yet whose type's text cannot hold a literal is passed over unmade.)
+  const uint32_t skipTypes = automaton.SkipTypes;
   if (AScan.Field == kKeywordField) {
     for (int v = 0, count = AFields.ValueCount(); v < count; ++v) {
-      const std::string_view text = AFields.Value(v).Text;
+      const TEventFields::TValue& value = AFields.Value(v);
+      if (value.Deferred >= 0 && value.Type < 32 && (skipTypes >> value.Type & 1)) continue;
+      const std::string_view text = AFields.Text(v);
       if (text.size() >= shortest) ScanText(automaton, text, AHits);
     }
     return;
@@ -578,7 +593,9 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
   if (!automaton.Heads.empty()) AMemo = nullptr;
   const uint64_t key = FSerial << 20 ^ AScan.Automaton;
   for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
-    const std::string_view text = AFields.Value(v).Text;
+    const TEventFields::TValue& value = AFields.Value(v);
+    if (value.Deferred >= 0 && value.Type < 32 && (skipTypes >> value.Type & 1)) continue;
+    const std::string_view text = AFields.Text(v);
     if (text.size() < shortest) continue;
     if (AMemo && text.size() >= TScanMemo::kMinText && text.size() <= TScanMemo::kMaxText)
       ScanRemembered(automaton, key, text, AHits, *AMemo);

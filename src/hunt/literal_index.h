@@ -200,6 +200,10 @@ private:
     std::vector<uint64_t> Heads;
     uint32_t HeadStep = 1; // the heads are tested at every HeadStep-th place of a text
     uint32_t MinLength = 1; // of its literals: a shorter text holds none
+    // Bit T: no literal is made of the characters the text of a value of type T can hold
+    // (NarrowTextChars: numbers, times, GUIDs, SIDs): such a value holds none of them, and
+    // is not even made.
+    uint32_t SkipTypes = 0;
   };
   void ScanText(const TAutomaton& AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   void ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText, TLiteralHits& AHits,

@@ -728,7 +728,8 @@ void THunter::TestList(const TBindingList& AList) {
       continue;
     // Matched: once more, noting the values that satisfied the searches.
     FRecord.clear();
-    MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord);
+    MatchRule(*binding->Rule, binding->SlotFields.data(), FFields, &FRecord, literals.TestLiterals(place),
+              FHits.Bits.data());
     if (FCount == FDetections.size()) FDetections.emplace_back();
     TDetection& detection = FDetections[FCount++];
     detection.Rule = binding->Rule;
@@ -737,7 +738,7 @@ void THunter::TestList(const TBindingList& AList) {
       const std::string_view name = value.Slot == TMatchedValue::kKeywordSlot
                                         ? FFields.Value(value.Value).Name
                                         : std::string_view(binding->Rule->SlotNames[value.Slot]);
-      const std::pair<std::string_view, std::string_view> item{name, FFields.Value(value.Value).Text};
+      const std::pair<std::string_view, std::string_view> item{name, FFields.Text(value.Value)};
       if (std::find(detection.Matched.begin(), detection.Matched.end(), item) == detection.Matched.end())
         detection.Matched.push_back(item);
     }

@@ -150,8 +150,11 @@ bool MatchField(const TContext& AContext, const TFieldTest& ATest, std::vector<T
     if (value.Kind == TValueTest::vkExists) {
       hit = value.ExistsWanted ? first : -1;
     } else {
+      // (A recording knows the value that matched from the index only when it is the only one.)
       const int answer = IndexedAnswer(AContext, value);
-      hit = answer == 0 ? -1 : answer == 1 ? first : MatchAnyValue(AContext, value, first);
+      hit = answer == 0                                                                   ? -1
+            : answer == 1 && (!ARecord || AContext.Fields.Value(first).Next == TEventFields::kNoValue) ? first
+                                                                                          : MatchAnyValue(AContext, value, first);
     }
     if (hit >= 0 && ARecord) ARecord->push_back({ATest.Slot, hit});
     if (ATest.All && hit < 0) return false;
@@ -164,8 +167,8 @@ bool MatchKeywords(const TContext& AContext, const TFieldTest& ATest, std::vecto
   const int count = AContext.Fields.ValueCount();
   for (const TValueTest& value : ATest.Values) {
     const int answer = IndexedAnswer(AContext, value);
-    int hit = answer == 1 ? 0 : -1;
-    for (int v = 0; v < count && hit < 0 && answer < 0; ++v)
+    int hit = answer == 1 && !ARecord ? 0 : -1;
+    for (int v = 0; v < count && hit < 0 && answer != 0; ++v)
       if (MatchValue(AContext.Rule, value, AContext.SlotFields, AContext.Fields, v)) hit = v;
     if (hit >= 0 && ARecord) ARecord->push_back({TMatchedValue::kKeywordSlot, hit});
     if (ATest.All && hit < 0) return false;
@@ -215,7 +218,7 @@ bool MatchNode(const TContext& AContext, const TCondNode& ANode, std::vector<TMa
 
 bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t* ASlotFields,
                 const TEventFields& AFields, int AValue) {
-  const std::string_view text = AFields.Value(AValue).Text;
+  const std::string_view text = AFields.Text(AValue);
   switch (ATest.Kind) {
   case TValueTest::vkEquals:
     if (text.size() != ATest.Needle.size()) return false;
@@ -261,7 +264,7 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
     const int other = AFields.First(ASlotFields[ATest.RefSlot]);
     for (int v = other; v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
       const std::string_view mine = ATest.Cased ? text : AFields.Lower(AValue);
-      const std::string_view theirs = ATest.Cased ? AFields.Value(v).Text : AFields.Lower(v);
+      const std::string_view theirs = ATest.Cased ? AFields.Text(v) : AFields.Lower(v);
       if (Compare(ATest.RefKind, mine, theirs)) return true;
     }
     return false;
@@ -272,8 +275,9 @@ bool MatchValue(const TSigmaRule& ARule, const TValueTest& ATest, const uint32_t
 
 bool MatchRule(const TSigmaRule& ARule, const uint32_t* ASlotFields, const TEventFields& AFields,
                std::vector<TMatchedValue>* ARecord, const uint32_t* ATestLiterals, const uint8_t* AHits) {
-  const uint32_t* literals = ARecord ? nullptr : ATestLiterals;
-  const TContext context{ARule, ASlotFields, AFields, literals, AHits, literals ? literals + ARule.TestCount : nullptr};
+  // A recording reads no flat answers: they do not say which value matched.
+  const TContext context{ARule,         ASlotFields, AFields, ATestLiterals, AHits,
+                         ATestLiterals && !ARecord ? ATestLiterals + ARule.TestCount : nullptr};
   return MatchNode(context, ARule.Condition, ARecord);
 }
 

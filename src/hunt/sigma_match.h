@@ -24,8 +24,9 @@ struct TMatchedValue {
 //
 // With ATestLiterals (a binding's, see literal_index.h) and AHits (the literals found in
 // the event's values that the binding reads), a value test with a literal reads the
-// answer from AHits instead of searching the values; the result is the same. Not with
-// ARecord, which needs to know which value matched.
+// answer from AHits instead of searching the values; the result is the same. With
+// ARecord, which needs to know which value matched, the answer only rules a test out, or
+// names the value of a field that has one; the values are searched otherwise.
 bool MatchRule(const TSigmaRule& ARule, const uint32_t* ASlotFields, const TEventFields& AFields,
                std::vector<TMatchedValue>* ARecord = nullptr, const uint32_t* ATestLiterals = nullptr,
                const uint8_t* AHits = nullptr);

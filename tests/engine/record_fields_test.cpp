@@ -92,7 +92,18 @@ std::string DescribeNamed(const TNamedValues& AValues) {
   for (size_t i = 0; i < AValues.Count(); ++i) {
     const TNamedValues::TItem& item = AValues.Item(i);
     s.append(std::to_string(item.Kind)).append(":").append(AValues.Name(item)).append("/");
-    s.append(AValues.Attr(item)).append("=").append(AValues.Value(item)).append("|");
+    s.append(AValues.Attr(item)).append("=");
+    if (item.Deferred) {
+      // Made now: as the value itself would read, within its bound also while made.
+      std::string made;
+      made.reserve(item.ValueSize);
+      const char* const room = made.data();
+      AValues.Make(item, made);
+      EXPECT_EQ(made.data(), room) << AValues.Name(item) << " outgrew its bound of " << item.ValueSize;
+      s.append(made).append("|");
+      continue;
+    }
+    s.append(AValues.Value(item)).append("|");
   }
   return s;
 }

@@ -15,7 +15,7 @@ namespace {
 std::vector<std::string> ValuesOf(const TEventFields& AFields, uint32_t AId) {
   std::vector<std::string> out;
   for (int v = AFields.First(AId); v != TEventFields::kNoValue; v = AFields.Value(v).Next)
-    out.emplace_back(AFields.Value(v).Text);
+    out.emplace_back(AFields.Text(v));
   return out;
 }
 
@@ -71,6 +71,53 @@ TEST(HuntEventFields, ViewedPairsLowerInPlace) {
   EXPECT_EQ(fields.Lower(fields.Value(first).Next), std::string(3000, 'b'));
   ASSERT_EQ(fields.Lower(fields.First(image)).data(), imageAt); // not moved by the later ones
   EXPECT_EQ(lowerImage, "c:\\x.exe");
+}
+
+// Pairs of many shapes, mixed: each load reads its own values, fields, chains and lower-case
+// forms, whether its shape's layout was kept, evicted or made again for added names.
+TEST(HuntEventFields, ShapesMixedLoadTheirOwnFields) {
+  TFieldNames names;
+  const uint32_t a = names.Intern("A"), b = names.Intern("B");
+  TEventFields fields(names);
+  const uint32_t idA = InternNamedField(nfText, "A", ""), idB = InternNamedField(nfText, "B", ""),
+                 idC = InternNamedField(nfText, "C", "");
+  TNamedValues values;
+  std::vector<std::string> texts; // (room kept: views point into it)
+  texts.reserve(8);
+  auto load = [&](uint64_t AForm, uint64_t AVariant, int AKind, int AEvent) {
+    values.Clear();
+    texts.clear();
+    // Kind K: K+1 values of A, then one of B, then C unless the variant leaves it out.
+    for (int i = 0; i <= AKind % 3; ++i)
+      values.AddView(nfText, "", "", idA, texts.emplace_back("A" + std::to_string(AKind) + "." + std::to_string(AEvent)));
+    values.AddView(nfText, "", "", idB, texts.emplace_back("B" + std::to_string(AEvent)));
+    if (AVariant == 0) values.AddView(nfText, "", "", idC, texts.emplace_back("C"));
+    values.SetShape({AForm, AVariant});
+    fields.Load(values);
+    std::vector<std::string> wantA(static_cast<size_t>(AKind % 3 + 1),
+                                   "A" + std::to_string(AKind) + "." + std::to_string(AEvent));
+    EXPECT_EQ(ValuesOf(fields, a), wantA) << "kind " << AKind << " event " << AEvent;
+    ASSERT_EQ(ValuesOf(fields, b), std::vector<std::string>{"B" + std::to_string(AEvent)});
+    EXPECT_EQ(fields.Lower(fields.First(b)), "b" + std::to_string(AEvent)); // made for this event
+    EXPECT_EQ(fields.ValueCount(), AKind % 3 + 2 + (AVariant == 0 ? 1 : 0));
+  };
+  for (int event = 0; event < 120; ++event) {
+    // Four kinds most of the time, and now and then one of 20 others: more shapes than
+    // are kept, so that layouts are found again, evicted and made again.
+    const int kind = event % 4 != 3 ? event % 4 : 4 + event * 7 % 20;
+    load(static_cast<uint64_t>(kind) + 1, 0, kind, event);
+    if (event % 5 == 0) load(static_cast<uint64_t>(kind) + 1, 1, kind, event); // C left out
+    if (event == 60) names.Intern("C"); // names added: every layout made again
+    if (HasFatalFailure()) return;
+  }
+  // C counts as a field once named, also in a shape met before.
+  load(1, 0, 0, 0);
+  EXPECT_EQ(ValuesOf(fields, names.Find("C")), std::vector<std::string>{"C"});
+  // XML between them starts afresh, and the shape after it is found again.
+  fields.Load("<Event><EventData><Data Name=\"B\">x</Data></EventData></Event>");
+  EXPECT_EQ(ValuesOf(fields, b), std::vector<std::string>{"x"});
+  EXPECT_TRUE(ValuesOf(fields, a).empty());
+  load(1, 0, 0, 1);
 }
 
 TEST(HuntEventFields, MalformedTextNeverRaises) {

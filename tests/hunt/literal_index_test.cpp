@@ -354,6 +354,47 @@ TEST(HuntLiteralIndex, ListsOfTheSameLiteralsShareTheirAutomata) {
   }
   const std::string path = WriteTempFile("literal_shared.evtx", writer.Bytes());
   EXPECT_GT(CompareOver(rules, path), size_t{kRules});
+// Values left to make (numbers, GUIDs: what the hunt's pairs defer) are made only when a
+// literal could be in their text: a keyword of letters passes them over, one of digits
+// makes them and finds itself there.
+TEST(HuntLiteralIndex, DeferredValuesMadeOnlyWhereALiteralFits) {
+  static const char* const texts[] = {"4624", "{0A1B2C3D-0000-0000-0000-000000000000}"};
+  static int made = 0;
+  TNamedValues pairs;
+  const uint32_t image = InternNamedField(nfText, "Image", ""), id = InternNamedField(nfText, "LogonType", ""),
+                 guid = InternNamedField(nfText, "LogonGuid", "");
+  auto load = [&] {
+    pairs.Clear();
+    pairs.SetMaker({[](const TNamedValues::TMaker&, uint32_t ANumber, std::string& AOut) {
+                      ++made;
+                      AOut.append(texts[ANumber]);
+                    },
+                    nullptr, nullptr, nullptr});
+    pairs.Begin(nfText, "", "", image);
+    pairs.Text().append("C:\\x.exe");
+    pairs.End();
+    pairs.AddDeferred(nfText, "", "", id, 0, 0x08, 64);
+    pairs.AddDeferred(nfText, "", "", guid, 1, 0x0F, 128);
+  };
+  const std::string anyLog = "    product: windows\n";
+  for (const bool digits : {false, true}) {
+    TRuleSet rules;
+    rules.LoadText(RuleText("  keywords:\n    - mimikatz\n  condition: keywords\n", anyLog), "letters.yml");
+    if (digits) rules.LoadText(RuleText("  keywords:\n    - '4624'\n  condition: keywords\n", anyLog), "digits.yml");
+    hunt::THunter hunter(rules);
+    load();
+    made = 0;
+    const auto detections = hunter.Test("Security", 4624, pairs);
+    if (!digits) {
+      EXPECT_TRUE(detections.empty());
+      EXPECT_EQ(made, 0); // neither could hold "mimikatz"
+      continue;
+    }
+    ASSERT_EQ(detections.size(), 1u);
+    ASSERT_EQ(detections[0].Matched.size(), 1u);
+    EXPECT_EQ(detections[0].Matched[0].second, "4624");
+    EXPECT_EQ(made, 2); // both could hold "4624" (a GUID's hexadecimal digits)
+  }
 }
 
 TEST(HuntLiteralIndex, WindowsRulesOverDemoAndRegressionLogs) {

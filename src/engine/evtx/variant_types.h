@@ -38,6 +38,24 @@ uint32_t AppendVariantArrayItems(std::string& AOut, uint8_t ACode, const uint8_t
 
 // True when a class exists for ACode.
 bool IsVariantCode(uint8_t ACode);
+// The characters the text of every value of type ACode (as AppendVariantXml makes it in
+// a substitution) is made of, for nulls and the types whose text is a number, a time, a
+// GUID, a SID, hexadecimal or a boolean; null for the others (strings, floating point,
+// arrays, embedded XML).
+constexpr const char* NarrowTextChars(uint8_t ACode) {
+  switch (ACode) {
+  case 0x00: return "";
+  case 0x03: case 0x04: case 0x05: case 0x06: case 0x07: case 0x08: case 0x09: case 0x0A: case 0x10:
+    return "0123456789-";
+  case 0x0D: return "truefals";
+  case 0x0E: return "0123456789ABCDEF";
+  case 0x0F: return "0123456789ABCDEF{}-";
+  case 0x11: case 0x12: return "0123456789-:.TZ";
+  case 0x13: return "S0123456789-";
+  case 0x14: case 0x15: return "0123456789ABCDEFXx";
+  default: return nullptr;
+  }
+}
 
 // Bytes taken by a value of one of the fixed-size scalar codes (0x03 to 0x15 but 0x0E,
 // 0x10, 0x13); 0 for any other code. MeasureVariant accepts such a value of exactly this
