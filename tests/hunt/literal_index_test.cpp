@@ -354,6 +354,8 @@ TEST(HuntLiteralIndex, ListsOfTheSameLiteralsShareTheirAutomata) {
   }
   const std::string path = WriteTempFile("literal_shared.evtx", writer.Bytes());
   EXPECT_GT(CompareOver(rules, path), size_t{kRules});
+}
+
 // Values left to make (numbers, GUIDs: what the hunt's pairs defer) are made only when a
 // literal could be in their text: a keyword of letters passes them over, one of digits
 // makes them and finds itself there.
