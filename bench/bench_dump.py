@@ -6,7 +6,8 @@ made of the samples' own chunks (bench/real_log.py), and a generated log of abou
 --size-mb MB written by 'quorvex demo' (both made once, kept in a cache folder).
 
 Commands, each run --runs times with its output going to /dev/null (quorvex's own at
-least --quick-runs times while they take under --quick-budget seconds per file):
+least --quick-runs times while they take under --quick-budget seconds per file, one
+thread and two threads in turn):
     quorvex dump -q FILE                 one thread
     quorvex dump -q --threads 2 FILE
     evtxexport -f xml FILE               Debian libevtx-utils
@@ -109,6 +110,33 @@ def measure(cmd: list[str], runs: int, budget: float, min_runs: int = 0, quick_b
     }
 
 
+def measure_alternating(cmds: list[list[str]], runs: int, budget: float, min_runs: int = 0,
+                        quick_budget: float = 0.0) -> list[dict]:
+    """As measure, for commands compared with each other: one run of each in turn, round after
+    round, so that a change in the machine's speed during the bench (other work, the host's
+    clock) falls on all of them alike instead of on the one timed at that moment."""
+    results: list[list[dict]] = [[] for _ in cmds]
+    while True:
+        for cmd, out in zip(cmds, results):
+            out.append(run_once(cmd))
+        failed = any(out[-1]["status"] != 0 for out in results)
+        total = sum(x["wall"] for out in results for x in out)
+        done = len(results[0])
+        if failed or total > budget:
+            break
+        if done >= runs and (done >= min_runs or total >= quick_budget):
+            break
+    return [{
+        "command": " ".join(cmd),
+        "runs": len(out),
+        "walls": [r["wall"] for r in out],
+        "median_s": statistics.median(r["wall"] for r in out),
+        "peak_rss_mib": max(r["rss_kib"] for r in out) / 1024.0,
+        "status": next((r["status"] for r in out if r["status"] != 0), 0),
+        "stderr": next((r["stderr"] for r in out if r["status"] != 0), ""),
+    } for cmd, out in zip(cmds, results)]
+
+
 def largest_sample(samples: Path) -> Path | None:
     files = [p for p in samples.rglob("*.evtx") if p.is_file()] if samples.is_dir() else []
     return max(files, key=lambda p: (p.stat().st_size, str(p))) if files else None
@@ -196,6 +224,11 @@ def bench_file(label: str, path: Path, tool_list: list[dict], args, rates: dict)
     warm(path)
     entry = {"file": str(path), "kind": label, "bytes": size, "results": {}}
     print(f"\n{label}: {path} ({size / 1e6:.1f} MB)", flush=True)
+    # Quorvex's own commands (1 and 2 threads, compared with each other) are timed in turn.
+    ours = [t for t in tool_list if not t.get("peer") and t["argv"] is not None]
+    timed = dict(zip((t["key"] for t in ours),
+                     measure_alternating([t["argv"] + [str(path)] for t in ours], args.runs, args.budget,
+                                         min_runs=args.quick_runs, quick_budget=args.quick_budget))) if ours else {}
     for t in tool_list:
         key = t["key"]
         if t["argv"] is None:
@@ -206,8 +239,7 @@ def bench_file(label: str, path: Path, tool_list: list[dict], args, rates: dict)
             if estimate > args.peer_limit:
                 entry["results"][key] = {"skipped": f"estimated {estimate:.0f} s", "estimated_s": estimate}
                 continue
-        quick = {} if t.get("peer") else {"min_runs": args.quick_runs, "quick_budget": args.quick_budget}
-        r = measure(t["argv"] + [str(path)], args.runs, args.budget, **quick)
+        r = timed[key] if key in timed else measure(t["argv"] + [str(path)], args.runs, args.budget)
         r["mb_per_s"] = size / 1e6 / r["median_s"] if r["median_s"] > 0 else None
         entry["results"][key] = r
         if r["status"] == 0:
