@@ -31,7 +31,8 @@ struct TWorkerThread::TImpl {
 TWorkerThread::TWorkerThread(std::function<void()> ARun) : FImpl(std::make_unique<TImpl>()) {
   FImpl->Run = std::move(ARun);
   pthread_attr_t attr;
-  if (int e = pthread_attr_init(&attr); e != 0) throw std::system_error(e, std::generic_category(), "pthread_attr_init");
+  if (int e = pthread_attr_init(&attr); e != 0)
+    throw std::system_error(e, std::generic_category(), "pthread_attr_init");
   CPU_ZERO(&FImpl->Allowed);
   const int here = sched_getcpu();
   if (here >= 0 && here < CPU_SETSIZE && sched_getaffinity(0, sizeof FImpl->Allowed, &FImpl->Allowed) == 0 &&
@@ -76,7 +77,9 @@ void TWorkerThread::Join() {
 
 #endif
 
-TWorkerThread::~TWorkerThread() { Join(); }
+TWorkerThread::~TWorkerThread() {
+  Join();
+}
 
 TWorkerThread::TWorkerThread(TWorkerThread&&) noexcept = default;
 

@@ -27,8 +27,10 @@ TEST(WorkerThread, RunsTheFunctionAndJoins) {
 TEST(WorkerThread, MovesKeepOneThread) {
   std::atomic<int> runs{0};
   std::vector<TWorkerThread> threads;
-  for (int i = 0; i < 4; ++i) threads.emplace_back([&] { ++runs; });
-  for (TWorkerThread& t : threads) t.Join();
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&] { ++runs; });
+  for (TWorkerThread& t : threads)
+    t.Join();
   EXPECT_EQ(runs.load(), 4);
 }
 

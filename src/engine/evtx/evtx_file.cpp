@@ -59,8 +59,10 @@ void TEvtxFile::BuildChunks() {
   uint64_t ahead = 0;
   bool stopped = false; // at a chunk that is not valid
   {
-    const uint64_t inFile = FFileSize > kFileHeaderBlockSize ? (FFileSize - kFileHeaderBlockSize) / kChunkSize : 0;
-    const uint64_t named = std::min<uint64_t>({FChunkCount, inFile, (uint64_t{UINT32_MAX} - kFileHeaderBlockSize) / kChunkSize + 1});
+    const uint64_t inFile =
+        FFileSize > kFileHeaderBlockSize ? (FFileSize - kFileHeaderBlockSize) / kChunkSize : 0;
+    const uint64_t named = std::min<uint64_t>(
+        {FChunkCount, inFile, (uint64_t{UINT32_MAX} - kFileHeaderBlockSize) / kChunkSize + 1});
     if (FHeaderThreads > 1 && named >= kParallelHeaderChunks && FFileHandle->ParallelReads()) {
       ahead = named / 2;
       early.resize(named - ahead);

@@ -100,7 +100,8 @@ std::string ChunkList(const std::vector<uint8_t>& AFile, unsigned AThreads) {
   file.SetHeaderThreads(AThreads);
   std::string out = std::to_string(file.Count()) + "/" + std::to_string(file.ChunksFound()) + ":";
   for (int i = 0; i < file.ChunksFound(); ++i)
-    out += " " + std::to_string(file.GetFoundChunk(i)->Start) + "@" + std::to_string(file.GetFoundChunk(i)->NumFirstFile());
+    out += " " + std::to_string(file.GetFoundChunk(i)->Start) + "@" +
+           std::to_string(file.GetFoundChunk(i)->NumFirstFile());
   return out;
 }
 
