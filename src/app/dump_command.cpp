@@ -13,8 +13,6 @@ namespace qvx::app {
 
 namespace {
 
-constexpr uint64_t kParallelThreshold = 16 * 1024 * 1024;
-
 // Writes a rendered chunk in one system call where the platform allows, bypassing the
 // stream's small buffer (which would split each chunk into two writes).
 bool WriteBlock(std::FILE* AOut, const std::string& AText) {
@@ -53,7 +51,7 @@ void ReportIssues(std::FILE* AErr, const std::string& APath, const TChunkResult&
 
 int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    TEvtxSource source(AOptions.Path, AOptions.Carve, AOptions.Order);
+    TEvtxSource source(AOptions.Path, AOptions.Carve, AOptions.Order, AOptions.Threads);
     for (const std::string& notice : source.Notices()) std::fprintf(AErr, "%s\n", notice.c_str());
     if (AOptions.Wrap) std::fputs("<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<Events>", AOut);
     uint64_t records = 0, chunks = 0, issues = 0;
@@ -67,7 +65,7 @@ int RunDump(const TDumpOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
           ReportIssues(AErr, AOptions.Path, AResult, issues);
         },
         // Below a few hundred chunks starting threads costs more than they save.
-        source.Raw().Size() < kParallelThreshold ? 1u : AOptions.Threads);
+        source.Raw().Size() < TEvtxSource::kParallelBytes ? 1u : AOptions.Threads);
     if (AOptions.Wrap) std::fputs("\r\n</Events>\r\n", AOut);
     std::fflush(AOut);
     if (!AOptions.Quiet && (issues || source.Carving()))

@@ -70,9 +70,11 @@ bool TEvtxSource::NeedsCarving(const std::string& APath, TEvtxFile& AFile, std::
   return CheckHeader(APath, AFile, *AFile.FileHandle(), ANotices ? *ANotices : notices);
 }
 
-TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder) : FPath(APath) {
+TEvtxSource::TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder, unsigned AThreads)
+    : FPath(APath) {
   FRaw = OpenReadStream(APath);
   FFile = std::make_unique<TEvtxFile>(FRaw.get());
+  if (!ACarve && FRaw->Size() >= kParallelBytes) FFile->SetHeaderThreads(AThreads);
   FCarving = ACarve || CheckHeader(APath, *FFile, *FRaw, FNotices);
   if (FCarving) {
     FCarver = std::make_unique<TElfChnunks>();

@@ -20,7 +20,11 @@ public:
   // Opens APath. Raises std::runtime_error with a message naming the file when it cannot
   // be opened or is not an .evtx file and ACarve is false. Notices about falling back to
   // the carver are collected in Notices().
-  TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder);
+  // AThreads above 1 lets a file of at least kParallelBytes have its chunk headers read
+  // by that many threads (the list is the same).
+  TEvtxSource(const std::string& APath, bool ACarve, TChunkOrder AOrder, unsigned AThreads = 1);
+  // Files smaller than this are read by one thread: starting others costs more than they save.
+  static constexpr uint64_t kParallelBytes = 16 * 1024 * 1024;
 
   // The checks of the constructor (ACarve false) without making the carver: raises as it
   // does; true when the file's chunks must be found by scanning it. A load that checks

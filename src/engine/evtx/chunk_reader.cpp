@@ -3,15 +3,14 @@
 #include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_layout.h"
 #include "platform/crc32.h"
+#include "platform/worker_thread.h"
 
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
 #include <exception>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #if defined(__GNUC__) && defined(__x86_64__)
 #include <immintrin.h>
@@ -207,7 +206,10 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   }
   std::mutex lock;
   std::condition_variable batchFree; // a thread waits for a batch to come back
-  std::map<uint64_t, TBatch*> done;
+  // Parked batches by sequence number: those in flight have numbers from nextWrite on,
+  // fewer than there are batches, so each has a slot of its own (and no node is made
+  // on one thread and freed on another, as a map's would be).
+  std::vector<TBatch*> done(storage.size(), nullptr);
   uint64_t nextBatch = 0; // sequence number of the next batch handed out
   uint64_t nextWrite = 0; // next batch the consumer takes
   uint64_t nextJob = 0;   // sequence number of the next chunk
@@ -245,10 +247,10 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     writing = true;
     for (;;) {
       if (failed) break;
-      auto it = done.find(nextWrite);
-      if (it == done.end()) break;
-      TBatch* batch = it->second;
-      done.erase(it);
+      TBatch*& slot = done[nextWrite % done.size()];
+      if (!slot || slot->Sequence != nextWrite) break;
+      TBatch* batch = slot;
+      slot = nullptr;
       AGuard.unlock();
       std::exception_ptr consumerError;
       try {
@@ -282,6 +284,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
 
   auto worker = [&](unsigned AWorker) {
     TBXmlSharedTemplates::TUse useTemplates(templates);
+    std::vector<uint8_t> ownBytes;
     std::unique_lock<std::mutex> guard(lock, std::defer_lock);
     spinLock(guard);
     for (;;) {
@@ -325,7 +328,12 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
       std::exception_ptr renderError;
       try {
         for (size_t i = 0; i < batch->Count; ++i) {
-          RenderChunk(batch->Jobs[i], batch->Results[i]);
+          TChunkJob& job = batch->Jobs[i];
+          // A chunk read from the file goes into this thread's own buffer, which its
+          // last chunk left in the core's cache, rather than the batch's.
+          if (job.ReadFrom) job.Bytes.swap(ownBytes);
+          RenderChunk(job, batch->Results[i]);
+          if (job.ReadFrom) job.Bytes.swap(ownBytes);
           if (AFinisher) AFinisher(batch->Results[i], AWorker);
         }
       } catch (...) {
@@ -337,15 +345,15 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
         fail(renderError);
         return;
       }
-      done.emplace(batch->Sequence, batch);
+      done[batch->Sequence % done.size()] = batch;
       drain(guard);
     }
   };
 
-  std::vector<std::thread> threads;
-  for (unsigned i = 1; i < AThreads; ++i) threads.emplace_back(worker, i);
+  std::vector<TWorkerThread> threads;
+  for (unsigned i = 1; i < AThreads; ++i) threads.emplace_back([&worker, i] { worker(i); });
   worker(0);
-  for (auto& t : threads) t.join();
+  for (auto& t : threads) t.Join();
   if (error) std::rethrow_exception(error);
   // Each batch was handed out by the thread that parked the one it waited for; this is
   // only a safety net.

@@ -20,6 +20,10 @@ public:
   int Count();
   // The chunk at AIndex (0 is the newest: largest first record identifier), or null.
   TEvtxChunk* GetChunk(int AIndex);
+  // Lets the chunk list be built with AThreads threads (set before first use): one more
+  // thread reads the headers of the second half of the chunks the header names while this
+  // one reads the first, when the stream allows parallel reads. The list is the same.
+  void SetHeaderThreads(unsigned AThreads) { FHeaderThreads = AThreads; }
 
   // The header alone passed its checks (magic, version 3.1 or later, sizes 128/4096).
   bool HeaderValid();
@@ -53,6 +57,7 @@ private:
   void BuildChunks();
 
   std::vector<std::unique_ptr<TEvtxChunk>> FChunksList;
+  unsigned FHeaderThreads = 1;
   bool FActive = false;
   bool FHeaderValid = false;
   uint64_t FOldestChunk = 0;

@@ -1,6 +1,7 @@
 #include "engine/evtx/chunk_reader.h"
 #include "engine/evtx/evtx_file.h"
 #include "support/evtx_fixtures.h"
+#include "support/partition_writer.h"
 
 #include "platform/raw_file.h"
 
@@ -52,6 +53,42 @@ TEST(ChunkReader, OutputDoesNotDependOnTheNumberOfThreads) {
     EXPECT_EQ(many.second, one.second) << threads;
   }
   EXPECT_EQ(one.second, 1u);
+}
+
+// Every chunk named by its place in AStream (each thread reads it into a buffer of its
+// own, used again from chunk to chunk); the XML, issue texts and cut-short flags in order.
+std::string RenderNamed(const TReadStream& AStream, size_t AChunks, unsigned AThreads) {
+  size_t next = 0;
+  std::string out;
+  TChunkReader::Run(
+      [&](TChunkJob& AJob) {
+        if (next == AChunks) return false;
+        AJob.Position = ChunkFileOffset(next++);
+        AJob.ReadFrom = &AStream;
+        return true;
+      },
+      [&](TChunkResult& AResult) {
+        out += "chunk " + std::to_string(AResult.Position) + (AResult.Truncated ? " cut short\n" : "\n");
+        out += AResult.Xml;
+        for (const TChunkIssue& issue : AResult.Issues) out += "issue " + issue.Message + "\n";
+      },
+      AThreads);
+  return out;
+}
+
+// Chunks read by the rendering threads, damaged ones and one cut short by the end of the
+// data among them, give the same output whatever the number of threads.
+TEST(ChunkReader, ChunksReadByTheThreadsGiveTheSameOutput) {
+  auto file = MakeEvtxFile(30, 6);
+  CorruptRecordSizeCopy(file, 4, 2);
+  CorruptRecordMagic(file, 11, 3);
+  // The last chunk keeps its header and first records only.
+  file.resize(ChunkFileOffset(29) + 2000);
+  test::TMemoryStream stream(file);
+  const std::string one = RenderNamed(stream, 30, 1);
+  EXPECT_NE(one.find(" cut short\n"), std::string::npos);
+  EXPECT_NE(one.find("issue record walk stopped: bad record magic"), std::string::npos);
+  for (unsigned threads : {2u, 3u}) EXPECT_EQ(RenderNamed(stream, 30, threads), one) << threads;
 }
 
 TEST(ChunkReader, ReportsWhereTheRecordWalkStopped) {

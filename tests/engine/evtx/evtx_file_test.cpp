@@ -1,5 +1,6 @@
 #include "engine/evtx/evtx_file.h"
 #include "support/evtx_fixtures.h"
+#include "support/partition_writer.h"
 
 #include "platform/raw_file.h"
 
@@ -89,6 +90,48 @@ TEST(EvtxFileChunks, FileCutInsideItsLastChunkStillListsIt) {
   SetHeaderChunkCount(shorter, 2);
   TOpenFile gone(shorter, "gone.evtx");
   EXPECT_EQ(gone.File.Count(), 2);
+}
+
+// The chunk list of AFile built with AThreads threads: count, chunks found, and each
+// found chunk's place and first record number, in list order.
+std::string ChunkList(const std::vector<uint8_t>& AFile, unsigned AThreads) {
+  TMemoryStream stream(AFile);
+  TEvtxFile file(&stream);
+  file.SetHeaderThreads(AThreads);
+  std::string out = std::to_string(file.Count()) + "/" + std::to_string(file.ChunksFound()) + ":";
+  for (int i = 0; i < file.ChunksFound(); ++i)
+    out += " " + std::to_string(file.GetFoundChunk(i)->Start) + "@" +
+           std::to_string(file.GetFoundChunk(i)->NumFirstFile());
+  return out;
+}
+
+// Headers read by two threads give the list one thread builds: a valid file, a broken
+// chunk in either half (the walk stops there), and headers naming fewer or more chunks
+// than follow them.
+TEST(EvtxFileChunks, HeadersReadByTwoThreadsGiveTheSameList) {
+  const size_t kChunks = 200;
+  auto valid = MakeOutOfOrderFile(kChunks, 1);
+  std::vector<std::vector<uint8_t>> files{valid};
+  for (size_t broken : {size_t{30}, size_t{100}, size_t{150}, kChunks - 1}) {
+    auto bytes = valid;
+    bytes[ChunkFileOffset(broken)] = 'X'; // no "ElfChnk" signature
+    files.push_back(bytes);
+  }
+  auto fewer = valid;
+  SetHeaderChunkCount(fewer, kChunks - 50);
+  files.push_back(fewer);
+  auto more = valid;
+  SetHeaderChunkCount(more, kChunks + 50);
+  files.push_back(more);
+  auto cut = valid;
+  TruncateAt(cut, ChunkFileOffset(kChunks - 1) + 1000);
+  files.push_back(cut);
+  for (size_t i = 0; i < files.size(); ++i) {
+    const std::string one = ChunkList(files[i], 1);
+    EXPECT_EQ(ChunkList(files[i], 2), one) << i;
+  }
+  EXPECT_EQ(ChunkList(files[0], 2).substr(0, 8), "200/200:");
+  EXPECT_EQ(ChunkList(files[2], 2).substr(0, 8), "-1/100: ");
 }
 
 TEST(EvtxFileChunks, ExportHandsOutEveryChunkThenReadsAgain) {
