@@ -15,6 +15,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 
 namespace qvx::test {
@@ -33,6 +34,23 @@ void WriteText(const fs::path& APath, const std::string& AText) {
 std::string ReadText(const fs::path& APath) {
   std::ifstream in(APath, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The detections AThreads threads started together find in ALog with one rule set, each
+// after AFirst(its number) when given.
+std::vector<std::vector<std::string>> HuntTogether(const TRuleSet& ARules, const fs::path& ALog, int AThreads,
+                                                   const std::function<void(int)>& AFirst = {}) {
+  std::vector<std::vector<std::string>> found(static_cast<size_t>(AThreads));
+  std::atomic<int> waiting{AThreads};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < AThreads; ++t)
+    threads.emplace_back([&, t] {
+      for (--waiting; waiting.load() > 0;) std::this_thread::yield();
+      if (AFirst) AFirst(t);
+      found[static_cast<size_t>(t)] = HuntFile(ARules, ALog);
+    });
+  for (std::thread& thread : threads) thread.join();
+  return found;
 }
 
 // A folder of rules: two that match ProcessEvent("C:\\x\\evil.exe", ...), one whose
@@ -177,15 +195,7 @@ TEST(RuleCache, HuntersThatNeedAListTogetherCompileItsRulesOnce) {
     ASSERT_EQ(cached.CacheHits(), size_t{kRules});
     ASSERT_EQ(cached.DeferredCompiled(), 0u);
     constexpr int kThreads = 4;
-    std::vector<std::vector<std::string>> found(kThreads);
-    std::atomic<int> waiting{kThreads};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-      threads.emplace_back([&, t] {
-        for (--waiting; waiting.load() > 0;) std::this_thread::yield(); // all start together
-        found[t] = HuntFile(cached, log);
-      });
-    for (std::thread& thread : threads) thread.join();
+    const std::vector<std::vector<std::string>> found = HuntTogether(cached, log, kThreads);
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(found[t], plain.Detections) << "thread " << t;
     EXPECT_EQ(cached.DeferredCompiled(), size_t{kRules});
     EXPECT_TRUE(cached.CacheNotes().empty());
@@ -249,19 +259,12 @@ TEST(RuleCache, HuntersMakingOverlappingListsAtOnceFindWhatOneFinds) {
     ASSERT_EQ(cached.CacheHits(), size_t{kProcessRules + kLogonRules});
     ASSERT_EQ(cached.DeferredCompiled(), 0u);
     constexpr int kThreads = 4;
-    std::vector<std::vector<std::string>> found(kThreads);
-    std::atomic<int> waiting{kThreads};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-      threads.emplace_back([&, t] {
-        std::vector<TRuleSet::TEventKind> mine = kinds;
-        std::rotate(mine.begin(), mine.begin() + (t + round) % mine.size(), mine.end());
-        hunt::THunter hunter(cached);
-        for (--waiting; waiting.load() > 0;) std::this_thread::yield(); // all start together
-        if (t % 2 == 0) hunter.PrepareAhead(mine); // (the others need the lists first as events come)
-        found[t] = HuntFile(cached, log);
-      });
-    for (std::thread& thread : threads) thread.join();
+    const std::vector<std::vector<std::string>> found = HuntTogether(cached, log, kThreads, [&](int t) {
+      if (t % 2) return; // (the others need the lists first as events come)
+      std::vector<TRuleSet::TEventKind> mine = kinds;
+      std::rotate(mine.begin(), mine.begin() + (t + round) % mine.size(), mine.end());
+      hunt::THunter(cached).PrepareAhead(mine);
+    });
     for (int t = 0; t < kThreads; ++t) EXPECT_EQ(found[t], plain.Detections) << "round " << round << " thread " << t;
     EXPECT_EQ(cached.DeferredCompiled(), size_t{kProcessRules + kLogonRules});
     EXPECT_TRUE(cached.CacheNotes().empty());
