@@ -13,6 +13,7 @@
 #include "engine/record_fields.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
+#include "platform/worker_thread.h"
 #include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
 
@@ -26,6 +27,7 @@
 #include <map>
 #include <unordered_map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -285,7 +287,7 @@ struct THuntBatch {
 class TRuleLoad {
 public:
   TRuleLoad(TRuleSet& ARules, const std::vector<std::string>& APaths) : FRules(ARules) {
-    FThread = std::thread([this, APaths] {
+    FThread.emplace([this, APaths] {
       try {
         for (const std::string& path : APaths) FRules.LoadPath(path);
       } catch (const std::exception& e) {
@@ -303,7 +305,7 @@ public:
   // Waits for the load (on any thread); false when the rules cannot be hunted with: the
   // load failed (Error() says why) or no rule can be used.
   bool Wait() {
-    std::call_once(FJoined, [this] { FThread.join(); });
+    std::call_once(FJoined, [this] { FThread->Join(); });
     return FError.empty() && !FRules.Rules().empty();
   }
   bool Done() const { return FDone.load(std::memory_order_acquire); }
@@ -315,7 +317,7 @@ private:
   std::string FError;
   std::atomic<bool> FDone{false};
   std::once_flag FJoined;
-  std::thread FThread;
+  std::optional<TWorkerThread> FThread;
 };
 
 // Thrown on the reading thread when the rules turn out not to be usable: the run is given up.

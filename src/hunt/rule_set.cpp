@@ -2,6 +2,7 @@
 
 #include "hunt/rule_cache.h"
 #include "platform/file_stamp.h"
+#include "platform/worker_thread.h"
 
 #include <algorithm>
 #include <atomic>
@@ -9,6 +10,7 @@
 #include <thread>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 
 namespace qvx::hunt {
@@ -31,10 +33,10 @@ void TRuleSet::LoadPath(const std::string& APath) {
   // this one lists the rule files (each of the three takes about as long).
   std::unique_ptr<TRuleCache> cache;
   if (!FCacheFolder.empty()) cache = std::make_unique<TRuleCache>(TRuleCache::FileFor(FCacheFolder, APath));
-  std::thread early;
+  std::optional<TWorkerThread> early;
   if (cache || !FMapping) {
     const bool mapping = !FMapping;
-    early = std::thread([&cache, mapping] {
+    early.emplace([&cache, mapping] {
       if (cache) cache->Load();
       if (mapping) {
         try {
@@ -45,9 +47,9 @@ void TRuleSet::LoadPath(const std::string& APath) {
     });
   }
   struct TJoin {
-    std::thread& Thread;
+    std::optional<TWorkerThread>& Thread;
     ~TJoin() {
-      if (Thread.joinable()) Thread.join();
+      if (Thread) Thread->Join();
     }
   } join{early};
   std::vector<TStampedFile> files;
@@ -61,7 +63,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
     // Two threads: stamping two thousand files is mostly the system's time, and scales.
     if (!ListStampedFiles(APath, {".yml", ".yaml"}, files, why, 2)) RaiseSigmaError(APath, 0, "cannot be read: " + why);
   }
-  if (early.joinable()) early.join();
+  if (early) early->Join();
   if (cache && !cache->Note().empty()) FCacheNotes.push_back(cache->Note());
   // Reading YAML is most of the time a rule set takes to load: files are parsed (or
   // found in the cache), their rules compiled and their log sources resolved on a few
@@ -99,19 +101,19 @@ void TRuleSet::LoadPath(const std::string& APath) {
   };
   if (!files.empty()) {
     begin(batches[0], 0);
-    std::vector<std::thread> pool;
-    for (size_t t = 1; t < threads && t < batches[0].Count; ++t) pool.emplace_back(work, std::ref(batches[0]));
+    std::vector<TWorkerThread> pool;
+    for (size_t t = 1; t < threads && t < batches[0].Count; ++t) pool.emplace_back([&] { work(batches[0]); });
     work(batches[0]);
-    for (std::thread& thread : pool) thread.join();
+    for (TWorkerThread& thread : pool) thread.Join();
   }
   for (size_t b = 0; !files.empty(); ++b) {
     TBatch& current = batches[b % 2];
     TBatch& following = batches[(b + 1) % 2];
     const bool more = current.First + current.Count < files.size();
-    std::vector<std::thread> pool;
+    std::vector<TWorkerThread> pool;
     if (more) {
       begin(following, current.First + current.Count);
-      for (size_t t = 1; t < threads && t < following.Count; ++t) pool.emplace_back(work, std::ref(following));
+      for (size_t t = 1; t < threads && t < following.Count; ++t) pool.emplace_back([&] { work(following); });
     }
     for (size_t i = 0; i < current.Count; ++i) {
       TParsedFile& parsed = current.Parsed[i];
@@ -123,7 +125,7 @@ void TRuleSet::LoadPath(const std::string& APath) {
         cache->Put(parsed.Key, std::move(parsed.Encoded), std::move(parsed.Verdicts));
     }
     if (more) work(following); // what the others have not taken yet
-    for (std::thread& thread : pool) thread.join();
+    for (TWorkerThread& thread : pool) thread.Join();
     if (!more) break;
   }
   if (cache) {

@@ -1,5 +1,7 @@
 #include "platform/file_stamp.h"
 
+#include "platform/worker_thread.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
@@ -142,11 +144,11 @@ bool ListStampedFiles(const std::string& AFolder, const std::vector<std::string_
   folders.assign(std::make_move_iterator(subfolders.begin()), std::make_move_iterator(subfolders.end()));
   std::vector<std::vector<TStampedFile>> found(std::clamp(AThreads, 1u, 16u));
   {
-    std::vector<std::thread> pool;
+    std::vector<TWorkerThread> pool;
     if (folders.size() > 1)
-      for (size_t t = 1; t < found.size(); ++t) pool.emplace_back(work, std::ref(found[t]));
+      for (size_t t = 1; t < found.size(); ++t) pool.emplace_back([&work, &part = found[t]] { work(part); });
     work(found[0]);
-    for (std::thread& thread : pool) thread.join();
+    for (TWorkerThread& thread : pool) thread.Join();
   }
   for (std::vector<TStampedFile>& part : found)
     AFiles.insert(AFiles.end(), std::make_move_iterator(part.begin()), std::make_move_iterator(part.end()));
