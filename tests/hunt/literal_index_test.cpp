@@ -63,6 +63,22 @@ size_t CompareOver(const TRuleSet& ARules, const std::filesystem::path& AFile) {
   return detections;
 }
 
+// Loads one process creation rule per detection block into ARules: the list of Sysmon
+// event 1 that holds them all (null, with a failure, when one does not load).
+const hunt::TBindingList* ProcessCreationList(TRuleSet& ARules, const std::vector<std::string>& ADetections) {
+  for (size_t i = 0; i < ADetections.size(); ++i) ARules.LoadText(RuleText(ADetections[i]), std::to_string(i) + ".yml");
+  if (!ARules.Unusable().empty()) {
+    ADD_FAILURE() << ARules.Unusable()[0].Reason;
+    return nullptr;
+  }
+  std::string key;
+  const TRuleSet::TCandidates candidates = ARules.Candidates(kSysmonChannel, 1, key);
+  for (const hunt::TBindingList* candidate : candidates.Lists)
+    if (candidate && candidate->Bindings.size() == ADetections.size()) return candidate;
+  ADD_FAILURE() << "no list holds the " << ADetections.size() << " rules";
+  return nullptr;
+}
+
 TEST(HuntLiteralIndex, AnswersAsSearchingWould) {
   const std::vector<std::string> detections = {
       // short literals, the whole value, at either end, overlapping and nested literals
@@ -183,13 +199,7 @@ TEST(HuntLiteralIndex, ClausesOfEveryPartSelectTogether) {
       "  a:\n    Image|endswith: '\\csi.exe'\n  b:\n    CommandLine|re: 'ev.l'\n  condition: a and b\n",
   };
   TRuleSet rules;
-  for (size_t i = 0; i < detections.size(); ++i) rules.LoadText(RuleText(detections[i]), std::to_string(i) + ".yml");
-  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
-  std::string key;
-  const TRuleSet::TCandidates candidates = rules.Candidates("Microsoft-Windows-Sysmon/Operational", 1, key);
-  const hunt::TBindingList* list = nullptr;
-  for (const hunt::TBindingList* candidate : candidates.Lists)
-    if (candidate && candidate->Bindings.size() == detections.size()) list = candidate;
+  const hunt::TBindingList* list = ProcessCreationList(rules, detections);
   ASSERT_NE(list, nullptr);
   const hunt::TLiteralIndex& index = *list->Literals;
   const uint32_t expected[] = {2, 2, 2, 2, 1, 1, 2};
@@ -255,13 +265,7 @@ TEST(HuntLiteralIndex, RegexRunsSelectAsMatchingWould) {
       "  sel:\n    - CommandLine|re: '\\$PSHome\\['\n    - CommandLine|re: 'a|b'\n  condition: sel\n",
   };
   TRuleSet rules;
-  for (size_t i = 0; i < detections.size(); ++i) rules.LoadText(RuleText(detections[i]), std::to_string(i) + ".yml");
-  ASSERT_TRUE(rules.Unusable().empty()) << rules.Unusable()[0].Reason;
-  std::string key;
-  const TRuleSet::TCandidates candidates = rules.Candidates("Microsoft-Windows-Sysmon/Operational", 1, key);
-  const hunt::TBindingList* list = nullptr;
-  for (const hunt::TBindingList* candidate : candidates.Lists)
-    if (candidate && candidate->Bindings.size() == detections.size()) list = candidate;
+  const hunt::TBindingList* list = ProcessCreationList(rules, detections);
   ASSERT_NE(list, nullptr);
   // Each rule is selected by its run, but the last: "a|b" has none, so neither has its OR.
   const uint32_t clauses[] = {1, 1, 1, 1, 2, 0};

@@ -422,19 +422,31 @@ TEST(BinXmlTokens, TemplateInstanceNeedsExCodeOne) {
   EXPECT_EQ(c.Error(0), "NodeC: bad ExCode ");
 }
 
-TEST(BinXmlNesting, EmbeddedFragmentRendersInPlace) {
-  auto inner = std::make_shared<TEvtxTemplate>("inner", [](TBinXmlWriter& w2) {
+// A template of one <Inner> element whose UInt16 value is its Id attribute or its text.
+std::shared_ptr<TEvtxTemplate> InnerTemplate(bool AAsAttribute) {
+  return std::make_shared<TEvtxTemplate>("inner", [AAsAttribute](TBinXmlWriter& w2) {
     w2.OpenElement("Inner");
-    w2.Attribute("Id");
+    if (AAsAttribute) w2.Attribute("Id");
+    else w2.CloseStartElement();
     w2.Substitution(0, EvtxType::UInt16);
-    w2.CloseEmptyElement();
+    if (AAsAttribute) w2.CloseEmptyElement();
+    else w2.EndElement();
   });
-  auto outer = TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
+}
+
+// A <UserData> element whose content is one embedded fragment (value 0).
+TEvtxTemplate OuterTemplate() {
+  return TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
     w2.OpenElement("UserData");
     w2.CloseStartElement();
     w2.Substitution(0, EvtxType::BinXml);
     w2.EndElement();
   });
+}
+
+TEST(BinXmlNesting, EmbeddedFragmentRendersInPlace) {
+  auto inner = InnerTemplate(true);
+  const TEvtxTemplate outer = OuterTemplate();
   TEvtxChunkWriter w;
   std::vector<TEvtxValue> v = {TEvtxValue::BinXml(inner, {TEvtxValue::UInt16(42)})};
   ASSERT_TRUE(w.AddRecord(1, kTime, outer, v));
@@ -445,18 +457,8 @@ TEST(BinXmlNesting, EmbeddedFragmentRendersInPlace) {
 // Records that refer back to a definition (their own fragment header and instance, or
 // an embedded value's) must get the nodes the general parse builds.
 TEST(BinXmlNesting, ReferencedInstancesAtEveryLevelGetTheParsedNodes) {
-  auto inner = std::make_shared<TEvtxTemplate>("inner", [](TBinXmlWriter& w2) {
-    w2.OpenElement("Inner");
-    w2.Attribute("Id");
-    w2.Substitution(0, EvtxType::UInt16);
-    w2.CloseEmptyElement();
-  });
-  auto outer = TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
-    w2.OpenElement("UserData");
-    w2.CloseStartElement();
-    w2.Substitution(0, EvtxType::BinXml);
-    w2.EndElement();
-  });
+  auto inner = InnerTemplate(true);
+  const TEvtxTemplate outer = OuterTemplate();
   TEvtxChunkWriter w;
   for (uint16_t i = 1; i <= 3; ++i) {
     std::vector<TEvtxValue> v = {TEvtxValue::BinXml(inner, {TEvtxValue::UInt16(i)})};
@@ -502,18 +504,8 @@ TEST(BinXmlNesting, ReferencedInstancesAtEveryLevelGetTheParsedNodes) {
 }
 
 TEST(BinXmlNesting, EmbeddedReferenceToAnotherIdRaisesWrongTemplate) {
-  auto inner = std::make_shared<TEvtxTemplate>("inner", [](TBinXmlWriter& w2) {
-    w2.OpenElement("Inner");
-    w2.CloseStartElement();
-    w2.Substitution(0, EvtxType::UInt16);
-    w2.EndElement();
-  });
-  auto outer = TEvtxTemplate("outer", [](TBinXmlWriter& w2) {
-    w2.OpenElement("UserData");
-    w2.CloseStartElement();
-    w2.Substitution(0, EvtxType::BinXml);
-    w2.EndElement();
-  });
+  auto inner = InnerTemplate(false);
+  const TEvtxTemplate outer = OuterTemplate();
   TEvtxChunkWriter w;
   for (uint16_t i = 1; i <= 2; ++i) {
     std::vector<TEvtxValue> v = {TEvtxValue::BinXml(inner, {TEvtxValue::UInt16(i)})};
