@@ -1,5 +1,7 @@
 #include "images/adler32.h"
 
+#include "platform/cpu_features.h"
+
 #include <zlib.h>
 
 #include <algorithm>
@@ -78,7 +80,7 @@ __attribute__((target("avx2"))) uint32_t Avx2(uint32_t AS1, uint32_t AS2, const 
 
 uint32_t Adler32(uint32_t AAdler, const uint8_t* AData, size_t ALength) {
 #ifdef QVX_ADLER_AVX2
-  static const bool avx2 = __builtin_cpu_supports("avx2");
+  static const bool avx2 = CpuHasAvx2();
   if (avx2) return Avx2(AAdler & 0xFFFF, (AAdler >> 16) & 0xFFFF, AData, ALength);
 #endif
   // zlib's own (adler32_z is not the wrapped name).

@@ -2,6 +2,7 @@
 
 #include "engine/evtx/binxml_nodes.h"
 #include "engine/evtx/evtx_layout.h"
+#include "platform/cpu_features.h"
 #include "platform/crc32.h"
 #include "platform/worker_thread.h"
 
@@ -60,7 +61,7 @@ void ReplaceControlCharacters(std::string& AText) {
   auto* p = reinterpret_cast<unsigned char*>(AText.data());
   size_t n = AText.size();
 #ifdef QVX_REPLACE_AVX2
-  static const bool avx2 = __builtin_cpu_supports("avx2");
+  static const bool avx2 = CpuHasAvx2();
   if (avx2) {
     const size_t left = ReplaceControlAvx2(p, n);
     p += n - left;

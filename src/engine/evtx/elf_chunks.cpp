@@ -2,6 +2,7 @@
 
 #include "engine/evtx/evtx_layout.h"
 #include "platform/byte_reader.h"
+#include "platform/cpu_features.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -89,7 +90,7 @@ __attribute__((target("avx2"))) const uint8_t* FindSignatureAvx2(const uint8_t* 
 // cut lie at any byte offset of an image.
 const uint8_t* FindSignature(const uint8_t* AData, size_t ALength) {
 #ifdef QVX_SEARCH_AVX2
-  static const bool avx2 = __builtin_cpu_supports("avx2");
+  static const bool avx2 = CpuHasAvx2();
   if (avx2) return FindSignatureAvx2(AData, ALength);
 #endif
   const uint8_t* p = AData;
