@@ -14,7 +14,7 @@ thread and two threads in turn):
     evtx_dump.py FILE                    Debian python3-evtx
 
 Reported per command: median wall time, MB/s (input bytes / wall time, MB = 10^6
-bytes), peak resident memory (the child's ru_maxrss, what /usr/bin/time calls %M),
+bytes), peak resident memory (what /usr/bin/time calls %M, from one more run under it),
 and the ratios of interest with the project's targets.  See bench/README.md.
 """
 
@@ -52,26 +52,70 @@ def default_cache() -> Path:
 TIME = "/usr/bin/time" if os.access("/usr/bin/time", os.X_OK) else None
 
 
-def run_once(cmd: list[str]) -> dict:
-    """Runs cmd with stdout to /dev/null; wall seconds, peak RSS (KiB), exit status, stderr tail.
+# A run shorter than this is timed without /usr/bin/time around it: its own start and end
+# (about a millisecond) would be part of the figure, and would pull every ratio between two
+# quick commands towards 1. Such a command's peak memory comes from one more run, under
+# /usr/bin/time, made before the timed runs (it also warms the caches).
+WRAPPER_FREE_BELOW_S = 1.0
 
-    Peak RSS comes from /usr/bin/time's %M. Without it the child's own ru_maxrss is taken,
-    which on Linux also counts this Python process's pages at the fork (about 20 MiB)."""
-    with tempfile.TemporaryFile() as err, tempfile.NamedTemporaryFile("r") as rss:
-        argv = [TIME, "-q", "-f", "%M", "-o", rss.name, *cmd] if TIME else cmd
-        start = time.perf_counter()
-        p = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=err)
-        _, status, usage = os.wait4(p.pid, 0)
-        wall = time.perf_counter() - start
-        p.returncode = code = os.waitstatus_to_exitcode(status)
-        peak = usage.ru_maxrss
-        if TIME:
-            lines = [ln for ln in rss.read().splitlines() if ln.strip()]
+
+def _spawn_and_wait(argv: list[str], err) -> tuple[float, int, object]:
+    """Starts argv (stdin and stdout on /dev/null, stderr to err) the cheapest way Python
+    can, by posix_spawn, and waits for it: wall seconds, wait status, rusage."""
+    actions = [(os.POSIX_SPAWN_OPEN, 0, os.devnull, os.O_RDONLY, 0),
+               (os.POSIX_SPAWN_OPEN, 1, os.devnull, os.O_WRONLY, 0),
+               (os.POSIX_SPAWN_DUP2, err.fileno(), 2)]
+    start = time.perf_counter()
+    pid = os.posix_spawnp(argv[0], argv, os.environ, file_actions=actions)
+    _, status, usage = os.wait4(pid, 0)
+    return time.perf_counter() - start, status, usage
+
+
+def run_once(cmd: list[str], rss: bool = True) -> dict:
+    """Runs cmd with stdout to /dev/null; wall seconds, peak RSS (KiB, or None when rss is
+    false), exit status, stderr tail.
+
+    With rss, the command runs under /usr/bin/time, whose %M is its peak RSS. Without
+    /usr/bin/time the child's own ru_maxrss is taken, which on Linux also counts this
+    Python process's pages at the start (about 20 MiB)."""
+    with tempfile.TemporaryFile() as err, tempfile.NamedTemporaryFile("r") as rssfile:
+        argv = [TIME, "-q", "-f", "%M", "-o", rssfile.name, *cmd] if rss and TIME else cmd
+        try:
+            wall, status, usage = _spawn_and_wait(argv, err)
+        except OSError as e:
+            return {"wall": 0.0, "rss_kib": None, "status": 127, "stderr": f"{cmd[0]}: {e}"}
+        code = os.waitstatus_to_exitcode(status)
+        peak = usage.ru_maxrss if rss else None
+        if rss and TIME:
+            lines = [ln for ln in rssfile.read().splitlines() if ln.strip()]
             if lines and lines[-1].strip().isdigit():
                 peak = int(lines[-1])
         err.seek(0)
         tail = err.read()[-400:].decode("utf-8", "replace").strip()
     return {"wall": wall, "rss_kib": peak, "status": code, "stderr": tail}
+
+
+def _first_run(cmd: list[str], results: list[dict]) -> dict:
+    """The run that gives cmd's peak memory. It counts as a timed run when the command is
+    slow enough for /usr/bin/time's own share to vanish; else it is a warm-up."""
+    r = run_once(cmd, rss=True)
+    if r["status"] != 0 or r["wall"] >= WRAPPER_FREE_BELOW_S:
+        results.append(r)
+    return r
+
+
+def _summary(cmd: list[str], first: dict, out: list[dict]) -> dict:
+    failed = next((r for r in [first, *out] if r["status"] != 0), None)
+    timed = out or [first]  # a command that failed at once has only its first run
+    return {
+        "command": " ".join(cmd),
+        "runs": len(timed),
+        "walls": [r["wall"] for r in timed],
+        "median_s": statistics.median(r["wall"] for r in timed),
+        "peak_rss_mib": first["rss_kib"] / 1024.0,
+        "status": failed["status"] if failed else 0,
+        "stderr": failed["stderr"] if failed else "",
+    }
 
 
 def warm(path: Path) -> None:
@@ -89,25 +133,7 @@ def measure(cmd: list[str], runs: int, budget: float, min_runs: int = 0, quick_b
     """Runs cmd `runs` times, and on up to `min_runs` times while the runs so far took less
     than `quick_budget` s (a command of a few hundredths of a second gets a steadier median);
     stops repeating once the runs so far took more than `budget` s."""
-    results = []
-    while True:
-        r = run_once(cmd)
-        results.append(r)
-        total = sum(x["wall"] for x in results)
-        if r["status"] != 0 or total > budget:
-            break
-        if len(results) >= runs and (len(results) >= min_runs or total >= quick_budget):
-            break
-    walls = [r["wall"] for r in results]
-    return {
-        "command": " ".join(cmd),
-        "runs": len(results),
-        "walls": walls,
-        "median_s": statistics.median(walls),
-        "peak_rss_mib": max(r["rss_kib"] for r in results) / 1024.0,
-        "status": results[-1]["status"],
-        "stderr": results[-1]["stderr"] if results[-1]["status"] != 0 else "",
-    }
+    return measure_alternating([cmd], runs, budget, min_runs, quick_budget)[0]
 
 
 def measure_alternating(cmds: list[list[str]], runs: int, budget: float, min_runs: int = 0,
@@ -116,9 +142,13 @@ def measure_alternating(cmds: list[list[str]], runs: int, budget: float, min_run
     round, so that a change in the machine's speed during the bench (other work, the host's
     clock) falls on all of them alike instead of on the one timed at that moment."""
     results: list[list[dict]] = [[] for _ in cmds]
-    while True:
+    firsts = [_first_run(cmd, out) for cmd, out in zip(cmds, results)]
+    failed = any(r["status"] != 0 for r in firsts)
+    # A command slow enough for its first run to count may already have used the budget.
+    over = all(results) and sum(x["wall"] for out in results for x in out) > budget
+    while not failed and not over:
         for cmd, out in zip(cmds, results):
-            out.append(run_once(cmd))
+            out.append(run_once(cmd, rss=False))
         failed = any(out[-1]["status"] != 0 for out in results)
         total = sum(x["wall"] for out in results for x in out)
         done = len(results[0])
@@ -126,15 +156,7 @@ def measure_alternating(cmds: list[list[str]], runs: int, budget: float, min_run
             break
         if done >= runs and (done >= min_runs or total >= quick_budget):
             break
-    return [{
-        "command": " ".join(cmd),
-        "runs": len(out),
-        "walls": [r["wall"] for r in out],
-        "median_s": statistics.median(r["wall"] for r in out),
-        "peak_rss_mib": max(r["rss_kib"] for r in out) / 1024.0,
-        "status": next((r["status"] for r in out if r["status"] != 0), 0),
-        "stderr": next((r["stderr"] for r in out if r["status"] != 0), ""),
-    } for cmd, out in zip(cmds, results)]
+    return [_summary(cmd, first, out) for cmd, first, out in zip(cmds, firsts, results)]
 
 
 def largest_sample(samples: Path) -> Path | None:
@@ -212,7 +234,8 @@ def report_targets(load_before, verdicts: list, report: dict, json_arg: str | No
 
 
 def fmt_ratio(x) -> str:
-    return "n/a" if x is None else f"{x:.1f}x"
+    # Two decimals below 10: a ratio judged against 1.85 must not print as 1.8 or 1.9.
+    return "n/a" if x is None else (f"{x:.2f}x" if x < 10 else f"{x:.1f}x")
 
 
 def verdict(ok) -> str:
