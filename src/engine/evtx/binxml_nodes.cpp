@@ -491,16 +491,50 @@ thread_local TTemplateCache GTemplateCache;
 struct TBXmlSharedTemplates::TImpl {
   std::unique_ptr<std::atomic<const TCachedTemplate*>[]> Slots;
   size_t Mask = 0;
-  std::mutex Lock;    // held to add an entry
-  TEntryPool Pool;    // the entries' memory (under Lock)
-  size_t Count = 0;   // entries added (under Lock)
   size_t MaxEntries = 0;
+  size_t BlockSize = 0;
+  size_t MaxBlocks = 0;
+  std::atomic<size_t> Claimed{0};       // entries threads set out to add (at most MaxEntries succeed)
+  std::atomic<size_t> Added{0};         // entries in the table
+  std::atomic<size_t> BlocksClaimed{0}; // blocks taken (at most MaxBlocks are made)
+  std::mutex BlocksLock;                // held only to keep a new block
+  std::vector<std::unique_ptr<TPageBuffer>> Blocks;
   std::atomic<bool> Full{false};
+};
+
+struct TBXmlSharedTemplates::TUse::TState {
+  TImpl* Impl = nullptr;
+  TState* Previous = nullptr;
+  // The thread's room in its current block: a thread lays its entries out where no
+  // other thread writes, so it neither waits for a lock nor makes another thread's
+  // cached lines of the table stale.
+  uint8_t* Cursor = nullptr;
+  size_t Left = 0;
 };
 
 namespace {
 
-thread_local TBXmlSharedTemplates::TImpl* GSharedTemplates = nullptr;
+thread_local TBXmlSharedTemplates::TUse::TState* GSharedUse = nullptr;
+
+// ABytes (a multiple of 8) of the thread's room in the shared cache, a new block when
+// the current one is used up; null when the cache's blocks are all taken or the entry
+// would not fit one. A block is mapped (and its pages populated) outside any lock.
+uint8_t* TakeSharedRoom(TBXmlSharedTemplates::TUse::TState& AUse, size_t ABytes) {
+  TBXmlSharedTemplates::TImpl& shared = *AUse.Impl;
+  if (ABytes > AUse.Left) {
+    if (ABytes > shared.BlockSize) return nullptr;
+    if (shared.BlocksClaimed.fetch_add(1, std::memory_order_relaxed) >= shared.MaxBlocks) return nullptr;
+    auto block = std::make_unique<TPageBuffer>(shared.BlockSize);
+    AUse.Cursor = block->Data();
+    AUse.Left = shared.BlockSize;
+    std::lock_guard<std::mutex> hold(shared.BlocksLock);
+    shared.Blocks.push_back(std::move(block));
+  }
+  uint8_t* p = AUse.Cursor;
+  AUse.Cursor += ABytes;
+  AUse.Left -= ABytes;
+  return p;
+}
 
 // The definition's bytes from its GUID on, as MakeTemplate reads them: [AOffset + 4, end).
 inline uint32_t DefinitionEnd(const uint8_t* AData, uint32_t AOffset) {
@@ -529,7 +563,7 @@ TBXmlTemplateNode* TemplateFromEntry(TEvtxChunk& AChunk, uint32_t AOffset, int A
 // otherwise in this chunk does not end the search: another variant may fit.
 TBXmlTemplateNode* TemplateFromCache(TEvtxChunk& AChunk, uint32_t AOffset, int ADepth) {
   TTemplateCache& cache = GTemplateCache;
-  TBXmlSharedTemplates::TImpl* shared = GSharedTemplates;
+  TBXmlSharedTemplates::TImpl* shared = GSharedUse ? GSharedUse->Impl : nullptr;
   if (cache.Entries.empty() && !shared) return nullptr;
   const uint8_t* d = AChunk.Data();
   const uint32_t end = DefinitionEnd(d, AOffset);
@@ -770,21 +804,25 @@ void CacheTemplate(const TEvtxChunk& AChunk, const TBXmlTemplateNode* ATemplate,
     e->Key = DefinitionKey(e->Definition, e->Depth);
     return e;
   };
-  if (TBXmlSharedTemplates::TImpl* shared = GSharedTemplates; shared && !shared->Full.load(std::memory_order_relaxed)) {
-    std::lock_guard<std::mutex> hold(shared->Lock);
-    auto* p = shared->Count < shared->MaxEntries ? static_cast<uint8_t*>(shared->Pool.Allocate(bytes)) : nullptr;
+  if (TBXmlSharedTemplates::TUse::TState* use = GSharedUse; use && !use->Impl->Full.load(std::memory_order_relaxed)) {
+    TBXmlSharedTemplates::TImpl& shared = *use->Impl;
+    uint8_t* p = shared.Claimed.fetch_add(1, std::memory_order_relaxed) < shared.MaxEntries
+                     ? TakeSharedRoom(*use, bytes)
+                     : nullptr;
     if (p) {
       const TCachedTemplate* e = layOut(p);
-      ++shared->Count;
       // The table has twice the room of the entries it may hold: a free slot follows.
-      for (size_t i = e->Key & shared->Mask;; i = (i + 1) & shared->Mask) {
-        if (shared->Slots[i].load(std::memory_order_relaxed)) continue;
-        shared->Slots[i].store(e, std::memory_order_release);
-        return;
+      for (size_t i = e->Key & shared.Mask;; i = (i + 1) & shared.Mask) {
+        const TCachedTemplate* expected = nullptr;
+        if (shared.Slots[i].load(std::memory_order_relaxed)) continue;
+        if (shared.Slots[i].compare_exchange_strong(expected, e, std::memory_order_release, std::memory_order_relaxed))
+          break;
       }
+      shared.Added.fetch_add(1, std::memory_order_relaxed);
+      return;
     }
     // Full: what is compiled from now on stays with the thread that compiled it.
-    shared->Full.store(true, std::memory_order_relaxed);
+    shared.Full.store(true, std::memory_order_relaxed);
   }
   if (cache.Count >= cache.MaxEntries) cache.Clear();
   auto* p = static_cast<uint8_t*>(cache.Pool.Allocate(bytes));
@@ -1472,21 +1510,22 @@ TBXmlSharedTemplates::TBXmlSharedTemplates() : FImpl(std::make_unique<TImpl>()) 
   for (size_t i = 0; i < slots; ++i) FImpl->Slots[i].store(nullptr, std::memory_order_relaxed);
   FImpl->Mask = slots - 1;
   FImpl->MaxEntries = own.MaxEntries;
-  FImpl->Pool.SetLimit(own.MaxBytes);
+  // The limits of the creating thread's cache, as its own pool would lay them out.
+  FImpl->BlockSize = std::max<size_t>(std::min(kTemplateCacheBlock, own.MaxBytes), 4096);
+  FImpl->MaxBlocks = std::max<size_t>(own.MaxBytes / FImpl->BlockSize, 1);
 }
 
 TBXmlSharedTemplates::~TBXmlSharedTemplates() = default;
 
-size_t TBXmlSharedTemplates::Entries() const {
-  std::lock_guard<std::mutex> hold(FImpl->Lock);
-  return FImpl->Count;
+size_t TBXmlSharedTemplates::Entries() const { return FImpl->Added.load(std::memory_order_relaxed); }
+
+TBXmlSharedTemplates::TUse::TUse(TBXmlSharedTemplates& AShared) : FState(std::make_unique<TState>()) {
+  FState->Impl = AShared.FImpl.get();
+  FState->Previous = GSharedUse;
+  GSharedUse = FState.get();
 }
 
-TBXmlSharedTemplates::TUse::TUse(TBXmlSharedTemplates& AShared) : FPrevious(GSharedTemplates) {
-  GSharedTemplates = AShared.FImpl.get();
-}
-
-TBXmlSharedTemplates::TUse::~TUse() { GSharedTemplates = FPrevious; }
+TBXmlSharedTemplates::TUse::~TUse() { GSharedUse = FState->Previous; }
 
 TBXmlTemplateCacheInfo BXmlTemplateCacheInfo() {
   const TTemplateCache& cache = GTemplateCache;

@@ -272,7 +272,9 @@ void SetBXmlTemplateCacheLimits(size_t AMaxEntries, size_t AMaxBytes);
 // TUse of it, the templates that thread compiles go here (until the limits of the
 // creating thread's cache are reached; then to its own cache, as before) and it looks
 // here before its own cache. Entries are never changed or freed while it lives: threads
-// read it without a lock. It must outlive every TUse of it.
+// read it without a lock, and add to it without one too (each lays its entries out in
+// memory of its own, then claims a free slot of the table). It must outlive every TUse
+// of it.
 class TBXmlSharedTemplates {
 public:
   struct TImpl;
@@ -292,8 +294,11 @@ public:
     TUse(const TUse&) = delete;
     TUse& operator=(const TUse&) = delete;
 
+    // The cache in use on a thread, and the room that thread lays its entries out in.
+    struct TState;
+
   private:
-    TImpl* FPrevious;
+    std::unique_ptr<TState> FState;
   };
 
 private:
