@@ -343,7 +343,7 @@ public:
       FStop = true;
     }
     FWorkReady.notify_all();
-    for (std::thread& thread : FThreads) thread.join();
+    for (TWorkerThread& thread : FThreads) thread.Join();
   }
   THuntPool(const THuntPool&) = delete;
   THuntPool& operator=(const THuntPool&) = delete;
@@ -453,7 +453,7 @@ private:
   bool FAheadDone = false; // (reader) the lists of the kinds of events met were all ready
   std::vector<TRuleSet::TEventKind> FKinds; // (reader) of the batches in flight
   std::vector<std::unique_ptr<THunter>> FHunters;
-  std::vector<std::thread> FThreads;
+  std::vector<TWorkerThread> FThreads;
   std::mutex FMutex;
   std::condition_variable FWorkReady, FBatchDone;
   size_t FFill = 0;    // batches handed over (reader)

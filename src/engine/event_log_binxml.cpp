@@ -3,6 +3,7 @@
 #include "engine/record_fields.h"
 
 #include "platform/nt_exception.h"
+#include "platform/worker_thread.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -56,7 +57,7 @@ size_t FindLast(const std::string& AText, std::string_view ANeedle, size_t AEnd,
 class TEventLogBinXML::TReadAhead {
 public:
   TReadAhead(TChunkReader::TProducer AProducer, unsigned AThreads) : FProducer(std::move(AProducer)) {
-    FThread = std::thread([this, AThreads] {
+    FThread = std::make_unique<TWorkerThread>([this, AThreads] {
       std::exception_ptr error;
       try {
         TChunkReader::Run([this](TChunkJob& AJob) { return !Stopping() && FProducer(AJob); },
@@ -77,7 +78,7 @@ public:
       FStop = true;
     }
     FChanged.notify_all();
-    FThread.join();
+    FThread->Join();
   }
 
   TReadAhead(const TReadAhead&) = delete;
@@ -129,7 +130,7 @@ private:
   bool FStop = false;
   bool FDone = false;
   std::exception_ptr FError;
-  std::thread FThread;
+  std::unique_ptr<TWorkerThread> FThread;
 };
 
 // --- TEventLogBinXML --------------------------------------------------------------

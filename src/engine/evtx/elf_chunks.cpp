@@ -3,6 +3,7 @@
 #include "engine/evtx/evtx_layout.h"
 #include "platform/byte_reader.h"
 #include "platform/cpu_features.h"
+#include "platform/worker_thread.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -310,8 +311,7 @@ private:
       FStop = true;
     }
     FChanged.notify_all();
-    for (std::thread& t : FThreads)
-      if (t.joinable()) t.join();
+    for (TWorkerThread& t : FThreads) t.Join();
   }
 
   void Work() {
@@ -348,7 +348,7 @@ private:
 
   const TReadStream& FStream;
   TChunkStore& FStore;
-  std::vector<std::thread> FThreads;
+  std::vector<TWorkerThread> FThreads;
   std::mutex FLock;
   std::condition_variable FChanged;
   TSlot FSlots[kSlots];
