@@ -923,23 +923,35 @@ TEST_F(BinXmlTemplateCache, SharedCacheAtItsLimitLeavesNewTemplatesToTheThread) 
   EXPECT_EQ(info.Hits, 2u);    // one from each cache
 }
 
-// Many chunks whose one template shares its GUID with the others' but not its bytes,
-// rendered by several threads at once through one shared cache: every chunk renders
-// its own definition, as with one thread.
-TEST_F(BinXmlTemplateCache, SameGuidWithOtherDefinitionsOnSeveralThreadsRendersEachChunksOwn) {
+// Chunks each holding one of four definitions under one GUID (other names, other value
+// types, values swapped), and the XML each one's record ends with.
+struct TSameGuidChunks {
+  std::vector<std::vector<uint8_t>> Chunks;
+  std::vector<std::string> Tails; // per chunk
+};
+TSameGuidChunks SameGuidChunks(int ACount) {
   const std::vector<TEvtxValue> numberValues = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
   const std::vector<TEvtxValue> textValues = {TEvtxValue::String("a"), TEvtxValue::String("t"), TEvtxValue::String("x")};
   const TEvtxTemplate kinds[] = {SmallTemplate(), SameGuidOtherNames(), SmallTemplate(EvtxType::String),
                                  SameGuidSwappedValues()};
   const std::string tails[] = {kSmallXml, kOtherXml, "\r\n<Root Attr=\"a\">\r\n<Item>t</Item>\r\n<Opt>x</Opt></Root>",
                                "\r\n<Root Attr=\"a\">\r\n<Item>x</Item>\r\n<Opt>7</Opt></Root>"};
-  for (const TEvtxTemplate& kind : kinds) ASSERT_EQ(kind.Guid(), kinds[0].Guid());
-  std::vector<std::vector<uint8_t>> chunks;
-  std::vector<int> kindOf;
-  for (int i = 0; i < 90; ++i) {
-    kindOf.push_back((i * 7 + i / 5) % 4);
-    chunks.push_back(OneTemplateChunk(kinds[kindOf.back()], i % 4, kindOf.back() == 2 ? textValues : numberValues));
+  for (const TEvtxTemplate& kind : kinds) EXPECT_EQ(kind.Guid(), kinds[0].Guid());
+  TSameGuidChunks out;
+  for (int i = 0; i < ACount; ++i) {
+    const int kind = (i * 7 + i / 5) % 4;
+    out.Chunks.push_back(OneTemplateChunk(kinds[kind], i % 4, kind == 2 ? textValues : numberValues));
+    out.Tails.push_back(tails[kind]);
   }
+  return out;
+}
+
+// Many chunks whose one template shares its GUID with the others' but not its bytes,
+// rendered by several threads at once through one shared cache: every chunk renders
+// its own definition, as with one thread.
+TEST_F(BinXmlTemplateCache, SameGuidWithOtherDefinitionsOnSeveralThreadsRendersEachChunksOwn) {
+  const TSameGuidChunks set = SameGuidChunks(90);
+  const auto& chunks = set.Chunks;
   auto run = [&](unsigned AThreads) {
     size_t next = 0;
     std::vector<std::string> got;
@@ -956,12 +968,46 @@ TEST_F(BinXmlTemplateCache, SameGuidWithOtherDefinitionsOnSeveralThreadsRendersE
   const std::vector<std::string> one = run(1);
   ASSERT_EQ(one.size(), chunks.size());
   for (size_t i = 0; i < chunks.size(); ++i) {
-    const std::string& tail = tails[kindOf[i]];
+    const std::string& tail = set.Tails[i];
     ASSERT_GE(one[i].size(), tail.size());
     EXPECT_EQ(one[i].substr(one[i].size() - tail.size()), tail) << "chunk " << i;
   }
   for (unsigned threads : {2u, 3u})
     for (int round = 0; round < 5; ++round) EXPECT_EQ(run(threads), one) << threads << " threads";
+}
+
+// Threads adding to one shared cache at once, each in memory of its own: the cache never
+// holds more entries than the creating thread's limit, a thread that finds its blocks
+// all taken keeps what it compiles itself, and every chunk renders as it does alone.
+TEST_F(BinXmlTemplateCache, ThreadsAddingAtOnceKeepTheSharedCacheWithinItsLimits) {
+  const TSameGuidChunks set = SameGuidChunks(40);
+  std::vector<std::string> expected;
+  for (const auto& chunk : set.Chunks) expected.push_back(AllXml(chunk));
+  // One entry; then one block of 4 KB, which the first thread to add takes.
+  const std::pair<size_t, size_t> limits[] = {{1, kBXmlTemplateCacheBytes}, {kBXmlTemplateCacheEntries, 4096}};
+  for (const auto& [entries, bytes] : limits) {
+    for (int round = 0; round < 10; ++round) {
+      SetBXmlTemplateCacheLimits(entries, bytes);
+      TBXmlSharedTemplates shared;
+      SetBXmlTemplateCacheLimits(kBXmlTemplateCacheEntries, kBXmlTemplateCacheBytes);
+      std::vector<std::vector<std::string>> got(4);
+      std::vector<std::thread> threads;
+      for (size_t t = 0; t < got.size(); ++t)
+        threads.emplace_back([&, t] {
+          TBXmlSharedTemplates::TUse use(shared);
+          // Each thread starts at another chunk, so that they compile different
+          // definitions at the same moment.
+          for (size_t k = 0; k < set.Chunks.size(); ++k)
+            got[t].push_back(AllXml(set.Chunks[(k + 7 * t) % set.Chunks.size()]));
+        });
+      for (auto& thread : threads) thread.join();
+      EXPECT_GE(shared.Entries(), 1u);
+      EXPECT_LE(shared.Entries(), entries) << bytes;
+      for (size_t t = 0; t < got.size(); ++t)
+        for (size_t k = 0; k < set.Chunks.size(); ++k)
+          ASSERT_EQ(got[t][k], expected[(k + 7 * t) % set.Chunks.size()]) << "thread " << t << " chunk " << k;
+    }
+  }
 }
 
 } // namespace
