@@ -125,8 +125,8 @@ def warm(path: Path) -> None:
             pass
 
 
-QUICK_RUNS = 11  # quorvex's own commands: at least this many runs ...
-QUICK_BUDGET = 5.0  # ... while their runs on a file took less than this many seconds
+QUICK_RUNS = 21  # quorvex's own commands: at least this many runs ...
+QUICK_BUDGET = 8.0  # ... while their runs on a file took less than this many seconds
 
 
 def measure(cmd: list[str], runs: int, budget: float, min_runs: int = 0, quick_budget: float = 0.0) -> dict:
