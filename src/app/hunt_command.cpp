@@ -28,7 +28,6 @@
 #include <unordered_map>
 #include <mutex>
 #include <optional>
-#include <thread>
 #include <utility>
 
 namespace qvx::app {

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <thread>
 
 namespace qvx {
 
