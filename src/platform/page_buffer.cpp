@@ -10,14 +10,19 @@
 
 namespace qvx {
 
-TPageBuffer::TPageBuffer(size_t ASize) : FSize(ASize) {
+TPageBuffer::TPageBuffer(size_t ASize, TPageUse AUse) : FSize(ASize) {
 #ifdef _WIN32
+  (void)AUse; // committed pages are made on first touch
   FData = static_cast<uint8_t*>(VirtualAlloc(nullptr, ASize, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
   FMapped = FData != nullptr;
 #else
   int flags = MAP_PRIVATE | MAP_ANONYMOUS;
 #ifdef MAP_POPULATE
-  flags |= MAP_POPULATE; // one call maps every page; a thousand first-touch faults cost more
+  // One call maps every page; a thousand first-touch faults cost more.
+  if (AUse == TPageUse::puMapAll) flags |= MAP_POPULATE;
+#endif
+#ifdef MAP_NORESERVE
+  if (AUse == TPageUse::puOnFirstUse) flags |= MAP_NORESERVE;
 #endif
   void* p = mmap(nullptr, ASize, PROT_READ | PROT_WRITE, flags, -1, 0);
   if (p != MAP_FAILED) {

@@ -1,5 +1,5 @@
-// TPageBuffer: a large read buffer taken straight from the system, its pages mapped in
-// one call rather than faulted in one by one on first use.
+// TPageBuffer: a large buffer taken straight from the system, its pages mapped in one
+// call rather than faulted in one by one on first use (or, on request, only reserved).
 #pragma once
 
 #include <cstddef>
@@ -7,10 +7,18 @@
 
 namespace qvx {
 
+enum class TPageUse {
+  puMapAll,    // every page made at once
+  puOnFirstUse // address space only: a page is made when first touched
+};
+
 class TPageBuffer {
 public:
   // Allocates ASize bytes (contents unspecified). Raises std::bad_alloc when it cannot.
-  explicit TPageBuffer(size_t ASize);
+  // Mapping every page at once holds the process's address-space lock throughout, and
+  // other threads that map memory meanwhile sleep; memory that several threads fill
+  // piece by piece is better reserved whole before they start (puOnFirstUse).
+  explicit TPageBuffer(size_t ASize, TPageUse AUse = TPageUse::puMapAll);
   ~TPageBuffer();
   TPageBuffer(const TPageBuffer&) = delete;
   TPageBuffer& operator=(const TPageBuffer&) = delete;

@@ -12,7 +12,6 @@
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <unordered_map>
 
 namespace qvx {
@@ -483,7 +482,7 @@ thread_local TTemplateCache GTemplateCache;
 } // namespace
 
 // The entries the threads of one run share (see TBXmlSharedTemplates): only ever added
-// to, never changed or freed while it lives, so a thread reads them without the lock.
+// to, never changed or freed while it lives, so threads read and add them without a lock.
 // Slots of an open-addressed table hold the entries (several may share a key); a
 // thread publishes an entry whole, with release, into a free slot. Once either limit
 // is reached nothing more is added and threads keep what they compile in their own
@@ -496,9 +495,12 @@ struct TBXmlSharedTemplates::TImpl {
   size_t MaxBlocks = 0;
   std::atomic<size_t> Claimed{0};       // entries threads set out to add (at most MaxEntries succeed)
   std::atomic<size_t> Added{0};         // entries in the table
-  std::atomic<size_t> BlocksClaimed{0}; // blocks taken (at most MaxBlocks are made)
-  std::mutex BlocksLock;                // held only to keep a new block
-  std::vector<std::unique_ptr<TPageBuffer>> Blocks;
+  std::atomic<size_t> BlocksClaimed{0}; // blocks taken (at most MaxBlocks are used)
+  // Room for all MaxBlocks blocks, reserved before the threads start: a block mapped
+  // while another thread maps or populates one waits for the address-space lock, and a
+  // thread woken from that wait was often put on the processor of the thread that woke
+  // it, leaving the other idle for milliseconds.
+  std::unique_ptr<TPageBuffer> Room;
   std::atomic<bool> Full{false};
 };
 
@@ -518,17 +520,15 @@ thread_local TBXmlSharedTemplates::TUse::TState* GSharedUse = nullptr;
 
 // ABytes (a multiple of 8) of the thread's room in the shared cache, a new block when
 // the current one is used up; null when the cache's blocks are all taken or the entry
-// would not fit one. A block is mapped (and its pages populated) outside any lock.
+// would not fit one. Claiming a block takes no lock; its pages are made as entries fill it.
 uint8_t* TakeSharedRoom(TBXmlSharedTemplates::TUse::TState& AUse, size_t ABytes) {
   TBXmlSharedTemplates::TImpl& shared = *AUse.Impl;
   if (ABytes > AUse.Left) {
     if (ABytes > shared.BlockSize) return nullptr;
-    if (shared.BlocksClaimed.fetch_add(1, std::memory_order_relaxed) >= shared.MaxBlocks) return nullptr;
-    auto block = std::make_unique<TPageBuffer>(shared.BlockSize);
-    AUse.Cursor = block->Data();
+    const size_t block = shared.BlocksClaimed.fetch_add(1, std::memory_order_relaxed);
+    if (block >= shared.MaxBlocks) return nullptr;
+    AUse.Cursor = shared.Room->Data() + block * shared.BlockSize;
     AUse.Left = shared.BlockSize;
-    std::lock_guard<std::mutex> hold(shared.BlocksLock);
-    shared.Blocks.push_back(std::move(block));
   }
   uint8_t* p = AUse.Cursor;
   AUse.Cursor += ABytes;
@@ -1513,6 +1513,7 @@ TBXmlSharedTemplates::TBXmlSharedTemplates() : FImpl(std::make_unique<TImpl>()) 
   // The limits of the creating thread's cache, as its own pool would lay them out.
   FImpl->BlockSize = std::max<size_t>(std::min(kTemplateCacheBlock, own.MaxBytes), 4096);
   FImpl->MaxBlocks = std::max<size_t>(own.MaxBytes / FImpl->BlockSize, 1);
+  FImpl->Room = std::make_unique<TPageBuffer>(FImpl->MaxBlocks * FImpl->BlockSize, TPageUse::puOnFirstUse);
 }
 
 TBXmlSharedTemplates::~TBXmlSharedTemplates() = default;
