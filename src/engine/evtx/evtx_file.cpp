@@ -6,6 +6,7 @@
 #include "platform/worker_thread.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace qvx {
 
@@ -52,50 +53,61 @@ void TEvtxFile::BuildChunks() {
     chunk->Start = static_cast<uint32_t>(kFileHeaderBlockSize + AIndex * kChunkSize);
     return chunk;
   };
-  // Chunks from index `ahead` to the header's count, when read in advance on another
-  // thread; the walk below takes them in order as it reaches them and drops those after
-  // the first that is not valid, so the list is what one thread would build.
+  // Chunk headers read in advance by two threads (in file order below), when the file is
+  // large enough: the walk below takes them as it reaches them and drops those after the
+  // first that is not valid, so the list is what one thread would build.
   std::vector<std::unique_ptr<TEvtxChunk>> early;
-  uint64_t ahead = 0;
-  bool stopped = false; // at a chunk that is not valid
   {
     const uint64_t inFile =
         FFileSize > kFileHeaderBlockSize ? (FFileSize - kFileHeaderBlockSize) / kChunkSize : 0;
     const uint64_t named = std::min<uint64_t>(
         {FChunkCount, inFile, (uint64_t{UINT32_MAX} - kFileHeaderBlockSize) / kChunkSize + 1});
     if (FHeaderThreads > 1 && named >= kParallelHeaderChunks && FFileHandle->ParallelReads()) {
-      ahead = named / 2;
-      early.resize(named - ahead);
-      for (uint64_t i = ahead; i < named; ++i) early[i - ahead] = makeChunk(i);
-      TWorkerThread reader([&early] {
-        // A chunk whose read raised is left to the walk below, which raises it again
-        // on this thread, as one thread would.
-        for (size_t k = 0; k < early.size(); ++k) {
-          try {
-            early[k]->Valid();
-          } catch (...) {
-            for (; k < early.size(); ++k) early[k].reset();
+      early.resize(named);
+      // Both threads take runs of headers from one counter, so neither waits for the
+      // other when one starts late (a new thread takes a tenth of a millisecond to run).
+      // Nothing past a header that is not valid is needed: `end` is lowered to it. A
+      // header whose read raised is left to the walk below, which raises it again on this
+      // thread, as one thread would.
+      constexpr uint64_t kRun = 16;
+      std::atomic<uint64_t> next{0};
+      std::atomic<uint64_t> end{named};
+      auto lowerEnd = [&end](uint64_t AIndex) {
+        uint64_t now = end.load(std::memory_order_relaxed);
+        while (AIndex < now && !end.compare_exchange_weak(now, AIndex, std::memory_order_relaxed)) {
+        }
+      };
+      auto walk = [&] {
+        for (;;) {
+          const uint64_t from = next.fetch_add(kRun, std::memory_order_relaxed);
+          if (from >= end.load(std::memory_order_relaxed)) return;
+          for (uint64_t i = from; i < from + kRun && i < end.load(std::memory_order_relaxed); ++i) {
+            bool valid = false;
+            try {
+              auto chunk = makeChunk(i);
+              valid = chunk->Valid();
+              early[i] = std::move(chunk);
+            } catch (...) {
+              lowerEnd(i);
+              return;
+            }
+            if (!valid) {
+              lowerEnd(i + 1);
+              break;
+            }
           }
         }
-      });
-      try {
-        for (uint64_t i = 0; i < ahead && !stopped; ++i) {
-          auto chunk = makeChunk(i);
-          if (chunk->Valid()) FChunksList.push_back(std::move(chunk));
-          else stopped = true;
-        }
-      } catch (...) {
-        reader.Join();
-        throw;
-      }
+      };
+      TWorkerThread reader(walk);
+      walk();
       reader.Join();
     }
   }
-  for (uint64_t i = FChunksList.size(); !stopped; ++i) {
+  for (uint64_t i = FChunksList.size();; ++i) {
     const uint64_t start = kFileHeaderBlockSize + i * kChunkSize;
     if (start > UINT32_MAX) break; // chunk positions are 32-bit
     std::unique_ptr<TEvtxChunk> chunk;
-    if (i >= ahead && i - ahead < early.size() && early[i - ahead]) chunk = std::move(early[i - ahead]);
+    if (i < early.size() && early[i]) chunk = std::move(early[i]);
     else chunk = makeChunk(i);
     if (!chunk->Valid()) break;
     FChunksList.push_back(std::move(chunk));
