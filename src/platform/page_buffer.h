@@ -9,7 +9,8 @@ namespace qvx {
 
 enum class TPageUse {
   puMapAll,    // every page made at once
-  puOnFirstUse // address space only: a page is made when first touched
+  puOnFirstUse // address space only: a page is made when first touched, a large (2 MB)
+               // one where the system allows (see below)
 };
 
 class TPageBuffer {
@@ -17,7 +18,10 @@ public:
   // Allocates ASize bytes (contents unspecified). Raises std::bad_alloc when it cannot.
   // Mapping every page at once holds the process's address-space lock throughout, and
   // other threads that map memory meanwhile sleep; memory that several threads fill
-  // piece by piece is better reserved whole before they start (puOnFirstUse).
+  // piece by piece is better reserved whole before they start (puOnFirstUse). Its pages
+  // are then made in large pages where the system allows: while threads of one process
+  // fault small pages in at the same time, each fault costs half as much again as alone
+  // (measured on two cores: 2.3 against 1.4 microseconds a page); a large page is one.
   explicit TPageBuffer(size_t ASize, TPageUse AUse = TPageUse::puMapAll);
   ~TPageBuffer();
   TPageBuffer(const TPageBuffer&) = delete;
@@ -29,6 +33,8 @@ public:
 private:
   uint8_t* FData = nullptr;
   size_t FSize = 0;
+  uint8_t* FMapping = nullptr; // what was mapped (FData lies in it)
+  size_t FMappingSize = 0;
   bool FMapped = false;
 };
 
