@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <string>
 #include <utility>
 
 #ifdef _WIN32
@@ -76,6 +78,8 @@ TRawFile TRawFile::Open(const std::string& APath) {
 
 bool TRawFile::IsOpen() const { return FHandle != nullptr; }
 
+std::unique_ptr<TReadStream> TRawFile::OpenAgain() const { return nullptr; } // reads share the handle
+
 void TRawFile::Close() {
   if (FHandle) CloseHandle(FHandle);
   FHandle = nullptr;
@@ -122,6 +126,24 @@ TRawFile TRawFile::Open(const std::string& APath) {
   // The readers walk files front to back; tell the kernel so it reads ahead generously.
   ::posix_fadvise(f.FFd, 0, 0, POSIX_FADV_SEQUENTIAL);
   return f;
+}
+
+std::unique_ptr<TReadStream> TRawFile::OpenAgain() const {
+#if defined(__linux__)
+  if (FFd < 0) return nullptr;
+  const std::string self = "/proc/self/fd/" + std::to_string(FFd);
+  const int fd = ::open(self.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  auto again = std::make_unique<TRawFile>();
+  again->FFd = fd;
+  again->FPath = FPath;
+  again->FSize = FSize;
+  again->FIsDevice = FIsDevice;
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  return again;
+#else
+  return nullptr;
+#endif
 }
 
 bool TRawFile::IsOpen() const { return FFd >= 0; }

@@ -39,6 +39,9 @@ public:
   // Reads up to ALength bytes at AOffset; returns the bytes read (short only at the end
   // of the data). Raises ENTException on a read error.
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override;
+  // Opens the same file once more (on Linux through the open handle, so it is the same
+  // file even if its name now leads elsewhere); null elsewhere or when that fails.
+  std::unique_ptr<TReadStream> OpenAgain() const override;
 
 private:
 #ifdef _WIN32

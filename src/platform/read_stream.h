@@ -36,6 +36,11 @@ public:
   virtual bool ParallelReads() const { return true; }
   // The name that messages give for the stream.
   virtual const std::string& Path() const = 0;
+  // The same data through a handle of its own, for a thread that reads much of it; null
+  // when there is no other handle to be had (the thread then shares this one). Threads
+  // that read through one file handle share its reference count, which every read
+  // changes: with two of them reading, it moves between processors at every read.
+  virtual std::unique_ptr<TReadStream> OpenAgain() const { return nullptr; }
 
 protected:
   TReadStream(TReadStream&&) = default;

@@ -286,6 +286,9 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   auto worker = [&](unsigned AWorker) {
     TBXmlSharedTemplates::TUse useTemplates(templates);
     std::vector<uint8_t> ownBytes;
+    // The other threads read through handles of their own (see TReadStream::OpenAgain).
+    const TReadStream* sharedFrom = nullptr;
+    std::unique_ptr<TReadStream> ownFrom;
     std::unique_lock<std::mutex> guard(lock, std::defer_lock);
     spinLock(guard);
     for (;;) {
@@ -333,6 +336,13 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           // A chunk read from the file goes into this thread's own buffer, which its
           // last chunk left in the core's cache, rather than the batch's.
           if (job.ReadFrom) job.Bytes.swap(ownBytes);
+          if (job.ReadFrom && AWorker > 0) {
+            if (job.ReadFrom != sharedFrom) {
+              sharedFrom = job.ReadFrom;
+              ownFrom = sharedFrom->OpenAgain();
+            }
+            if (ownFrom) job.ReadFrom = ownFrom.get();
+          }
           RenderChunk(job, batch->Results[i]);
           if (job.ReadFrom) job.Bytes.swap(ownBytes);
           if (AFinisher) AFinisher(batch->Results[i], AWorker);
