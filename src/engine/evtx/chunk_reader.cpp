@@ -191,6 +191,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
   constexpr size_t kBatchesPerWorker = 8;
   struct TBatch {
     unsigned Owner = 0;
+    bool Used = false; // rendered into before: its pages are made
     uint64_t Sequence = 0;
     size_t Count = 0;
     std::vector<TChunkJob> Jobs{kBatchSize};
@@ -268,13 +269,21 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
     writing = false;
   };
 
-  // Called with the lock held: an idle batch, the thread's own when it has one; null
-  // when every batch is in flight.
+  // Called with the lock held: an idle batch, null when every batch is in flight. The
+  // thread's own most recently used one first, else another thread's used one, and a
+  // batch never used only when none is left: the first text written into a batch makes
+  // its pages, which costs more than the chunk's render when another thread of the
+  // process is making pages at the same time.
   auto takeBatch = [&](unsigned AWorker) -> TBatch* {
-    std::vector<TBatch*>* from = &idle[AWorker];
+    auto used = [](const std::vector<TBatch*>& AList) { return !AList.empty() && AList.back()->Used; };
+    std::vector<TBatch*>* from = used(idle[AWorker]) ? &idle[AWorker] : nullptr;
+    for (unsigned w = 0; !from && w < AThreads; ++w)
+      if (used(idle[w])) from = &idle[w];
+    if (!from) from = &idle[AWorker];
     for (unsigned w = 0; from->empty() && w < AThreads; ++w) from = &idle[w];
     if (from->empty()) return nullptr;
     TBatch* batch = from->back();
+    batch->Used = true;
     from->pop_back();
     --idleCount;
     return batch;
