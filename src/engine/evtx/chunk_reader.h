@@ -33,7 +33,8 @@ struct TChunkJob {
   bool CheckCrc = false;       // also compare the chunk's two checksums (diagnostics)
   // When set, Bytes are read from this file at Position by the rendering thread, outside
   // the reader's lock (a producer only names the chunk); a short read pads with zeros and
-  // sets Truncated.
+  // sets Truncated. The stream outlives the run: threads other than the caller read it
+  // through handles of their own that they open once per stream (TReadStream::OpenAgain).
   const TReadStream* ReadFrom = nullptr;
   std::vector<uint8_t> Bytes;  // 65536 bytes
   // Carried to the result for a reader on another thread: buffers the carver passed
