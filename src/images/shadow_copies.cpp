@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 namespace qvx {
 
@@ -29,6 +30,21 @@ libvshadow_volume_t* Vol(void* AVolume) {
 [[noreturn]] void Fail(libvshadow_error_t*& AError, const std::string& AWhere, uint64_t AOffset,
                        const std::string& AProblem) {
   RaiseLibyal(AError, libvshadow_error_backtrace_sprint, libvshadow_error_free, AWhere, AOffset, AProblem);
+}
+
+// The reader takes the volume's size and cluster size from an NTFS boot sector when one
+// is there, and divides by them: one whose sector or cluster size is not a real one is
+// refused here instead (a boot sector without the NTFS name is not read by it).
+void CheckBootSector(const TReadStream& AStream, const std::string& AName) {
+  uint8_t boot[512] = {};
+  if (AStream.ReadAt(0, boot, sizeof boot) != sizeof boot || std::memcmp(boot + 3, "NTFS    ", 8) != 0) return;
+  const unsigned bytesPerSector = boot[11] | boot[12] << 8;
+  const unsigned sectorsPerCluster = boot[13];
+  const bool sectorOk = bytesPerSector >= 256 && bytesPerSector <= 4096 && (bytesPerSector & (bytesPerSector - 1)) == 0;
+  if (!sectorOk || sectorsPerCluster == 0)
+    RaiseImageError(AName, 0, "shadow copies cannot be read: NTFS boot sector is not valid",
+                    std::to_string(bytesPerSector) + " bytes per sector, " + std::to_string(sectorsPerCluster) +
+                        " sectors per cluster");
 }
 
 std::string GuidText(const uint8_t* AGuid) {
@@ -96,6 +112,7 @@ std::shared_ptr<TShadowCopies> TShadowCopies::Open(std::shared_ptr<const TReadSt
   copies->FName = AName;
   copies->FStream = AStream;
   if (!HasHeader(*AStream)) return copies;
+  CheckBootSector(*AStream, AName);
   copies->FBfio = std::make_unique<TBfioHandle>(AStream);
   libvshadow_error_t* error = nullptr;
   libvshadow_volume_t* handle = nullptr;

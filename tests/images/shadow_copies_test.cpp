@@ -123,6 +123,20 @@ TEST(ShadowCopiesErrors, ADamagedCopyLeavesTheNewerOneReadable) {
   EXPECT_EQ(ReadBlock(*copies->Store(2, "vol shadow copy 2"), 5), BlockOf(f.Old, 5));
 }
 
+TEST(ShadowCopiesErrors, ANtfsBootSectorWithImpossibleSizesIsRefusedWithThem) {
+  TFixture f;
+  std::memcpy(&f.New[3], "NTFS    ", 8);
+  f.New[11] = 37; // bytes per sector
+  f.New[13] = 0;  // sectors per cluster
+  EXPECT_EQ(ErrorOf([&] { f.Open(); }), "vol: shadow copies cannot be read: NTFS boot sector is not valid at offset "
+                                        "0x0 (37 bytes per sector, 0 sectors per cluster)");
+  f.New[11] = 0;
+  f.New[12] = 2; // 512
+  f.New[13] = 8;
+  EXPECT_EQ(ErrorOf([&] { f.Open(); }), "");
+  EXPECT_EQ(f.Open()->Count(), 1u);
+}
+
 TEST(ShadowCopiesErrors, NoSuchCopy) {
   TFixture f;
   const auto copies = f.Open();
