@@ -112,10 +112,26 @@ def _summary(cmd: list[str], first: dict, out: list[dict]) -> dict:
         "runs": len(timed),
         "walls": [r["wall"] for r in timed],
         "median_s": statistics.median(r["wall"] for r in timed),
+        "spread_pct": spread_pct([r["wall"] for r in timed]),
         "peak_rss_mib": first["rss_kib"] / 1024.0,
         "status": failed["status"] if failed else 0,
         "stderr": failed["stderr"] if failed else "",
     }
+
+
+def spread_pct(walls: list[float]) -> float | None:
+    """How far a command's run times lie apart: their interquartile range as a percentage of
+    their median. The same command on the same file varies by a percent or two on a steady
+    machine; much more means its speed changed during the bench (other work, or the host of a
+    virtual machine running it slower for a while) and the ratios are noisy."""
+    if len(walls) < 4:
+        return None
+    q = statistics.quantiles(walls, n=4)
+    mid = statistics.median(walls)
+    return 100.0 * (q[2] - q[0]) / mid if mid > 0 else None
+
+
+UNSTEADY_PCT = 8.0  # a spread above this marks a file's figures as noisy
 
 
 def warm(path: Path) -> None:
@@ -292,15 +308,20 @@ def print_table(entries: list[dict], tool_list: list[dict]) -> None:
     for e in entries:
         judged = e["kind"] in judged_kinds
         print(f"\n== {e['kind']}: {os.path.basename(e['file'])}, {e['bytes'] / 1e6:.1f} MB")
-        print(f"  {'command':<30} {'runs':>4} {'median s':>10} {'MB/s':>9} {'peak RSS MiB':>13}")
+        print(f"  {'command':<30} {'runs':>4} {'median s':>10} {'spread':>7} {'MB/s':>9} {'peak RSS MiB':>13}")
         for key, r in e["results"].items():
             if "skipped" in r:
                 print(f"  {labels[key]:<30} skipped ({r['skipped']})")
             elif r["status"] != 0:
                 print(f"  {labels[key]:<30} {r['runs']:>4}  FAILED (exit {r['status']}): {r['stderr'][-160:]}")
             else:
-                print(f"  {labels[key]:<30} {r['runs']:>4} {r['median_s']:>10.3f} {r['mb_per_s']:>9.1f} "
-                      f"{r['peak_rss_mib']:>13.1f}")
+                sp = r.get("spread_pct")
+                print(f"  {labels[key]:<30} {r['runs']:>4} {r['median_s']:>10.3f} "
+                      f"{'' if sp is None else f'{sp:.1f}%':>7} {r['mb_per_s']:>9.1f} {r['peak_rss_mib']:>13.1f}")
+        spreads = [r["spread_pct"] for r in e["results"].values() if r.get("spread_pct") is not None]
+        if spreads and max(spreads) > UNSTEADY_PCT:
+            print(f"  (the run times of one command lie {max(spreads):.0f}% apart (interquartile range over median): "
+                  "the machine's speed changed during the bench, so these figures are noisy)")
         ra = e["ratios"]
         # The targets are judged on the larger files; the sample's ratios are shown only.
         x = ra["quorvex-1t_vs_evtxexport"]

@@ -81,13 +81,14 @@ def row(label: str, r: dict, size: int, events: int | None) -> None:
         print(f"  {label:<44} FAILED (exit {r['status']}): {r['stderr'][-160:]}")
         return
     ev = f"{events / r['median_s']:>12,.0f}" if events else f"{'':>12}"
-    print(f"  {label:<44} {r['runs']:>4} {r['median_s']:>9.3f} {size / 1e6 / r['median_s']:>9.1f} {ev} "
-          f"{r['peak_rss_mib']:>9.1f}")
+    sp = r.get("spread_pct")
+    print(f"  {label:<44} {r['runs']:>4} {r['median_s']:>9.3f} {'' if sp is None else f'{sp:.1f}%':>7} "
+          f"{size / 1e6 / r['median_s']:>9.1f} {ev} {r['peak_rss_mib']:>9.1f}")
 
 
 def header(title: str) -> None:
     print(f"\n== {title}")
-    print(f"  {'command':<44} {'runs':>4} {'median s':>9} {'MB/s':>9} {'events/s':>12} {'RSS MiB':>9}")
+    print(f"  {'command':<44} {'runs':>4} {'median s':>9} {'spread':>7} {'MB/s':>9} {'events/s':>12} {'RSS MiB':>9}")
 
 
 def main() -> int:

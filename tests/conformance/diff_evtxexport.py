@@ -38,8 +38,8 @@ how often each one was met.
      leaves out the attribute it fills in both programs. For an element whose whole
      content is such a value, Quorvex writes the element empty and evtxexport leaves
      it out; seen in classic events' EventData:
-         quorvex     <EventData><Data>[0] Service stopped</Data><Binary /></EventData>
-         evtxexport  <EventData><Data>Service stopped</Data></EventData>
+         quorvex     <EventData><Data>Test log message</Data><Binary></Binary></EventData>
+         evtxexport  <EventData><Data>Test log message</Data></EventData>
      An empty Quorvex element (no attributes, text or children) with no counterpart
      is therefore passed over, and so is an attribute that is empty on one side and
      missing on the other. An element that evtxexport has and Quorvex lacks is

@@ -321,7 +321,7 @@ void TChunkReader::Run(const TProducer& AProducer, const TConsumer& AConsumer, u
           job.ReadRecords = nullptr;
           if (!AProducer(job)) {
             exhausted = true;
-                    batchFree.notify_all();
+            batchFree.notify_all();
             break;
           }
           ++nextJob;
