@@ -8,6 +8,7 @@
 #include "engine/event_log_binxml.h"
 #include "catalog/message_catalog.h"
 #include "catalog/sqlite_handle.h"
+#include "descriptions/time_zones.h"
 #include "imaged/imaged_pc.h"
 #include "images/image_opener.h"
 #include "platform/nt_exception.h"
@@ -38,12 +39,15 @@ void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone) {
   }
   TTimeZone zone;
   std::string key;
-  if (ASource.TimeZones().FindTimeZone(AZone, zone) || ASource.TimeZones().FindTimeZoneByDisplayName(AZone, zone))
+  const TTimeZones& zones = ASource.TimeZones();
+  if (zones.FindTimeZone(AZone, zone) || zones.FindTimeZoneByDisplayName(AZone, zone))
     key = zone.KeyName;
+  else if (const std::string windows = WindowsZoneFromIana(AZone); !windows.empty() && zones.FindTimeZone(windows, zone))
+    key = zone.KeyName; // "Europe/Berlin": the Windows zone that covers it
   if (key.empty())
     throw std::invalid_argument("--tz " + AZone +
-                                ": unknown time zone (use UTC, local, minutes such as +60, or a name listed by "
-                                "'quorvex zones')");
+                                ": unknown time zone (use UTC, local, minutes such as +60, a name listed by "
+                                "'quorvex zones' or an IANA name such as Europe/Berlin)");
   ASource.SetTimeShift(3, 0, key);
 }
 
@@ -52,7 +56,8 @@ namespace {
 void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, TIssueList& AIssues,
                   bool AAllIssues) {
   const int count = AIssues.IssueCount();
-  std::fprintf(AErr, "%s: %llu events", APath.c_str(), static_cast<unsigned long long>(AEvents));
+  std::fprintf(AErr, "%s: %llu event%s", APath.c_str(), static_cast<unsigned long long>(AEvents),
+               AEvents == 1 ? "" : "s");
   if (count == 0) {
     std::fputs(", no problems found\n", AErr);
     return;

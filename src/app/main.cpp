@@ -104,8 +104,8 @@ int main(int argc, char** argv) {
         ->default_val("table");
     ACommand->add_option("--tz", events.TimeZone,
                          "Time shift of the shown times: 'UTC', 'local' (default), minutes east of UTC such as "
-                         "+60 or -300, or a Windows zone name such as \"Pacific Standard Time\" "
-                         "(see 'quorvex zones')")
+                         "+60 or -300, a Windows zone name such as \"Pacific Standard Time\" (see "
+                         "'quorvex zones') or an IANA name such as America/Los_Angeles")
         ->default_val("local");
     ACommand->add_option("-n,--limit", events.Limit, "Stop after this many events (0 = all)")->default_val(0);
     ACommand->add_option("-t,--threads", events.Threads,

@@ -99,6 +99,11 @@ std::string TimeZoneDisplayName(const std::string& AKeyName);
 // Windows name; "UTC" when it has none.
 std::string CurrentTimeZoneKeyName();
 
+// The Windows key name of an IANA zone name as CLDR maps them ("Europe/Berlin" and
+// "europe/berlin" give "W. Europe Standard Time"); "" when the name is not a zone the
+// system knows, or the system cannot map names (Windows before 10 version 1903).
+std::string WindowsZoneFromIana(const std::string& AIanaName);
+
 // Local time minus UTC in minutes, now. A null zone means the computer's zone (0 when that
 // cannot be determined); a zone with an invalid rule gives -Bias.
 int TimeZoneOffset(const TTimeZone* AZone);

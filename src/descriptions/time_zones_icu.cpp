@@ -11,6 +11,7 @@
 #include <unicode/timezone.h>
 #include <unicode/tznames.h>
 #include <unicode/tzrule.h>
+#include <unicode/uchar.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -174,6 +175,22 @@ std::string CurrentTimeZoneKeyName() {
   icu::UnicodeString id;
   std::string key = WindowsId(local->getID(id));
   return key.empty() ? "UTC" : key;
+}
+
+std::string WindowsZoneFromIana(const std::string& AIanaName) {
+  if (AIanaName.empty() || AIanaName.size() > 64) return {};
+  const icu::UnicodeString name = icu::UnicodeString::fromUTF8(AIanaName);
+  if (std::string key = WindowsId(name); !key.empty()) return key;
+  // ICU's names are case-sensitive; people type "europe/berlin" too.
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::StringEnumeration> ids(
+      icu::TimeZone::createTimeZoneIDEnumeration(UCAL_ZONE_TYPE_ANY, nullptr, nullptr, status));
+  if (U_FAILURE(status)) return {};
+  while (const icu::UnicodeString* id = ids->snext(status)) {
+    if (U_FAILURE(status)) break;
+    if (id->caseCompare(name, U_FOLD_CASE_DEFAULT) == 0) return WindowsId(*id);
+  }
+  return {};
 }
 
 bool LocalTimeZoneInformation(TTimeZoneInformation& ATzi) {

@@ -129,6 +129,47 @@ std::string CurrentTimeZoneKeyName() {
   return name;
 }
 
+// The system's ICU (icu.dll, Windows 10 version 1903 on) maps IANA names; its functions
+// carry no version suffix there.
+std::string WindowsZoneFromIana(const std::string& AIanaName) {
+  if (AIanaName.empty() || AIanaName.size() > 64) return {};
+  using TGetWindowsId = int32_t (*)(const wchar_t*, int32_t, wchar_t*, int32_t, int*);
+  using TOpenZones = void* (*)(int*);
+  using TNext = const wchar_t* (*)(void*, int32_t*, int*);
+  using TClose = void (*)(void*);
+  static const HMODULE icu = LoadLibraryExW(L"icu.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+  if (!icu) return {};
+  const auto getWindowsId = reinterpret_cast<TGetWindowsId>(GetProcAddress(icu, "ucal_getWindowsTimeZoneID"));
+  const auto openZones = reinterpret_cast<TOpenZones>(GetProcAddress(icu, "ucal_openTimeZones"));
+  const auto next = reinterpret_cast<TNext>(GetProcAddress(icu, "uenum_unext"));
+  const auto close = reinterpret_cast<TClose>(GetProcAddress(icu, "uenum_close"));
+  if (!getWindowsId) return {};
+  auto windowsId = [&](const wchar_t* AId, int32_t ALength) -> std::string {
+    wchar_t key[128];
+    int status = 0; // U_ZERO_ERROR; failures are positive
+    const int32_t n = getWindowsId(AId, ALength, key, 128, &status);
+    return status <= 0 && n > 0 && n < 128 ? Narrow(key, static_cast<size_t>(n)) : std::string();
+  };
+  const std::wstring name = Wide(AIanaName);
+  if (std::string key = windowsId(name.c_str(), static_cast<int32_t>(name.size())); !key.empty()) return key;
+  if (!openZones || !next || !close) return {};
+  // The names are case-sensitive; people type "europe/berlin" too.
+  int status = 0;
+  void* zones = openZones(&status);
+  if (!zones || status > 0) return {};
+  std::string key;
+  int32_t length = 0;
+  while (const wchar_t* id = next(zones, &length, &status)) {
+    if (status > 0) break;
+    if (CompareStringOrdinal(id, length, name.c_str(), static_cast<int>(name.size()), TRUE) == CSTR_EQUAL) {
+      key = windowsId(id, length);
+      break;
+    }
+  }
+  close(zones);
+  return key;
+}
+
 bool LocalTimeZoneInformation(TTimeZoneInformation& ATzi) {
   TIME_ZONE_INFORMATION tzi{};
   if (GetTimeZoneInformation(&tzi) == TIME_ZONE_ID_INVALID) return false;

@@ -53,6 +53,12 @@ assert a == b and shifted["time"].endswith("+01:00"), (utc["time"], shifted["tim
 EOF
 check tz-fixed-shift $?
 
+# An IANA name stands for the Windows zone that covers it, whatever its letter case.
+"$QVX" events --format jsonl --tz "W. Europe Standard Time" -q -n 5 "$tmp/demo.evtx" >"$tmp/windows-zone.jsonl"
+"$QVX" events --format jsonl --tz europe/berlin -q -n 5 "$tmp/demo.evtx" >"$tmp/iana-zone.jsonl" &&
+  cmp -s "$tmp/windows-zone.jsonl" "$tmp/iana-zone.jsonl" && [ -s "$tmp/iana-zone.jsonl" ]
+check tz-iana-name $?
+
 # CSV and XML parse with standard readers.
 "$QVX" events --format csv -q "$tmp/demo.evtx" >"$tmp/events.csv"
 python3 -c "
@@ -153,7 +159,7 @@ expect scan-directory 1 "quorvex: $tmp: 21: Is a directory" -- "$QVX" scan "$tmp
 printf 'not a log\n%.0s' {1..50} >"$tmp/text.evtx"
 expect events-not-evtx 1 "quorvex: $tmp/text.evtx: not an .evtx file: no \"ElfFile\" signature at offset 0x0 (use 'quorvex scan' to search it for chunks)" -- \
   "$QVX" events "$tmp/text.evtx"
-expect tz-unknown 1 "quorvex: --tz Mars: unknown time zone (use UTC, local, minutes such as +60, or a name listed by 'quorvex zones')" -- \
+expect tz-unknown 1 "quorvex: --tz Mars: unknown time zone (use UTC, local, minutes such as +60, a name listed by 'quorvex zones' or an IANA name such as Europe/Berlin)" -- \
   "$QVX" events --tz Mars "$tmp/demo.evtx"
 if [ "$(id -u)" != 0 ]; then
   cp "$tmp/demo.evtx" "$tmp/locked.evtx"

@@ -425,5 +425,16 @@ TEST(PlatformTimeZones, ComputersZoneIsInTheTable) {
   EXPECT_TRUE(LocalTimeZoneInformation(local));
 }
 
+TEST(PlatformTimeZones, IanaNamesMapToTheWindowsZoneThatCoversThem) {
+  EXPECT_EQ(WindowsZoneFromIana("Europe/Berlin"), "W. Europe Standard Time");
+  EXPECT_EQ(WindowsZoneFromIana("europe/BERLIN"), "W. Europe Standard Time");
+  EXPECT_EQ(WindowsZoneFromIana("America/Los_Angeles"), "Pacific Standard Time");
+  EXPECT_EQ(WindowsZoneFromIana("US/Pacific"), "Pacific Standard Time"); // an alias
+  EXPECT_EQ(WindowsZoneFromIana("Australia/Sydney"), "AUS Eastern Standard Time");
+  EXPECT_EQ(WindowsZoneFromIana("Mars/Olympus_Mons"), "");
+  EXPECT_EQ(WindowsZoneFromIana(""), "");
+  EXPECT_EQ(WindowsZoneFromIana(std::string(100, 'a')), "");
+}
+
 } // namespace
 } // namespace qvx

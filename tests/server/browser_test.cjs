@@ -124,7 +124,7 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     await page.keyboard.press('Space');
     await grid.getByRole('gridcell', { name: 'Bookmarked' }).first().waitFor();
     await page.getByLabel('Bookmarked only').check();
-    await statusStarts('1 events');
+    await statusStarts('1 event in view');
     check(true, 'one bookmarked row in view', '');
     await shot('6-bookmarked');
 

@@ -46,7 +46,7 @@ async function start(): Promise<void> {
 
   const showStatus = (busy: boolean) => {
     const words = FilterForm.describe(view.query.filter) + (view.query.bookmarked ? '; bookmarked only' : '');
-    status.textContent = `${grid.count.toLocaleString('en-US')} events in view · ${info.total.toLocaleString('en-US')} in the store · ` +
+    status.textContent = `${grid.count.toLocaleString('en-US')} event${grid.count === 1 ? '' : 's'} in view · ${info.total.toLocaleString('en-US')} in the store · ` +
       `${bookmarks} bookmarked · filter: ${words} · time zone: ${info.timeZone || 'as loaded'}${busy ? ' · working…' : ''}`;
     byId('grid').setAttribute('aria-busy', String(busy));
     document.body.classList.toggle('busy', busy);
