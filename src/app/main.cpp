@@ -9,9 +9,35 @@
 #include <malloc.h>
 #endif
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <string_view>
 #include <thread>
+#include <vector>
+
+namespace {
+
+// Letters to insert, delete or change to turn one word into the other (ASCII case ignored).
+size_t EditDistance(std::string_view A, std::string_view B) {
+  if (A.size() > 64 || B.size() > 64) return std::max(A.size(), B.size());
+  std::vector<size_t> row(B.size() + 1);
+  for (size_t j = 0; j <= B.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= A.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= B.size(); ++j) {
+      const size_t above = row[j];
+      const bool same = std::tolower(static_cast<unsigned char>(A[i - 1])) ==
+                        std::tolower(static_cast<unsigned char>(B[j - 1]));
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[B.size()];
+}
+
+} // namespace
 
 int main(int argc, char** argv) {
   using namespace qvx::app;
@@ -379,6 +405,30 @@ int main(int argc, char** argv) {
   cmdDemo->add_option("-n,--records", demoRecords, "Number of records to write")->default_val(300);
   cmdDemo->add_flag("--no-dump", demoNoDump, "Only write the log");
 
+  // Without a command the help is what a user needs; a word that names no command is said to
+  // be one (the parser would only say that a command is required), with the nearest name.
+  if (argc < 2) {
+    std::fputs(app.help().c_str(), stdout);
+    return 1;
+  }
+  if (argv[1][0] != '-') {
+    std::string nearest;
+    size_t nearestDistance = 3; // a name two edits away or closer is suggested
+    bool known = false;
+    for (const CLI::App* command : app.get_subcommands({})) {
+      known = known || command->check_name(argv[1]);
+      const size_t distance = EditDistance(argv[1], command->get_name());
+      if (distance < nearestDistance) {
+        nearestDistance = distance;
+        nearest = command->get_name();
+      }
+    }
+    if (!known) {
+      std::fprintf(stderr, "quorvex: '%s' is not a command%s\nRun 'quorvex --help' for the commands.\n", argv[1],
+                   nearest.empty() ? "" : (" (did you mean '" + nearest + "'?)").c_str());
+      return 1;
+    }
+  }
   CLI11_PARSE(app, argc, argv);
   if (!*cmdDump) qvx::InstallImageOpener();
 

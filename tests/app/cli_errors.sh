@@ -24,6 +24,16 @@ expect() { # expect NAME EXPECTED_STATUS EXPECTED_STDERR -- command...
   fi
 }
 
+# A word that names no command is said to be one, with the nearest name; no word at all
+# gives the help.
+expect unknown-command 1 "quorvex: 'evnts' is not a command (did you mean 'events'?)
+Run 'quorvex --help' for the commands." -- "$QVX" evnts "$tmp/none.evtx"
+expect unknown-command-far 1 "quorvex: 'frobnicate' is not a command
+Run 'quorvex --help' for the commands." -- "$QVX" frobnicate
+"$QVX" >"$tmp/help.txt" 2>&1
+[ $? = 1 ] && grep -q '^Subcommands:' "$tmp/help.txt" && grep -q '^  events ' "$tmp/help.txt" &&
+  echo "ok   no-command-help" || { echo "FAIL no-command-help"; fail=1; }
+
 expect missing-file 1 "quorvex: $tmp/none.evtx: 2: No such file or directory" -- \
   "$QVX" dump "$tmp/none.evtx"
 expect directory 1 "quorvex: $tmp: 21: Is a directory" -- "$QVX" dump "$tmp"
