@@ -411,6 +411,20 @@ int main(int argc, char** argv) {
     std::fputs(app.help().c_str(), stdout);
     return 1;
   }
+  // "quorvex help [COMMAND...]" is "quorvex [COMMAND...] --help".
+  std::vector<char*> helpArgs;
+  if (std::string_view(argv[1]) == "help") {
+    static char helpFlag[] = "--help";
+    helpArgs.assign(argv, argv + argc);
+    helpArgs.erase(helpArgs.begin() + 1);
+    helpArgs.push_back(helpFlag);
+    argc = static_cast<int>(helpArgs.size());
+    argv = helpArgs.data();
+    if (argc == 2) {
+      std::fputs(app.help().c_str(), stdout);
+      return 0;
+    }
+  }
   if (argv[1][0] != '-') {
     std::string nearest;
     size_t nearestDistance = 3; // a name two edits away or closer is suggested

@@ -33,6 +33,9 @@ Run 'quorvex --help' for the commands." -- "$QVX" frobnicate
 "$QVX" >"$tmp/help.txt" 2>&1
 [ $? = 1 ] && grep -q '^Subcommands:' "$tmp/help.txt" && grep -q '^  events ' "$tmp/help.txt" &&
   echo "ok   no-command-help" || { echo "FAIL no-command-help"; fail=1; }
+"$QVX" help events >"$tmp/help-events.txt" 2>&1 && grep -q -- '--tz' "$tmp/help-events.txt" &&
+  "$QVX" help >"$tmp/help.txt" 2>&1 && grep -q '^Subcommands:' "$tmp/help.txt" &&
+  echo "ok   help-command" || { echo "FAIL help-command"; fail=1; }
 
 expect missing-file 1 "quorvex: $tmp/none.evtx: 2: No such file or directory" -- \
   "$QVX" dump "$tmp/none.evtx"
