@@ -32,7 +32,6 @@
 
 namespace qvx::app {
 
-namespace fs = std::filesystem;
 using namespace qvx::hunt;
 
 namespace {
@@ -482,34 +481,21 @@ public:
   }
 
   void Input(const std::string& APath) {
-    std::error_code error;
-    if (!FOptions.Scan && fs::is_directory(APath, error)) {
-      std::vector<std::string> files;
-      for (fs::recursive_directory_iterator it(APath, fs::directory_options::skip_permission_denied, error), end;
-           !error && it != end; it.increment(error)) {
-        const std::string extension = FoldText(it->path().extension().string());
-        if ((extension == ".evtx" || extension == ".evt") && it->is_regular_file(error))
-          files.push_back(it->path().string());
-      }
-      if (error) Fail(APath + ": cannot be read: " + error.message());
-      std::sort(files.begin(), files.end());
-      for (const std::string& file : files) File(file);
-      return;
-    }
-    // A disk image stands for the logs of its installation (and of its shadow copies).
-    std::optional<TImageLogs> image;
+    // A folder stands for its logs, a disk image for those of its installation (and of
+    // its shadow copies).
+    std::optional<TImageLogs> expanded;
     try {
-      if (!FOptions.Scan) image = ExpandImageInput(APath, FOptions.Shadows);
+      if (!FOptions.Scan) expanded = ExpandInput(APath, FOptions.Shadows);
     } catch (const std::exception& e) {
       Fail(e.what());
       return;
     }
-    if (!image) {
+    if (!expanded) {
       File(APath);
       return;
     }
-    for (const std::string& problem : image->Problems) Fail(problem);
-    for (const std::string& log : image->Logs) File(log);
+    for (const std::string& problem : expanded->Problems) Fail(problem);
+    for (const std::string& log : expanded->Logs) File(log);
   }
 
   // The closing summary; false when the output could not be written.

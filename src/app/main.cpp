@@ -285,8 +285,9 @@ int main(int argc, char** argv) {
   };
   auto* cmdOpen = app.add_subcommand("open", "Load logs into an event store file for viewing, filtering and alerts");
   cmdOpen->add_option("logs", store.Logs,
-                      ".evtx or .evt files, or disk images (every log of the installation in each, IMAGE@VOLUME\n"
-                      "or IMAGE@VOLUME:vssN for one volume or shadow copy; with --scan: images, devices, damaged files)")
+                      ".evtx or .evt files, folders of them (every log in each and below it), or disk images\n"
+                      "(every log of the installation in each, IMAGE@VOLUME or IMAGE@VOLUME:vssN for one volume or\n"
+                      "shadow copy; with --scan: images, devices, damaged files)")
       ->required();
   cmdOpen->add_option("-s,--store", store.Store, "The store file to create (an existing store is replaced)")->required();
   cmdOpen->add_flag("--append", store.Append, "Add the logs to the store's events instead of replacing them");
@@ -305,8 +306,8 @@ int main(int argc, char** argv) {
   auto* cmdServe = app.add_subcommand("serve", "Show logs or a store in the browser: events grid, details, filter, "
                                                "statistics, bookmarks, export");
   cmdServe->add_option("inputs", store.Logs,
-                       ".evtx or .evt files or disk images to load (as for 'open'; with --scan: any data), or one\n"
-                       "store (.db)")
+                       ".evtx or .evt files, folders of them or disk images to load (as for 'open'; with --scan:\n"
+                       "any data), or one store (.db)")
       ->required();
   cmdServe->add_option("-s,--store", store.Store, "Load into this store file and keep it (default: a temporary store)");
   cmdServe->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");

@@ -130,7 +130,10 @@ int RunServe(const TServeOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     settings.Roots = AOptions.Roots;
     if (settings.Roots.empty())
       for (const std::string& input : AOptions.Store.Logs) {
-        const std::filesystem::path folder = std::filesystem::absolute(input).parent_path();
+        // A folder given as an input is a root itself; a log's or image's folder otherwise.
+        std::error_code error;
+        std::filesystem::path folder = std::filesystem::absolute(input).lexically_normal();
+        if (!folder.has_filename() || !std::filesystem::is_directory(folder, error)) folder = folder.parent_path();
         if (std::find(settings.Roots.begin(), settings.Roots.end(), folder.string()) == settings.Roots.end())
           settings.Roots.push_back(folder.string());
       }

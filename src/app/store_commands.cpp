@@ -398,14 +398,15 @@ std::string LogNameFor(const std::string& APath) {
 
 int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
   try {
-    // A disk image stands for every log of the installation in it, described from it.
+    // A folder stands for the logs in it, a disk image for every log of the installation
+    // in it, described from it.
     TStoreOptions options = AOptions;
     std::vector<std::string> logs;
     std::set<std::string> optional; // logs of shadow copies: damage there skips the log only
     int skipped = 0;
     for (const std::string& path : AOptions.Logs) {
       std::optional<TImageLogs> image;
-      if (!options.Scan) image = ExpandImageInput(path, options.Shadows);
+      if (!options.Scan) image = ExpandInput(path, options.Shadows);
       if (!image) {
         logs.push_back(path);
         continue;

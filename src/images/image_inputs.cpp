@@ -5,6 +5,7 @@
 #include "platform/raw_file.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <cctype>
 #include <cstring>
 #include <stdexcept>
@@ -190,6 +191,31 @@ std::optional<TImageLogs> ExpandImageInput(const std::string& APath, bool AShado
     result.Problems.push_back(current);
   }
   return result;
+}
+
+std::vector<std::string> FolderLogsOf(const std::string& AFolder) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> logs;
+  std::error_code error;
+  fs::recursive_directory_iterator it(AFolder, fs::directory_options::skip_permission_denied, error), end;
+  for (; !error && it != end; it.increment(error)) {
+    std::error_code kind;
+    if (NamedAsLog(it->path().filename().string()) && it->is_regular_file(kind)) logs.push_back(it->path().string());
+  }
+  if (error) throw std::runtime_error(AFolder + ": the folder cannot be read: " + error.message());
+  if (logs.empty()) throw std::runtime_error(AFolder + ": no .evtx or .evt log in this folder or below it");
+  std::sort(logs.begin(), logs.end());
+  return logs;
+}
+
+std::optional<TImageLogs> ExpandInput(const std::string& APath, bool AShadows) {
+  std::error_code error;
+  if (APath.find("::") == std::string::npos && std::filesystem::is_directory(APath, error)) {
+    TImageLogs result;
+    result.Logs = FolderLogsOf(APath);
+    return result;
+  }
+  return ExpandImageInput(APath, AShadows);
 }
 
 } // namespace qvx

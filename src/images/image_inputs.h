@@ -59,4 +59,13 @@ struct TImageLogs {
 // image gives no log at all.
 std::optional<TImageLogs> ExpandImageInput(const std::string& APath, bool AShadows);
 
+// The .evtx and .evt logs in a folder and its subfolders (a copied winevt\Logs, a
+// mounted volume), sorted by path. Subfolders that cannot be read are passed over.
+// Raises std::runtime_error naming the folder when it cannot be listed or holds no log.
+std::vector<std::string> FolderLogsOf(const std::string& AFolder);
+
+// What an input of 'open', 'serve' and 'hunt' stands for: a folder its logs
+// (FolderLogsOf), a disk image as ExpandImageInput says, nothing for a log.
+std::optional<TImageLogs> ExpandInput(const std::string& APath, bool AShadows);
+
 } // namespace qvx

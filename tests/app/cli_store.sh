@@ -37,6 +37,18 @@ check alerts-started test "$(wc -l <"$tmp/alerted.txt")" -eq "$errors"
 check alerts-args grep -q "^1000|Application Error; touch $tmp/INJECTED$" "$tmp/alerted.txt"
 check alerts-no-shell test ! -e "$tmp/INJECTED"
 
+# A folder stands for every log in it and below it, whatever the letter case of the name
+# ending; a folder without a log is refused before the store is touched.
+mkdir -p "$tmp/logs/sub" "$tmp/nologs"
+cp "$tmp/demo.evtx" "$tmp/logs/a.evtx"
+cp "$tmp/demo.evtx" "$tmp/logs/sub/B.EVTX"
+echo text >"$tmp/logs/notes.txt"
+summary=$("$QVX" open "$tmp/logs" -s "$tmp/folder.db" 2>&1)
+check open-folder grep -q "$((2 * all)) events loaded from 2 logs" <<<"$summary"
+err=$("$QVX" open "$tmp/nologs" -s "$tmp/s.db" 2>&1)
+check open-empty-folder test "$?/$err" = "1/quorvex: $tmp/nologs: no .evtx or .evt log in this folder or below it"
+check open-empty-folder-store-kept test "$("$QVX" view "$tmp/s.db" --count)" -eq "$all"
+
 # Filter texts are data: SQL in them matches nothing, wildcards are plain characters (the
 # in-memory filter of "quorvex events" is the yardstick), and the store stays whole.
 check source-injection test "$("$QVX" view "$tmp/s.db" --source "x') OR ('1'='1" --count)" -eq 0
