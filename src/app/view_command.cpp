@@ -51,8 +51,15 @@ void PrintStats(TEvtLiteAdaptor& AStore, const std::string& AWhere, std::FILE* A
                  static_cast<long long>(count));
   }
   std::fputs("\nTop sources:\n", AOut);
-  for (const auto& [source, count] : stats.TopSources)
-    std::fprintf(AOut, "  %-40s %10lld\n", source.c_str(), static_cast<long long>(count));
+  // As wide as the longest name (a longer one than 60 columns is cut), so the counts align.
+  size_t width = 15;
+  for (const auto& entry : stats.TopSources) width = std::max(width, std::min<size_t>(60, DisplayColumns(entry.first)));
+  std::string line;
+  for (const auto& [source, count] : stats.TopSources) {
+    line.assign("  ");
+    AppendCell(line, source, width, false);
+    std::fprintf(AOut, "%s %10lld\n", line.c_str(), static_cast<long long>(count));
+  }
   std::fputs(stats.Hourly ? "\nEvents per hour:\n" : "\nEvents per day:\n", AOut);
   int64_t largest = 1;
   for (const auto& bucket : stats.OverTime) largest = std::max(largest, bucket.second);

@@ -32,6 +32,24 @@ check sort-order test "$first" \< "$last"
 check bookmark sh -c "'$QVX' view '$tmp/s.db' --id 1000 --bookmark 2>&1 | grep -q '$errors events bookmarked'"
 check bookmarked test "$("$QVX" view "$tmp/s.db" --bookmarked --count)" -eq "$errors"
 check stats sh -c "'$QVX' view '$tmp/s.db' --stats | grep -q 'Top sources'"
+# The counts of the top sources stay in one column whatever the names' lengths.
+cp "$tmp/s.db" "$tmp/long.db"
+python3 - "$tmp/long.db" <<'PY'
+import sqlite3, sys
+db = sqlite3.connect(sys.argv[1])
+cols = [r[1] for r in db.execute("PRAGMA table_info(Events)") if r[1] != "_ID"]
+for source in ("Microsoft-Windows-TerminalServices-RemoteConnectionManager", "X" * 90):
+    db.execute(f"INSERT INTO Events ({','.join(cols)}) SELECT {','.join('?' if c == 'Source' else c for c in cols)} "
+               "FROM Events LIMIT 1", (source,))
+db.commit()
+PY
+check stats-aligned python3 - <<PY
+import subprocess
+out = subprocess.run(["$QVX", "view", "$tmp/long.db", "--stats"], capture_output=True, text=True).stdout
+lines = out.split("Top sources:\n")[1].split("\n\n")[0].splitlines()
+assert len(lines) >= 3 and len({len(l) for l in lines}) == 1, lines
+assert any(l.strip().startswith("XXXX") and "…" in l for l in lines), lines
+PY
 for i in $(seq 50); do [ "$(wc -l <"$tmp/alerted.txt" 2>/dev/null || echo 0)" -ge "$errors" ] && break; sleep 0.1; done
 check alerts-started test "$(wc -l <"$tmp/alerted.txt")" -eq "$errors"
 check alerts-args grep -q "^1000|Application Error; touch $tmp/INJECTED$" "$tmp/alerted.txt"
