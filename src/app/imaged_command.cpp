@@ -1,5 +1,6 @@
 // quorvex imaged: what an offline Windows installation holds for its events.
 #include "app/commands.h"
+#include "app/text_table.h"
 
 #include "imaged/imaged_pc.h"
 #include "platform/file_names.h"
@@ -115,8 +116,9 @@ int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
                  pc.UILanguages().empty() ? "(none listed)" : Join(pc.UILanguages(), ", ").c_str());
     std::fprintf(AOut, "Time zones       %d\n", pc.TimeZones().Count());
     std::fprintf(AOut, "Folder mapping\n");
-    for (const auto& [name, folder] : pc.FoldersMapping())
-      std::fprintf(AOut, "  %-28s %s\n", name.c_str(), NativeSeparators(folder).c_str());
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [name, folder] : pc.FoldersMapping()) rows.push_back({name, NativeSeparators(folder)});
+    std::fputs(AlignedRows(rows).c_str(), AOut);
   }
   if (wanted("logs")) ListLogs(pc, AOut);
 
@@ -128,28 +130,33 @@ int RunImaged(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
   }
   if (wanted("channels")) {
     Heading(AOut, "Channels", pc.Channels().size());
+    std::vector<std::vector<std::string>> rows;
     for (const auto& [channel, owner] : pc.Channels()) {
       std::string key = owner;
       std::transform(key.begin(), key.end(), key.begin(), [](unsigned char c) { return std::toupper(c); });
       const auto name = publisherNames.find(key);
-      std::fprintf(AOut, "  %-60s %s\n", channel.c_str(),
-                   name != publisherNames.end() ? name->second.c_str() : owner.empty() ? "-" : owner.c_str());
+      rows.push_back({channel, name != publisherNames.end() ? name->second : owner.empty() ? "-" : owner});
     }
+    std::fputs(AlignedRows(rows).c_str(), AOut);
   }
   if (wanted("publishers")) {
     Heading(AOut, "Publishers", pc.Publishers().size());
+    std::vector<std::vector<std::string>> rows;
     for (const auto& [guid, name] : pc.Publishers())
-      std::fprintf(AOut, "  %-50s %s  %s\n", name.empty() ? "(unnamed)" : name.c_str(), guid.c_str(),
-                   FilesOf(pc, name).c_str());
+      rows.push_back({name.empty() ? "(unnamed)" : name, guid, FilesOf(pc, name)});
+    std::fputs(AlignedRows(rows).c_str(), AOut);
   }
   if (wanted("sources")) {
     Heading(AOut, "Classic sources", pc.ClassicSources().size());
-    for (const auto& [log, source] : pc.ClassicSources())
-      std::fprintf(AOut, "  %-20s %-40s %s\n", log.c_str(), source.c_str(), FilesOf(pc, source).c_str());
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [log, source] : pc.ClassicSources()) rows.push_back({log, source, FilesOf(pc, source)});
+    std::fputs(AlignedRows(rows).c_str(), AOut);
   }
   if (wanted("users")) {
     Heading(AOut, "Users", pc.Users().size());
-    for (const auto& [sid, name] : pc.Users()) std::fprintf(AOut, "  %-48s %s\n", sid.c_str(), name.c_str());
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [sid, name] : pc.Users()) rows.push_back({sid, name});
+    std::fputs(AlignedRows(rows).c_str(), AOut);
   }
   return imageStatus;
 }

@@ -80,6 +80,28 @@ void AppendCell(std::string& AOut, std::string_view AText, size_t AWidth, bool A
   if (!ARight) AOut.append(pad, ' ');
 }
 
+std::string AlignedRows(const std::vector<std::vector<std::string>>& ARows, std::string_view AIndent) {
+  std::vector<size_t> widths;
+  for (const auto& row : ARows) {
+    if (widths.size() < row.size()) widths.resize(row.size());
+    for (size_t i = 0; i + 1 < row.size(); ++i) widths[i] = std::max(widths[i], DisplayColumns(row[i]));
+  }
+  std::string out;
+  for (const auto& row : ARows) {
+    out += AIndent;
+    for (size_t i = 0; i < row.size(); ++i) {
+      if (i + 1 < row.size()) {
+        AppendCell(out, row[i], widths[i], false, false);
+        out += "  ";
+      } else {
+        AppendVisible(out, row[i]);
+      }
+    }
+    out += '\n';
+  }
+  return out;
+}
+
 TTextTable::TTextTable(std::string& AOut, std::vector<TTableColumn> AColumns, unsigned AWidth, size_t AScreenRows)
     : FOut(AOut), FColumns(std::move(AColumns)), FWidth(AWidth), FScreenRows(std::max<size_t>(1, AScreenRows)) {}
 

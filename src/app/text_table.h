@@ -19,6 +19,10 @@ size_t DisplayColumns(std::string_view AText);
 // false a longer text is written whole.
 void AppendCell(std::string& AOut, std::string_view AText, size_t AWidth, bool ARight, bool ACut = true);
 
+// The rows of a listing as lines: every column but the last as wide as its widest value
+// in all rows, nothing cut (names are copied from listings), AIndent before each line.
+std::string AlignedRows(const std::vector<std::vector<std::string>>& ARows, std::string_view AIndent = "  ");
+
 struct TTableColumn {
   std::string_view Header;
   bool Right = false;   // numbers are right-aligned

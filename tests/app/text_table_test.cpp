@@ -98,5 +98,22 @@ TEST(TextTable, EmptyTableStillHasItsHeaderAndNotesAreIndented) {
   EXPECT_LE(DisplayColumns(lines[2]), 41u);
 }
 
+TEST(TextTable, ListingRowsAlignEveryColumnAndCutNothing) {
+  const std::string out = AlignedRows({{"Application", "Microsoft-Windows-A", "a.dll"},
+                                       {"Microsoft-Windows-TerminalServices-RemoteConnectionManager/Admin", "B",
+                                        "b.dll"},
+                                       {"\xE6\x97\xA5\xE6\x9C\xAC", "C", "c.dll"}}); // two wide characters
+  const auto lines = Lines(out);
+  ASSERT_EQ(lines.size(), 3u);
+  // The last column starts at the same display column on every line.
+  auto lastColumn = [](const std::string& ALine) { return DisplayColumns(ALine.substr(0, ALine.find(".dll") - 1)); };
+  for (const std::string& line : lines) {
+    EXPECT_EQ(line.rfind("  ", 0), 0u);
+    EXPECT_EQ(lastColumn(line), lastColumn(lines[0])) << line;
+  }
+  EXPECT_NE(lines[1].find("RemoteConnectionManager/Admin"), std::string::npos);
+  EXPECT_EQ(out.find("\xE2\x80\xA6"), std::string::npos);
+}
+
 } // namespace
 } // namespace qvx::app
