@@ -139,10 +139,12 @@ std::string WindowsZoneFromIana(const std::string& AIanaName) {
   using TClose = void (*)(void*);
   static const HMODULE icu = LoadLibraryExW(L"icu.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (!icu) return {};
-  const auto getWindowsId = reinterpret_cast<TGetWindowsId>(GetProcAddress(icu, "ucal_getWindowsTimeZoneID"));
-  const auto openZones = reinterpret_cast<TOpenZones>(GetProcAddress(icu, "ucal_openTimeZones"));
-  const auto next = reinterpret_cast<TNext>(GetProcAddress(icu, "uenum_unext"));
-  const auto close = reinterpret_cast<TClose>(GetProcAddress(icu, "uenum_close"));
+  // Through void (*)(), which converts to any function pointer type without a warning.
+  auto entry = [](const char* AName) { return reinterpret_cast<void (*)()>(GetProcAddress(icu, AName)); };
+  const auto getWindowsId = reinterpret_cast<TGetWindowsId>(entry("ucal_getWindowsTimeZoneID"));
+  const auto openZones = reinterpret_cast<TOpenZones>(entry("ucal_openTimeZones"));
+  const auto next = reinterpret_cast<TNext>(entry("uenum_unext"));
+  const auto close = reinterpret_cast<TClose>(entry("uenum_close"));
   if (!getWindowsId) return {};
   auto windowsId = [&](const wchar_t* AId, int32_t ALength) -> std::string {
     wchar_t key[128];
