@@ -5,9 +5,9 @@
 #include "platform/raw_file.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <cctype>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
 #include <sys/stat.h>
 
