@@ -279,6 +279,9 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     const std::string hint = "(use --carve to search it for chunks)";
     if (const size_t at = message.find(hint); at != std::string::npos)
       message.replace(at, hint.size(), "(use 'quorvex scan' to search it for chunks)");
+    std::error_code error;
+    if (std::filesystem::is_directory(AOptions.Path, error))
+      message += " (the logs of a folder are read together by 'quorvex open FOLDER -s STORE' or 'quorvex hunt')";
     std::fprintf(AErr, "quorvex: %s\n", message.c_str());
     return 1;
   }

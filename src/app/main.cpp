@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -58,6 +59,25 @@ int main(int argc, char** argv) {
                "instead of stopping at it.",
                "quorvex"};
   app.require_subcommand(1);
+  // A wrong option is named with the command it was given to, and points to that command's help.
+  app.failure_message([](const CLI::App* AApp, const CLI::Error& AError) {
+    std::string command = "quorvex";
+    for (const CLI::App* at = AApp; !at->get_subcommands().empty();) {
+      at = at->get_subcommands().front();
+      command += " " + at->get_name();
+    }
+    return command + ": " + AError.what() + "\nRun '" + command + " --help' for the options.\n";
+  });
+  // Parses the command line: nothing when it is good, else the exit status after the help,
+  // the version or the error was printed (0, or 2 for a wrong command line).
+  auto parse = [&app](int AArgc, char** AArgv) -> std::optional<int> {
+    try {
+      app.parse(AArgc, AArgv);
+      return std::nullopt;
+    } catch (const CLI::ParseError& e) {
+      return app.exit(e) == 0 ? 0 : 2;
+    }
+  };
   app.set_version_flag("--version", "quorvex 0.1.0");
   app.footer("Examples:\n"
              "  quorvex events Security.evtx                     the events, newest first, as a table\n"
@@ -115,7 +135,7 @@ int main(int argc, char** argv) {
       for (std::string_view name : kOtherCommands)
         if (name == argv[i]) onlyDump = false;
     if (onlyDump) {
-      CLI11_PARSE(app, argc, argv);
+      if (const std::optional<int> status = parse(argc, argv)) return *status;
       return runDump();
     }
   }
@@ -444,7 +464,7 @@ int main(int argc, char** argv) {
       return 1;
     }
   }
-  CLI11_PARSE(app, argc, argv);
+  if (const std::optional<int> status = parse(argc, argv)) return *status;
   if (!*cmdDump) qvx::InstallImageOpener();
 
   if (*cmdDump) return runDump();

@@ -30,6 +30,8 @@ expect unknown-command 1 "quorvex: 'evnts' is not a command (did you mean 'event
 Run 'quorvex --help' for the commands." -- "$QVX" evnts "$tmp/none.evtx"
 expect unknown-command-far 1 "quorvex: 'frobnicate' is not a command
 Run 'quorvex --help' for the commands." -- "$QVX" frobnicate
+expect wrong-option-value 2 "quorvex events: --format: xls not in {table,csv,jsonl,xml}
+Run 'quorvex events --help' for the options." -- "$QVX" events --format xls "$tmp/none.evtx"
 "$QVX" >"$tmp/help.txt" 2>&1
 [ $? = 1 ] && grep -q '^Subcommands:' "$tmp/help.txt" && grep -q '^  events ' "$tmp/help.txt" &&
   echo "ok   no-command-help" || { echo "FAIL no-command-help"; fail=1; }

@@ -153,7 +153,7 @@ expect() { # expect NAME STATUS STDERR -- command...
   fi
 }
 expect events-missing 1 "quorvex: $tmp/none.evtx: 2: No such file or directory" -- "$QVX" events "$tmp/none.evtx"
-expect events-directory 1 "quorvex: $tmp: 21: Is a directory" -- "$QVX" events "$tmp"
+expect events-directory 1 "quorvex: $tmp: 21: Is a directory (the logs of a folder are read together by 'quorvex open FOLDER -s STORE' or 'quorvex hunt')" -- "$QVX" events "$tmp"
 expect scan-missing 1 "quorvex: $tmp/none.img: 2: No such file or directory" -- "$QVX" scan "$tmp/none.img"
 expect scan-directory 1 "quorvex: $tmp: 21: Is a directory" -- "$QVX" scan "$tmp"
 printf 'not a log\n%.0s' {1..50} >"$tmp/text.evtx"
