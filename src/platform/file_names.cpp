@@ -33,23 +33,85 @@ std::string NativeSeparators(std::string_view APath) {
   return path;
 }
 
+namespace {
+
+// The small letter of a capital in the scripts file names are written in (Latin with its
+// extensions, Greek, Cyrillic, Armenian, Georgian, the full-width forms); any other code
+// point unchanged. One to one, as a file system compares names: no letter becomes two.
+char32_t SmallLetter(char32_t c) {
+  auto pairEven = [c](char32_t AFirst, char32_t ALast) { return c >= AFirst && c <= ALast && (c - AFirst) % 2 == 0; };
+  if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + 0x20 : c;
+  if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 0x20;
+  if (c == 0x130) return 'i'; // capital I with dot
+  if (c == 0x178) return 0xFF;
+  if (pairEven(0x100, 0x12F) || pairEven(0x132, 0x137) || pairEven(0x139, 0x148) || pairEven(0x14A, 0x177) ||
+      pairEven(0x179, 0x17E) || pairEven(0x1CD, 0x1DC) || pairEven(0x1DE, 0x1EF) || pairEven(0x1F8, 0x21F) ||
+      pairEven(0x222, 0x233) || pairEven(0x3D8, 0x3EF) || pairEven(0x460, 0x481) || pairEven(0x48A, 0x4BF) ||
+      pairEven(0x4C1, 0x4CE) || pairEven(0x4D0, 0x52F) || pairEven(0x1E00, 0x1E95) || pairEven(0x1EA0, 0x1EFF))
+    return c + 1;
+  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 0x20;
+  if (c == 0x386) return 0x3AC;
+  if (c >= 0x388 && c <= 0x38A) return c + 0x25;
+  if (c == 0x38C) return 0x3CC;
+  if (c == 0x38E || c == 0x38F) return c + 0x3F;
+  if (c >= 0x400 && c <= 0x40F) return c + 0x50;
+  if (c >= 0x410 && c <= 0x42F) return c + 0x20;
+  if (c == 0x4C0) return 0x4CF;
+  if (c >= 0x531 && c <= 0x556) return c + 0x30;
+  if (c >= 0x10A0 && c <= 0x10C5) return c + 0x1C60;
+  if (c >= 0x1F08 && c <= 0x1F6F && (c & 0xF) >= 8) return c - 8; // Greek with accents
+  if (c >= 0x2160 && c <= 0x216F) return c + 0x10;                 // Roman numerals
+  if (c >= 0x24B6 && c <= 0x24CF) return c + 0x1A;                 // circled letters
+  if (c >= 0xFF21 && c <= 0xFF3A) return c + 0x20;                 // full-width Latin
+  return c;
+}
+
+void AppendUtf8(std::string& AOut, char32_t c) {
+  if (c < 0x80) {
+    AOut.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    AOut.push_back(static_cast<char>(0xC0 | (c >> 6)));
+    AOut.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    AOut.push_back(static_cast<char>(0xE0 | (c >> 12)));
+    AOut.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    AOut.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else {
+    AOut.push_back(static_cast<char>(0xF0 | (c >> 18)));
+    AOut.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+    AOut.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    AOut.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  }
+}
+
+} // namespace
+
 std::string FoldCase(std::string_view AName) {
   std::string folded;
   folded.reserve(AName.size());
-  for (size_t i = 0; i < AName.size(); ++i) {
+  for (size_t i = 0; i < AName.size();) {
     const unsigned char c = static_cast<unsigned char>(AName[i]);
-    if (c >= 'A' && c <= 'Z') {
-      folded.push_back(static_cast<char>(c - 'A' + 'a'));
-    } else if (c == 0xC3 && i + 1 < AName.size()) {
-      // U+00C0..U+00DE (except U+00D7) fold to U+00E0..U+00FE: second byte + 0x20.
-      unsigned char next = static_cast<unsigned char>(AName[i + 1]);
-      if (next >= 0x80 && next <= 0x9E && next != 0x97) next = static_cast<unsigned char>(next + 0x20);
-      folded.push_back(static_cast<char>(c));
-      folded.push_back(static_cast<char>(next));
+    if (c < 0x80) {
+      folded.push_back(static_cast<char>(c >= 'A' && c <= 'Z' ? c + 0x20 : c));
       ++i;
-    } else {
-      folded.push_back(static_cast<char>(c));
+      continue;
     }
+    // A well-formed sequence of two to four bytes is folded; any other byte is kept.
+    const size_t length = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
+    char32_t cp = length == 4 ? c & 0x07 : length == 3 ? c & 0x0F : c & 0x1F;
+    bool valid = length != 0 && c < 0xF5 && i + length <= AName.size();
+    for (size_t k = 1; valid && k < length; ++k) {
+      const unsigned char next = static_cast<unsigned char>(AName[i + k]);
+      valid = (next & 0xC0) == 0x80;
+      cp = (cp << 6) | (next & 0x3F);
+    }
+    if (!valid || (length == 3 && cp < 0x800) || (length == 4 && (cp < 0x10000 || cp > 0x10FFFF))) {
+      folded.push_back(static_cast<char>(c));
+      ++i;
+      continue;
+    }
+    AppendUtf8(folded, SmallLetter(cp));
+    i += length;
   }
   return folded;
 }

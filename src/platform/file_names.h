@@ -4,8 +4,8 @@
 // copied to or mounted on a case-sensitive file system keeps its mixed case
 // ("System32\Config\SOFTWARE", "WINDOWS\system32"). TPathResolver finds the file that
 // such a path names: separators become the platform's, and a part that does not exist
-// as written is matched against the folder's entries without regard to case (ASCII
-// and Latin-1 letters; names of system files are ASCII).
+// as written is matched against the folder's entries without regard to case (the
+// letters of Latin, Greek, Cyrillic, Armenian and Georgian, as FoldCase folds them).
 #pragma once
 
 #include <cstdint>
