@@ -321,15 +321,18 @@ void TImagedPC::Deactivate() {
 }
 
 std::string TImagedPC::MapFile(const std::string& AValue) const {
+  // The name is compared in small letters (caches see one spelling of a file); the folder
+  // it is mapped to keeps its case, which the file system that holds it may need (an image
+  // "Case1/Disk.E01" or a copied folder on a case-sensitive system).
   std::string value = Lower(AValue);
   for (const auto& [name, folder] : FFoldersMapping) {
     const std::string prefix = Lower(name);
     if (!prefix.empty() && value.starts_with(prefix)) {
-      value.replace(0, prefix.size(), Lower(folder));
-      break;
+      value.replace(0, prefix.size(), folder);
+      return value; // a folder of the installation: never relative to System32
     }
   }
-  const bool absolute = (value.size() > 1 && value[1] == ':') || value.starts_with('/');
+  const bool absolute = (value.size() > 1 && value[1] == ':') || value.starts_with('/') || value.starts_with('\\');
   if (value.size() > 2 && value[0] != '%' && !absolute) {
     std::string path = FSystem32;
     path.push_back(kSeparator);

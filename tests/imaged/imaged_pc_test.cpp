@@ -68,17 +68,13 @@ TEST_F(ImagedPC, ActivationReadsTheInstallationTables) {
 
 TEST_F(ImagedPC, PublishersOfTheNativeViewWinAndFilesAreMappedIntoTheImage) {
   const std::string system32 = Tree.WinDir.string() + "/System32";
-  auto lower = [](std::string AText) {
-    for (char& c : AText) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return AText;
-  };
-  // Mapped values are lower case from the mapped folder on. The native view's list stands;
-  // the 32-bit view's wrong.dll is dropped.
-  EXPECT_EQ(Property("Test-Provider-A", "EventMessageFile"), lower(Tree.WinDir.string()) + "\\system32\\prova.dll");
+  // The mapped folder keeps its case (the file system holding it may need it), what follows
+  // it is in small letters. The native view's list stands; the 32-bit view's wrong.dll is
+  // dropped.
+  EXPECT_EQ(Property("Test-Provider-A", "EventMessageFile"), Tree.WinDir.string() + "\\system32\\prova.dll");
   EXPECT_EQ(Property("Test-Provider-A", "GUID"), test::kGuidProviderA);
   // A drive path maps through the installation drive.
-  const std::string root = lower(Tree.Root.string());
-  EXPECT_EQ(Property("Test-Provider-B", "EventMessageFile"), root + "\\program files\\vendor\\provb.dll");
+  EXPECT_EQ(Property("Test-Provider-B", "EventMessageFile"), Tree.Root.string() + "\\program files\\vendor\\provb.dll");
   // A bare file name lands in System32.
   EXPECT_EQ(Property("Test-Provider-C32", "EventMessageFile"), system32 + "/provc.dll");
 

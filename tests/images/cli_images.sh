@@ -71,6 +71,12 @@ for img in "${images[@]}"; do
   check "$name-scan" test "$n" -ge "$(($(wc -l <<<"$want_sys") + 300))"
 done
 
+# Named relative to the working folder, an image or installation folder describes as well.
+got=$(cd "$tmp" && "$QVX" events -q -f csv --tz UTC "mbr.raw::/Windows/System32/winevt/Logs/Application.evtx" --imaged mbr.raw)
+check relative-image-described test "$got" = "$want_app"
+got=$(cd "$tmp" && "$QVX" events -q -f csv --tz UTC "$logs/Application.evtx" --imaged inst)
+check relative-folder-described test "$got" = "$want_app"
+
 # open IMAGE loads every log of the installation, described from the image.
 "$QVX" open "$tmp/mbr.raw" -s "$tmp/case.db" -q
 check open-image-status test $? -eq 0
