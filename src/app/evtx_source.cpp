@@ -52,6 +52,10 @@ bool CheckHeader(const std::string& APath, TEvtxFile& AFile, const TReadStream& 
                        " follow it; reading the chunks found by scanning the file");
     return true;
   }
+  if (AFile.CutShort())
+    ANotices.push_back(APath + ": the file ends after " + std::to_string(AFile.ChunksFound()) + " of the " +
+                       std::to_string(AFile.ChunkCount()) +
+                       " chunks its header names (copied while the log was written, or cut short); reading those");
   return false;
 }
 

@@ -91,4 +91,17 @@ check cut-reported $? "$(cat "$tmp/cut.err")"
 n=$(grep -ac '<Event xmlns=' "$tmp/cut.xml")
 check cut-keeps-records "$([ "$n" -gt 250 ]; echo $?)" "only $n events"
 
+# A copy made while the log grew: its header names chunks the file does not hold.
+python3 - "$tmp/cut.evtx" <<'PY'
+import struct, sys, zlib
+p = sys.argv[1]; d = bytearray(open(p, "rb").read())
+struct.pack_into("<H", d, 42, struct.unpack_from("<H", d, 42)[0] + 5)
+struct.pack_into("<I", d, 124, zlib.crc32(bytes(d[:120])))
+open(p, "wb").write(d)
+PY
+"$QVX" dump "$tmp/cut.evtx" > "$tmp/grew.xml" 2> "$tmp/grew.err"
+grep -q "the file ends after .* of the .* chunks its header names" "$tmp/grew.err"
+check grew-reported $? "$(cat "$tmp/grew.err")"
+check grew-keeps-records "$([ "$(grep -ac '<Event xmlns=' "$tmp/grew.xml")" = "$n" ]; echo $?)" "not the $n events of the cut log"
+
 exit $fail

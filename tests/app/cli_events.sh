@@ -106,11 +106,11 @@ grep -q "problem" "$tmp/by-chunk.err" && [ "$(wc -l <"$tmp/by-chunk.csv")" -gt 3
 check by-chunk-damaged-has-issues $?
 check by-chunk-same-as-by-event $same
 
-# A header whose chunk count is wrong: one notice, then the events by scanning.
+# A header naming fewer chunks than follow it: one notice, then the events by scanning.
 python3 - "$tmp/demo.evtx" "$tmp/badcount.evtx" <<'EOF'
 import struct, sys, zlib
 data = bytearray(open(sys.argv[1], "rb").read())
-struct.pack_into("<H", data, 42, struct.unpack_from("<H", data, 42)[0] + 3)
+struct.pack_into("<H", data, 42, struct.unpack_from("<H", data, 42)[0] - 1)
 struct.pack_into("<I", data, 124, zlib.crc32(bytes(data[:120])) & 0xFFFFFFFF)
 open(sys.argv[2], "wb").write(data)
 EOF

@@ -110,13 +110,19 @@ TEST(BinXmlSourceCount, CountsIdentifiersNotRecords) {
   EXPECT_EQ(RecordNumbers(*log).size(), 8u);
 }
 
+// A header naming fewer chunks than follow it leaves the file to the deep scan; one naming
+// more than a copy made while the log grew holds reads those it holds.
 TEST(BinXmlSourceCount, WrongChunkCountOpensWithNothingToRead) {
   auto file = MakeEvtxFile(3, 4);
-  SetHeaderChunkCount(file, 5);
+  SetHeaderChunkCount(file, 2);
   auto log = OpenFile(WriteTempFile("count.evtx", file));
   ASSERT_TRUE(log->Active());
   EXPECT_EQ(log->GetCount(), 0);
   EXPECT_EQ(log->EventNext(), nullptr);
+
+  SetHeaderChunkCount(file, 5);
+  auto grew = OpenFile(WriteTempFile("grew.evtx", file));
+  EXPECT_EQ(RecordNumbers(*grew).size(), 12u);
 }
 
 TEST(BinXmlSourceOpen, BadHeaderOrMissingFileRaisesAndStaysClosed) {

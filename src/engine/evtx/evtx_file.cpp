@@ -114,8 +114,13 @@ void TEvtxFile::BuildChunks() {
   }
   std::stable_sort(FChunksList.begin(), FChunksList.end(),
                    [](const auto& a, const auto& b) { return a->NumFirstFile() > b->NumFirstFile(); });
-  // A header that names a different number of chunks than follow it makes the file not valid.
-  FValid = FChunksList.size() == FChunkCount;
+  // A header that names a different number of chunks than follow it makes the file not
+  // valid, unless the file ends first and each whole chunk place before its end holds one
+  // (the place the end cuts may hold the start of one, read as far as it goes).
+  const uint64_t body = FFileSize > kFileHeaderBlockSize ? FFileSize - kFileHeaderBlockSize : 0;
+  const uint64_t whole = body / kChunkSize, found = FChunksList.size();
+  FCutShort = found < FChunkCount && found > 0 && (found == whole || (found == whole + 1 && body % kChunkSize));
+  FValid = FChunksList.size() == FChunkCount || FCutShort;
 }
 
 int TEvtxFile::ChunksFound() {
@@ -154,6 +159,7 @@ void TEvtxFile::Export(std::vector<std::string>& AList) {
   FActive = false;
   FLoaded = false;
   FValid = false;
+  FCutShort = false;
   FHeaderValid = false;
   Length = kFileHeaderReadSize;
 }

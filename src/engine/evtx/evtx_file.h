@@ -29,6 +29,10 @@ public:
   bool HeaderValid();
   // Chunks found by the walk, whether or not their number matches the header's.
   int ChunksFound();
+  // The file ends before the last chunk its header names, and every chunk it holds up to
+  // its end is there (a copy cut short, or a log copied while it grew): those are read, the
+  // last one as far as it goes, and the file counts as valid.
+  bool CutShort() { Count(); return FCutShort; }
   // The chunk at AIndex among those found, valid file or not (for diagnostics).
   TEvtxChunk* GetFoundChunk(int AIndex);
 
@@ -60,6 +64,7 @@ private:
   unsigned FHeaderThreads = 1;
   bool FActive = false;
   bool FHeaderValid = false;
+  bool FCutShort = false;
   uint64_t FOldestChunk = 0;
   uint64_t FCurrentChunk = 0;
   uint64_t FNextRecord = 0;

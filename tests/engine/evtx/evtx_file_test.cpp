@@ -67,6 +67,29 @@ TEST(EvtxFileChunks, HeaderNamingFewerChunksThanFollowMakesTheFileNotValid) {
   EXPECT_NE(f.File.GetFoundChunk(0), nullptr);
 }
 
+// A log copied while it grew names more chunks than the copy holds: the copy's chunks are
+// read, the last one as far as it goes; a file missing a chunk before its end is not
+// merely cut short.
+TEST(EvtxFileChunks, FileEndingBeforeTheChunksItsHeaderNamesIsCutShort) {
+  auto bytes = MakeEvtxFile(10, 3);
+  SetHeaderChunkCount(bytes, 12);
+  bytes.resize(4096 + 2 * 65536 + 20000);
+  TOpenFile cut(bytes);
+  EXPECT_TRUE(cut.File.CutShort());
+  EXPECT_EQ(cut.File.Count(), 3);
+
+  bytes.resize(4096 + 2 * 65536 + 300);
+  TOpenFile header(bytes);
+  EXPECT_TRUE(header.File.CutShort());
+  EXPECT_EQ(header.File.Count(), 3);
+
+  bytes.resize(4096 + 2 * 65536);
+  bytes[4096 + 65536] = 'X'; // the second chunk's signature
+  TOpenFile gap(bytes);
+  EXPECT_FALSE(gap.File.CutShort());
+  EXPECT_EQ(gap.File.Count(), -1);
+}
+
 TEST(EvtxFileChunks, ListedNewestFirstWhateverTheirOrderInTheFile) {
   TOpenFile f(MakeFileInChunkOrder({2, 3, 0, 1}, 5));
   ASSERT_EQ(f.File.Count(), 4);
