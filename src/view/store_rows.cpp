@@ -1,5 +1,6 @@
 #include "view/store_rows.h"
 
+#include "engine/event_model.h"
 #include "platform/text_escape.h"
 #include "view/rendering_info.h"
 
@@ -12,9 +13,30 @@ std::string_view StoreRowsHeader(TStoreRowFormat AFormat) {
              : "";
 }
 
+namespace {
+
+// The description as Windows shows it. An event whose description was not found is stored
+// as a mark followed by its values, a line each: shown, that is Windows' text saying so,
+// with the values after it.
+std::string_view ShownDescription(const TEventData& ARow, std::string& AText) {
+  if (ARow.Descr.empty() || ARow.Descr[0] != '\x01') return ARow.Descr;
+  TStringList values;
+  std::string_view rest = std::string_view(ARow.Descr).substr(1);
+  while (rest.starts_with("\r\n")) {
+    rest.remove_prefix(2);
+    const size_t end = std::min(rest.find("\r\n"), rest.size());
+    values.emplace_back(rest.substr(0, end));
+    rest.remove_prefix(end);
+  }
+  AText = BuildDescriptionNotFound(static_cast<uint32_t>(ARow.EventID), ARow.Source, values);
+  return AText;
+}
+
+} // namespace
+
 void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat AFormat) {
   // Opcode and keyword names have no column: the XML's RenderingInfo holds them.
-  std::string opcode, keywords;
+  std::string opcode, keywords, text;
   if (AFormat != TStoreRowFormat::srfXml) ReadRenderingNames(ARow.EvtXML, opcode, keywords);
   switch (AFormat) {
   case TStoreRowFormat::srfCsv:
@@ -29,7 +51,7 @@ void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat A
     }
     AOut.append(std::to_string(ARow.RecordNumber)).append(",").append(std::to_string(ARow.EventLog));
     AOut.append(ARow.Bookmarked ? ",1," : ",0,");
-    AppendCsvField(AOut, ARow.Descr);
+    AppendCsvField(AOut, ShownDescription(ARow, text));
     AOut.push_back(',');
     AppendCsvField(AOut, opcode);
     AOut.push_back(',');
@@ -54,7 +76,7 @@ void AppendStoreRow(std::string& AOut, const TEventData& ARow, TStoreRowFormat A
     AOut.append(",\"log\":").append(std::to_string(ARow.EventLog));
     AOut.append(ARow.Bookmarked ? ",\"bookmarked\":true" : ",\"bookmarked\":false");
     AOut.append(",\"description\":");
-    AppendJsonString(AOut, ARow.Descr);
+    AppendJsonString(AOut, ShownDescription(ARow, text));
     // As the events command writes them: present only when known.
     if (!opcode.empty()) {
       AOut.append(",\"opcode_name\":");

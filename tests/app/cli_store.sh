@@ -26,6 +26,11 @@ check log-untouched cmp -s "$tmp/demo.evtx" "$tmp/before.evtx"
 check count-all test "$("$QVX" view "$tmp/s.db" --count)" -eq "$all"
 errors=$("$QVX" events "$tmp/demo.evtx" --type error -f jsonl -q | wc -l)
 check count-filter test "$("$QVX" view "$tmp/s.db" --type error --count)" -eq "$errors"
+# Events without a description show Windows' text for that, with their values, never the
+# store's own mark.
+rows=$("$QVX" view "$tmp/s.db" -f jsonl -n 5)
+check no-description-text grep -q '"description":"The description for Event ID ( [0-9]* ) in Source ( .* ) could not be found' <<<"$rows"
+check no-description-mark test "$(grep -c 'u0001' <<<"$rows")" -eq 0
 first=$("$QVX" view "$tmp/s.db" --sort Date -n 1 -f jsonl | sed -E 's/.*"time":"([^"]*)".*/\1/')
 last=$("$QVX" view "$tmp/s.db" --sort Date --desc -n 1 -f jsonl | sed -E 's/.*"time":"([^"]*)".*/\1/')
 check sort-order test "$first" \< "$last"
