@@ -99,12 +99,10 @@ const uint32_t kError = EventTypeToMask(EVT_ERROR);
 const uint32_t kWarning = EventTypeToMask(EVT_WARNING);
 const uint32_t kInformation = EventTypeToMask(EVT_INFORMATION);
 
-TEST(AlertPatterns, NewListIsEmpty) {
-  TAlertPatterns patterns;
-  EXPECT_EQ(patterns.Count(), 0u);
-  EXPECT_FALSE(patterns.StoredInWorkspace);
-  EXPECT_TRUE(static_cast<bool>(patterns.Starter));
-  EXPECT_FALSE(patterns.TestEvent(Event("Disk", 7, EVT_ERROR), nullptr));
+// A rule's fields as one text: "source|id|type|run|program".
+std::string Text(const TAlertPattern& APattern) {
+  return APattern.Source + "|" + std::to_string(APattern.EventID) + "|" + std::to_string(APattern.EventType) +
+         "|" + (APattern.RunProgram ? "run" : "-") + "|" + APattern.ProgramName;
 }
 
 TEST(AlertPatterns, Keys) {
@@ -112,6 +110,8 @@ TEST(AlertPatterns, Keys) {
   EXPECT_EQ(TAlertPatterns::MakeKey("Disk", kAnyEventID), "Disk|-1");
   EXPECT_EQ(TAlertPatterns::MakeKey("", 0x80000000u), "|-2147483648");
   TAlertPatterns patterns;
+  EXPECT_TRUE(static_cast<bool>(patterns.Starter));
+  EXPECT_FALSE(patterns.TestEvent(Event("Disk", 7, EVT_ERROR), nullptr)); // an empty list
   patterns.AddPattern("Disk", kAnyEventID, 0, false, "");
   EXPECT_EQ(patterns.Key(0), "Disk|-1");
   EXPECT_THROW(patterns.Key(1), std::out_of_range);
@@ -123,9 +123,7 @@ TEST(AlertPatterns, SameSourceAndIdTwiceKeepsOneRule) {
   patterns.AddPattern("Disk", 7, kError, true, "first");
   patterns.AddPattern("Disk", 7, kWarning, false, "second");
   ASSERT_EQ(patterns.Count(), 1u);
-  EXPECT_EQ(patterns.Get(0).ProgramName, "first");
-  EXPECT_EQ(patterns.Get(0).EventType, kError);
-  EXPECT_TRUE(patterns.Get(0).RunProgram);
+  EXPECT_EQ(Text(patterns.Get(0)), "Disk|7|" + std::to_string(kError) + "|run|first");
 
   auto pattern = std::make_unique<TAlertPattern>();
   pattern->Source = "Disk";
@@ -239,18 +237,46 @@ TEST(AlertPatterns, MatchStartsExpandedCommandLine) {
   EXPECT_TRUE(requestor.Handling);
 }
 
-TEST(AlertPatterns, FixedMacros) {
+TEST(AlertPatterns, FixedAndFieldMacros) {
   TMapDataSet row = Event("Disk", 7, EVT_AUDIT_FAILURE);
+  row.Fields["Computer"] = "HOST1";
+  row.Fields["Empty"] = "";
+  row.Fields["Tricky"] = "[Source]";
+  row.Fields["X"] = "v";
   TTestRequestor requestor;
   requestor.Log = "Security";
   requestor.Descr = "Something happened.";
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("a[CRLF]b[crlf]", row, nullptr), "a\r\nb\r\n");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[LogName]: [TypeStr]", row, &requestor), "Security: Audit Failure");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[LogName]", row, nullptr), "[LogName]");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("<[Description]>", row, &requestor), "<Something happened.>");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("<[Description]>", row, nullptr), "<[Description]>");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("no macros", row, nullptr), "no macros");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("", row, nullptr), "");
+  const struct {
+    const char* Text;
+    bool Requestor;
+    const char* Expected;
+  } cases[] = {
+      {"a[CRLF]b[crlf]", false, "a\r\nb\r\n"},
+      {"[LogName]: [TypeStr]", true, "Security: Audit Failure"},
+      {"[LogName]", false, "[LogName]"},
+      {"<[Description]>", true, "<Something happened.>"},
+      {"<[Description]>", false, "<[Description]>"},
+      {"no macros", false, "no macros"},
+      {"", false, ""},
+      {"[Computer]/[Source]/[EventID]/[Empty]/", false, "HOST1/Disk/7//"},
+      {"x [NoSuchField] y [Source]", false, "x [NoSuchField] y Disk"},
+      {"[]", false, "[]"},
+      {"[Tricky]", false, "[Source]"}, // values are not scanned again
+      // Nested and unbalanced brackets: the outer "]" pairs with the inner "[".
+      {"a]b[c", false, "a]b[c"},
+      {"]", false, "]"},
+      {"[", false, "["},
+      {"[[X]]", false, "[[X]]"},
+      {"[X]]", false, "[X]]"},
+      {"[[X]", false, "[v"},
+      {"[a[X]", false, "[av"},
+      {"[X][X]", false, "vv"},
+      {"]a[X]", false, "]av"},
+      {"[Y] and [X]", false, "[Y] and v"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(TAlertPatterns::ExpandMacros(c.Text, row, c.Requestor ? &requestor : nullptr), c.Expected)
+        << c.Text;
 }
 
 TEST(AlertPatterns, TypeStrNames) {
@@ -260,36 +286,6 @@ TEST(AlertPatterns, TypeStrNames) {
   for (const auto& [type, name] : names)
     EXPECT_EQ(TAlertPatterns::ExpandMacros("[TypeStr]", Event("S", 1, type), nullptr), name) << type;
   EXPECT_EQ(TAlertPatterns::ExpandMacros("[TypeStr]", TMapDataSet(), nullptr), "[TypeStr]");
-}
-
-TEST(AlertPatterns, FieldMacros) {
-  TMapDataSet row = Event("Disk", 7, EVT_ERROR);
-  row.Fields["Computer"] = "HOST1";
-  row.Fields["Empty"] = "";
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[Computer]/[Source]/[EventID]/[Empty]/", row, nullptr),
-            "HOST1/Disk/7//");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("x [NoSuchField] y [Source]", row, nullptr),
-            "x [NoSuchField] y Disk");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[]", row, nullptr), "[]");
-  // Values are not scanned again.
-  row.Fields["Tricky"] = "[Source]";
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[Tricky]", row, nullptr), "[Source]");
-}
-
-TEST(AlertPatterns, NestedAndUnbalancedBrackets) {
-  TMapDataSet row;
-  row.Fields["X"] = "v";
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("a]b[c", row, nullptr), "a]b[c");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("]", row, nullptr), "]");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[", row, nullptr), "[");
-  // The outer "]" pairs with the inner "[": the name "X]" is no field.
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[[X]]", row, nullptr), "[[X]]");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[X]]", row, nullptr), "[X]]");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[[X]", row, nullptr), "[v");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[a[X]", row, nullptr), "[av");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[X][X]", row, nullptr), "vv");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("]a[X]", row, nullptr), "]av");
-  EXPECT_EQ(TAlertPatterns::ExpandMacros("[Y] and [X]", row, nullptr), "[Y] and v");
 }
 
 TEST(AlertPatterns, DescriptionParts) {
@@ -345,11 +341,7 @@ TEST(AlertPatterns, ChangeRemoveClearAssign) {
 
   patterns.ChangePatternIndex(1, "Bee", kAnyEventID, kWarning, false, "bee");
   EXPECT_EQ(patterns.Key(1), "Bee|-1");
-  EXPECT_EQ(patterns.Get(1).Source, "Bee");
-  EXPECT_EQ(patterns.Get(1).EventID, kAnyEventID);
-  EXPECT_EQ(patterns.Get(1).EventType, kWarning);
-  EXPECT_FALSE(patterns.Get(1).RunProgram);
-  EXPECT_EQ(patterns.Get(1).ProgramName, "bee");
+  EXPECT_EQ(Text(patterns.Get(1)), "Bee|4294967295|" + std::to_string(kWarning) + "|-|bee");
   EXPECT_EQ(patterns.IndexOf("B", 2), -1);
   EXPECT_EQ(patterns.IndexOf("bee", kAnyEventID), 1);
 
@@ -359,7 +351,7 @@ TEST(AlertPatterns, ChangeRemoveClearAssign) {
   ASSERT_EQ(copy.Count(), 3u);
   for (size_t i = 0; i < 3; ++i) {
     EXPECT_EQ(copy.Key(i), patterns.Key(i));
-    EXPECT_EQ(copy.Get(i).ProgramName, patterns.Get(i).ProgramName);
+    EXPECT_EQ(Text(copy.Get(i)), Text(patterns.Get(i)));
     EXPECT_NE(&copy.Get(i), &patterns.Get(i));
   }
 
@@ -379,11 +371,7 @@ TEST(AlertPatterns, ChangeRemoveClearAssign) {
 
   TAlertPattern dest;
   copy.Get(1).AssignTo(dest);
-  EXPECT_EQ(dest.Source, "Bee");
-  EXPECT_EQ(dest.EventID, kAnyEventID);
-  EXPECT_EQ(dest.EventType, kWarning);
-  EXPECT_FALSE(dest.RunProgram);
-  EXPECT_EQ(dest.ProgramName, "bee");
+  EXPECT_EQ(Text(dest), "Bee|4294967295|" + std::to_string(kWarning) + "|-|bee");
 }
 
 TEST(AlertPatterns, FileRoundTrip) {
@@ -407,11 +395,7 @@ TEST(AlertPatterns, FileRoundTrip) {
   ASSERT_EQ(loaded.Count(), 3u);
   for (size_t i = 0; i < 3; ++i) {
     EXPECT_EQ(loaded.Key(i), patterns.Key(i));
-    EXPECT_EQ(loaded.Get(i).Source, patterns.Get(i).Source);
-    EXPECT_EQ(loaded.Get(i).EventID, patterns.Get(i).EventID);
-    EXPECT_EQ(loaded.Get(i).EventType, patterns.Get(i).EventType);
-    EXPECT_EQ(loaded.Get(i).RunProgram, patterns.Get(i).RunProgram);
-    EXPECT_EQ(loaded.Get(i).ProgramName, patterns.Get(i).ProgramName);
+    EXPECT_EQ(Text(loaded.Get(i)), Text(patterns.Get(i)));
   }
 }
 
@@ -430,21 +414,11 @@ TEST(AlertPatterns, LoadingDropsDuplicatesAndReadsMissingAsEmpty) {
   patterns.LoadFromFile(file.string());
   ASSERT_EQ(patterns.Count(), 3u);
   EXPECT_EQ(patterns.Key(0), "Disk|-1");
-  EXPECT_EQ(patterns.Get(0).EventID, kAnyEventID);
-  EXPECT_EQ(patterns.Get(0).EventType, 8u);
-  EXPECT_TRUE(patterns.Get(0).RunProgram);
-  EXPECT_EQ(patterns.Get(0).ProgramName, "one");
-
+  EXPECT_EQ(Text(patterns.Get(0)), "Disk|4294967295|8|run|one");
   EXPECT_EQ(patterns.Key(1), "|0");
-  EXPECT_EQ(patterns.Get(1).Source, "");
-  EXPECT_EQ(patterns.Get(1).EventID, 0u);
-  EXPECT_EQ(patterns.Get(1).EventType, 0u);
-  EXPECT_FALSE(patterns.Get(1).RunProgram);
-  EXPECT_EQ(patterns.Get(1).ProgramName, "");
-
+  EXPECT_EQ(Text(patterns.Get(1)), "|0|0|-|");
   EXPECT_EQ(patterns.Key(2), "Net|12");
-  EXPECT_TRUE(patterns.Get(2).RunProgram);
-  EXPECT_EQ(patterns.Get(2).EventType, 0u);
+  EXPECT_EQ(Text(patterns.Get(2)), "Net|12|0|run|");
 }
 
 TEST(AlertPatterns, LoadXmlAndSaveXmlOnNodes) {

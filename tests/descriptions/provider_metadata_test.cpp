@@ -148,36 +148,28 @@ TEST(ProviderMetadataParse, SecondProcessClearsEventsButAppendsTasks) {
 
 // ---- GetFullEventID: version choice ----------------------------------------------------
 
-TEST(ProviderMetadataEventId, ExactVersionElseLowestVersion) {
+TEST(ProviderMetadataEventId, ExactVersionElseLowestVersionWithAMessage) {
   // Versions written out of order: the fallback is the lowest version, not the first seen.
-  auto bytes = BuildWevtResource(
-      OneProvider({EventsElement({Event(100, 2, 0x102), Event(100, 0, 0x100), Event(100, 1, 0x101)})}));
+  auto bytes = BuildWevtResource(OneProvider({EventsElement(
+      {Event(100, 2, 0x102), Event(100, 0, 0x100), Event(100, 1, 0x101), Event(7, 0, 0x70), Event(7, 1, kNoMessageId),
+       Event(8, 3, kNoMessageId), Event(0xFFFF, 0, 0xA), Event(1, 0xFF, 0xB), Event(1, 0x7F, 0xC)})}));
   TGuidProvider p = Processed(bytes);
-  EXPECT_EQ(p.GetFullEventID(100, 1), 0x101u);
-  EXPECT_EQ(p.GetFullEventID(100, 2), 0x102u);
-  EXPECT_EQ(p.GetFullEventID(100, 0), 0x100u);
-  EXPECT_EQ(p.GetFullEventID(100, 5), 0x100u);
-  EXPECT_EQ(p.GetFullEventID(101, 0), kNoMessageId);
-  EXPECT_EQ(p.GetFullEventID(99, 0), kNoMessageId);
-}
-
-TEST(ProviderMetadataEventId, NoMessageVersionFallsBackOrIsAbsent) {
-  auto bytes = BuildWevtResource(OneProvider(
-      {EventsElement({Event(7, 0, 0x70), Event(7, 1, kNoMessageId), Event(8, 3, kNoMessageId)})}));
-  TGuidProvider p = Processed(bytes);
-  EXPECT_EQ(p.GetFullEventID(7, 1), 0x70u);     // version 1 has no message: version 0's
-  EXPECT_EQ(p.GetFullEventID(8, 3), kNoMessageId); // only a no-message version exists
-}
-
-TEST(ProviderMetadataEventId, HighIdentifiersCompareUnsigned) {
-  auto bytes = BuildWevtResource(OneProvider({EventsElement({Event(0xFFFF, 0, 0xA), Event(1, 0xFF, 0xB),
-                                                            Event(1, 0x7F, 0xC)})}));
-  TGuidProvider p = Processed(bytes);
+  // High identifiers and versions compare unsigned.
   EXPECT_EQ(p.GetEvent(0).Version, 0x7F);
-  EXPECT_EQ(p.GetEvent(2).Id, 0xFFFF);
-  EXPECT_EQ(p.GetFullEventID(0xFFFF, 0), 0xAu);
-  EXPECT_EQ(p.GetFullEventID(1, 0xFF), 0xBu);
-  EXPECT_EQ(p.GetFullEventID(1, 0), 0xCu);
+  EXPECT_EQ(p.GetEvent(p.EventCount() - 1).Id, 0xFFFF);
+  const struct {
+    uint16_t Id;
+    uint8_t Version;
+    uint32_t Expected;
+  } cases[] = {
+      {100, 1, 0x101}, {100, 2, 0x102}, {100, 0, 0x100}, {100, 5, 0x100}, {101, 0, kNoMessageId},
+      {99, 0, kNoMessageId},
+      {7, 1, 0x70},         // version 1 has no message: version 0's
+      {8, 3, kNoMessageId}, // only a no-message version exists
+      {0xFFFF, 0, 0xA},     {1, 0xFF, 0xB}, {1, 0, 0xC},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(p.GetFullEventID(c.Id, c.Version), c.Expected) << c.Id << " v" << int(c.Version);
 }
 
 // ---- GetFullTaskID ---------------------------------------------------------------------
@@ -477,12 +469,6 @@ TEST(WevtSamples, ResourceInsideTestDllReadsItsOneEvent) {
   EXPECT_EQ(p.GetFullEventID(1, 1), 0xB0010001u);
   EXPECT_EQ(p.GetFullEventID(1, 0), 0xB0010001u);
 }
-
-} // namespace
-} // namespace qvx
-
-namespace qvx {
-namespace {
 
 // OPCO and KEYW definitions: read with their bounds; a count the element cannot hold is
 // a defect of that element alone.

@@ -135,18 +135,23 @@ TReading ReadNamed(const std::string& APath, bool ANamed, unsigned AThreads = 0)
   });
 }
 
-// The hunt's reading both ways; gives the direct reading.
-TReading ExpectSameNamedBothWays(const std::string& APath) {
-  const TReading xml = ReadNamed(APath, false);
-  const TReading direct = ReadNamed(APath, true);
-  EXPECT_EQ(direct.Events.size(), xml.Events.size()) << APath;
-  for (size_t i = 0; i < std::min(direct.Events.size(), xml.Events.size()); ++i)
-    if (direct.Events[i] != xml.Events[i]) {
-      ADD_FAILURE() << APath << ": event " << i << " differs in its names\n xml:    " << xml.Events[i]
-                    << "\n direct: " << direct.Events[i];
+// Expects the two readings of APath (through the XML and direct) to give the same events
+// and issues; AWhat names what differs.
+void ExpectSameReadings(const std::string& APath, const TReading& AXml, const TReading& ADirect, const char* AWhat) {
+  EXPECT_EQ(ADirect.Events.size(), AXml.Events.size()) << APath;
+  for (size_t i = 0; i < std::min(ADirect.Events.size(), AXml.Events.size()); ++i)
+    if (ADirect.Events[i] != AXml.Events[i]) {
+      ADD_FAILURE() << APath << ": event " << i << " differs" << AWhat << "\n xml:    " << AXml.Events[i]
+                    << "\n direct: " << ADirect.Events[i];
       break;
     }
-  EXPECT_EQ(direct.Issues, xml.Issues) << APath;
+  EXPECT_EQ(ADirect.Issues, AXml.Issues) << APath;
+}
+
+// The hunt's reading both ways; gives the direct reading.
+TReading ExpectSameNamedBothWays(const std::string& APath) {
+  const TReading direct = ReadNamed(APath, true);
+  ExpectSameReadings(APath, ReadNamed(APath, false), direct, " in its names");
   return direct;
 }
 
@@ -155,16 +160,8 @@ TReading ExpectSameNamedBothWays(const std::string& APath) {
 TReading ExpectSameBothWays(const std::string& APath, size_t* ANamedFromXml = nullptr) {
   const TReading named = ExpectSameNamedBothWays(APath);
   if (ANamedFromXml) *ANamedFromXml += named.XmlSeen;
-  const TReading xml = ReadAll(APath, false);
   const TReading direct = ReadAll(APath, true);
-  EXPECT_EQ(direct.Events.size(), xml.Events.size()) << APath;
-  for (size_t i = 0; i < std::min(direct.Events.size(), xml.Events.size()); ++i)
-    if (direct.Events[i] != xml.Events[i]) {
-      ADD_FAILURE() << APath << ": event " << i << " differs\n xml:    " << xml.Events[i]
-                    << "\n direct: " << direct.Events[i];
-      break;
-    }
-  EXPECT_EQ(direct.Issues, xml.Issues) << APath;
+  ExpectSameReadings(APath, ReadAll(APath, false), direct, "");
   EXPECT_EQ(direct.XmlSeen, 0u);
   return direct;
 }

@@ -167,41 +167,6 @@ TEST(RuleCache, ACachedRuleIsCompiledWhenAnEventFirstNeedsIt) {
   EXPECT_EQ(cached.DeferredCompiled(), 3u);
 }
 
-// Hunters on several threads that first need a list of many cached rules together share
-// out compiling them: every rule is compiled once, and each thread finds what a load that
-// compiles every rule finds.
-TEST(RuleCache, HuntersThatNeedAListTogetherCompileItsRulesOnce) {
-  const fs::path scratch = ScratchDir();
-  const fs::path dir = scratch / "rules";
-  fs::create_directories(dir);
-  constexpr int kRules = 150; // (well over the number a list compiles alone)
-  for (int i = 0; i < kRules; ++i)
-    WriteText(dir / ("r" + std::to_string(1000 + i) + ".yml"),
-              RuleText("  sel:\n    Image|endswith: '\\t" + std::to_string(i % 7) + ".exe'\n    CommandLine|contains: '" +
-                       std::to_string(i % 3) + "'\n  condition: sel\n"));
-  TEvtxFileWriter writer;
-  for (int i = 0; i < 21; ++i)
-    writer.AddEvent(ProcessEvent("C:\\x\\t" + std::to_string(i % 7) + ".exe", "run " + std::to_string(i)));
-  const std::string log = WriteTempFile("cache_threads.evtx", writer.Bytes());
-  const std::string cache = (scratch / "cache").string();
-  const TLoaded plain = Load(dir, "", log);
-  ASSERT_FALSE(plain.Detections.empty());
-  Load(dir, cache, log); // writes the cache
-
-  for (int round = 0; round < 3; ++round) {
-    TRuleSet cached;
-    cached.SetCacheFolder(cache);
-    cached.LoadPath(dir.string());
-    ASSERT_EQ(cached.CacheHits(), size_t{kRules});
-    ASSERT_EQ(cached.DeferredCompiled(), 0u);
-    constexpr int kThreads = 4;
-    const std::vector<std::vector<std::string>> found = HuntTogether(cached, log, kThreads);
-    for (int t = 0; t < kThreads; ++t) EXPECT_EQ(found[t], plain.Detections) << "thread " << t;
-    EXPECT_EQ(cached.DeferredCompiled(), size_t{kRules});
-    EXPECT_TRUE(cached.CacheNotes().empty());
-  }
-}
-
 // A rule of its own ID (RuleText's with the last digits replaced).
 std::string RuleWithId(int AId, const std::string& ADetection, const std::string& ALogSource) {
   std::string text = ALogSource.empty() ? RuleText(ADetection) : RuleText(ADetection, ALogSource);
@@ -210,10 +175,11 @@ std::string RuleWithId(int AId, const std::string& ADetection, const std::string
   return text;
 }
 
-// Hunters on several threads that make overlapping lists at once (the process creation
-// rules are bound both to Sysmon 1 and to Security 4688, with other field names), each
-// starting ahead on the kinds of events in an order of its own: every rule is compiled,
-// and each thread finds what one hunter over rules compiled at load finds.
+// Hunters on several threads that make overlapping lists of many rules at once (the process
+// creation rules are bound both to Sysmon 1 and to Security 4688, with other field names),
+// half starting ahead on the kinds of events in an order of its own, half needing the lists
+// as events come: every rule is compiled once, and each thread finds what one hunter over
+// rules compiled at load finds.
 TEST(RuleCache, HuntersMakingOverlappingListsAtOnceFindWhatOneFinds) {
   const fs::path scratch = ScratchDir();
   const fs::path dir = scratch / "rules";

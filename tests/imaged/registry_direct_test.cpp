@@ -81,82 +81,72 @@ struct TTreeWalk {
   }
 };
 
-TEST(RegistryDirectOpenKey, RelativeAfterAbsoluteAppendsPath) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  EXPECT_EQ(hive.CurrentPath(), "");
-  EXPECT_EQ(hive.CurrentKey(), 0u);
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_EQ(hive.CurrentPath(), "\\Software");
-  EXPECT_NE(hive.CurrentKey(), 0u);
-  ASSERT_TRUE(hive.OpenKey("Microsoft"));
-  EXPECT_EQ(hive.CurrentPath(), "\\Software\\Microsoft");
-  EXPECT_EQ(hive.ReadString("Vendor"), "Microsoft");
-  ASSERT_TRUE(hive.OpenKey("Windows NT\\CurrentVersion"));
-  EXPECT_EQ(hive.CurrentPath(), "\\Software\\Microsoft\\Windows NT\\CurrentVersion");
-}
+// The sample hive, opened at its root.
+class RegistryDirectSample : public ::testing::Test {
+protected:
+  void SetUp() override { ASSERT_TRUE(FHive.OpenHive(SampleHive())); }
+  TRegistryDirect FHive;
+};
 
-TEST(RegistryDirectOpenKey, RelativeFromRootGetsBackslash) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("Software"));
-  EXPECT_EQ(hive.CurrentPath(), "\\Software");
-}
+// The sample hive, at \Software.
+class RegistryDirectRead : public RegistryDirectSample {
+protected:
+  void SetUp() override {
+    RegistryDirectSample::SetUp();
+    ASSERT_TRUE(FHive.OpenKey("\\Software"));
+  }
+};
 
-TEST(RegistryDirectOpenKey, FailedAbsoluteLeavesRoot) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software\\Microsoft"));
-  EXPECT_FALSE(hive.OpenKey("\\Software\\Missing"));
-  EXPECT_EQ(hive.CurrentPath(), "");
-  EXPECT_EQ(hive.CurrentKey(), 0u);
-  EXPECT_EQ(hive.ReadString("RootValue"), "at root");
-}
-
-TEST(RegistryDirectOpenKey, FailedRelativeLeavesKeyUnchanged) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  uint64_t key = hive.CurrentKey();
-  EXPECT_FALSE(hive.OpenKey("Microsoft\\Missing"));
-  EXPECT_EQ(hive.CurrentPath(), "\\Software");
-  EXPECT_EQ(hive.CurrentKey(), key);
-}
-
-TEST(RegistryDirectOpenKey, RootItselfIsNotOpened) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_FALSE(hive.OpenKey("\\"));
-  EXPECT_EQ(hive.CurrentPath(), "");
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_FALSE(hive.OpenKey(""));
-  EXPECT_EQ(hive.CurrentPath(), "\\Software");
-}
-
-TEST(RegistryDirectOpenKey, IgnoresCaseAndEmptyParts) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\SOFTWARE\\\\microsoft\\"));
-  EXPECT_EQ(hive.CurrentPath(), "\\SOFTWARE\\\\microsoft\\");
-  EXPECT_EQ(hive.ReadString("VENDOR"), "Microsoft");
-  EXPECT_TRUE(hive.OpenKey("\\software\\CAF\xC3\x89")); // É folds to é as in Windows-1252
-}
-
-TEST(RegistryDirectOpenKey, CloseKeyReturnsToRoot) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  hive.CloseKey();
-  EXPECT_EQ(hive.CurrentPath(), "");
-  EXPECT_EQ(hive.CurrentKey(), 0u);
+TEST_F(RegistryDirectSample, OpenKeyFollowsAbsoluteAndRelativePaths) {
+  EXPECT_EQ(FHive.CurrentPath(), "");
+  EXPECT_EQ(FHive.CurrentKey(), 0u);
+  ASSERT_TRUE(FHive.OpenKey("\\Software"));
+  EXPECT_EQ(FHive.CurrentPath(), "\\Software");
+  const uint64_t software = FHive.CurrentKey();
+  EXPECT_NE(software, 0u);
+  // A failed relative open, and the empty path, leave the key unchanged.
+  EXPECT_FALSE(FHive.OpenKey("Microsoft\\Missing"));
+  EXPECT_FALSE(FHive.OpenKey(""));
+  EXPECT_EQ(FHive.CurrentPath(), "\\Software");
+  EXPECT_EQ(FHive.CurrentKey(), software);
+  // Relative after absolute appends the path.
+  ASSERT_TRUE(FHive.OpenKey("Microsoft"));
+  EXPECT_EQ(FHive.CurrentPath(), "\\Software\\Microsoft");
+  EXPECT_EQ(FHive.ReadString("Vendor"), "Microsoft");
+  ASSERT_TRUE(FHive.OpenKey("Windows NT\\CurrentVersion"));
+  EXPECT_EQ(FHive.CurrentPath(), "\\Software\\Microsoft\\Windows NT\\CurrentVersion");
+  // A failed absolute open leaves the root.
+  EXPECT_FALSE(FHive.OpenKey("\\Software\\Missing"));
+  EXPECT_EQ(FHive.CurrentPath(), "");
+  EXPECT_EQ(FHive.CurrentKey(), 0u);
+  EXPECT_EQ(FHive.ReadString("RootValue"), "at root");
+  // Relative from the root gets a backslash.
+  ASSERT_TRUE(FHive.OpenKey("Software"));
+  EXPECT_EQ(FHive.CurrentPath(), "\\Software");
+  // The root itself is not opened, and leaves the root too.
+  EXPECT_FALSE(FHive.OpenKey("\\"));
+  EXPECT_EQ(FHive.CurrentPath(), "");
+  // Case and empty parts are ignored.
+  ASSERT_TRUE(FHive.OpenKey("\\SOFTWARE\\\\microsoft\\"));
+  EXPECT_EQ(FHive.CurrentPath(), "\\SOFTWARE\\\\microsoft\\");
+  EXPECT_EQ(FHive.ReadString("VENDOR"), "Microsoft");
+  EXPECT_TRUE(FHive.OpenKey("\\software\\CAF\xC3\x89")); // É folds to é as in Windows-1252
+  // Closing the key returns to the root.
+  FHive.CloseKey();
+  EXPECT_EQ(FHive.CurrentPath(), "");
+  EXPECT_EQ(FHive.CurrentKey(), 0u);
   TNames keys;
-  hive.GetKeyNames(keys);
+  FHive.GetKeyNames(keys);
   EXPECT_EQ(keys, (TNames{"Software", "System"}));
 }
 
-TEST(RegistryDirectOpenKey, NoHiveOpen) {
+TEST(RegistryDirectHive, NoHiveOpenAfterOpenFails) {
+  std::filesystem::path dir = test::ScratchDir();
   TRegistryDirect hive;
+  EXPECT_FALSE(hive.OpenHive((dir / "missing").string()));
+  test::WriteFileBytes(dir / "text", {'h', 'e', 'l', 'l', 'o'});
+  EXPECT_FALSE(hive.OpenHive((dir / "text").string()));
+  EXPECT_FALSE(hive.OpenHive(dir.string()));
   EXPECT_FALSE(hive.HiveOpen());
   EXPECT_FALSE(hive.OpenKey("\\Software"));
   EXPECT_EQ(hive.ReadString("x"), "");
@@ -166,53 +156,41 @@ TEST(RegistryDirectOpenKey, NoHiveOpen) {
   EXPECT_TRUE(names.empty());
 }
 
-TEST(RegistryDirectRead, DefaultValueByEmptyName) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_EQ(hive.ReadString(""), "default text");
-  EXPECT_EQ(hive.ReadString("@"), "");
-}
-
-TEST(RegistryDirectRead, StringTypesOnly) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_EQ(hive.ReadString("zeta"), "last letter");
-  EXPECT_EQ(hive.ReadString("Expand"), "%SystemRoot%\\system32");
-  EXPECT_EQ(hive.ReadString("Alpha"), "");
-  EXPECT_EQ(hive.ReadString("Blob"), "");
-  EXPECT_EQ(hive.ReadString("Multi"), "");
-  EXPECT_EQ(hive.ReadString("Missing"), "");
+TEST_F(RegistryDirectRead, StringsOfStringTypesOnly) {
+  const struct {
+    const char* Name;
+    std::string Expected;
+  } cases[] = {
+      {"", "default text"}, // the default value
+      {"@", ""},
+      {"zeta", "last letter"},
+      {"Expand", "%SystemRoot%\\system32"},
+      {"Alpha", ""},
+      {"Blob", ""},
+      {"Multi", ""},
+      {"Missing", ""},
+      {"Embedded", "ab"},               // ends at a NUL
+      {"Long", std::string(1024, 'x')}, // and at 1024 units
+      {"\xCE\xA9mega", ""},             // Ω is outside Windows-1252
+      {"Caf\xC3\xA9", "ansi name"},     // é is inside it
+      {"CAF\xC3\x89", "ansi name"},
+      {"?mega", ""},
+      {"Caf\xFF", ""}, // not UTF-8
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(FHive.ReadString(c.Name), c.Expected) << c.Name;
   std::string text = "stale";
-  EXPECT_FALSE(hive.TryReadString("Alpha", text));
+  EXPECT_FALSE(FHive.TryReadString("Alpha", text));
   EXPECT_EQ(text, "");
-  EXPECT_TRUE(hive.TryReadString("Zeta", text));
+  EXPECT_TRUE(FHive.TryReadString("Zeta", text));
 }
 
-TEST(RegistryDirectRead, StringEndsAtNulAndAt1024Units) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_EQ(hive.ReadString("Embedded"), "ab");
-  EXPECT_EQ(hive.ReadString("Long"), std::string(1024, 'x'));
-}
-
-TEST(RegistryDirectRead, Integer) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_EQ(hive.ReadInteger("ALPHA"), 42);
-  EXPECT_EQ(hive.ReadInteger("Negative"), -2);
-}
-
-TEST(RegistryDirectRead, IntegerOfOtherTypeOrMissingRaises) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
+TEST_F(RegistryDirectRead, IntegersOfDwordsOnly) {
+  EXPECT_EQ(FHive.ReadInteger("ALPHA"), 42);
+  EXPECT_EQ(FHive.ReadInteger("Negative"), -2);
   for (const char* name : {"Zeta", "Missing", "Blob", "ShortDword", ""}) {
     try {
-      hive.ReadInteger(name);
+      FHive.ReadInteger(name);
       ADD_FAILURE() << name << " did not raise";
     } catch (const std::runtime_error& e) {
       EXPECT_STREQ(e.what(), "Invalid registry type") << name;
@@ -220,38 +198,21 @@ TEST(RegistryDirectRead, IntegerOfOtherTypeOrMissingRaises) {
   }
 }
 
-TEST(RegistryDirectRead, Binary) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
+TEST_F(RegistryDirectRead, Binary) {
   std::vector<uint8_t> bytes;
-  EXPECT_TRUE(hive.ReadBinary("blob", bytes));
+  EXPECT_TRUE(FHive.ReadBinary("blob", bytes));
   EXPECT_EQ(bytes, (std::vector<uint8_t>{1, 2, 3}));
-  EXPECT_FALSE(hive.ReadBinary("Alpha", bytes));
+  EXPECT_FALSE(FHive.ReadBinary("Alpha", bytes));
   EXPECT_TRUE(bytes.empty());
-  EXPECT_FALSE(hive.ReadBinary("Missing", bytes));
+  EXPECT_FALSE(FHive.ReadBinary("Missing", bytes));
 }
 
-TEST(RegistryDirectRead, NonAnsiNameIsNotFound) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  EXPECT_EQ(hive.ReadString("\xCE\xA9mega"), "");         // Ω is outside Windows-1252
-  EXPECT_EQ(hive.ReadString("Caf\xC3\xA9"), "ansi name"); // é is inside it
-  EXPECT_EQ(hive.ReadString("CAF\xC3\x89"), "ansi name");
-  EXPECT_EQ(hive.ReadString("?mega"), "");
-  EXPECT_EQ(hive.ReadString("Caf\xFF"), ""); // not UTF-8
-}
-
-TEST(RegistryDirectList, HiveOrder) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
+TEST_F(RegistryDirectRead, ListsInHiveOrder) {
   TNames keys, values;
-  hive.GetKeyNames(keys);
+  FHive.GetKeyNames(keys);
   // A hive keeps its subkey lists sorted by upper-case name; values stay as written.
   EXPECT_EQ(keys, (TNames{"Apple", "Caf\xC3\xA9", "Microsoft", "Zebra"}));
-  hive.GetValueNames(values);
+  FHive.GetValueNames(values);
   EXPECT_EQ(values, (TNames{"", "Zeta", "Alpha", "Negative", "Expand", "Blob", "Multi", "Caf\xC3\xA9",
                             "?mega", "Long", "Embedded", "ShortDword"}));
 }
@@ -269,25 +230,13 @@ TEST(RegistryDirectList, LongNamesAreCut) {
   EXPECT_EQ(values, (TNames{std::string(512, 'v')}));
 }
 
-TEST(RegistryDirectHive, OpenFailsCleanly) {
-  std::filesystem::path dir = test::ScratchDir();
-  TRegistryDirect hive;
-  EXPECT_FALSE(hive.OpenHive((dir / "missing").string()));
-  test::WriteFileBytes(dir / "text", {'h', 'e', 'l', 'l', 'o'});
-  EXPECT_FALSE(hive.OpenHive((dir / "text").string()));
-  EXPECT_FALSE(hive.OpenHive(dir.string()));
-  EXPECT_FALSE(hive.HiveOpen());
-}
-
-TEST(RegistryDirectHive, CloseHiveResets) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  ASSERT_TRUE(hive.OpenKey("\\Software"));
-  hive.CloseHive();
-  EXPECT_FALSE(hive.HiveOpen());
-  EXPECT_EQ(hive.CurrentPath(), "");
-  EXPECT_FALSE(hive.OpenKey("\\Software"));
-  hive.CloseHive();
+TEST_F(RegistryDirectSample, CloseHiveResets) {
+  ASSERT_TRUE(FHive.OpenKey("\\Software"));
+  FHive.CloseHive();
+  EXPECT_FALSE(FHive.HiveOpen());
+  EXPECT_EQ(FHive.CurrentPath(), "");
+  EXPECT_FALSE(FHive.OpenKey("\\Software"));
+  FHive.CloseHive();
 }
 
 TEST(RegistryDirectHive, EmptyHiveImageOpens) {
@@ -325,10 +274,8 @@ TEST(RegistryDirectHive, TruncatedAndDamagedHivesAreSafe) {
   }
 }
 
-TEST(RegistryDirectHive, WalksWholeSampleTree) {
-  TRegistryDirect hive;
-  ASSERT_TRUE(hive.OpenHive(SampleHive()));
-  TTreeWalk walk(hive);
+TEST_F(RegistryDirectSample, WalksWholeSampleTree) {
+  TTreeWalk walk(FHive);
   walk.Walk("", 0);
   EXPECT_EQ(walk.Keys, 9u);
   EXPECT_EQ(walk.Values, 14u);

@@ -54,32 +54,19 @@ TEvtxTemplate SmallTemplate(uint8_t AType1 = EvtxType::UInt32) {
   });
 }
 
-TEST(BinXmlTemplates, InlineThenReferencedTemplateRendersEachRecordsOwnValues) {
+TEST(BinXmlTemplates, InlineThenReferencedTemplatesRenderEachRecordsOwnValuesInAnyOrder) {
   TEvtxChunkWriter w;
   auto t = SmallTemplate();
-  std::vector<TEvtxValue> v1 = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
-  std::vector<TEvtxValue> v2 = {TEvtxValue::String("b<"), TEvtxValue::UInt32(8), TEvtxValue::String("y")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v1));
-  ASSERT_TRUE(w.AddRecord(2, kTime, t, v2));
+  ASSERT_TRUE(w.AddRecord(1, kTime, t, std::vector<TEvtxValue>{TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")}));
+  ASSERT_TRUE(w.AddRecord(2, kTime, t, std::vector<TEvtxValue>{TEvtxValue::String("b<"), TEvtxValue::UInt32(8), TEvtxValue::String("y")}));
+  ASSERT_TRUE(w.AddRecord(3, kTime, t, std::vector<TEvtxValue>{TEvtxValue::String("r"), TEvtxValue::UInt32(2), TEvtxValue::Null()}));
   TChunkUnderTest c(w);
-  ASSERT_EQ(c.Chunk().Count(), 2);
+  ASSERT_EQ(c.Chunk().Count(), 3);
   EXPECT_EQ(c.Xml(0), "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>");
-  EXPECT_EQ(c.Xml(1), "\r\n<Root Attr=\"b&lt;\">\r\n<Item>8</Item>\r\n<Opt>y</Opt></Root>");
-  // The second record refers to the first one's definition instead of carrying its own.
-  EXPECT_LT(c.Chunk().GetEvent(1)->Length(), c.Chunk().GetEvent(0)->Length());
-}
-
-TEST(BinXmlTemplates, RecordsRenderInAnyOrderOnceTheDefinitionIsKnown) {
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  for (uint32_t i = 0; i < 3; ++i) {
-    std::vector<TEvtxValue> v = {TEvtxValue::String("r"), TEvtxValue::UInt32(i), TEvtxValue::Null()};
-    ASSERT_TRUE(w.AddRecord(i + 1, kTime, t, v));
-  }
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<Root Attr=\"r\">\r\n<Item>0</Item>\r\n<Opt></Opt></Root>");
   EXPECT_EQ(c.Xml(2), "\r\n<Root Attr=\"r\">\r\n<Item>2</Item>\r\n<Opt></Opt></Root>");
-  EXPECT_EQ(c.Xml(1), "\r\n<Root Attr=\"r\">\r\n<Item>1</Item>\r\n<Opt></Opt></Root>");
+  EXPECT_EQ(c.Xml(1), "\r\n<Root Attr=\"b&lt;\">\r\n<Item>8</Item>\r\n<Opt>y</Opt></Root>");
+  // Later records refer to the first one's definition instead of carrying their own.
+  EXPECT_LT(c.Chunk().GetEvent(1)->Length(), c.Chunk().GetEvent(0)->Length());
 }
 
 // A record whose template instance refers back to the definition at ADefinition with AId.
@@ -94,7 +81,7 @@ TBinXmlBody ReferenceBody(uint32_t AId, uint32_t ADefinition, std::vector<TEvtxV
   };
 }
 
-TEST(BinXmlTemplates, ReferenceToAnotherIdRaisesWrongTemplate) {
+TEST(BinXmlTemplates, ReferenceToAnotherIdOrAnUnknownOffsetRaises) {
   TEvtxChunkWriter w;
   auto t = SmallTemplate();
   std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
@@ -103,18 +90,12 @@ TEST(BinXmlTemplates, ReferenceToAnotherIdRaisesWrongTemplate) {
   ASSERT_NE(definition, 0u);
   ASSERT_TRUE(w.AddRecord(2, kTime, ReferenceBody(t.Id() ^ 1, definition, v)));
   ASSERT_TRUE(w.AddRecord(3, kTime, ReferenceBody(t.Id(), definition, v)));
+  ASSERT_TRUE(w.AddRecord(4, kTime, ReferenceBody(0x1234, 100, {TEvtxValue::UInt32(1)})));
   TChunkUnderTest c(w);
   c.Xml(0);
   EXPECT_EQ(c.Error(1), "NodeC: wrong template");
   EXPECT_EQ(c.Error(2), "no error");
-}
-
-TEST(BinXmlTemplates, ReferenceToUnknownOffsetRaisesNoTemplate) {
-  TEvtxChunkWriter w;
-  std::vector<TEvtxValue> v = {TEvtxValue::UInt32(1)};
-  ASSERT_TRUE(w.AddRecord(1, kTime, ReferenceBody(0x1234, 100, v)));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "NodeC: no template");
+  EXPECT_EQ(c.Error(3), "NodeC: no template");
 }
 
 TEST(BinXmlTemplates, PlaceholdersStandInForValuesWhenNoneAreAvailable) {
@@ -131,68 +112,47 @@ TEST(BinXmlTemplates, PlaceholdersStandInForValuesWhenNoneAreAvailable) {
   std::vector<TEvtxValue> v(5, TEvtxValue::UInt16(1));
   ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
   TChunkUnderTest c(w);
-  TBXmlTemplateNode* node = c.Chunk().GetTemplateByPoint(0);
-  (void)node;
   uint32_t definition = w.Tables().FindTemplate(t.Guid());
   TBXmlTemplateNode* tn = PrepareTemplateAt(c.Chunk(), definition);
   EXPECT_EQ(RenderTemplate(c.Chunk(), tn),
             "\r\n<E A=\"#2 (type 0x06)#\">#3 (type 0x08)##4 (type 0x01, optional)#</E>");
 }
 
-TEST(BinXmlSubstitutions, EmptyOptionalValueWritesNothingNotEvenItsAttributeName) {
+// Record 0's XML of a chunk holding one record of ATemplate with AValues, or "!" and its error.
+std::string RenderOne(const TEvtxTemplate& ATemplate, const std::vector<TEvtxValue>& AValues = {}) {
   TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue::Null(), TEvtxValue::UInt32(5), TEvtxValue::String("")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
+  EXPECT_TRUE(w.AddRecord(1, kTime, ATemplate, AValues));
   TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<Root>\r\n<Item>5</Item>\r\n<Opt></Opt></Root>");
+  const std::string error = c.Error(0);
+  return error == "no error" ? c.Xml(0) : "!" + error;
 }
 
-TEST(BinXmlSubstitutions, IndexBeyondTheArrayRaisesThroughRoot) {
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(5)}; // index 2 missing
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "Root exception (SubArray: index out of bounds)");
-}
-
-TEST(BinXmlSubstitutions, ValueLargerThanItsTypeRaisesBadSizeForAChild) {
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(EvtxType::UInt32, {1, 0, 0, 0, 0, 0, 0, 0}),
-                               TEvtxValue::String("x")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "SubArray: bad size for a child");
-}
-
-TEST(BinXmlSubstitutions, ValueTypeWithoutAClassRaisesDefaultMessage) {
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(0x93, {1, 2, 3, 4}), TEvtxValue::String("x")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "BinXML read error");
-}
-
-TEST(BinXmlSubstitutions, EmptyValueOfATypeWithoutAClassStillRaises) {
-  // No size is known for the type: an empty value must not pass for one of its size.
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(0x93, {}), TEvtxValue::String("x")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "BinXML read error");
-}
-
-TEST(BinXmlSubstitutions, ValueSmallerThanItsTypeIsMeasuredAndRaises) {
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue(EvtxType::UInt32, {1, 0}), TEvtxValue::String("x")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "Var08: bad size");
+TEST(BinXmlSubstitutions, ValuesOfSmallTemplateRenderOrRaise) {
+  const struct {
+    const char* What;
+    std::vector<TEvtxValue> Values;
+    std::string Expected;
+  } cases[] = {
+      {"empty optional value writes nothing, not even its attribute name",
+       {TEvtxValue::Null(), TEvtxValue::UInt32(5), TEvtxValue::String("")},
+       "\r\n<Root>\r\n<Item>5</Item>\r\n<Opt></Opt></Root>"},
+      {"null substitutions may declare a size",
+       {TEvtxValue(EvtxType::Null, {0, 0}), TEvtxValue::UInt32(5), TEvtxValue(EvtxType::Null, {0, 0})},
+       "\r\n<Root>\r\n<Item>5</Item>\r\n<Opt></Opt></Root>"},
+      {"index beyond the array", {TEvtxValue::String("a"), TEvtxValue::UInt32(5)},
+       "!Root exception (SubArray: index out of bounds)"},
+      {"value larger than its type",
+       {TEvtxValue::String("a"), TEvtxValue(EvtxType::UInt32, {1, 0, 0, 0, 0, 0, 0, 0}), TEvtxValue::String("x")},
+       "!SubArray: bad size for a child"},
+      {"value smaller than its type is measured",
+       {TEvtxValue::String("a"), TEvtxValue(EvtxType::UInt32, {1, 0}), TEvtxValue::String("x")}, "!Var08: bad size"},
+      {"value type without a class", {TEvtxValue::String("a"), TEvtxValue(0x93, {1, 2, 3, 4}), TEvtxValue::String("x")},
+       "!BinXML read error"},
+      // No size is known for the type: an empty value must not pass for one of its size.
+      {"empty value of a type without a class", {TEvtxValue::String("a"), TEvtxValue(0x93, {}), TEvtxValue::String("x")},
+       "!BinXML read error"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(RenderOne(SmallTemplate(), c.Values), c.Expected) << c.What;
 }
 
 TEST(BinXmlSubstitutions, DeclaredSizePastTheRecordRaisesTooShort) {
@@ -216,16 +176,6 @@ TEST(BinXmlSubstitutions, DeclaredSizePastTheRecordRaisesTooShort) {
   EXPECT_EQ(c.Error(1), "SubArray: too short");
 }
 
-TEST(BinXmlSubstitutions, NullSubstitutionsMayDeclareASize) {
-  TEvtxChunkWriter w;
-  auto t = SmallTemplate();
-  std::vector<TEvtxValue> v = {TEvtxValue(EvtxType::Null, {0, 0}), TEvtxValue::UInt32(5),
-                               TEvtxValue(EvtxType::Null, {0, 0})};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<Root>\r\n<Item>5</Item>\r\n<Opt></Opt></Root>");
-}
-
 TEST(BinXmlSubstitutions, EveryValueTypeRendersInsideATemplate) {
   std::vector<std::pair<TEvtxValue, std::string>> cases = {
       {TEvtxValue::Int8(-5), "-5"},
@@ -242,12 +192,8 @@ TEST(BinXmlSubstitutions, EveryValueTypeRendersInsideATemplate) {
       {TEvtxValue::AnsiString("ansi"), "ansi"},
   };
   for (auto& [value, text] : cases) {
-    TEvtxChunkWriter w;
     auto t = TEvtxTemplate("one", [type = value.Type()](TBinXmlWriter& w2) { w2.SubstitutionElement("V", 0, type); });
-    std::vector<TEvtxValue> v = {value};
-    ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-    TChunkUnderTest c(w);
-    EXPECT_EQ(c.Xml(0), "\r\n<V>" + text + "</V>") << "type 0x" << std::hex << int(value.Type());
+    EXPECT_EQ(RenderOne(t, {value}), "\r\n<V>" + text + "</V>") << "type 0x" << std::hex << int(value.Type());
   }
 }
 
@@ -319,7 +265,6 @@ TEST(BinXmlArrays, WholeContentRepeatsTheElementPerItem) {
 
 TEST(BinXmlArrays, NumberedWhereTheElementCannotRepeat) {
   // In an attribute, and as content mixed with text.
-  TEvtxChunkWriter w;
   auto t = TEvtxTemplate("mixed", [](TBinXmlWriter& w2) {
     w2.OpenElement("A");
     w2.Attribute("List");
@@ -329,14 +274,11 @@ TEST(BinXmlArrays, NumberedWhereTheElementCannotRepeat) {
     w2.Substitution(0, kStringArray);
     w2.EndElement();
   });
-  std::vector<TEvtxValue> v = {TEvtxValue::StringArray({"a", "b"})};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<A List=\"[0] a\r\n[1] b\">items: [0] a\r\n[1] b</A>");
+  EXPECT_EQ(RenderOne(t, {TEvtxValue::StringArray({"a", "b"})}),
+            "\r\n<A List=\"[0] a\r\n[1] b\">items: [0] a\r\n[1] b</A>");
 }
 
 TEST(BinXmlArrays, StartTagWithItsOwnValuesRepeatsThroughTheNodeRenderer) {
-  TEvtxChunkWriter w;
   auto t = TEvtxTemplate("attr", [](TBinXmlWriter& w2) {
     w2.OpenElement("Data");
     w2.Attribute("Name");
@@ -345,81 +287,75 @@ TEST(BinXmlArrays, StartTagWithItsOwnValuesRepeatsThroughTheNodeRenderer) {
     w2.Substitution(0, kStringArray);
     w2.EndElement();
   });
-  std::vector<TEvtxValue> v = {TEvtxValue::StringArray({"a", "b"}), TEvtxValue::String("n")};
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, v));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<Data Name=\"n\">a</Data>\r\n<Data Name=\"n\">b</Data>");
+  EXPECT_EQ(RenderOne(t, {TEvtxValue::StringArray({"a", "b"}), TEvtxValue::String("n")}),
+            "\r\n<Data Name=\"n\">a</Data>\r\n<Data Name=\"n\">b</Data>");
 }
 
-TEST(BinXmlTokens, CDataEntityAndProcessingInstruction) {
-  TEvtxChunkWriter w;
-  auto t = TEvtxTemplate("tokens", [](TBinXmlWriter& w2) {
-    w2.OpenElement("T");
-    w2.CloseStartElement();
-    w2.CData("a<b");
-    w2.EntityReference("amp");
-    w2.PITarget("pi");
-    w2.PIData("data");
-    w2.Text("x\"y");
-    w2.EndElement();
-  });
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, {}));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<T><![CDATA[a<b]]>&amp;<?pi data?>x&quot;y</T>");
+TEST(BinXmlTokens, TemplateBodiesRenderOrRaise) {
+  const struct {
+    const char* What;
+    TBinXmlBody Body;
+    std::string Expected;
+  } cases[] = {
+      {"cdata, entity and processing instruction",
+       [](TBinXmlWriter& w) {
+         w.OpenElement("T");
+         w.CloseStartElement();
+         w.CData("a<b");
+         w.EntityReference("amp");
+         w.PITarget("pi");
+         w.PIData("data");
+         w.Text("x\"y");
+         w.EndElement();
+       },
+       "\r\n<T><![CDATA[a<b]]>&amp;<?pi data?>x&quot;y</T>"},
+      {"entity references inside an attribute join its value",
+       [](TBinXmlWriter& w) {
+         w.OpenElement("T");
+         w.Attribute("eTag");
+         w.EntityReference("quot");
+         w.Text("abc");
+         w.EntityReference("quot");
+         w.CloseEmptyElement();
+       },
+       "\r\n<T eTag=\"&quot;abc&quot;\" />"},
+      {"character reference token cannot be decoded",
+       [](TBinXmlWriter& w) {
+         w.OpenElement("T");
+         w.CloseStartElement();
+         w.RawU8(0x08);
+         w.RawU16('<');
+         w.EndElement();
+       },
+       "!BinXML read error"},
+      {"runaway nesting is refused, not followed",
+       [](TBinXmlWriter& w) {
+         for (int i = 0; i < 300; ++i) {
+           w.OpenElement("D");
+           w.CloseStartElement();
+         }
+         for (int i = 0; i < 300; ++i) w.EndElement();
+       },
+       "!BinXML nesting too deep"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(RenderOne(TEvtxTemplate(c.What, c.Body)), c.Expected) << c.What;
 }
 
-TEST(BinXmlTokens, EntityReferencesInsideAnAttributeJoinItsValue) {
+TEST(BinXmlTokens, FragmentHeaderAndInstanceAreChecked) {
+  const struct {
+    std::vector<uint8_t> Bytes;
+    const char* Expected;
+  } cases[] = {
+      {{0x0F, 0x02, 0x01, 0x00}, "NodeF: bad ExCode1 "},
+      {{0x0F, 0x01, 0x02, 0x00}, "NodeF: bad ExCode2 "},
+      {{0x0F, 0x01}, "NodeF: too short"},
+      {{0x0F, 0x01, 0x01, 0x00, 0x0C, 0x02, 1, 0, 0, 0, 0, 2, 0, 0}, "NodeC: bad ExCode "},
+  };
   TEvtxChunkWriter w;
-  auto t = TEvtxTemplate("entity-attr", [](TBinXmlWriter& w2) {
-    w2.OpenElement("T");
-    w2.Attribute("eTag");
-    w2.EntityReference("quot");
-    w2.Text("abc");
-    w2.EntityReference("quot");
-    w2.CloseEmptyElement();
-  });
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, {}));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Xml(0), "\r\n<T eTag=\"&quot;abc&quot;\" />");
-}
-
-TEST(BinXmlTokens, CharacterReferenceTokenCannotBeDecoded) {
-  TEvtxChunkWriter w;
-  auto t = TEvtxTemplate("charref", [](TBinXmlWriter& w2) {
-    w2.OpenElement("T");
-    w2.CloseStartElement();
-    w2.RawU8(0x08);
-    w2.RawU16('<');
-    w2.EndElement();
-  });
-  ASSERT_TRUE(w.AddRecord(1, kTime, t, {}));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "BinXML read error");
-}
-
-TEST(BinXmlTokens, FragmentHeaderVersionIsChecked) {
-  TEvtxChunkWriter w;
-  ASSERT_TRUE(w.AddRecord(1, kTime, [](TBinXmlWriter& w2) {
-    w2.Raw(std::vector<uint8_t>{0x0F, 0x02, 0x01, 0x00});
-  }));
-  ASSERT_TRUE(w.AddRecord(2, kTime, [](TBinXmlWriter& w2) {
-    w2.Raw(std::vector<uint8_t>{0x0F, 0x01, 0x02, 0x00});
-  }));
-  ASSERT_TRUE(w.AddRecord(3, kTime, [](TBinXmlWriter& w2) { w2.Raw(std::vector<uint8_t>{0x0F, 0x01}); }));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "NodeF: bad ExCode1 ");
-  EXPECT_EQ(c.Error(1), "NodeF: bad ExCode2 ");
-  EXPECT_EQ(c.Error(2), "NodeF: too short");
-}
-
-TEST(BinXmlTokens, TemplateInstanceNeedsExCodeOne) {
-  TEvtxChunkWriter w;
-  ASSERT_TRUE(w.AddRecord(1, kTime, [](TBinXmlWriter& w2) {
-    w2.FragmentHeader();
-    w2.Raw(std::vector<uint8_t>{0x0C, 0x02, 1, 0, 0, 0, 0, 2, 0, 0});
-  }));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "NodeC: bad ExCode ");
+  uint64_t id = 1;
+  for (const auto& c : cases) ASSERT_TRUE(w.AddRecord(id++, kTime, [&](TBinXmlWriter& w2) { w2.Raw(c.Bytes); }));
+  TChunkUnderTest chunk(w);
+  for (int i = 0; i < static_cast<int>(std::size(cases)); ++i) EXPECT_EQ(chunk.Error(i), cases[i].Expected) << i;
 }
 
 // A template of one <Inner> element whose UInt16 value is its Id attribute or its text.
@@ -568,20 +504,6 @@ TEST(BinXmlNesting, FragmentsNestedInValuesAreBoundedByTheirBytes) {
   EXPECT_EQ(levels, 41u);
 }
 
-TEST(BinXmlNesting, RunawayNestingIsRefusedNotFollowed) {
-  TEvtxChunkWriter w;
-  auto deep = TEvtxTemplate("deep", [](TBinXmlWriter& w2) {
-    for (int i = 0; i < 300; ++i) {
-      w2.OpenElement("D");
-      w2.CloseStartElement();
-    }
-    for (int i = 0; i < 300; ++i) w2.EndElement();
-  });
-  ASSERT_TRUE(w.AddRecord(1, kTime, deep, {}));
-  TChunkUnderTest c(w);
-  EXPECT_EQ(c.Error(0), "BinXML nesting too deep");
-}
-
 TEST(BinXmlRecord, StandardEventRendersAsWindowsLaysItOut) {
   TEvtxEventDraft e;
   e.FProviderName = "Service Control Manager";
@@ -624,12 +546,6 @@ TEST(BinXmlRecord, StandardEventRendersAsWindowsLaysItOut) {
             "\r\n<Data Name=\"param2\">running</Data></EventData></Event>");
 }
 
-} // namespace
-} // namespace qvx
-
-namespace qvx {
-namespace {
-
 // Each test starts from an empty template cache with the default limits and leaves it so.
 class BinXmlTemplateCache : public ::testing::Test {
 protected:
@@ -663,6 +579,51 @@ size_t FindUtf16(const std::vector<uint8_t>& ABytes, std::string_view AText) {
   return at == ABytes.end() ? 0 : static_cast<size_t>(at - ABytes.begin());
 }
 
+// Three definitions under one GUID (the key of SmallTemplate): the elements are named
+// otherwise, or a value has another type.
+TEvtxTemplate SameGuidOtherNames() {
+  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
+    w.OpenElement("Other");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 1, EvtxType::UInt32);
+    w.EndElement();
+  });
+}
+
+// The same names and size as SmallTemplate, its second and third values swapped: only
+// the bytes of the definition tell them apart.
+TEvtxTemplate SameGuidSwappedValues() {
+  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
+    w.OpenElement("Root");
+    w.Attribute("Attr");
+    w.Substitution(0, EvtxType::String, true);
+    w.CloseStartElement();
+    w.SubstitutionElement("Item", 2, EvtxType::UInt32);
+    w.SubstitutionElement("Opt", 1, EvtxType::String, true);
+    w.EndElement();
+  });
+}
+
+// A chunk of one record of ATemplate with AValues, after AFiller records of another
+// template (so the template and its names lie at another offset in each chunk).
+std::vector<uint8_t> OneTemplateChunk(const TEvtxTemplate& ATemplate, int AFiller,
+                                      const std::vector<TEvtxValue>& AValues = {
+                                          TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")}) {
+  auto filler = TEvtxTemplate("filler", [](TBinXmlWriter& w) { w.SubstitutionElement("Note", 0, EvtxType::String); });
+  TEvtxChunkWriter w;
+  uint64_t id = 1;
+  for (int i = 0; i < AFiller; ++i)
+    EXPECT_TRUE(w.AddRecord(id++, kTime, filler,
+                            std::vector<TEvtxValue>{TEvtxValue::String(std::string(static_cast<size_t>(i + 1), 'n'))}));
+  EXPECT_TRUE(w.AddRecord(id, kTime, ATemplate, AValues));
+  return w.Finish();
+}
+
+const char* const kSmallXml = "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>";
+const char* const kOtherXml = "\r\n<Other Attr=\"a\">\r\n<Item>7</Item></Other>";
+
 TEST_F(BinXmlTemplateCache, ChunkRenderedAgainTakesItsTemplatesFromTheCache) {
   TEvtxChunkWriter w;
   std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
@@ -688,22 +649,9 @@ TEST_F(BinXmlTemplateCache, ChunkRenderedAgainTakesItsTemplatesFromTheCache) {
 }
 
 TEST_F(BinXmlTemplateCache, SameGuidWithAnotherDefinitionRendersItsOwn) {
-  // The same key gives the same GUID; the definitions differ.
-  auto other = TEvtxTemplate("small", [](TBinXmlWriter& w) {
-    w.OpenElement("Other");
-    w.Attribute("Attr");
-    w.Substitution(0, EvtxType::String, true);
-    w.CloseStartElement();
-    w.SubstitutionElement("Item", 1, EvtxType::UInt32);
-    w.EndElement();
-  });
-  ASSERT_EQ(other.Guid(), SmallTemplate().Guid());
-  std::vector<TEvtxValue> v = {TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")};
-  TEvtxChunkWriter a, b;
-  ASSERT_TRUE(a.AddRecord(1, kTime, SmallTemplate(), v));
-  ASSERT_TRUE(b.AddRecord(1, kTime, other, v));
-  EXPECT_EQ(AllXml(a.Finish()), "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>\n");
-  EXPECT_EQ(AllXml(b.Finish()), "\r\n<Other Attr=\"a\">\r\n<Item>7</Item></Other>\n");
+  ASSERT_EQ(SameGuidOtherNames().Guid(), SmallTemplate().Guid());
+  EXPECT_EQ(AllXml(OneTemplateChunk(SmallTemplate(), 0)), std::string(kSmallXml) + "\n");
+  EXPECT_EQ(AllXml(OneTemplateChunk(SameGuidOtherNames(), 0)), std::string(kOtherXml) + "\n");
   EXPECT_EQ(BXmlTemplateCacheInfo().Hits, 0u);
 }
 
@@ -814,51 +762,6 @@ TEST_F(BinXmlTemplateCache, ByteLimitIsKept) {
     EXPECT_GT(BXmlTemplateCacheInfo().Entries, 0u);
   }
 }
-
-// Three definitions under one GUID (the key of SmallTemplate): the elements are named
-// otherwise, or a value has another type.
-TEvtxTemplate SameGuidOtherNames() {
-  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
-    w.OpenElement("Other");
-    w.Attribute("Attr");
-    w.Substitution(0, EvtxType::String, true);
-    w.CloseStartElement();
-    w.SubstitutionElement("Item", 1, EvtxType::UInt32);
-    w.EndElement();
-  });
-}
-
-// The same names and size as SmallTemplate, its second and third values swapped: only
-// the bytes of the definition tell them apart.
-TEvtxTemplate SameGuidSwappedValues() {
-  return TEvtxTemplate("small", [](TBinXmlWriter& w) {
-    w.OpenElement("Root");
-    w.Attribute("Attr");
-    w.Substitution(0, EvtxType::String, true);
-    w.CloseStartElement();
-    w.SubstitutionElement("Item", 2, EvtxType::UInt32);
-    w.SubstitutionElement("Opt", 1, EvtxType::String, true);
-    w.EndElement();
-  });
-}
-
-// A chunk of one record of ATemplate with AValues, after AFiller records of another
-// template (so the template and its names lie at another offset in each chunk).
-std::vector<uint8_t> OneTemplateChunk(const TEvtxTemplate& ATemplate, int AFiller,
-                                      const std::vector<TEvtxValue>& AValues = {
-                                          TEvtxValue::String("a"), TEvtxValue::UInt32(7), TEvtxValue::String("x")}) {
-  auto filler = TEvtxTemplate("filler", [](TBinXmlWriter& w) { w.SubstitutionElement("Note", 0, EvtxType::String); });
-  TEvtxChunkWriter w;
-  uint64_t id = 1;
-  for (int i = 0; i < AFiller; ++i)
-    EXPECT_TRUE(w.AddRecord(id++, kTime, filler,
-                            std::vector<TEvtxValue>{TEvtxValue::String(std::string(static_cast<size_t>(i + 1), 'n'))}));
-  EXPECT_TRUE(w.AddRecord(id, kTime, ATemplate, AValues));
-  return w.Finish();
-}
-
-const char* const kSmallXml = "\r\n<Root Attr=\"a\">\r\n<Item>7</Item>\r\n<Opt>x</Opt></Root>";
-const char* const kOtherXml = "\r\n<Other Attr=\"a\">\r\n<Item>7</Item></Other>";
 
 // A template compiled on one thread of a run is taken by another from the run's cache;
 // a definition under the same GUID with other bytes is compiled and kept beside it.
