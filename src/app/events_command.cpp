@@ -280,8 +280,20 @@ int RunEvents(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) 
     if (const size_t at = message.find(hint); at != std::string::npos)
       message.replace(at, hint.size(), "(use 'quorvex scan' to search it for chunks)");
     std::error_code error;
-    if (std::filesystem::is_directory(AOptions.Path, error))
+    const std::string& path = AOptions.Path;
+    const size_t sep = path.find("::");
+    std::string image, volume;
+    if (std::filesystem::is_directory(path, error)) {
       message += " (the logs of a folder are read together by 'quorvex open FOLDER -s STORE' or 'quorvex hunt')";
+    } else if (sep != std::string::npos && sep + 2 == path.size()) {
+      message = path + ": name the log after '::', as " + path + "/Windows/System32/winevt/Logs/System.evtx ('quorvex imaged " +
+                path.substr(0, sep) + "' lists the logs)";
+    } else if (sep != std::string::npos && (SplitVolume(path.substr(0, sep), image, volume), !IsImageInput(image))) {
+      message = image + ": no such disk image file or device";
+    } else if (sep == std::string::npos && !std::filesystem::exists(path, error) && IsImageInput(path)) {
+      message = path + ": a volume of a disk image: name a log on it as " + path +
+                "::/Windows/System32/winevt/Logs/System.evtx ('quorvex imaged " + path + "' lists the logs)";
+    }
     std::fprintf(AErr, "quorvex: %s\n", message.c_str());
     return 1;
   }

@@ -185,7 +185,8 @@ int main(int argc, char** argv) {
       ->required();
   addOutputOptions(cmdEvents);
   cmdEvents->add_option("--offset", events.Offset,
-                        "The file lies on the volume that starts at this byte offset of the image (as IMAGE@+BYTES::PATH)");
+                        "The file lies on the volume that starts at this byte offset of the image (as IMAGE@+BYTES::PATH)")
+      ->check(CLI::NonNegativeNumber);
   cmdEvents->footer("Columns of the table: time, type, event ID, source, task, user, computer, record number and\n"
                     "channel. CSV and JSON Lines add level, qualifiers, version, opcode, keywords, the user's SID,\n"
                     "the description and the event data values; XML gives each event's XML.\n"
@@ -201,7 +202,8 @@ int main(int argc, char** argv) {
       ->required();
   addOutputOptions(cmdScan);
   cmdScan->add_option("--offset", events.Offset,
-                      "Scan only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)");
+                      "Scan only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)")
+      ->check(CLI::NonNegativeNumber);
   cmdScan->add_flag("--unallocated", events.Unallocated,
                     "Scan only the unallocated clusters of the image's NTFS volume, where deleted logs survive");
   cmdScan->footer("Chunks are listed in the order they lie in the data, each from its last event back to its\n"
@@ -219,7 +221,8 @@ int main(int argc, char** argv) {
   cmdImaged->add_option("--only", imaged.Only, "One section: logs, channels, publishers, sources or users");
   int64_t imagedOffset = -1;
   cmdImaged->add_option("--offset", imagedOffset,
-                        "Only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)");
+                        "Only the volume that starts at this byte offset of the image (as IMAGE@+BYTES)")
+      ->check(CLI::NonNegativeNumber);
   cmdImaged->footer("Reads the installation's SOFTWARE and SYSTEM hives (never writes them) and lists its logs\n"
                     "folder, channels with their publishers, publishers and classic event sources with their\n"
                     "message files (mapped into the image), and the users of its profile list.\n"
@@ -279,7 +282,8 @@ int main(int argc, char** argv) {
                        "For a disk image: load the logs of each Volume Shadow Copy of its installation volume too\n"
                        "(named IMAGE@VOLUME:vssN::PATH in the store); a copy that cannot be read is reported and skipped");
     ACommand->add_option("--offset", openOffset,
-                         "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
+                         "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)")
+      ->check(CLI::NonNegativeNumber);
     ACommand->add_option("--tz", store.TimeZone, "Time shift of the stored times (as for 'events'; default local)");
     ACommand->add_option("--imaged", store.Imaged, "Describe the events from this offline Windows installation");
     ACommand->add_option("--catalog", store.Catalogs,
@@ -402,7 +406,8 @@ int main(int argc, char** argv) {
                     "For a disk image: also hunt in the logs of each Volume Shadow Copy of its installation volume");
   int64_t huntOffset = -1;
   cmdHunt->add_option("--offset", huntOffset,
-                      "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)");
+                      "The installation is on the volume that starts at this byte offset of each image (IMAGE@+BYTES)")
+      ->check(CLI::NonNegativeNumber);
   cmdHunt->add_option("-t,--threads", hunt.Threads,
                       "Threads beside the reader (0 = none): each of them and the reader takes a whole chunk "
                       "of an .evtx file; for other inputs they decode chunks, and as many test rules")

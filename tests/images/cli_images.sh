@@ -77,6 +77,16 @@ check relative-image-described test "$got" = "$want_app"
 got=$(cd "$tmp" && "$QVX" events -q -f csv --tz UTC "$logs/Application.evtx" --imaged inst)
 check relative-folder-described test "$got" = "$want_app"
 
+# An image named without the log inside it, or an image that is not there, is said to be so.
+err=$("$QVX" events "$tmp/mbr.raw@1" 2>&1 >/dev/null)
+check image-without-log grep -q "mbr.raw@1: a volume of a disk image: name a log on it as .*mbr.raw@1::/Windows" <<<"$err"
+err=$("$QVX" events "$tmp/mbr.raw::" 2>&1 >/dev/null)
+check image-empty-path grep -q "name the log after '::'" <<<"$err"
+err=$("$QVX" events "$tmp/none.raw::/x.evtx" 2>&1 >/dev/null)
+check image-missing test "$err" = "quorvex: $tmp/none.raw: no such disk image file or device"
+"$QVX" events --offset -5 "$tmp/mbr.raw::/x.evtx" >/dev/null 2>&1
+check negative-offset test $? -eq 2
+
 # open IMAGE loads every log of the installation, described from the image.
 "$QVX" open "$tmp/mbr.raw" -s "$tmp/case.db" -q
 check open-image-status test $? -eq 0
