@@ -2,6 +2,7 @@
 
 #include "images/evidence_image.h"
 #include "images/image_error.h"
+#include "platform/file_names.h"
 #include "platform/raw_file.h"
 
 #include <algorithm>
@@ -79,9 +80,13 @@ std::vector<std::string> ImageLogsOf(const std::string& APath) {
       logs.push_back(prefix + folder + "/" + e.Name);
     }
   }
-  if (logs.empty())
+  if (logs.empty()) {
+    TNtfsEntry windows;
     RaiseImageError(image->VolumeName(volume, copy), kNoOffset,
-                    "no .evtx or .evt logs in the Windows folder");
+                    ntfs->Find("/Windows", windows) && windows.Folder
+                        ? "no .evtx or .evt logs in the Windows folder"
+                        : "no Windows folder on this volume (name a folder of logs on it as " + prefix + "/FOLDER)");
+  }
   return logs;
 }
 
@@ -208,12 +213,54 @@ std::vector<std::string> FolderLogsOf(const std::string& AFolder) {
   return logs;
 }
 
+std::vector<std::string> ImageFolderLogsOf(const std::string& AFolder) {
+  std::vector<std::string> logs;
+  std::string prefix, path;
+  const std::shared_ptr<TFileSystem> fs = FileSystemOf(AFolder, prefix, path);
+  if (!fs) return logs;
+  // The depth is bounded as NTFS bounds a path's length, and the folders read by what a
+  // volume holds: a damaged index may list a folder inside itself.
+  constexpr size_t kMaxDepth = 128, kMaxFolders = 1'000'000;
+  size_t read = 0;
+  std::vector<std::pair<std::string, size_t>> folders{{path.empty() ? std::string("/") : path, 0}};
+  while (!folders.empty()) {
+    auto [folder, depth] = std::move(folders.back());
+    folders.pop_back();
+    if (++read > kMaxFolders)
+      throw std::runtime_error(AFolder + ": more than " + std::to_string(kMaxFolders) +
+                               " folders below it: the file system looks damaged");
+    const std::string base = folder.ends_with('/') || folder.ends_with('\\') ? folder : folder + "/";
+    for (const TFileSystem::TEntry& e : fs->List(folder)) {
+      if (e.Name == "." || e.Name == "..") continue;
+      if (e.Folder) {
+        if (depth + 1 < kMaxDepth) folders.emplace_back(base + e.Name, depth + 1);
+      } else if (NamedAsLog(e.Name) && e.Size > 0) { // an empty log holds nothing to load
+        logs.push_back(prefix + base + e.Name);
+      }
+    }
+  }
+  std::sort(logs.begin(), logs.end());
+  if (logs.empty()) throw std::runtime_error(AFolder + ": no .evtx or .evt log in this folder or below it");
+  return logs;
+}
+
 std::optional<TImageLogs> ExpandInput(const std::string& APath, bool AShadows) {
   std::error_code error;
   if (APath.find("::") == std::string::npos && std::filesystem::is_directory(APath, error)) {
     TImageLogs result;
     result.Logs = FolderLogsOf(APath);
     return result;
+  }
+  if (APath.find("::") != std::string::npos) {
+    // A folder inside an image stands for the logs in it and below it, as a folder does.
+    std::string prefix, path;
+    TFileSystem::TEntry entry;
+    if (const std::shared_ptr<TFileSystem> fs = FileSystemOf(APath, prefix, path);
+        fs && fs->Stat(path.empty() ? std::string("/") : path, entry) && entry.Folder) {
+      TImageLogs result;
+      result.Logs = ImageFolderLogsOf(APath);
+      return result;
+    }
   }
   return ExpandImageInput(APath, AShadows);
 }

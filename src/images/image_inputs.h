@@ -63,6 +63,9 @@ std::optional<TImageLogs> ExpandImageInput(const std::string& APath, bool AShado
 // mounted volume), sorted by path. Subfolders that cannot be read are passed over.
 // Raises std::runtime_error naming the folder when it cannot be listed or holds no log.
 std::vector<std::string> FolderLogsOf(const std::string& AFolder);
+// The same for a folder inside an image ("IMAGE@2::/Logs"): its non-empty logs and those
+// below it, as names inside the image, sorted.
+std::vector<std::string> ImageFolderLogsOf(const std::string& AFolder);
 
 // What an input of 'open', 'serve' and 'hunt' stands for: a folder its logs
 // (FolderLogsOf), a disk image as ExpandImageInput says, nothing for a log.

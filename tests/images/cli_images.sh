@@ -91,6 +91,11 @@ check negative-offset test $? -eq 2
 "$QVX" open "$tmp/mbr.raw" -s "$tmp/case.db" -q
 check open-image-status test $? -eq 0
 check open-image-count test "$("$QVX" view "$tmp/case.db" --count)" = "$(($(sed -n 's/.*: \([0-9]*\) events.*/\1/p' <<<"$("$QVX" events -f csv "$logs/System.evtx" 2>&1 >/dev/null)") + 300))"
+# A folder inside the image stands for the logs in it and below it.
+"$QVX" open "$tmp/mbr.raw::/windows/system32/winevt" -s "$tmp/folder.db" -q
+check open-image-folder test "$("$QVX" view "$tmp/folder.db" --count)" = "$("$QVX" view "$tmp/case.db" --count)"
+err=$("$QVX" open "$tmp/mbr.raw::/Windows/System32/config" -s "$tmp/none.db" -q 2>&1)
+check open-image-folder-empty grep -q "config: no .evtx or .evt log in this folder or below it" <<<"$err"
 
 # hunt IMAGE hunts in every log of the installation, as open loads them.
 cat >"$tmp/every.yml" <<'EOF_RULE'
