@@ -56,20 +56,33 @@ std::string FilesOf(TImagedPC& AComputer, const std::string& AName) {
 }
 
 void ListLogs(TImagedPC& AComputer, std::FILE* AOut) {
+  // The logs of Windows Vista and later, and the classic logs of earlier versions, which
+  // lie among the registry hives.
   TPathResolver paths;
-  const std::string folder = paths.Resolve(AComputer.LogsLocation());
-  std::vector<std::pair<std::string, uintmax_t>> logs;
-  if (!folder.empty())
+  const std::string modern = paths.Resolve(AComputer.LogsLocation());
+  const std::string classic = paths.Resolve(AComputer.System32Folder() + "/config");
+  std::vector<std::pair<std::string, std::vector<std::pair<std::string, uintmax_t>>>> folders;
+  size_t count = 0;
+  for (const std::string& folder : {modern, classic}) {
+    if (folder.empty()) continue;
+    std::vector<std::pair<std::string, uintmax_t>> logs;
     for (const TFileSystem::TEntry& entry : ListFolder(folder)) {
       std::string lower = entry.Name;
       std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
       if (entry.Folder || (!lower.ends_with(".evtx") && !lower.ends_with(".evt"))) continue;
       logs.emplace_back(entry.Name, entry.Size);
     }
-  std::sort(logs.begin(), logs.end());
-  Heading(AOut, "Logs", logs.size());
-  std::fprintf(AOut, "  in %s\n", folder.empty() ? NativeSeparators(AComputer.LogsLocation()).c_str() : folder.c_str());
-  for (const auto& [name, size] : logs) std::fprintf(AOut, "  %12ju  %s\n", size, name.c_str());
+    std::sort(logs.begin(), logs.end());
+    count += logs.size();
+    // The modern folder is named even when empty; the classic one only with logs in it.
+    if (folder == modern || !logs.empty()) folders.emplace_back(folder, std::move(logs));
+  }
+  Heading(AOut, "Logs", count);
+  if (modern.empty()) std::fprintf(AOut, "  in %s\n", NativeSeparators(AComputer.LogsLocation()).c_str());
+  for (const auto& [folder, logs] : folders) {
+    std::fprintf(AOut, "  in %s\n", folder.c_str());
+    for (const auto& [name, size] : logs) std::fprintf(AOut, "  %12ju  %s\n", size, name.c_str());
+  }
 }
 
 } // namespace
