@@ -111,6 +111,30 @@ if [ -s "$tmp/cut.E01" ]; then
   check truncated-e01 test "$(wc -l <<<"$err")" -eq 1 -a -n "$err"
   check truncated-e01-names grep -q "^quorvex: $tmp/cut.E01: " <<<"$err"
 fi
+# A set of segment files or pieces with one missing is refused, naming the one missing.
+if [ -f "$tmp/split.E01" ]; then
+  mkdir -p "$tmp/gap" "$tmp/end"
+  cp "$tmp"/split.E0* "$tmp/gap/"
+  rm "$tmp/gap/split.E03"
+  err=$("$QVX" events "$tmp/gap/split.E01::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+  check ewf-gap test "$err" = "quorvex: $tmp/gap/split.E01: segment file split.E03 is missing (split.E02 says more follow)"
+  err=$("$QVX" scan "$tmp/gap/split.E01" 2>&1 >/dev/null)
+  check ewf-gap-scan-status test $? -eq 1
+  check ewf-gap-scan test "$err" = "quorvex: $tmp/gap/split.E01: segment file split.E03 is missing (split.E02 says more follow)"
+  last=$(ls "$tmp"/split.E0* | tail -1)
+  cp "$tmp"/split.E0* "$tmp/end/"
+  rm "$tmp/end/$(basename "$last")"
+  before=$(ls "$tmp"/split.E0* | tail -2 | head -1)
+  err=$("$QVX" imaged "$tmp/end/split.E01" 2>&1 >/dev/null)
+  check ewf-last-missing test "$err" = "quorvex: $tmp/end/split.E01: segment file $(basename "$last") is missing ($(basename "$before") says more follow)"
+fi
+mkdir -p "$tmp/pieces"
+split -b 8M -d -a 3 --numeric-suffixes=1 "$tmp/mbr.raw" "$tmp/pieces/disk."
+check pieces-whole test "$("$QVX" events -q -f csv --tz UTC "$tmp/pieces/disk.001::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+rm "$tmp/pieces/disk.002"
+err=$("$QVX" events "$tmp/pieces/disk.001::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+check pieces-gap test "$err" = "quorvex: $tmp/pieces/disk.001: piece disk.002 is missing (disk.003 follows it)"
+
 truncate -s 4M "$tmp/blank.raw"
 err=$("$QVX" imaged "$tmp/blank.raw" 2>&1 >/dev/null)
 check no-partitions test "$err" = "quorvex: $tmp/blank.raw: no partition table and no file system at offset 0x0"
