@@ -10,6 +10,7 @@
 #include "catalog/sqlite_handle.h"
 #include "descriptions/time_zones.h"
 #include "imaged/imaged_pc.h"
+#include "images/evidence_image.h"
 #include "images/image_opener.h"
 #include "platform/nt_exception.h"
 
@@ -71,6 +72,17 @@ void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, T
                  AAllIssues ? "not kept: the list holds 2000" : "--all-issues lists them");
 }
 
+// What the reads met in the media data of disk images (chunks of an E01 that fail their
+// checksum): among the problems of the summary, or alone when there is none (--quiet).
+void TakeImageWarnings(TIssueList& AIssues, bool AQuiet, std::FILE* AErr) {
+  for (const std::string& warning : TEvidenceImage::TakeWarnings()) {
+    if (AQuiet)
+      std::fprintf(AErr, "quorvex: warning: %s\n", warning.c_str());
+    else
+      AIssues.AddIssue(warning);
+  }
+}
+
 // Whether ReadEventsByChunk gives what ReadEvents would: JSON Lines or CSV of a whole
 // .evtx file (not a scan), every event written, no description looked up anywhere.
 bool ByChunk(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, const TListing& AListing) {
@@ -127,6 +139,7 @@ int ReadEventsByChunk(TEventLogBinXML& ASource, const TEventsOptions& AOptions, 
     status = 1;
   }
   if (!AListing.Finish()) status = 1;
+  TakeImageWarnings(ASource.IssueList(), AOptions.Quiet, AErr);
   if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, AListing.Events, ASource.IssueList(), AOptions.AllIssues);
   return status;
 }
@@ -162,6 +175,7 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
     status = 1;
   }
   if (!listing.Finish()) status = 1;
+  TakeImageWarnings(ASource.IssueList(), AOptions.Quiet, AErr);
   if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, listing.Events, ASource.IssueList(), AOptions.AllIssues);
   return status;
 }

@@ -150,6 +150,7 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
         if (!copy && v.FileSystem == "NTFS" && !ListShadows(*image, v, AOut, AErr)) status = 1;
       }
     }
+    for (const std::string& warning : TEvidenceImage::TakeWarnings()) std::fprintf(AErr, "quorvex: warning: %s\n", warning.c_str());
     return status;
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());

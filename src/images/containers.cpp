@@ -10,8 +10,11 @@
 #include <libvhdi.h>
 #include <libvmdk.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 
 namespace qvx {
@@ -129,6 +132,12 @@ std::string NextSegmentName(const std::string& AName) {
   return {};
 }
 
+std::string Hex(uint64_t AValue) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llX", static_cast<unsigned long long>(AValue));
+  return text;
+}
+
 std::string FileNameOf(const std::string& APath) { return std::filesystem::path(APath).filename().string(); }
 
 bool FileExists(const std::string& APath) {
@@ -225,6 +234,9 @@ public:
       RaiseImageError(FPath, kNoOffset, EwfMissingSegment(names[count - 1]));
     libewf_error_free(&error);
     if (count > 0) CheckNoGap(FPath, names[count - 1], "segment file");
+    uint32_t sectorSize = 0;
+    if (libewf_handle_get_bytes_per_sector(FHandle.Handle, &sectorSize, &error) == 1 && sectorSize > 0) FSectorSize = sectorSize;
+    libewf_error_free(&error);
     uint8_t md5[64] = {};
     if (libewf_handle_get_utf8_hash_value_md5(FHandle.Handle, md5, sizeof md5, &error) == 1)
       FStoredHash = "MD5 " + std::string(reinterpret_cast<const char*>(md5));
@@ -239,12 +251,57 @@ public:
     return static_cast<size_t>(got);
   }
 
+  // libewf keeps the sectors of every chunk that failed its checksum as it read them
+  // (and gives their data as stored); ranges it widens later are told for their new part.
+  std::vector<std::string> TakeWarnings() override {
+    std::lock_guard<std::mutex> lock(FLock);
+    std::vector<std::string> warnings;
+    libewf_error_t* error = nullptr;
+    uint32_t count = 0;
+    if (libewf_handle_get_number_of_checksum_errors(FHandle.Handle, &count, &error) != 1) {
+      libewf_error_free(&error);
+      return warnings;
+    }
+    for (uint32_t i = 0; i < count && FTold.size() < kMaxToldRanges; ++i) {
+      uint64_t first = 0, sectors = 0;
+      if (libewf_handle_get_checksum_error(FHandle.Handle, i, &first, &sectors, &error) != 1) {
+        libewf_error_free(&error);
+        continue;
+      }
+      if (first >= FMediaSize / FSectorSize) continue;
+      const uint64_t start = first * FSectorSize;
+      const uint64_t end = sectors > (FMediaSize - start) / FSectorSize ? FMediaSize : start + sectors * FSectorSize;
+      uint64_t at = start;
+      if (auto it = FTold.upper_bound(at); it != FTold.begin() && std::prev(it)->second > at) at = std::prev(it)->second;
+      while (at < end && FTold.size() < kMaxToldRanges) {
+        const auto next = FTold.lower_bound(at);
+        const uint64_t stop = next == FTold.end() ? end : std::min(end, next->first);
+        if (stop > at) {
+          FTold.emplace(at, stop);
+          warnings.push_back(FPath + ": media bytes " + Hex(at) + " to " + Hex(stop - 1) +
+                             " fail the checksum of their chunk; read as stored");
+        }
+        if (next == FTold.end() || next->first >= end) break;
+        at = std::max(at, next->second);
+      }
+    }
+    if (FTold.size() >= kMaxToldRanges && !FToldLimit) {
+      FToldLimit = true;
+      warnings.push_back(FPath + ": more chunks fail their checksum; not listed");
+    }
+    return warnings;
+  }
+
 private:
+  static constexpr size_t kMaxToldRanges = 1000;
   [[noreturn]] void Fail(libewf_error_t*& AError, uint64_t AOffset, const char* AProblem) const {
     RaiseLibyal(AError, libewf_error_backtrace_sprint, libewf_error_free, FPath, AOffset, AProblem);
   }
   TLibyalHandle<libewf_handle_t, libewf_error_t, libewf_handle_close, libewf_handle_free, libewf_error_free> FHandle;
   mutable std::mutex FLock;
+  uint64_t FSectorSize = 512;
+  std::map<uint64_t, uint64_t> FTold; // media ranges told as failing their checksum: start, end
+  bool FToldLimit = false;
 };
 
 // --- VHD and VHDX (libvhdi) ---------------------------------------------------------

@@ -35,7 +35,31 @@ bool FindImageFile(std::string& APath) {
   return true;
 }
 
+// Every image opened, shared or not, for TakeWarnings.
+std::mutex& OpenedLock() {
+  static std::mutex lock;
+  return lock;
+}
+std::vector<std::weak_ptr<TEvidenceImage>>& Opened() {
+  static auto& opened = *new std::vector<std::weak_ptr<TEvidenceImage>>();
+  return opened;
+}
+
 } // namespace
+
+std::vector<std::string> TEvidenceImage::TakeWarnings() {
+  std::vector<std::shared_ptr<TEvidenceImage>> images;
+  {
+    std::lock_guard<std::mutex> guard(OpenedLock());
+    std::erase_if(Opened(), [](const std::weak_ptr<TEvidenceImage>& AImage) { return AImage.expired(); });
+    for (const std::weak_ptr<TEvidenceImage>& opened : Opened())
+      if (std::shared_ptr<TEvidenceImage> image = opened.lock()) images.push_back(std::move(image));
+  }
+  std::vector<std::string> warnings;
+  for (const std::shared_ptr<TEvidenceImage>& image : images)
+    for (std::string& warning : image->FContainer->TakeWarnings()) warnings.push_back(std::move(warning));
+  return warnings;
+}
 
 bool TEvidenceImage::IsContainerFile(const std::string& APath) {
   try {
@@ -108,6 +132,10 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
     }
   }
   if (AShared) cache.emplace(APath, image);
+  {
+    std::lock_guard<std::mutex> opened(OpenedLock());
+    Opened().push_back(image);
+  }
   return image;
 }
 

@@ -74,6 +74,10 @@ public:
   // Numbers of the NTFS volumes that hold \Windows\System32\config\SOFTWARE.
   std::vector<uint32_t> Installations();
 
+  // What reads of every image opened so far met in the media data and read through
+  // anyway (TContainer::TakeWarnings), each once.
+  static std::vector<std::string> TakeWarnings();
+
   // Splits "IMAGE[@VOLUME][:vssN]::PATH" when IMAGE names an existing file or device;
   // false otherwise (also for "file::$DATA" stream names). AVolume keeps the ":vssN".
   static bool SplitName(const std::string& AName, std::string& AImage, std::string& AVolume, std::string& APath);

@@ -128,6 +128,26 @@ if [ -f "$tmp/split.E01" ]; then
   err=$("$QVX" imaged "$tmp/end/split.E01" 2>&1 >/dev/null)
   check ewf-last-missing test "$err" = "quorvex: $tmp/end/split.E01: segment file $(basename "$last") is missing ($(basename "$before") says more follow)"
 fi
+# A chunk of an E01 that fails its checksum: read as stored, its media range named once.
+if have ewfacquire; then
+  ewfacquire -u -c none -t "$tmp/flip" "$tmp/mbr.raw" >/dev/null 2>&1
+  python3 - "$tmp/flip.E01" <<'EOF_PY'
+import os, sys
+with open(sys.argv[1], 'r+b') as f:
+    at = os.path.getsize(sys.argv[1]) * 4 // 5
+    f.seek(at)
+    data = f.read(16)
+    f.seek(at)
+    f.write(bytes(b ^ 0xFF for b in data))
+EOF_PY
+  bad="$tmp/flip.E01: media bytes 0x[0-9A-F]* to 0x[0-9A-F]* fail the checksum of their chunk; read as stored"
+  err=$("$QVX" scan -f csv "$tmp/flip.E01" 2>&1 >/dev/null)
+  check ewf-checksum-scan test "$(grep -c "^  $bad$" <<<"$err")" -eq 1
+  check ewf-checksum-summary grep -q "problem.* met while reading" <<<"$err"
+  err=$("$QVX" scan -q -f csv "$tmp/flip.E01" 2>&1 >/dev/null)
+  check ewf-checksum-quiet test "$(grep -c "^quorvex: warning: $bad$" <<<"$err")" -eq 1
+  check ewf-checksum-reads test "$("$QVX" events -q -f csv --tz UTC "$tmp/flip.E01::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+fi
 mkdir -p "$tmp/pieces"
 split -b 8M -d -a 3 --numeric-suffixes=1 "$tmp/mbr.raw" "$tmp/pieces/disk."
 check pieces-whole test "$("$QVX" events -q -f csv --tz UTC "$tmp/pieces/disk.001::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
