@@ -118,7 +118,7 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
   uint32_t number = 0;
   if (image->FTable.Scheme() == TPartitionScheme::psNone) {
     const std::string fs = DetectFileSystem(media, 0);
-    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs});
+    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs, ""});
   } else {
     for (const TPartition& p : image->FTable.Partitions()) {
       TImageVolume v;
@@ -127,7 +127,13 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
       v.Length = p.Length;
       v.Partition = std::string(TPartitionTable::SchemeName(image->FTable.Scheme())) + " " + std::to_string(p.Number);
       v.Type = TPartitionTable::TypeName(p);
-      v.FileSystem = DetectFileSystem(media, p.Offset);
+      try {
+        v.FileSystem = DetectFileSystem(media, p.Offset);
+      } catch (const std::exception& e) {
+        // Clusters of one partition lost from a container leave the others readable.
+        v.Unreadable = e.what();
+        if (v.Unreadable.starts_with(APath + ": ")) v.Unreadable.erase(0, APath.size() + 2);
+      }
       image->FVolumes.push_back(std::move(v));
     }
   }
@@ -252,6 +258,7 @@ std::shared_ptr<const TReadStream> TEvidenceImage::VolumeStream(const TImageVolu
 std::shared_ptr<TNtfsVolume> TEvidenceImage::Ntfs(const TImageVolume& AVolume) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
   if (auto it = FNtfs.find(AVolume.Offset); it != FNtfs.end()) return it->second;
+  if (!AVolume.Unreadable.empty()) throw EImageError(VolumeName(AVolume) + ": " + AVolume.Unreadable);
   if (AVolume.FileSystem == "BitLocker")
     RaiseImageError(VolumeName(AVolume), kNoOffset, "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
   if (AVolume.FileSystem != "NTFS")

@@ -33,13 +33,15 @@ struct TImageVolume {
   std::string Partition;  // "MBR 1", "GPT 2", "whole disk", "offset"
   std::string Type;       // the partition type's meaning, or ""
   std::string FileSystem; // "NTFS", "BitLocker", "FAT", ... or "" when unknown
+  std::string Unreadable; // why its first sector cannot be read ("" when it can)
 };
 
 class TEvidenceImage {
 public:
   // Opens the image APath (with AShared, a second Open of the same name gives the same
   // object, kept for the run). Raises EImageError (or ENTException) naming the image and
-  // the problem.
+  // the problem. A volume whose first sector cannot be read is listed with the reason in
+  // Unreadable; only using it raises.
   static std::shared_ptr<TEvidenceImage> Open(const std::string& APath, bool AShared = true);
 
   const std::string& Path() const { return FPath; }
@@ -54,7 +56,7 @@ public:
   // The data of a volume.
   std::shared_ptr<const TReadStream> VolumeStream(const TImageVolume& AVolume);
   // The NTFS file system of a volume (opened once). Raises EImageError when it is not
-  // NTFS or cannot be read.
+  // NTFS or cannot be read (also when its first sector could not be read at open).
   std::shared_ptr<TNtfsVolume> Ntfs(const TImageVolume& AVolume);
   // The name of a volume in messages: "disk.E01 volume 2", and with a shadow copy
   // (ACopy > 0) "disk.E01 volume 2 shadow copy 1".

@@ -128,6 +128,28 @@ if [ -f "$tmp/split.E01" ]; then
   err=$("$QVX" imaged "$tmp/end/split.E01" 2>&1 >/dev/null)
   check ewf-last-missing test "$err" = "quorvex: $tmp/end/split.E01: segment file $(basename "$last") is missing ($(basename "$before") says more follow)"
 fi
+# A QCOW2 whose second volume's first cluster is lost: the first volume still reads,
+# imaged lists the second as unreadable, and only naming it fails.
+if have qemu-img && have qemu-io; then
+  truncate -s 40M "$tmp/two.raw"
+  dd if="$tmp/vol.img" of="$tmp/two.raw" bs=1M seek=1 conv=notrunc status=none
+  printf '2048,49152,7\n53248,24576,7\n' | sfdisk -q "$tmp/two.raw" >/dev/null 2>&1
+  qemu-img convert -O qcow2 "$tmp/two.raw" "$tmp/lost.qcow2"
+  size=$(stat -c %s "$tmp/lost.qcow2")
+  qemu-io -f qcow2 -c "write -P 0x55 $((53248 * 512)) 65536" "$tmp/lost.qcow2" >/dev/null
+  truncate -s "$size" "$tmp/lost.qcow2"
+  check lost-volume-events test "$("$QVX" events -q -f csv --tz UTC "$tmp/lost.qcow2@1::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+  check lost-volume-default test "$("$QVX" events -q -f csv --tz UTC "$tmp/lost.qcow2::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+  out=$("$QVX" imaged "$tmp/lost.qcow2" 2>"$tmp/err")
+  check lost-volume-imaged-status test $? -eq 0
+  check lost-volume-listed grep -q "^  2 .* unreadable " <<<"$out"
+  check lost-volume-windows grep -q "^  Windows folder   $tmp/lost.qcow2@1::/Windows" <<<"$out"
+  check lost-volume-warning grep -q "^quorvex: warning: $tmp/lost.qcow2 volume 2: cannot read the media data at offset 0x1A00000" "$tmp/err"
+  err=$("$QVX" events "$tmp/lost.qcow2@2::/x.evtx" 2>&1 >/dev/null)
+  check lost-volume-named-status test $? -eq 1
+  check lost-volume-named grep -q "^quorvex: $tmp/lost.qcow2 volume 2: cannot read the media data at offset 0x1A00000" <<<"$err"
+fi
+
 # A chunk of an E01 that fails its checksum: read as stored, its media range named once.
 if have ewfacquire; then
   ewfacquire -u -c none -t "$tmp/flip" "$tmp/mbr.raw" >/dev/null 2>&1
