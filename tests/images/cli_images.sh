@@ -150,6 +150,23 @@ if have qemu-img && have qemu-io; then
   check lost-volume-named grep -q "^quorvex: $tmp/lost.qcow2 volume 2: cannot read the media data at offset 0x1A00000" <<<"$err"
 fi
 
+# A folder of thousands of files: names in any case find the file they name.
+mkdir -p "$tmp/many/Windows/System32/winevt/Logs"
+(cd "$tmp/many/Windows/System32/winevt/Logs" && for i in $(seq 1000 3999); do : >"File$i.dll"; done)
+cp "$logs/System.evtx" "$tmp/many/Windows/System32/winevt/Logs/Mixed.evtx"
+cp "$tmp/deleted.evtx" "$tmp/many/Windows/System32/winevt/Logs/zLast.evtx"
+truncate -s 24M "$tmp/many.img"
+mkntfs -F -q -Q "$tmp/many.img" >/dev/null 2>&1 && "$FILL" "$tmp/many.img" "$tmp/many" >/dev/null
+want_del_all=$("$QVX" events -q -f csv --tz UTC "$tmp/deleted.evtx")
+for name in Mixed.evtx MIXED.EVTX mixed.evtx; do
+  check "many-$name" test "$("$QVX" events -q -f csv --tz UTC "$tmp/many.img::/windows/SYSTEM32/winevt/logs/$name")" = "$want_sys"
+done
+for name in zLast.evtx ZLAST.evtx zlast.EVTX; do
+  check "many-$name" test "$("$QVX" events -q -f csv --tz UTC "$tmp/many.img::/WINDOWS/system32/WINEVT/Logs/$name")" = "$want_del_all"
+done
+err=$("$QVX" events -q "$tmp/many.img::/windows/system32/winevt/logs/file4000.dll" 2>&1 >/dev/null)
+check many-missing test "$err" = "quorvex: $tmp/many.img volume 1::/windows/system32/winevt/logs/file4000.dll: no such file on the volume"
+
 # A chunk of an E01 that fails its checksum: read as stored, its media range named once.
 if have ewfacquire; then
   ewfacquire -u -c none -t "$tmp/flip" "$tmp/mbr.raw" >/dev/null 2>&1
