@@ -118,7 +118,7 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
   uint32_t number = 0;
   if (image->FTable.Scheme() == TPartitionScheme::psNone) {
     const std::string fs = DetectFileSystem(media, 0);
-    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs, ""});
+    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs, "", false});
   } else {
     for (const TPartition& p : image->FTable.Partitions()) {
       TImageVolume v;
@@ -127,6 +127,7 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
       v.Length = p.Length;
       v.Partition = std::string(TPartitionTable::SchemeName(image->FTable.Scheme())) + " " + std::to_string(p.Number);
       v.Type = TPartitionTable::TypeName(p);
+      v.CutShort = p.CutShort;
       try {
         v.FileSystem = DetectFileSystem(media, p.Offset);
       } catch (const std::exception& e) {
@@ -264,7 +265,16 @@ std::shared_ptr<TNtfsVolume> TEvidenceImage::Ntfs(const TImageVolume& AVolume) {
   if (AVolume.FileSystem != "NTFS")
     RaiseImageError(VolumeName(AVolume), AVolume.Offset,
                     AVolume.FileSystem.empty() ? "no NTFS file system" : AVolume.FileSystem + " volume, not NTFS");
-  std::shared_ptr<TNtfsVolume> volume = TNtfsVolume::Open(VolumeStream(AVolume), VolumeName(AVolume));
+  // What a truncated image lacks is named with each file that cannot be found or read.
+  const std::string missing = AVolume.CutShort ? "the volume runs past the end of the image (the image is truncated)" : "";
+  std::shared_ptr<TNtfsVolume> volume;
+  try {
+    volume = TNtfsVolume::Open(VolumeStream(AVolume), VolumeName(AVolume));
+  } catch (const EImageError& e) {
+    if (missing.empty()) throw;
+    throw EImageError(e.what() + ("; " + missing));
+  }
+  volume->SetMissingPart(missing);
   FNtfs.emplace(AVolume.Offset, volume);
   return volume;
 }

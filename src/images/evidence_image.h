@@ -34,6 +34,7 @@ struct TImageVolume {
   std::string Type;       // the partition type's meaning, or ""
   std::string FileSystem; // "NTFS", "BitLocker", "FAT", ... or "" when unknown
   std::string Unreadable; // why its first sector cannot be read ("" when it can)
+  bool CutShort = false;  // its partition runs past the end of the media (a truncated image)
 };
 
 class TEvidenceImage {

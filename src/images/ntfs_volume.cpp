@@ -102,7 +102,9 @@ public:
     libfsntfs_error_t* error = nullptr;
     const ssize_t got = libfsntfs_file_entry_read_buffer_at_offset(FEntry.Entry, ABuffer, ALength,
                                                                    static_cast<off64_t>(AOffset), &error);
-    if (got < 0) Fail(error, FName, AOffset, "cannot read the file's data");
+    if (got < 0)
+      Fail(error, FName, AOffset,
+           FVolume->FMissingPart.empty() ? "cannot read the file's data" : "cannot read the file's data; " + FVolume->FMissingPart);
     return static_cast<size_t>(got);
   }
   uint64_t Size() const override { return FSize; }
@@ -289,7 +291,10 @@ std::unique_ptr<TReadStream> TNtfsVolume::OpenFile(const std::string& APath) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
   const std::string name = FName + "::" + APath;
   TEntryHandle entry(static_cast<libfsntfs_file_entry_t*>(Entry(APath)));
-  if (!entry.Entry) RaiseImageError(name, kNoOffset, "no such file on the volume");
+  if (!entry.Entry)
+    RaiseImageError(name, kNoOffset,
+                    FMissingPart.empty() ? "no such file on the volume"
+                                         : "no such file on the volume; " + FMissingPart + " and the file may lie in the part that is missing");
   libfsntfs_error_t* error = nullptr;
   if (libfsntfs_file_entry_has_directory_entries_index(entry.Entry, &error) == 1)
     RaiseImageError(name, kNoOffset, "is a folder");

@@ -36,6 +36,9 @@ public:
   TNtfsVolume& operator=(const TNtfsVolume&) = delete;
 
   const std::string& Name() const { return FName; }
+  // Why part of the volume's data is missing ("the volume runs past the end of the
+  // image ..."): said when a file cannot be found or read, which may be why.
+  void SetMissingPart(const std::string& AWhy) { FMissingPart = AWhy; }
   const std::shared_ptr<const TReadStream>& Stream() const { return FStream; }
   uint32_t ClusterSize() const { return FClusterSize; }
   std::string Label();
@@ -71,6 +74,7 @@ private:
   static constexpr size_t kMaxOpenFolders = 64;
 
   std::string FName;
+  std::string FMissingPart;
   std::shared_ptr<const TReadStream> FStream;
   std::unique_ptr<TBfioHandle> FBfio;
   void* FVolume = nullptr; // libfsntfs_volume_t

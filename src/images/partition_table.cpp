@@ -99,6 +99,7 @@ void TPartitionTable::Add(TPartition APartition, uint64_t AEntryOffset) {
   if (FMediaSize && APartition.Length > FMediaSize - APartition.Offset) {
     Issue(AEntryOffset, "partition " + std::to_string(APartition.Number) + " runs past the end of the disk; cut there");
     APartition.Length = FMediaSize - APartition.Offset;
+    APartition.CutShort = true;
   }
   FPartitions.push_back(std::move(APartition));
 }

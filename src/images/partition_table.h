@@ -25,6 +25,7 @@ struct TPartition {
   uint8_t MbrType = 0;  // MBR partition type; 0 for GPT
   std::string GptType;  // GPT type GUID in text form; "" for MBR
   std::string Name;     // GPT name; "" for MBR
+  bool CutShort = false; // the table gives it more than the disk holds (Length is cut)
 };
 
 class TPartitionTable {

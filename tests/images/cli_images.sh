@@ -150,6 +150,14 @@ if have qemu-img && have qemu-io; then
   check lost-volume-named grep -q "^quorvex: $tmp/lost.qcow2 volume 2: cannot read the media data at offset 0x1A00000" <<<"$err"
 fi
 
+# A raw image cut inside its volume: what cannot be found or read is said to lie,
+# maybe, past the end of the image.
+head -c $((1048576 + 12 * 1048576)) "$tmp/mbr.raw" >"$tmp/cut.raw"
+err=$("$QVX" events -q "$tmp/cut.raw::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+check cut-events-status test $? -eq 1
+check cut-events grep -q "the volume runs past the end of the image (the image is truncated)" <<<"$err"
+check cut-imaged grep -q "^$tmp/cut.raw: partition 1 runs past the end of the disk; cut there at offset 0x1BE$" <<<"$("$QVX" imaged "$tmp/cut.raw" 2>&1)"
+
 # A folder of thousands of files: names in any case find the file they name.
 mkdir -p "$tmp/many/Windows/System32/winevt/Logs"
 (cd "$tmp/many/Windows/System32/winevt/Logs" && for i in $(seq 1000 3999); do : >"File$i.dll"; done)
