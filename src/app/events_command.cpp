@@ -313,13 +313,18 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     source.SetWithoutXml(AOptions.Format != TOutputFormat::ofXml);
     source.SetBackupFileName(AOptions.Path);
     // "IMAGE@2" and "IMAGE@2:vss1" (no file of that name) are a volume's data too.
+    TEventsOptions options = AOptions;
     if (AOptions.Offset >= 0 || AOptions.Unallocated ||
         (!std::filesystem::exists(AOptions.Path) && AOptions.Path.find("::") == std::string::npos &&
-         IsImageInput(AOptions.Path)))
-      source.SetStream(OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated));
+         IsImageInput(AOptions.Path))) {
+      std::unique_ptr<TReadStream> stream = OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated);
+      // A volume given by its offset is named in the summary as the volume it is.
+      if (AOptions.Offset >= 0) options.Path = stream->Path();
+      source.SetStream(std::move(stream));
+    }
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");
-    return ReadEvents(source, true, AOptions, AOut, AErr);
+    return ReadEvents(source, true, options, AOut, AErr);
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
     return 1;

@@ -153,6 +153,9 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
     const unsigned long long offset = std::strtoull(AName.c_str() + 1, &end, 10);
     if (!end || *end || AName.size() < 2) RaiseImageError(FPath, kNoOffset, "volume offset " + AName.substr(1) + " is not a number");
     if (offset >= FContainer->Size()) RaiseImageError(FPath, offset, "volume offset past the end of the media");
+    // The start of a listed partition is that volume, which ends where the partition does.
+    for (const TImageVolume& v : FVolumes)
+      if (v.Offset == offset) return v;
     for (const TImageVolume& v : FExtraVolumes)
       if (v.Offset == offset) return v;
     TImageVolume v;

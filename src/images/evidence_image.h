@@ -51,8 +51,9 @@ public:
   const TPartitionTable& Table() const { return FTable; }
   const std::vector<TImageVolume>& Volumes() const { return FVolumes; }
 
-  // The volume a volume name picks ("2", "+1048576", or "" for the default). Raises
-  // EImageError when there is no such volume, or no default.
+  // The volume a volume name picks ("2", "+1048576", or "" for the default); an offset
+  // where a listed volume starts picks that volume. Raises EImageError when there is no
+  // such volume, or no default.
   const TImageVolume& Volume(const std::string& AName);
   // The data of a volume.
   std::shared_ptr<const TReadStream> VolumeStream(const TImageVolume& AVolume);

@@ -211,7 +211,14 @@ check missing-file test "$err" = "quorvex: $tmp/mbr.raw volume 1::/Windows/none.
 # --offset is IMAGE@+BYTES.
 got=$("$QVX" events -q -f csv --tz UTC --offset 1048576 "$tmp/mbr.raw::/Windows/System32/winevt/Logs/System.evtx")
 check offset-events test "$got" = "$want_sys"
-check offset-imaged grep -q "^  Windows folder   $tmp/mbr.raw@+1048576::/Windows" <<<"$("$QVX" imaged --offset 1048576 "$tmp/mbr.raw")"
+# An offset where a listed partition starts is that volume, scanned to its end only.
+check offset-imaged grep -q "^  Windows folder   $tmp/mbr.raw@1::/Windows" <<<"$("$QVX" imaged --offset 1048576 "$tmp/mbr.raw")"
+cp "$tmp/mbr.raw" "$tmp/after.raw"
+dd if="$logs/System.evtx" of="$tmp/after.raw" bs=1 skip=4096 count=65536 seek=$((25 * 1048576 + 4096)) conv=notrunc status=none
+err=$("$QVX" scan -f csv --offset 1048576 "$tmp/after.raw" 2>&1 >/dev/null)
+check offset-scan-label grep -q "^$tmp/after.raw volume 1: [0-9]* events" <<<"$err"
+check offset-scan-bounded test "$("$QVX" scan -q -f csv --offset 1048576 "$tmp/after.raw" | wc -l)" = "$("$QVX" scan -q -f csv "$tmp/after.raw@1" | wc -l)"
+check offset-scan-whole test "$("$QVX" scan -q -f csv --offset 1048576 "$tmp/after.raw" | wc -l)" -lt "$("$QVX" scan -q -f csv "$tmp/after.raw" | wc -l)"
 "$QVX" open --offset 1048576 "$tmp/mbr.raw" -s "$tmp/offset.db" -q
 check offset-open test "$("$QVX" view "$tmp/offset.db" --count)" = "$("$QVX" view "$tmp/case.db" --count)"
 err=$("$QVX" events --offset 1048576 "$tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
