@@ -317,9 +317,11 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     if (AOptions.Offset >= 0 || AOptions.Unallocated ||
         (!std::filesystem::exists(AOptions.Path) && AOptions.Path.find("::") == std::string::npos &&
          IsImageInput(AOptions.Path))) {
-      std::unique_ptr<TReadStream> stream = OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated);
+      std::function<std::string(uint64_t)> positionText;
+      std::unique_ptr<TReadStream> stream = OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated, &positionText);
       // A volume given by its offset is named in the summary as the volume it is.
       if (AOptions.Offset >= 0) options.Path = stream->Path();
+      if (AOptions.Unallocated) source.SetPositionText(std::move(positionText));
       source.SetStream(std::move(stream));
     }
     source.SetActive(true);

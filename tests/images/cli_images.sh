@@ -103,6 +103,24 @@ n=$("$QVX" scan -f csv --unallocated "$tmp/mbr.raw" 2>&1 >/dev/null | sed -n 's/
 check unallocated-only-free test "$n" = 300
 n=$("$QVX" scan -q -f csv --offset 1048576 "$tmp/mbr.raw" | wc -l)
 check scan-offset test "$n" -gt 800
+# A chunk carved from the free clusters is named where it lies in the volume and in the
+# image: the deleted log's first chunk, its first record's trailing size copy changed.
+cp "$tmp/mbr.raw" "$tmp/freed.raw"
+at=$(python3 - "$tmp/freed.raw" "$tmp/deleted.evtx" <<'EOF_PY'
+import struct, sys
+disk = bytearray(open(sys.argv[1], 'rb').read())
+chunk = open(sys.argv[2], 'rb').read()[4096:4096 + 65536]
+at = disk.find(chunk)
+size = struct.unpack_from('<I', disk, at + 0x200 + 4)[0]   # the first record's size
+disk[at + 0x200 + size - 4] ^= 0xFF                        # its trailing copy
+open(sys.argv[1], 'wb').write(disk)
+print(at)
+EOF_PY
+)
+err=$("$QVX" scan -f csv --all-issues --unallocated "$tmp/freed.raw" 2>&1 >/dev/null)
+where=$(printf 'volume offset 0x%X, image offset 0x%X' $((at - 1048576)) "$at")
+inner=$(printf 'volume offset 0x%X, image offset 0x%X' $((at - 1048576 + 0x200)) $((at + 0x200)))
+check unallocated-where grep -qF "  Chunk at $where: record at chunk offset 0x200 ($inner): " <<<"$err"
 
 # Bad input: one clear line each.
 head -c 300000 "$tmp/mbr.E01" >"$tmp/cut.E01" 2>/dev/null || true
