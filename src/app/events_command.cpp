@@ -10,6 +10,7 @@
 #include "catalog/sqlite_handle.h"
 #include "descriptions/time_zones.h"
 #include "imaged/imaged_pc.h"
+#include "images/evidence_image.h"
 #include "images/image_opener.h"
 #include "platform/nt_exception.h"
 
@@ -71,6 +72,17 @@ void PrintSummary(std::FILE* AErr, const std::string& APath, uint64_t AEvents, T
                  AAllIssues ? "not kept: the list holds 2000" : "--all-issues lists them");
 }
 
+// What the reads met in the media data of disk images (chunks of an E01 that fail their
+// checksum): among the problems of the summary, or alone when there is none (--quiet).
+void TakeImageWarnings(TIssueList& AIssues, bool AQuiet, std::FILE* AErr) {
+  for (const std::string& warning : TEvidenceImage::TakeWarnings()) {
+    if (AQuiet)
+      std::fprintf(AErr, "quorvex: warning: %s\n", warning.c_str());
+    else
+      AIssues.AddIssue(warning);
+  }
+}
+
 // Whether ReadEventsByChunk gives what ReadEvents would: JSON Lines or CSV of a whole
 // .evtx file (not a scan), every event written, no description looked up anywhere.
 bool ByChunk(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOptions, const TListing& AListing) {
@@ -127,6 +139,7 @@ int ReadEventsByChunk(TEventLogBinXML& ASource, const TEventsOptions& AOptions, 
     status = 1;
   }
   if (!AListing.Finish()) status = 1;
+  TakeImageWarnings(ASource.IssueList(), AOptions.Quiet, AErr);
   if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, AListing.Events, ASource.IssueList(), AOptions.AllIssues);
   return status;
 }
@@ -162,6 +175,7 @@ int ReadEvents(TEventLogBinXML& ASource, bool AScan, const TEventsOptions& AOpti
     status = 1;
   }
   if (!listing.Finish()) status = 1;
+  TakeImageWarnings(ASource.IssueList(), AOptions.Quiet, AErr);
   if (!AOptions.Quiet) PrintSummary(AErr, AOptions.Path, listing.Events, ASource.IssueList(), AOptions.AllIssues);
   return status;
 }
@@ -311,13 +325,20 @@ int RunScan(const TEventsOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
     source.SetWithoutXml(AOptions.Format != TOutputFormat::ofXml);
     source.SetBackupFileName(AOptions.Path);
     // "IMAGE@2" and "IMAGE@2:vss1" (no file of that name) are a volume's data too.
+    TEventsOptions options = AOptions;
     if (AOptions.Offset >= 0 || AOptions.Unallocated ||
         (!std::filesystem::exists(AOptions.Path) && AOptions.Path.find("::") == std::string::npos &&
-         IsImageInput(AOptions.Path)))
-      source.SetStream(OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated));
+         IsImageInput(AOptions.Path))) {
+      std::function<std::string(uint64_t)> positionText;
+      std::unique_ptr<TReadStream> stream = OpenVolumeForScan(AOptions.Path, AOptions.Offset, AOptions.Unallocated, &positionText);
+      // A volume given by its offset is named in the summary as the volume it is.
+      if (AOptions.Offset >= 0) options.Path = stream->Path();
+      if (AOptions.Unallocated) source.SetPositionText(std::move(positionText));
+      source.SetStream(std::move(stream));
+    }
     source.SetActive(true);
     if (!source.Active()) throw std::runtime_error(AOptions.Path + ": cannot be opened for scanning");
-    return ReadEvents(source, true, AOptions, AOut, AErr);
+    return ReadEvents(source, true, options, AOut, AErr);
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
     return 1;

@@ -94,7 +94,10 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
     for (const TImageVolume& v : image->Volumes())
       std::fprintf(AOut, "  %-3u %-10s %14llu %10s  %-10s %s\n", v.Number, v.Partition.c_str(),
                    static_cast<unsigned long long>(v.Offset), SizeText(v.Length).c_str(),
-                   v.FileSystem.empty() ? "-" : v.FileSystem.c_str(), v.Type.c_str());
+                   !v.Unreadable.empty() ? "unreadable" : v.FileSystem.empty() ? "-" : v.FileSystem.c_str(), v.Type.c_str());
+    // A volume named on the command line raises why below instead.
+    for (const TImageVolume& v : image->Volumes())
+      if (!v.Unreadable.empty() && volumeName.empty()) std::fprintf(AErr, "quorvex: warning: %s: %s\n", image->VolumeName(v).c_str(), v.Unreadable.c_str());
     int status = 0;
     // IMAGE@VOLUME (or --offset) details that volume only, IMAGE@VOLUME:vssN its copy.
     const uint32_t copy = TEvidenceImage::TakeShadow(volumeName, imagePath);
@@ -150,6 +153,7 @@ int RunImagedImage(const TImagedOptions& AOptions, std::FILE* AOut, std::FILE* A
         if (!copy && v.FileSystem == "NTFS" && !ListShadows(*image, v, AOut, AErr)) status = 1;
       }
     }
+    for (const std::string& warning : TEvidenceImage::TakeWarnings()) std::fprintf(AErr, "quorvex: warning: %s\n", warning.c_str());
     return status;
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());

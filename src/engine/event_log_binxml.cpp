@@ -206,13 +206,24 @@ TChunkRecordReader TEventLogBinXML::RecordReader() const {
   return FWithoutXml && !FSystemFieldsOnly ? &ReadChunkFields : nullptr;
 }
 
+std::string TEventLogBinXML::PositionText(uint64_t APosition) const {
+  return FPositionText ? FPositionText(APosition) : "offset " + HexText(APosition);
+}
+
 void TEventLogBinXML::AcceptChunk(const std::string& AWhere) {
   FChunkXML.swap(FChunk.Xml);
   FEventsReadFromXml += FChunk.RecordsFromXml;
   if (FChunk.Truncated) FIssueList->AddIssue(AWhere + " is cut short by the end of the data; reading what is there");
   for (const TChunkIssue& issue : FChunk.Issues) {
     char where[160];
-    if (issue.RecordId)
+    if (FPositionText) {
+      const std::string at = FPositionText(FChunk.Position + issue.Offset);
+      if (issue.RecordId)
+        std::snprintf(where, sizeof where, ": record %llu at chunk offset 0x%X (%s): ",
+                      static_cast<unsigned long long>(issue.RecordId), issue.Offset, at.c_str());
+      else
+        std::snprintf(where, sizeof where, ": record at chunk offset 0x%X (%s): ", issue.Offset, at.c_str());
+    } else if (issue.RecordId)
       std::snprintf(where, sizeof where, ": record %llu at chunk offset 0x%X (file offset 0x%llX): ",
                     static_cast<unsigned long long>(issue.RecordId), issue.Offset,
                     static_cast<unsigned long long>(FChunk.Position + issue.Offset));
@@ -671,7 +682,7 @@ void TEventLogScan::EventNextXML(std::string& AXml, TEventXmlFields& AFields) {
       FJob.ReadFrom = nullptr;
       RenderJob();
     }
-    AcceptChunk("Chunk at offset " + HexText(FChunk.Position));
+    AcceptChunk("Chunk at " + PositionText(FChunk.Position));
   }
   TakeEvent(AXml, AFields, "Inconsistent data in a chunk ignored");
 }

@@ -133,8 +133,12 @@ protected:
   // Fills the fields of one event's text (task name, user, data values, description).
   void FillFields(std::string_view AEvent, TEventXmlFields& AFields);
 
+  // The name of a position of the data in messages: "offset 0x..", or as the scan was told.
+  std::string PositionText(uint64_t APosition) const;
+
   std::unique_ptr<TReadStream> FFileHandle;
   std::unique_ptr<TEvtxFile> FEvtxFile;
+  std::function<std::string(uint64_t)> FPositionText;
   TChunkJob FJob;       // the chunk being read: its bytes and where they came from
   TChunkResult FChunk;  // its rendered records
   uint32_t FChunkIndex = 0;
@@ -205,6 +209,9 @@ public:
   // Scans AStream at the next open instead of opening BackupFileName (a partition, the
   // unallocated clusters of a volume); used once.
   void SetStream(std::unique_ptr<TReadStream> AStream) { FStream = std::move(AStream); }
+  // How messages name a position of the scanned data ("volume offset 0x.., image offset
+  // 0x.." for free clusters joined into one stream); null: "offset 0x..".
+  void SetPositionText(std::function<std::string(uint64_t)> APositionText) { FPositionText = std::move(APositionText); }
 
   TElfChnunks& ElfChunks() { return *FElfChunks; }
   // Bytes of the source scanned so far (safe to ask while chunks are read ahead).

@@ -10,8 +10,11 @@
 #include <libvhdi.h>
 #include <libvmdk.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <mutex>
 
 namespace qvx {
@@ -45,10 +48,13 @@ TContainerFormat DetectContainer(const std::string& APath) {
     if (file.ReadAt(file.Size() - 512, footer, 8) == 8 && std::memcmp(footer, "conectix", 8) == 0)
       return TContainerFormat::cfVhd;
   }
-  // image.001 with image.002 beside it: a raw image cut into pieces.
+  // image.001 with image.002 beside it: a raw image cut into pieces (with image.003 it
+  // is one too, whose second piece is lost: opening it says so).
   if (APath.size() > 4 && APath.ends_with(".001")) {
     std::error_code error;
-    if (std::filesystem::exists(APath.substr(0, APath.size() - 3) + "002", error)) return TContainerFormat::cfSplitRaw;
+    const std::string stem = APath.substr(0, APath.size() - 3);
+    if (std::filesystem::exists(stem + "002", error) || std::filesystem::exists(stem + "003", error))
+      return TContainerFormat::cfSplitRaw;
   }
   return TContainerFormat::cfRaw;
 }
@@ -88,7 +94,95 @@ private:
   TRawFile FFile;
 };
 
+// The name of the segment file after AName in its set: "disk.E04" gives "disk.E05",
+// "disk.E99" gives "disk.EAA" (the names EnCase goes on with), "disk.EAZ" gives
+// "disk.EBA", "image.009" gives "image.010"; "" when the name has no step left.
+std::string NextSegmentName(const std::string& AName) {
+  const size_t dot = AName.rfind('.');
+  if (dot == std::string::npos || dot + 1 >= AName.size()) return {};
+  std::string next = AName;
+  const size_t first = dot + 1, last = next.size() - 1;
+  auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  auto isLetter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
+  // E99: the digits are used up and two letters follow the first.
+  if (last - first == 2 && isLetter(next[first]) && next[first + 1] == '9' && next[last] == '9') {
+    const char a = next[first] >= 'a' ? 'a' : 'A';
+    next[first + 1] = a;
+    next[last] = a;
+    return next;
+  }
+  for (size_t i = last + 1; i-- > first;) {
+    char& c = next[i];
+    if (isDigit(c)) {
+      if (c != '9') {
+        ++c;
+        return next;
+      }
+      c = '0';
+    } else if (isLetter(c)) {
+      if (c != 'Z' && c != 'z') {
+        ++c;
+        return next;
+      }
+      c = c == 'Z' ? 'A' : 'a';
+    } else {
+      return {};
+    }
+  }
+  return {};
+}
+
+std::string Hex(uint64_t AValue) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llX", static_cast<unsigned long long>(AValue));
+  return text;
+}
+
+std::string FileNameOf(const std::string& APath) { return std::filesystem::path(APath).filename().string(); }
+
+bool FileExists(const std::string& APath) {
+  std::error_code error;
+  return std::filesystem::exists(APath, error);
+}
+
+// A set of segment files or split raw pieces found by name stops at the first one missing: a piece
+// beyond it means the one in between is lost, and the data after it would shift.
+void CheckNoGap(const std::string& AImage, const std::string& ALast, const char* APiece) {
+  const std::string missing = NextSegmentName(ALast);
+  if (missing.empty() || FileExists(missing)) return;
+  const std::string after = NextSegmentName(missing);
+  if (!after.empty() && FileExists(after))
+    RaiseImageError(AImage, kNoOffset, std::string(APiece) + " " + FileNameOf(missing) + " is missing (" + FileNameOf(after) + " follows it)");
+}
+
 // --- EWF (libewf) -------------------------------------------------------------------
+//
+// The last section descriptor of an EWF-E01 segment file (its final 76 bytes) says
+// whether more segment files follow:
+//   offset  size  field
+//   0x00    16    section type: "next" (more follow) or "done" (the last one)
+//   0x10    8     offset of the next section (this one again)
+//   0x18    8     section size (76)
+//   0x48    4     Adler-32 of the bytes before it
+inline constexpr size_t kEwfSectionDescriptorSize = 76;
+
+// Why a set of segment files whose last is ALast does not hold all of the media: a segment file missing after ALast, or ALast cut short.
+std::string EwfMissingSegment(const std::string& ALast) {
+  const std::string next = NextSegmentName(ALast);
+  std::string type;
+  try {
+    const TRawFile file = TRawFile::Open(ALast);
+    char last[kEwfSectionDescriptorSize] = {};
+    if (file.Size() >= sizeof last && file.ReadAt(file.Size() - sizeof last, last, sizeof last) == sizeof last)
+      type.assign(last, strnlen(last, 16));
+  } catch (const std::exception&) {
+    // told apart below as a file that ends in neither section
+  }
+  if (type == "next" && !next.empty())
+    return "segment file " + FileNameOf(next) + " is missing (" + FileNameOf(ALast) + " says more follow)";
+  if (type == "done") return "the segment files do not hold all of the media";
+  return FileNameOf(ALast) + " is cut short, or the segment file after it is missing";
+}
 
 } // namespace
 
@@ -134,6 +228,15 @@ public:
     size64_t size = 0;
     if (libewf_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, kNoOffset, "no media size");
     FMediaSize = size;
+    // libewf opens a set whose later segment files are missing and reads their chunks
+    // as checksum errors; the set has to be whole to be read.
+    if (count > 0 && libewf_handle_segment_files_corrupted(FHandle.Handle, &error) == 1)
+      RaiseImageError(FPath, kNoOffset, EwfMissingSegment(names[count - 1]));
+    libewf_error_free(&error);
+    if (count > 0) CheckNoGap(FPath, names[count - 1], "segment file");
+    uint32_t sectorSize = 0;
+    if (libewf_handle_get_bytes_per_sector(FHandle.Handle, &sectorSize, &error) == 1 && sectorSize > 0) FSectorSize = sectorSize;
+    libewf_error_free(&error);
     uint8_t md5[64] = {};
     if (libewf_handle_get_utf8_hash_value_md5(FHandle.Handle, md5, sizeof md5, &error) == 1)
       FStoredHash = "MD5 " + std::string(reinterpret_cast<const char*>(md5));
@@ -148,12 +251,57 @@ public:
     return static_cast<size_t>(got);
   }
 
+  // libewf keeps the sectors of every chunk that failed its checksum as it read them
+  // (and gives their data as stored); ranges it widens later are told for their new part.
+  std::vector<std::string> TakeWarnings() override {
+    std::lock_guard<std::mutex> lock(FLock);
+    std::vector<std::string> warnings;
+    libewf_error_t* error = nullptr;
+    uint32_t count = 0;
+    if (libewf_handle_get_number_of_checksum_errors(FHandle.Handle, &count, &error) != 1) {
+      libewf_error_free(&error);
+      return warnings;
+    }
+    for (uint32_t i = 0; i < count && FTold.size() < kMaxToldRanges; ++i) {
+      uint64_t first = 0, sectors = 0;
+      if (libewf_handle_get_checksum_error(FHandle.Handle, i, &first, &sectors, &error) != 1) {
+        libewf_error_free(&error);
+        continue;
+      }
+      if (first >= FMediaSize / FSectorSize) continue;
+      const uint64_t start = first * FSectorSize;
+      const uint64_t end = sectors > (FMediaSize - start) / FSectorSize ? FMediaSize : start + sectors * FSectorSize;
+      uint64_t at = start;
+      if (auto it = FTold.upper_bound(at); it != FTold.begin() && std::prev(it)->second > at) at = std::prev(it)->second;
+      while (at < end && FTold.size() < kMaxToldRanges) {
+        const auto next = FTold.lower_bound(at);
+        const uint64_t stop = next == FTold.end() ? end : std::min(end, next->first);
+        if (stop > at) {
+          FTold.emplace(at, stop);
+          warnings.push_back(FPath + ": media bytes " + Hex(at) + " to " + Hex(stop - 1) +
+                             " fail the checksum of their chunk; read as stored");
+        }
+        if (next == FTold.end() || next->first >= end) break;
+        at = std::max(at, next->second);
+      }
+    }
+    if (FTold.size() >= kMaxToldRanges && !FToldLimit) {
+      FToldLimit = true;
+      warnings.push_back(FPath + ": more chunks fail their checksum; not listed");
+    }
+    return warnings;
+  }
+
 private:
+  static constexpr size_t kMaxToldRanges = 1000;
   [[noreturn]] void Fail(libewf_error_t*& AError, uint64_t AOffset, const char* AProblem) const {
     RaiseLibyal(AError, libewf_error_backtrace_sprint, libewf_error_free, FPath, AOffset, AProblem);
   }
   TLibyalHandle<libewf_handle_t, libewf_error_t, libewf_handle_close, libewf_handle_free, libewf_error_free> FHandle;
   mutable std::mutex FLock;
+  uint64_t FSectorSize = 512;
+  std::map<uint64_t, uint64_t> FTold; // media ranges told as failing their checksum: start, end
+  bool FToldLimit = false;
 };
 
 // --- VHD and VHDX (libvhdi) ---------------------------------------------------------
@@ -292,6 +440,7 @@ public:
     FSegments = count > 1 ? count : 0;
     if (libsmraw_handle_initialize(&FHandle.Handle, &error) != 1) Fail(error, "cannot set up the split raw reader");
     if (libsmraw_handle_open(FHandle.Handle, names, count, LIBSMRAW_OPEN_READ, &error) != 1) Fail(error, "cannot open the pieces");
+    if (count > 0) CheckNoGap(FPath, names[count - 1], "piece");
     size64_t size = 0;
     if (libsmraw_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, "no media size");
     FMediaSize = size;

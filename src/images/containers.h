@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qvx {
 
@@ -37,7 +38,12 @@ public:
   // Segment or extent files read with the first one (E02..., .002...), 0 when one.
   int SegmentFiles() const { return FSegments; }
 
-  // Opens APath as AFormat. Raises EImageError naming the file and the problem.
+  // What reads since the last call met in the media data and read through anyway
+  // (ranges of an E01 whose chunks fail their checksum), one line each, each range once.
+  virtual std::vector<std::string> TakeWarnings() { return {}; }
+
+  // Opens APath as AFormat. Raises EImageError naming the file and the problem (a
+  // segment file or piece of the set missing too).
   static std::unique_ptr<TContainer> Open(const std::string& APath, TContainerFormat AFormat);
 
 protected:

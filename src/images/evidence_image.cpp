@@ -35,7 +35,31 @@ bool FindImageFile(std::string& APath) {
   return true;
 }
 
+// Every image opened, shared or not, for TakeWarnings.
+std::mutex& OpenedLock() {
+  static std::mutex lock;
+  return lock;
+}
+std::vector<std::weak_ptr<TEvidenceImage>>& Opened() {
+  static auto& opened = *new std::vector<std::weak_ptr<TEvidenceImage>>();
+  return opened;
+}
+
 } // namespace
+
+std::vector<std::string> TEvidenceImage::TakeWarnings() {
+  std::vector<std::shared_ptr<TEvidenceImage>> images;
+  {
+    std::lock_guard<std::mutex> guard(OpenedLock());
+    std::erase_if(Opened(), [](const std::weak_ptr<TEvidenceImage>& AImage) { return AImage.expired(); });
+    for (const std::weak_ptr<TEvidenceImage>& opened : Opened())
+      if (std::shared_ptr<TEvidenceImage> image = opened.lock()) images.push_back(std::move(image));
+  }
+  std::vector<std::string> warnings;
+  for (const std::shared_ptr<TEvidenceImage>& image : images)
+    for (std::string& warning : image->FContainer->TakeWarnings()) warnings.push_back(std::move(warning));
+  return warnings;
+}
 
 bool TEvidenceImage::IsContainerFile(const std::string& APath) {
   try {
@@ -94,7 +118,7 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
   uint32_t number = 0;
   if (image->FTable.Scheme() == TPartitionScheme::psNone) {
     const std::string fs = DetectFileSystem(media, 0);
-    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs});
+    if (!fs.empty()) image->FVolumes.push_back({++number, 0, media.Size(), "whole disk", "", fs, "", false});
   } else {
     for (const TPartition& p : image->FTable.Partitions()) {
       TImageVolume v;
@@ -103,11 +127,22 @@ std::shared_ptr<TEvidenceImage> TEvidenceImage::Open(const std::string& APath, b
       v.Length = p.Length;
       v.Partition = std::string(TPartitionTable::SchemeName(image->FTable.Scheme())) + " " + std::to_string(p.Number);
       v.Type = TPartitionTable::TypeName(p);
-      v.FileSystem = DetectFileSystem(media, p.Offset);
+      v.CutShort = p.CutShort;
+      try {
+        v.FileSystem = DetectFileSystem(media, p.Offset);
+      } catch (const std::exception& e) {
+        // Clusters of one partition lost from a container leave the others readable.
+        v.Unreadable = e.what();
+        if (v.Unreadable.starts_with(APath + ": ")) v.Unreadable.erase(0, APath.size() + 2);
+      }
       image->FVolumes.push_back(std::move(v));
     }
   }
   if (AShared) cache.emplace(APath, image);
+  {
+    std::lock_guard<std::mutex> opened(OpenedLock());
+    Opened().push_back(image);
+  }
   return image;
 }
 
@@ -118,6 +153,9 @@ const TImageVolume& TEvidenceImage::Volume(const std::string& AName) {
     const unsigned long long offset = std::strtoull(AName.c_str() + 1, &end, 10);
     if (!end || *end || AName.size() < 2) RaiseImageError(FPath, kNoOffset, "volume offset " + AName.substr(1) + " is not a number");
     if (offset >= FContainer->Size()) RaiseImageError(FPath, offset, "volume offset past the end of the media");
+    // The start of a listed partition is that volume, which ends where the partition does.
+    for (const TImageVolume& v : FVolumes)
+      if (v.Offset == offset) return v;
     for (const TImageVolume& v : FExtraVolumes)
       if (v.Offset == offset) return v;
     TImageVolume v;
@@ -224,12 +262,22 @@ std::shared_ptr<const TReadStream> TEvidenceImage::VolumeStream(const TImageVolu
 std::shared_ptr<TNtfsVolume> TEvidenceImage::Ntfs(const TImageVolume& AVolume) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
   if (auto it = FNtfs.find(AVolume.Offset); it != FNtfs.end()) return it->second;
+  if (!AVolume.Unreadable.empty()) throw EImageError(VolumeName(AVolume) + ": " + AVolume.Unreadable);
   if (AVolume.FileSystem == "BitLocker")
     RaiseImageError(VolumeName(AVolume), kNoOffset, "BitLocker-encrypted volume; reading it needs libbde, not supported yet");
   if (AVolume.FileSystem != "NTFS")
     RaiseImageError(VolumeName(AVolume), AVolume.Offset,
                     AVolume.FileSystem.empty() ? "no NTFS file system" : AVolume.FileSystem + " volume, not NTFS");
-  std::shared_ptr<TNtfsVolume> volume = TNtfsVolume::Open(VolumeStream(AVolume), VolumeName(AVolume));
+  // What a truncated image lacks is named with each file that cannot be found or read.
+  const std::string missing = AVolume.CutShort ? "the volume runs past the end of the image (the image is truncated)" : "";
+  std::shared_ptr<TNtfsVolume> volume;
+  try {
+    volume = TNtfsVolume::Open(VolumeStream(AVolume), VolumeName(AVolume));
+  } catch (const EImageError& e) {
+    if (missing.empty()) throw;
+    throw EImageError(e.what() + ("; " + missing));
+  }
+  volume->SetMissingPart(missing);
   FNtfs.emplace(AVolume.Offset, volume);
   return volume;
 }

@@ -33,13 +33,16 @@ struct TImageVolume {
   std::string Partition;  // "MBR 1", "GPT 2", "whole disk", "offset"
   std::string Type;       // the partition type's meaning, or ""
   std::string FileSystem; // "NTFS", "BitLocker", "FAT", ... or "" when unknown
+  std::string Unreadable; // why its first sector cannot be read ("" when it can)
+  bool CutShort = false;  // its partition runs past the end of the media (a truncated image)
 };
 
 class TEvidenceImage {
 public:
   // Opens the image APath (with AShared, a second Open of the same name gives the same
   // object, kept for the run). Raises EImageError (or ENTException) naming the image and
-  // the problem.
+  // the problem. A volume whose first sector cannot be read is listed with the reason in
+  // Unreadable; only using it raises.
   static std::shared_ptr<TEvidenceImage> Open(const std::string& APath, bool AShared = true);
 
   const std::string& Path() const { return FPath; }
@@ -48,13 +51,14 @@ public:
   const TPartitionTable& Table() const { return FTable; }
   const std::vector<TImageVolume>& Volumes() const { return FVolumes; }
 
-  // The volume a volume name picks ("2", "+1048576", or "" for the default). Raises
-  // EImageError when there is no such volume, or no default.
+  // The volume a volume name picks ("2", "+1048576", or "" for the default); an offset
+  // where a listed volume starts picks that volume. Raises EImageError when there is no
+  // such volume, or no default.
   const TImageVolume& Volume(const std::string& AName);
   // The data of a volume.
   std::shared_ptr<const TReadStream> VolumeStream(const TImageVolume& AVolume);
   // The NTFS file system of a volume (opened once). Raises EImageError when it is not
-  // NTFS or cannot be read.
+  // NTFS or cannot be read (also when its first sector could not be read at open).
   std::shared_ptr<TNtfsVolume> Ntfs(const TImageVolume& AVolume);
   // The name of a volume in messages: "disk.E01 volume 2", and with a shadow copy
   // (ACopy > 0) "disk.E01 volume 2 shadow copy 1".
@@ -73,6 +77,10 @@ public:
   static uint32_t TakeShadow(std::string& AVolume, const std::string& AImage);
   // Numbers of the NTFS volumes that hold \Windows\System32\config\SOFTWARE.
   std::vector<uint32_t> Installations();
+
+  // What reads of every image opened so far met in the media data and read through
+  // anyway (TContainer::TakeWarnings), each once.
+  static std::vector<std::string> TakeWarnings();
 
   // Splits "IMAGE[@VOLUME][:vssN]::PATH" when IMAGE names an existing file or device;
   // false otherwise (also for "file::$DATA" stream names). AVolume keeps the ":vssN".

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -38,7 +39,18 @@ bool IsImageInput(const std::string& APath) {
   return ::stat(image.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISBLK(st.st_mode));
 }
 
-std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated) {
+namespace {
+
+std::string Hex(uint64_t AValue) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llX", static_cast<unsigned long long>(AValue));
+  return text;
+}
+
+} // namespace
+
+std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated,
+                                               std::function<std::string(uint64_t)>* APositionText) {
   std::string imagePath, volumeName;
   SplitVolume(APath, imagePath, volumeName);
   const std::shared_ptr<TEvidenceImage> image = TEvidenceImage::Open(imagePath);
@@ -53,11 +65,24 @@ std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t
   const std::string name = image->VolumeName(volume, copy);
   std::shared_ptr<const TReadStream> data =
       copy ? image->ShadowStream(volume, copy) : image->VolumeStream(volume);
-  if (!AUnallocated) return std::make_unique<TSubStream>(data, 0, data->Size(), name);
+  // A shadow copy's data lies nowhere in the image as such: its offsets are the copy's.
+  const uint64_t start = volume.Offset;
+  auto where = [copy, start](uint64_t AVolumeOffset) {
+    return copy ? "copy offset " + Hex(AVolumeOffset)
+                : "volume offset " + Hex(AVolumeOffset) + ", image offset " + Hex(start + AVolumeOffset);
+  };
+  if (!AUnallocated) {
+    if (APositionText) *APositionText = where;
+    return std::make_unique<TSubStream>(data, 0, data->Size(), name);
+  }
   const std::shared_ptr<TNtfsVolume> ntfs = copy ? image->ShadowNtfs(volume, copy) : image->Ntfs(volume);
   std::vector<TExtentStream::TExtent> extents;
   for (const auto& [offset, length] : ntfs->UnallocatedRanges()) extents.push_back({offset, length});
-  return std::make_unique<TExtentStream>(data, std::move(extents), name + " (unallocated clusters)");
+  auto joined = std::make_shared<TExtentStream>(data, std::move(extents), name + " (unallocated clusters)");
+  // The free clusters are read as one stream: its positions are mapped back to where
+  // they lie, so that what is carved can be found.
+  if (APositionText) *APositionText = [joined, where](uint64_t APosition) { return where(joined->BaseOffset(APosition)); };
+  return std::make_unique<TSubStream>(joined, 0, joined->Size(), joined->Path());
 }
 
 std::vector<std::string> ImageLogsOf(const std::string& APath) {

@@ -6,6 +6,7 @@
 #include "platform/read_stream.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -23,9 +24,13 @@ void SplitVolume(const std::string& APath, std::string& AImage, std::string& AVo
 bool IsImageInput(const std::string& APath);
 
 // The data of a volume of an image for scanning ("IMAGE" or "IMAGE@VOLUME"; AOffset >= 0
-// gives the volume by its byte offset), or only its unallocated clusters. Raises
-// EImageError naming the image and the problem.
-std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated);
+// gives the volume by its byte offset), or only its unallocated clusters. APositionText,
+// when given, is set to how a position of that data is named in messages: its offset in
+// the volume and in the image ("volume offset 0x2000, image offset 0x102000"), the
+// unallocated clusters being joined into one stream. Raises EImageError naming the
+// image and the problem.
+std::unique_ptr<TReadStream> OpenVolumeForScan(const std::string& APath, int64_t AOffset, bool AUnallocated,
+                                               std::function<std::string(uint64_t)>* APositionText = nullptr);
 
 // Every .evtx and .evt log of the installation in an image ("IMAGE", "IMAGE@VOLUME" or
 // either with ":vssN" for a shadow copy), as IMAGE@N[:vssN]::PATH names. Raises

@@ -102,7 +102,9 @@ public:
     libfsntfs_error_t* error = nullptr;
     const ssize_t got = libfsntfs_file_entry_read_buffer_at_offset(FEntry.Entry, ABuffer, ALength,
                                                                    static_cast<off64_t>(AOffset), &error);
-    if (got < 0) Fail(error, FName, AOffset, "cannot read the file's data");
+    if (got < 0)
+      Fail(error, FName, AOffset,
+           FVolume->FMissingPart.empty() ? "cannot read the file's data" : "cannot read the file's data; " + FVolume->FMissingPart);
     return static_cast<size_t>(got);
   }
   uint64_t Size() const override { return FSize; }
@@ -141,6 +143,7 @@ std::shared_ptr<TNtfsVolume> TNtfsVolume::Open(std::shared_ptr<const TReadStream
 }
 
 TNtfsVolume::~TNtfsVolume() {
+  CloseFolders();
   libfsntfs_error_t* error = nullptr;
   if (FVolume) {
     libfsntfs_volume_t* handle = Vol(FVolume);
@@ -158,36 +161,101 @@ std::string TNtfsVolume::Label() {
   return reinterpret_cast<const char*>(name);
 }
 
-void* TNtfsVolume::Entry(const std::string& APath) {
+void* TNtfsVolume::SubEntry(void* AFolder, const std::string& AName) {
+  auto* folder = static_cast<libfsntfs_file_entry_t*>(AFolder);
   libfsntfs_error_t* error = nullptr;
-  libfsntfs_file_entry_t* root = nullptr;
-  if (libfsntfs_volume_get_root_directory(Vol(FVolume), &root, &error) != 1) Fail(error, FName, kNoOffset, "no root folder");
-  TEntryHandle current(root);
-  for (const std::string& part : Parts(APath)) {
-    libfsntfs_file_entry_t* next = nullptr;
-    const int found = libfsntfs_file_entry_get_sub_file_entry_by_utf8_name(
-        current.Entry, reinterpret_cast<const uint8_t*>(part.data()), part.size(), &next, &error);
+  libfsntfs_file_entry_t* sub = nullptr;
+  const int found = libfsntfs_file_entry_get_sub_file_entry_by_utf8_name(
+      folder, reinterpret_cast<const uint8_t*>(AName.data()), AName.size(), &sub, &error);
+  libfsntfs_error_free(&error);
+  if (found == 1) return sub;
+  // Windows ignores case in names; the registry and users write them as they like.
+  const std::vector<TFolderName>& names = FolderNames(folder);
+  const std::string folded = FoldCase(AName);
+  const auto at = std::lower_bound(names.begin(), names.end(), folded,
+                                   [](const TFolderName& AEntry, const std::string& AFolded) { return AEntry.Folded < AFolded; });
+  if (at == names.end() || at->Folded != folded) return nullptr;
+  sub = nullptr;
+  if (libfsntfs_file_entry_get_sub_file_entry_by_index(folder, at->Index, &sub, &error) != 1) {
     libfsntfs_error_free(&error);
-    if (found != 1) {
-      // Windows ignores case in names; the registry and users write them as they like.
-      next = nullptr;
-      const std::string folded = FoldCase(part);
-      int count = 0;
-      if (libfsntfs_file_entry_get_number_of_sub_file_entries(current.Entry, &count, &error) != 1) libfsntfs_error_free(&error);
-      for (int i = 0; i < count && !next; ++i) {
-        libfsntfs_file_entry_t* sub = nullptr;
-        if (libfsntfs_file_entry_get_sub_file_entry_by_index(current.Entry, i, &sub, &error) != 1) {
-          libfsntfs_error_free(&error);
-          continue;
-        }
-        TEntryHandle candidate(sub);
-        if (FoldCase(NameOf(sub)) == folded) next = std::exchange(candidate.Entry, nullptr);
-      }
-      if (!next) return nullptr;
-    }
-    current = TEntryHandle(next);
+    return nullptr;
   }
-  return std::exchange(current.Entry, nullptr);
+  return sub;
+}
+
+void TNtfsVolume::CloseFolders() {
+  for (auto& [path, entry] : FFolders) TEntryHandle closed(static_cast<libfsntfs_file_entry_t*>(entry));
+  FFolders.clear();
+}
+
+void* TNtfsVolume::Entry(const std::string& APath) {
+  // libfsntfs reads a folder's whole index when it opens the folder: the folders on the
+  // paths looked up stay open (by their path in one case), or a System32 of thousands of
+  // files would be read again for every message file opened in it.
+  if (FFolders.size() > kMaxOpenFolders) CloseFolders();
+  libfsntfs_error_t* error = nullptr;
+  const std::vector<std::string> parts = Parts(APath);
+  std::string key;
+  auto it = FFolders.find(key);
+  if (it == FFolders.end()) {
+    libfsntfs_file_entry_t* root = nullptr;
+    if (libfsntfs_volume_get_root_directory(Vol(FVolume), &root, &error) != 1) Fail(error, FName, kNoOffset, "no root folder");
+    it = FFolders.emplace(key, root).first;
+  }
+  void* folder = it->second;
+  if (parts.empty()) {
+    libfsntfs_file_entry_t* root = nullptr;
+    if (libfsntfs_volume_get_root_directory(Vol(FVolume), &root, &error) != 1) Fail(error, FName, kNoOffset, "no root folder");
+    return root;
+  }
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    key.append(1, '/').append(FoldCase(parts[i]));
+    if (auto open = FFolders.find(key); open != FFolders.end()) {
+      folder = open->second;
+      continue;
+    }
+    void* sub = SubEntry(folder, parts[i]);
+    if (!sub) return nullptr;
+    FFolders.emplace(key, sub);
+    folder = sub;
+  }
+  return SubEntry(folder, parts.back());
+}
+
+const std::vector<TNtfsVolume::TFolderName>& TNtfsVolume::FolderNames(void* AFolder) {
+  auto* folder = static_cast<libfsntfs_file_entry_t*>(AFolder);
+  libfsntfs_error_t* error = nullptr;
+  uint64_t reference = 0;
+  if (libfsntfs_file_entry_get_file_reference(folder, &reference, &error) != 1) {
+    libfsntfs_error_free(&error);
+    reference = ~uint64_t{0}; // not kept: built for this lookup only
+  }
+  if (auto it = FFolderNames.find(reference); it != FFolderNames.end() && reference != ~uint64_t{0}) return it->second;
+  std::vector<TFolderName> names;
+  int count = 0;
+  if (libfsntfs_file_entry_get_number_of_sub_file_entries(folder, &count, &error) != 1) libfsntfs_error_free(&error);
+  names.reserve(static_cast<size_t>(std::max(count, 0)));
+  for (int i = 0; i < count; ++i) {
+    libfsntfs_file_entry_t* sub = nullptr;
+    if (libfsntfs_file_entry_get_sub_file_entry_by_index(folder, i, &sub, &error) != 1) {
+      libfsntfs_error_free(&error);
+      continue;
+    }
+    TEntryHandle child(sub);
+    names.push_back({FoldCase(NameOf(sub)), i});
+  }
+  // The first of names that differ only in case, as a lookup in index order found it.
+  std::stable_sort(names.begin(), names.end(), [](const TFolderName& a, const TFolderName& b) { return a.Folded < b.Folded; });
+  // The names of a few large folders are kept (System32 holds thousands); past the bound
+  // the index starts again.
+  if (FIndexedNames + names.size() > kMaxIndexedNames) {
+    FFolderNames.clear();
+    FIndexedNames = 0;
+  }
+  FIndexedNames += names.size();
+  std::vector<TFolderName>& kept = FFolderNames[reference];
+  kept = std::move(names);
+  return kept;
 }
 
 bool TNtfsVolume::Find(const std::string& APath, TNtfsEntry& AEntry) {
@@ -223,7 +291,10 @@ std::unique_ptr<TReadStream> TNtfsVolume::OpenFile(const std::string& APath) {
   std::lock_guard<std::recursive_mutex> lock(FLock);
   const std::string name = FName + "::" + APath;
   TEntryHandle entry(static_cast<libfsntfs_file_entry_t*>(Entry(APath)));
-  if (!entry.Entry) RaiseImageError(name, kNoOffset, "no such file on the volume");
+  if (!entry.Entry)
+    RaiseImageError(name, kNoOffset,
+                    FMissingPart.empty() ? "no such file on the volume"
+                                         : "no such file on the volume; " + FMissingPart + " and the file may lie in the part that is missing");
   libfsntfs_error_t* error = nullptr;
   if (libfsntfs_file_entry_has_directory_entries_index(entry.Entry, &error) == 1)
     RaiseImageError(name, kNoOffset, "is a folder");

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 
@@ -35,6 +36,9 @@ public:
   TNtfsVolume& operator=(const TNtfsVolume&) = delete;
 
   const std::string& Name() const { return FName; }
+  // Why part of the volume's data is missing ("the volume runs past the end of the
+  // image ..."): said when a file cannot be found or read, which may be why.
+  void SetMissingPart(const std::string& AWhy) { FMissingPart = AWhy; }
   const std::shared_ptr<const TReadStream>& Stream() const { return FStream; }
   uint32_t ClusterSize() const { return FClusterSize; }
   std::string Label();
@@ -56,12 +60,28 @@ private:
   TNtfsVolume() = default;
   // The file entry of APath with the case of each part resolved, or null.
   void* Entry(const std::string& APath);
+  // A folder's entry names folded to one case, sorted, each with its index in the folder.
+  struct TFolderName {
+    std::string Folded;
+    int Index = 0;
+  };
+  // The names of the folder entry AFolder (a libfsntfs_file_entry_t), read once per folder.
+  const std::vector<TFolderName>& FolderNames(void* AFolder);
+  // The entry named AName in the folder entry AFolder (as written, else in any case), or null.
+  void* SubEntry(void* AFolder, const std::string& AName);
+  void CloseFolders();
+  static constexpr size_t kMaxIndexedNames = 200000;
+  static constexpr size_t kMaxOpenFolders = 64;
 
   std::string FName;
+  std::string FMissingPart;
   std::shared_ptr<const TReadStream> FStream;
   std::unique_ptr<TBfioHandle> FBfio;
   void* FVolume = nullptr; // libfsntfs_volume_t
   uint32_t FClusterSize = 0;
+  std::unordered_map<uint64_t, std::vector<TFolderName>> FFolderNames; // by the folder's file reference
+  std::unordered_map<std::string, void*> FFolders; // folder entries kept open, by folded path ("" the root)
+  size_t FIndexedNames = 0;
   std::recursive_mutex FLock;
 };
 

@@ -11,11 +11,13 @@
 //                 extended partition's start (entry 2, the next EBR)
 //   0xC     4     sectors
 //
-// GPT header (LBA 1):
+// GPT header (LBA 1, and its backup in the last LBA, whose entries lie before it):
 //   0x00    8     "EFI PART"
 //   0x08    4     revision
 //   0x0C    4     header size (92 or more, at most a sector)
 //   0x10    4     CRC32 of the header with this field zero
+//   0x18    8     this header's LBA
+//   0x20    8     the other header's LBA
 //   0x28    8     first usable LBA
 //   0x30    8     last usable LBA
 //   0x48    8     LBA of the partition entries

@@ -84,8 +84,10 @@ std::string TPartitionTable::TypeName(const TPartition& APartition) {
   }
 }
 
-void TPartitionTable::Issue(uint64_t AOffset, const std::string& AText) {
-  if (FIssues.size() < 100) FIssues.push_back(AText + " at offset " + Hex(AOffset));
+void TPartitionTable::Issue(uint64_t AOffset, const std::string& AText) { Note(AText + " at offset " + Hex(AOffset)); }
+
+void TPartitionTable::Note(const std::string& AText) {
+  if (FIssues.size() < 100) FIssues.push_back(AText);
 }
 
 void TPartitionTable::Add(TPartition APartition, uint64_t AEntryOffset) {
@@ -97,6 +99,7 @@ void TPartitionTable::Add(TPartition APartition, uint64_t AEntryOffset) {
   if (FMediaSize && APartition.Length > FMediaSize - APartition.Offset) {
     Issue(AEntryOffset, "partition " + std::to_string(APartition.Number) + " runs past the end of the disk; cut there");
     APartition.Length = FMediaSize - APartition.Offset;
+    APartition.CutShort = true;
   }
   FPartitions.push_back(std::move(APartition));
 }
@@ -184,51 +187,80 @@ void TPartitionTable::ReadExtended(const TReadStream& AMedia, uint64_t AStartLba
   Issue(ebr * 512, "more than " + std::to_string(kMaxLogicalPartitions) + " logical partitions; stopped");
 }
 
-bool TPartitionTable::ReadGpt(const TReadStream& AMedia, uint32_t ASectorSize) {
+bool TPartitionTable::ReadGptHeader(const TReadStream& AMedia, uint64_t AAt, uint32_t ASectorSize, TGptHeader& AHeader,
+                                    bool AQuiet) {
+  auto fault = [&](uint64_t AOffset, const std::string& AText) {
+    if (!AQuiet) Issue(AOffset, AText);
+    AHeader.Fault = AText;
+    return false;
+  };
   std::vector<uint8_t> header(ASectorSize);
-  if (!ReadExact(AMedia, ASectorSize, header.data(), header.size())) return false;
+  if (!ReadExact(AMedia, AAt, header.data(), header.size())) return false;
   const TByteReader h(header.data(), header.size());
-  if (std::memcmp(header.data(), kGptSignature, sizeof kGptSignature) != 0) return false;
-  const uint64_t at = ASectorSize;
-  const uint32_t headerSize = h.ReadU32(kGptHeaderSize);
-  if (headerSize < kGptMinHeaderSize || headerSize > ASectorSize) {
-    Issue(at + kGptHeaderSize, "GPT header size " + std::to_string(headerSize) + " out of range");
+  if (std::memcmp(header.data(), kGptSignature, sizeof kGptSignature) != 0) {
+    AHeader.Fault = "no GPT signature";
     return false;
   }
+  const uint32_t headerSize = h.ReadU32(kGptHeaderSize);
+  if (headerSize < kGptMinHeaderSize || headerSize > ASectorSize)
+    return fault(AAt + kGptHeaderSize, "GPT header size " + std::to_string(headerSize) + " out of range");
   std::vector<uint8_t> copy(header.begin(), header.begin() + headerSize);
   std::memset(copy.data() + kGptHeaderCrc, 0, 4);
-  if (Crc32(copy.data(), copy.size()) != h.ReadU32(kGptHeaderCrc)) {
-    Issue(at + kGptHeaderCrc, "GPT header checksum does not match");
-    return false;
-  }
-  const uint32_t count = h.ReadU32(kGptEntryCount);
-  const uint32_t size = h.ReadU32(kGptEntrySize);
-  if (size < kGptMinEntrySize || size > kMaxGptEntrySize || size % 8 != 0) {
-    Issue(at + kGptEntrySize, "GPT entry size " + std::to_string(size) + " out of range");
-    return false;
-  }
-  if (count > kMaxGptEntries) {
-    Issue(at + kGptEntryCount, "GPT entry count " + std::to_string(count) + " out of range");
-    return false;
-  }
+  if (Crc32(copy.data(), copy.size()) != h.ReadU32(kGptHeaderCrc)) return fault(AAt + kGptHeaderCrc, "GPT header checksum does not match");
+  AHeader.Count = h.ReadU32(kGptEntryCount);
+  AHeader.Size = h.ReadU32(kGptEntrySize);
+  if (AHeader.Size < kGptMinEntrySize || AHeader.Size > kMaxGptEntrySize || AHeader.Size % 8 != 0)
+    return fault(AAt + kGptEntrySize, "GPT entry size " + std::to_string(AHeader.Size) + " out of range");
+  if (AHeader.Count > kMaxGptEntries)
+    return fault(AAt + kGptEntryCount, "GPT entry count " + std::to_string(AHeader.Count) + " out of range");
   const uint64_t entriesLba = h.ReadU64(kGptEntriesLba);
-  if (entriesLba == 0 || entriesLba > (~uint64_t{0}) / ASectorSize) {
-    Issue(at + kGptEntriesLba, "GPT entries LBA out of range");
+  if (entriesLba == 0 || entriesLba > (~uint64_t{0}) / ASectorSize) return fault(AAt + kGptEntriesLba, "GPT entries LBA out of range");
+  AHeader.EntriesAt = entriesLba * ASectorSize;
+  AHeader.Entries.assign(size_t{AHeader.Count} * AHeader.Size, 0);
+  if (!ReadExact(AMedia, AHeader.EntriesAt, AHeader.Entries.data(), AHeader.Entries.size()))
+    return fault(AHeader.EntriesAt, "GPT entries past the end of the disk");
+  AHeader.EntriesMatch = Crc32(AHeader.Entries.data(), AHeader.Entries.size()) == h.ReadU32(kGptEntriesCrc);
+  return true;
+}
+
+bool TPartitionTable::ReadGpt(const TReadStream& AMedia, uint32_t ASectorSize) {
+  TGptHeader primary;
+  const bool primaryRead = ReadGptHeader(AMedia, ASectorSize, ASectorSize, primary, true);
+  if (!primaryRead && primary.Fault.empty()) return false; // no sector there
+  // The backup header lies in the disk's last sector, its entries before it; Windows
+  // and the firmware keep both, and tools that wipe the start of a disk leave the backup.
+  if (!primaryRead || !primary.EntriesMatch) {
+    TGptHeader backup;
+    const uint64_t sectors = FMediaSize / ASectorSize;
+    if (sectors > 2 && ReadGptHeader(AMedia, (sectors - 1) * ASectorSize, ASectorSize, backup, true) && backup.EntriesMatch) {
+      if (!primaryRead)
+        Note("primary GPT header at offset " + Hex(ASectorSize) + " damaged (" + primary.Fault + "); read the backup at offset " +
+             Hex((sectors - 1) * ASectorSize));
+      else
+        Note("primary GPT entries at offset " + Hex(primary.EntriesAt) + " damaged (checksum does not match); read the backup's at offset " +
+             Hex(backup.EntriesAt));
+      ReadGptEntries(backup, ASectorSize);
+      return true;
+    }
+  }
+  if (!primaryRead) {
+    if (primary.Fault == "no GPT signature") return false;
+    TGptHeader again;
+    ReadGptHeader(AMedia, ASectorSize, ASectorSize, again, false); // the fault among the issues
     return false;
   }
-  std::vector<uint8_t> entries(size_t{count} * size);
-  if (!ReadExact(AMedia, entriesLba * ASectorSize, entries.data(), entries.size())) {
-    Issue(entriesLba * ASectorSize, "GPT entries past the end of the disk");
-    return false;
-  }
+  if (!primary.EntriesMatch) Issue(primary.EntriesAt, "GPT entries checksum does not match; reading them anyway");
+  ReadGptEntries(primary, ASectorSize);
+  return true;
+}
+
+void TPartitionTable::ReadGptEntries(const TGptHeader& AHeader, uint32_t ASectorSize) {
   FScheme = TPartitionScheme::psGpt;
   FSectorSize = ASectorSize;
-  if (Crc32(entries.data(), entries.size()) != h.ReadU32(kGptEntriesCrc))
-    Issue(entriesLba * ASectorSize, "GPT entries checksum does not match; reading them anyway");
-  const TByteReader all(entries.data(), entries.size());
-  for (uint32_t i = 0; i < count; ++i) {
-    const TByteReader e = all.Sub(uint64_t{i} * size, size);
-    const uint64_t where = entriesLba * ASectorSize + uint64_t{i} * size;
+  const TByteReader all(AHeader.Entries.data(), AHeader.Entries.size());
+  for (uint32_t i = 0; i < AHeader.Count; ++i) {
+    const TByteReader e = all.Sub(uint64_t{i} * AHeader.Size, AHeader.Size);
+    const uint64_t where = AHeader.EntriesAt + uint64_t{i} * AHeader.Size;
     const std::span<const uint8_t> type = e.ReadBytes(kGptEntryType, 16);
     if (type.size() != 16 || std::all_of(type.begin(), type.end(), [](uint8_t b) { return b == 0; })) continue;
     const uint64_t first = e.ReadU64(kGptEntryFirst), last = e.ReadU64(kGptEntryLast);
@@ -247,7 +279,6 @@ bool TPartitionTable::ReadGpt(const TReadStream& AMedia, uint32_t ASectorSize) {
     p.Name = Utf16ToUtf8(name.data(), units);
     Add(std::move(p), where);
   }
-  return true;
 }
 
 } // namespace qvx

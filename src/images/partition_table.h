@@ -4,7 +4,8 @@
 // A disk whose first sector is a file system's boot sector has no table: the whole
 // disk is one volume. Faults in a table (a bad checksum, an entry outside the disk, a
 // loop of extended boot records) are listed in Issues() with their offset and never
-// raise; the entries that could be read are kept.
+// raise; the entries that could be read are kept. A GPT whose primary header or entries
+// are damaged is read from its backup at the end of the disk, which Issues() says.
 #pragma once
 
 #include "platform/read_stream.h"
@@ -24,6 +25,7 @@ struct TPartition {
   uint8_t MbrType = 0;  // MBR partition type; 0 for GPT
   std::string GptType;  // GPT type GUID in text form; "" for MBR
   std::string Name;     // GPT name; "" for MBR
+  bool CutShort = false; // the table gives it more than the disk holds (Length is cut)
 };
 
 class TPartitionTable {
@@ -43,7 +45,23 @@ public:
   static std::string TypeName(const TPartition& APartition);
 
 private:
+  // A GPT header read and checked, with its entries.
+  struct TGptHeader {
+    uint32_t Count = 0;          // entries
+    uint32_t Size = 0;           // bytes per entry
+    uint64_t EntriesAt = 0;      // byte offset of the entries
+    std::vector<uint8_t> Entries;
+    bool EntriesMatch = false;   // their checksum matches the header's
+    std::string Fault;           // why it is no usable header ("" when there is no sector there)
+  };
+  // The primary GPT (LBA 1), or the backup (the last LBA) when the primary header or its
+  // entries are damaged; false when neither is there.
   bool ReadGpt(const TReadStream& AMedia, uint32_t ASectorSize);
+  // Reads the header at AAt and its entries; false with AHeader.Fault set (and, unless
+  // AQuiet, the fault among the issues) when it cannot be used.
+  bool ReadGptHeader(const TReadStream& AMedia, uint64_t AAt, uint32_t ASectorSize, TGptHeader& AHeader, bool AQuiet);
+  void ReadGptEntries(const TGptHeader& AHeader, uint32_t ASectorSize);
+  void Note(const std::string& AText);
   void ReadMbr(const TReadStream& AMedia, const uint8_t* ASector);
   void ReadExtended(const TReadStream& AMedia, uint64_t AStartLba, uint64_t ASectors);
   void Add(TPartition APartition, uint64_t AEntryOffset);

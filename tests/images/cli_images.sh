@@ -124,6 +124,24 @@ n=$("$QVX" scan -f csv --unallocated "$tmp/mbr.raw" 2>&1 >/dev/null | sed -n 's/
 check unallocated-only-free test "$n" = 300
 n=$("$QVX" scan -q -f csv --offset 1048576 "$tmp/mbr.raw" | wc -l)
 check scan-offset test "$n" -gt 800
+# A chunk carved from the free clusters is named where it lies in the volume and in the
+# image: the deleted log's first chunk, its first record's trailing size copy changed.
+cp "$tmp/mbr.raw" "$tmp/freed.raw"
+at=$(python3 - "$tmp/freed.raw" "$tmp/deleted.evtx" <<'EOF_PY'
+import struct, sys
+disk = bytearray(open(sys.argv[1], 'rb').read())
+chunk = open(sys.argv[2], 'rb').read()[4096:4096 + 65536]
+at = disk.find(chunk)
+size = struct.unpack_from('<I', disk, at + 0x200 + 4)[0]   # the first record's size
+disk[at + 0x200 + size - 4] ^= 0xFF                        # its trailing copy
+open(sys.argv[1], 'wb').write(disk)
+print(at)
+EOF_PY
+)
+err=$("$QVX" scan -f csv --all-issues --unallocated "$tmp/freed.raw" 2>&1 >/dev/null)
+where=$(printf 'volume offset 0x%X, image offset 0x%X' $((at - 1048576)) "$at")
+inner=$(printf 'volume offset 0x%X, image offset 0x%X' $((at - 1048576 + 0x200)) $((at + 0x200)))
+check unallocated-where grep -qF "  Chunk at $where: record at chunk offset 0x200 ($inner): " <<<"$err"
 
 # Bad input: one clear line each.
 head -c 300000 "$tmp/mbr.E01" >"$tmp/cut.E01" 2>/dev/null || true
@@ -132,6 +150,97 @@ if [ -s "$tmp/cut.E01" ]; then
   check truncated-e01 test "$(wc -l <<<"$err")" -eq 1 -a -n "$err"
   check truncated-e01-names grep -q "^quorvex: $tmp/cut.E01: " <<<"$err"
 fi
+# A set of segment files or pieces with one missing is refused, naming the one missing.
+if [ -f "$tmp/split.E01" ]; then
+  mkdir -p "$tmp/gap" "$tmp/end"
+  cp "$tmp"/split.E0* "$tmp/gap/"
+  rm "$tmp/gap/split.E03"
+  err=$("$QVX" events "$tmp/gap/split.E01::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+  check ewf-gap test "$err" = "quorvex: $tmp/gap/split.E01: segment file split.E03 is missing (split.E02 says more follow)"
+  err=$("$QVX" scan "$tmp/gap/split.E01" 2>&1 >/dev/null)
+  check ewf-gap-scan-status test $? -eq 1
+  check ewf-gap-scan test "$err" = "quorvex: $tmp/gap/split.E01: segment file split.E03 is missing (split.E02 says more follow)"
+  last=$(ls "$tmp"/split.E0* | tail -1)
+  cp "$tmp"/split.E0* "$tmp/end/"
+  rm "$tmp/end/$(basename "$last")"
+  before=$(ls "$tmp"/split.E0* | tail -2 | head -1)
+  err=$("$QVX" imaged "$tmp/end/split.E01" 2>&1 >/dev/null)
+  check ewf-last-missing test "$err" = "quorvex: $tmp/end/split.E01: segment file $(basename "$last") is missing ($(basename "$before") says more follow)"
+fi
+# A QCOW2 whose second volume's first cluster is lost: the first volume still reads,
+# imaged lists the second as unreadable, and only naming it fails.
+if have qemu-img && have qemu-io; then
+  truncate -s 40M "$tmp/two.raw"
+  dd if="$tmp/vol.img" of="$tmp/two.raw" bs=1M seek=1 conv=notrunc status=none
+  printf '2048,49152,7\n53248,24576,7\n' | sfdisk -q "$tmp/two.raw" >/dev/null 2>&1
+  qemu-img convert -O qcow2 "$tmp/two.raw" "$tmp/lost.qcow2"
+  size=$(stat -c %s "$tmp/lost.qcow2")
+  qemu-io -f qcow2 -c "write -P 0x55 $((53248 * 512)) 65536" "$tmp/lost.qcow2" >/dev/null
+  truncate -s "$size" "$tmp/lost.qcow2"
+  check lost-volume-events test "$("$QVX" events -q -f csv --tz UTC "$tmp/lost.qcow2@1::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+  check lost-volume-default test "$("$QVX" events -q -f csv --tz UTC "$tmp/lost.qcow2::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+  out=$("$QVX" imaged "$tmp/lost.qcow2" 2>"$tmp/err")
+  check lost-volume-imaged-status test $? -eq 0
+  check lost-volume-listed grep -q "^  2 .* unreadable " <<<"$out"
+  check lost-volume-windows grep -q "^  Windows folder   $tmp/lost.qcow2@1::/Windows" <<<"$out"
+  check lost-volume-warning grep -q "^quorvex: warning: $tmp/lost.qcow2 volume 2: cannot read the media data at offset 0x1A00000" "$tmp/err"
+  err=$("$QVX" events "$tmp/lost.qcow2@2::/x.evtx" 2>&1 >/dev/null)
+  check lost-volume-named-status test $? -eq 1
+  check lost-volume-named grep -q "^quorvex: $tmp/lost.qcow2 volume 2: cannot read the media data at offset 0x1A00000" <<<"$err"
+fi
+
+# A raw image cut inside its volume: what cannot be found or read is said to lie,
+# maybe, past the end of the image.
+head -c $((1048576 + 12 * 1048576)) "$tmp/mbr.raw" >"$tmp/cut.raw"
+err=$("$QVX" events -q "$tmp/cut.raw::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+check cut-events-status test $? -eq 1
+check cut-events grep -q "the volume runs past the end of the image (the image is truncated)" <<<"$err"
+check cut-imaged grep -q "^$tmp/cut.raw: partition 1 runs past the end of the disk; cut there at offset 0x1BE$" <<<"$("$QVX" imaged "$tmp/cut.raw" 2>&1)"
+
+# A folder of thousands of files: names in any case find the file they name.
+mkdir -p "$tmp/many/Windows/System32/winevt/Logs"
+(cd "$tmp/many/Windows/System32/winevt/Logs" && for i in $(seq 1000 3999); do : >"File$i.dll"; done)
+cp "$logs/System.evtx" "$tmp/many/Windows/System32/winevt/Logs/Mixed.evtx"
+cp "$tmp/deleted.evtx" "$tmp/many/Windows/System32/winevt/Logs/zLast.evtx"
+truncate -s 24M "$tmp/many.img"
+mkntfs -F -q -Q "$tmp/many.img" >/dev/null 2>&1 && "$FILL" "$tmp/many.img" "$tmp/many" >/dev/null
+want_del_all=$("$QVX" events -q -f csv --tz UTC "$tmp/deleted.evtx")
+for name in Mixed.evtx MIXED.EVTX mixed.evtx; do
+  check "many-$name" test "$("$QVX" events -q -f csv --tz UTC "$tmp/many.img::/windows/SYSTEM32/winevt/logs/$name")" = "$want_sys"
+done
+for name in zLast.evtx ZLAST.evtx zlast.EVTX; do
+  check "many-$name" test "$("$QVX" events -q -f csv --tz UTC "$tmp/many.img::/WINDOWS/system32/WINEVT/Logs/$name")" = "$want_del_all"
+done
+err=$("$QVX" events -q "$tmp/many.img::/windows/system32/winevt/logs/file4000.dll" 2>&1 >/dev/null)
+check many-missing test "$err" = "quorvex: $tmp/many.img volume 1::/windows/system32/winevt/logs/file4000.dll: no such file on the volume"
+
+# A chunk of an E01 that fails its checksum: read as stored, its media range named once.
+if have ewfacquire; then
+  ewfacquire -u -c none -t "$tmp/flip" "$tmp/mbr.raw" >/dev/null 2>&1
+  python3 - "$tmp/flip.E01" <<'EOF_PY'
+import os, sys
+with open(sys.argv[1], 'r+b') as f:
+    at = os.path.getsize(sys.argv[1]) * 4 // 5
+    f.seek(at)
+    data = f.read(16)
+    f.seek(at)
+    f.write(bytes(b ^ 0xFF for b in data))
+EOF_PY
+  bad="$tmp/flip.E01: media bytes 0x[0-9A-F]* to 0x[0-9A-F]* fail the checksum of their chunk; read as stored"
+  err=$("$QVX" scan -f csv "$tmp/flip.E01" 2>&1 >/dev/null)
+  check ewf-checksum-scan test "$(grep -c "^  $bad$" <<<"$err")" -eq 1
+  check ewf-checksum-summary grep -q "problem.* met while reading" <<<"$err"
+  err=$("$QVX" scan -q -f csv "$tmp/flip.E01" 2>&1 >/dev/null)
+  check ewf-checksum-quiet test "$(grep -c "^quorvex: warning: $bad$" <<<"$err")" -eq 1
+  check ewf-checksum-reads test "$("$QVX" events -q -f csv --tz UTC "$tmp/flip.E01::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+fi
+mkdir -p "$tmp/pieces"
+split -b 8M -d -a 3 --numeric-suffixes=1 "$tmp/mbr.raw" "$tmp/pieces/disk."
+check pieces-whole test "$("$QVX" events -q -f csv --tz UTC "$tmp/pieces/disk.001::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+rm "$tmp/pieces/disk.002"
+err=$("$QVX" events "$tmp/pieces/disk.001::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)
+check pieces-gap test "$err" = "quorvex: $tmp/pieces/disk.001: piece disk.002 is missing (disk.003 follows it)"
+
 truncate -s 4M "$tmp/blank.raw"
 err=$("$QVX" imaged "$tmp/blank.raw" 2>&1 >/dev/null)
 check no-partitions test "$err" = "quorvex: $tmp/blank.raw: no partition table and no file system at offset 0x0"
@@ -141,7 +250,14 @@ check missing-file test "$err" = "quorvex: $tmp/mbr.raw volume 1::/Windows/none.
 # --offset is IMAGE@+BYTES.
 got=$("$QVX" events -q -f csv --tz UTC --offset 1048576 "$tmp/mbr.raw::/Windows/System32/winevt/Logs/System.evtx")
 check offset-events test "$got" = "$want_sys"
-check offset-imaged grep -q "^  Windows folder   $tmp/mbr.raw@+1048576::/Windows" <<<"$("$QVX" imaged --offset 1048576 "$tmp/mbr.raw")"
+# An offset where a listed partition starts is that volume, scanned to its end only.
+check offset-imaged grep -q "^  Windows folder   $tmp/mbr.raw@1::/Windows" <<<"$("$QVX" imaged --offset 1048576 "$tmp/mbr.raw")"
+cp "$tmp/mbr.raw" "$tmp/after.raw"
+dd if="$logs/System.evtx" of="$tmp/after.raw" bs=1 skip=4096 count=65536 seek=$((25 * 1048576 + 4096)) conv=notrunc status=none
+err=$("$QVX" scan -f csv --offset 1048576 "$tmp/after.raw" 2>&1 >/dev/null)
+check offset-scan-label grep -q "^$tmp/after.raw volume 1: [0-9]* events" <<<"$err"
+check offset-scan-bounded test "$("$QVX" scan -q -f csv --offset 1048576 "$tmp/after.raw" | wc -l)" = "$("$QVX" scan -q -f csv "$tmp/after.raw@1" | wc -l)"
+check offset-scan-whole test "$("$QVX" scan -q -f csv --offset 1048576 "$tmp/after.raw" | wc -l)" -lt "$("$QVX" scan -q -f csv "$tmp/after.raw" | wc -l)"
 "$QVX" open --offset 1048576 "$tmp/mbr.raw" -s "$tmp/offset.db" -q
 check offset-open test "$("$QVX" view "$tmp/offset.db" --count)" = "$("$QVX" view "$tmp/case.db" --count)"
 err=$("$QVX" events --offset 1048576 "$tmp/mbr.raw@1::/Windows/System32/winevt/Logs/System.evtx" 2>&1 >/dev/null)

@@ -106,6 +106,50 @@ TEST(PartitionTableGpt, ABadHeaderChecksumFallsBackToTheMbr) {
   EXPECT_EQ(t.Issues()[1], "protective MBR without a readable GPT; reading the MBR at offset 0x200");
 }
 
+TEST(PartitionTableGpt, AZeroedPrimaryHeaderIsReadFromTheBackup) {
+  std::vector<uint8_t> disk = BuildGptDisk(8192, {{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 2048, 4095, "Data"}}, true);
+  std::memset(&disk[512], 0, 512);
+  const TPartitionTable t = Read(disk);
+  ASSERT_EQ(t.Scheme(), TPartitionScheme::psGpt);
+  ASSERT_EQ(t.Partitions().size(), 1u);
+  EXPECT_EQ(t.Partitions()[0].Offset, 2048u * 512);
+  EXPECT_EQ(t.Partitions()[0].Name, "Data");
+  ASSERT_EQ(t.Issues().size(), 1u);
+  EXPECT_EQ(t.Issues()[0], "primary GPT header at offset 0x200 damaged (no GPT signature); read the backup at offset 0x3FFE00");
+}
+
+TEST(PartitionTableGpt, ABadPrimaryChecksumIsReadFromTheBackup) {
+  std::vector<uint8_t> disk = BuildGptDisk(8192, {{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 2048, 4095, ""}}, true);
+  disk[512 + 0x10] ^= 1;
+  const TPartitionTable t = Read(disk);
+  ASSERT_EQ(t.Scheme(), TPartitionScheme::psGpt);
+  ASSERT_EQ(t.Partitions().size(), 1u);
+  ASSERT_EQ(t.Issues().size(), 1u);
+  EXPECT_EQ(t.Issues()[0],
+            "primary GPT header at offset 0x200 damaged (GPT header checksum does not match); read the backup at offset 0x3FFE00");
+}
+
+TEST(PartitionTableGpt, ZeroedPrimaryEntriesAreReadFromTheBackup) {
+  std::vector<uint8_t> disk = BuildGptDisk(8192, {{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 2048, 4095, "Data"}}, true);
+  std::memset(&disk[1024], 0, 512);
+  const TPartitionTable t = Read(disk);
+  ASSERT_EQ(t.Partitions().size(), 1u);
+  EXPECT_EQ(t.Partitions()[0].Name, "Data");
+  ASSERT_EQ(t.Issues().size(), 1u);
+  EXPECT_EQ(t.Issues()[0],
+            "primary GPT entries at offset 0x400 damaged (checksum does not match); read the backup's at offset 0x3FBE00");
+}
+
+TEST(PartitionTableGpt, DamagedEntriesWithoutABackupAreReadAnyway) {
+  std::vector<uint8_t> disk = BuildGptDisk(8192, {{"EBD0A0A2-B9E5-4433-87C0-68B6B72699C7", 2048, 4095, "Data"}});
+  disk[1024 + 0x38] = 'X';
+  const TPartitionTable t = Read(disk);
+  ASSERT_EQ(t.Partitions().size(), 1u);
+  EXPECT_EQ(t.Partitions()[0].Name, "Xata");
+  ASSERT_EQ(t.Issues().size(), 1u);
+  EXPECT_EQ(t.Issues()[0], "GPT entries checksum does not match; reading them anyway at offset 0x400");
+}
+
 TEST(PartitionTableGpt, AnEntryCountOutOfRangeIsRefused) {
   std::vector<uint8_t> disk = BuildGptDisk(8192, {});
   const uint32_t count = 100000;

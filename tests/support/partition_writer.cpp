@@ -40,7 +40,7 @@ std::vector<uint8_t> BuildMbrDisk(uint32_t ASectors, const std::vector<TMbrEntry
   return disk;
 }
 
-std::vector<uint8_t> BuildGptDisk(uint32_t ASectors, const std::vector<TGptEntry>& AEntries) {
+std::vector<uint8_t> BuildGptDisk(uint32_t ASectors, const std::vector<TGptEntry>& AEntries, bool ABackup) {
   std::vector<uint8_t> disk = BuildMbrDisk(ASectors, {{0xEE, 1, ASectors - 1}}); // protective MBR
   const size_t entries = 2 * 512;
   for (size_t i = 0; i < AEntries.size() && i < 128; ++i) {
@@ -62,7 +62,20 @@ std::vector<uint8_t> BuildGptDisk(uint32_t ASectors, const std::vector<TGptEntry
   Put32(disk, h + 0x50, 128);                  // entry count
   Put32(disk, h + 0x54, 128);                  // entry size
   Put32(disk, h + 0x58, Crc32(disk.data() + entries, 128 * 128)); // entries CRC
+  Put64(disk, h + 0x20, ASectors - 1);         // the backup header's LBA
   Put32(disk, h + 0x10, Crc32(disk.data() + h, 92));              // header CRC (field zero while summed)
+  if (ABackup) {
+    // The same entries before the last LBA, and a header there that points at them.
+    const size_t backupEntries = size_t{ASectors - 33} * 512;
+    std::memcpy(disk.data() + backupEntries, disk.data() + entries, 128 * 128);
+    const size_t b = size_t{ASectors - 1} * 512;
+    std::memcpy(disk.data() + b, disk.data() + h, 92);
+    Put32(disk, b + 0x10, 0);                  // header CRC, summed below
+    Put64(disk, b + 0x18, ASectors - 1);       // this header's LBA
+    Put64(disk, b + 0x20, 1);                  // the primary header's LBA
+    Put64(disk, b + 0x48, ASectors - 33);      // entries LBA
+    Put32(disk, b + 0x10, Crc32(disk.data() + b, 92));
+  }
   return disk;
 }
 

@@ -27,8 +27,9 @@ struct TGptEntry {
 };
 
 // A disk of ASectors sectors with a protective MBR, a GPT header at LBA 1 and 128
-// entries at LBA 2, both checksums right.
-std::vector<uint8_t> BuildGptDisk(uint32_t ASectors, const std::vector<TGptEntry>& AEntries);
+// entries at LBA 2, both checksums right; with ABackup also the backup header in the
+// last LBA and its entries in the 32 LBAs before it.
+std::vector<uint8_t> BuildGptDisk(uint32_t ASectors, const std::vector<TGptEntry>& AEntries, bool ABackup = false);
 
 // Bytes in memory as a stream.
 class TMemoryStream : public TReadStream {
