@@ -1,5 +1,7 @@
 #include "server/web_server.h"
 
+#include "server/http_listener.h"
+
 #include "filter/filter_json.h"
 #include "filter/sql_text.h"
 #include "filter/xml_query.h"
@@ -30,6 +32,8 @@ public:
 };
 
 constexpr size_t kMaxBody = 1u << 20;
+// Each event stream holds a worker while it is open; the rest are kept for requests.
+constexpr int kMaxStreams = 8;
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kCookie = "qvx_token";
 
@@ -166,7 +170,7 @@ std::string RandomToken() {
 }
 
 TWebServer::TWebServer(TStoreSession& ASession, TServeSettings ASettings)
-    : FSession(ASession), FSettings(std::move(ASettings)), FServer(std::make_unique<httplib::Server>()) {
+    : FSession(ASession), FSettings(std::move(ASettings)), FServer(std::make_unique<THttpListener>()) {
   if (FSettings.Token.empty()) FSettings.Token = RandomToken();
   Route();
 }
@@ -202,6 +206,7 @@ void TWebServer::Stop() {
   FEvents.Close();
   if (FServer) FServer->stop();
   if (FThread.joinable()) FThread.join();
+  if (FServer) FServer->Shutdown();
 }
 
 std::string TWebServer::InsideRoots(const std::string& APath) const {
@@ -266,10 +271,6 @@ void TWebServer::Route() {
     httplib::default_socket_options(ASocket);
     FListenSocket = static_cast<intptr_t>(ASocket);
   });
-  // A connection holds its thread while it is kept alive: a browser keeps six, and each
-  // script client one, so the pool is sized for a few dozen; requests on the store are
-  // answered one at a time anyway.
-  server.new_task_queue = [] { return new httplib::ThreadPool(48); };
   server.set_default_headers({
       {"Content-Security-Policy", "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
                                   "connect-src 'self'; object-src 'none'; frame-ancestors 'none'; base-uri 'none'"},
@@ -470,6 +471,12 @@ void TWebServer::Route() {
   server.Get("/api/events", [this](const httplib::Request& AReq, httplib::Response& ARes) {
     // Server-sent events: progress, the end of a load with its notices, alerts. A client
     // that reconnects gives the number it saw last.
+    if (++FStreams > kMaxStreams) {
+      --FStreams;
+      SendError(ARes, 503, "too many event streams are open (" + std::to_string(kMaxStreams) +
+                               "): close other pages of this server");
+      return;
+    }
     uint64_t after = 0;
     if (AReq.has_header("Last-Event-ID")) after = std::strtoull(AReq.get_header_value("Last-Event-ID").c_str(), nullptr, 10);
     ARes.set_header("X-Accel-Buffering", "no");
@@ -483,7 +490,7 @@ void TWebServer::Route() {
       else
         chunk = ": still here\n\n";
       return ASink.write(chunk.data(), chunk.size());
-    });
+    }, [this](bool) { --FStreams; });
   });
   server.Get("/api/export", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                std::string type, extension;

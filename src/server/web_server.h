@@ -23,11 +23,9 @@
 #include <thread>
 #include <vector>
 
-namespace httplib {
-class Server;
-}
-
 namespace qvx::server {
+
+class THttpListener;
 
 // A load the page asks for: logs to add, or the newer events of the store's logs.
 struct TLoadJob {
@@ -109,11 +107,12 @@ private:
 
   TStoreSession& FSession;
   TServeSettings FSettings;
-  std::unique_ptr<httplib::Server> FServer;
+  std::unique_ptr<THttpListener> FServer;
   std::thread FThread;
   int FPort = 0;
   intptr_t FListenSocket = -1;
   std::atomic<uint64_t> FRequests{0};
+  std::atomic<int> FStreams{0}; // event streams open now
   TEventHub FEvents;
   std::thread FLoadThread;
   std::atomic<bool> FLoadRunning{false};

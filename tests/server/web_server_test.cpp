@@ -2,6 +2,7 @@
 // token, the Host check, bad bodies, filter values that hold SQL, and many clients at once.
 #include "app/commands.h"
 #include "app/demo_log.h"
+#include "server/http_listener.h"
 #include "server/web_server.h"
 #include "view/rendering_info.h"
 
@@ -223,6 +224,79 @@ TEST_F(WebServer, TimesShownInAnotherZoneAndFilteredThere) {
   Post("/api/zone", {{"zone", ""}});
   EXPECT_EQ(Post("/api/rows", {{"filter", {{"from", stored}}}})["count"], since);
   EXPECT_GE(since, 1);
+}
+
+// Connections that send their headers a line at a time, or nothing, and event streams
+// past their limit, hold no worker: ordinary requests are still answered at once.
+TEST_F(WebServer, AnswersWhileManyConnectionsAreSlowOrIdle) {
+  auto connect = [] {
+    const int sock = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(FServer->Port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    timeval wait{5, 0};
+    ::setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    return sock;
+  };
+  auto send = [](int ASock, const std::string& AText) { ::send(ASock, AText.data(), AText.size(), MSG_NOSIGNAL); };
+  const std::string host = "Host: 127.0.0.1:" + std::to_string(FServer->Port()) + "\r\n";
+  std::vector<int> slow, streams;
+  for (int i = 0; i < 80; ++i) {
+    slow.push_back(connect());
+    if (i % 2) send(slow.back(), "GET /api/info HTTP/1.1\r\n" + host);
+  }
+  // Every event stream up to the limit is answered, the ones past it get 503 at once.
+  int open = 0, refused = 0;
+  for (int i = 0; i < 12; ++i) {
+    streams.push_back(connect());
+    send(streams.back(), "GET /api/events HTTP/1.1\r\n" + host + "Authorization: Bearer " + FServer->Token() + "\r\n\r\n");
+    char head[64] = {};
+    ASSERT_GT(::recv(streams.back(), head, sizeof head - 1, 0), 0) << "stream " << i;
+    if (std::string(head).rfind("HTTP/1.1 200", 0) == 0) ++open;
+    else if (std::string(head).rfind("HTTP/1.1 503", 0) == 0) ++refused;
+  }
+  EXPECT_EQ(open, 8);
+  EXPECT_EQ(refused, 4);
+  for (int round = 0; round < 3; ++round) {
+    for (int sock : slow) send(sock, "X-Slow: 1\r\n");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Get("/api/info")["total"], 300);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  for (int sock : slow) ::close(sock);
+  for (int sock : streams) ::close(sock);
+}
+
+// A connection that never finishes its headers is closed when its time is up.
+TEST(WebServerLimits, SlowHeadersAreCutOff) {
+  server::THttpListener listener({.Workers = 2, .HeadTime = std::chrono::milliseconds(300)});
+  listener.Get("/", [](const httplib::Request&, httplib::Response& ARes) { ARes.set_content("ok", "text/plain"); });
+  const int port = listener.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { listener.listen_after_bind(); });
+  const int sock = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::send(sock, "GET / HTTP/1.1\r\n", 16, MSG_NOSIGNAL);
+  timeval wait{5, 0};
+  ::setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  const auto start = std::chrono::steady_clock::now();
+  char byte;
+  EXPECT_EQ(::recv(sock, &byte, 1, 0), 0); // closed, with no answer
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  ::close(sock);
+  httplib::Client client("127.0.0.1", port);
+  auto answer = client.Get("/");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->body, "ok");
+  listener.stop();
+  serving.join();
+  listener.Shutdown();
 }
 
 TEST_F(WebServer, ManyClientsPageAtOnce) {
