@@ -131,13 +131,16 @@ bool HostIsOurs(const std::string& AHost, int APort) {
 
 } // namespace
 
-void TEventHub::Publish(const json& AMessage) {
+uint64_t TEventHub::Publish(const json& AMessage) {
+  uint64_t number = 0;
   {
     std::lock_guard lock(FLock);
-    FMessages.emplace_back(FNext++, AMessage.dump(-1, ' ', false, json::error_handler_t::replace));
+    number = FNext++;
+    FMessages.emplace_back(number, AMessage.dump(-1, ' ', false, json::error_handler_t::replace));
     while (FMessages.size() > 500) FMessages.pop_front();
   }
   FChanged.notify_all();
+  return number;
 }
 
 bool TEventHub::Next(uint64_t& AAfter, std::string& AMessage, std::chrono::milliseconds AWait) {
@@ -228,7 +231,7 @@ void TWebServer::StartLoad(TLoadJob AJob) {
   if (!FLoadRunning.compare_exchange_strong(idle, true)) throw EConflict("a load is running already");
   if (FLoadThread.joinable()) FLoadThread.join();
   FCancel = false;
-  FEvents.Publish({{"type", "loading"}, {"files", AJob.Files}, {"refresh", AJob.Refresh}});
+  FLoadEvents = FEvents.Publish({{"type", "loading"}, {"files", AJob.Files}, {"refresh", AJob.Refresh}}) - 1;
   FLoadThread = std::thread([this, job = std::move(AJob)] {
     std::string summary;
     try {
@@ -351,7 +354,13 @@ void TWebServer::Route() {
     });
   }
 
-  server.Get("/api/info", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Info()); }));
+  server.Get("/api/info", api([this](const httplib::Request&, httplib::Response& ARes) {
+               json info = FSession.Info();
+               // A page opened while a load runs follows it from its first message.
+               info["loading"] = FLoadRunning.load();
+               if (FLoadRunning) info["loadEvents"] = FLoadEvents.load();
+               SendJson(ARes, info);
+             }));
   server.Post("/api/rows", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 SendJson(ARes, FSession.Rows(TViewQuery::FromJson(body), IntMember(body, "offset", 0),
@@ -456,13 +465,13 @@ void TWebServer::Route() {
                 }
                 if (const auto scan = body.find("scan"); scan != body.end() && scan->is_boolean()) job.Scan = *scan;
                 StartLoad(std::move(job));
-                SendJson(ARes, {{"started", true}}, 202);
+                SendJson(ARes, {{"started", true}, {"events", FLoadEvents.load()}}, 202);
               }));
   server.Post("/api/refresh", api([this](const httplib::Request&, httplib::Response& ARes) {
                 TLoadJob job;
                 job.Refresh = true;
                 StartLoad(std::move(job));
-                SendJson(ARes, {{"started", true}}, 202);
+                SendJson(ARes, {{"started", true}, {"events", FLoadEvents.load()}}, 202);
               }));
   server.Post("/api/cancel", api([this](const httplib::Request&, httplib::Response& ARes) {
                 FCancel = true;
@@ -470,14 +479,15 @@ void TWebServer::Route() {
               }));
   server.Get("/api/events", [this](const httplib::Request& AReq, httplib::Response& ARes) {
     // Server-sent events: progress, the end of a load with its notices, alerts. A client
-    // that reconnects gives the number it saw last.
+    // starts after the number "after" (given by /api/load), or, reconnecting, after the
+    // number it saw last.
     if (++FStreams > kMaxStreams) {
       --FStreams;
       SendError(ARes, 503, "too many event streams are open (" + std::to_string(kMaxStreams) +
                                "): close other pages of this server");
       return;
     }
-    uint64_t after = 0;
+    uint64_t after = std::strtoull(AReq.get_param_value("after").c_str(), nullptr, 10);
     if (AReq.has_header("Last-Event-ID")) after = std::strtoull(AReq.get_header_value("Last-Event-ID").c_str(), nullptr, 10);
     ARes.set_header("X-Accel-Buffering", "no");
     ARes.set_chunked_content_provider("text/event-stream", [this, after](size_t, httplib::DataSink& ASink) mutable {

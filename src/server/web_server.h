@@ -53,7 +53,8 @@ struct TServeSettings {
 // Messages for the page's event stream, numbered; the last few hundred are kept.
 class TEventHub {
 public:
-  void Publish(const nlohmann::json& AMessage);
+  // Gives the message's number.
+  uint64_t Publish(const nlohmann::json& AMessage);
   // The first message after number AAfter (its number in AAfter), waiting up to AWait;
   // false on timeout or when the hub is closed.
   bool Next(uint64_t& AAfter, std::string& AMessage, std::chrono::milliseconds AWait);
@@ -116,6 +117,7 @@ private:
   TEventHub FEvents;
   std::thread FLoadThread;
   std::atomic<bool> FLoadRunning{false};
+  std::atomic<uint64_t> FLoadEvents{0}; // the stream's last message before the running load's
   std::atomic<bool> FCancel{false};
 };
 

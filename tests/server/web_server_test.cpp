@@ -422,7 +422,19 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
     auto started = client.Post("/api/load", json{{"files", {logs + "/more.evtx"}}}.dump(), "application/json");
     ASSERT_TRUE(started);
     EXPECT_EQ(started->status, 202) << started->body;
+    // The page follows the load's messages from the number given.
+    const json begun = json::parse(started->body);
+    EXPECT_TRUE(begun["events"].is_number_unsigned()) << begun;
     reader.join();
+    std::string followed;
+    httplib::Client follower("127.0.0.1", web.Port());
+    follower.set_bearer_token_auth(web.Token().c_str());
+    follower.Get(("/api/events?after=" + std::to_string(begun["events"].get<uint64_t>())).c_str(),
+                 [&](const char* AData, size_t ALength) {
+                   followed.append(AData, ALength);
+                   return followed.find("\"type\":\"loaded\"") == std::string::npos;
+                 });
+    EXPECT_EQ(followed.find("data: {\"files\""), followed.find("data: ")) << followed; // "loading" first
     EXPECT_NE(stream.find("\"type\":\"loading\""), std::string::npos) << stream;
     EXPECT_NE(stream.find("\"notices\":[\"loaded\"]"), std::string::npos) << stream;
     EXPECT_NE(stream.find("\"type\":\"alert\""), std::string::npos) << stream;

@@ -100,6 +100,7 @@ async function start(): Promise<void> {
     await grid.reload(true);
     void stats.refresh();
   };
+  if (info.loading) loader.follow(info.loadEvents ?? 0);
   await Promise.all([grid.reload(false, firstPage), fillZones()]);
   if (!loading) byId('grid').focus();
 }
