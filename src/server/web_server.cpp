@@ -271,7 +271,10 @@ void TWebServer::Route() {
   httplib::Server& server = *FServer;
   server.set_payload_max_length(kMaxBody);
   server.set_socket_options([this](socket_t ASocket) {
-    httplib::default_socket_options(ASocket);
+    // SO_REUSEADDR only, never the library's SO_REUSEPORT: with that, a second server on
+    // the same port would start and share the connections with the first one.
+    int yes = 1;
+    ::setsockopt(ASocket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     FListenSocket = static_cast<intptr_t>(ASocket);
   });
   server.set_default_headers({

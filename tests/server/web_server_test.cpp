@@ -299,6 +299,21 @@ TEST(WebServerLimits, SlowHeadersAreCutOff) {
   listener.Shutdown();
 }
 
+// A second server on a port in use does not start: it says so.
+TEST_F(WebServer, APortInUseIsRefused) {
+  server::TServeSettings settings;
+  settings.Port = FServer->Port();
+  server::TWebServer second(*FSession, settings);
+  try {
+    second.Start();
+    ADD_FAILURE() << "a second server started on port " << settings.Port;
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "cannot listen on 127.0.0.1:" + std::to_string(settings.Port) + " (is the port in use?)");
+  }
+  EXPECT_EQ(Get("/api/info")["total"], 300);
+}
+
 TEST_F(WebServer, ManyClientsPageAtOnce) {
   std::atomic<int> failures{0};
   std::vector<std::thread> clients;
