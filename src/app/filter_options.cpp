@@ -95,7 +95,9 @@ void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions) {
   ACommand.add_flag("--case", AOptions.CaseSensitive, "Compare --descr and --regex with case")->group(group);
   ACommand.add_option("--from", AOptions.From, "Events at or after this time as shown (2024-03-01, \"2024-03-01 14:05\")")
       ->group(group);
-  ACommand.add_option("--to", AOptions.To, "Events at or before this time as shown")->group(group);
+  ACommand.add_option("--to", AOptions.To,
+                      "Events at or before this time as shown (a day, minute or second: all of it)")
+      ->group(group);
   ACommand.add_option("--last", AOptions.Last, "Only the last days and hours: 2d, 12h, 1d6h (a bare number is days)")
       ->group(group);
   ACommand.add_option("--filter", AOptions.FilterFile, "Load a filter file first (the options above add to it)")
@@ -156,9 +158,9 @@ TEventFilter BuildFilter(const TFilterOptions& AOptions) {
     ParseDateTimeText("1601-01-01", earliest);
     ParseDateTimeText("9999-12-31 23:59:59", latest);
     filter.FromTime = AOptions.From.empty() ? earliest : TimeOption("--from", AOptions.From);
-    filter.ToTime = AOptions.To.empty() ? latest : TimeOption("--to", AOptions.To);
-    // A bare date as the end means the whole of that day.
-    if (AOptions.To.size() == 10) filter.ToTime += (86400.0 - 1) / 86400.0;
+    // A bare date as the end means the whole of that day, a minute the whole minute.
+    filter.ToTime =
+        AOptions.To.empty() ? latest : LastSecondOf(AOptions.To, TimeOption("--to", AOptions.To));
   }
   if (!AOptions.Last.empty()) ParsePeriod("--last", AOptions.Last, filter.LastDays, filter.LastHours);
   if (!AOptions.MinDetectionLevel.empty() && !ParseDetectionLevel(AOptions.MinDetectionLevel, filter.MinDetectionLevel))

@@ -187,6 +187,12 @@ std::string DateTimeText(double ADays) {
   return out;
 }
 
+double LastSecondOf(const std::string& AText, double ADays) {
+  if (AText.size() <= 10) return ADays + 86399.0 / 86400.0;
+  if (std::count(AText.begin(), AText.end(), ':') == 1) return ADays + 59.0 / 86400.0;
+  return ADays;
+}
+
 bool ParseDateTimeText(const std::string& AText, double& ADays) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, milli = 0;
   char separator = 0;
@@ -428,7 +434,10 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
     when = "[Date] >= '" + DateText(FromTime) + "' AND [Date] <= '" + DateText(ToTime) + "' AND [Time] >= '" +
            TimeText(FromTime) + "' AND [Time] <= '" + TimeText(ToTime) + "' ";
   else if (ByDate && ByTime)
-    when = "[TimeStamp] >= '" + DateTimeText(FromTime) + "' AND [TimeStamp] <=  '" + DateTimeText(ToTime) + "' ";
+    // Stored times carry fractions of a second ("23:59:59.844"): the end takes in every
+    // fraction of its second, as far as the store's text or SQL Server's DATETIME holds.
+    when = "[TimeStamp] >= '" + DateTimeText(FromTime) + "' AND [TimeStamp] <= '" + DateTimeText(ToTime) +
+           (AKind == tfwSQLite ? ".9999999' " : ".997' ");
   else if (ByDate)
     when = "[Date] >= '" + DateText(FromTime) + "' AND [Date] <= '" + DateText(ToTime) + "' ";
   else if (ByTime)

@@ -163,5 +163,8 @@ std::string DateText(double ADays);              // 2024-03-01
 std::string TimeText(double ADays);              // 14:05:09
 // "YYYY-MM-DD", "YYYY-MM-DD HH:MM[:SS[.mmm]]" or with "T"; false when the text is none of them.
 bool ParseDateTimeText(const std::string& AText, double& ADays);
+// The end of a range typed as AText (parsed into ADays): the last second of a bare date's
+// day or of a minute, else the second given. A filter's ToTime takes in all of its second.
+double LastSecondOf(const std::string& AText, double ADays);
 
 } // namespace qvx

@@ -152,9 +152,8 @@ TEventFilter FilterFromJson(const json& AJson) {
     ParseDateTimeText("9999-12-31 23:59:59", filter.ToTime);
     if (from) filter.FromTime = Time(AJson, "from");
     if (to) {
-      filter.ToTime = Time(AJson, "to");
-      // A bare date as the end means the whole of that day.
-      if (to->get<std::string>().size() == 10) filter.ToTime += (86400.0 - 1) / 86400.0;
+      // A bare date as the end means the whole of that day, a minute the whole minute.
+      filter.ToTime = LastSecondOf(to->get<std::string>(), Time(AJson, "to"));
     }
     filter.DateTimeExclude = Flag(AJson, "dateExclude", "");
   }

@@ -79,7 +79,7 @@ TEST(EventFilterWhere, EachClauseKindWithItsExactText) {
                         {"Name", coContains, "O'K"}};
   EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0),
             "(CompareDescrWithCond([Descr], 'Logon Type', 1, '3', 0) AND "
-            "CompareDescrWithCond([Descr], 'Name', 3, 'O''K', 0))");
+            "CompareDescrWithCond([EvtXML], [Descr], 'Name', 3, 'O''K', 0))");
 }
 
 TEST(EventFilterWhere, DateAndTimeRangesContinuousOrDaily) {
