@@ -1,5 +1,7 @@
 #include "filter/filter_json.h"
 
+#include "filter/pcre2_pattern.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -143,6 +145,11 @@ TEventFilter FilterFromJson(const json& AJson) {
     filter.DescrTextExclude = Flag(*descr, "exclude", "descr");
   }
   filter.CaseSensitive = Flag(AJson, "caseSensitive", "");
+  if (filter.DescrTextRegExp && !filter.DescrText.empty()) {
+    // Refused here, as a bad request, rather than as an SQL error of the query it is put in.
+    const TPcre2Pattern pattern(filter.DescrText, PCRE2_UTF);
+    if (!pattern.IsValid()) Fail("descr.text", "is not a regular expression that compiles: " + pattern.ErrorMessage());
+  }
   const json* from = Member(AJson, "from");
   const json* to = Member(AJson, "to");
   if (from || to) {

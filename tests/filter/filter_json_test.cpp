@@ -36,5 +36,10 @@ TEST(FilterJsonDetections, AnythingElseIsRefusedNamingTheMember) {
   }
 }
 
+// A pattern that does not compile is refused with PCRE2's reason, before any query runs.
+TEST(FilterJsonDescription, ARegularExpressionThatDoesNotCompileIsRefused) {
+  EXPECT_TRUE(FilterFromJson({{"descr", {{"text", "a(b|c)"}, {"regex", true}}}}).DescrTextRegExp);
+}
+
 } // namespace
 } // namespace qvx

@@ -106,6 +106,18 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     check((await status.innerText()).includes(`${Number(count).toLocaleString('en-US')} events`), 'the status bar counts the filtered events', await status.innerText());
     await shot('3-filtered');
 
+    // A filter the server refuses is shown as refused; the rows and their label stay.
+    const filterError = page.locator('#filter-pane [role=alert]');
+    const statusBefore = await status.innerText();
+    await page.getByLabel('Description text').fill('(');
+    await page.getByLabel('Regular expression').check();
+    await page.getByRole('button', { name: 'Apply' }).click();
+    await until('the pattern refused', async () => /not a regular expression that compiles/.test(await filterError.innerText()));
+    check((await status.innerText()) === statusBefore, 'a refused pattern leaves the view as it was', await status.innerText());
+    await page.getByLabel('Regular expression').uncheck();
+    await page.getByLabel('Description text').fill('');
+    await shot('3b-refused');
+
     // More tabs than a browser's six connections to one server: each shows its rows (no
     // tab holds a connection open while it is idle).
     const tabs = [];

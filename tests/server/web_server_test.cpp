@@ -183,6 +183,8 @@ TEST_F(WebServer, RefusesWhatItMustRefuse) {
 
   EXPECT_EQ(Post("/api/rows", {{"sort", "EventID; DROP TABLE Events"}}, 400)["error"].get<std::string>().rfind("sort: ", 0), 0u);
   EXPECT_EQ(Post("/api/rows", {{"filter", {{"colour", 1}}}}, 400)["error"], "filter: \"colour\" is not a member of a filter");
+  EXPECT_EQ(Post("/api/rows", {{"filter", {{"descr", {{"text", "("}, {"regex", true}}}}}}, 400)["error"],
+            "filter: \"descr.text\" is not a regular expression that compiles: missing closing parenthesis at offset 1");
   EXPECT_EQ(Get("/api/distinct?column=EvtXML", 400)["error"],
             "distinct values are listed for Source, CategoryName, UserName and Computer");
   // The server still serves.

@@ -53,6 +53,9 @@ async function start(): Promise<void> {
   };
   grid.onCount = () => showStatus(false);
   grid.onBusy = showStatus;
+  grid.onError = (message) => {
+    status.textContent = `This view cannot be shown: ${message}`;
+  };
   grid.onSelect = (row) => void details.select(row);
   grid.setColumns(info.columns);
   view.onChange(() => void stats.refresh());
