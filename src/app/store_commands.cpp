@@ -174,6 +174,20 @@ private:
 };
 
 // Tests the rows after AFirstNewId against the alert file's rules.
+// A store lists its events in _ID order, which a load makes newest first. A refresh adds
+// newer events, also newest first: they are renumbered to come before every older row,
+// with their detections, so that the newest stay on top.
+void MoveAheadOfOlderRows(TEvtLiteAdaptor& AStore, int64_t ALastOldId) {
+  const std::string table = AStore.TableName(), last = std::to_string(ALastOldId);
+  if (ALastOldId == 0 || AStore.QueryIntValue("SELECT COUNT(*) FROM " + table + " WHERE _ID > " + last) == 0) return;
+  const int64_t lowest = AStore.QueryIntValue("SELECT MIN(_ID) FROM " + table);
+  const int64_t highest = AStore.QueryIntValue("SELECT MAX(_ID) FROM " + table);
+  const std::string shift = std::to_string(lowest - 1 - highest);
+  AStore.ExecSQL("UPDATE " + table + " SET _ID = _ID + (" + shift + ") WHERE _ID > " + last);
+  if (AStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' AND name = 'QvxDetections'"))
+    AStore.ExecSQL("UPDATE QvxDetections SET _ID = _ID + (" + shift + ") WHERE _ID > " + last);
+}
+
 void RunAlerts(TEvtLiteAdaptor& AStore, const std::string& AFile, int64_t ALastOldId,
                const std::vector<TStoredEntry>& AEntries, std::FILE* AErr, const TLoadHooks* AHooks) {
   TAlertPatterns patterns;
@@ -373,6 +387,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     std::fprintf(AErr, "quorvex: %s\n", error.c_str());
   if (!AOptions.Alerts.empty()) RunAlerts(AStore, AOptions.Alerts, lastOldId, AEntries, AErr, AHooks);
   if (!AOptions.Rules.empty()) HuntStoreEvents(AStore, AOptions.Rules, lastOldId, AOptions.Quiet, AErr, AOptions.RuleCache);
+  if (ARefresh) MoveAheadOfOlderRows(AStore, lastOldId);
   return status;
 }
 

@@ -373,7 +373,7 @@ void TWebServer::Route() {
                 const json body = ParseBody(AReq);
                 SendJson(ARes, {{"index", FSession.IndexOf(TViewQuery::FromJson(body), IntMember(body, "id", 0))}});
               }));
-  server.Get(R"(/api/event/(\d{1,18}))", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  server.Get(R"(/api/event/(-?\d{1,18}))", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                SendJson(ARes, FSession.Event(std::stoll(AReq.matches[1].str())));
              }));
   server.Get("/api/zones", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Zones()); }));

@@ -553,6 +553,38 @@ TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
   std::filesystem::remove_all(folder);
 }
 
+// A refresh adds newer events: in the order of a view without a sort (newest first, as
+// loaded) they come before the events loaded earlier, and the API reads them by their ids.
+TEST(WebServerRefresh, NewerEventsComeFirst) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-refresh-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  const std::string log = (folder / "d.evtx").string();
+  WriteDemoLog(log, 1000);
+  app::TStoreOptions options;
+  options.Logs = {log};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  WriteDemoLog(log, 2000);
+  std::FILE* notes = std::tmpfile();
+  ASSERT_EQ(app::RunRefresh(options, notes), 0);
+  std::fclose(notes);
+  {
+    server::TStoreSession session(options.Store, 0);
+    json rows = session.Rows({}, 0, 1000)["rows"];
+    const json second = session.Rows({}, 1000, 1000);
+    for (const json& row : second["rows"]) rows.push_back(row);
+    ASSERT_EQ(rows.size(), 2000u);
+    for (size_t i = 1; i < rows.size(); ++i)
+      ASSERT_EQ(rows[i - 1]["record"].get<int64_t>(), rows[i]["record"].get<int64_t>() + 1) << "row " << i;
+    EXPECT_EQ(rows[0]["record"], 2000);
+    const json newest = session.Event(rows[0]["id"].get<int64_t>());
+    EXPECT_NE(newest["xml"].get<std::string>().find("<EventRecordID>2000</EventRecordID>"), std::string::npos);
+  }
+  std::filesystem::remove_all(folder);
+}
+
 // An event stored with RenderingInfo names (from a catalog): the details carry them, the
 // data items read as before.
 TEST(WebServerEvent, RenderingInfoNamesComeWithTheDetails) {
