@@ -400,6 +400,34 @@ std::map<std::string, std::string> SettingsOf(const TStoreOptions& AOptions) {
           {"CheckDeleted", AOptions.CheckDeleted ? "1" : "0"}};
 }
 
+// The same log file however it is named: relative or absolute, through links. A path
+// inside an image ("IMAGE::PATH") is compared as written.
+std::string SameFileKey(const std::string& APath) {
+  if (APath.find("::") != std::string::npos) return APath;
+  std::error_code error;
+  const std::filesystem::path real = std::filesystem::canonical(APath, error);
+  if (!error) return real.string();
+  return std::filesystem::absolute(APath, error).lexically_normal().string();
+}
+
+// Leaves out of ANew the logs that AKept holds already, or that ANew names twice, each
+// named on AErr: loaded again, their events would be in the store twice. A refresh
+// brings a log's newer events.
+void SkipLogsInStore(const std::vector<TStoredEntry>& AKept, std::vector<TStoredEntry>& ANew, std::FILE* AErr) {
+  std::set<std::string> known;
+  for (const TStoredEntry& stored : AKept) known.insert(SameFileKey(stored.Entry.FileName));
+  std::vector<TStoredEntry> fresh;
+  for (TStoredEntry& stored : ANew) {
+    if (!known.insert(SameFileKey(stored.Entry.FileName)).second) {
+      std::fprintf(AErr, "quorvex: %s: already in the store, not loaded again ('quorvex refresh' adds its newer events)\n",
+                   stored.Entry.FileName.c_str());
+      continue;
+    }
+    fresh.push_back(std::move(stored));
+  }
+  ANew = std::move(fresh);
+}
+
 std::string LogNameFor(const std::string& APath) {
   const std::string stem = std::filesystem::path(APath).stem().string();
   static const std::pair<const char*, const char*> kClassic[] = {
@@ -476,6 +504,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       store.EmptyTable();
       TDetectionStore::Drop(store.Handle());
     }
+    SkipLogsInStore(kept, entries, AErr);
     const size_t first = kept.size();
     for (TStoredEntry& stored : entries)
       kept.push_back(std::move(stored));
@@ -500,12 +529,15 @@ int LoadIntoOpenStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, bo
   if (options.Imaged.empty()) options.Imaged = settings["Imaged"];
   const size_t first = ARefresh ? 0 : entries.size();
   if (!ARefresh) {
+    std::vector<TStoredEntry> added;
     for (const std::string& path : AOptions.Logs) {
       TStoredEntry stored;
       stored.Entry = TLogEntry::CreateEventLogFileEntry(LogNameFor(path), path, true);
       stored.Scan = AOptions.Scan;
-      entries.push_back(std::move(stored));
+      added.push_back(std::move(stored));
     }
+    SkipLogsInStore(entries, added, AErr);
+    for (TStoredEntry& stored : added) entries.push_back(std::move(stored));
   }
   std::vector<TStoredEntry> loading(entries.begin() + static_cast<std::ptrdiff_t>(first), entries.end());
   if (ARefresh) AStore.PrepareMerge();

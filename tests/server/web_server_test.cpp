@@ -585,6 +585,41 @@ TEST(WebServerRefresh, NewerEventsComeFirst) {
   std::filesystem::remove_all(folder);
 }
 
+// A log that the store holds already, named again however its path is written, is
+// skipped with a notice: its events are not in the store twice.
+TEST(WebServerRefresh, ALogInTheStoreIsNotLoadedTwice) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-twice-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  const std::string log = (folder / "d.evtx").string();
+  WriteDemoLog(log);
+  app::TStoreOptions options;
+  options.Logs = {log};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder);
+  options.Logs = {"d.evtx", (folder / "." / "d.evtx").string()};
+  options.Append = true;
+  std::FILE* notes = std::tmpfile();
+  EXPECT_EQ(app::RunOpen(options, notes), 0);
+  std::filesystem::current_path(before);
+  std::rewind(notes);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), notes));
+  std::fclose(notes);
+  EXPECT_NE(text.find("quorvex: d.evtx: already in the store, not loaded again ('quorvex refresh' adds its newer events)"),
+            std::string::npos)
+      << text;
+  {
+    server::TStoreSession session(options.Store, 0);
+    EXPECT_EQ(session.Info()["total"], 300);
+    EXPECT_EQ(session.Info()["logs"].size(), 1u);
+  }
+  std::filesystem::remove_all(folder);
+}
+
 // An event stored with RenderingInfo names (from a catalog): the details carry them, the
 // data items read as before.
 TEST(WebServerEvent, RenderingInfoNamesComeWithTheDetails) {
