@@ -34,6 +34,12 @@ void NameList(const std::string& AText, std::vector<std::string>& AList, bool& A
   for (const std::string& item : Items(text)) AList.push_back(item);
 }
 
+// An option's event ID expression: anything but the documented grammar is a wrong command
+// line, refused before anything is read.
+CLI::Validator EventIds() {
+  return CLI::Validator([](std::string& AText) { return EventIdExpressionError(AText); }, "IDS");
+}
+
 double TimeOption(const char* AOption, const std::string& AText) {
   double days = 0;
   if (!ParseDateTimeText(AText, days))
@@ -88,6 +94,7 @@ void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions) {
   ACommand.add_option("--computer", AOptions.Computers, "Only these computers (a leading ! leaves them out)")
       ->group(group);
   ACommand.add_option("--id", AOptions.Ids, "Event IDs, e.g. 4624,4625-4630!4627 (after ! the ones to leave out)")
+      ->check(EventIds())
       ->group(group);
   ACommand.add_option("--descr", AOptions.Descr, "Only events whose description contains this text")->group(group);
   ACommand.add_option("--regex", AOptions.Regex, "Only events whose description matches this regular expression (PCRE2)")
@@ -173,7 +180,9 @@ TEventFilter BuildFilter(const TFilterOptions& AOptions) {
 void AddLoadOptions(CLI::App& ACommand, TLoadOptions& AOptions) {
   const char* group = "Loading filter (what is read into the store at all)";
   ACommand.add_option("--load-type", AOptions.Types, "Load only these types (names as for --type)")->group(group);
-  ACommand.add_option("--load-id", AOptions.Ids, "Load only these event IDs, e.g. 4624,4625-4630!4627")->group(group);
+  ACommand.add_option("--load-id", AOptions.Ids, "Load only these event IDs, e.g. 4624,4625-4630!4627")
+      ->check(EventIds())
+      ->group(group);
   ACommand.add_option("--load-source", AOptions.Sources, "Load only these sources (a leading ! leaves them out)")
       ->group(group);
   ACommand.add_option("--load-user", AOptions.Users, "Load only these users (a leading ! leaves them out)")->group(group);

@@ -260,6 +260,39 @@ void SplitEventIdExpression(const std::string& AText, std::vector<TEventIdSpan>&
   if (bang != std::string::npos) part(AText.substr(bang + 1), AExclude);
 }
 
+std::string EventIdExpressionError(const std::string& AText) {
+  static const std::string kGrammar =
+      "must be event IDs and ranges separated by commas, with '!' before the ones to leave out "
+      "(4624,4625-4630!4627)";
+  const size_t bang = AText.find('!');
+  if (bang != std::string::npos && AText.find('!', bang + 1) != std::string::npos) return kGrammar;
+  // One ID: up to ten digits, at most 4294967295 (qualifiers and all).
+  auto number = [](const std::string& AItem, uint64_t& AValue) {
+    const std::string digits = Trim(AItem);
+    if (digits.empty() || digits.size() > 10 ||
+        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; }))
+      return false;
+    AValue = std::stoull(digits);
+    return AValue <= 0xFFFFFFFFull;
+  };
+  bool bad = false;
+  auto part = [&](const std::string& APart) {
+    if (Trim(APart).empty()) return;
+    std::stringstream items(APart + ",");
+    for (std::string item; std::getline(items, item, ',');) {
+      uint64_t low = 0, high = 0;
+      const size_t hyphen = item.find('-');
+      const bool good = hyphen == std::string::npos
+                            ? number(item, low)
+                            : number(item.substr(0, hyphen), low) && number(item.substr(hyphen + 1), high) && low <= high;
+      bad = bad || !good;
+    }
+  };
+  part(AText.substr(0, bang));
+  if (bang != std::string::npos) part(AText.substr(bang + 1));
+  return bad ? kGrammar : "";
+}
+
 std::string EventIdsToSQL(const std::string& AText) {
   std::vector<TEventIdSpan> include, exclude;
   SplitEventIdExpression(AText, include, exclude);

@@ -154,6 +154,9 @@ struct TEventIdSpan {
 // items trimmed, empty ones skipped, text that is not a number read as 0.
 void SplitEventIdExpression(const std::string& AText, std::vector<TEventIdSpan>& AInclude,
                             std::vector<TEventIdSpan>& AExclude);
+// Why AText is not an event ID expression (IDs and ranges separated by commas, and after
+// one "!" those to leave out: "4624,4625-4630!4627"); "" when it is one.
+std::string EventIdExpressionError(const std::string& AText);
 // The SQL text of an event ID expression ("" for none).
 std::string EventIdsToSQL(const std::string& AText);
 

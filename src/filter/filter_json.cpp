@@ -133,9 +133,7 @@ TEventFilter FilterFromJson(const json& AJson) {
   NameList(AJson, "computers", filter.Computers, filter.ComputersExclude);
   if (const json* ids = Member(AJson, "ids")) {
     filter.IDs = Text(*ids, "ids");
-    for (const char c : filter.IDs)
-      if (!std::isdigit(static_cast<unsigned char>(c)) && c != ',' && c != '-' && c != '!' && c != ' ' && c != ';')
-        Fail("ids", "may hold only numbers, ',', '-' and '!' (4624,4625-4630!4627)");
+    if (const std::string error = EventIdExpressionError(filter.IDs); !error.empty()) Fail("ids", error);
   }
   filter.IDsExcept = Flag(AJson, "idsExcept", "");
   if (const json* descr = Member(AJson, "descr")) {

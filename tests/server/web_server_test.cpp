@@ -199,7 +199,8 @@ TEST_F(WebServer, FilterValuesHoldingSqlAreData) {
         << value;
   }
   EXPECT_EQ(Post("/api/rows", {{"filter", {{"ids", "1 OR 1=1"}}}}, 400)["error"],
-            "filter: \"ids\" may hold only numbers, ',', '-' and '!' (4624,4625-4630!4627)");
+            "filter: \"ids\" must be event IDs and ranges separated by commas, with '!' before the ones to leave "
+            "out (4624,4625-4630!4627)");
   EXPECT_EQ(Get("/api/info")["total"], 300);
 }
 
