@@ -499,9 +499,13 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
       throw ESQLNameError("description parameter " + SQLNameForMessage(condition.Name) +
                           " cannot be a name: it holds a line break or a NUL");
     if (!params.empty()) params.append(" AND ");
-    params.append("CompareDescrWithCond([Descr], " + SQLLiteral(condition.Name, AKind) + ", " +
-                  Int(condition.Oper) + ", " + SQLLiteral(condition.Value, AKind) + ", " +
-                  (CaseSensitive ? "1" : "0") + ")");
+    // A name is an event data name (TargetUserName) or a description label (Account Name,
+    // Subject\Account Name). Data names hold no blanks or separators: only for such a name
+    // is the event's XML read at all, which costs reading every row's XML.
+    const bool dataName = condition.Name.find_first_of(" \t\\/:") == std::string::npos;
+    params.append(std::string("CompareDescrWithCond(") + (dataName ? "[EvtXML], " : "") + "[Descr], " +
+                  SQLLiteral(condition.Name, AKind) + ", " + Int(condition.Oper) + ", " +
+                  SQLLiteral(condition.Value, AKind) + ", " + (CaseSensitive ? "1" : "0") + ")");
   }
   clauses.push_back(params);
 
