@@ -341,6 +341,26 @@ void TWebServer::Route() {
     };
   };
 
+  // POST bodies are read here whatever their Content-Type: "curl -d" sends JSON as a form,
+  // which the library would parse as one, and refuse past 8 KB.
+  auto post = [&server](const std::string& APath, httplib::Server::Handler AHandler) {
+    server.Post(APath, [AHandler](const httplib::Request& AReq, httplib::Response& ARes,
+                                  const httplib::ContentReader& AReader) {
+      httplib::Request request = AReq;
+      bool over = false;
+      const bool complete = AReader([&](const char* AData, size_t ALength) {
+        over = request.body.size() + ALength > kMaxBody;
+        if (!over) request.body.append(AData, ALength);
+        return !over;
+      });
+      if (!complete) {
+        SendError(ARes, 400, over ? "the request body is over 1 MB" : "the request body did not arrive in full");
+        return;
+      }
+      AHandler(request, ARes);
+    });
+  };
+
   for (const TPageFile& file : PageFiles()) {
     const std::string path = file.Path == "/index.html" ? "/" : std::string(file.Path);
     server.Get(path, [&file](const httplib::Request& AReq, httplib::Response& ARes) {
@@ -364,12 +384,12 @@ void TWebServer::Route() {
                if (FLoadRunning) info["loadEvents"] = FLoadEvents.load();
                SendJson(ARes, info);
              }));
-  server.Post("/api/rows", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/rows", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 SendJson(ARes, FSession.Rows(TViewQuery::FromJson(body), IntMember(body, "offset", 0),
                                              IntMember(body, "count", 100)));
               }));
-  server.Post("/api/position", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/position", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 SendJson(ARes, {{"index", FSession.IndexOf(TViewQuery::FromJson(body), IntMember(body, "id", 0))}});
               }));
@@ -377,7 +397,7 @@ void TWebServer::Route() {
                SendJson(ARes, FSession.Event(std::stoll(AReq.matches[1].str())));
              }));
   server.Get("/api/zones", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Zones()); }));
-  server.Post("/api/zone", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/zone", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto zone = body.find("zone");
                 if (zone == body.end() || !zone->is_string()) throw ERequestError("\"zone\" must name a time zone");
@@ -387,16 +407,16 @@ void TWebServer::Route() {
   server.Get("/api/distinct", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                SendJson(ARes, FSession.Distinct(AReq.get_param_value("column")));
              }));
-  server.Post("/api/stats", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/stats", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 SendJson(ARes, FSession.Statistics(TViewQuery::FromJson(ParseBody(AReq))));
               }));
-  server.Post("/api/bookmark", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/bookmark", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto on = body.find("on");
                 if (on == body.end() || !on->is_boolean()) throw ERequestError("\"on\" must be true or false");
                 SendJson(ARes, {{"bookmarks", FSession.Bookmark(IntMember(body, "id", 0), on->get<bool>())}});
               }));
-  server.Post("/api/filter/xml", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/filter/xml", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const TViewQuery query = TViewQuery::FromJson(body);
                 TXMLQueryBuilder builder;
@@ -406,7 +426,7 @@ void TWebServer::Route() {
                 const std::vector<std::string> notes = builder.AssignFilter(query.Filter);
                 SendJson(ARes, {{"xml", query.Filter.SaveToString()}, {"query", builder.BuildXML()}, {"notes", notes}});
               }));
-  server.Post("/api/filter/parse", api([](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/filter/parse", api([](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto xml = body.find("xml");
                 if (xml == body.end() || !xml->is_string()) throw ERequestError("\"xml\" must be the text of a filter file");
@@ -454,7 +474,7 @@ void TWebServer::Route() {
                });
                SendJson(ARes, {{"dir", real}, {"entries", std::move(entries)}});
              }));
-  server.Post("/api/load", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/load", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto files = body.find("files");
                 if (files == body.end() || !files->is_array() || files->empty() || files->size() > 1000)
@@ -470,13 +490,13 @@ void TWebServer::Route() {
                 StartLoad(std::move(job));
                 SendJson(ARes, {{"started", true}, {"events", FLoadEvents.load()}}, 202);
               }));
-  server.Post("/api/refresh", api([this](const httplib::Request&, httplib::Response& ARes) {
+  post("/api/refresh", api([this](const httplib::Request&, httplib::Response& ARes) {
                 TLoadJob job;
                 job.Refresh = true;
                 StartLoad(std::move(job));
                 SendJson(ARes, {{"started", true}, {"events", FLoadEvents.load()}}, 202);
               }));
-  server.Post("/api/cancel", api([this](const httplib::Request&, httplib::Response& ARes) {
+  post("/api/cancel", api([this](const httplib::Request&, httplib::Response& ARes) {
                 FCancel = true;
                 SendJson(ARes, {{"cancelled", FLoadRunning.load()}});
               }));
