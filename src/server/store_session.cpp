@@ -337,8 +337,11 @@ void TStoreSession::AppendRow(json& ARows, const TEventData& ARow) const {
       custom.push_back(ARow.HasCustomField(i) ? json(Text(ARow.CustomFields[i])) : json());
   }
   if (FCodes.Count())
-    if (const TColorCode* code = FCodes.FindColorCode(ARow.Type, ARow.Source, ARow.EventID, ARow.Descr))
+    if (const TColorCode* code = FCodes.FindColorCode(ARow.Type, ARow.Source, ARow.EventID, ARow.Descr)) {
       row["color"] = ColorText(code->Value);
+      if (code->FontStyles & fsBold) row["bold"] = true;
+      if (code->FontStyles & fsItalic) row["italic"] = true;
+    }
   ARows.push_back(std::move(row));
 }
 

@@ -4,6 +4,7 @@
 #include "app/demo_log.h"
 #include "server/http_listener.h"
 #include "server/web_server.h"
+#include "view/color_codes.h"
 #include "view/rendering_info.h"
 
 #include <gtest/gtest.h>
@@ -333,6 +334,30 @@ TEST_F(WebServer, JsonBodiesAreReadWhateverTheirContentType) {
       EXPECT_EQ(json::parse(result->body)["count"], expected) << type;
     }
   }
+}
+
+// A color code's bold and italic travel with its colour.
+TEST_F(WebServer, RowsCarryTheColorCodesFontStyles) {
+  TColorCodes codes;
+  TColorCode failed;
+  failed.EventID = 4625;
+  failed.Value = 0x0000FF; // red
+  failed.FontStyles = fsBold | fsItalic;
+  codes.AddCode(failed);
+  TColorCode success;
+  success.EventID = 4624;
+  success.Value = 0x00FF00;
+  codes.AddCode(success);
+  FSession->SetColorCodes(std::move(codes));
+  const json styled = Post("/api/rows", {{"filter", {{"ids", "4625"}}}, {"count", 1}})["rows"][0];
+  EXPECT_EQ(styled["color"], "#ff0000");
+  EXPECT_EQ(styled["bold"], true);
+  EXPECT_EQ(styled["italic"], true);
+  const json plain = Post("/api/rows", {{"filter", {{"ids", "4624"}}}, {"count", 1}})["rows"][0];
+  EXPECT_EQ(plain["color"], "#00ff00");
+  EXPECT_FALSE(plain.contains("bold"));
+  EXPECT_FALSE(plain.contains("italic"));
+  FSession->SetColorCodes({});
 }
 
 TEST_F(WebServer, ManyClientsPageAtOnce) {

@@ -10,7 +10,8 @@ export interface Info {
 export interface Row {
   id: number; time: string; type: string; typeCode: number; eventId: number; source: string;
   category: string; user: string; computer: string; record: number; log: number; descr: string;
-  bookmarked: boolean; custom?: (string | null)[]; color?: string; level?: number;
+  bookmarked: boolean; custom?: (string | null)[]; color?: string; bold?: boolean; italic?: boolean;
+  level?: number;
 }
 export interface Page { count: number; offset: number; rows: Row[] }
 export interface Detection { level: number; title: string; author: string; ruleId: string; matched: string }

@@ -283,6 +283,8 @@ export class Grid {
         this.root.setAttribute('aria-activedescendant', (line.id = 'grid-selected'));
       }
       if (row?.color) line.style.color = row.color;
+      if (row?.bold) line.style.fontWeight = 'bold';
+      if (row?.italic) line.style.fontStyle = 'italic';
       line.append(gutter(row?.bookmarked ? '★' : '', 'gridcell', row?.bookmarked ? 'Bookmarked' : undefined));
       visible.forEach((layout, i) => {
         const cell = el('div', 'grid-cell');
