@@ -33,6 +33,8 @@ std::string Text(const json& AValue, const std::string& AName) {
   if (!AValue.is_string()) Fail(AName, "must be a string");
   std::string text = AValue.get<std::string>();
   if (text.size() > kMaxText) Fail(AName, "is longer than 64 KB");
+  // SQL and C text end at a NUL: the rest of the text would be dropped unseen.
+  if (text.find('\0') != std::string::npos) Fail(AName, "cannot hold a NUL character");
   return text;
 }
 

@@ -9,6 +9,7 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <cstdlib>
@@ -85,6 +86,31 @@ std::string CookieValue(const httplib::Request& AReq, const std::string& AName) 
     item.erase(0, start);
     if (item.size() > AName.size() && item.compare(0, AName.size(), AName) == 0 && item[AName.size()] == '=')
       return item.substr(AName.size() + 1);
+  }
+  return {};
+}
+
+// The value of field AName in a form body ("a=1&b=x%20y"), decoded; "" when absent.
+std::string FormValue(const std::string& ABody, const std::string& AName) {
+  size_t start = 0;
+  while (start <= ABody.size()) {
+    size_t end = ABody.find('&', start);
+    if (end == std::string::npos) end = ABody.size();
+    const std::string item = ABody.substr(start, end - start);
+    start = end + 1;
+    const size_t equals = item.find('=');
+    if (item.substr(0, equals) != AName) continue;
+    std::string value;
+    for (size_t i = equals == std::string::npos ? item.size() : equals + 1; i < item.size(); ++i) {
+      const char c = item[i];
+      if (c == '+') value.push_back(' ');
+      else if (c == '%' && i + 2 < item.size() && std::isxdigit(static_cast<unsigned char>(item[i + 1])) &&
+               std::isxdigit(static_cast<unsigned char>(item[i + 2]))) {
+        value.push_back(static_cast<char>(std::stoi(item.substr(i + 1, 2), nullptr, 16)));
+        i += 2;
+      } else value.push_back(c);
+    }
+    return value;
   }
   return {};
 }
@@ -525,27 +551,42 @@ void TWebServer::Route() {
       return ASink.write(chunk.data(), chunk.size());
     }, [this](bool) { --FStreams; });
   });
-  server.Get("/api/export", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
-               std::string type, extension;
-               const TStoreRowFormat format = ExportFormat(AReq.get_param_value("format"), type, extension);
-               const std::string viewText = AReq.get_param_value("view");
-               json view;
-               try {
-                 view = viewText.empty() ? json::object() : json::parse(viewText);
-               } catch (const json::parse_error& e) {
-                 throw ERequestError(std::string("view: not JSON: ") + e.what());
-               }
-               const TViewQuery query = TViewQuery::FromJson(view);
-               FSession.WhereOf(query); // a bad view fails here, before the download starts
-               ARes.set_header("Content-Disposition", "attachment; filename=\"events." + extension + "\"");
-               ARes.set_content_provider(type, [this, query, format](size_t, httplib::DataSink& ASink) {
-                 FSession.Export(query, format, [&](std::string_view APiece) {
-                   return ASink.is_writable() && ASink.write(APiece.data(), APiece.size());
-                 });
-                 ASink.done();
-                 return true;
-               });
+  // An export streams the rows of a view as a download. The page sends its view by POST,
+  // as a form: a view that picks many names is too long for an address.
+  auto exportView = [this](const std::string& AFormat, const std::string& AView, httplib::Response& ARes) {
+    std::string type, extension;
+    const TStoreRowFormat format = ExportFormat(AFormat, type, extension);
+    json view;
+    try {
+      view = AView.empty() ? json::object() : json::parse(AView);
+    } catch (const json::parse_error& e) {
+      throw ERequestError(std::string("view: not JSON: ") + e.what());
+    }
+    const TViewQuery query = TViewQuery::FromJson(view);
+    FSession.WhereOf(query); // a bad view fails here, before the download starts
+    ARes.set_header("Content-Disposition", "attachment; filename=\"events." + extension + "\"");
+    ARes.set_content_provider(type, [this, query, format](size_t, httplib::DataSink& ASink) {
+      FSession.Export(query, format, [&](std::string_view APiece) {
+        return ASink.is_writable() && ASink.write(APiece.data(), APiece.size());
+      });
+      ASink.done();
+      return true;
+    });
+  };
+  server.Get("/api/export", api([exportView](const httplib::Request& AReq, httplib::Response& ARes) {
+               exportView(AReq.get_param_value("format"), AReq.get_param_value("view"), ARes);
              }));
+  post("/api/export", api([exportView](const httplib::Request& AReq, httplib::Response& ARes) {
+         if (AReq.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) == 0)
+           exportView(FormValue(AReq.body, "format"), FormValue(AReq.body, "view"), ARes);
+         else {
+           const json body = ParseBody(AReq);
+           const auto format = body.find("format");
+           const auto view = body.find("view");
+           exportView(format != body.end() && format->is_string() ? format->get<std::string>() : "",
+                      view != body.end() ? view->dump() : "", ARes);
+         }
+       }));
 }
 
 } // namespace qvx::server

@@ -38,6 +38,20 @@ TEST(FilterJsonDetections, AnythingElseIsRefusedNamingTheMember) {
 
 // A pattern that does not compile is refused with PCRE2's reason, before any query runs.
 TEST(FilterJsonDescription, ARegularExpressionThatDoesNotCompileIsRefused) {
+  try {
+    FilterFromJson({{"descr", {{"text", "("}, {"regex", true}}}});
+    ADD_FAILURE() << "accepted";
+  } catch (const EFilterJsonError& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "filter: \"descr.text\" is not a regular expression that compiles: missing closing parenthesis at offset 1");
+  }
+  EXPECT_EQ(FilterFromJson({{"descr", {{"text", "("}, {"regex", false}}}}).DescrText, "(");
+  try {
+    FilterFromJson({{"descr", {{"text", std::string("\0", 1)}}}});
+    ADD_FAILURE() << "a NUL was accepted";
+  } catch (const EFilterJsonError& e) {
+    EXPECT_EQ(std::string(e.what()), "filter: \"descr.text\" cannot hold a NUL character");
+  }
   EXPECT_TRUE(FilterFromJson({{"descr", {{"text", "a(b|c)"}, {"regex", true}}}}).DescrTextRegExp);
 }
 

@@ -116,6 +116,10 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     check((await status.innerText()) === statusBefore, 'a refused pattern leaves the view as it was', await status.innerText());
     await page.getByLabel('Regular expression').uncheck();
     await page.getByLabel('Description text').fill('');
+    await page.getByLabel('Last days').fill('abc');
+    await page.getByRole('button', { name: 'Apply' }).click();
+    await until('the count refused', async () => /Last days: "abc" is not a whole number/.test(await filterError.innerText()));
+    await page.getByLabel('Last days').fill('');
     await shot('3b-refused');
 
     // More tabs than a browser's six connections to one server: each shows its rows (no

@@ -80,11 +80,29 @@ async function start(): Promise<void> {
     void stats.refresh();
   });
   byId<HTMLInputElement>('only-bookmarks').addEventListener('change', (e) => view.setBookmarked((e.target as HTMLInputElement).checked));
-  byId('export').addEventListener('click', () => {
-    const link = document.createElement('a');
-    link.href = api.exportUrl(view.query, byId<HTMLSelectElement>('export-format').value);
-    link.download = '';
-    link.click();
+  byId('export').addEventListener('click', async () => {
+    // The view is checked first: the download itself has no page to show an error on.
+    try {
+      await api.rows(view.query, 0, 1);
+    } catch (e) {
+      status.textContent = `Export: ${(e as Error).message}`;
+      return;
+    }
+    // Sent as a form by POST: a view of many chosen names is too long for an address.
+    const form = document.createElement('form');
+    form.method = 'post';
+    form.action = '/api/export';
+    form.hidden = true;
+    for (const [name, value] of [['format', byId<HTMLSelectElement>('export-format').value], ['view', JSON.stringify(view.query)]]) {
+      const field = document.createElement('input');
+      field.type = 'hidden';
+      field.name = name;
+      field.value = value;
+      form.append(field);
+    }
+    document.body.append(form);
+    form.submit();
+    form.remove();
   });
   grid.onBookmarks = (count) => {
     bookmarks = count;
