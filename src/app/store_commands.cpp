@@ -263,6 +263,10 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     std::unique_ptr<TEventLogBase> source;
     currentScan = nullptr;
     currentFile = nullptr;
+    // A log of the store gone since it was loaded.
+    if (std::error_code error; AEntry.FileName.find("::") == std::string::npos &&
+                               !std::filesystem::exists(AEntry.FileName, error) && !error)
+      throw std::runtime_error(AEntry.FileName + ": no such file (the log was moved or deleted)");
     if (!scan && IsClassicLog(AEntry.FileName)) {
       auto classic = std::make_unique<TNTEventLog>();
       classic->SetSourceName(AEntry.LogName);

@@ -647,6 +647,15 @@ TEST(WebServerRefresh, NewerEventsComeFirst) {
     const json newest = session.Event(rows[0]["id"].get<int64_t>());
     EXPECT_NE(newest["xml"].get<std::string>().find("<EventRecordID>2000</EventRecordID>"), std::string::npos);
   }
+  // A log gone since: said in words.
+  std::filesystem::remove(log);
+  notes = std::tmpfile();
+  app::RunRefresh(options, notes);
+  std::rewind(notes);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), notes));
+  std::fclose(notes);
+  EXPECT_NE(text.find("d.evtx: no such file (the log was moved or deleted)"), std::string::npos) << text;
   std::filesystem::remove_all(folder);
 }
 
@@ -682,6 +691,47 @@ TEST(WebServerRefresh, ALogInTheStoreIsNotLoadedTwice) {
     EXPECT_EQ(session.Info()["total"], 300);
     EXPECT_EQ(session.Info()["logs"].size(), 1u);
   }
+  std::filesystem::remove_all(folder);
+}
+
+// A damaged store is refused in one line, before anything is written to it.
+TEST(WebServerStore, ADamagedStoreIsRefusedUnchanged) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-damaged-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  WriteDemoLog((folder / "d.evtx").string(), 3000);
+  app::TStoreOptions options;
+  options.Logs = {(folder / "d.evtx").string()};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  auto read = [&] {
+    std::ifstream in(options.Store, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  std::string bytes = read();
+  const size_t pageSize = (static_cast<unsigned char>(bytes[16]) << 8) | static_cast<unsigned char>(bytes[17]);
+  ASSERT_GT(bytes.size() / pageSize, 10u);
+  // A page in the middle of the table: the store opens, its pages do not all read.
+  for (size_t at = (bytes.size() / pageSize / 2) * pageSize, end = at + pageSize; at < end; ++at) bytes[at] = '\xFF';
+  std::ofstream(options.Store, std::ios::binary | std::ios::trunc) << bytes;
+  try {
+    server::TStoreSession session(options.Store, 0);
+    ADD_FAILURE() << "a damaged store was opened";
+  } catch (const std::exception& e) {
+    EXPECT_EQ(std::string(e.what()), options.Store + ": not a readable store (database disk image is malformed)");
+  }
+  EXPECT_EQ(read(), bytes);
+  // Its schema page damaged: the first statement meets it.
+  for (size_t at = 100; at < pageSize; ++at) bytes[at] = '\xFF';
+  std::ofstream(options.Store, std::ios::binary | std::ios::trunc) << bytes;
+  try {
+    server::TStoreSession session(options.Store, 0);
+    ADD_FAILURE() << "a damaged store was opened";
+  } catch (const std::exception& e) {
+    EXPECT_EQ(std::string(e.what()), options.Store + ": not a readable store (database disk image is malformed)");
+  }
+  EXPECT_EQ(read(), bytes);
   std::filesystem::remove_all(folder);
 }
 
