@@ -239,16 +239,31 @@ void TWebServer::Stop() {
 }
 
 std::string TWebServer::InsideRoots(const std::string& APath) const {
+  auto under = [](std::filesystem::path ABase, const std::filesystem::path& AInside) {
+    if (ABase.has_parent_path() && ABase.filename().empty()) ABase = ABase.parent_path(); // "/logs/"
+    const auto [end, at] = std::mismatch(ABase.begin(), ABase.end(), AInside.begin(), AInside.end());
+    return end == ABase.end();
+  };
+  const auto outside = [&] { return EForbidden(APath + ": outside the folders this server was given (--root)"); };
+  // The path as written is checked first: whether something exists outside the roots is
+  // never told (403 either way).
   std::error_code error;
+  const std::filesystem::path written = std::filesystem::absolute(APath, error).lexically_normal();
+  std::vector<std::filesystem::path> bases;
+  for (const std::string& root : FSettings.Roots) {
+    bases.push_back(std::filesystem::absolute(root, error).lexically_normal());
+    if (const std::filesystem::path real = std::filesystem::canonical(root, error); !error) bases.push_back(real);
+  }
+  if (APath.empty() || std::none_of(bases.begin(), bases.end(), [&](const auto& ABase) { return under(ABase, written); }))
+    throw outside();
   const std::filesystem::path real = std::filesystem::canonical(APath, error);
   if (error) throw ERequestError(APath + ": no such file or folder");
+  // Its real path too: ".." and links that lead out are refused.
   for (const std::string& root : FSettings.Roots) {
     const std::filesystem::path base = std::filesystem::canonical(root, error);
-    if (error) continue;
-    const auto [end, at] = std::mismatch(base.begin(), base.end(), real.begin(), real.end());
-    if (end == base.end()) return real.string();
+    if (!error && under(base, real)) return real.string();
   }
-  throw EForbidden(APath + ": outside the folders this server was given (--root)");
+  throw outside();
 }
 
 void TWebServer::StartLoad(TLoadJob AJob) {

@@ -481,6 +481,15 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
       ASSERT_TRUE(refused);
       EXPECT_EQ(refused->status, 403) << outside << ": " << refused->body;
     }
+    // Whether a path outside the roots exists is not told; inside them it is.
+    for (const std::string& outside : {std::string("/no/such/folder"), std::string("/etc/passwd"), logs + "/../nothing"}) {
+      auto refused = get("/api/files?dir=" + Escape(outside));
+      ASSERT_TRUE(refused);
+      EXPECT_EQ(refused->status, 403) << outside << ": " << refused->body;
+    }
+    auto missing = get("/api/files?dir=" + Escape(logs + "/nothing"));
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->status, 400) << missing->body;
     auto outsideLoad = client.Post("/api/load", json{{"files", {(folder / "first.evtx").string()}}}.dump(), "application/json");
     ASSERT_TRUE(outsideLoad);
     EXPECT_EQ(outsideLoad->status, 403);
