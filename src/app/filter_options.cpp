@@ -34,6 +34,12 @@ void NameList(const std::string& AText, std::vector<std::string>& AList, bool& A
   for (const std::string& item : Items(text)) AList.push_back(item);
 }
 
+// An option's event ID expression: anything but the documented grammar is a wrong command
+// line, refused before anything is read.
+CLI::Validator EventIds() {
+  return CLI::Validator([](std::string& AText) { return EventIdExpressionError(AText); }, "IDS");
+}
+
 double TimeOption(const char* AOption, const std::string& AText) {
   double days = 0;
   if (!ParseDateTimeText(AText, days))
@@ -88,6 +94,7 @@ void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions) {
   ACommand.add_option("--computer", AOptions.Computers, "Only these computers (a leading ! leaves them out)")
       ->group(group);
   ACommand.add_option("--id", AOptions.Ids, "Event IDs, e.g. 4624,4625-4630!4627 (after ! the ones to leave out)")
+      ->check(EventIds())
       ->group(group);
   ACommand.add_option("--descr", AOptions.Descr, "Only events whose description contains this text")->group(group);
   ACommand.add_option("--regex", AOptions.Regex, "Only events whose description matches this regular expression (PCRE2)")
@@ -95,7 +102,9 @@ void AddFilterOptions(CLI::App& ACommand, TFilterOptions& AOptions) {
   ACommand.add_flag("--case", AOptions.CaseSensitive, "Compare --descr and --regex with case")->group(group);
   ACommand.add_option("--from", AOptions.From, "Events at or after this time as shown (2024-03-01, \"2024-03-01 14:05\")")
       ->group(group);
-  ACommand.add_option("--to", AOptions.To, "Events at or before this time as shown")->group(group);
+  ACommand.add_option("--to", AOptions.To,
+                      "Events at or before this time as shown (a day, minute or second: all of it)")
+      ->group(group);
   ACommand.add_option("--last", AOptions.Last, "Only the last days and hours: 2d, 12h, 1d6h (a bare number is days)")
       ->group(group);
   ACommand.add_option("--filter", AOptions.FilterFile, "Load a filter file first (the options above add to it)")
@@ -156,9 +165,9 @@ TEventFilter BuildFilter(const TFilterOptions& AOptions) {
     ParseDateTimeText("1601-01-01", earliest);
     ParseDateTimeText("9999-12-31 23:59:59", latest);
     filter.FromTime = AOptions.From.empty() ? earliest : TimeOption("--from", AOptions.From);
-    filter.ToTime = AOptions.To.empty() ? latest : TimeOption("--to", AOptions.To);
-    // A bare date as the end means the whole of that day.
-    if (AOptions.To.size() == 10) filter.ToTime += (86400.0 - 1) / 86400.0;
+    // A bare date as the end means the whole of that day, a minute the whole minute.
+    filter.ToTime =
+        AOptions.To.empty() ? latest : LastSecondOf(AOptions.To, TimeOption("--to", AOptions.To));
   }
   if (!AOptions.Last.empty()) ParsePeriod("--last", AOptions.Last, filter.LastDays, filter.LastHours);
   if (!AOptions.MinDetectionLevel.empty() && !ParseDetectionLevel(AOptions.MinDetectionLevel, filter.MinDetectionLevel))
@@ -171,7 +180,9 @@ TEventFilter BuildFilter(const TFilterOptions& AOptions) {
 void AddLoadOptions(CLI::App& ACommand, TLoadOptions& AOptions) {
   const char* group = "Loading filter (what is read into the store at all)";
   ACommand.add_option("--load-type", AOptions.Types, "Load only these types (names as for --type)")->group(group);
-  ACommand.add_option("--load-id", AOptions.Ids, "Load only these event IDs, e.g. 4624,4625-4630!4627")->group(group);
+  ACommand.add_option("--load-id", AOptions.Ids, "Load only these event IDs, e.g. 4624,4625-4630!4627")
+      ->check(EventIds())
+      ->group(group);
   ACommand.add_option("--load-source", AOptions.Sources, "Load only these sources (a leading ! leaves them out)")
       ->group(group);
   ACommand.add_option("--load-user", AOptions.Users, "Load only these users (a leading ! leaves them out)")->group(group);

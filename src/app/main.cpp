@@ -314,7 +314,9 @@ int main(int argc, char** argv) {
                       "shadow copy; with --scan: images, devices, damaged files)")
       ->required();
   cmdOpen->add_option("-s,--store", store.Store, "The store file to create (an existing store is replaced)")->required();
-  cmdOpen->add_flag("--append", store.Append, "Add the logs to the store's events instead of replacing them");
+  cmdOpen->add_flag("--append", store.Append,
+                    "Add the logs to the store's events instead of replacing them (a log the store "
+                    "holds already is skipped: 'refresh' adds its newer events)");
   cmdOpen->add_flag("--scan", store.Scan, "Deep-scan the inputs for event chunks");
   addLoadOptions(cmdOpen);
   cmdOpen->footer("Loading runs on a worker thread; Ctrl-C stops it and keeps what was loaded (\"User break.\").\n"

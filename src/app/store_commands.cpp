@@ -174,6 +174,20 @@ private:
 };
 
 // Tests the rows after AFirstNewId against the alert file's rules.
+// A store lists its events in _ID order, which a load makes newest first. A refresh adds
+// newer events, also newest first: they are renumbered to come before every older row,
+// with their detections, so that the newest stay on top.
+void MoveAheadOfOlderRows(TEvtLiteAdaptor& AStore, int64_t ALastOldId) {
+  const std::string table = AStore.TableName(), last = std::to_string(ALastOldId);
+  if (ALastOldId == 0 || AStore.QueryIntValue("SELECT COUNT(*) FROM " + table + " WHERE _ID > " + last) == 0) return;
+  const int64_t lowest = AStore.QueryIntValue("SELECT MIN(_ID) FROM " + table);
+  const int64_t highest = AStore.QueryIntValue("SELECT MAX(_ID) FROM " + table);
+  const std::string shift = std::to_string(lowest - 1 - highest);
+  AStore.ExecSQL("UPDATE " + table + " SET _ID = _ID + (" + shift + ") WHERE _ID > " + last);
+  if (AStore.QueryIntValue("SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' AND name = 'QvxDetections'"))
+    AStore.ExecSQL("UPDATE QvxDetections SET _ID = _ID + (" + shift + ") WHERE _ID > " + last);
+}
+
 void RunAlerts(TEvtLiteAdaptor& AStore, const std::string& AFile, int64_t ALastOldId,
                const std::vector<TStoredEntry>& AEntries, std::FILE* AErr, const TLoadHooks* AHooks) {
   TAlertPatterns patterns;
@@ -249,6 +263,10 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     std::unique_ptr<TEventLogBase> source;
     currentScan = nullptr;
     currentFile = nullptr;
+    // A log of the store gone since it was loaded.
+    if (std::error_code error; AEntry.FileName.find("::") == std::string::npos &&
+                               !std::filesystem::exists(AEntry.FileName, error) && !error)
+      throw std::runtime_error(AEntry.FileName + ": no such file (the log was moved or deleted)");
     if (!scan && IsClassicLog(AEntry.FileName)) {
       auto classic = std::make_unique<TNTEventLog>();
       classic->SetSourceName(AEntry.LogName);
@@ -373,6 +391,7 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
     std::fprintf(AErr, "quorvex: %s\n", error.c_str());
   if (!AOptions.Alerts.empty()) RunAlerts(AStore, AOptions.Alerts, lastOldId, AEntries, AErr, AHooks);
   if (!AOptions.Rules.empty()) HuntStoreEvents(AStore, AOptions.Rules, lastOldId, AOptions.Quiet, AErr, AOptions.RuleCache);
+  if (ARefresh) MoveAheadOfOlderRows(AStore, lastOldId);
   return status;
 }
 
@@ -383,6 +402,34 @@ std::map<std::string, std::string> SettingsOf(const TStoreOptions& AOptions) {
           {"Imaged", AOptions.Imaged},
           {"Catalogs", catalogs},
           {"CheckDeleted", AOptions.CheckDeleted ? "1" : "0"}};
+}
+
+// The same log file however it is named: relative or absolute, through links. A path
+// inside an image ("IMAGE::PATH") is compared as written.
+std::string SameFileKey(const std::string& APath) {
+  if (APath.find("::") != std::string::npos) return APath;
+  std::error_code error;
+  const std::filesystem::path real = std::filesystem::canonical(APath, error);
+  if (!error) return real.string();
+  return std::filesystem::absolute(APath, error).lexically_normal().string();
+}
+
+// Leaves out of ANew the logs that AKept holds already, or that ANew names twice, each
+// named on AErr: loaded again, their events would be in the store twice. A refresh
+// brings a log's newer events.
+void SkipLogsInStore(const std::vector<TStoredEntry>& AKept, std::vector<TStoredEntry>& ANew, std::FILE* AErr) {
+  std::set<std::string> known;
+  for (const TStoredEntry& stored : AKept) known.insert(SameFileKey(stored.Entry.FileName));
+  std::vector<TStoredEntry> fresh;
+  for (TStoredEntry& stored : ANew) {
+    if (!known.insert(SameFileKey(stored.Entry.FileName)).second) {
+      std::fprintf(AErr, "quorvex: %s: already in the store, not loaded again ('quorvex refresh' adds its newer events)\n",
+                   stored.Entry.FileName.c_str());
+      continue;
+    }
+    fresh.push_back(std::move(stored));
+  }
+  ANew = std::move(fresh);
 }
 
 std::string LogNameFor(const std::string& APath) {
@@ -461,6 +508,7 @@ int RunOpen(const TStoreOptions& AOptions, std::FILE* AErr) {
       store.EmptyTable();
       TDetectionStore::Drop(store.Handle());
     }
+    SkipLogsInStore(kept, entries, AErr);
     const size_t first = kept.size();
     for (TStoredEntry& stored : entries)
       kept.push_back(std::move(stored));
@@ -485,12 +533,15 @@ int LoadIntoOpenStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, bo
   if (options.Imaged.empty()) options.Imaged = settings["Imaged"];
   const size_t first = ARefresh ? 0 : entries.size();
   if (!ARefresh) {
+    std::vector<TStoredEntry> added;
     for (const std::string& path : AOptions.Logs) {
       TStoredEntry stored;
       stored.Entry = TLogEntry::CreateEventLogFileEntry(LogNameFor(path), path, true);
       stored.Scan = AOptions.Scan;
-      entries.push_back(std::move(stored));
+      added.push_back(std::move(stored));
     }
+    SkipLogsInStore(entries, added, AErr);
+    for (TStoredEntry& stored : added) entries.push_back(std::move(stored));
   }
   std::vector<TStoredEntry> loading(entries.begin() + static_cast<std::ptrdiff_t>(first), entries.end());
   if (ARefresh) AStore.PrepareMerge();

@@ -187,6 +187,12 @@ std::string DateTimeText(double ADays) {
   return out;
 }
 
+double LastSecondOf(const std::string& AText, double ADays) {
+  if (AText.size() <= 10) return ADays + 86399.0 / 86400.0;
+  if (std::count(AText.begin(), AText.end(), ':') == 1) return ADays + 59.0 / 86400.0;
+  return ADays;
+}
+
 bool ParseDateTimeText(const std::string& AText, double& ADays) {
   int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, milli = 0;
   char separator = 0;
@@ -252,6 +258,39 @@ void SplitEventIdExpression(const std::string& AText, std::vector<TEventIdSpan>&
   };
   part(AText.substr(0, bang), AInclude);
   if (bang != std::string::npos) part(AText.substr(bang + 1), AExclude);
+}
+
+std::string EventIdExpressionError(const std::string& AText) {
+  static const std::string kGrammar =
+      "must be event IDs and ranges separated by commas, with '!' before the ones to leave out "
+      "(4624,4625-4630!4627)";
+  const size_t bang = AText.find('!');
+  if (bang != std::string::npos && AText.find('!', bang + 1) != std::string::npos) return kGrammar;
+  // One ID: up to ten digits, at most 4294967295 (qualifiers and all).
+  auto number = [](const std::string& AItem, uint64_t& AValue) {
+    const std::string digits = Trim(AItem);
+    if (digits.empty() || digits.size() > 10 ||
+        !std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; }))
+      return false;
+    AValue = std::stoull(digits);
+    return AValue <= 0xFFFFFFFFull;
+  };
+  bool bad = false;
+  auto part = [&](const std::string& APart) {
+    if (Trim(APart).empty()) return;
+    std::stringstream items(APart + ",");
+    for (std::string item; std::getline(items, item, ',');) {
+      uint64_t low = 0, high = 0;
+      const size_t hyphen = item.find('-');
+      const bool good = hyphen == std::string::npos
+                            ? number(item, low)
+                            : number(item.substr(0, hyphen), low) && number(item.substr(hyphen + 1), high) && low <= high;
+      bad = bad || !good;
+    }
+  };
+  part(AText.substr(0, bang));
+  if (bang != std::string::npos) part(AText.substr(bang + 1));
+  return bad ? kGrammar : "";
 }
 
 std::string EventIdsToSQL(const std::string& AText) {
@@ -428,7 +467,10 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
     when = "[Date] >= '" + DateText(FromTime) + "' AND [Date] <= '" + DateText(ToTime) + "' AND [Time] >= '" +
            TimeText(FromTime) + "' AND [Time] <= '" + TimeText(ToTime) + "' ";
   else if (ByDate && ByTime)
-    when = "[TimeStamp] >= '" + DateTimeText(FromTime) + "' AND [TimeStamp] <=  '" + DateTimeText(ToTime) + "' ";
+    // Stored times carry fractions of a second ("23:59:59.844"): the end takes in every
+    // fraction of its second, as far as the store's text or SQL Server's DATETIME holds.
+    when = "[TimeStamp] >= '" + DateTimeText(FromTime) + "' AND [TimeStamp] <= '" + DateTimeText(ToTime) +
+           (AKind == tfwSQLite ? ".9999999' " : ".997' ");
   else if (ByDate)
     when = "[Date] >= '" + DateText(FromTime) + "' AND [Date] <= '" + DateText(ToTime) + "' ";
   else if (ByTime)
@@ -457,9 +499,13 @@ std::string TEventFilter::CreateSQLWhere(TFilterWhereKind AKind, int32_t ATimeSh
       throw ESQLNameError("description parameter " + SQLNameForMessage(condition.Name) +
                           " cannot be a name: it holds a line break or a NUL");
     if (!params.empty()) params.append(" AND ");
-    params.append("CompareDescrWithCond([Descr], " + SQLLiteral(condition.Name, AKind) + ", " +
-                  Int(condition.Oper) + ", " + SQLLiteral(condition.Value, AKind) + ", " +
-                  (CaseSensitive ? "1" : "0") + ")");
+    // A name is an event data name (TargetUserName) or a description label (Account Name,
+    // Subject\Account Name). Data names hold no blanks or separators: only for such a name
+    // is the event's XML read at all, which costs reading every row's XML.
+    const bool dataName = condition.Name.find_first_of(" \t\\/:") == std::string::npos;
+    params.append(std::string("CompareDescrWithCond(") + (dataName ? "[EvtXML], " : "") + "[Descr], " +
+                  SQLLiteral(condition.Name, AKind) + ", " + Int(condition.Oper) + ", " +
+                  SQLLiteral(condition.Value, AKind) + ", " + (CaseSensitive ? "1" : "0") + ")");
   }
   clauses.push_back(params);
 

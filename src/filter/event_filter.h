@@ -154,6 +154,9 @@ struct TEventIdSpan {
 // items trimmed, empty ones skipped, text that is not a number read as 0.
 void SplitEventIdExpression(const std::string& AText, std::vector<TEventIdSpan>& AInclude,
                             std::vector<TEventIdSpan>& AExclude);
+// Why AText is not an event ID expression (IDs and ranges separated by commas, and after
+// one "!" those to leave out: "4624,4625-4630!4627"); "" when it is one.
+std::string EventIdExpressionError(const std::string& AText);
 // The SQL text of an event ID expression ("" for none).
 std::string EventIdsToSQL(const std::string& AText);
 
@@ -163,5 +166,8 @@ std::string DateText(double ADays);              // 2024-03-01
 std::string TimeText(double ADays);              // 14:05:09
 // "YYYY-MM-DD", "YYYY-MM-DD HH:MM[:SS[.mmm]]" or with "T"; false when the text is none of them.
 bool ParseDateTimeText(const std::string& AText, double& ADays);
+// The end of a range typed as AText (parsed into ADays): the last second of a bare date's
+// day or of a minute, else the second given. A filter's ToTime takes in all of its second.
+double LastSecondOf(const std::string& AText, double ADays);
 
 } // namespace qvx

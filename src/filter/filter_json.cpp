@@ -1,5 +1,7 @@
 #include "filter/filter_json.h"
 
+#include "filter/pcre2_pattern.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -31,6 +33,8 @@ std::string Text(const json& AValue, const std::string& AName) {
   if (!AValue.is_string()) Fail(AName, "must be a string");
   std::string text = AValue.get<std::string>();
   if (text.size() > kMaxText) Fail(AName, "is longer than 64 KB");
+  // SQL and C text end at a NUL: the rest of the text would be dropped unseen.
+  if (text.find('\0') != std::string::npos) Fail(AName, "cannot hold a NUL character");
   return text;
 }
 
@@ -131,9 +135,7 @@ TEventFilter FilterFromJson(const json& AJson) {
   NameList(AJson, "computers", filter.Computers, filter.ComputersExclude);
   if (const json* ids = Member(AJson, "ids")) {
     filter.IDs = Text(*ids, "ids");
-    for (const char c : filter.IDs)
-      if (!std::isdigit(static_cast<unsigned char>(c)) && c != ',' && c != '-' && c != '!' && c != ' ' && c != ';')
-        Fail("ids", "may hold only numbers, ',', '-' and '!' (4624,4625-4630!4627)");
+    if (const std::string error = EventIdExpressionError(filter.IDs); !error.empty()) Fail("ids", error);
   }
   filter.IDsExcept = Flag(AJson, "idsExcept", "");
   if (const json* descr = Member(AJson, "descr")) {
@@ -143,6 +145,11 @@ TEventFilter FilterFromJson(const json& AJson) {
     filter.DescrTextExclude = Flag(*descr, "exclude", "descr");
   }
   filter.CaseSensitive = Flag(AJson, "caseSensitive", "");
+  if (filter.DescrTextRegExp && !filter.DescrText.empty()) {
+    // Refused here, as a bad request, rather than as an SQL error of the query it is put in.
+    const TPcre2Pattern pattern(filter.DescrText, PCRE2_UTF);
+    if (!pattern.IsValid()) Fail("descr.text", "is not a regular expression that compiles: " + pattern.ErrorMessage());
+  }
   const json* from = Member(AJson, "from");
   const json* to = Member(AJson, "to");
   if (from || to) {
@@ -152,9 +159,8 @@ TEventFilter FilterFromJson(const json& AJson) {
     ParseDateTimeText("9999-12-31 23:59:59", filter.ToTime);
     if (from) filter.FromTime = Time(AJson, "from");
     if (to) {
-      filter.ToTime = Time(AJson, "to");
-      // A bare date as the end means the whole of that day.
-      if (to->get<std::string>().size() == 10) filter.ToTime += (86400.0 - 1) / 86400.0;
+      // A bare date as the end means the whole of that day, a minute the whole minute.
+      filter.ToTime = LastSecondOf(to->get<std::string>(), Time(AJson, "to"));
     }
     filter.DateTimeExclude = Flag(AJson, "dateExclude", "");
   }

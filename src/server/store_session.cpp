@@ -171,13 +171,24 @@ TStoreSession::TStoreSession(const std::string& AStoreFile, int AShiftMinutes)
   // Counting and listing the rows of a million-row table reads every page of it unless an
   // index covers the _IDs: a store without any gets the narrowest useful one (the type's,
   // which sorting by type uses too). Once per store.
-  TStatement indexes(FStore, "SELECT COUNT(*) FROM sqlite_master WHERE type = 'index' AND tbl_name = ?1");
-  sqlite3_bind_text(*indexes, 1, FStore.TableName().c_str(), -1, SQLITE_TRANSIENT);
-  if (indexes.Step() && sqlite3_column_int64(*indexes, 0) == 0) FStore.SortTable("Type", false);
+  // Bookmarks are few: a partial index counts and lists them without a table scan. A
+  // store given its indexes here is read whole first: a damaged one is refused, never
+  // written to.
+  const std::string bookmarked = FStore.TableName() + "_Bookmarked";
+  bool any = false, withBookmarks = false;
+  {
+    TStatement indexes(FStore,
+                       "SELECT COUNT(*), SUM(name = ?2) FROM sqlite_master WHERE type = 'index' AND tbl_name = ?1");
+    sqlite3_bind_text(*indexes, 1, FStore.TableName().c_str(), -1, SQLITE_TRANSIENT);
+    sqlite3_bind_text(*indexes, 2, bookmarked.c_str(), -1, SQLITE_TRANSIENT);
+    any = indexes.Step() && sqlite3_column_int64(*indexes, 0) > 0;
+    withBookmarks = any && sqlite3_column_int64(*indexes, 1) > 0;
+  }
+  if (!any || !withBookmarks) FStore.CheckReadable();
+  if (!any) FStore.SortTable("Type", false);
   FStore.SetOrderBy("");
-  // Bookmarks are few: a partial index counts and lists them without a table scan.
-  FStore.ExecSQL("CREATE INDEX IF NOT EXISTS " + FStore.TableName() + "_Bookmarked ON " + FStore.TableName() +
-                 " (_Bmrk) WHERE _Bmrk = 1");
+  if (!withBookmarks)
+    FStore.ExecSQL("CREATE INDEX IF NOT EXISTS " + bookmarked + " ON " + FStore.TableName() + " (_Bmrk) WHERE _Bmrk = 1");
 }
 
 void TStoreSession::SetZones(std::function<TShiftAt(const std::string&)> AShiftOf, json AZones) {
@@ -337,8 +348,11 @@ void TStoreSession::AppendRow(json& ARows, const TEventData& ARow) const {
       custom.push_back(ARow.HasCustomField(i) ? json(Text(ARow.CustomFields[i])) : json());
   }
   if (FCodes.Count())
-    if (const TColorCode* code = FCodes.FindColorCode(ARow.Type, ARow.Source, ARow.EventID, ARow.Descr))
+    if (const TColorCode* code = FCodes.FindColorCode(ARow.Type, ARow.Source, ARow.EventID, ARow.Descr)) {
       row["color"] = ColorText(code->Value);
+      if (code->FontStyles & fsBold) row["bold"] = true;
+      if (code->FontStyles & fsItalic) row["italic"] = true;
+    }
   ARows.push_back(std::move(row));
 }
 

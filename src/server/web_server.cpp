@@ -1,5 +1,7 @@
 #include "server/web_server.h"
 
+#include "server/http_listener.h"
+
 #include "filter/filter_json.h"
 #include "filter/sql_text.h"
 #include "filter/xml_query.h"
@@ -7,6 +9,7 @@
 #include <httplib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <filesystem>
 #include <cstdlib>
@@ -30,6 +33,8 @@ public:
 };
 
 constexpr size_t kMaxBody = 1u << 20;
+// Each event stream holds a worker while it is open; the rest are kept for requests.
+constexpr int kMaxStreams = 8;
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kCookie = "qvx_token";
 
@@ -85,6 +90,31 @@ std::string CookieValue(const httplib::Request& AReq, const std::string& AName) 
   return {};
 }
 
+// The value of field AName in a form body ("a=1&b=x%20y"), decoded; "" when absent.
+std::string FormValue(const std::string& ABody, const std::string& AName) {
+  size_t start = 0;
+  while (start <= ABody.size()) {
+    size_t end = ABody.find('&', start);
+    if (end == std::string::npos) end = ABody.size();
+    const std::string item = ABody.substr(start, end - start);
+    start = end + 1;
+    const size_t equals = item.find('=');
+    if (item.substr(0, equals) != AName) continue;
+    std::string value;
+    for (size_t i = equals == std::string::npos ? item.size() : equals + 1; i < item.size(); ++i) {
+      const char c = item[i];
+      if (c == '+') value.push_back(' ');
+      else if (c == '%' && i + 2 < item.size() && std::isxdigit(static_cast<unsigned char>(item[i + 1])) &&
+               std::isxdigit(static_cast<unsigned char>(item[i + 2]))) {
+        value.push_back(static_cast<char>(std::stoi(item.substr(i + 1, 2), nullptr, 16)));
+        i += 2;
+      } else value.push_back(c);
+    }
+    return value;
+  }
+  return {};
+}
+
 TStoreRowFormat ExportFormat(const std::string& AName, std::string& AType, std::string& AExtension) {
   // Downloads go as bytes: a text type would have the library compress the stream with
   // brotli at its slowest level.
@@ -127,13 +157,16 @@ bool HostIsOurs(const std::string& AHost, int APort) {
 
 } // namespace
 
-void TEventHub::Publish(const json& AMessage) {
+uint64_t TEventHub::Publish(const json& AMessage) {
+  uint64_t number = 0;
   {
     std::lock_guard lock(FLock);
-    FMessages.emplace_back(FNext++, AMessage.dump(-1, ' ', false, json::error_handler_t::replace));
+    number = FNext++;
+    FMessages.emplace_back(number, AMessage.dump(-1, ' ', false, json::error_handler_t::replace));
     while (FMessages.size() > 500) FMessages.pop_front();
   }
   FChanged.notify_all();
+  return number;
 }
 
 bool TEventHub::Next(uint64_t& AAfter, std::string& AMessage, std::chrono::milliseconds AWait) {
@@ -166,7 +199,7 @@ std::string RandomToken() {
 }
 
 TWebServer::TWebServer(TStoreSession& ASession, TServeSettings ASettings)
-    : FSession(ASession), FSettings(std::move(ASettings)), FServer(std::make_unique<httplib::Server>()) {
+    : FSession(ASession), FSettings(std::move(ASettings)), FServer(std::make_unique<THttpListener>()) {
   if (FSettings.Token.empty()) FSettings.Token = RandomToken();
   Route();
 }
@@ -202,19 +235,35 @@ void TWebServer::Stop() {
   FEvents.Close();
   if (FServer) FServer->stop();
   if (FThread.joinable()) FThread.join();
+  if (FServer) FServer->Shutdown();
 }
 
 std::string TWebServer::InsideRoots(const std::string& APath) const {
+  auto under = [](std::filesystem::path ABase, const std::filesystem::path& AInside) {
+    if (ABase.has_parent_path() && ABase.filename().empty()) ABase = ABase.parent_path(); // "/logs/"
+    const auto [end, at] = std::mismatch(ABase.begin(), ABase.end(), AInside.begin(), AInside.end());
+    return end == ABase.end();
+  };
+  const auto outside = [&] { return EForbidden(APath + ": outside the folders this server was given (--root)"); };
+  // The path as written is checked first: whether something exists outside the roots is
+  // never told (403 either way).
   std::error_code error;
+  const std::filesystem::path written = std::filesystem::absolute(APath, error).lexically_normal();
+  std::vector<std::filesystem::path> bases;
+  for (const std::string& root : FSettings.Roots) {
+    bases.push_back(std::filesystem::absolute(root, error).lexically_normal());
+    if (const std::filesystem::path real = std::filesystem::canonical(root, error); !error) bases.push_back(real);
+  }
+  if (APath.empty() || std::none_of(bases.begin(), bases.end(), [&](const auto& ABase) { return under(ABase, written); }))
+    throw outside();
   const std::filesystem::path real = std::filesystem::canonical(APath, error);
   if (error) throw ERequestError(APath + ": no such file or folder");
+  // Its real path too: ".." and links that lead out are refused.
   for (const std::string& root : FSettings.Roots) {
     const std::filesystem::path base = std::filesystem::canonical(root, error);
-    if (error) continue;
-    const auto [end, at] = std::mismatch(base.begin(), base.end(), real.begin(), real.end());
-    if (end == base.end()) return real.string();
+    if (!error && under(base, real)) return real.string();
   }
-  throw EForbidden(APath + ": outside the folders this server was given (--root)");
+  throw outside();
 }
 
 void TWebServer::StartLoad(TLoadJob AJob) {
@@ -223,7 +272,7 @@ void TWebServer::StartLoad(TLoadJob AJob) {
   if (!FLoadRunning.compare_exchange_strong(idle, true)) throw EConflict("a load is running already");
   if (FLoadThread.joinable()) FLoadThread.join();
   FCancel = false;
-  FEvents.Publish({{"type", "loading"}, {"files", AJob.Files}, {"refresh", AJob.Refresh}});
+  FLoadEvents = FEvents.Publish({{"type", "loading"}, {"files", AJob.Files}, {"refresh", AJob.Refresh}}) - 1;
   FLoadThread = std::thread([this, job = std::move(AJob)] {
     std::string summary;
     try {
@@ -263,13 +312,12 @@ void TWebServer::Route() {
   httplib::Server& server = *FServer;
   server.set_payload_max_length(kMaxBody);
   server.set_socket_options([this](socket_t ASocket) {
-    httplib::default_socket_options(ASocket);
+    // SO_REUSEADDR only, never the library's SO_REUSEPORT: with that, a second server on
+    // the same port would start and share the connections with the first one.
+    int yes = 1;
+    ::setsockopt(ASocket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     FListenSocket = static_cast<intptr_t>(ASocket);
   });
-  // A connection holds its thread while it is kept alive: a browser keeps six, and each
-  // script client one, so the pool is sized for a few dozen; requests on the store are
-  // answered one at a time anyway.
-  server.new_task_queue = [] { return new httplib::ThreadPool(48); };
   server.set_default_headers({
       {"Content-Security-Policy", "default-src 'self'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
                                   "connect-src 'self'; object-src 'none'; frame-ancestors 'none'; base-uri 'none'"},
@@ -334,6 +382,26 @@ void TWebServer::Route() {
     };
   };
 
+  // POST bodies are read here whatever their Content-Type: "curl -d" sends JSON as a form,
+  // which the library would parse as one, and refuse past 8 KB.
+  auto post = [&server](const std::string& APath, httplib::Server::Handler AHandler) {
+    server.Post(APath, [AHandler](const httplib::Request& AReq, httplib::Response& ARes,
+                                  const httplib::ContentReader& AReader) {
+      httplib::Request request = AReq;
+      bool over = false;
+      const bool complete = AReader([&](const char* AData, size_t ALength) {
+        over = request.body.size() + ALength > kMaxBody;
+        if (!over) request.body.append(AData, ALength);
+        return !over;
+      });
+      if (!complete) {
+        SendError(ARes, 400, over ? "the request body is over 1 MB" : "the request body did not arrive in full");
+        return;
+      }
+      AHandler(request, ARes);
+    });
+  };
+
   for (const TPageFile& file : PageFiles()) {
     const std::string path = file.Path == "/index.html" ? "/" : std::string(file.Path);
     server.Get(path, [&file](const httplib::Request& AReq, httplib::Response& ARes) {
@@ -350,21 +418,27 @@ void TWebServer::Route() {
     });
   }
 
-  server.Get("/api/info", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Info()); }));
-  server.Post("/api/rows", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  server.Get("/api/info", api([this](const httplib::Request&, httplib::Response& ARes) {
+               json info = FSession.Info();
+               // A page opened while a load runs follows it from its first message.
+               info["loading"] = FLoadRunning.load();
+               if (FLoadRunning) info["loadEvents"] = FLoadEvents.load();
+               SendJson(ARes, info);
+             }));
+  post("/api/rows", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 SendJson(ARes, FSession.Rows(TViewQuery::FromJson(body), IntMember(body, "offset", 0),
                                              IntMember(body, "count", 100)));
               }));
-  server.Post("/api/position", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/position", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 SendJson(ARes, {{"index", FSession.IndexOf(TViewQuery::FromJson(body), IntMember(body, "id", 0))}});
               }));
-  server.Get(R"(/api/event/(\d{1,18}))", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  server.Get(R"(/api/event/(-?\d{1,18}))", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                SendJson(ARes, FSession.Event(std::stoll(AReq.matches[1].str())));
              }));
   server.Get("/api/zones", api([this](const httplib::Request&, httplib::Response& ARes) { SendJson(ARes, FSession.Zones()); }));
-  server.Post("/api/zone", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/zone", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto zone = body.find("zone");
                 if (zone == body.end() || !zone->is_string()) throw ERequestError("\"zone\" must name a time zone");
@@ -374,16 +448,16 @@ void TWebServer::Route() {
   server.Get("/api/distinct", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                SendJson(ARes, FSession.Distinct(AReq.get_param_value("column")));
              }));
-  server.Post("/api/stats", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/stats", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 SendJson(ARes, FSession.Statistics(TViewQuery::FromJson(ParseBody(AReq))));
               }));
-  server.Post("/api/bookmark", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/bookmark", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto on = body.find("on");
                 if (on == body.end() || !on->is_boolean()) throw ERequestError("\"on\" must be true or false");
                 SendJson(ARes, {{"bookmarks", FSession.Bookmark(IntMember(body, "id", 0), on->get<bool>())}});
               }));
-  server.Post("/api/filter/xml", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/filter/xml", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const TViewQuery query = TViewQuery::FromJson(body);
                 TXMLQueryBuilder builder;
@@ -393,7 +467,7 @@ void TWebServer::Route() {
                 const std::vector<std::string> notes = builder.AssignFilter(query.Filter);
                 SendJson(ARes, {{"xml", query.Filter.SaveToString()}, {"query", builder.BuildXML()}, {"notes", notes}});
               }));
-  server.Post("/api/filter/parse", api([](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/filter/parse", api([](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto xml = body.find("xml");
                 if (xml == body.end() || !xml->is_string()) throw ERequestError("\"xml\" must be the text of a filter file");
@@ -441,7 +515,7 @@ void TWebServer::Route() {
                });
                SendJson(ARes, {{"dir", real}, {"entries", std::move(entries)}});
              }));
-  server.Post("/api/load", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
+  post("/api/load", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
                 const json body = ParseBody(AReq);
                 const auto files = body.find("files");
                 if (files == body.end() || !files->is_array() || files->empty() || files->size() > 1000)
@@ -455,22 +529,29 @@ void TWebServer::Route() {
                 }
                 if (const auto scan = body.find("scan"); scan != body.end() && scan->is_boolean()) job.Scan = *scan;
                 StartLoad(std::move(job));
-                SendJson(ARes, {{"started", true}}, 202);
+                SendJson(ARes, {{"started", true}, {"events", FLoadEvents.load()}}, 202);
               }));
-  server.Post("/api/refresh", api([this](const httplib::Request&, httplib::Response& ARes) {
+  post("/api/refresh", api([this](const httplib::Request&, httplib::Response& ARes) {
                 TLoadJob job;
                 job.Refresh = true;
                 StartLoad(std::move(job));
-                SendJson(ARes, {{"started", true}}, 202);
+                SendJson(ARes, {{"started", true}, {"events", FLoadEvents.load()}}, 202);
               }));
-  server.Post("/api/cancel", api([this](const httplib::Request&, httplib::Response& ARes) {
+  post("/api/cancel", api([this](const httplib::Request&, httplib::Response& ARes) {
                 FCancel = true;
                 SendJson(ARes, {{"cancelled", FLoadRunning.load()}});
               }));
   server.Get("/api/events", [this](const httplib::Request& AReq, httplib::Response& ARes) {
     // Server-sent events: progress, the end of a load with its notices, alerts. A client
-    // that reconnects gives the number it saw last.
-    uint64_t after = 0;
+    // starts after the number "after" (given by /api/load), or, reconnecting, after the
+    // number it saw last.
+    if (++FStreams > kMaxStreams) {
+      --FStreams;
+      SendError(ARes, 503, "too many event streams are open (" + std::to_string(kMaxStreams) +
+                               "): close other pages of this server");
+      return;
+    }
+    uint64_t after = std::strtoull(AReq.get_param_value("after").c_str(), nullptr, 10);
     if (AReq.has_header("Last-Event-ID")) after = std::strtoull(AReq.get_header_value("Last-Event-ID").c_str(), nullptr, 10);
     ARes.set_header("X-Accel-Buffering", "no");
     ARes.set_chunked_content_provider("text/event-stream", [this, after](size_t, httplib::DataSink& ASink) mutable {
@@ -483,29 +564,44 @@ void TWebServer::Route() {
       else
         chunk = ": still here\n\n";
       return ASink.write(chunk.data(), chunk.size());
-    });
+    }, [this](bool) { --FStreams; });
   });
-  server.Get("/api/export", api([this](const httplib::Request& AReq, httplib::Response& ARes) {
-               std::string type, extension;
-               const TStoreRowFormat format = ExportFormat(AReq.get_param_value("format"), type, extension);
-               const std::string viewText = AReq.get_param_value("view");
-               json view;
-               try {
-                 view = viewText.empty() ? json::object() : json::parse(viewText);
-               } catch (const json::parse_error& e) {
-                 throw ERequestError(std::string("view: not JSON: ") + e.what());
-               }
-               const TViewQuery query = TViewQuery::FromJson(view);
-               FSession.WhereOf(query); // a bad view fails here, before the download starts
-               ARes.set_header("Content-Disposition", "attachment; filename=\"events." + extension + "\"");
-               ARes.set_content_provider(type, [this, query, format](size_t, httplib::DataSink& ASink) {
-                 FSession.Export(query, format, [&](std::string_view APiece) {
-                   return ASink.is_writable() && ASink.write(APiece.data(), APiece.size());
-                 });
-                 ASink.done();
-                 return true;
-               });
+  // An export streams the rows of a view as a download. The page sends its view by POST,
+  // as a form: a view that picks many names is too long for an address.
+  auto exportView = [this](const std::string& AFormat, const std::string& AView, httplib::Response& ARes) {
+    std::string type, extension;
+    const TStoreRowFormat format = ExportFormat(AFormat, type, extension);
+    json view;
+    try {
+      view = AView.empty() ? json::object() : json::parse(AView);
+    } catch (const json::parse_error& e) {
+      throw ERequestError(std::string("view: not JSON: ") + e.what());
+    }
+    const TViewQuery query = TViewQuery::FromJson(view);
+    FSession.WhereOf(query); // a bad view fails here, before the download starts
+    ARes.set_header("Content-Disposition", "attachment; filename=\"events." + extension + "\"");
+    ARes.set_content_provider(type, [this, query, format](size_t, httplib::DataSink& ASink) {
+      FSession.Export(query, format, [&](std::string_view APiece) {
+        return ASink.is_writable() && ASink.write(APiece.data(), APiece.size());
+      });
+      ASink.done();
+      return true;
+    });
+  };
+  server.Get("/api/export", api([exportView](const httplib::Request& AReq, httplib::Response& ARes) {
+               exportView(AReq.get_param_value("format"), AReq.get_param_value("view"), ARes);
              }));
+  post("/api/export", api([exportView](const httplib::Request& AReq, httplib::Response& ARes) {
+         if (AReq.get_header_value("Content-Type").rfind("application/x-www-form-urlencoded", 0) == 0)
+           exportView(FormValue(AReq.body, "format"), FormValue(AReq.body, "view"), ARes);
+         else {
+           const json body = ParseBody(AReq);
+           const auto format = body.find("format");
+           const auto view = body.find("view");
+           exportView(format != body.end() && format->is_string() ? format->get<std::string>() : "",
+                      view != body.end() ? view->dump() : "", ARes);
+         }
+       }));
 }
 
 } // namespace qvx::server

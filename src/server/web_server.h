@@ -23,11 +23,9 @@
 #include <thread>
 #include <vector>
 
-namespace httplib {
-class Server;
-}
-
 namespace qvx::server {
+
+class THttpListener;
 
 // A load the page asks for: logs to add, or the newer events of the store's logs.
 struct TLoadJob {
@@ -55,7 +53,8 @@ struct TServeSettings {
 // Messages for the page's event stream, numbered; the last few hundred are kept.
 class TEventHub {
 public:
-  void Publish(const nlohmann::json& AMessage);
+  // Gives the message's number.
+  uint64_t Publish(const nlohmann::json& AMessage);
   // The first message after number AAfter (its number in AAfter), waiting up to AWait;
   // false on timeout or when the hub is closed.
   bool Next(uint64_t& AAfter, std::string& AMessage, std::chrono::milliseconds AWait);
@@ -109,14 +108,16 @@ private:
 
   TStoreSession& FSession;
   TServeSettings FSettings;
-  std::unique_ptr<httplib::Server> FServer;
+  std::unique_ptr<THttpListener> FServer;
   std::thread FThread;
   int FPort = 0;
   intptr_t FListenSocket = -1;
   std::atomic<uint64_t> FRequests{0};
+  std::atomic<int> FStreams{0}; // event streams open now
   TEventHub FEvents;
   std::thread FLoadThread;
   std::atomic<bool> FLoadRunning{false};
+  std::atomic<uint64_t> FLoadEvents{0}; // the stream's last message before the running load's
   std::atomic<bool> FCancel{false};
 };
 

@@ -161,6 +161,9 @@ TEvtLiteAdaptor::~TEvtLiteAdaptor() {
 }
 
 void TEvtLiteAdaptor::Fail(const std::string& AWhat, int ACode) const {
+  // A damaged file says so in one line, without the statement that met the damage.
+  if ((ACode & 0xFF) == SQLITE_CORRUPT)
+    throw EEventStoreError(FFileName + ": not a readable store (" + sqlite3_errstr(SQLITE_CORRUPT) + ")");
   std::string message = FFileName;
   message.append(": ").append(AWhat).append(": ");
   message.append(FDb ? sqlite3_errmsg(FDb) : sqlite3_errstr(ACode));
@@ -169,6 +172,14 @@ void TEvtLiteAdaptor::Fail(const std::string& AWhat, int ACode) const {
     message.append(" (another program has the store open)");
   if ((ACode & 0xFF) == SQLITE_READONLY) message.append(" (the store cannot be written)");
   throw EEventStoreError(message);
+}
+
+void TEvtLiteAdaptor::CheckReadable() {
+  TStatement check{Prepare("PRAGMA quick_check(1)")};
+  const int code = sqlite3_step(check.Handle);
+  if (code != SQLITE_ROW) Fail("cannot check the store", code);
+  const unsigned char* result = sqlite3_column_text(check.Handle, 0);
+  if (!result || std::string(reinterpret_cast<const char*>(result)) != "ok") Fail("quick_check", SQLITE_CORRUPT);
 }
 
 void TEvtLiteAdaptor::InitThreadDataSet() {

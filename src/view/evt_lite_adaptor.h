@@ -40,6 +40,9 @@ public:
   // Opens an existing store: raises EEventStoreError when the file has no event table
   // or its columns are not the store's.
   void OpenExistingTable();
+  // Reads every page of the store (SQLite's quick_check): raises EEventStoreError
+  // "FILE: not a readable store (...)" when it is damaged. Before anything is written to it.
+  void CheckReadable();
 
   void CreateTable() override;
   void EmptyTable() override;

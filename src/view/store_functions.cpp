@@ -408,13 +408,10 @@ bool FindParamWith(std::string_view ADescr, std::string_view ASection, std::stri
   });
 }
 
-// The value of a description parameter, its comparison applied by ARegexMatch for the
-// pattern operators. -1: no such parameter.
+// A parameter's value against the condition, ARegexMatch applying the pattern operators.
 template <typename TRegexMatch>
-int CompareParam(std::string_view ADescr, std::string_view AName, int32_t AOper, std::string_view AValue,
-                 bool ACaseSensitive, TRegexMatch&& ARegexMatch) {
-  std::string param;
-  if (!FindDescrParam(ADescr, AName, param)) return 0;
+int CompareFound(const std::string& param, int32_t AOper, std::string_view AValue, bool ACaseSensitive,
+                 TRegexMatch&& ARegexMatch) {
   auto compare = [&]() {
     double left = 0, right = 0;
     if (ParseNumber(param, left) && ParseNumber(AValue, right))
@@ -445,6 +442,15 @@ int CompareParam(std::string_view ADescr, std::string_view AName, int32_t AOper,
   default:
     return 0;
   }
+}
+
+// The value of a description parameter against the condition; 0 when it has none.
+template <typename TRegexMatch>
+int CompareParam(std::string_view ADescr, std::string_view AName, int32_t AOper, std::string_view AValue,
+                 bool ACaseSensitive, TRegexMatch&& ARegexMatch) {
+  std::string param;
+  if (!FindDescrParam(ADescr, AName, param)) return 0;
+  return CompareFound(param, AOper, AValue, ACaseSensitive, ARegexMatch);
 }
 
 // --- event XML ----------------------------------------------------------------------
@@ -660,6 +666,47 @@ void SqlCompareDescrWithCond(sqlite3_context* AContext, int, sqlite3_value** AAr
                          ? 0
                          : CompareParam(ArgText(AArgs[0]), ArgText(AArgs[1]), static_cast<int32_t>(oper),
                                         value, caseSensitive, regexMatch);
+  if (!failed) sqlite3_result_int(AContext, result);
+}
+
+// The value of an event's parameter AName: its event data value of that name (EventData
+// "Data Name=", or a UserData element), else the description's parameter of that name.
+// The XML is parsed only when it holds the name's text at all.
+bool FindEventParam(std::string_view AXml, std::string_view ADescr, std::string_view AName, std::string& AValue) {
+  const std::string_view name = Trimmed(AName);
+  if (!name.empty() && !AXml.empty() &&
+      std::search(AXml.begin(), AXml.end(), name.begin(), name.end(), [](char A, char B) {
+        return (A >= 'a' && A <= 'z' ? A - 32 : A) == (B >= 'a' && B <= 'z' ? B - 32 : B);
+      }) != AXml.end()) {
+    pugi::xml_document document;
+    const unsigned options = pugi::parse_minimal | pugi::parse_escapes | pugi::parse_cdata;
+    if (document.load_buffer(AXml.data(), AXml.size(), options, pugi::encoding_utf8) &&
+        FindXmlNamedValue(document.document_element(), name, AValue))
+      return true;
+  }
+  return FindDescrParam(ADescr, AName, AValue);
+}
+
+// CompareDescrWithCond(xml, descr, name, oper, value, case): as the five-argument form,
+// the parameter found by FindEventParam.
+void SqlCompareParamWithCond(sqlite3_context* AContext, int, sqlite3_value** AArgs) {
+  const int64_t oper = sqlite3_value_int64(AArgs[3]);
+  const bool caseSensitive = ArgCase(AArgs[5]);
+  const std::string_view value = ArgText(AArgs[4]);
+  bool failed = false;
+  auto regexMatch = [&](std::string_view AParam) {
+    const TStoreRegex* regex = ArgPattern(
+        AContext, 4, value, kRegexOptions | (caseSensitive ? 0u : static_cast<uint32_t>(PCRE2_CASELESS)));
+    if (!regex) {
+      failed = true;
+      return -1;
+    }
+    return State(AContext).Matches(*regex, AParam) ? 1 : 0;
+  };
+  std::string param;
+  int result = 0;
+  if (oper >= coNone && oper <= coLess && FindEventParam(ArgText(AArgs[0]), ArgText(AArgs[1]), ArgText(AArgs[2]), param))
+    result = CompareFound(param, static_cast<int32_t>(oper), value, caseSensitive, regexMatch);
   if (!failed) sqlite3_result_int(AContext, result);
 }
 
@@ -879,6 +926,7 @@ int RegisterStoreFunctions(sqlite3* ADb) {
       {"MyInList", 3, SqlMyInList},
       {"MyCompareStr", 3, SqlMyCompareStr},
       {"CompareDescrWithCond", 5, SqlCompareDescrWithCond},
+      {"CompareDescrWithCond", 6, SqlCompareParamWithCond},
       {"CalculateCustomField", 7, SqlCalculateCustomField},
   };
   const auto state = std::make_shared<TStoreState>();

@@ -64,6 +64,10 @@
 // A description without the parameter gives 0 for every operator, the negative ones
 // included: "not equal to 5" keeps only events that have the parameter. An unknown
 // operator gives 0.
+// CompareDescrWithCond(xml, descr, name, oper, value, case): the same, for the event's
+// parameter of that name: its event data value (the EventData "Data" element whose Name
+// attribute is name, else the first UserData element of that local name, as
+// CalculateCustomField's kind 0 finds it), else the description parameter.
 //
 // CalculateCustomField(id, xml, kind, descr, expr, ids, format): the value of a custom
 // column for one row:

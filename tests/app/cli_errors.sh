@@ -32,6 +32,12 @@ expect unknown-command-far 1 "quorvex: 'frobnicate' is not a command
 Run 'quorvex --help' for the commands." -- "$QVX" frobnicate
 expect wrong-option-value 2 "quorvex events: --format: xls not in {table,csv,jsonl,xml}
 Run 'quorvex events --help' for the options." -- "$QVX" events --format xls "$tmp/none.evtx"
+# Event IDs in any other form than the documented one are a wrong command line, not a
+# filter that matches nothing.
+for ids in abc '4624;4625' '4624,,4625'; do
+  expect "wrong-ids-$ids" 2 "quorvex view: --id: must be event IDs and ranges separated by commas, with '!' before the ones to leave out (4624,4625-4630!4627)
+Run 'quorvex view --help' for the options." -- "$QVX" view "$tmp/none.db" --id "$ids"
+done
 "$QVX" >"$tmp/help.txt" 2>&1
 [ $? = 1 ] && grep -q '^Subcommands:' "$tmp/help.txt" && grep -q '^  events ' "$tmp/help.txt" &&
   echo "ok   no-command-help" || { echo "FAIL no-command-help"; fail=1; }

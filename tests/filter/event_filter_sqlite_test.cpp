@@ -2,13 +2,16 @@
 // with the functions the store registers: a clause that is not valid SQL fails here, and
 // simple rows show that each clause selects what it says. Texts that look like SQL or like
 // LIKE wildcards are run through the real store and must be found literally.
+#include "app/filter_options.h"
 #include "filter/event_filter.h"
+#include "filter/filter_json.h"
 #include "view/evt_lite_adaptor.h"
 #include "view/store_functions.h"
 
 #include "support/test_paths.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
 #include <fstream>
@@ -357,6 +360,35 @@ TEST_F(EventFilterStore, FilterFilesKeepHostileItemsLiteral) {
   loaded.DescrText.clear();
   EXPECT_EQ(Count(loaded), 2);
   EXPECT_EQ(Total(), kRows);
+}
+
+// Stored times carry milliseconds: the end of a range given as a day, a minute or a
+// second takes in every event of it, up to the last fraction of its last second.
+TEST_F(EventFilterSQLite, TheEndOfARangeTakesInItsLastSecond) {
+  Exec("DELETE FROM Events");
+  Exec("INSERT INTO Events ([Type],[TimeStamp],[Date],[Time],[EventID]) VALUES "
+       "(4,'2024-04-25 23:59:59.844','2024-04-25','23:59:59',1),"
+       "(4,'2024-04-25 14:05:09.165','2024-04-25','14:05:09',2),"
+       "(4,'2024-04-25 14:05:10.000','2024-04-25','14:05:10',3),"
+       "(4,'2024-04-26 00:00:00.000','2024-04-26','00:00:00',4)");
+  auto byJson = [&](const char* AFrom, const char* ATo) {
+    return Run(FilterFromJson({{"from", AFrom}, {"to", ATo}}));
+  };
+  EXPECT_EQ(byJson("2024-04-25", "2024-04-25"), "1,2,3");
+  EXPECT_EQ(byJson("2024-04-25 23:59:59", "2024-04-25 23:59:59"), "1");
+  EXPECT_EQ(byJson("2024-04-25 14:05:09", "2024-04-25 14:05:09"), "2");
+  EXPECT_EQ(byJson("2024-04-25 14:05", "2024-04-25 14:05"), "2,3");
+  EXPECT_EQ(byJson("2024-04-25 14:00:00", "2024-04-25 14:59:59"), "2,3"); // a histogram hour
+  app::TFilterOptions options;
+  options.From = options.To = "2024-04-25";
+  EXPECT_EQ(Run(app::BuildFilter(options)), "1,2,3");
+  options.From = options.To = "2024-04-25 23:59:59";
+  EXPECT_EQ(Run(app::BuildFilter(options)), "1");
+  options.From = options.To = "2024-04-25 14:05";
+  EXPECT_EQ(Run(app::BuildFilter(options)), "2,3");
+  options.From = "2024-04-26";
+  options.To = "";
+  EXPECT_EQ(Run(app::BuildFilter(options)), "4");
 }
 
 } // namespace

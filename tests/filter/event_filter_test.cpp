@@ -79,7 +79,7 @@ TEST(EventFilterWhere, EachClauseKindWithItsExactText) {
                         {"Name", coContains, "O'K"}};
   EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0),
             "(CompareDescrWithCond([Descr], 'Logon Type', 1, '3', 0) AND "
-            "CompareDescrWithCond([Descr], 'Name', 3, 'O''K', 0))");
+            "CompareDescrWithCond([EvtXML], [Descr], 'Name', 3, 'O''K', 0))");
 }
 
 TEST(EventFilterWhere, DateAndTimeRangesContinuousOrDaily) {
@@ -88,7 +88,7 @@ TEST(EventFilterWhere, DateAndTimeRangesContinuousOrDaily) {
   filter.ToTime = Day("2024-03-05 17:30:15");
   filter.ByDate = filter.ByTime = true;
   EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0),
-            "([TimeStamp] >= '2024-03-01 08:00:00' AND [TimeStamp] <=  '2024-03-05 17:30:15' )");
+            "([TimeStamp] >= '2024-03-01 08:00:00' AND [TimeStamp] <= '2024-03-05 17:30:15.9999999' )");
   filter.Separately = true;
   EXPECT_EQ(filter.CreateSQLWhere(tfwSQLite, 0),
             "([Date] >= '2024-03-01' AND [Date] <= '2024-03-05' AND [Time] >= '08:00:00' AND [Time] <= '17:30:15' )");

@@ -106,6 +106,34 @@ const big = path.join(bigFolder, `big-${bigRecords}.evtx`);
     check((await status.innerText()).includes(`${Number(count).toLocaleString('en-US')} events`), 'the status bar counts the filtered events', await status.innerText());
     await shot('3-filtered');
 
+    // A filter the server refuses is shown as refused; the rows and their label stay.
+    const filterError = page.locator('#filter-pane [role=alert]');
+    const statusBefore = await status.innerText();
+    await page.getByLabel('Description text').fill('(');
+    await page.getByLabel('Regular expression').check();
+    await page.getByRole('button', { name: 'Apply' }).click();
+    await until('the pattern refused', async () => /not a regular expression that compiles/.test(await filterError.innerText()));
+    check((await status.innerText()) === statusBefore, 'a refused pattern leaves the view as it was', await status.innerText());
+    await page.getByLabel('Regular expression').uncheck();
+    await page.getByLabel('Description text').fill('');
+    await page.getByLabel('Last days').fill('abc');
+    await page.getByRole('button', { name: 'Apply' }).click();
+    await until('the count refused', async () => /Last days: "abc" is not a whole number/.test(await filterError.innerText()));
+    await page.getByLabel('Last days').fill('');
+    await shot('3b-refused');
+
+    // More tabs than a browser's six connections to one server: each shows its rows (no
+    // tab holds a connection open while it is idle).
+    const tabs = [];
+    for (let i = 0; i < 7; i++) {
+      const tab = await context.newPage();
+      tabs.push(tab);
+      await tab.goto(url);
+      await tab.getByRole('grid').getByRole('gridcell').nth(3).waitFor({ timeout: 20000 });
+    }
+    check(true, 'seven more tabs show their rows', '');
+    for (const tab of tabs) await tab.close();
+
     // Details of the selected row.
     await grid.getByRole('row').nth(1).click();
     await page.getByRole('tab', { name: 'Description' }).click();

@@ -2,7 +2,9 @@
 // token, the Host check, bad bodies, filter values that hold SQL, and many clients at once.
 #include "app/commands.h"
 #include "app/demo_log.h"
+#include "server/http_listener.h"
 #include "server/web_server.h"
+#include "view/color_codes.h"
 #include "view/rendering_info.h"
 
 #include <gtest/gtest.h>
@@ -182,6 +184,8 @@ TEST_F(WebServer, RefusesWhatItMustRefuse) {
 
   EXPECT_EQ(Post("/api/rows", {{"sort", "EventID; DROP TABLE Events"}}, 400)["error"].get<std::string>().rfind("sort: ", 0), 0u);
   EXPECT_EQ(Post("/api/rows", {{"filter", {{"colour", 1}}}}, 400)["error"], "filter: \"colour\" is not a member of a filter");
+  EXPECT_EQ(Post("/api/rows", {{"filter", {{"descr", {{"text", "("}, {"regex", true}}}}}}, 400)["error"],
+            "filter: \"descr.text\" is not a regular expression that compiles: missing closing parenthesis at offset 1");
   EXPECT_EQ(Get("/api/distinct?column=EvtXML", 400)["error"],
             "distinct values are listed for Source, CategoryName, UserName and Computer");
   // The server still serves.
@@ -196,7 +200,8 @@ TEST_F(WebServer, FilterValuesHoldingSqlAreData) {
         << value;
   }
   EXPECT_EQ(Post("/api/rows", {{"filter", {{"ids", "1 OR 1=1"}}}}, 400)["error"],
-            "filter: \"ids\" may hold only numbers, ',', '-' and '!' (4624,4625-4630!4627)");
+            "filter: \"ids\" must be event IDs and ranges separated by commas, with '!' before the ones to leave "
+            "out (4624,4625-4630!4627)");
   EXPECT_EQ(Get("/api/info")["total"], 300);
 }
 
@@ -223,6 +228,157 @@ TEST_F(WebServer, TimesShownInAnotherZoneAndFilteredThere) {
   Post("/api/zone", {{"zone", ""}});
   EXPECT_EQ(Post("/api/rows", {{"filter", {{"from", stored}}}})["count"], since);
   EXPECT_GE(since, 1);
+}
+
+// Connections that send their headers a line at a time, or nothing, and event streams
+// past their limit, hold no worker: ordinary requests are still answered at once.
+TEST_F(WebServer, AnswersWhileManyConnectionsAreSlowOrIdle) {
+  auto connect = [] {
+    const int sock = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(FServer->Port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    timeval wait{5, 0};
+    ::setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    return sock;
+  };
+  auto send = [](int ASock, const std::string& AText) { ::send(ASock, AText.data(), AText.size(), MSG_NOSIGNAL); };
+  const std::string host = "Host: 127.0.0.1:" + std::to_string(FServer->Port()) + "\r\n";
+  std::vector<int> slow, streams;
+  for (int i = 0; i < 80; ++i) {
+    slow.push_back(connect());
+    if (i % 2) send(slow.back(), "GET /api/info HTTP/1.1\r\n" + host);
+  }
+  // Every event stream up to the limit is answered, the ones past it get 503 at once.
+  int open = 0, refused = 0;
+  for (int i = 0; i < 12; ++i) {
+    streams.push_back(connect());
+    send(streams.back(), "GET /api/events HTTP/1.1\r\n" + host + "Authorization: Bearer " + FServer->Token() + "\r\n\r\n");
+    char head[64] = {};
+    ASSERT_GT(::recv(streams.back(), head, sizeof head - 1, 0), 0) << "stream " << i;
+    if (std::string(head).rfind("HTTP/1.1 200", 0) == 0) ++open;
+    else if (std::string(head).rfind("HTTP/1.1 503", 0) == 0) ++refused;
+  }
+  EXPECT_EQ(open, 8);
+  EXPECT_EQ(refused, 4);
+  for (int round = 0; round < 3; ++round) {
+    for (int sock : slow) send(sock, "X-Slow: 1\r\n");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Get("/api/info")["total"], 300);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  }
+  for (int sock : slow) ::close(sock);
+  for (int sock : streams) ::close(sock);
+}
+
+// A connection that never finishes its headers is closed when its time is up.
+TEST(WebServerLimits, SlowHeadersAreCutOff) {
+  server::THttpListener listener({.Workers = 2, .HeadTime = std::chrono::milliseconds(300)});
+  listener.Get("/", [](const httplib::Request&, httplib::Response& ARes) { ARes.set_content("ok", "text/plain"); });
+  const int port = listener.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { listener.listen_after_bind(); });
+  const int sock = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::send(sock, "GET / HTTP/1.1\r\n", 16, MSG_NOSIGNAL);
+  timeval wait{5, 0};
+  ::setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  const auto start = std::chrono::steady_clock::now();
+  char byte;
+  EXPECT_EQ(::recv(sock, &byte, 1, 0), 0); // closed, with no answer
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  ::close(sock);
+  httplib::Client client("127.0.0.1", port);
+  auto answer = client.Get("/");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->body, "ok");
+  listener.stop();
+  serving.join();
+  listener.Shutdown();
+}
+
+// A second server on a port in use does not start: it says so.
+TEST_F(WebServer, APortInUseIsRefused) {
+  server::TServeSettings settings;
+  settings.Port = FServer->Port();
+  server::TWebServer second(*FSession, settings);
+  try {
+    second.Start();
+    ADD_FAILURE() << "a second server started on port " << settings.Port;
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(std::string(e.what()),
+              "cannot listen on 127.0.0.1:" + std::to_string(settings.Port) + " (is the port in use?)");
+  }
+  EXPECT_EQ(Get("/api/info")["total"], 300);
+}
+
+// JSON sent as a form ("curl -d" does so) is read as JSON at any size up to the limit.
+TEST_F(WebServer, JsonBodiesAreReadWhateverTheirContentType) {
+  json sources = json::array();
+  for (int i = 0; i < 2000; ++i) sources.push_back("Source number " + std::to_string(i));
+  sources.push_back("Microsoft-Windows-Security-Auditing");
+  const std::string body = json{{"filter", {{"sources", {{"values", sources}}}}}, {"count", 1}}.dump();
+  ASSERT_GT(body.size(), 20000u);
+  const json expected = Post("/api/rows", {{"filter", {{"sources", {{"values", {"Microsoft-Windows-Security-Auditing"}}}}}}})["count"];
+  for (const char* type : {"application/x-www-form-urlencoded", "text/plain", "application/json"}) {
+    auto result = Client().Post("/api/rows", body, type);
+    ASSERT_TRUE(result) << type;
+    EXPECT_EQ(result->status, 200) << type << ": " << result->body;
+    if (result->status == 200) {
+      EXPECT_EQ(json::parse(result->body)["count"], expected) << type;
+    }
+  }
+}
+
+// A color code's bold and italic travel with its colour.
+TEST_F(WebServer, RowsCarryTheColorCodesFontStyles) {
+  TColorCodes codes;
+  TColorCode failed;
+  failed.EventID = 4625;
+  failed.Value = 0x0000FF; // red
+  failed.FontStyles = fsBold | fsItalic;
+  codes.AddCode(failed);
+  TColorCode success;
+  success.EventID = 4624;
+  success.Value = 0x00FF00;
+  codes.AddCode(success);
+  FSession->SetColorCodes(std::move(codes));
+  const json styled = Post("/api/rows", {{"filter", {{"ids", "4625"}}}, {"count", 1}})["rows"][0];
+  EXPECT_EQ(styled["color"], "#ff0000");
+  EXPECT_EQ(styled["bold"], true);
+  EXPECT_EQ(styled["italic"], true);
+  const json plain = Post("/api/rows", {{"filter", {{"ids", "4624"}}}, {"count", 1}})["rows"][0];
+  EXPECT_EQ(plain["color"], "#00ff00");
+  EXPECT_FALSE(plain.contains("bold"));
+  EXPECT_FALSE(plain.contains("italic"));
+  FSession->SetColorCodes({});
+}
+
+// A view too long for an address is exported by POST, as the page's form sends it.
+TEST_F(WebServer, LongViewsAreExportedByPost) {
+  json sources = json::array();
+  for (int i = 0; i < 400; ++i) sources.push_back("Source-" + std::to_string(i));
+  sources.push_back("Microsoft-Windows-Security-Auditing");
+  const std::string view = json{{"filter", {{"sources", {{"values", sources}}}, {"ids", "4624"}}}}.dump();
+  auto form = Client().Post("/api/export", httplib::Params{{"format", "csv"}, {"view", view}});
+  ASSERT_TRUE(form);
+  EXPECT_EQ(form->status, 200) << form->body.substr(0, 200);
+  size_t rows = 0;
+  for (size_t at = 0; (at = form->body.find(",Audit Success,4624,", at)) != std::string::npos; ++at) ++rows;
+  EXPECT_EQ(rows, 84u);
+  auto asJson = Client().Post("/api/export", json{{"format", "jsonl"}, {"view", json::parse(view)}}.dump(), "application/json");
+  ASSERT_TRUE(asJson);
+  EXPECT_EQ(asJson->status, 200);
+  EXPECT_EQ(std::count(asJson->body.begin(), asJson->body.end(), '\n'), 84);
+  auto bad = Client().Post("/api/export", httplib::Params{{"format", "csv"}, {"view", "{\"filter\":{\"ids\":\"x\"}}"}});
+  ASSERT_TRUE(bad);
+  EXPECT_EQ(bad->status, 400);
 }
 
 TEST_F(WebServer, ManyClientsPageAtOnce) {
@@ -325,6 +481,15 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
       ASSERT_TRUE(refused);
       EXPECT_EQ(refused->status, 403) << outside << ": " << refused->body;
     }
+    // Whether a path outside the roots exists is not told; inside them it is.
+    for (const std::string& outside : {std::string("/no/such/folder"), std::string("/etc/passwd"), logs + "/../nothing"}) {
+      auto refused = get("/api/files?dir=" + Escape(outside));
+      ASSERT_TRUE(refused);
+      EXPECT_EQ(refused->status, 403) << outside << ": " << refused->body;
+    }
+    auto missing = get("/api/files?dir=" + Escape(logs + "/nothing"));
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->status, 400) << missing->body;
     auto outsideLoad = client.Post("/api/load", json{{"files", {(folder / "first.evtx").string()}}}.dump(), "application/json");
     ASSERT_TRUE(outsideLoad);
     EXPECT_EQ(outsideLoad->status, 403);
@@ -348,7 +513,19 @@ TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
     auto started = client.Post("/api/load", json{{"files", {logs + "/more.evtx"}}}.dump(), "application/json");
     ASSERT_TRUE(started);
     EXPECT_EQ(started->status, 202) << started->body;
+    // The page follows the load's messages from the number given.
+    const json begun = json::parse(started->body);
+    EXPECT_TRUE(begun["events"].is_number_unsigned()) << begun;
     reader.join();
+    std::string followed;
+    httplib::Client follower("127.0.0.1", web.Port());
+    follower.set_bearer_token_auth(web.Token().c_str());
+    follower.Get(("/api/events?after=" + std::to_string(begun["events"].get<uint64_t>())).c_str(),
+                 [&](const char* AData, size_t ALength) {
+                   followed.append(AData, ALength);
+                   return followed.find("\"type\":\"loaded\"") == std::string::npos;
+                 });
+    EXPECT_EQ(followed.find("data: {\"files\""), followed.find("data: ")) << followed; // "loading" first
     EXPECT_NE(stream.find("\"type\":\"loading\""), std::string::npos) << stream;
     EXPECT_NE(stream.find("\"notices\":[\"loaded\"]"), std::string::npos) << stream;
     EXPECT_NE(stream.find("\"type\":\"alert\""), std::string::npos) << stream;
@@ -447,6 +624,123 @@ TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
     EXPECT_FALSE(session.Rows({}, 0, 50)["rows"][0].contains("level") &&
                  session.Rows({}, 0, 50)["rows"][0]["eventId"] != 4625);
   }
+  std::filesystem::remove_all(folder);
+}
+
+// A refresh adds newer events: in the order of a view without a sort (newest first, as
+// loaded) they come before the events loaded earlier, and the API reads them by their ids.
+TEST(WebServerRefresh, NewerEventsComeFirst) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-refresh-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  const std::string log = (folder / "d.evtx").string();
+  WriteDemoLog(log, 1000);
+  app::TStoreOptions options;
+  options.Logs = {log};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  WriteDemoLog(log, 2000);
+  std::FILE* notes = std::tmpfile();
+  ASSERT_EQ(app::RunRefresh(options, notes), 0);
+  std::fclose(notes);
+  {
+    server::TStoreSession session(options.Store, 0);
+    json rows = session.Rows({}, 0, 1000)["rows"];
+    const json second = session.Rows({}, 1000, 1000);
+    for (const json& row : second["rows"]) rows.push_back(row);
+    ASSERT_EQ(rows.size(), 2000u);
+    for (size_t i = 1; i < rows.size(); ++i)
+      ASSERT_EQ(rows[i - 1]["record"].get<int64_t>(), rows[i]["record"].get<int64_t>() + 1) << "row " << i;
+    EXPECT_EQ(rows[0]["record"], 2000);
+    const json newest = session.Event(rows[0]["id"].get<int64_t>());
+    EXPECT_NE(newest["xml"].get<std::string>().find("<EventRecordID>2000</EventRecordID>"), std::string::npos);
+  }
+  // A log gone since: said in words.
+  std::filesystem::remove(log);
+  notes = std::tmpfile();
+  app::RunRefresh(options, notes);
+  std::rewind(notes);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), notes));
+  std::fclose(notes);
+  EXPECT_NE(text.find("d.evtx: no such file (the log was moved or deleted)"), std::string::npos) << text;
+  std::filesystem::remove_all(folder);
+}
+
+// A log that the store holds already, named again however its path is written, is
+// skipped with a notice: its events are not in the store twice.
+TEST(WebServerRefresh, ALogInTheStoreIsNotLoadedTwice) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-twice-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  const std::string log = (folder / "d.evtx").string();
+  WriteDemoLog(log);
+  app::TStoreOptions options;
+  options.Logs = {log};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(folder);
+  options.Logs = {"d.evtx", (folder / "." / "d.evtx").string()};
+  options.Append = true;
+  std::FILE* notes = std::tmpfile();
+  EXPECT_EQ(app::RunOpen(options, notes), 0);
+  std::filesystem::current_path(before);
+  std::rewind(notes);
+  std::string text(4096, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), notes));
+  std::fclose(notes);
+  EXPECT_NE(text.find("quorvex: d.evtx: already in the store, not loaded again ('quorvex refresh' adds its newer events)"),
+            std::string::npos)
+      << text;
+  {
+    server::TStoreSession session(options.Store, 0);
+    EXPECT_EQ(session.Info()["total"], 300);
+    EXPECT_EQ(session.Info()["logs"].size(), 1u);
+  }
+  std::filesystem::remove_all(folder);
+}
+
+// A damaged store is refused in one line, before anything is written to it.
+TEST(WebServerStore, ADamagedStoreIsRefusedUnchanged) {
+  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-damaged-" + std::to_string(::getpid()));
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder);
+  WriteDemoLog((folder / "d.evtx").string(), 3000);
+  app::TStoreOptions options;
+  options.Logs = {(folder / "d.evtx").string()};
+  options.Store = (folder / "s.db").string();
+  options.Quiet = true;
+  ASSERT_EQ(app::RunOpen(options, stderr), 0);
+  auto read = [&] {
+    std::ifstream in(options.Store, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  };
+  std::string bytes = read();
+  const size_t pageSize = (static_cast<unsigned char>(bytes[16]) << 8) | static_cast<unsigned char>(bytes[17]);
+  ASSERT_GT(bytes.size() / pageSize, 10u);
+  // A page in the middle of the table: the store opens, its pages do not all read.
+  for (size_t at = (bytes.size() / pageSize / 2) * pageSize, end = at + pageSize; at < end; ++at) bytes[at] = '\xFF';
+  std::ofstream(options.Store, std::ios::binary | std::ios::trunc) << bytes;
+  try {
+    server::TStoreSession session(options.Store, 0);
+    ADD_FAILURE() << "a damaged store was opened";
+  } catch (const std::exception& e) {
+    EXPECT_EQ(std::string(e.what()), options.Store + ": not a readable store (database disk image is malformed)");
+  }
+  EXPECT_EQ(read(), bytes);
+  // Its schema page damaged: the first statement meets it.
+  for (size_t at = 100; at < pageSize; ++at) bytes[at] = '\xFF';
+  std::ofstream(options.Store, std::ios::binary | std::ios::trunc) << bytes;
+  try {
+    server::TStoreSession session(options.Store, 0);
+    ADD_FAILURE() << "a damaged store was opened";
+  } catch (const std::exception& e) {
+    EXPECT_EQ(std::string(e.what()), options.Store + ": not a readable store (database disk image is malformed)");
+  }
+  EXPECT_EQ(read(), bytes);
   std::filesystem::remove_all(folder);
 }
 

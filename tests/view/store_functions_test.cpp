@@ -275,6 +275,27 @@ TEST_F(StoreFunctionsDescr, BadPatternInConditionIsAnError) {
   EXPECT_TRUE(CompareDescrWithCond(kLogonDescr, "Logon Type", coMatches, "^\\d$", false));
 }
 
+// A name is first an event data name, then a description label: a condition on
+// TargetUserName reads the Data element of that name, one on "Account Name" the text.
+TEST_F(StoreFunctionsDescr, ANameIsAnEventDataNameOrADescriptionLabel) {
+  const std::string xml = "'<Event xmlns=\"http://schemas.microsoft.com/win/2004/08/events/event\"><EventData>"
+                          "<Data Name=\"TargetUserName\">carol</Data><Data Name=\"LogonType\">10</Data>"
+                          "</EventData></Event>'";
+  auto cond = [&](const std::string& AName, int AOper, const std::string& AValue) {
+    return Query("SELECT CompareDescrWithCond(" + xml + ", Descr, '" + AName + "', " + std::to_string(AOper) + ", '" +
+                 AValue + "', 0) FROM E");
+  };
+  EXPECT_EQ(cond("TargetUserName", coEquals, "CAROL"), "1");
+  EXPECT_EQ(cond("targetusername", coMatches, "^car"), "1");
+  EXPECT_EQ(cond("LogonType", coGreater, "9"), "1");
+  EXPECT_EQ(cond("TargetUserName", coEquals, "alice"), "0");
+  EXPECT_EQ(cond("New Logon\\Account Name", coEquals, "alice"), "1"); // not in the data: the description's
+  EXPECT_EQ(cond("Logon Type", coEquals, "3"), "1");
+  EXPECT_EQ(cond("SubjectUserName", coNotEqual, "x"), "0"); // neither has it
+  EXPECT_EQ(Query("SELECT CompareDescrWithCond(NULL, NULL, NULL, NULL, NULL, NULL)"), "0");
+  EXPECT_EQ(Query("SELECT CompareDescrWithCond('<Event><EventData>', Descr, 'EventData', 1, 'x', 0) FROM E"), "0");
+}
+
 // --- custom columns -----------------------------------------------------------------
 
 const char* const kEventXml =

@@ -5,11 +5,13 @@ export interface Column { name: string; title: string; numeric: boolean; sortabl
 export interface Info {
   store: string; timeZone: string; total: number; bookmarks: number;
   columns: Column[]; logs: { name: string; file: string }[]; detections: boolean;
+  loading?: boolean; loadEvents?: number;
 }
 export interface Row {
   id: number; time: string; type: string; typeCode: number; eventId: number; source: string;
   category: string; user: string; computer: string; record: number; log: number; descr: string;
-  bookmarked: boolean; custom?: (string | null)[]; color?: string; level?: number;
+  bookmarked: boolean; custom?: (string | null)[]; color?: string; bold?: boolean; italic?: boolean;
+  level?: number;
 }
 export interface Page { count: number; offset: number; rows: Row[] }
 export interface Detection { level: number; title: string; author: string; ruleId: string; matched: string }
@@ -45,8 +47,9 @@ export const api = {
   filterToXml: (filter: FilterJson) => call<{ xml: string; query: string; notes: string[] }>('/api/filter/xml', { filter }),
   filterFromXml: (xml: string) => call<{ filter: FilterJson }>('/api/filter/parse', { xml }),
   files: (dir: string) => call<{ dir: string; entries: unknown[] }>(`/api/files?dir=${encodeURIComponent(dir)}`),
-  load: (files: string[], scan: boolean) => call<{ started: boolean }>('/api/load', { files, scan }),
-  refresh: () => call<{ started: boolean }>('/api/refresh', {}),
+  // "events": the number of the event stream's last message before the load's first.
+  load: (files: string[], scan: boolean) => call<{ started: boolean; events: number }>('/api/load', { files, scan }),
+  refresh: () => call<{ started: boolean; events: number }>('/api/refresh', {}),
   cancel: () => call<{ cancelled: boolean }>('/api/cancel', {}),
   zones: () => call<{ store: string; display: string; zones: string[] }>('/api/zones'),
   setZone: (zone: string) => call<{ store: string; display: string }>('/api/zone', { zone }),

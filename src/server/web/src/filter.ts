@@ -101,12 +101,17 @@ export class FilterForm {
       this.apply();
     });
     save.addEventListener('click', async () => {
-      const result = await api.filterToXml(this.read());
-      const link = document.createElement('a');
-      link.href = URL.createObjectURL(new Blob([result.xml], { type: 'text/xml' }));
-      link.download = 'filter.xml';
-      link.click();
-      URL.revokeObjectURL(link.href);
+      this.error.textContent = '';
+      try {
+        const result = await api.filterToXml(this.read());
+        const link = document.createElement('a');
+        link.href = URL.createObjectURL(new Blob([result.xml], { type: 'text/xml' }));
+        link.download = 'filter.xml';
+        link.click();
+        URL.revokeObjectURL(link.href);
+      } catch (e) {
+        this.error.textContent = `Save filter: ${(e as Error).message}`;
+      }
     });
     load.addEventListener('click', () => file.click());
     file.addEventListener('change', async () => {
@@ -139,6 +144,14 @@ export class FilterForm {
     }));
     for (const value of chosen)
       if (!values.some((v) => v.value === value)) select.append(new Option(value, value, false, true));
+    // The server lists the most frequent values only: the rest are typed.
+    if (values.length >= DISTINCT_LIMIT) {
+      const note = document.createElement('p');
+      note.className = 'note';
+      note.textContent = `Only the ${DISTINCT_LIMIT.toLocaleString('en-US')} most frequent values are listed; type others below, comma-separated.`;
+      const typed = text(`${select.name}-typed`, 'Other values', 'name, name');
+      select.after(note, typed);
+    }
   }
 
   private addCondition(kind: 'params' | 'columns', value?: { name?: string; number?: number; op?: string; value?: string }): void {
@@ -168,6 +181,8 @@ export class FilterForm {
     for (const [key] of LISTS) {
       const select = this.form.querySelector(`[name="${key}"]`) as HTMLSelectElement;
       const values = [...select.selectedOptions].map((o) => o.value);
+      const typed = this.form.querySelector<HTMLInputElement>(`[name="${key}-typed"]`);
+      for (const value of typed?.value.split(',') ?? []) if (value.trim()) values.push(value.trim());
       if (values.length) filter[key] = { values, exclude: this.input(`${key}-exclude`).checked };
     }
     const ids = this.input('ids').value.trim();
@@ -182,7 +197,7 @@ export class FilterForm {
     if (from) filter.from = from;
     if (to) filter.to = to;
     if ((from || to) && this.input('date-exclude').checked) filter.dateExclude = true;
-    const days = Number(this.input('last-days').value || 0), hours = Number(this.input('last-hours').value || 0);
+    const days = whole(this.input('last-days').value, 'Last days'), hours = whole(this.input('last-hours').value, 'Last hours');
     if (days || hours) filter.last = { days, hours };
     const level = (this.form.querySelector('[name="min-detection-level"]') as HTMLSelectElement).value;
     if (level) filter.minDetectionLevel = level;
@@ -226,9 +241,9 @@ export class FilterForm {
   }
 
   private async apply(): Promise<void> {
-    const filter = this.read();
     this.error.textContent = '';
     try {
+      const filter = this.read();
       const result = await api.filterToXml(filter);
       this.xmlQuery.value = result.query + (result.notes?.length ? `\n<!-- ${result.notes.join('; ')} -->` : '');
       view.setFilter(filter);
@@ -253,6 +268,18 @@ export class FilterForm {
     if (f.columns) parts.push(`${f.columns.length} column condition(s)`);
     return parts.length ? parts.join('; ') : 'no filter';
   }
+}
+
+// /api/distinct lists this many values at most.
+const DISTINCT_LIMIT = 1000;
+
+// A count typed in a field: empty is 0; anything but a whole number is refused, never
+// taken as 0.
+function whole(typed: string, title: string): number {
+  const text = typed.trim();
+  if (!text) return 0;
+  if (!/^\d{1,6}$/.test(text)) throw new Error(`${title}: "${text}" is not a whole number`);
+  return Number(text);
 }
 
 function fieldset(title: string): HTMLFieldSetElement {

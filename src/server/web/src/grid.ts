@@ -24,6 +24,7 @@ export class Grid {
   onSelect: (row: Row | null) => void = () => {};
   onCount: (count: number) => void = () => {};
   onBusy: (busy: boolean) => void = () => {};
+  onError: (message: string) => void = () => {};
   onBookmarks: (count: number) => void = () => {};
 
   private columns: Column[] = [];
@@ -73,6 +74,7 @@ export class Grid {
     this.pages.clear();
     this.pending.clear();
     this.onBusy(true);
+    let failure: string | null = null;
     try {
       const page = await (first ?? api.rows(view.query, 0, PAGE));
       if (generation !== this.generation) return;
@@ -89,8 +91,20 @@ export class Grid {
       if (!performance.getEntriesByName('quorvex-first-rows').length) performance.mark('quorvex-first-rows');
       this.onCount(this.count);
       this.onSelect(this.rowAt(this.selected));
+    } catch (e) {
+      // The view the server refused shows no rows: the old ones would read as its own.
+      if (generation !== this.generation) return;
+      failure = (e as Error).message;
+      this.count = 0;
+      this.selected = -1;
+      this.root.setAttribute('aria-rowcount', '1');
+      this.paint();
+      this.onSelect(null);
     } finally {
-      if (generation === this.generation) this.onBusy(false);
+      if (generation === this.generation) {
+        this.onBusy(false);
+        if (failure !== null) this.onError(failure);
+      }
     }
   }
 
@@ -269,6 +283,8 @@ export class Grid {
         this.root.setAttribute('aria-activedescendant', (line.id = 'grid-selected'));
       }
       if (row?.color) line.style.color = row.color;
+      if (row?.bold) line.style.fontWeight = 'bold';
+      if (row?.italic) line.style.fontStyle = 'italic';
       line.append(gutter(row?.bookmarked ? '★' : '', 'gridcell', row?.bookmarked ? 'Bookmarked' : undefined));
       visible.forEach((layout, i) => {
         const cell = el('div', 'grid-cell');

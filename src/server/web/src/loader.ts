@@ -1,5 +1,9 @@
 // Opening more logs: a folder browser over the server's --root folders, the load's
 // progress as the server streams it, Cancel, and Refresh for newer events.
+//
+// The event stream is open only while a load runs: a browser allows six connections to
+// one server, and a stream open for the page's whole life would take one of them in
+// every tab.
 import { api } from './api';
 
 interface Entry { name: string; path: string; folder: boolean; size?: number }
@@ -14,6 +18,7 @@ export class Loader {
   private progressText: HTMLElement;
   private cancel: HTMLButtonElement;
   private notices: HTMLElement;
+  private stream: EventSource | null = null;
 
   constructor(bar: HTMLElement, notices: HTMLElement) {
     this.notices = notices;
@@ -57,14 +62,39 @@ export class Loader {
     this.cancel.hidden = true;
     this.cancel.addEventListener('click', () => void api.cancel());
     bar.append(open, refresh, this.progress, this.progressText, this.cancel);
-
-    const events = new EventSource('/api/events');
-    events.onmessage = (e) => this.message(JSON.parse(e.data));
   }
 
-  private async start(call: () => Promise<unknown>): Promise<void> {
+  // Follows a load that runs already (one started before the page opened): its messages
+  // after number AFTER.
+  follow(after: number): void {
+    this.stream?.close();
+    const stream = new EventSource(`/api/events?after=${after}`);
+    stream.onmessage = (e) => this.message(JSON.parse(e.data));
+    stream.onerror = () => {
+      // Refused (too many streams) or the server has gone: the end of the load is
+      // polled for instead.
+      if (stream.readyState !== EventSource.CLOSED || this.stream !== stream) return;
+      this.stream = null;
+      void this.pollUntilLoaded();
+    };
+    this.stream = stream;
+  }
+
+  private async pollUntilLoaded(): Promise<void> {
+    for (;;) {
+      await new Promise((resolve) => setTimeout(resolve, 1000));
+      try {
+        if (!(await api.info()).loading) break;
+      } catch {
+        // 503 while the store is written: still loading
+      }
+    }
+    this.message({ type: 'loaded', notices: [], cancelled: false });
+  }
+
+  private async start(call: () => Promise<{ events: number }>): Promise<void> {
     try {
-      await call();
+      this.follow((await call()).events);
     } catch (e) {
       this.notify([(e as Error).message]);
     }
@@ -83,6 +113,8 @@ export class Loader {
     } else if (m.type === 'alert') {
       this.notify([`Alert: ${m.text}`]);
     } else if (m.type === 'loaded') {
+      this.stream?.close();
+      this.stream = null;
       this.progress.hidden = true;
       this.cancel.hidden = true;
       this.progressText.textContent = m.cancelled ? 'Load cancelled' : '';

@@ -53,6 +53,9 @@ async function start(): Promise<void> {
   };
   grid.onCount = () => showStatus(false);
   grid.onBusy = showStatus;
+  grid.onError = (message) => {
+    status.textContent = `This view cannot be shown: ${message}`;
+  };
   grid.onSelect = (row) => void details.select(row);
   grid.setColumns(info.columns);
   view.onChange(() => void stats.refresh());
@@ -77,11 +80,29 @@ async function start(): Promise<void> {
     void stats.refresh();
   });
   byId<HTMLInputElement>('only-bookmarks').addEventListener('change', (e) => view.setBookmarked((e.target as HTMLInputElement).checked));
-  byId('export').addEventListener('click', () => {
-    const link = document.createElement('a');
-    link.href = api.exportUrl(view.query, byId<HTMLSelectElement>('export-format').value);
-    link.download = '';
-    link.click();
+  byId('export').addEventListener('click', async () => {
+    // The view is checked first: the download itself has no page to show an error on.
+    try {
+      await api.rows(view.query, 0, 1);
+    } catch (e) {
+      status.textContent = `Export: ${(e as Error).message}`;
+      return;
+    }
+    // Sent as a form by POST: a view of many chosen names is too long for an address.
+    const form = document.createElement('form');
+    form.method = 'post';
+    form.action = '/api/export';
+    form.hidden = true;
+    for (const [name, value] of [['format', byId<HTMLSelectElement>('export-format').value], ['view', JSON.stringify(view.query)]]) {
+      const field = document.createElement('input');
+      field.type = 'hidden';
+      field.name = name;
+      field.value = value;
+      form.append(field);
+    }
+    document.body.append(form);
+    form.submit();
+    form.remove();
   });
   grid.onBookmarks = (count) => {
     bookmarks = count;
@@ -100,6 +121,7 @@ async function start(): Promise<void> {
     await grid.reload(true);
     void stats.refresh();
   };
+  if (info.loading) loader.follow(info.loadEvents ?? 0);
   await Promise.all([grid.reload(false, firstPage), fillZones()]);
   if (!loading) byId('grid').focus();
 }
