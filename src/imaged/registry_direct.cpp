@@ -28,22 +28,11 @@ constexpr size_t MaxStringUnits = 1024;   // the original reader's buffer, in UT
 constexpr size_t MaxKeyNameChars = 257;   // its key name buffer
 constexpr size_t MaxValueNameChars = 512; // its value name buffer
 
-// Decodes one UTF-8 sequence at AText[APos]; advances APos. Invalid bytes give -1.
+// Decodes one UTF-8 sequence at AText[APos]; advances APos. An invalid byte gives -1.
 int32_t NextCodePoint(const std::string& AText, size_t& APos) {
-  auto byte = [&](size_t i) { return static_cast<uint8_t>(AText[i]); };
-  uint8_t lead = byte(APos++);
-  if (lead < 0x80) return lead;
-  int extra = lead >= 0xF0 && lead < 0xF5 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC2 && lead < 0xE0 ? 1 : -1;
-  if (extra < 0 || APos + static_cast<size_t>(extra) > AText.size()) return -1;
-  int32_t cp = lead & (0x3F >> extra);
-  for (int i = 0; i < extra; ++i) {
-    uint8_t next = byte(APos);
-    if ((next & 0xC0) != 0x80) return -1;
-    cp = (cp << 6) | (next & 0x3F);
-    ++APos;
-  }
-  static constexpr int32_t MinForLength[] = {0, 0x80, 0x800, 0x10000};
-  if (cp < MinForLength[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp < 0xE000)) return -1;
+  size_t length = 1;
+  const int32_t cp = DecodeUtf8At(AText, APos, length);
+  APos += length;
   return cp;
 }
 

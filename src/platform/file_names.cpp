@@ -66,24 +66,6 @@ char32_t SmallLetter(char32_t c) {
   return c;
 }
 
-void AppendUtf8(std::string& AOut, char32_t c) {
-  if (c < 0x80) {
-    AOut.push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    AOut.push_back(static_cast<char>(0xC0 | (c >> 6)));
-    AOut.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    AOut.push_back(static_cast<char>(0xE0 | (c >> 12)));
-    AOut.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    AOut.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    AOut.push_back(static_cast<char>(0xF0 | (c >> 18)));
-    AOut.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    AOut.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    AOut.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
-
 } // namespace
 
 std::string FoldCase(std::string_view AName) {
@@ -96,21 +78,15 @@ std::string FoldCase(std::string_view AName) {
       ++i;
       continue;
     }
-    // A well-formed sequence of two to four bytes is folded; any other byte is kept.
-    const size_t length = c >= 0xF0 && c <= 0xF4 ? 4 : c >= 0xE0 ? 3 : c >= 0xC2 ? 2 : 0;
-    char32_t cp = length == 4 ? c & 0x07 : length == 3 ? c & 0x0F : c & 0x1F;
-    bool valid = length != 0 && c < 0xF5 && i + length <= AName.size();
-    for (size_t k = 1; valid && k < length; ++k) {
-      const unsigned char next = static_cast<unsigned char>(AName[i + k]);
-      valid = (next & 0xC0) == 0x80;
-      cp = (cp << 6) | (next & 0x3F);
-    }
-    if (!valid || (length == 3 && cp < 0x800) || (length == 4 && (cp < 0x10000 || cp > 0x10FFFF))) {
+    // A well-formed sequence is folded; any other byte is kept.
+    size_t length = 1;
+    const int32_t cp = DecodeUtf8At(AName, i, length);
+    if (cp < 0) {
       folded.push_back(static_cast<char>(c));
       ++i;
       continue;
     }
-    AppendUtf8(folded, SmallLetter(cp));
+    AppendUtf8(folded, SmallLetter(static_cast<char32_t>(cp)));
     i += length;
   }
   return folded;

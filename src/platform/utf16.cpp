@@ -264,4 +264,40 @@ size_t Utf16Length(std::string_view AText) {
   return units;
 }
 
+int32_t DecodeUtf8At(std::string_view AText, size_t AAt, size_t& ALength) {
+  ALength = 1;
+  const unsigned char lead = static_cast<unsigned char>(AText[AAt]);
+  if (lead < 0x80) return lead;
+  const size_t extra = lead >= 0xF0 && lead < 0xF5 ? 3 : lead >= 0xE0 && lead < 0xF0 ? 2 : lead >= 0xC2 && lead < 0xE0 ? 1 : 0;
+  if (extra == 0 || AAt + extra >= AText.size()) return -1;
+  int32_t cp = lead & (0x3F >> extra);
+  for (size_t k = 1; k <= extra; ++k) {
+    const unsigned char next = static_cast<unsigned char>(AText[AAt + k]);
+    if ((next & 0xC0) != 0x80) return -1;
+    cp = (cp << 6) | (next & 0x3F);
+  }
+  static constexpr int32_t kShortest[] = {0, 0x80, 0x800, 0x10000};
+  if (cp < kShortest[extra] || cp > 0x10FFFF || (cp >= 0xD800 && cp < 0xE000)) return -1;
+  ALength = extra + 1;
+  return cp;
+}
+
+void AppendUtf8(std::string& AOut, uint32_t ACp) {
+  if (ACp < 0x80) {
+    AOut.push_back(static_cast<char>(ACp));
+  } else if (ACp < 0x800) {
+    AOut.push_back(static_cast<char>(0xC0 | (ACp >> 6)));
+    AOut.push_back(static_cast<char>(0x80 | (ACp & 0x3F)));
+  } else if (ACp < 0x10000) {
+    AOut.push_back(static_cast<char>(0xE0 | (ACp >> 12)));
+    AOut.push_back(static_cast<char>(0x80 | ((ACp >> 6) & 0x3F)));
+    AOut.push_back(static_cast<char>(0x80 | (ACp & 0x3F)));
+  } else {
+    AOut.push_back(static_cast<char>(0xF0 | (ACp >> 18)));
+    AOut.push_back(static_cast<char>(0x80 | ((ACp >> 12) & 0x3F)));
+    AOut.push_back(static_cast<char>(0x80 | ((ACp >> 6) & 0x3F)));
+    AOut.push_back(static_cast<char>(0x80 | (ACp & 0x3F)));
+  }
+}
+
 } // namespace qvx

@@ -31,4 +31,10 @@ std::u16string Utf8ToUtf16(std::string_view AText);
 // Number of UTF-16 code units the UTF-8 text takes (invalid bytes count as one unit each).
 size_t Utf16Length(std::string_view AText);
 
+// The code point of the UTF-8 sequence at AText[AAt], ALength its byte count; -1 with
+// ALength 1 when the bytes there are no valid shortest-form sequence (nor a surrogate).
+int32_t DecodeUtf8At(std::string_view AText, size_t AAt, size_t& ALength);
+// Appends code point ACp (at most U+10FFFF) as UTF-8.
+void AppendUtf8(std::string& AOut, uint32_t ACp);
+
 } // namespace qvx

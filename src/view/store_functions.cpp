@@ -2,6 +2,7 @@
 
 #include "filter/event_filter.h"
 #include "filter/pcre2_pattern.h"
+#include "platform/utf16.h"
 
 #include <pugixml.hpp>
 #include <sqlite3.h>
@@ -26,65 +27,9 @@ std::atomic<uint64_t> GCompileCount{0};
 // Decodes the code point at AText[AAt]; ALength is its byte count. A byte that does not
 // start a valid, shortest-form sequence is returned as itself with length 1 and AValid false.
 uint32_t DecodeAt(std::string_view AText, size_t AAt, size_t& ALength, bool& AValid) {
-  const auto byte = [&](size_t AIndex) { return static_cast<unsigned char>(AText[AIndex]); };
-  const unsigned char lead = byte(AAt);
-  ALength = 1;
-  AValid = true;
-  if (lead < 0x80) return lead;
-  size_t count = 0;
-  uint32_t cp = 0, min = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    count = 1;
-    cp = lead & 0x1Fu;
-    min = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    count = 2;
-    cp = lead & 0x0Fu;
-    min = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    count = 3;
-    cp = lead & 0x07u;
-    min = 0x10000;
-  } else {
-    AValid = false;
-    return lead;
-  }
-  if (count > AText.size() - AAt - 1) {
-    AValid = false;
-    return lead;
-  }
-  for (size_t i = 1; i <= count; ++i) {
-    const unsigned char next = byte(AAt + i);
-    if ((next & 0xC0) != 0x80) {
-      AValid = false;
-      return lead;
-    }
-    cp = (cp << 6) | (next & 0x3Fu);
-  }
-  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-    AValid = false;
-    return lead;
-  }
-  ALength = count + 1;
-  return cp;
-}
-
-void AppendUtf8(std::string& AOut, uint32_t ACp) {
-  if (ACp < 0x80) {
-    AOut.push_back(static_cast<char>(ACp));
-  } else if (ACp < 0x800) {
-    AOut.push_back(static_cast<char>(0xC0 | (ACp >> 6)));
-    AOut.push_back(static_cast<char>(0x80 | (ACp & 0x3F)));
-  } else if (ACp < 0x10000) {
-    AOut.push_back(static_cast<char>(0xE0 | (ACp >> 12)));
-    AOut.push_back(static_cast<char>(0x80 | ((ACp >> 6) & 0x3F)));
-    AOut.push_back(static_cast<char>(0x80 | (ACp & 0x3F)));
-  } else {
-    AOut.push_back(static_cast<char>(0xF0 | (ACp >> 18)));
-    AOut.push_back(static_cast<char>(0x80 | ((ACp >> 12) & 0x3F)));
-    AOut.push_back(static_cast<char>(0x80 | ((ACp >> 6) & 0x3F)));
-    AOut.push_back(static_cast<char>(0x80 | (ACp & 0x3F)));
-  }
+  const int32_t cp = DecodeUtf8At(AText, AAt, ALength);
+  AValid = cp >= 0;
+  return AValid ? static_cast<uint32_t>(cp) : static_cast<unsigned char>(AText[AAt]);
 }
 
 // The upper case of a code point by the built-in table (see the header); always a code
@@ -142,24 +87,6 @@ void UpperInto(std::string_view AText, std::string& AOut) {
 }
 
 // UTF-16 code units of AText (an invalid byte counts 1).
-int64_t Utf16Length(std::string_view AText) {
-  int64_t units = 0;
-  size_t at = 0;
-  while (at < AText.size()) {
-    if (static_cast<unsigned char>(AText[at]) < 0x80) {
-      ++units;
-      ++at;
-      continue;
-    }
-    size_t length = 1;
-    bool valid = true;
-    const uint32_t cp = DecodeAt(AText, at, length, valid);
-    units += valid && cp >= 0x10000 ? 2 : 1;
-    at += length;
-  }
-  return units;
-}
-
 bool IsBlank(char c) {
   return static_cast<unsigned char>(c) <= 0x20;
 }
@@ -826,14 +753,14 @@ int64_t MyInStr(std::string_view AText, std::string_view APart, bool ACaseSensit
   if (APart.empty()) return 0;
   if (ACaseSensitive) {
     const size_t at = AText.find(APart);
-    return at == std::string_view::npos ? 0 : Utf16Length(AText.substr(0, at)) + 1;
+    return at == std::string_view::npos ? 0 : static_cast<int64_t>(Utf16Length(AText.substr(0, at))) + 1;
   }
   TFoldBuffers& buffers = FoldBuffers();
   UpperInto(AText, buffers.A);
   UpperInto(APart, buffers.B);
   const size_t at = buffers.A.find(buffers.B);
   // The table keeps UTF-16 lengths, so units of the upper-cased prefix are units of the text.
-  return at == std::string::npos ? 0 : Utf16Length(std::string_view(buffers.A).substr(0, at)) + 1;
+  return at == std::string::npos ? 0 : static_cast<int64_t>(Utf16Length(std::string_view(buffers.A).substr(0, at))) + 1;
 }
 
 bool MySameStr(std::string_view AText, std::string_view AValue, bool ACaseSensitive) {
