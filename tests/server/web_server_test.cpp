@@ -26,6 +26,22 @@ namespace {
 
 using nlohmann::json;
 
+// A folder of its own for a test, made empty and removed at the end.
+struct TScratchFolder {
+  explicit TScratchFolder(const std::string& AName)
+      : Path(std::filesystem::temp_directory_path() / ("qvx-web-" + AName + "-" + std::to_string(::getpid()))) {
+    std::filesystem::remove_all(Path);
+    std::filesystem::create_directories(Path);
+  }
+  ~TScratchFolder() {
+    std::error_code error;
+    std::filesystem::remove_all(Path, error);
+  }
+  TScratchFolder(const TScratchFolder&) = delete;
+  TScratchFolder& operator=(const TScratchFolder&) = delete;
+  std::filesystem::path Path;
+};
+
 class WebServer : public ::testing::Test {
 protected:
   static void SetUpTestSuite() {
@@ -431,8 +447,8 @@ std::string Escape(const std::string& AText) {
 // Loading from the page: the folders the server was given, nothing outside them, the
 // load on its own thread with its events streamed, the store answering after it.
 TEST(WebServerLoading, ListsLoadsAndRefusesOutsideTheRoots) {
-  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-load-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(folder);
+  const TScratchFolder scratch("load");
+  const std::filesystem::path& folder = scratch.Path;
   std::filesystem::create_directories(folder / "logs");
   WriteDemoLog((folder / "first.evtx").string());
   WriteDemoLog((folder / "logs" / "more.evtx").string());
@@ -588,9 +604,8 @@ namespace {
 // detection of a level, and the detections of an event with their author.
 TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
   using nlohmann::json;
-  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-sigma-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(folder);
-  std::filesystem::create_directories(folder);
+  const TScratchFolder scratch("sigma");
+  const std::filesystem::path& folder = scratch.Path;
   WriteDemoLog((folder / "demo.evtx").string());
   {
     std::ofstream rule(folder / "failed.yml");
@@ -630,9 +645,8 @@ TEST(WebServerDetections, LevelsOfRowsAndTheDetectionsTab) {
 // A refresh adds newer events: in the order of a view without a sort (newest first, as
 // loaded) they come before the events loaded earlier, and the API reads them by their ids.
 TEST(WebServerRefresh, NewerEventsComeFirst) {
-  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-refresh-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(folder);
-  std::filesystem::create_directories(folder);
+  const TScratchFolder scratch("refresh");
+  const std::filesystem::path& folder = scratch.Path;
   const std::string log = (folder / "d.evtx").string();
   WriteDemoLog(log, 1000);
   app::TStoreOptions options;
@@ -671,9 +685,8 @@ TEST(WebServerRefresh, NewerEventsComeFirst) {
 // A log that the store holds already, named again however its path is written, is
 // skipped with a notice: its events are not in the store twice.
 TEST(WebServerRefresh, ALogInTheStoreIsNotLoadedTwice) {
-  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-twice-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(folder);
-  std::filesystem::create_directories(folder);
+  const TScratchFolder scratch("twice");
+  const std::filesystem::path& folder = scratch.Path;
   const std::string log = (folder / "d.evtx").string();
   WriteDemoLog(log);
   app::TStoreOptions options;
@@ -705,9 +718,8 @@ TEST(WebServerRefresh, ALogInTheStoreIsNotLoadedTwice) {
 
 // A damaged store is refused in one line, before anything is written to it.
 TEST(WebServerStore, ADamagedStoreIsRefusedUnchanged) {
-  const auto folder = std::filesystem::temp_directory_path() / ("qvx-web-damaged-" + std::to_string(::getpid()));
-  std::filesystem::remove_all(folder);
-  std::filesystem::create_directories(folder);
+  const TScratchFolder scratch("damaged");
+  const std::filesystem::path& folder = scratch.Path;
   WriteDemoLog((folder / "d.evtx").string(), 3000);
   app::TStoreOptions options;
   options.Logs = {(folder / "d.evtx").string()};
