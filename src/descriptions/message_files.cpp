@@ -239,6 +239,9 @@ bool TMessageFiles::LoadModule(std::string_view APath, TPeMessageSource& AModule
     path = SysWow64Path(APath);
     loaded = !path.empty() && TryLoad(path, AModule);
   }
+  if (!loaded && ReportMissing && FPaths.ResolveFile(std::string(APath)).empty())
+    Report(std::string(APath), "Message file " + NativeSeparators(APath) +
+                                   " is not there: events that need it have no description");
   if (!loaded || AModule.HasMessageTable() || !ASatellite) return loaded;
   // The messages of a system module live in its language satellite:
   // <folder>\<language>\<file>.mui, in the computer's UI languages, then en-US.

@@ -145,6 +145,9 @@ public:
 
   // Receives problems with message files, once per file.
   std::function<void(const std::string&)> OnIssue;
+  // A registered message file that is not there is a problem too (readers of logs say so
+  // among what they met; a catalog build lists the missing files itself).
+  bool ReportMissing = false;
   // Files opened so far (satellites included); for tests and measurements.
   uint64_t ModulesLoaded() const { return FModulesLoaded; }
   TPathResolver& Paths() { return FPaths; }

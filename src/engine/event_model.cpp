@@ -228,6 +228,7 @@ void TEventLogBase::SetImagedDescrServer(TImagedPC* AComputer) {
     FTimeZonesRead = true;
   }
   AComputer->MessageFiles().OnIssue = [this](const std::string& AText) { FIssueList->AddIssue(AText); };
+  AComputer->MessageFiles().ReportMissing = true;
   RebuildOfflineServers();
 }
 
