@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <utility>
 
 namespace qvx {
 
@@ -145,14 +146,14 @@ bool FileExists(const std::string& APath) {
   return std::filesystem::exists(APath, error);
 }
 
-// A set of segment files or split raw pieces found by name stops at the first one missing: a piece
-// beyond it means the one in between is lost, and the data after it would shift.
-void CheckNoGap(const std::string& AImage, const std::string& ALast, const char* APiece) {
+// A set of segment files or split raw pieces found by name stops at the first one
+// missing: a piece beyond it means the one in between is lost. What to say of it, or "".
+std::string GapNote(const std::string& ALast, const char* APiece) {
   const std::string missing = NextSegmentName(ALast);
-  if (missing.empty() || FileExists(missing)) return;
+  if (missing.empty() || FileExists(missing)) return {};
   const std::string after = NextSegmentName(missing);
-  if (!after.empty() && FileExists(after))
-    RaiseImageError(AImage, kNoOffset, std::string(APiece) + " " + FileNameOf(missing) + " is missing (" + FileNameOf(after) + " follows it)");
+  if (after.empty() || !FileExists(after)) return {};
+  return std::string(APiece) + " " + FileNameOf(missing) + " is missing (" + FileNameOf(after) + " follows it)";
 }
 
 // --- EWF (libewf) -------------------------------------------------------------------
@@ -229,11 +230,11 @@ public:
     if (libewf_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, kNoOffset, "no media size");
     FMediaSize = size;
     // libewf opens a set whose later segment files are missing and reads their chunks
-    // as checksum errors; the set has to be whole to be read.
+    // as checksum errors: what the others hold is read, and the loss is told.
     if (count > 0 && libewf_handle_segment_files_corrupted(FHandle.Handle, &error) == 1)
-      RaiseImageError(FPath, kNoOffset, EwfMissingSegment(names[count - 1]));
+      FMissingPart = EwfMissingSegment(names[count - 1]);
     libewf_error_free(&error);
-    if (count > 0) CheckNoGap(FPath, names[count - 1], "segment file");
+    if (count > 0 && FMissingPart.empty()) FMissingPart = GapNote(names[count - 1], "segment file");
     uint32_t sectorSize = 0;
     if (libewf_handle_get_bytes_per_sector(FHandle.Handle, &sectorSize, &error) == 1 && sectorSize > 0) FSectorSize = sectorSize;
     libewf_error_free(&error);
@@ -256,6 +257,8 @@ public:
   std::vector<std::string> TakeWarnings() override {
     std::lock_guard<std::mutex> lock(FLock);
     std::vector<std::string> warnings;
+    if (!FMissingPart.empty() && !std::exchange(FMissingTold, true))
+      warnings.push_back(FPath + ": " + FMissingPart + "; reading what the others hold");
     libewf_error_t* error = nullptr;
     uint32_t count = 0;
     if (libewf_handle_get_number_of_checksum_errors(FHandle.Handle, &count, &error) != 1) {
@@ -440,10 +443,16 @@ public:
     FSegments = count > 1 ? count : 0;
     if (libsmraw_handle_initialize(&FHandle.Handle, &error) != 1) Fail(error, "cannot set up the split raw reader");
     if (libsmraw_handle_open(FHandle.Handle, names, count, LIBSMRAW_OPEN_READ, &error) != 1) Fail(error, "cannot open the pieces");
-    if (count > 0) CheckNoGap(FPath, names[count - 1], "piece");
     size64_t size = 0;
     if (libsmraw_handle_get_media_size(FHandle.Handle, &size, &error) != 1) Fail(error, "no media size");
     FMediaSize = size;
+    // The pieces before a missing one are read; those after it cannot be placed.
+    if (count > 0) FMissingPart = GapNote(names[count - 1], "piece");
+  }
+  std::vector<std::string> TakeWarnings() override {
+    std::lock_guard<std::mutex> lock(FLock);
+    if (FMissingPart.empty() || std::exchange(FMissingTold, true)) return {};
+    return {FPath + ": " + FMissingPart + "; reading the " + std::to_string(FMediaSize) + " bytes before it"};
   }
   size_t ReadAt(uint64_t AOffset, void* ABuffer, size_t ALength) const override {
     if (AOffset >= FMediaSize) return 0;

@@ -39,11 +39,15 @@ public:
   int SegmentFiles() const { return FSegments; }
 
   // What reads since the last call met in the media data and read through anyway
-  // (ranges of an E01 whose chunks fail their checksum), one line each, each range once.
+  // (ranges of an E01 whose chunks fail their checksum), one line each, each range once;
+  // a segment file or piece missing from the set is told first.
   virtual std::vector<std::string> TakeWarnings() { return {}; }
+  // The segment file or piece missing from the set ("segment file disk.E05 is missing
+  // (disk.E04 says more follow)"), or "": what the others hold is read, and a file that
+  // cannot be found or read may lie in it.
+  const std::string& MissingPart() const { return FMissingPart; }
 
-  // Opens APath as AFormat. Raises EImageError naming the file and the problem (a
-  // segment file or piece of the set missing too).
+  // Opens APath as AFormat. Raises EImageError naming the file and the problem.
   static std::unique_ptr<TContainer> Open(const std::string& APath, TContainerFormat AFormat);
 
 protected:
@@ -53,6 +57,8 @@ protected:
   uint64_t FMediaSize = 0;
   std::string FStoredHash;
   int FSegments = 0;
+  std::string FMissingPart;
+  bool FMissingTold = false;
 };
 
 } // namespace qvx

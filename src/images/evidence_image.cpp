@@ -269,7 +269,10 @@ std::shared_ptr<TNtfsVolume> TEvidenceImage::Ntfs(const TImageVolume& AVolume) {
     RaiseImageError(VolumeName(AVolume), AVolume.Offset,
                     AVolume.FileSystem.empty() ? "no NTFS file system" : AVolume.FileSystem + " volume, not NTFS");
   // What a truncated image lacks is named with each file that cannot be found or read.
-  const std::string missing = AVolume.CutShort ? "the volume runs past the end of the image (the image is truncated)" : "";
+  const std::string& lost = FContainer->MissingPart();
+  const std::string missing = !lost.empty()   ? lost
+                              : AVolume.CutShort ? "the volume runs past the end of the image (the image is truncated)"
+                                                 : "";
   std::shared_ptr<TNtfsVolume> volume;
   try {
     volume = TNtfsVolume::Open(VolumeStream(AVolume), VolumeName(AVolume));
