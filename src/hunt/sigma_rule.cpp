@@ -237,26 +237,37 @@ bool IsWordChar(unsigned char AChar) {
   return std::isalnum(AChar) || AChar == '_' || AChar >= 0x80;
 }
 
-// Command line switches written with each dash Windows programs accept: a '-' or '/'
-// that begins a word becomes, in turn, each of them.
-std::vector<std::string> WindashVariants(const std::string& AValue) {
-  static const char* const kDashes[] = {"-", "/", "\xE2\x80\x93", "\xE2\x80\x94", "\xE2\x80\x95"};
+// Command line switches written with each dash Windows programs accept: every '-' or '/'
+// that begins a word becomes each of them, independently of the others (a command line
+// may mix "-s" and "/i"), so N such dashes give 5^N forms. Empty when that is more than
+// AMax forms.
+constexpr size_t kMaxValueForms = 4096;
+std::vector<std::string> WindashVariants(const std::string& AValue, size_t AMax) {
+  static constexpr std::string_view kDashes[] = {"-", "/", "\xE2\x80\x93", "\xE2\x80\x94", "\xE2\x80\x95"};
+  constexpr size_t kDashCount = std::size(kDashes);
   std::vector<size_t> at;
+  size_t forms = 1;
   for (size_t i = 0; i < AValue.size(); ++i)
     if ((AValue[i] == '-' || AValue[i] == '/') && (i == 0 || !IsWordChar(AValue[i - 1])) && i + 1 < AValue.size() &&
-        IsWordChar(AValue[i + 1]))
+        IsWordChar(AValue[i + 1])) {
       at.push_back(i);
-  if (at.empty()) return {AValue};
+      forms *= kDashCount;
+      if (forms > AMax) return {};
+    }
   std::vector<std::string> out;
-  for (const char* dash : kDashes) {
+  out.reserve(forms);
+  // Each form's dashes are the digits of its number in base 5, the first dash the lowest.
+  for (size_t form = 0; form < forms; ++form) {
     std::string variant;
-    size_t from = 0;
+    variant.reserve(AValue.size() + 2 * at.size());
+    size_t from = 0, digits = form;
     for (const size_t i : at) {
-      variant.append(AValue, from, i - from).append(dash);
+      variant.append(AValue, from, i - from).append(kDashes[digits % kDashCount]);
+      digits /= kDashCount;
       from = i + 1;
     }
     variant.append(AValue, from);
-    if (std::find(out.begin(), out.end(), variant) == out.end()) out.push_back(std::move(variant));
+    out.push_back(std::move(variant));
   }
   return out;
 }
@@ -539,7 +550,12 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     std::vector<std::string> next;
     for (const std::string& value : variants) {
       if (transform == "windash") {
-        for (std::string& v : WindashVariants(value)) next.push_back(std::move(v));
+        std::vector<std::string> forms =
+            WindashVariants(value, kMaxValueForms - std::min(next.size(), kMaxValueForms));
+        if (forms.empty())
+          Fail(line, "windash makes too many forms of a value (5 for each of its dashes, the limit is " +
+                         std::to_string(kMaxValueForms) + " in all)");
+        for (std::string& v : forms) next.push_back(std::move(v));
         continue;
       }
       // An encoded value is literal: its wildcards and escapes are read first.
@@ -557,7 +573,9 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     }
     encoded = encoded || transform != "windash";
     variants = std::move(next);
-    if (variants.size() > 4096) Fail(line, "the modifiers make too many forms of a value");
+    if (variants.size() > kMaxValueForms)
+      Fail(line,
+           "the modifiers make too many forms of a value (the limit is " + std::to_string(kMaxValueForms) + ")");
   }
   for (const std::string& value : variants) AddTextTest(AMods, value, !encoded, AKeyword, AOut);
 }

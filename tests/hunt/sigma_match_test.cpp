@@ -88,6 +88,30 @@ TEST(SigmaModifiers, Windash) {
   EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\certutil.exe", "certutil urlcache x")));
 }
 
+// Each dash of a value takes every form by itself: a command line may mix them.
+TEST(SigmaModifiers, WindashMixesDashes) {
+  const std::string rule = RuleText("  sel:\n    CommandLine|windash|contains: ' -s -i cmd'\n  condition: sel\n");
+  for (const char* line : {"psexec.exe -accepteula -s -i cmd.exe", "psexec.exe /accepteula /s /i cmd.exe",
+                           "psexec.exe -accepteula /s -i cmd.exe", "psexec.exe -accepteula -s /i cmd.exe",
+                           "psexec.exe \xE2\x80\x94s \xE2\x80\x95i cmd.exe", "psexec.exe /s \xE2\x80\x93i cmd.exe"})
+    EXPECT_TRUE(Matches(rule, ProcessEvent("C:\\PsExec.exe", line))) << line;
+  EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\PsExec.exe", "psexec.exe -i -s cmd.exe")));
+  EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\PsExec.exe", "psexec.exe s -i cmd.exe")));
+}
+
+// Five dashes make 3125 forms; six would make 15625, past the limit of 4096: the rule is
+// refused with the reason, not cut short.
+TEST(SigmaModifiers, WindashFormsAreBounded) {
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|windash|contains: '-a -b -c -d -e'\n  condition: sel\n"),
+                      ProcessEvent("C:\\x.exe", "x.exe /a -b \xE2\x80\x93" "c /d -e")));
+  const THuntOutcome outcome =
+      Hunt({RuleText("  sel:\n    CommandLine|windash|contains: '-a -b -c -d -e -f'\n  condition: sel\n")},
+           {ProcessEvent("C:\\x.exe", "x.exe -a -b -c -d -e -f")});
+  ASSERT_EQ(outcome.Unusable.size(), 1u);
+  EXPECT_NE(outcome.Unusable[0].Reason.find("windash makes too many forms of a value"), std::string::npos)
+      << outcome.Unusable[0].Reason;
+}
+
 TEST(SigmaModifiers, Cidr) {
   const std::string net = "    product: windows\n    category: network_connection\n";
   const TEvtxEventDraft v4 = HuntEvent(kSysmonChannel, 3, {{"DestinationIp", "10.1.2.3"}});
