@@ -395,7 +395,10 @@ private:
   // '\' escapes are read.
   void AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
                    std::vector<TValueTest>& AOut);
-  TFieldTest CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword);
+  // The tests of one key of a map (one, or with all over values of several forms, one per
+  // value), all of which must hold.
+  std::vector<TFieldTest> CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine,
+                                       bool& AKeyword);
   TSearch CompileSearch(const std::string& AName, const TYamlNode& AValue);
 
   // Condition parsing.
@@ -625,7 +628,8 @@ void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AVal
   AOut.push_back(std::move(test));
 }
 
-TFieldTest TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword) {
+std::vector<TFieldTest> TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine,
+                                                    bool& AKeyword) {
   std::vector<std::string> parts;
   size_t pos = 0;
   for (;;) {
@@ -641,9 +645,29 @@ TFieldTest TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode&
   TFieldTest test;
   test.All = mods.All;
   if (!AKeyword) test.Slot = SlotOf(field);
+  const bool expands = std::any_of(mods.Transforms.begin(), mods.Transforms.end(),
+                                   [](const std::string& A) { return A == "windash" || A == "base64offset"; });
+  if (mods.All && expands && AValue.IsList()) {
+    // Every listed value must match, in any of its forms: a test of its forms (any) per
+    // value, all of which the map needs. A value of one form joins the others' single test.
+    std::vector<TFieldTest> tests;
+    for (const TYamlNode& item : AValue.Items) {
+      if (item.IsList() || item.IsMap()) Fail(item.Line, "a value list may hold only plain values");
+      TFieldTest forms;
+      forms.Slot = test.Slot;
+      AddValueTest(mods, item, AKeyword, forms.Values);
+      if (forms.Values.size() == 1)
+        test.Values.push_back(std::move(forms.Values[0]));
+      else
+        tests.push_back(std::move(forms));
+    }
+    if (!test.Values.empty() || tests.empty()) tests.insert(tests.begin(), std::move(test));
+    if (tests[0].Values.empty()) Fail(ALine, "'" + AKey + "' has an empty list of values");
+    return tests;
+  }
   AddValueTests(mods, AValue, AKeyword, test.Values);
   if (test.Values.empty()) Fail(ALine, "'" + AKey + "' has an empty list of values");
-  return test;
+  return {std::move(test)};
 }
 
 TSearch TRuleCompiler::CompileSearch(const std::string& AName, const TYamlNode& AValue) {
@@ -654,11 +678,11 @@ TSearch TRuleCompiler::CompileSearch(const std::string& AName, const TYamlNode& 
     std::vector<TFieldTest> keywords;
     for (const auto& [key, value] : AMap.Entries) {
       bool keyword = false;
-      TFieldTest test = CompileField(key, value, value.Line ? value.Line : AMap.Line, keyword);
+      std::vector<TFieldTest> tests = CompileField(key, value, value.Line ? value.Line : AMap.Line, keyword);
       if (keyword) {
         TSearchAlt kw;
         kw.Keywords = true;
-        kw.Fields.push_back(std::move(test));
+        kw.Fields = std::move(tests);
         // A field-less entry in a map is one more condition of the map: it becomes a
         // keyword alternative only when it stands alone.
         if (AMap.Entries.size() == 1) {
@@ -667,7 +691,7 @@ TSearch TRuleCompiler::CompileSearch(const std::string& AName, const TYamlNode& 
         }
         Fail(value.Line, "a keyword list mixed with fields in one map");
       }
-      alt.Fields.push_back(std::move(test));
+      for (TFieldTest& test : tests) alt.Fields.push_back(std::move(test));
     }
     if (alt.Fields.empty()) Fail(AMap.Line, "search '" + AName + "' is an empty map");
     search.Alts.push_back(std::move(alt));

@@ -99,6 +99,26 @@ TEST(SigmaModifiers, WindashMixesDashes) {
   EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\PsExec.exe", "psexec.exe s -i cmd.exe")));
 }
 
+// With all, every listed value must match in one of its forms, not every form of it.
+TEST(SigmaModifiers, AllOverValuesOfSeveralForms) {
+  const std::string dashes =
+      RuleText("  sel:\n    CommandLine|windash|contains|all:\n      - ' -s '\n      - ' -i '\n  condition: sel\n");
+  EXPECT_TRUE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec -s -i cmd")));
+  EXPECT_TRUE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec /i /s cmd")));
+  EXPECT_TRUE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec -i /s cmd")));
+  EXPECT_FALSE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec -s cmd")));
+  // A value of one form beside values of several.
+  const std::string mixed = RuleText(
+      "  sel:\n    CommandLine|windash|contains|all:\n      - ' -s '\n      - 'cmd'\n  condition: sel\n");
+  EXPECT_TRUE(Matches(mixed, ProcessEvent("C:\\PsExec.exe", "psexec /s cmd")));
+  EXPECT_FALSE(Matches(mixed, ProcessEvent("C:\\PsExec.exe", "psexec /s pwsh")));
+  const std::string encoded = RuleText(
+      "  sel:\n    CommandLine|base64offset|contains|all:\n      - 'Invoke-Mimikatz'\n      - 'DumpCreds'\n"
+      "  condition: sel\n");
+  EXPECT_TRUE(Matches(encoded, ProcessEvent("C:\\x.exe", "-enc SW52b2tlLU1pbWlrYXR6IC1EdW1wQ3JlZHM=")));
+  EXPECT_FALSE(Matches(encoded, ProcessEvent("C:\\x.exe", "-enc SW52b2tlLU1pbWlrYXR6IC1Gb28=")));
+}
+
 // Five dashes make 3125 forms; six would make 15625, past the limit of 4096: the rule is
 // refused with the reason, not cut short.
 TEST(SigmaModifiers, WindashFormsAreBounded) {
