@@ -598,11 +598,10 @@ void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AVal
                 : AMods.StartsWith ? TValueTest::vkStartsWith
                                    : TValueTest::vkEquals;
     test.Cased = AMods.Cased;
-    test.Needle = AValue;
-    if (!AMods.Cased)
-      for (char& c : test.Needle) c = FoldChar(c);
+    test.Needle = AMods.Cased ? AValue : FoldText(AValue);
   } else {
-    std::vector<TPatternChar> pattern = ParsePattern(AValue, AWildcards);
+    // (Folding first: it keeps '*', '?' and '\\' where they are, and folds every letter.)
+    std::vector<TPatternChar> pattern = ParsePattern(AMods.Cased ? AValue : FoldText(AValue), AWildcards);
     if (contains || AMods.EndsWith)
       if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
         pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});

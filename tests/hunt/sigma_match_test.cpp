@@ -48,6 +48,30 @@ TEST(SigmaWildcards, CaseIsIgnoredUnlessCased) {
   EXPECT_TRUE(Matches(RuleText("  sel:\n    Image|endswith|cased: '\\certutil.exe'\n  condition: sel\n"), kCertutil));
 }
 
+// Letters of other scripts meet their other case too (user names, folders), in every
+// kind of text test; cased still compares bytes.
+TEST(SigmaWildcards, CaseIsIgnoredBeyondAscii) {
+  const TEvtxEventDraft user = ProcessEvent("C:\\Users\\Müller\\Проект\\a.exe", "xäbc Σιγμα Հայ");
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|contains: 'ÄBC'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|contains: 'σΙΓΜΑ'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|endswith: 'հԱՅ'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    Image|startswith: 'C:\\USERS\\MÜLLER\\'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    Image: 'c:\\users\\mÜller\\пРОЕКТ\\A.EXE'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    Image: 'C:\\Users\\MÜ*\\ПРОЕКТ\\a.exe'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  keywords:\n    - 'ÄBC Σ'\n  condition: keywords\n"), user));
+  EXPECT_FALSE(Matches(RuleText("  sel:\n    CommandLine|contains|cased: 'ÄBC'\n  condition: sel\n"), user));
+  EXPECT_FALSE(Matches(RuleText("  sel:\n    CommandLine|contains: 'ÄBD'\n  condition: sel\n"), user));
+}
+
+// Folding keeps every byte in its place: the folded text is as long as the text, and
+// bytes that are no letter, or not well formed, stay as they are.
+TEST(SigmaWildcards, FoldingKeepsLengthAndPlaces) {
+  EXPECT_EQ(hunt::FoldText("AÄПႠＡZ"), "aäпⴀａz");
+  // capital I with dot (its small letter is shorter), an overlong form, cut sequences, an emoji
+  for (const std::string_view kept : {"İ", "\xE0\x83\x84", "\xC3", "\x84\xC3", "😀"})
+    EXPECT_EQ(hunt::FoldText(kept), kept);
+}
+
 TEST(SigmaNull, NullIsAbsentOrEmptyAndEmptyIsEmpty) {
   EXPECT_TRUE(Matches(RuleText("  sel:\n    OriginalFileName: null\n  condition: sel\n"), kCertutil)); // empty
   EXPECT_TRUE(Matches(RuleText("  sel:\n    Company: null\n  condition: sel\n"), kCertutil));          // absent
