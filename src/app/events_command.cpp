@@ -20,6 +20,17 @@
 
 namespace qvx::app {
 
+std::string TimeZoneProblem(const std::string& AZone) {
+  TEventLogBinXML probe; // (a source reads its zones from the machine as any other does)
+  try {
+    ApplyTimeZone(probe, AZone);
+  } catch (const std::invalid_argument& e) {
+    const std::string_view text = e.what();
+    return std::string(text.starts_with("--tz ") ? text.substr(5) : text);
+  }
+  return {};
+}
+
 void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone) {
   if (AZone.empty() || detail::EqualsNoCase(AZone, "local")) {
     ASource.SetTimeShift(1, 0, {});

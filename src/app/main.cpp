@@ -396,7 +396,9 @@ int main(int argc, char** argv) {
       ->delimiter(',');
   cmdHunt->add_option("-f,--format", huntFormat, "Output: table, csv or jsonl")
       ->check(CLI::IsMember({"table", "csv", "jsonl"}));
-  cmdHunt->add_option("--tz", hunt.TimeZone, "Time shift of the shown times (as for 'events')")->default_val("local");
+  cmdHunt->add_option("--tz", hunt.TimeZone, "Time shift of the shown times (as for 'events'; stores too)")
+      ->default_val("local")
+      ->check([](const std::string& AZone) { return TimeZoneProblem(AZone); }); // once, not per input
   cmdHunt->add_flag("--scan", hunt.Scan, "Deep-scan the inputs for event chunks (images, devices, damaged files)");
   cmdHunt->add_flag("--shadows", hunt.Shadows,
                     "For a disk image: also hunt in the logs of each Volume Shadow Copy of its installation volume");
