@@ -40,7 +40,22 @@ int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE*
                  "%zu message tables (%zu shared), %zu messages; languages %s; %.1f s\n",
                  AOptions.Output.c_str(), stats.Publishers, stats.ClassicSources, stats.Files, stats.FilesLoaded,
                  stats.Events, stats.Tables, stats.TablesShared, stats.Messages, languages.c_str(), seconds);
-    if (issues && AOptions.Quiet) std::fprintf(AErr, "%zu message files could not be read\n", issues);
+    // The files the registry names that are not there: the first few by name, then how
+    // many more (-q: only the counts).
+    constexpr size_t kMissingListed = 20;
+    const std::vector<std::string>& missing = stats.Missing;
+    if (!AOptions.Quiet) {
+      for (size_t i = 0; i < missing.size() && i < kMissingListed; ++i)
+        std::fprintf(AErr, "  not found: %s\n", missing[i].c_str());
+      if (missing.size() > kMissingListed)
+        std::fprintf(AErr, "  ... and %zu more message files not found (%zu in all)\n",
+                     missing.size() - kMissingListed, missing.size());
+    } else {
+      if (issues) std::fprintf(AErr, "%zu message files could not be read\n", issues);
+      if (!missing.empty())
+        std::fprintf(AErr, "%zu message file%s named by the registry %s not found\n", missing.size(),
+                     missing.size() == 1 ? "" : "s", missing.size() == 1 ? "was" : "were");
+    }
     return 0;
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());

@@ -241,7 +241,8 @@ int main(int argc, char** argv) {
                               "Message table languages in order of preference, such as en-US,de-DE\n"
                               "(default: the installation's UI languages)");
   cmdCatalogBuild->add_option("--name", catalog.Name, "The installation's name in the catalog (default: its product)");
-  cmdCatalogBuild->add_flag("-q,--quiet", catalog.Quiet, "Do not list the message files that cannot be read");
+  cmdCatalogBuild->add_flag("-q,--quiet", catalog.Quiet,
+                            "Do not list the message files that cannot be found or read (only count them)");
   cmdCatalogBuild->footer("The catalog holds every publisher and classic event source of the installation: names,\n"
                           "GUIDs, message files and versions, event definitions, task names and the message tables\n"
                           "of the chosen languages. Then: quorvex events LOG --catalog FILE  on any computer.");
