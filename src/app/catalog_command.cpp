@@ -13,10 +13,9 @@ namespace qvx::app {
 
 int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    if (AOptions.Live && !AOptions.Imaged.empty())
-      throw std::runtime_error("catalog build: --live and --imaged are mutually exclusive");
+    // (The command line has one of --imaged and --live: main checks it.)
     if (!AOptions.Live && AOptions.Imaged.empty())
-      throw std::runtime_error("catalog build: give --imaged DIR|IMAGE or --live");
+      throw std::runtime_error("catalog build: --imaged names no installation");
     // The running system: its live registry and its own disk, read as an installation is.
     const std::unique_ptr<TImagedPC> computer = AOptions.Live ? OpenLiveComputer() : OpenImaged(AOptions.Imaged);
     if (!computer)
@@ -94,8 +93,9 @@ int RunCatalogMerge(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE*
   try {
     MergeCatalogs(AOptions.Inputs, AOptions.Output);
     const TCatalogInfo info = ReadCatalogInfo(AOptions.Output);
-    std::fprintf(AOut, "%s: %zu origins, %lld message tables, %lld messages\n", AOptions.Output.c_str(),
-                 info.Origins.size(), static_cast<long long>(info.Tables), static_cast<long long>(info.Messages));
+    std::fprintf(AOut, "%s: %zu origin%s, %lld message tables, %lld messages\n", AOptions.Output.c_str(),
+                 info.Origins.size(), info.Origins.size() == 1 ? "" : "s", static_cast<long long>(info.Tables),
+                 static_cast<long long>(info.Messages));
     return 0;
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());

@@ -10,6 +10,7 @@
 #include "catalog/sqlite_handle.h"
 #include "descriptions/time_zones.h"
 #include "imaged/imaged_pc.h"
+#include "platform/file_names.h"
 #include "images/image_opener.h"
 #include "platform/nt_exception.h"
 
@@ -216,7 +217,18 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
     const std::filesystem::path absolute = std::filesystem::absolute(root, error);
     if (!error) root = absolute.string();
   }
-  computer->SetMapping(FindWindowsFolder(root));
+  const std::string windows = FindWindowsFolder(root);
+  if (!IsImageInput(APath) && TPathResolver().Resolve(windows + "/System32/config").empty()) {
+    // Neither the folder nor its Windows folder holds the hives: both places are named, as
+    // neither is the Windows folder the registry's paths would be read below.
+    std::string folder = root;
+    while (folder.size() > 1 && (folder.back() == '/' || folder.back() == '\\')) folder.pop_back();
+    throw std::runtime_error("--imaged " + APath + ": no Windows installation there (neither " + folder +
+                             "/System32/config nor " + folder +
+                             "/Windows/System32/config exists; give the installation's Windows folder or the drive "
+                             "it lies on)");
+  }
+  computer->SetMapping(windows);
   try {
     computer->SetActive(true);
   } catch (const EImagedPCException& e) {

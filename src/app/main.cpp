@@ -233,9 +233,15 @@ int main(int argc, char** argv) {
   auto* cmdCatalog = app.add_subcommand("catalog", "Build, show and merge message catalogs that describe events anywhere");
   cmdCatalog->require_subcommand(1);
   auto* cmdCatalogBuild = cmdCatalog->add_subcommand("build", "Write the message catalog of a Windows installation");
-  cmdCatalogBuild->add_option("--imaged", catalog.Imaged,
-                              "The installation: its Windows folder or the drive it lies on");
-  cmdCatalogBuild->add_flag("--live", catalog.Live, "The running Windows system (Windows only)");
+  auto* catalogImaged = cmdCatalogBuild->add_option("--imaged", catalog.Imaged,
+                                                    "The installation: its Windows folder or the drive it lies on");
+  auto* catalogLive = cmdCatalogBuild->add_flag("--live", catalog.Live, "The running Windows system (Windows only)");
+  catalogLive->excludes(catalogImaged);
+  // One of the two is the catalog's installation: without either the command line is wrong.
+  cmdCatalogBuild->parse_complete_callback([catalogImaged, catalogLive] {
+    if (!*catalogImaged && !*catalogLive)
+      throw CLI::ValidationError("--imaged", "the installation to read is needed: --imaged DIR|IMAGE, or --live");
+  });
   cmdCatalogBuild->add_option("-o,--output", catalog.Output, "The catalog file to write (replaced)")->required();
   cmdCatalogBuild->add_option("--lang", catalogLanguages,
                               "Message table languages in order of preference, such as en-US,de-DE\n"
