@@ -13,10 +13,9 @@ namespace qvx::app {
 
 int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE* AErr) {
   try {
-    if (AOptions.Live && !AOptions.Imaged.empty())
-      throw std::runtime_error("catalog build: --live and --imaged are mutually exclusive");
+    // (The command line has one of --imaged and --live: main checks it.)
     if (!AOptions.Live && AOptions.Imaged.empty())
-      throw std::runtime_error("catalog build: give --imaged DIR|IMAGE or --live");
+      throw std::runtime_error("catalog build: --imaged names no installation");
     // The running system: its live registry and its own disk, read as an installation is.
     const std::unique_ptr<TImagedPC> computer = AOptions.Live ? OpenLiveComputer() : OpenImaged(AOptions.Imaged);
     if (!computer)
@@ -40,7 +39,22 @@ int RunCatalogBuild(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE*
                  "%zu message tables (%zu shared), %zu messages; languages %s; %.1f s\n",
                  AOptions.Output.c_str(), stats.Publishers, stats.ClassicSources, stats.Files, stats.FilesLoaded,
                  stats.Events, stats.Tables, stats.TablesShared, stats.Messages, languages.c_str(), seconds);
-    if (issues && AOptions.Quiet) std::fprintf(AErr, "%zu message files could not be read\n", issues);
+    // The files the registry names that are not there: the first few by name, then how
+    // many more (-q: only the counts).
+    constexpr size_t kMissingListed = 20;
+    const std::vector<std::string>& missing = stats.Missing;
+    if (!AOptions.Quiet) {
+      for (size_t i = 0; i < missing.size() && i < kMissingListed; ++i)
+        std::fprintf(AErr, "  not found: %s\n", missing[i].c_str());
+      if (missing.size() > kMissingListed)
+        std::fprintf(AErr, "  ... and %zu more message files not found (%zu in all)\n",
+                     missing.size() - kMissingListed, missing.size());
+    } else {
+      if (issues) std::fprintf(AErr, "%zu message files could not be read\n", issues);
+      if (!missing.empty())
+        std::fprintf(AErr, "%zu message file%s named by the registry %s not found\n", missing.size(),
+                     missing.size() == 1 ? "" : "s", missing.size() == 1 ? "was" : "were");
+    }
     return 0;
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());
@@ -79,8 +93,9 @@ int RunCatalogMerge(const TCatalogOptions& AOptions, std::FILE* AOut, std::FILE*
   try {
     MergeCatalogs(AOptions.Inputs, AOptions.Output);
     const TCatalogInfo info = ReadCatalogInfo(AOptions.Output);
-    std::fprintf(AOut, "%s: %zu origins, %lld message tables, %lld messages\n", AOptions.Output.c_str(),
-                 info.Origins.size(), static_cast<long long>(info.Tables), static_cast<long long>(info.Messages));
+    std::fprintf(AOut, "%s: %zu origin%s, %lld message tables, %lld messages\n", AOptions.Output.c_str(),
+                 info.Origins.size(), info.Origins.size() == 1 ? "" : "s", static_cast<long long>(info.Tables),
+                 static_cast<long long>(info.Messages));
     return 0;
   } catch (const std::exception& e) {
     std::fprintf(AErr, "quorvex: %s\n", e.what());

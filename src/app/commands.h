@@ -135,6 +135,9 @@ int RunXPath(const TXPathOptions& AOptions, std::FILE* AOut, std::FILE* AErr);
 // Applies a --tz value to a source: "UTC", "local", minutes ("+60", "-300") or a zone's
 // key or display name. Raises std::invalid_argument for an unknown zone.
 void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone);
+// Why AZone is no --tz value ApplyTimeZone takes, without the option's name ("Mars/Base:
+// unknown time zone (...)"); "" when it is one. For checking the command line up front.
+std::string TimeZoneProblem(const std::string& AZone);
 
 struct TStoreOptions {
   std::vector<std::string> Logs; // open: the logs to load

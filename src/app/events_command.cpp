@@ -11,6 +11,7 @@
 #include "descriptions/time_zones.h"
 #include "imaged/imaged_pc.h"
 #include "images/evidence_image.h"
+#include "platform/file_names.h"
 #include "images/image_opener.h"
 #include "platform/nt_exception.h"
 
@@ -20,6 +21,17 @@
 #include <stdexcept>
 
 namespace qvx::app {
+
+std::string TimeZoneProblem(const std::string& AZone) {
+  TEventLogBinXML probe; // (a source reads its zones from the machine as any other does)
+  try {
+    ApplyTimeZone(probe, AZone);
+  } catch (const std::invalid_argument& e) {
+    const std::string_view text = e.what();
+    return std::string(text.starts_with("--tz ") ? text.substr(5) : text);
+  }
+  return {};
+}
 
 void ApplyTimeZone(TEventLogBase& ASource, const std::string& AZone) {
   if (AZone.empty() || detail::EqualsNoCase(AZone, "local")) {
@@ -219,7 +231,18 @@ std::unique_ptr<TImagedPC> OpenImaged(const std::string& APath) {
     const std::filesystem::path absolute = std::filesystem::absolute(root, error);
     if (!error) root = absolute.string();
   }
-  computer->SetMapping(FindWindowsFolder(root));
+  const std::string windows = FindWindowsFolder(root);
+  if (!IsImageInput(APath) && TPathResolver().Resolve(windows + "/System32/config").empty()) {
+    // Neither the folder nor its Windows folder holds the hives: both places are named, as
+    // neither is the Windows folder the registry's paths would be read below.
+    std::string folder = root;
+    while (folder.size() > 1 && (folder.back() == '/' || folder.back() == '\\')) folder.pop_back();
+    throw std::runtime_error("--imaged " + APath + ": no Windows installation there (neither " + folder +
+                             "/System32/config nor " + folder +
+                             "/Windows/System32/config exists; give the installation's Windows folder or the drive "
+                             "it lies on)");
+  }
+  computer->SetMapping(windows);
   try {
     computer->SetActive(true);
   } catch (const EImagedPCException& e) {

@@ -809,6 +809,10 @@ private:
     store.OpenExistingTable();
     store.SetFilterSQL({});
     store.MakeSQL();
+    // The store keeps its times shifted to the zone it was loaded with; the event's own
+    // UTC time is shown in the --tz zone instead, as for a log.
+    TEventLogBinXML zone;
+    ApplyTimeZone(zone, FOptions.TimeZone);
     TEventData row;
     for (store.First(); !store.Eof(); store.Next()) {
       store.GetEventData(row);
@@ -818,9 +822,16 @@ private:
       TEventInfo info;
       info.Record = static_cast<uint64_t>(row.RecordNumber);
       info.EventId = static_cast<uint32_t>(row.EventID);
-      info.Time = row.TimeStamp;
-      info.TimeIso = row.TimeStamp;
-      if (info.TimeIso.size() > 10) info.TimeIso[10] = 'T';
+      if (const double utc = SystemTimeTextToDays(ElementText(row.EvtXML, "SystemTime=\"", "\"")); utc > 0) {
+        AppendDayCountText(info.Time, zone.ConvertTime(utc));
+        AppendDayCountText(info.TimeIso, zone.ConvertTime(utc), 'T');
+        AppendOffsetText(info.TimeIso, zone.ShiftMinutesAt(utc));
+      } else {
+        // (An event whose XML lacks its time: the stored time, in the store's zone.)
+        info.Time = row.TimeStamp;
+        info.TimeIso = row.TimeStamp;
+        if (info.TimeIso.size() > 10) info.TimeIso[10] = 'T';
+      }
       info.Computer = row.Computer;
       info.Channel = channel;
       info.File = &APath;

@@ -236,15 +236,22 @@ int main(int argc, char** argv) {
   auto* cmdCatalog = app.add_subcommand("catalog", "Build, show and merge message catalogs that describe events anywhere");
   cmdCatalog->require_subcommand(1);
   auto* cmdCatalogBuild = cmdCatalog->add_subcommand("build", "Write the message catalog of a Windows installation");
-  cmdCatalogBuild->add_option("--imaged", catalog.Imaged,
-                              "The installation: its Windows folder or the drive it lies on");
-  cmdCatalogBuild->add_flag("--live", catalog.Live, "The running Windows system (Windows only)");
+  auto* catalogImaged = cmdCatalogBuild->add_option("--imaged", catalog.Imaged,
+                                                    "The installation: its Windows folder or the drive it lies on");
+  auto* catalogLive = cmdCatalogBuild->add_flag("--live", catalog.Live, "The running Windows system (Windows only)");
+  catalogLive->excludes(catalogImaged);
+  // One of the two is the catalog's installation: without either the command line is wrong.
+  cmdCatalogBuild->parse_complete_callback([catalogImaged, catalogLive] {
+    if (!*catalogImaged && !*catalogLive)
+      throw CLI::ValidationError("--imaged", "the installation to read is needed: --imaged DIR|IMAGE, or --live");
+  });
   cmdCatalogBuild->add_option("-o,--output", catalog.Output, "The catalog file to write (replaced)")->required();
   cmdCatalogBuild->add_option("--lang", catalogLanguages,
                               "Message table languages in order of preference, such as en-US,de-DE\n"
                               "(default: the installation's UI languages)");
   cmdCatalogBuild->add_option("--name", catalog.Name, "The installation's name in the catalog (default: its product)");
-  cmdCatalogBuild->add_flag("-q,--quiet", catalog.Quiet, "Do not list the message files that cannot be read");
+  cmdCatalogBuild->add_flag("-q,--quiet", catalog.Quiet,
+                            "Do not list the message files that cannot be found or read (only count them)");
   cmdCatalogBuild->footer("The catalog holds every publisher and classic event source of the installation: names,\n"
                           "GUIDs, message files and versions, event definitions, task names and the message tables\n"
                           "of the chosen languages. Then: quorvex events LOG --catalog FILE  on any computer.");
@@ -402,7 +409,9 @@ int main(int argc, char** argv) {
       ->delimiter(',');
   cmdHunt->add_option("-f,--format", huntFormat, "Output: table, csv or jsonl")
       ->check(CLI::IsMember({"table", "csv", "jsonl"}));
-  cmdHunt->add_option("--tz", hunt.TimeZone, "Time shift of the shown times (as for 'events')")->default_val("local");
+  cmdHunt->add_option("--tz", hunt.TimeZone, "Time shift of the shown times (as for 'events'; stores too)")
+      ->default_val("local")
+      ->check([](const std::string& AZone) { return TimeZoneProblem(AZone); }); // once, not per input
   cmdHunt->add_flag("--scan", hunt.Scan, "Deep-scan the inputs for event chunks (images, devices, damaged files)");
   cmdHunt->add_flag("--shadows", hunt.Shadows,
                     "For a disk image: also hunt in the logs of each Volume Shadow Copy of its installation volume");

@@ -70,7 +70,10 @@ public:
       auto files = std::make_unique<TMessageFiles>();
       files->SetUILanguages({language});
       files->SysWow64Retry = FComputer.Is64Bit();
-      files->OnIssue = FOptions.OnIssue;
+      files->OnIssue = [this](const std::string& AText) {
+        ++FIssues;
+        if (FOptions.OnIssue) FOptions.OnIssue(AText);
+      };
       FLoaders.push_back(std::move(files));
     }
     WriteOrigin();
@@ -133,6 +136,7 @@ private:
     const auto known = FFiles.find(APath);
     if (known != FFiles.end()) return known->second;
     TFileRecord record;
+    const size_t issues = FIssues;
     std::string version;
     std::vector<std::pair<std::string, int64_t>> tables; // language, table
     for (size_t i = 0; i < FLoaders.size(); ++i) {
@@ -157,6 +161,8 @@ private:
     for (const auto& [language, table] : tables) FInsertFileTable.Bind(1, record.Id).Bind(2, language).Bind(3, table).Run();
     ++FStats.Files;
     if (record.Loaded) ++FStats.FilesLoaded;
+    // (A file that is there but does not load was reported as it was tried.)
+    if (!record.Loaded && FIssues == issues) FStats.Missing.push_back(portable);
     return FFiles.emplace(APath, record).first->second;
   }
 
@@ -258,6 +264,7 @@ private:
   std::unordered_map<std::string, TFileRecord> FFiles;  // mapped path -> record
   std::unordered_map<std::string, int64_t> FTables;     // digest -> table
   int64_t FOrigin = 0;
+  size_t FIssues = 0; // files reported to OnIssue so far
 };
 
 } // namespace

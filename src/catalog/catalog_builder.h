@@ -38,6 +38,9 @@ struct TCatalogBuildStats {
   size_t Messages = 0;
   size_t Events = 0;
   std::vector<std::string> Languages;
+  // Message files the registry names that are not there (paths inside the installation,
+  // as the catalog keeps them); files that are there but do not load go to OnIssue.
+  std::vector<std::string> Missing;
 };
 
 // Writes the catalog of the active computer AComputer to AOutput, replacing it: an

@@ -98,7 +98,20 @@ void CheckCatalog(TSqliteDb& ADb) {
   } catch (const ECatalogError&) {
     RaiseCatalogError(file, "damaged: its pages cannot be read");
   }
-  if (result != "ok") RaiseCatalogError(file, "damaged: " + result);
+  if (result != "ok") {
+    // The check's report is a heading line ("*** in database main ***") and the fault:
+    // one line naming the file, with the fault.
+    std::string fault;
+    for (size_t at = 0; at < result.size();) {
+      size_t end = result.find('\n', at);
+      if (end == std::string::npos) end = result.size();
+      const std::string_view line = std::string_view(result).substr(at, end - at);
+      if (!line.empty() && !line.starts_with("*** ")) fault.append(fault.empty() ? "" : "; ").append(line);
+      at = end + 1;
+    }
+    RaiseCatalogError(file,
+                      "damaged (" + (fault.empty() ? std::string("its pages do not hold together") : fault) + ")");
+  }
 
   // Texts beyond the connection's bound would fail one lookup later; refuse them now.
   static constexpr const char* kTexts[][2] = {

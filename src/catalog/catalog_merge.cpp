@@ -70,7 +70,15 @@ private:
   void CopyOrigins() {
     TSqliteStatement read(FIn, "SELECT id, name, product, build, created, languages FROM origin");
     TSqliteStatement write(FOut, "INSERT INTO origin(name,product,build,created,languages) VALUES(?,?,?,?,?)");
+    // An origin already merged (the same catalog given twice, or a catalog merged with one
+    // made from it) is kept once: its files and providers are not copied again.
+    TSqliteStatement same(FOut, "SELECT id FROM origin WHERE name IS ? AND product IS ? AND build IS ? AND "
+                                "created IS ? AND languages IS ?");
     while (read.Step()) {
+      same.Bind(1, read.Text(1)).Bind(2, read.Text(2)).Bind(3, read.Int(3)).Bind(4, read.Text(4)).Bind(5, read.Text(5));
+      const bool known = same.Step();
+      same.Reset();
+      if (known) continue;
       write.Bind(1, read.Text(1)).Bind(2, read.Text(2)).Bind(3, read.Int(3)).Bind(4, read.Text(4)).Bind(5, read.Text(5)).Run();
       FOrigins[read.Int(0)] = FOut.LastInsertId();
     }

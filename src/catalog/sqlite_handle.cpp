@@ -2,6 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <filesystem>
+#include <system_error>
+
 namespace qvx {
 
 void RaiseCatalogError(const std::string& AFile, std::string_view AWhat) {
@@ -12,6 +15,10 @@ void RaiseCatalogError(const std::string& AFile, std::string_view AWhat) {
 }
 
 TSqliteDb::TSqliteDb(const std::string& AFile, bool AWrite, int ATextLimit) : FFile(AFile) {
+  // (SQLite would say "disk I/O error" of a folder.)
+  std::error_code error;
+  if (std::filesystem::is_directory(AFile, error))
+    RaiseCatalogError(AFile, "is a folder, not a message catalog file");
   const int flags = AWrite ? SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE : SQLITE_OPEN_READONLY;
   if (sqlite3_open_v2(AFile.c_str(), &FDb, flags | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
     const std::string message = FDb ? sqlite3_errmsg(FDb) : "out of memory";

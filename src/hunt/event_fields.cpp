@@ -9,9 +9,81 @@
 
 namespace qvx::hunt {
 
+char32_t FoldCodePoint(char32_t c) {
+  auto pairEven = [c](char32_t AFirst, char32_t ALast) {
+    return c >= AFirst && c <= ALast && (c - AFirst) % 2 == 0;
+  };
+  if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + 0x20 : c;
+  if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 0x20;
+  if (c == 0x178) return 0xFF;
+  // (U+0130, capital I with dot, is left: its small letter is one byte shorter.)
+  if (pairEven(0x100, 0x12F) || pairEven(0x132, 0x137) || pairEven(0x139, 0x148) || pairEven(0x14A, 0x177) ||
+      pairEven(0x179, 0x17E) || pairEven(0x1CD, 0x1DC) || pairEven(0x1DE, 0x1EF) || pairEven(0x1F8, 0x21F) ||
+      pairEven(0x222, 0x233) || pairEven(0x3D8, 0x3EF) || pairEven(0x460, 0x481) || pairEven(0x48A, 0x4BF) ||
+      pairEven(0x4C1, 0x4CE) || pairEven(0x4D0, 0x52F) || pairEven(0x1E00, 0x1E95) || pairEven(0x1EA0, 0x1EFF))
+    return c + 1;
+  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 0x20;
+  if (c == 0x386) return 0x3AC;
+  if (c >= 0x388 && c <= 0x38A) return c + 0x25;
+  if (c == 0x38C) return 0x3CC;
+  if (c == 0x38E || c == 0x38F) return c + 0x3F;
+  if (c >= 0x400 && c <= 0x40F) return c + 0x50;
+  if (c >= 0x410 && c <= 0x42F) return c + 0x20;
+  if (c == 0x4C0) return 0x4CF;
+  if (c >= 0x531 && c <= 0x556) return c + 0x30;
+  if (c >= 0x10A0 && c <= 0x10C5) return c + 0x1C60;
+  if (c >= 0x1F08 && c <= 0x1F6F && (c & 0xF) >= 8) return c - 8; // Greek with accents
+  if (c >= 0x2160 && c <= 0x216F) return c + 0x10;                 // Roman numerals
+  if (c >= 0x24B6 && c <= 0x24CF) return c + 0x1A;                 // circled letters
+  if (c >= 0xFF21 && c <= 0xFF3A) return c + 0x20;                 // full-width Latin
+  return c;
+}
+
+void AppendFolded(std::string& AOut, std::string_view AText) {
+  const size_t size = AText.size();
+  for (size_t i = 0; i < size;) {
+    const auto c = static_cast<unsigned char>(AText[i]);
+    if (c < 0x80) {
+      AOut.push_back(FoldChar(static_cast<char>(c)));
+      ++i;
+      continue;
+    }
+    // Every folded letter lies below U+10000: two- and three-byte sequences only.
+    const size_t length = c >= 0xC2 && c < 0xE0 ? 2 : c >= 0xE0 && c < 0xF0 ? 3 : 0;
+    bool valid = length != 0 && size - i >= length;
+    char32_t cp = length == 2 ? c & 0x1Fu : c & 0x0Fu;
+    for (size_t k = 1; valid && k < length; ++k) {
+      const auto next = static_cast<unsigned char>(AText[i + k]);
+      valid = (next & 0xC0) == 0x80;
+      cp = cp << 6 | (next & 0x3Fu);
+    }
+    if (!valid) {
+      AOut.push_back(static_cast<char>(c));
+      ++i;
+      continue;
+    }
+    const char32_t folded = FoldCodePoint(cp);
+    // (FoldCodePoint keeps the length; the check keeps the promise should a pair not.)
+    if (folded == cp || (length == 2 ? folded >= 0x800 : folded < 0x800 || folded >= 0x10000)) {
+      AOut.append(AText.substr(i, length));
+      i += length;
+      continue;
+    }
+    if (length == 2) {
+      AOut.push_back(static_cast<char>(0xC0 | folded >> 6));
+    } else {
+      AOut.push_back(static_cast<char>(0xE0 | folded >> 12));
+      AOut.push_back(static_cast<char>(0x80 | (folded >> 6 & 0x3F)));
+    }
+    AOut.push_back(static_cast<char>(0x80 | (folded & 0x3F)));
+    i += length;
+  }
+}
+
 std::string FoldText(std::string_view AText) {
-  std::string folded(AText);
-  for (char& c : folded) c = FoldChar(c);
+  std::string folded;
+  folded.reserve(AText.size());
+  AppendFolded(folded, AText);
   return folded;
 }
 
@@ -278,7 +350,12 @@ std::string_view TEventFields::Lower(int AIndex) const {
   if (value.LowerAt < 0) {
     // FFolded has room for every value of the event, so earlier views stay valid.
     value.LowerAt = static_cast<int>(FFolded.size());
-    for (const char c : Text(AIndex)) FFolded.push_back(FoldChar(c));
+    const std::string_view text = Text(AIndex);
+    // ASCII byte by byte until the first other byte (most values have none).
+    size_t at = 0;
+    for (; at < text.size() && static_cast<unsigned char>(text[at]) < 0x80; ++at)
+      FFolded.push_back(FoldChar(text[at]));
+    if (at < text.size()) AppendFolded(FFolded, text.substr(at));
   }
   return std::string_view(FFolded.data() + value.LowerAt, value.Text.size());
 }

@@ -25,6 +25,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <deque>
 #include <string>
 #include <string_view>
@@ -38,12 +39,35 @@ inline uint32_t GramHash(uint32_t AFourBytes) {
   return (AFourBytes * 0x9E3779B1u) >> 20;
 }
 
-// ASCII lower case (event text is UTF-8; other letters keep their case).
+// ASCII lower case of one byte (the fast path of the folds below; the bytes of other
+// letters keep their case).
 inline char FoldChar(char AChar) {
   return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar;
 }
+// The small letter of a capital whose two cases pair one to one and take as many UTF-8
+// bytes (ASCII, Latin with its extensions, Greek, Cyrillic, Armenian, Georgian, the
+// full-width forms, ...); any other code point unchanged.
+char32_t FoldCodePoint(char32_t ACodePoint);
+// Appends AText (UTF-8) folded with FoldCodePoint: exactly as many bytes, each letter in
+// the place it had, so a match found in the folded text is at the same place in the
+// text. A byte that is not part of a well-formed sequence is kept.
+void AppendFolded(std::string& AOut, std::string_view AText);
+// Whether AText is all ASCII (its folded form is then its bytes with A-Z made small).
+inline bool IsAscii(std::string_view AText) {
+  uint64_t high = 0;
+  size_t i = 0;
+  for (; i + 8 <= AText.size(); i += 8) {
+    uint64_t word;
+    std::memcpy(&word, AText.data() + i, 8);
+    high |= word;
+  }
+  for (; i < AText.size(); ++i) high |= static_cast<uint8_t>(AText[i]);
+  return (high & 0x8080808080808080ull) == 0;
+}
+// The text folded as AppendFolded does: what rule values and event values are compared
+// in when case is ignored.
 std::string FoldText(std::string_view AText);
-// Whether A and B are the same text in ASCII lower case (nothing copied).
+// Whether A and B are the same text in ASCII lower case (nothing copied; for names).
 inline bool EqualFolded(std::string_view A, std::string_view B) {
   if (A.size() != B.size()) return false;
   for (size_t i = 0; i < A.size(); ++i)
@@ -114,7 +138,7 @@ public:
       Make(value);
     return value.Text;
   }
-  // The value's text in lower case.
+  // The value's text folded (FoldText), as long as the text.
   std::string_view Lower(int AIndex) const;
   // The 4-gram table of the lower-case value: bit GramHash(x) is set for every 4 bytes x
   // in it (4096 bits). A text that has a 4-gram whose bit is clear cannot be in it.

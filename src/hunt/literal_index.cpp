@@ -43,12 +43,14 @@ void LiteralText(const TValueTest& ATest, std::string& AOut) {
     break;
   }
   case TValueTest::vkRegex:
-    // Already folded; a hint only (the pattern must still be matched).
+    // Already folded, ASCII only; a hint only (the pattern must still be matched).
     if (ATest.Regex) AOut.assign(ATest.Regex->Literal());
     return;
   default: return;
   }
-  for (char& c : AOut) c = FoldChar(c);
+  // (A cased needle is folded too: a value that holds it holds it folded, and the
+  // automata find every literal in folded text.)
+  if (ATest.Cased) AOut = FoldText(AOut);
 }
 
 // The test decides by the literal alone: folded text compared whole, at an end or anywhere.
@@ -378,6 +380,8 @@ void TLiteralIndex::AddAutomaton(std::vector<uint32_t> ALiterals, TAutomatonPool
     }
   }
   auto automaton = std::make_shared<TAutomaton>();
+  for (const uint32_t literal : ALiterals)
+    automaton->ScansFolded = automaton->ScansFolded || !IsAscii(FTexts[literal]);
   automaton->Literals = std::move(ALiterals);
   FAutomata.push_back(automaton);
   if (key.empty()) return;
@@ -572,6 +576,16 @@ void TLiteralIndex::Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHi
   ScanText(Built(AAutomaton), AText, AHits);
 }
 
+// The text of value AValue as AAutomaton scans it: as the event has it, folded while
+// scanned a byte at a time (ASCII), or, when a literal of the automaton has other letters
+// and so does the value, folded whole first (FoldText). (The two are the same for ASCII
+// literals: folding keeps every ASCII byte, and other bytes outside ASCII.)
+inline std::string_view TLiteralIndex::ScannedText(const TAutomaton& AAutomaton, const TEventFields& AFields,
+                                                   int AValue) {
+  const std::string_view text = AFields.Text(AValue);
+  return AAutomaton.ScansFolded && !IsAscii(text) ? AFields.Lower(AValue) : text;
+}
+
 void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, TLiteralHits& AHits,
                                TScanMemo* AMemo) const {
   const TAutomaton& automaton = Built(AScan.Automaton);
@@ -582,7 +596,7 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
     for (int v = 0, count = AFields.ValueCount(); v < count; ++v) {
       const TEventFields::TValue& value = AFields.Value(v);
       if (value.Deferred >= 0 && value.Type < 32 && (skipTypes >> value.Type & 1)) continue;
-      const std::string_view text = AFields.Text(v);
+      const std::string_view text = ScannedText(automaton, AFields, v);
       if (text.size() >= shortest) ScanText(automaton, text, AHits);
     }
     return;
@@ -595,7 +609,7 @@ void TLiteralIndex::ScanFields(const TScan& AScan, const TEventFields& AFields, 
   for (int v = AFields.First(AScan.Field); v != TEventFields::kNoValue; v = AFields.Value(v).Next) {
     const TEventFields::TValue& value = AFields.Value(v);
     if (value.Deferred >= 0 && value.Type < 32 && (skipTypes >> value.Type & 1)) continue;
-    const std::string_view text = AFields.Text(v);
+    const std::string_view text = ScannedText(automaton, AFields, v);
     if (text.size() < shortest) continue;
     if (AMemo && text.size() >= TScanMemo::kMinText && text.size() <= TScanMemo::kMaxText)
       ScanRemembered(automaton, key, text, AHits, *AMemo);

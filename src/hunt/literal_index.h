@@ -157,9 +157,9 @@ public:
   const uint32_t* TestLiterals(uint32_t ABinding) const { return FTestLiterals[ABinding].data(); }
   // The binding needs no literal: it is evaluated on every event it is a candidate for.
   bool Always(uint32_t ABinding) const { return FClauseCount[ABinding] == 0; }
-  // Scans AText (as the event has it; folded while scanned) with automaton AAutomaton,
-  // adding the literals it finds to AHits. Builds the automaton first when it is new;
-  // safe on several threads at once.
+  // Scans AText (folded text, or ASCII text as the event has it: its letters are folded
+  // while scanned) with automaton AAutomaton, adding the literals it finds to AHits.
+  // Builds the automaton first when it is new; safe on several threads at once.
   void Scan(uint32_t AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   // Builds the automata no thread has started on (those a thread is building are left
   // to it); safe on several threads at once.
@@ -204,7 +204,11 @@ private:
     // (NarrowTextChars: numbers, times, GUIDs, SIDs): such a value holds none of them, and
     // is not even made.
     uint32_t SkipTypes = 0;
+    // A literal holds bytes outside ASCII: a value that does too is scanned in its folded
+    // form (ScannedText).
+    bool ScansFolded = false;
   };
+  static std::string_view ScannedText(const TAutomaton& AAutomaton, const TEventFields& AFields, int AValue);
   void ScanText(const TAutomaton& AAutomaton, std::string_view AText, TLiteralHits& AHits) const;
   void ScanRemembered(const TAutomaton& AAutomaton, uint64_t AKey, std::string_view AText, TLiteralHits& AHits,
                       TScanMemo& AMemo) const;

@@ -121,7 +121,7 @@ class TRuleCache {
 public:
   // Changed whenever the form changes or compiling a rule gives other results (entries
   // keep the verdicts).
-  static constexpr uint32_t kVersion = 4;
+  static constexpr uint32_t kVersion = 6;
   static constexpr uint64_t kMaxFileBytes = 256ull << 20;
 
   // The user's cache folder for quorvex; "" when neither XDG_CACHE_HOME nor HOME is set.

@@ -237,26 +237,37 @@ bool IsWordChar(unsigned char AChar) {
   return std::isalnum(AChar) || AChar == '_' || AChar >= 0x80;
 }
 
-// Command line switches written with each dash Windows programs accept: a '-' or '/'
-// that begins a word becomes, in turn, each of them.
-std::vector<std::string> WindashVariants(const std::string& AValue) {
-  static const char* const kDashes[] = {"-", "/", "\xE2\x80\x93", "\xE2\x80\x94", "\xE2\x80\x95"};
+// Command line switches written with each dash Windows programs accept: every '-' or '/'
+// that begins a word becomes each of them, independently of the others (a command line
+// may mix "-s" and "/i"), so N such dashes give 5^N forms. Empty when that is more than
+// AMax forms.
+constexpr size_t kMaxValueForms = 4096;
+std::vector<std::string> WindashVariants(const std::string& AValue, size_t AMax) {
+  static constexpr std::string_view kDashes[] = {"-", "/", "\xE2\x80\x93", "\xE2\x80\x94", "\xE2\x80\x95"};
+  constexpr size_t kDashCount = std::size(kDashes);
   std::vector<size_t> at;
+  size_t forms = 1;
   for (size_t i = 0; i < AValue.size(); ++i)
     if ((AValue[i] == '-' || AValue[i] == '/') && (i == 0 || !IsWordChar(AValue[i - 1])) && i + 1 < AValue.size() &&
-        IsWordChar(AValue[i + 1]))
+        IsWordChar(AValue[i + 1])) {
       at.push_back(i);
-  if (at.empty()) return {AValue};
+      forms *= kDashCount;
+      if (forms > AMax) return {};
+    }
   std::vector<std::string> out;
-  for (const char* dash : kDashes) {
+  out.reserve(forms);
+  // Each form's dashes are the digits of its number in base 5, the first dash the lowest.
+  for (size_t form = 0; form < forms; ++form) {
     std::string variant;
-    size_t from = 0;
+    variant.reserve(AValue.size() + 2 * at.size());
+    size_t from = 0, digits = form;
     for (const size_t i : at) {
-      variant.append(AValue, from, i - from).append(dash);
+      variant.append(AValue, from, i - from).append(kDashes[digits % kDashCount]);
+      digits /= kDashCount;
       from = i + 1;
     }
     variant.append(AValue, from);
-    if (std::find(out.begin(), out.end(), variant) == out.end()) out.push_back(std::move(variant));
+    out.push_back(std::move(variant));
   }
   return out;
 }
@@ -384,7 +395,10 @@ private:
   // '\' escapes are read.
   void AddTextTest(const TModifiers& AMods, const std::string& AValue, bool AWildcards, bool AKeyword,
                    std::vector<TValueTest>& AOut);
-  TFieldTest CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword);
+  // The tests of one key of a map (one, or with all over values of several forms, one per
+  // value), all of which must hold.
+  std::vector<TFieldTest> CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine,
+                                       bool& AKeyword);
   TSearch CompileSearch(const std::string& AName, const TYamlNode& AValue);
 
   // Condition parsing.
@@ -539,7 +553,12 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     std::vector<std::string> next;
     for (const std::string& value : variants) {
       if (transform == "windash") {
-        for (std::string& v : WindashVariants(value)) next.push_back(std::move(v));
+        std::vector<std::string> forms =
+            WindashVariants(value, kMaxValueForms - std::min(next.size(), kMaxValueForms));
+        if (forms.empty())
+          Fail(line, "windash makes too many forms of a value (5 for each of its dashes, the limit is " +
+                         std::to_string(kMaxValueForms) + " in all)");
+        for (std::string& v : forms) next.push_back(std::move(v));
         continue;
       }
       // An encoded value is literal: its wildcards and escapes are read first.
@@ -557,7 +576,9 @@ void TRuleCompiler::AddValueTest(const TModifiers& AMods, const TYamlNode& AValu
     }
     encoded = encoded || transform != "windash";
     variants = std::move(next);
-    if (variants.size() > 4096) Fail(line, "the modifiers make too many forms of a value");
+    if (variants.size() > kMaxValueForms)
+      Fail(line,
+           "the modifiers make too many forms of a value (the limit is " + std::to_string(kMaxValueForms) + ")");
   }
   for (const std::string& value : variants) AddTextTest(AMods, value, !encoded, AKeyword, AOut);
 }
@@ -577,11 +598,10 @@ void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AVal
                 : AMods.StartsWith ? TValueTest::vkStartsWith
                                    : TValueTest::vkEquals;
     test.Cased = AMods.Cased;
-    test.Needle = AValue;
-    if (!AMods.Cased)
-      for (char& c : test.Needle) c = FoldChar(c);
+    test.Needle = AMods.Cased ? AValue : FoldText(AValue);
   } else {
-    std::vector<TPatternChar> pattern = ParsePattern(AValue, AWildcards);
+    // (Folding first: it keeps '*', '?' and '\\' where they are, and folds every letter.)
+    std::vector<TPatternChar> pattern = ParsePattern(AMods.Cased ? AValue : FoldText(AValue), AWildcards);
     if (contains || AMods.EndsWith)
       if (pattern.empty() || pattern.front().Kind != TPatternChar::pcStar)
         pattern.insert(pattern.begin(), {'*', TPatternChar::pcStar});
@@ -607,7 +627,8 @@ void TRuleCompiler::AddTextTest(const TModifiers& AMods, const std::string& AVal
   AOut.push_back(std::move(test));
 }
 
-TFieldTest TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine, bool& AKeyword) {
+std::vector<TFieldTest> TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode& AValue, int ALine,
+                                                    bool& AKeyword) {
   std::vector<std::string> parts;
   size_t pos = 0;
   for (;;) {
@@ -623,9 +644,29 @@ TFieldTest TRuleCompiler::CompileField(const std::string& AKey, const TYamlNode&
   TFieldTest test;
   test.All = mods.All;
   if (!AKeyword) test.Slot = SlotOf(field);
+  const bool expands = std::any_of(mods.Transforms.begin(), mods.Transforms.end(),
+                                   [](const std::string& A) { return A == "windash" || A == "base64offset"; });
+  if (mods.All && expands && AValue.IsList()) {
+    // Every listed value must match, in any of its forms: a test of its forms (any) per
+    // value, all of which the map needs. A value of one form joins the others' single test.
+    std::vector<TFieldTest> tests;
+    for (const TYamlNode& item : AValue.Items) {
+      if (item.IsList() || item.IsMap()) Fail(item.Line, "a value list may hold only plain values");
+      TFieldTest forms;
+      forms.Slot = test.Slot;
+      AddValueTest(mods, item, AKeyword, forms.Values);
+      if (forms.Values.size() == 1)
+        test.Values.push_back(std::move(forms.Values[0]));
+      else
+        tests.push_back(std::move(forms));
+    }
+    if (!test.Values.empty() || tests.empty()) tests.insert(tests.begin(), std::move(test));
+    if (tests[0].Values.empty()) Fail(ALine, "'" + AKey + "' has an empty list of values");
+    return tests;
+  }
   AddValueTests(mods, AValue, AKeyword, test.Values);
   if (test.Values.empty()) Fail(ALine, "'" + AKey + "' has an empty list of values");
-  return test;
+  return {std::move(test)};
 }
 
 TSearch TRuleCompiler::CompileSearch(const std::string& AName, const TYamlNode& AValue) {
@@ -636,11 +677,11 @@ TSearch TRuleCompiler::CompileSearch(const std::string& AName, const TYamlNode& 
     std::vector<TFieldTest> keywords;
     for (const auto& [key, value] : AMap.Entries) {
       bool keyword = false;
-      TFieldTest test = CompileField(key, value, value.Line ? value.Line : AMap.Line, keyword);
+      std::vector<TFieldTest> tests = CompileField(key, value, value.Line ? value.Line : AMap.Line, keyword);
       if (keyword) {
         TSearchAlt kw;
         kw.Keywords = true;
-        kw.Fields.push_back(std::move(test));
+        kw.Fields = std::move(tests);
         // A field-less entry in a map is one more condition of the map: it becomes a
         // keyword alternative only when it stands alone.
         if (AMap.Entries.size() == 1) {
@@ -649,7 +690,7 @@ TSearch TRuleCompiler::CompileSearch(const std::string& AName, const TYamlNode& 
         }
         Fail(value.Line, "a keyword list mixed with fields in one map");
       }
-      alt.Fields.push_back(std::move(test));
+      for (TFieldTest& test : tests) alt.Fields.push_back(std::move(test));
     }
     if (alt.Fields.empty()) Fail(AMap.Line, "search '" + AName + "' is an empty map");
     search.Alts.push_back(std::move(alt));

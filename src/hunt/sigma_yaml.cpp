@@ -83,10 +83,19 @@ public:
   TYamlCopier(const std::string& AFile, size_t ABudget) : FFile(AFile), FBudget(ABudget) {}
 
   void Copy(const YAML::Node& ASource, TYamlNode& ATarget, int ADepth) {
+    // Nodes are copied in the order the text holds them; an alias gives its anchor's
+    // node again, met after text further on.
+    const YAML::Mark mark = ASource.Mark();
+    if (!mark.is_null()) {
+      if (mark.pos < FLastPos) FAliased = true;
+      FLastPos = std::max(FLastPos, mark.pos);
+    }
     if (++FNodes > FBudget)
-      RaiseSigmaError(FFile, ASource.Mark().line + 1,
-                      "the document expands to more than " + std::to_string(FBudget) +
-                          " nodes (aliases used over and over)");
+      RaiseSigmaError(FFile, mark.line + 1,
+                      FAliased ? "the document expands to more than " + std::to_string(FBudget) +
+                                     " nodes (aliases used over and over)"
+                               : "the document holds more than " + std::to_string(FBudget) +
+                                     " nodes (values, lists and maps; a list that long is not supported)");
     if (ADepth > 200) RaiseSigmaError(FFile, ASource.Mark().line + 1, "nesting too deep");
     ATarget.Line = ASource.Mark().is_null() ? 0 : ASource.Mark().line + 1;
     switch (ASource.Type()) {
@@ -122,6 +131,8 @@ private:
   const std::string& FFile;
   size_t FBudget;
   size_t FNodes = 0;
+  int FLastPos = 0;      // the furthest place in the text a node was copied from
+  bool FAliased = false; // a node was met again through an alias
   size_t FBytes = 0;
   size_t FMaxBytes = 64u << 20;
 };

@@ -87,6 +87,20 @@ check bad-detection-level sh -c "'$QVX' view '$tmp/s.db' --min-detection-level '
 "$QVX" open "$tmp/logs/demo.evtx" -s "$tmp/plain.db" >/dev/null 2>&1
 check no-detections-table sh -c "'$QVX' view '$tmp/plain.db' --min-detection-level low --count 2>&1 | grep -q 'holds no detections'"
 
+# --tz: a zone that does not exist is a wrong command line, said once before any input
+# is read; a store's detections show the event's time in the --tz zone, with its offset
+# in JSON Lines, as a log's do.
+"$QVX" hunt -r "$tmp/rules" "$tmp/logs" "$tmp/s.db" --tz Mars/Base >"$tmp/tz.out" 2>"$tmp/tz.err"
+check tz-bad-status test $? -eq 2
+check tz-bad-once test "$(grep -c 'quorvex hunt: --tz: Mars/Base: unknown time zone' "$tmp/tz.err")" -eq 1
+check tz-bad-nothing-read sh -c "! grep -q 'demo.evtx\|s.db' '$tmp/tz.err' && test ! -s '$tmp/tz.out'"
+"$QVX" hunt -q -r "$tmp/rules/whoami.yml" "$tmp/logs/demo.evtx" -f jsonl --tz +90 | grep -o '"time":"[^"]*"' >"$tmp/tz-log.txt"
+"$QVX" hunt -q -r "$tmp/rules/whoami.yml" "$tmp/s.db" -f jsonl --tz +90 | grep -o '"time":"[^"]*"' >"$tmp/tz-store.txt"
+check tz-store-offset grep -q '"time":"....-..-..T..:..:..\.[0-9]*+01:30"' "$tmp/tz-store.txt"
+check tz-store-as-log bash -c "sort '$tmp/tz-log.txt' | cmp -s - <(sort '$tmp/tz-store.txt')"
+"$QVX" hunt -q -r "$tmp/rules/whoami.yml" "$tmp/s.db" -f jsonl --tz UTC | grep -o '"time":"[^"]*"' >"$tmp/tz-utc.txt"
+check tz-store-applied sh -c "! cmp -s '$tmp/tz-utc.txt' '$tmp/tz-store.txt' && grep -q 'Z\"' '$tmp/tz-utc.txt'"
+
 # The rule cache: a second run reads it and writes the same detections and the same
 # unusable rules as a run that parses every file; --no-rule-cache neither reads nor writes it.
 rm -rf "$tmp/xdg"

@@ -269,6 +269,25 @@ TEST_F(TwoInstallations, TheEventsVersionThenTheNewestInstallationDecides) {
   }
 }
 
+// A catalog given twice (or merged with a merge that holds it) keeps its installation once.
+TEST_F(TwoInstallations, MergingAnInstallationAgainKeepsItOnce) {
+  const std::string older = (Dir / "older.qcat").string(), newer = (Dir / "newer.qcat").string();
+  MergeCatalogs({older, newer}, (Dir / "both.qcat").string());
+  MergeCatalogs({older, (Dir / "both.qcat").string(), newer, older}, (Dir / "again.qcat").string());
+  const TCatalogInfo both = ReadCatalogInfo((Dir / "both.qcat").string());
+  const TCatalogInfo again = ReadCatalogInfo((Dir / "again.qcat").string());
+  ASSERT_EQ(again.Origins.size(), 2u);
+  EXPECT_EQ(again.Origins[0].Name, "older");
+  EXPECT_EQ(again.Origins[1].Name, "newer");
+  EXPECT_EQ(again.Tables, both.Tables);
+  EXPECT_EQ(again.Messages, both.Messages);
+  for (size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(again.Origins[i].Publishers, both.Origins[i].Publishers);
+    EXPECT_EQ(again.Origins[i].Files, both.Origins[i].Files);
+    EXPECT_EQ(again.Origins[i].Events, both.Origins[i].Events);
+  }
+}
+
 TEST_F(TwoInstallations, MergedCatalogAnswersAsTheTwoAndStoresSharedTablesOnce) {
   MergeCatalogs({(Dir / "older.qcat").string(), (Dir / "newer.qcat").string()}, (Dir / "both.qcat").string());
   const TCatalogInfo older = ReadCatalogInfo((Dir / "older.qcat").string());
@@ -443,6 +462,7 @@ TEST_F(MessageCatalog, AnotherProgramsDatabaseIsRefusedInOneLine) {
   std::ofstream(text) << "not a database at all, just some text that is long enough to look like a header\n";
   EXPECT_EQ(AddError(text), text.string() + ": not a Quorvex message catalog (not an SQLite database)");
   EXPECT_EQ(AddError(Dir / "absent.qcat").find((Dir / "absent.qcat").string() + ": cannot be opened"), 0u);
+  EXPECT_EQ(AddError(Dir), Dir.string() + ": is a folder, not a message catalog file");
 }
 
 TEST_F(MessageCatalog, UnknownSchemaVersionAndDamagedTablesAreRefused) {
@@ -476,6 +496,29 @@ TEST_F(MessageCatalog, UnknownSchemaVersionAndDamagedTablesAreRefused) {
   for (size_t page = bytes.size() / 4096 - 3; page < bytes.size() / 4096; ++page) bytes[page * 4096] = 0x07;
   test::WriteFileBytes(broken, bytes);
   EXPECT_EQ(AddError(broken).find(broken.string() + ": damaged"), 0u) << AddError(broken);
+  EXPECT_EQ(AddError(broken).find('\n'), std::string::npos) << AddError(broken);
+
+  // Two cells of a table's leaf page swapped: SQLite's check reports it under a heading
+  // line; the error is the one line of the fault.
+  const fs::path order = Dir / "order.qcat";
+  fs::copy_file(good, order);
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(order.string().c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* root = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT rootpage FROM sqlite_schema WHERE name = 'file'", -1, &root, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(root), SQLITE_ROW);
+  const size_t page = static_cast<size_t>(sqlite3_column_int(root, 0));
+  sqlite3_finalize(root);
+  sqlite3_close(db);
+  bytes = test::ReadFileBytes(order);
+  const size_t leaf = (page - 1) * 4096;
+  ASSERT_EQ(bytes[leaf], 0x0D); // a leaf of a table (the fixture's few files fit in one)
+  ASSERT_GE(bytes[leaf + 3] << 8 | bytes[leaf + 4], 2);  // cells
+  std::swap(bytes[leaf + 8], bytes[leaf + 10]);          // the first two cell pointers
+  std::swap(bytes[leaf + 9], bytes[leaf + 11]);
+  test::WriteFileBytes(order, bytes);
+  EXPECT_EQ(AddError(order), order.string() + ": damaged (On tree page " + std::to_string(page) +
+                                 " cell 0: Rowid 2 out of order)");
 
   // A set keeps its good catalogs when a bad one is refused.
   TCatalogSet catalogs;

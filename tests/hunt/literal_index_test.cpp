@@ -100,6 +100,10 @@ TEST(HuntLiteralIndex, AnswersAsSearchingWould) {
       "  keywords:\n    - 'Cmd.Exe'\n  sel:\n    CommandLine|contains: 'c'\n  condition: keywords and sel\n",
       // non-ASCII text, encodings, regular expressions beside literals, null and exists
       "  sel:\n    CommandLine|contains: 'р'\n  condition: sel\n",
+      "  sel:\n    CommandLine|contains: 'Р'\n  condition: sel\n",
+      "  sel:\n    CommandLine|endswith: 'ÄBC'\n  condition: sel\n",
+      "  sel:\n    CommandLine|contains|cased: 'Äb'\n  condition: sel\n",
+      "  sel:\n    CommandLine: 'x äbc – ü'\n  condition: sel\n",
       "  sel:\n    CommandLine|base64offset|contains: 'abc'\n  condition: sel\n",
       "  sel:\n    CommandLine|re: '^a.c'\n    Image|endswith: '.exe'\n  condition: sel\n",
       "  sel:\n    ParentImage: null\n    CommandLine|contains: ab\n  condition: sel\n",
@@ -119,7 +123,8 @@ TEST(HuntLiteralIndex, AnswersAsSearchingWould) {
                                 "C:\\Wxndows\\Temp\\cad.exe", "d.exe", "x", ""};
   const char* const lines[] = {"a",        "A",        "ab",         "abc",           "ABC",       "aaaa",
                                "aa",       "xabcx zz", "cmd.exe /c", "d.exe",         "evil",      "r\xD1\x80r",
-                               "p\xD1\x80", "YWJj",     "zzabc",      "/c whoami -c ", ("x \xE2\x80\x93" "c "), ""};
+                               "p\xD1\x80", "YWJj",     "zzabc",      "/c whoami -c ", ("x \xE2\x80\x93" "c "),
+                               "RРR", "xäbc", "XÄBC", "x ÄBc – Ü", "X ÄBC – Ü", ""};
   TEvtxFileWriter writer;
   for (const char* image : images)
     for (const char* line : lines) {

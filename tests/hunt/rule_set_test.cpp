@@ -154,7 +154,21 @@ TEST(SigmaHostileRules, AliasBombIsRefused) {
     bomb += std::string(1, c) + ": &" + c + " [*" + static_cast<char>(c - 1) + ", *" + static_cast<char>(c - 1) + ", *" +
             static_cast<char>(c - 1) + ", *" + static_cast<char>(c - 1) + ", *" + static_cast<char>(c - 1) + "]\n";
   const std::string reason = ReasonOf(bomb + "title: t\n");
-  EXPECT_NE(reason.find("the document expands to more than 200000 nodes"), std::string::npos) << reason;
+  EXPECT_NE(reason.find("the document expands to more than 200000 nodes (aliases used over and over)"),
+            std::string::npos)
+      << reason;
+}
+
+// A list too long for the limit, without an alias, is refused for what it is.
+TEST(SigmaHostileRules, HugeListWithoutAliasesIsRefusedForItsSize) {
+  std::string list = "title: t\nlogsource: {product: windows}\ndetection:\n  sel:\n    CommandLine|contains:\n";
+  for (int i = 0; i < 200'001; ++i) list += "      - v" + std::to_string(i) + "\n";
+  const std::string reason = ReasonOf(list + "  condition: sel\n");
+  EXPECT_NE(reason.find("the document holds more than 200000 nodes (values, lists and maps; a list that long is not "
+                        "supported)"),
+            std::string::npos)
+      << reason;
+  EXPECT_EQ(reason.find("alias"), std::string::npos) << reason;
 }
 
 TEST(SigmaHostileRules, HugeValueIsRefused) {

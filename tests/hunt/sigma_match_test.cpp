@@ -48,6 +48,30 @@ TEST(SigmaWildcards, CaseIsIgnoredUnlessCased) {
   EXPECT_TRUE(Matches(RuleText("  sel:\n    Image|endswith|cased: '\\certutil.exe'\n  condition: sel\n"), kCertutil));
 }
 
+// Letters of other scripts meet their other case too (user names, folders), in every
+// kind of text test; cased still compares bytes.
+TEST(SigmaWildcards, CaseIsIgnoredBeyondAscii) {
+  const TEvtxEventDraft user = ProcessEvent("C:\\Users\\Müller\\Проект\\a.exe", "xäbc Σιγμα Հայ");
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|contains: 'ÄBC'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|contains: 'σΙΓΜΑ'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|endswith: 'հԱՅ'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    Image|startswith: 'C:\\USERS\\MÜLLER\\'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    Image: 'c:\\users\\mÜller\\пРОЕКТ\\A.EXE'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    Image: 'C:\\Users\\MÜ*\\ПРОЕКТ\\a.exe'\n  condition: sel\n"), user));
+  EXPECT_TRUE(Matches(RuleText("  keywords:\n    - 'ÄBC Σ'\n  condition: keywords\n"), user));
+  EXPECT_FALSE(Matches(RuleText("  sel:\n    CommandLine|contains|cased: 'ÄBC'\n  condition: sel\n"), user));
+  EXPECT_FALSE(Matches(RuleText("  sel:\n    CommandLine|contains: 'ÄBD'\n  condition: sel\n"), user));
+}
+
+// Folding keeps every byte in its place: the folded text is as long as the text, and
+// bytes that are no letter, or not well formed, stay as they are.
+TEST(SigmaWildcards, FoldingKeepsLengthAndPlaces) {
+  EXPECT_EQ(hunt::FoldText("AÄПႠＡZ"), "aäпⴀａz");
+  // capital I with dot (its small letter is shorter), an overlong form, cut sequences, an emoji
+  for (const std::string_view kept : {"İ", "\xE0\x83\x84", "\xC3", "\x84\xC3", "😀"})
+    EXPECT_EQ(hunt::FoldText(kept), kept);
+}
+
 TEST(SigmaNull, NullIsAbsentOrEmptyAndEmptyIsEmpty) {
   EXPECT_TRUE(Matches(RuleText("  sel:\n    OriginalFileName: null\n  condition: sel\n"), kCertutil)); // empty
   EXPECT_TRUE(Matches(RuleText("  sel:\n    Company: null\n  condition: sel\n"), kCertutil));          // absent
@@ -86,6 +110,50 @@ TEST(SigmaModifiers, Windash) {
   EXPECT_TRUE(Matches(rule, ProcessEvent("C:\\certutil.exe", "certutil /urlcache /f x")));
   EXPECT_TRUE(Matches(rule, ProcessEvent("C:\\certutil.exe", "certutil \xE2\x80\x93urlcache x"))); // en dash
   EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\certutil.exe", "certutil urlcache x")));
+}
+
+// Each dash of a value takes every form by itself: a command line may mix them.
+TEST(SigmaModifiers, WindashMixesDashes) {
+  const std::string rule = RuleText("  sel:\n    CommandLine|windash|contains: ' -s -i cmd'\n  condition: sel\n");
+  for (const char* line : {"psexec.exe -accepteula -s -i cmd.exe", "psexec.exe /accepteula /s /i cmd.exe",
+                           "psexec.exe -accepteula /s -i cmd.exe", "psexec.exe -accepteula -s /i cmd.exe",
+                           "psexec.exe \xE2\x80\x94s \xE2\x80\x95i cmd.exe", "psexec.exe /s \xE2\x80\x93i cmd.exe"})
+    EXPECT_TRUE(Matches(rule, ProcessEvent("C:\\PsExec.exe", line))) << line;
+  EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\PsExec.exe", "psexec.exe -i -s cmd.exe")));
+  EXPECT_FALSE(Matches(rule, ProcessEvent("C:\\PsExec.exe", "psexec.exe s -i cmd.exe")));
+}
+
+// With all, every listed value must match in one of its forms, not every form of it.
+TEST(SigmaModifiers, AllOverValuesOfSeveralForms) {
+  const std::string dashes =
+      RuleText("  sel:\n    CommandLine|windash|contains|all:\n      - ' -s '\n      - ' -i '\n  condition: sel\n");
+  EXPECT_TRUE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec -s -i cmd")));
+  EXPECT_TRUE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec /i /s cmd")));
+  EXPECT_TRUE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec -i /s cmd")));
+  EXPECT_FALSE(Matches(dashes, ProcessEvent("C:\\PsExec.exe", "psexec -s cmd")));
+  // A value of one form beside values of several.
+  const std::string mixed = RuleText(
+      "  sel:\n    CommandLine|windash|contains|all:\n      - ' -s '\n      - 'cmd'\n  condition: sel\n");
+  EXPECT_TRUE(Matches(mixed, ProcessEvent("C:\\PsExec.exe", "psexec /s cmd")));
+  EXPECT_FALSE(Matches(mixed, ProcessEvent("C:\\PsExec.exe", "psexec /s pwsh")));
+  const std::string encoded = RuleText(
+      "  sel:\n    CommandLine|base64offset|contains|all:\n      - 'Invoke-Mimikatz'\n      - 'DumpCreds'\n"
+      "  condition: sel\n");
+  EXPECT_TRUE(Matches(encoded, ProcessEvent("C:\\x.exe", "-enc SW52b2tlLU1pbWlrYXR6IC1EdW1wQ3JlZHM=")));
+  EXPECT_FALSE(Matches(encoded, ProcessEvent("C:\\x.exe", "-enc SW52b2tlLU1pbWlrYXR6IC1Gb28=")));
+}
+
+// Five dashes make 3125 forms; six would make 15625, past the limit of 4096: the rule is
+// refused with the reason, not cut short.
+TEST(SigmaModifiers, WindashFormsAreBounded) {
+  EXPECT_TRUE(Matches(RuleText("  sel:\n    CommandLine|windash|contains: '-a -b -c -d -e'\n  condition: sel\n"),
+                      ProcessEvent("C:\\x.exe", "x.exe /a -b \xE2\x80\x93" "c /d -e")));
+  const THuntOutcome outcome =
+      Hunt({RuleText("  sel:\n    CommandLine|windash|contains: '-a -b -c -d -e -f'\n  condition: sel\n")},
+           {ProcessEvent("C:\\x.exe", "x.exe -a -b -c -d -e -f")});
+  ASSERT_EQ(outcome.Unusable.size(), 1u);
+  EXPECT_NE(outcome.Unusable[0].Reason.find("windash makes too many forms of a value"), std::string::npos)
+      << outcome.Unusable[0].Reason;
 }
 
 TEST(SigmaModifiers, Cidr) {
