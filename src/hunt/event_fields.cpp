@@ -3,41 +3,12 @@
 #include "engine/event_xml.h"
 #include "hunt/sigma_rule.h"
 #include "platform/byte_reader.h"
+#include "platform/file_names.h"
 
 #include <array>
 #include <cstring>
 
 namespace qvx::hunt {
-
-char32_t FoldCodePoint(char32_t c) {
-  auto pairEven = [c](char32_t AFirst, char32_t ALast) {
-    return c >= AFirst && c <= ALast && (c - AFirst) % 2 == 0;
-  };
-  if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + 0x20 : c;
-  if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 0x20;
-  if (c == 0x178) return 0xFF;
-  // (U+0130, capital I with dot, is left: its small letter is one byte shorter.)
-  if (pairEven(0x100, 0x12F) || pairEven(0x132, 0x137) || pairEven(0x139, 0x148) || pairEven(0x14A, 0x177) ||
-      pairEven(0x179, 0x17E) || pairEven(0x1CD, 0x1DC) || pairEven(0x1DE, 0x1EF) || pairEven(0x1F8, 0x21F) ||
-      pairEven(0x222, 0x233) || pairEven(0x3D8, 0x3EF) || pairEven(0x460, 0x481) || pairEven(0x48A, 0x4BF) ||
-      pairEven(0x4C1, 0x4CE) || pairEven(0x4D0, 0x52F) || pairEven(0x1E00, 0x1E95) || pairEven(0x1EA0, 0x1EFF))
-    return c + 1;
-  if (c >= 0x391 && c <= 0x3AB && c != 0x3A2) return c + 0x20;
-  if (c == 0x386) return 0x3AC;
-  if (c >= 0x388 && c <= 0x38A) return c + 0x25;
-  if (c == 0x38C) return 0x3CC;
-  if (c == 0x38E || c == 0x38F) return c + 0x3F;
-  if (c >= 0x400 && c <= 0x40F) return c + 0x50;
-  if (c >= 0x410 && c <= 0x42F) return c + 0x20;
-  if (c == 0x4C0) return 0x4CF;
-  if (c >= 0x531 && c <= 0x556) return c + 0x30;
-  if (c >= 0x10A0 && c <= 0x10C5) return c + 0x1C60;
-  if (c >= 0x1F08 && c <= 0x1F6F && (c & 0xF) >= 8) return c - 8; // Greek with accents
-  if (c >= 0x2160 && c <= 0x216F) return c + 0x10;                 // Roman numerals
-  if (c >= 0x24B6 && c <= 0x24CF) return c + 0x1A;                 // circled letters
-  if (c >= 0xFF21 && c <= 0xFF3A) return c + 0x20;                 // full-width Latin
-  return c;
-}
 
 void AppendFolded(std::string& AOut, std::string_view AText) {
   const size_t size = AText.size();

@@ -44,11 +44,7 @@ inline uint32_t GramHash(uint32_t AFourBytes) {
 inline char FoldChar(char AChar) {
   return AChar >= 'A' && AChar <= 'Z' ? static_cast<char>(AChar + 32) : AChar;
 }
-// The small letter of a capital whose two cases pair one to one and take as many UTF-8
-// bytes (ASCII, Latin with its extensions, Greek, Cyrillic, Armenian, Georgian, the
-// full-width forms, ...); any other code point unchanged.
-char32_t FoldCodePoint(char32_t ACodePoint);
-// Appends AText (UTF-8) folded with FoldCodePoint: exactly as many bytes, each letter in
+// Appends AText (UTF-8) folded with FoldCodePoint (platform/file_names.h): exactly as many bytes, each letter in
 // the place it had, so a match found in the folded text is at the same place in the
 // text. A byte that is not part of a well-formed sequence is kept.
 void AppendFolded(std::string& AOut, std::string_view AText);

@@ -33,16 +33,11 @@ std::string NativeSeparators(std::string_view APath) {
   return path;
 }
 
-namespace {
-
-// The small letter of a capital in the scripts file names are written in (Latin with its
-// extensions, Greek, Cyrillic, Armenian, Georgian, the full-width forms); any other code
-// point unchanged. One to one, as a file system compares names: no letter becomes two.
-char32_t SmallLetter(char32_t c) {
+char32_t FoldCodePoint(char32_t c) {
   auto pairEven = [c](char32_t AFirst, char32_t ALast) { return c >= AFirst && c <= ALast && (c - AFirst) % 2 == 0; };
   if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + 0x20 : c;
   if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return c + 0x20;
-  if (c == 0x130) return 'i'; // capital I with dot
+  // (U+0130, capital I with dot, is left: its small letter is a byte shorter.)
   if (c == 0x178) return 0xFF;
   if (pairEven(0x100, 0x12F) || pairEven(0x132, 0x137) || pairEven(0x139, 0x148) || pairEven(0x14A, 0x177) ||
       pairEven(0x179, 0x17E) || pairEven(0x1CD, 0x1DC) || pairEven(0x1DE, 0x1EF) || pairEven(0x1F8, 0x21F) ||
@@ -66,8 +61,6 @@ char32_t SmallLetter(char32_t c) {
   return c;
 }
 
-} // namespace
-
 std::string FoldCase(std::string_view AName) {
   std::string folded;
   folded.reserve(AName.size());
@@ -86,7 +79,7 @@ std::string FoldCase(std::string_view AName) {
       ++i;
       continue;
     }
-    AppendUtf8(folded, SmallLetter(static_cast<char32_t>(cp)));
+    AppendUtf8(folded, FoldCodePoint(static_cast<char32_t>(cp)));
     i += length;
   }
   return folded;

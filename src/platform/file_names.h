@@ -74,7 +74,12 @@ private:
 
 // APath with every "\" turned into the platform's separator (on Windows, "/" into "\").
 std::string NativeSeparators(std::string_view APath);
-// The name folded for comparisons that ignore case (UTF-8 in and out).
+// The small letter of a capital whose two cases pair one to one and take as many UTF-8
+// bytes (ASCII, Latin with its extensions, Greek, Cyrillic, Armenian, Georgian, the
+// full-width forms, ...); any other code point unchanged. No letter becomes two, as a
+// file system compares names.
+char32_t FoldCodePoint(char32_t ACodePoint);
+// The name folded for comparisons that ignore case (UTF-8 in and out; malformed bytes kept).
 std::string FoldCase(std::string_view AName);
 // The value of the process's environment variable AName as UTF-8 (on Windows read as
 // UTF-16, whatever the code page); "" when it is not set.
