@@ -11,6 +11,7 @@
 #include "engine/evtx/chunk_reader.h"
 #include "engine/event_xml.h"
 #include "engine/record_fields.h"
+#include "images/evidence_image.h"
 #include "platform/nt_exception.h"
 #include "platform/raw_file.h"
 #include "platform/worker_thread.h"
@@ -841,6 +842,10 @@ private:
   }
 
   void ReportIssues(TIssueList& AIssues, const std::string& APath) {
+    // What the reads met in the media data of disk images (E01 chunks that fail their
+    // checksum, a segment file missing), also with --quiet: the evidence itself is at fault.
+    for (const std::string& warning : TEvidenceImage::TakeWarnings())
+      std::fprintf(FErr, "quorvex: warning: %s\n", warning.c_str());
     if (FOptions.Quiet || AIssues.IssueCount() == 0) return;
     std::fprintf(FErr, "%s: %d problem%s met while reading (quorvex events lists them)\n", APath.c_str(),
                  AIssues.IssueCount(), AIssues.IssueCount() == 1 ? "" : "s");

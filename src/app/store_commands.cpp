@@ -16,6 +16,7 @@
 #include "engine/event_log_binxml.h"
 #include "catalog/message_catalog.h"
 #include "imaged/imaged_pc.h"
+#include "images/evidence_image.h"
 #include "images/image_error.h"
 #include "view/detection_store.h"
 #include "view/evt_lite_adaptor.h"
@@ -366,6 +367,14 @@ int LoadStore(const TStoreOptions& AOptions, TEvtLiteAdaptor& AStore, std::vecto
   for (size_t i = 0; i < AEntries.size() && i < view.Entries.Count(); ++i)
     AEntries[i].Entry = view.Entries.GetItem(i);
 
+  // What the reads met in the media data of disk images (E01 chunks that fail their
+  // checksum, a segment file missing): among the issues, or alone with --quiet.
+  for (std::string& warning : TEvidenceImage::TakeWarnings()) {
+    if (AOptions.Quiet)
+      std::fprintf(AErr, "quorvex: warning: %s\n", warning.c_str());
+    else
+      view.Issues.push_back(std::move(warning));
+  }
   int status = view.Errors.empty() ? 0 : 1;
   if (!AOptions.Quiet) {
     const double rate = seconds > 0 ? static_cast<double>(view.EventsLoaded) / seconds : 0;

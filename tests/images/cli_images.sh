@@ -236,6 +236,11 @@ EOF_PY
   err=$("$QVX" scan -q -f csv "$tmp/flip.E01" 2>&1 >/dev/null)
   check ewf-checksum-quiet test "$(grep -c "^quorvex: warning: $bad$" <<<"$err")" -eq 1
   check ewf-checksum-reads test "$("$QVX" events -q -f csv --tz UTC "$tmp/flip.E01::/Windows/System32/winevt/Logs/System.evtx")" = "$want_sys"
+  # Loading into a store or hunting over the image says so too, whatever the reads met.
+  err=$("$QVX" open "$tmp/flip.E01" --scan -s "$tmp/flip.db" 2>&1 >/dev/null)
+  check ewf-checksum-open test "$(grep -c "^  issue: $bad$" <<<"$err")" -eq 1
+  err=$("$QVX" hunt -r "$tmp/every.yml" --scan -q "$tmp/flip.E01" 2>&1 >/dev/null)
+  check ewf-checksum-hunt test "$(grep -c "^quorvex: warning: $bad$" <<<"$err")" -eq 1
 fi
 mkdir -p "$tmp/pieces"
 split -b 8M -d -a 3 --numeric-suffixes=1 "$tmp/mbr.raw" "$tmp/pieces/disk."
